@@ -1,0 +1,69 @@
+# SPDX-License-Identifier: Apache-2.0
+# What every room of the house is built with, and the three functions its CMakeLists.txt files use.
+
+find_package(Threads REQUIRED)
+find_package(fmt REQUIRED)
+find_package(spdlog REQUIRED)
+find_package(nlohmann_json REQUIRED)
+find_package(CLI11 REQUIRED)
+find_package(Boost 1.81 REQUIRED)
+find_path(JUDY_INCLUDE_DIR Judy.h REQUIRED)
+find_library(JUDY_LIBRARY Judy REQUIRED)
+find_path(XXHASH_INCLUDE_DIR xxhash.h REQUIRED)
+
+add_library(vantrel_flags INTERFACE)
+target_compile_options(vantrel_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
+  -Wold-style-cast -Woverloaded-virtual -Wconversion -Wno-sign-conversion -Werror)
+target_include_directories(vantrel_flags INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/platform)
+# Libraries of others are system headers: their warnings are not ours.
+target_include_directories(vantrel_flags SYSTEM INTERFACE ${JUDY_INCLUDE_DIR} ${XXHASH_INCLUDE_DIR})
+target_link_libraries(vantrel_flags INTERFACE Threads::Threads Boost::headers fmt::fmt spdlog::spdlog
+  nlohmann_json::nlohmann_json ${JUDY_LIBRARY})
+target_compile_definitions(vantrel_flags INTERFACE SPDLOG_FMT_EXTERNAL)
+# Paths in messages are those of the repository, wherever it was built.
+target_compile_options(vantrel_flags INTERFACE -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+if(VANTREL_SANITIZE)
+  target_compile_options(vantrel_flags INTERFACE -fsanitize=${VANTREL_SANITIZE} -fno-omit-frame-pointer
+    -fno-sanitize-recover=all)
+  target_link_options(vantrel_flags INTERFACE -fsanitize=${VANTREL_SANITIZE})
+endif()
+if(VANTREL_COVERAGE)
+  target_compile_options(vantrel_flags INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(vantrel_flags INTERFACE --coverage)
+endif()
+
+# vantrel_room(NAME SOURCES...): an object library of one folder. Its objects go into libvantrel.so and,
+# so that hidden symbols stay testable, straight into the tests.
+set_property(GLOBAL PROPERTY VANTREL_LIBRARY_ROOMS "")
+function(vantrel_room name)
+  add_library(${name} OBJECT ${ARGN})
+  target_link_libraries(${name} PUBLIC vantrel_flags)
+  target_compile_definitions(${name} PRIVATE VANTREL_BUILDING)
+  set_property(GLOBAL APPEND PROPERTY VANTREL_LIBRARY_ROOMS ${name})
+endfunction()
+
+# vantrel_library_rooms(VAR): the object libraries that make up libvantrel.so.
+function(vantrel_library_rooms var)
+  get_property(rooms GLOBAL PROPERTY VANTREL_LIBRARY_ROOMS)
+  set(${var} ${rooms} PARENT_SCOPE)
+endfunction()
+
+# vantrel_test(NAME SOURCES... [LIBS ...] [TIMEOUT s] [LABELS ...]): a GoogleTest program, one ctest entry a program.
+function(vantrel_test name)
+  cmake_parse_arguments(T "" "TIMEOUT" "LIBS;LABELS" ${ARGN})
+  find_package(GTest REQUIRED)
+  add_executable(${name} ${T_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE vantrel_objects ${T_LIBS} GTest::gmock GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE VANTREL_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
+    VANTREL_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+  add_test(NAME ${name} COMMAND ${name})
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 300)
+  endif()
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT})
+  if(T_LABELS)
+    set_tests_properties(${name} PROPERTIES LABELS "${T_LABELS}")
+  endif()
+endfunction()

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+// TimerWheel: one wake-up at an absolute time per notifiee, on the clock of Ostra::now().
+//
+// Invariants: a notifiee has at most one wake-up armed; it is delivered once, not before its time, and in order of time.
+//   Asking again replaces it. A notifiee that goes, is pointed elsewhere or marked for deletion is not woken.
+// Ownership: the wheel refers to its notifiees, they own the reference to the wheel.
+// Threading: the agent's event loop, which calls what the concrete wheel offers (TimerfdWheel, VirtualWheel).
+// Cost: logarithmic in the wake-ups armed.
+#pragma once
+
+#include <optional>
+#include <set>
+#include <utility>
+
+#include "ostra/notifier.h"
+#include "ostra/ptr.h"
+
+namespace Keel {
+
+class VANTREL_API TimerWheel : public Ostra::PtrInterface {
+ public:
+  class VANTREL_API Notifiee : public Ostra::NotifieeBase {
+   public:
+    ~Notifiee() override;
+    virtual void onTime() {}
+
+    Ostra::Ptr<TimerWheel const> const& notifier() const { return wheel_; }
+    // Watches another wheel, or none (null). A wake-up that is armed is dropped.
+    void notifierIs(Ostra::Ptr<TimerWheel const> wheel);
+
+    // The armed wake-up's time in seconds, if any.
+    std::optional<double> timeMin() const { return timeMin_; }
+    // Asks for onTime at `seconds` or as soon after as the loop allows. Does nothing without a wheel.
+    void timeMinIs(double seconds);
+
+   private:
+    friend class TimerWheel;
+    void disarm();
+    Ostra::Ptr<TimerWheel const> wheel_;
+    std::optional<double> timeMin_;
+  };
+
+  ~TimerWheel() override;
+  Ostra::Notifier& notifieeList() const { return notifiees_; }
+  // The earliest armed wake-up, if any.
+  std::optional<double> earliest() const;
+
+ protected:
+  // Delivers every wake-up due at `now`, in order of time; those armed meanwhile for a time that is due too.
+  void deliver(double now);
+  // The earliest wake-up changed.
+  virtual void earliestChanged() const {}
+
+ private:
+  mutable Ostra::Notifier notifiees_;
+  mutable std::set<std::pair<double, Notifiee*>> armed_;
+};
+
+}  // namespace Keel

@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+// The wheel on the kernel's clock: a file descriptor to poll and a dispatch() to call when it is readable.
+//
+// Threading: the loop that polls fd(). The wheel owns no thread.
+// Cost: one timerfd_settime when the earliest wake-up changes.
+#pragma once
+
+#include "keel/timer_wheel.h"
+
+namespace Keel {
+
+class VANTREL_API TimerfdWheel : public TimerWheel {
+ public:
+  // Throws std::system_error when the kernel gives no timer.
+  TimerfdWheel();
+  ~TimerfdWheel() override;
+
+  int fd() const { return fd_; }
+  // Delivers what is due.
+  void dispatch();
+
+ protected:
+  void earliestChanged() const override;
+
+ private:
+  int fd_;
+};
+
+}  // namespace Keel

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+// The wheel of tests and replays: time stands still until it is advanced, and wake-ups fire on the way.
+//
+// Invariants: while it lives it is the framework's clock.
+#pragma once
+
+#include "keel/timer_wheel.h"
+#include "ostra/clock.h"
+
+namespace Keel {
+
+class VANTREL_API VirtualWheel : public TimerWheel, public Ostra::Clock {
+ public:
+  explicit VirtualWheel(double start = 0.0);
+  ~VirtualWheel() override;
+
+  double now() const override { return now_; }
+  // Moves the clock by `seconds`, stopping at each wake-up on the way to deliver it.
+  void advance(double seconds);
+
+ private:
+  double now_;
+  Ostra::Clock const* previous_;
+};
+
+}  // namespace Keel

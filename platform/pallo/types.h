@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
+// The integer names of the records, and the export mark of public symbols.
+#pragma once
+
+#include <cstdint>
+
+using U8 = std::uint8_t;
+using U16 = std::uint16_t;
+using U32 = std::uint32_t;
+using U64 = std::uint64_t;
+
+// Everything is hidden unless it carries this mark.
+#define VANTREL_API __attribute__((visibility("default")))

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+// The two tables between producer and engine, and how their records lie in them.
+//
+// Image of an EntryConfig, 616 bytes, host byte order (x86-64: little-endian):
+//   0 key 8 | 8 opId 8 | 16 hdl 4 | 20 pg 2 | 22 flags 2 | 24 prio 4 | 28 tableIndex count 4 | 32 tableIndex 17 x 4
+//   100 data count 4 | 104 data 64 x 8
+// Bit 0 of flags is the delete marker; the other bits are zero. Elements beyond a count are zero.
+// Image of an EntryStatus, 16 bytes: 0 key 8 | 8 opId 8.
+#pragma once
+
+#include <string_view>
+
+#include "shoal/table.h"
+#include "vantrel/core/entry.h"
+
+namespace Shoal {
+
+template <>
+struct RecordTraits<Vantrel::EntryConfig> {
+  using Key = Vantrel::EntryKey;
+  static constexpr std::string_view typeName = "EntryConfig";
+  static constexpr U32 version = 1;
+  static constexpr std::size_t bytes = 616;
+  static Key key(Vantrel::EntryConfig const& r) { return r.key(); }
+  static Vantrel::EntryConfig empty() { return {}; }
+  static VANTREL_API void encode(Vantrel::EntryConfig const& record, std::byte* image);
+  static VANTREL_API Vantrel::EntryConfig decode(std::byte const* image);
+};
+
+template <>
+struct RecordTraits<Vantrel::EntryStatus> {
+  using Key = Vantrel::EntryKey;
+  static constexpr std::string_view typeName = "EntryStatus";
+  static constexpr U32 version = 1;
+  static constexpr std::size_t bytes = 16;
+  static Key key(Vantrel::EntryStatus const& r) { return r.key(); }
+  static Vantrel::EntryStatus empty() { return {}; }
+  static VANTREL_API void encode(Vantrel::EntryStatus const& record, std::byte* image);
+  static VANTREL_API Vantrel::EntryStatus decode(std::byte const* image);
+};
+
+}  // namespace Shoal
+
+namespace Vantrel {
+
+using TableConfig = Shoal::Table<EntryConfig>;
+using TableStatus = Shoal::Table<EntryStatus>;
+
+// The key's record. Damage is reported to the table and reads as the empty configuration.
+VANTREL_API EntryConfig readEntry(TableConfig const& table, EntryKey const& key);
+
+}  // namespace Vantrel

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+// The two trace channels of the library and its assertions, by the names that the rest of the code uses.
+//
+//   VANTREL_TRACE(vantrelFastImplTrace(), 8, "found ", key);           facility trace: text, when the level is on
+//   VANTREL_RECORD(9, lgId(), "handling key:", key, " hdl:", hdl);     ring-buffer record: the values in binary
+//
+// A record starts with the engine's trace identifier, then text and values take turns. Records are dropped while the
+// trace file is not open.
+//
+// Threading: the agent's thread; the trace file belongs to the process.
+// Cost: either channel switched off is one predictable branch.
+#pragma once
+
+#include "lumelog/lumelog.h"
+#include "ostra/trace.h"
+#include "pallo/assert.h"
+
+namespace Vantrel {
+
+// The facility handles, one a class family, made on first use.
+VANTREL_API Ostra::TraceHandle& vantrelSmTrace();
+VANTREL_API Ostra::TraceHandle& vantrelImplTrace();
+VANTREL_API Ostra::TraceHandle& vantrelFastImplTrace();
+
+// The process's trace file; null until initLg has opened it.
+extern VANTREL_API Lumelog::Log* lg;
+
+// Opens the process's trace file "Quarry-mbb" unless it is open or LUMELOG_DISABLE is set. It lies in LUMELOGDIR, else
+// under its per-process name in the directory that the agent gave Lumelog, else in the current one. A file that cannot
+// be opened is said once on stderr, and the engine runs on without.
+VANTREL_API void initLg();
+
+// Changes the facility levels at run time: sets TRACE to `settings` and reads the environment again.
+VANTREL_API void traceSettingIs(char const* settings);
+
+}  // namespace Vantrel
+
+#define VANTREL_TRACE(handle, level, ...) OSTRA_TRACE(handle, level, __VA_ARGS__)
+
+// A handler's entry: full signature, model file, line, operation.
+#define VANTREL_TRACE_ENTRY(handle, level, model, operation) \
+  OSTRA_TRACE(handle, level, __PRETTY_FUNCTION__, " ", model, ":", __LINE__, " ", operation)
+
+#define VANTREL_RECORD(level, lgId, ...) LUMELOG_RECORD(::Vantrel::lg, level, lgId, __VA_ARGS__)
