@@ -1,3 +1,73 @@
 # SPDX-License-Identifier: Apache-2.0
-# Public headers are listed by the room that owns them (vantrel_public_headers); nothing else is installed.
+# What `make install` puts below its prefix: the shared library, the two programs, a CMake package and a pkg-config file,
+# and the headers that an agent or a producer includes together with everything those include. The list is computed from
+# the #include lines, so that a header that nobody outside can reach is never installed and none is forgotten.
 include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+# The headers that programs outside include; all others follow from them.
+set(entry_headers
+  vantrel/vantrel.h                # an agent
+  platform/keel/timerfd_wheel.h    # the event loop's timer
+  platform/keel/virtual_wheel.h    # the timer of an agent's tests
+  platform/shoal/local_table.h     # tables inside one process
+  platform/shoal/reader_table.h    # tables in a file
+  platform/shoal/writer_table.h
+  producer/producer.h              # a producer
+  hw/recorder.h                    # hardware clients for tests
+  hw/simulated_tcam.h)
+
+# header_closure(VAR HEADERS...): the headers and all that they include, as paths from the repository's root.
+function(header_closure var)
+  set(open ${ARGN})
+  set(closed "")
+  while(open)
+    list(POP_FRONT open header)
+    if(NOT EXISTS ${PROJECT_SOURCE_DIR}/${header})
+      continue()
+    endif()
+    list(APPEND closed ${header})
+    set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${header})
+    file(STRINGS ${PROJECT_SOURCE_DIR}/${header} lines REGEX "^#include \"")
+    foreach(line ${lines})
+      string(REGEX REPLACE "^#include \"([^\"]+)\".*" "\\1" included "${line}")
+      if(EXISTS ${PROJECT_SOURCE_DIR}/platform/${included})
+        set(included platform/${included})
+      endif()
+      if(NOT included IN_LIST closed AND NOT included IN_LIST open)
+        list(APPEND open ${included})
+      endif()
+    endforeach()
+  endwhile()
+  set(${var} ${closed} PARENT_SCOPE)
+endfunction()
+
+set(include_dir ${CMAKE_INSTALL_INCLUDEDIR}/vantrel-${PROJECT_VERSION_MAJOR})
+header_closure(headers ${entry_headers})
+foreach(header ${headers})
+  string(REGEX REPLACE "^platform/" "" installed ${header})
+  cmake_path(GET installed PARENT_PATH folder)
+  install(FILES ${header} DESTINATION ${include_dir}/${folder})
+endforeach()
+
+set(programs "")
+foreach(program vantreld vantrel_command)
+  if(TARGET ${program})
+    list(APPEND programs ${program})
+  endif()
+endforeach()
+file(RELATIVE_PATH library_from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+set_target_properties(libvantrel ${programs} PROPERTIES INSTALL_RPATH "$ORIGIN/${library_from_bin}")
+install(TARGETS libvantrel ${programs})
+# What `make build` builds.
+add_custom_target(programs DEPENDS libvantrel ${programs})
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Vantrel)
+configure_package_config_file(cmake/VantrelConfig.cmake.in ${PROJECT_BINARY_DIR}/VantrelConfig.cmake
+  INSTALL_DESTINATION ${package_dir} PATH_VARS include_dir CMAKE_INSTALL_LIBDIR)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/VantrelConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/VantrelConfig.cmake ${PROJECT_BINARY_DIR}/VantrelConfigVersion.cmake
+  DESTINATION ${package_dir})
+file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(cmake/vantrel.pc.in ${PROJECT_BINARY_DIR}/vantrel.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/vantrel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -50,6 +50,9 @@ function(vantrel_library_rooms var)
 endfunction()
 
 # vantrel_test(NAME SOURCES... [LIBS ...] [TIMEOUT s] [LABELS ...]): a GoogleTest program, one ctest entry a program.
+# Label tsan: has threads or processes that race, and runs under the thread sanitizer too. Label no-sanitize: too slow
+# under the address sanitizer, or measures.
+add_custom_target(tsan_tests)
 function(vantrel_test name)
   cmake_parse_arguments(T "" "TIMEOUT" "LIBS;LABELS" ${ARGN})
   find_package(GTest REQUIRED)
@@ -65,5 +68,8 @@ function(vantrel_test name)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT})
   if(T_LABELS)
     set_tests_properties(${name} PROPERTIES LABELS "${T_LABELS}")
+  endif()
+  if("tsan" IN_LIST T_LABELS)
+    add_dependencies(tsan_tests ${name})
   endif()
 endfunction()

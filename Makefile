@@ -1,0 +1,73 @@
+# SPDX-License-Identifier: Apache-2.0
+# The everyday commands, thin over CMakePresets.json. `make help` lists them.
+.DEFAULT_GOAL := build
+.PHONY: build demo check bench fuzz soak tidy install clean help configured
+
+JOBS ?= $(shell nproc)
+SAY = @printf '==> %s\n'
+CMAKE_ARGS ?=
+configure = cmake --preset $(1) $(CMAKE_ARGS) >/dev/null
+compile = cmake --build --preset $(1) -j $(JOBS)
+
+build: configured ## the library, the agent and the command, optimised, in build/bin and build/lib (the default)
+	$(SAY) "build: library and programs, optimised, in build/"
+	@$(call compile,release) --target programs
+
+configured:
+	@scripts/bootstrap build
+	@$(call configure,release)
+
+demo: build ## an agent under a live rule set, edited under way; RULES=FILE takes any ClassBench file
+	$(SAY) "demo: agent and producer on a temporary directory"
+	@scripts/demo
+
+check: configured ## every test: under the sanitizers first, then optimised
+	$(SAY) "check: optimised build in build/"
+	@$(call compile,release) --target all benches
+	$(SAY) "check: sanitized build in build-asan-ubsan/"
+	@$(call configure,asan-ubsan)
+	@$(call compile,asan-ubsan)
+	$(SAY) "check: tests under address and undefined-behaviour sanitizers"
+	@ctest --preset asan-ubsan -j $(JOBS)
+	$(SAY) "check: thread-sanitized build in build-tsan/, and the tests that use threads"
+	@$(call configure,tsan)
+	@$(call compile,tsan) --target tsan_tests
+	@ctest --preset tsan -j $(JOBS)
+	$(SAY) "check: every test, optimised"
+	@ctest --preset release -j $(JOBS)
+
+bench: ## a table of measurements a group; BENCH_ARGS=--json for one JSON document
+	@echo "==> bench: optimised build in build/" >&2
+	@scripts/bootstrap build bench >&2
+	@$(call configure,release)
+	@$(call compile,release) --target benches >&2
+	@scripts/bench $(BENCH_ARGS)
+
+fuzz: ## each fuzz target for FUZZ_SECONDS (60), clang and libFuzzer
+	$(SAY) "fuzz: clang build in build-fuzz/"
+	@scripts/bootstrap build fuzz
+	@$(call configure,fuzz)
+	@$(call compile,fuzz)
+	@scripts/fuzz
+
+soak: build ## a long churn of the same keys for SOAK_MINUTES (10): order, acknowledgements and memory are watched
+	$(SAY) "soak: churning"
+	@scripts/soak
+
+tidy: ## clang-tidy over every file
+	$(SAY) "tidy: build with clang-tidy in build-tidy/"
+	@scripts/bootstrap build tidy
+	@$(call configure,tidy)
+	@$(call compile,tidy)
+
+PREFIX ?= /usr/local
+install: build ## library, public headers and executables below DESTDIR/PREFIX (/usr/local)
+	$(SAY) "install: into $(DESTDIR)$(PREFIX)"
+	@DESTDIR=$(DESTDIR) cmake --install build --prefix $(PREFIX)
+
+clean: ## removes every build directory of the presets
+	$(SAY) "clean: removing build/ and the other presets' directories"
+	@rm -rf build build-debug build-asan-ubsan build-tsan build-coverage build-fuzz build-tidy
+
+help: ## this list
+	@awk -F ':.*## ' '/^[a-z]+:.*## / { printf "  make %-8s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)
