@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 #include "ostra/notifier.h"
 #include "ostra/ptr.h"
@@ -42,7 +43,8 @@ class VANTREL_API Entity : public Described {
  protected:
   // Stores `value` in `slot` and tells `watchers`, when it differs.
   template <class T, class Handler>
-  void scalarIs(Notifier& watchers, std::string_view name, T& slot, std::type_identity_t<T> value, Handler handler) {
+  void scalarIs(Notifier& watchers, std::string_view name, T& slot, std::type_identity_t<T> value,
+                Handler handler) {
     if (slot == value) return;
     slot = value;
     tell(watchers, name, handler);
@@ -64,7 +66,8 @@ class VANTREL_API Entity : public Described {
   }
   // Returns the removed value, or the zero value when there was none.
   template <class Collection, class Handler>
-  auto memberDel(std::string_view name, Collection& collection, typename Collection::key_type key, Handler handler) {
+  auto memberDel(std::string_view name, Collection& collection, typename Collection::key_type key,
+                 Handler handler) {
     using V = typename Collection::mapped_type;
     auto const at = collection.find(key);
     if (at == collection.end()) return V{};
@@ -73,10 +76,17 @@ class VANTREL_API Entity : public Described {
     tellMember(name, key, handler);
     return value;
   }
-  // One by one, so that each removal is told.
+  // One by one, so that each removal is told. The keys are copied first: a watcher may change the collection,
+  // and some hash maps look for their first member from the beginning each time.
   template <class Collection, class Handler>
   void membersDelAll(std::string_view name, Collection& collection, Handler handler) {
-    while (!collection.empty()) memberDel(name, collection, collection.begin()->first, handler);
+    std::vector<typename Collection::key_type> keys;
+    while (!collection.empty()) {
+      keys.clear();
+      keys.reserve(collection.size());
+      for (auto const& member : collection) keys.push_back(member.first);
+      for (auto const& key : keys) memberDel(name, collection, key, handler);
+    }
   }
 
  private:
@@ -113,7 +123,8 @@ class VANTREL_API AttributeWatcher : public NotifieeBase {
 template <class Handler>
 void Entity::tell(Notifier& watchers, std::string_view name, Handler handler) {
   if (watchers.empty() && attributeWatchers_.empty()) return;
-  Ptr<PtrInterface const> const keep = references() ? this : nullptr;  // a handler may drop the last reference
+  Ptr<PtrInterface const> const keep =
+      references() ? this : nullptr;  // a handler may drop the last reference
   watchers.notify(handler);
   attributeWatchers_.notify(&AttributeWatcher::onAttribute, name);
 }
@@ -124,7 +135,8 @@ void Entity::tellMember(std::string_view name, K const& key, Handler handler) {
   Ptr<PtrInterface const> const keep = references() ? this : nullptr;
   K const told = key;  // the member may go while it is told
   notifiees_.notify(handler, told);
-  if (!attributeWatchers_.empty()) attributeWatchers_.notify(&AttributeWatcher::onMember, name, ValueOf<K>::to(told));
+  if (!attributeWatchers_.empty())
+    attributeWatchers_.notify(&AttributeWatcher::onMember, name, ValueOf<K>::to(told));
 }
 
 }  // namespace Ostra

@@ -20,7 +20,8 @@ std::string toText(Value const& value) {
 
 namespace Detail {
 void throwWrongType(std::string_view attribute, std::string_view expected, Value const& got) {
-  throw AttributeException(fmt::format("{} expects a value of type {}, got {}", attribute, expected, toText(got)));
+  throw AttributeException(
+      fmt::format("{} expects a value of type {}, got {}", attribute, expected, toText(got)));
 }
 void throwArgumentCount(std::string_view operation, std::size_t expected, std::size_t got) {
   throw AttributeException(fmt::format("{} takes {} arguments, got {}", operation, expected, got));
@@ -47,6 +48,13 @@ Attribute const& TypeInfo::at(std::string_view name) const {
   throw AttributeException(fmt::format("{} has no attribute \"{}\"; it has: {}", name_, name, known));
 }
 
+Attribute const& TypeInfo::collectionAt(std::string_view name) const {
+  Attribute const& a = at(name);
+  if (a.kind != AttributeKind::Collection)
+    throw AttributeException(fmt::format("{} of {} is not a collection", name, name_));
+  return a;
+}
+
 Value TypeInfo::read(PtrInterface const& object, std::string_view name) const {
   Attribute const& a = at(name);
   if (!a.read) throw AttributeException(fmt::format("{} of {} is not a scalar attribute", name, name_));
@@ -56,19 +64,49 @@ Value TypeInfo::read(PtrInterface const& object, std::string_view name) const {
 void TypeInfo::write(PtrInterface& object, std::string_view name, Value const& value) const {
   Attribute const& a = at(name);
   if (!a.write) throw AttributeException(fmt::format("{} of {} cannot be written", name, name_));
-  if (a.refusal)
-    if (std::string const why = a.refusal(object); !why.empty())
-      throw AttributeException(fmt::format("{} of {} cannot be written: {}", name, name_, why));
   a.write(object, value);
 }
 
-Members TypeInfo::members(PtrInterface const& object, std::string_view name) const {
+void TypeInfo::checkOutsider(PtrInterface const& object, std::string_view name) const {
   Attribute const& a = at(name);
-  if (!a.members) throw AttributeException(fmt::format("{} of {} is not a collection", name, name_));
-  return a.members(object);
+  std::string const why = a.refusal ? a.refusal(object) : std::string();
+  if (!why.empty()) throw AttributeException(fmt::format("{} of {} cannot be written: {}", name, name_, why));
 }
 
-void TypeInfo::invoke(PtrInterface& object, std::string_view name, std::vector<Value> const& arguments) const {
+void TypeInfo::writeFromOutside(PtrInterface& object, std::string_view name, Value const& value) const {
+  checkOutsider(object, name);
+  write(object, name, value);
+}
+
+Members TypeInfo::members(PtrInterface const& object, std::string_view name) const {
+  return collectionAt(name).members(object);
+}
+
+void TypeInfo::membersFrom(PtrInterface const& object, std::string_view name, MemberCursor& cursor,
+                           std::size_t atMost, Members& out) const {
+  collectionAt(name).membersFrom(object, cursor, atMost, out);
+}
+
+std::optional<Value> TypeInfo::member(PtrInterface const& object, std::string_view name,
+                                      Value const& key) const {
+  return collectionAt(name).member(object, key);
+}
+
+void TypeInfo::memberIs(PtrInterface& object, std::string_view name, Value const& key,
+                        Value const& value) const {
+  Attribute const& a = collectionAt(name);
+  if (!a.memberIs) throw AttributeException(fmt::format("{} of {} cannot be written", name, name_));
+  a.memberIs(object, key, value);
+}
+
+void TypeInfo::memberDel(PtrInterface& object, std::string_view name, Value const& key) const {
+  Attribute const& a = collectionAt(name);
+  if (!a.memberDel) throw AttributeException(fmt::format("{} of {} cannot be written", name, name_));
+  a.memberDel(object, key);
+}
+
+void TypeInfo::invoke(PtrInterface& object, std::string_view name,
+                      std::vector<Value> const& arguments) const {
   Attribute const& a = at(name);
   if (!a.invoke) throw AttributeException(fmt::format("{} of {} cannot be invoked", name, name_));
   a.invoke(object, arguments);

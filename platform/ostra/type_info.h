@@ -7,14 +7,20 @@
 //     return type;
 //   }
 //
-// Errors: a wrong name, a value of the wrong type and a write to what cannot be written throw AttributeException, whose
+// Errors: a wrong name, a value of the wrong type and a write to what cannot be written throw
+// AttributeException, whose
 //   text names the class, the attribute, what was expected and what came.
 // Threading: tables are built once and only read.
+// Cost: a name is found by a linear search of its class. A collection is walked in slices (membersFrom) at
+// one step a
+//   member, whatever happens to it between two slices.
 #pragma once
 
 #include <concepts>
 #include <functional>
 #include <limits>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -49,8 +55,10 @@ struct ValueOf<bool> {
 };
 template <std::unsigned_integral T>
 struct ValueOf<T> {
-  static constexpr std::string_view name =
-      sizeof(T) == 1 ? "U8" : sizeof(T) == 2 ? "U16" : sizeof(T) == 4 ? "U32" : "U64";
+  static constexpr std::string_view name = sizeof(T) == 1   ? "U8"
+                                           : sizeof(T) == 2 ? "U16"
+                                           : sizeof(T) == 4 ? "U32"
+                                                            : "U64";
   static Value to(T v) { return U64{v}; }
   static bool from(Value const& v, T& out) {
     auto const* p = std::get_if<U64>(&v);
@@ -80,10 +88,10 @@ struct ValueOf<std::string> {
 };
 // Strong 64-bit types (keys, operation identifiers) travel as their value.
 template <class T>
-  requires requires(T const& t) {
-    { t.value() } -> std::same_as<U64>;
-    T{U64{}};
-  }
+requires requires(T const& t) {
+  { t.value() } -> std::same_as<U64>;
+  T{U64{}};
+}
 struct ValueOf<T> {
   static constexpr std::string_view name = "U64";
   static Value to(T const& v) { return v.value(); }
@@ -93,18 +101,46 @@ struct ValueOf<T> {
   }
 };
 
+// Enumerations travel as their number.
+template <class T>
+requires std::is_enum_v<T>
+struct ValueOf<T> {
+  using Number = std::make_unsigned_t<std::underlying_type_t<T>>;
+  static constexpr std::string_view name = ValueOf<Number>::name;
+  static Value to(T v) { return U64{static_cast<Number>(v)}; }
+  static bool from(Value const& v, T& out) {
+    Number n{};
+    return ValueOf<Number>::from(v, n) && (out = static_cast<T>(n), true);
+  }
+};
+
 enum class AttributeKind { Scalar, Collection, Operation };
+
+// Where a walk of a collection stands between two slices.
+struct MemberCursor {
+  Value last;       // ordered collections: the key told last
+  U64 bucket = 0;   // hashed ones: the bucket to be told next; others: the number of the key
+  U64 buckets = 0;  // how many buckets there were; another number means that every member has moved
+  std::shared_ptr<void const> keys;  // others: the keys at the beginning
+  bool begun = false;                // something was told before
+  bool done = false;
+};
 
 // One name of a class. Functions that a kind does not have, or that the name does not allow, are empty.
 struct Attribute {
   std::string name;
   AttributeKind kind;
-  std::string type;  // the scalar's type, "K -> V" of a collection, "()" of an operation
+  std::string type;  // the scalar's type, "K -> V" of a collection, "(T, ...)" of an operation
   std::function<Value(PtrInterface const&)> read;
   std::function<void(PtrInterface&, Value const&)> write;
   std::function<Members(PtrInterface const&)> members;
+  std::function<void(PtrInterface const&, MemberCursor&, std::size_t, Members&)> membersFrom;
+  std::function<std::optional<Value>(PtrInterface const&, Value const&)> member;
+  std::function<void(PtrInterface&, Value const&, Value const&)> memberIs;
+  std::function<void(PtrInterface&, Value const&)> memberDel;
   std::function<void(PtrInterface&, std::vector<Value> const&)> invoke;
-  std::function<std::string(PtrInterface const&)> refusal;  // why a write is not allowed now; empty text: it is
+  // Why outsiders may not write it now (empty text: they may). The process itself may always.
+  std::function<std::string(PtrInterface const&)> refusal;
 };
 
 class VANTREL_API TypeInfo {
@@ -126,12 +162,28 @@ class VANTREL_API TypeInfo {
 
   Value read(PtrInterface const& object, std::string_view name) const;
   void write(PtrInterface& object, std::string_view name, Value const& value) const;
+
   Members members(PtrInterface const& object, std::string_view name) const;
+  // Appends the next members, about `atMost` of them, and moves the cursor. A member that stays while the
+  // walk lasts is told at least once; one that comes or goes meanwhile may be told or not.
+  void membersFrom(PtrInterface const& object, std::string_view name, MemberCursor& cursor,
+                   std::size_t atMost, Members& out) const;
+  // Nothing when the key is not there.
+  std::optional<Value> member(PtrInterface const& object, std::string_view name, Value const& key) const;
+  void memberIs(PtrInterface& object, std::string_view name, Value const& key, Value const& value) const;
+  void memberDel(PtrInterface& object, std::string_view name, Value const& key) const;
+
   void invoke(PtrInterface& object, std::string_view name, std::vector<Value> const& arguments = {}) const;
+
+  // Throws with the reason when someone outside the process may not write the attribute now.
+  void checkOutsider(PtrInterface const& object, std::string_view name) const;
+  // write on behalf of someone outside the process: refusals hold.
+  void writeFromOutside(PtrInterface& object, std::string_view name, Value const& value) const;
 
  private:
   TypeInfo(std::string name, TypeInfo const* base) : name_(std::move(name)), base_(base) {}
   Attribute const* find(std::string_view name) const;
+  Attribute const& collectionAt(std::string_view name) const;
 
   std::string name_;
   TypeInfo const* base_;
@@ -139,14 +191,93 @@ class VANTREL_API TypeInfo {
 };
 
 namespace Detail {
-[[noreturn]] VANTREL_API void throwWrongType(std::string_view attribute, std::string_view expected, Value const& got);
-[[noreturn]] VANTREL_API void throwArgumentCount(std::string_view operation, std::size_t expected, std::size_t got);
+[[noreturn]] VANTREL_API void throwWrongType(std::string_view attribute, std::string_view expected,
+                                             Value const& got);
+[[noreturn]] VANTREL_API void throwArgumentCount(std::string_view operation, std::size_t expected,
+                                                 std::size_t got);
 
 template <class T>
 T fromValue(std::string_view attribute, Value const& value) {
   std::conditional_t<std::is_default_constructible_v<T>, T, U64> out{};
   if (!ValueOf<T>::from(value, out)) throwWrongType(attribute, ValueOf<T>::name, value);
   return out;
+}
+
+// "(U32, text)"
+template <class... Params>
+std::string signature() {
+  std::string text = "(";
+  ((text += (text.size() > 1 ? ", " : "") + std::string(ValueOf<std::remove_cvref_t<Params>>::name)), ...);
+  return text + ")";
+}
+
+template <class M>
+using KeyOf = std::remove_cvref_t<decltype(std::declval<M const&>().begin()->first)>;
+template <class M>
+using MappedOf = std::remove_cvref_t<decltype(std::declval<M const&>().begin()->second)>;
+
+template <class M, class I>
+void tellPair(I const& at, Members& out) {
+  out.emplace_back(ValueOf<KeyOf<M>>::to(at->first), ValueOf<MappedOf<M>>::to(at->second));
+}
+
+// A bucket is told whole, and empty ones count as a fraction of a member, so that a slice of a sparse map
+// ends too.
+template <class M>
+void hashedFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
+  if (cursor.buckets != map.bucket_count()) cursor = {{}, 0, map.bucket_count(), true, false};
+  U64 const stop = cursor.bucket + 16 * atMost;
+  std::size_t const enough = out.size() + atMost;
+  for (; cursor.bucket < cursor.buckets && cursor.bucket < stop && out.size() < enough; ++cursor.bucket)
+    for (auto at = map.begin(cursor.bucket), end = map.end(cursor.bucket); at != end; ++at)
+      tellPair<M>(at, out);
+  cursor.done = cursor.bucket >= cursor.buckets;
+}
+
+template <class M>
+void orderedFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
+  auto at = cursor.begun ? map.upper_bound(fromValue<KeyOf<M>>("key", cursor.last)) : map.begin();
+  for (; at != map.end() && atMost-- > 0; ++at) {
+    tellPair<M>(at, out);
+    cursor.last = out.back().first;
+    cursor.begun = true;
+  }
+  cursor.done = at == map.end();
+}
+
+// Maps that offer neither order nor buckets: their keys are copied when the walk begins.
+template <class M>
+void copiedFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
+  using Keys = std::vector<KeyOf<M>>;
+  if (!cursor.keys) {
+    auto keys = std::make_shared<Keys>();
+    keys->reserve(map.size());
+    for (auto at = map.begin(); at != map.end(); ++at) keys->push_back(at->first);
+    cursor.keys = std::move(keys);
+  }
+  Keys const& keys = *static_cast<Keys const*>(cursor.keys.get());
+  for (; cursor.bucket < keys.size() && atMost-- > 0; ++cursor.bucket)
+    if (auto const at = map.find(keys[cursor.bucket]); at != map.end()) tellPair<M>(at, out);
+  cursor.done = cursor.bucket >= keys.size();
+  if (cursor.done) cursor.keys.reset();
+}
+
+template <class M>
+void membersFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
+  if constexpr (requires { map.begin(map.bucket_count()); })
+    hashedFrom(map, cursor, atMost, out);
+  else if constexpr (requires { map.upper_bound(map.begin()->first); })
+    orderedFrom(map, cursor, atMost, out);
+  else
+    copiedFrom(map, cursor, atMost, out);
+}
+
+template <class M>
+std::optional<Value> memberOf(M const& map, std::string_view name, Value const& key) {
+  KeyOf<M> const k = fromValue<KeyOf<M>>(name, key);
+  auto const at = map.find(k);
+  if (at == map.end()) return std::nullopt;
+  return ValueOf<MappedOf<M>>::to(at->second);
 }
 }  // namespace Detail
 
@@ -173,25 +304,60 @@ class TypeInfo::Builder {
     };
     return *this;
   }
-  // A collection: anything that iterates over pairs.
+  // A reference to another object, read as its name; nothing when null.
+  template <class R>
+  Builder& reference(std::string name, R (C::*reader)() const) {
+    Attribute& a = add(std::move(name), AttributeKind::Scalar, "reference");
+    a.read = [reader](PtrInterface const& o) {
+      auto const& target = (static_cast<C const&>(o).*reader)();
+      if (!target) return Value();
+      if constexpr (requires { target->name(); })
+        return Value(target->name());
+      else
+        return Value(std::string("(unnamed)"));
+    };
+    return *this;
+  }
+  // A collection: any map, ordered or hashed.
   template <class M>
   Builder& collection(std::string name, M const& (C::*reader)() const) {
-    using K = std::remove_cvref_t<decltype(std::declval<M const&>().begin()->first)>;
-    using V = std::remove_cvref_t<decltype(std::declval<M const&>().begin()->second)>;
-    Attribute& a = add(std::move(name), AttributeKind::Collection,
+    using K = Detail::KeyOf<M>;
+    using V = Detail::MappedOf<M>;
+    Attribute& a = add(name, AttributeKind::Collection,
                        std::string(ValueOf<K>::name) + " -> " + std::string(ValueOf<V>::name));
     a.members = [reader](PtrInterface const& o) {
       Members members;
-      for (auto const& [k, v] : (static_cast<C const&>(o).*reader)())
-        members.emplace_back(ValueOf<K>::to(k), ValueOf<V>::to(v));
+      M const& map = (static_cast<C const&>(o).*reader)();
+      for (auto at = map.begin(); at != map.end(); ++at) Detail::tellPair<M>(at, members);
       return members;
+    };
+    a.membersFrom = [reader](PtrInterface const& o, MemberCursor& cursor, std::size_t atMost, Members& out) {
+      Detail::membersFrom((static_cast<C const&>(o).*reader)(), cursor, atMost, out);
+    };
+    a.member = [reader, name = std::move(name)](PtrInterface const& o, Value const& key) {
+      return Detail::memberOf((static_cast<C const&>(o).*reader)(), name, key);
+    };
+    return *this;
+  }
+  // With the methods that set a member and remove one, the collection can be written by name and mirrored.
+  template <class M, class KW, class VW, class R, class KD>
+  Builder& collection(std::string name, M const& (C::*reader)() const, void (C::*writer)(KW, VW),
+                      R (C::*remover)(KD)) {
+    using K = std::remove_cvref_t<KW>;
+    using V = std::remove_cvref_t<VW>;
+    collection(name, reader);
+    info_.own_.back().memberIs = [writer, name](PtrInterface& o, Value const& k, Value const& v) {
+      (static_cast<C&>(o).*writer)(Detail::fromValue<K>(name, k), Detail::fromValue<V>(name, v));
+    };
+    info_.own_.back().memberDel = [remover, name](PtrInterface& o, Value const& k) {
+      static_cast<void>((static_cast<C&>(o).*remover)(Detail::fromValue<K>(name, k)));
     };
     return *this;
   }
   // An operation, its result dropped.
   template <class R, class... Params>
   Builder& operation(std::string name, R (C::*method)(Params...)) {
-    Attribute& a = add(name, AttributeKind::Operation, "()");
+    Attribute& a = add(name, AttributeKind::Operation, Detail::signature<Params...>());
     a.invoke = [method, name = std::move(name)](PtrInterface& o, std::vector<Value> const& arguments) {
       if (arguments.size() != sizeof...(Params))
         Detail::throwArgumentCount(name, sizeof...(Params), arguments.size());
@@ -199,7 +365,7 @@ class TypeInfo::Builder {
     };
     return *this;
   }
-  // Writes of the attribute declared last are refused while `why` gives a reason.
+  // Outsiders may not write the attribute declared last while `why` gives a reason.
   Builder& refusedBecause(std::string (*why)(C const&)) {
     info_.own_.back().refusal = [why](PtrInterface const& o) { return why(static_cast<C const&>(o)); };
     return *this;
@@ -207,12 +373,17 @@ class TypeInfo::Builder {
 
  private:
   template <class R, class... Params, std::size_t... I>
-  static void call(C& object, R (C::*method)(Params...), std::string_view name, std::vector<Value> const& arguments,
-                   std::index_sequence<I...>) {
-    static_cast<void>((object.*method)(Detail::fromValue<std::remove_cvref_t<Params>>(name, arguments[I])...));
+  static void call(C& object, R (C::*method)(Params...), std::string_view name,
+                   std::vector<Value> const& arguments, std::index_sequence<I...>) {
+    static_cast<void>(
+        (object.*method)(Detail::fromValue<std::remove_cvref_t<Params>>(name, arguments[I])...));
   }
   Attribute& add(std::string name, AttributeKind kind, std::string type) {
-    return info_.own_.emplace_back(Attribute{std::move(name), kind, std::move(type), {}, {}, {}, {}, {}});
+    Attribute& a = info_.own_.emplace_back();
+    a.name = std::move(name);
+    a.kind = kind;
+    a.type = std::move(type);
+    return a;
   }
   TypeInfo info_;
 };
