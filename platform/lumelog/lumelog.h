@@ -1,69 +1,214 @@
 // SPDX-License-Identifier: Apache-2.0
-// Lumelog: a memory-mapped ring a level in one file. A record is a timestamp, a message site and its values in binary.
+// Lumelog: a memory-mapped ring a level in one file. A record is a timestamp, a message site and its values
+// in binary.
 //
 //   LUMELOG_RECORD(log, 9, 1u, "handling key:", key, " hdl:", hdl);
 //
-// The first value is the writer's identifier; then literals and values take turns. Type codes: "i" a 32-bit value, "q" a
-// 64-bit value, "s" a string.
+// The first value is the writer's identifier; then literals and values take turns. An array of characters is
+// text of the message; a value is a number of up to 32 bits ("i"), of 64 bits or with such a value() ("q"),
+// or a string ("s").
 //
+// Invariants: a record that was written is readable whatever ends the process, at any instruction; what was
+// being written
+//   is not there. Time stamps rise strictly. A file belongs to one live process; a forked child records
+//   nothing.
+// Ownership: the opener's, by close(); a log that stays open to the end of the process loses nothing.
 // Threading: Single: one thread, plain stores.
-// Cost: a few stores and no system call a record; a null log is one predictable branch.
+// Cost: reading the processor's time stamp and a few stores, no system call; every hundred records or so a
+// new block, and
+//   after each quiet hundredth of a second one reading of the system's clock. A null log is one predictable
+//   branch.
+// Errors: what cannot be opened is said on stderr, and the caller runs without; a record never fails.
 #pragma once
 
 #include <array>
-#include <concepts>
+#include <atomic>
 #include <cstddef>
+#include <cstring>
+#include <ctime>
 #include <functional>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
-#include <type_traits>
+#include <unordered_map>
+#include <vector>
 
+#include "lumelog/format.h"
+#include "lumelog/values.h"
 #include "pallo/types.h"
 
 namespace Lumelog {
 
-constexpr std::size_t levels = 10;
+constexpr std::size_t levels = Format::levels;
 
 enum class Threading { Single = 0 };
 
 struct Options {
-  std::array<U32, levels> kib{};  // size of each level's ring
-  std::size_t maxString = 80;     // longer strings are cut
+  std::array<U32, levels>
+      kib{};  // size of each level's ring, KiB, rounded up to whole blocks; 0: the level is not kept
+  std::size_t maxString = 80;  // longer strings are cut, bytes
   Threading threading = Threading::Single;
 };
 
-// One message in the source: registered with the file when it is first written.
+// One message in the source: registered with the log when it is first written there.
 struct Site {
   U8 level;
   char const* file;
   int line;
-  U32 id = 0;  // 0: not registered yet
+  U32 id = 0;   // its number in the log
+  U32 log = 0;  // the log that gave it, 0 for none
 };
 
-// Called with every record as it is written: the text with %i, %q, %s where values stand (the identifier's place is
-// before the text), and all values as numbers, identifier first.
+// Called with every record as it is written: the text with %i, %q, %s where values stand (the identifier's
+// place is before the text), and all values as numbers, identifier first; a string's number is its length.
 using Tap = std::function<void(std::string_view text, std::span<U64 const> values)>;
+
+// The processor's time stamp counter where it runs at a constant rate, else CLOCK_MONOTONIC in nanoseconds.
+// The counter is three times cheaper to read, and is never a system call where the system's own clock source
+// is something slower.
+class Ticks {
+ public:
+  Ticks();
+  U64 now() const {
+#if defined(__x86_64__)
+    if (tsc_) [[likely]]
+      return __builtin_ia32_rdtsc();
+#endif
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<U64>(t.tv_sec) * 1000000000U + static_cast<U64>(t.tv_nsec);
+  }
+  Format::Clock clock() const { return tsc_ ? Format::Clock::Tsc : Format::Clock::MonotonicNs; }
+
+ private:
+  bool tsc_;
+};
 
 class VANTREL_API Log {
  public:
+  // A log without a file: its records reach the tap only.
+  static std::unique_ptr<Log> inMemory(Tap tap);
+  ~Log();
+  Log(Log const&) = delete;
+  Log& operator=(Log const&) = delete;
+
   template <class... Parts>
   void record(Site& site, U32 identifier, Parts const&... parts);
+  // The same with a text that is only known at run time: for the rare message that must not be cut.
+  void recordText(U8 level, char const* file, int line, U32 identifier, std::string_view text);
+  // Null takes it off.
   void tapIs(Tap tap);
+
+  // The file's path; empty without a file.
+  std::string const& path() const { return path_; }
+  // Messages known so far.
+  std::size_t sites() const { return texts_.size(); }
+  bool recording() const { return map_ != nullptr; }
+
+ private:
+  friend Log* open(std::string const& name, Options const& options);
+  friend void detachAfterFork();
+
+  // The block that a level's records go to.
+  struct Ring {
+    std::byte* cursor = nullptr;  // where the next record goes
+    std::byte* end = nullptr;     // end of the block
+    Format::BlockHeader* block = nullptr;
+    std::byte* first = nullptr;  // the ring's first block
+    U64 blocks = 0;              // in the ring
+    U64 sequence = 0;            // of `block`
+  };
+
+  Log();
+  Log(std::string path, int fd, std::byte* map, Format::FixedHeader const& header);
+  bool registerSite(Site& site, Detail::Shape const& shape);
+  bool writeSite(U32 id, Site const& site, Detail::Shape const& shape);
+  std::byte* nextBlock(Ring& ring, std::size_t bytes);
+  void beginBlock(Ring& ring);
+  void takeAnchor(U64 ticks);
+  void callTap(Site const& site, std::span<U64 const> values);
+  void detach();
+  Format::LiveHeader& live();
+
+  U64 stamp() {
+    U64 const now = ticks_.now();
+    last_ = now > last_ ? now : last_ + 1;
+    if (last_ >= nextAnchor_) [[unlikely]]
+      takeAnchor(last_);
+    return last_;
+  }
+
+  std::array<Ring, levels> rings_;
+  Ticks ticks_;
+  U32 serial_;  // of this log among those of the process
+  bool tapped_ = false;
+  U64 last_ = 0;  // newest time stamp
+  U64 nextAnchor_ = ~U64{0};
+  std::size_t maxString_ = 80;
+  std::byte* map_ = nullptr;
+  std::size_t mapBytes_ = 0;
+  U64 ticksPerSecond_ = 0;
+  int fd_ = -1;
+  Tap tap_;
+  std::string path_;
+  std::vector<std::string> texts_;              // by site number - 1
+  std::unordered_map<Site const*, U32> known_;  // their numbers
 };
 
 // The directory of a log whose name is relative, when LUMELOGDIR is not set. The current directory at first.
 VANTREL_API void directoryIs(std::string path);
 
-// Opens a log; "%d" in the name stands for the process number. Null when it cannot be opened, said once on stderr.
+// Opens a log; "%d" in the name stands for the process number. The file of a process that is gone is put
+// aside under the name with ".1", ".2" and so on behind it; where the name belongs to a live process, the
+// process number comes into it. All of the file's space is reserved. Null when that fails, said once on
+// stderr for each path.
 VANTREL_API Log* open(std::string const& name, Options const& options);
+VANTREL_API void close(Log* log);
+
+template <class... Parts>
+inline void Log::record(Site& site, U32 identifier, Parts const&... parts) {
+  if (site.log != serial_) [[unlikely]] {
+    Detail::Shape shape;
+    (Detail::describe(shape, parts), ...);
+    if (!registerSite(site, shape)) return;
+  }
+  if (tapped_) [[unlikely]] {
+    U64 values[1 + sizeof...(Parts)] = {identifier};
+    U64* end = values + 1;
+    (Detail::tapped(end, parts), ...);
+    callTap(site, {values, end});
+  }
+  std::size_t const bytes = Format::align8(sizeof(Format::RecordHeader) + sizeof(U32) +
+                                           (Detail::bytesOf(parts, maxString_) + ... + 0));
+  Ring& ring = rings_[site.level];
+  std::byte* at = ring.cursor;
+  if (bytes > static_cast<std::size_t>(ring.end - at)) [[unlikely]] {
+    at = nextBlock(ring, bytes);
+    if (!at) return;
+  }
+  U64 const now = stamp();
+  auto const size = static_cast<U16>(bytes);
+  Format::RecordHeader const header{now, site.id, size, Format::recordCheck(now, site.id, size)};
+  std::memset(at + bytes - 8, 0, 8);  // what the values leave of the last word
+  std::memcpy(at, &header, sizeof header);
+  std::memcpy(at + sizeof header, &identifier, sizeof identifier);
+  [[maybe_unused]] std::byte* to = at + sizeof header + sizeof identifier;
+  ((to = Detail::put(to, parts, maxString_)), ...);
+  ring.cursor = at + bytes;
+  // The commit: a reader, and whoever comes after a crash, sees the record from here on.
+  std::atomic_ref(ring.block->used)
+      .store(static_cast<U32>(ring.cursor - reinterpret_cast<std::byte*>(ring.block + 1)),
+             std::memory_order_release);
+}
 
 }  // namespace Lumelog
 
-#define LUMELOG_RECORD(log, level_, identifier, ...)                   \
-  do {                                                                 \
-    if ((log) != nullptr) {                                            \
-      static ::Lumelog::Site site_{level_, __FILE__, __LINE__, 0};     \
-      (log)->record(site_, identifier, __VA_ARGS__);                   \
-    }                                                                  \
+#define LUMELOG_RECORD(log, level_, identifier, ...)                      \
+  do {                                                                    \
+    static_assert((level_) < ::Lumelog::levels, "levels are 0 to 9");     \
+    if ((log) != nullptr) {                                               \
+      static constinit ::Lumelog::Site site_{level_, __FILE__, __LINE__}; \
+      (log)->record(site_, identifier, __VA_ARGS__);                      \
+    }                                                                     \
   } while (false)

@@ -23,13 +23,20 @@ std::shared_ptr<spdlog::logger> makeLogger(spdlog::sink_ptr sink) {
 
 }  // namespace
 
-TraceHandle::TraceHandle(std::string name) : name_(std::move(name)) {
-  TraceManager& manager = TraceManager::instance();
-  manager.handles_.push_back(this);
-  manager.apply(*this);
+TraceHandle::~TraceHandle() {
+  if (level_ != unused) std::erase(TraceManager::instance().handles_, this);
 }
 
-TraceHandle::~TraceHandle() { std::erase(TraceManager::instance().handles_, this); }
+int TraceHandle::firstUse() {
+  TraceManager& manager = TraceManager::instance();
+  manager.handles_.push_back(this);
+  return level_ = manager.levelOf(name_);
+}
+
+void TraceHandle::levelIs(int level) {
+  if (level_ == unused) firstUse();
+  level_ = std::clamp(level, 0, 9);
+}
 
 void TraceHandle::writeLine(int level, std::string const& line) const {
   TraceManager::instance().logger_->log(spdlog::level::info, "{}/{} {}", name_, level, line);
@@ -52,29 +59,41 @@ void TraceManager::readEnvironment() {
 void TraceManager::settingsAre(std::string_view settings) {
   parts_.clear();
   while (!settings.empty()) {
-    std::size_t const end = std::min(settings.find_first_of(", \t\n"), settings.size());
-    std::string_view const part = settings.substr(0, end);
+    std::size_t const end = std::min(settings.find_first_of(",; \t\n"), settings.size());
+    if (end > 0) readPart(settings.substr(0, end));
     settings.remove_prefix(std::min(end + 1, settings.size()));
-    if (part.empty()) continue;
-    std::size_t const slash = part.rfind('/');
-    if (slash == std::string_view::npos || slash == 0 || slash + 2 != part.size() || part.back() < '0' ||
-        part.back() > '9') {
-      fmt::print(stderr, "TRACE: cannot read \"{}\": expected NAME/LEVEL with a level from 0 to 9\n", part);
-      continue;
-    }
-    std::string_view name = part.substr(0, slash);
-    bool const prefix = name.ends_with('*');
-    if (prefix) name.remove_suffix(1);
-    parts_.push_back({std::string(name), prefix, part.back() - '0'});
   }
-  for (TraceHandle* handle : handles_) apply(*handle);
+  for (TraceHandle* handle : handles_) handle->levelIs(levelOf(handle->name()));
 }
 
-void TraceManager::apply(TraceHandle& handle) const {
+void TraceManager::readPart(std::string_view part) {
+  if (part.front() == '>') return readFile(std::string(part.substr(1)));
+  std::size_t const slash = part.rfind('/');
+  if (slash == std::string_view::npos || slash == 0 || slash + 2 != part.size() || part.back() < '0' ||
+      part.back() > '9') {
+    fmt::print(stderr, "TRACE: cannot read \"{}\": expected NAME/LEVEL with a level from 0 to 9, or >FILE\n",
+               part);
+    return;
+  }
+  std::string_view name = part.substr(0, slash);
+  bool const prefix = name.ends_with('*');
+  if (prefix) name.remove_suffix(1);
+  parts_.push_back({std::string(name), prefix, part.back() - '0'});
+}
+
+void TraceManager::readFile(std::string const& path) {
+  try {
+    fileIs(path);
+  } catch (spdlog::spdlog_ex const& e) {
+    fmt::print(stderr, "TRACE: cannot write to \"{}\": {}\n", path, e.what());
+  }
+}
+
+int TraceManager::levelOf(std::string_view name) const {
   int level = 0;
   for (Part const& part : parts_)
-    if (part.prefix ? handle.name().starts_with(part.name) : handle.name() == part.name) level = part.level;
-  handle.levelIs(level);
+    if (part.prefix ? name.starts_with(part.name) : name == part.name) level = part.level;
+  return level;
 }
 
 void TraceManager::loggerIs(std::shared_ptr<spdlog::logger> logger) {

@@ -1,25 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vantrel/core/trace.h"
 
-#include <cstdio>
+#include <fmt/format.h>
+
 #include <cstdlib>
-#include <exception>
 #include <string>
 
 namespace Vantrel {
 
-Ostra::TraceHandle& vantrelSmTrace() {
-  static Ostra::TraceHandle handle("VantrelSm");
-  return handle;
+namespace Detail {
+constinit Ostra::TraceHandle smTrace("VantrelSm");
+constinit Ostra::TraceHandle implTrace("VantrelImpl");
+constinit Ostra::TraceHandle fastImplTrace("VantrelFastImpl");
+}  // namespace Detail
+
+namespace {
+
+// Level 0: nothing else ever pushes it out of the ring. The whole text, which a string value would cut.
+void recordAssertion(Pallo::AssertionFailure const& failure) {
+  if (!lg) return;
+  lg->recordText(0, failure.model, failure.line, 0,
+                 fmt::format("assertion failed: {}, model file {}, line {}, function {}", failure.expression,
+                             failure.model, failure.line, failure.function));
 }
-Ostra::TraceHandle& vantrelImplTrace() {
-  static Ostra::TraceHandle handle("VantrelImpl");
-  return handle;
-}
-Ostra::TraceHandle& vantrelFastImplTrace() {
-  static Ostra::TraceHandle handle("VantrelFastImpl");
-  return handle;
-}
+
+}  // namespace
 
 Lumelog::Log* lg = nullptr;
 
@@ -34,6 +39,7 @@ void initLg() {
   options.maxString = 80;
   options.threading = Lumelog::Threading::Single;
   lg = Lumelog::open(name, options);
+  if (lg) Pallo::assertionHookIs(&recordAssertion);
 }
 
 void traceSettingIs(char const* settings) {

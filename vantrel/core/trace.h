@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // The two trace channels of the library and its assertions, by the names that the rest of the code uses.
 //
-//   VANTREL_TRACE(vantrelFastImplTrace(), 8, "found ", key);           facility trace: text, when the level is on
-//   VANTREL_RECORD(9, lgId(), "handling key:", key, " hdl:", hdl);     ring-buffer record: the values in binary
+//   VANTREL_TRACE(vantrelFastImplTrace(), 8, "found ", key);           facility trace: text, when the level
+//   is on VANTREL_RECORD(9, lgId(), "handling key:", key, " hdl:", hdl);     ring-buffer record: the values
+//   in binary
 //
-// A record starts with the engine's trace identifier, then text and values take turns. Records are dropped while the
-// trace file is not open.
+// A record starts with the engine's trace identifier, then text and values take turns. Records are dropped
+// while the trace file is not open.
 //
 // Threading: the agent's thread; the trace file belongs to the process.
 // Cost: either channel switched off is one predictable branch.
@@ -17,17 +18,25 @@
 
 namespace Vantrel {
 
-// The facility handles, one a class family, made on first use.
-VANTREL_API Ostra::TraceHandle& vantrelSmTrace();
-VANTREL_API Ostra::TraceHandle& vantrelImplTrace();
-VANTREL_API Ostra::TraceHandle& vantrelFastImplTrace();
+namespace Detail {
+extern VANTREL_API Ostra::TraceHandle smTrace;
+extern VANTREL_API Ostra::TraceHandle implTrace;
+extern VANTREL_API Ostra::TraceHandle fastImplTrace;
+}  // namespace Detail
+
+// The facility handles, one a class family. They are there before any code runs and register on first use, so
+// that a level that is off is tested without a guard.
+inline Ostra::TraceHandle& vantrelSmTrace() { return Detail::smTrace; }
+inline Ostra::TraceHandle& vantrelImplTrace() { return Detail::implTrace; }
+inline Ostra::TraceHandle& vantrelFastImplTrace() { return Detail::fastImplTrace; }
 
 // The process's trace file; null until initLg has opened it.
 extern VANTREL_API Lumelog::Log* lg;
 
-// Opens the process's trace file "Quarry-mbb" unless it is open or LUMELOG_DISABLE is set. It lies in LUMELOGDIR, else
-// under its per-process name in the directory that the agent gave Lumelog, else in the current one. A file that cannot
-// be opened is said once on stderr, and the engine runs on without.
+// Opens the process's trace file "Quarry-mbb" unless it is open or LUMELOG_DISABLE is set. It lies in
+// LUMELOGDIR, else under its per-process name in the directory that the agent gave Lumelog, else in the
+// current one. A file that cannot be opened is said once on stderr, and the engine runs on without. From then
+// on a failed assertion is the file's last record.
 VANTREL_API void initLg();
 
 // Changes the facility levels at run time: sets TRACE to `settings` and reads the environment again.
