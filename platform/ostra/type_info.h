@@ -373,7 +373,7 @@ class TypeInfo::Builder {
 
  private:
   template <class R, class... Params, std::size_t... I>
-  static void call(C& object, R (C::*method)(Params...), std::string_view name,
+  static void call(C& object, R (C::*method)(Params...), [[maybe_unused]] std::string_view name,
                    std::vector<Value> const& arguments, std::index_sequence<I...>) {
     static_cast<void>(
         (object.*method)(Detail::fromValue<std::remove_cvref_t<Params>>(name, arguments[I])...));

@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: Apache-2.0
+// Dump and audit: the whole state as text, and the consistency of its indexes checked on the way.
+//
+//   [4]=77->cti:9 cOpId:12 sti:4 sOpId:11 pending:9 pOpId:12 OCC prio:30 pg:1
+//
+// A broken invariant ends the process, but only after the whole dump is out, so that the trace shows the state that led
+// to it. Nothing is repaired.
+#include "vantrel/diag/dump.h"
+
+#include <algorithm>
+#include <map>
+#include <sstream>
+
+#include "vantrel/core/trace.h"
+#include "vantrel/fast/asserts.h"
+#include "vantrel/fast/fast_vantrel_impl.h"
+#include "vantrel/fast/state.h"
+
+namespace Vantrel {
+namespace {
+
+OpId lastDumpMax;  // the highest OpId of the previous dump in this process
+
+template <class... Values>
+void line(int level, Values const&... values) {
+  VANTREL_TRACE(vantrelFastImplTrace(), level, values...);
+}
+
+void describeConfig(std::ostream& out, EntryConfig const& config, OpId& maxOpId) {
+  if (config.empty()) {
+    out << "->delete";
+    return;
+  }
+  out << "->cti:" << (config.tableIndexs() ? config.tableIndex(TableKey(0)) : 0) << " cOpId:" << config.opId();
+  maxOpId = std::max(maxOpId, config.opId());
+}
+
+void describeProgrammed(std::ostream& out, CState_s const& c, OpId& maxOpId) {
+  if (!c.programmed()) return;
+  out << " sti:" << c.sti << " sOpId:" << c.opId;
+  maxOpId = std::max(maxOpId, c.opId);
+}
+
+void describeClaim(std::ostream& out, CState_s const& c, OpId& maxOpId) {
+  if (c.p.ti == noIndex) return;
+  out << " pending:" << c.p.ti << " pOpId:" << c.p.opId;
+  if (c.p.type == PendingType::Priority) out << " PRIO";
+  if (c.p.type == PendingType::Occupied) out << " OCC";
+  maxOpId = std::max(maxOpId, c.p.opId);
+}
+
+// One run of dumpState.
+class Dump {
+ public:
+  Dump(FastState const& state, TableConfig const& table) : state_(state), table_(table) {}
+
+  void precedence() {
+    if (state_.precedence.count() == 0) return;
+    line(9, "Precedence [pti]=key");
+    for (auto at = state_.precedence.atOrAbove(0); at; at = state_.precedence.above(at->index))
+      entry(at->index, at->value);
+  }
+
+  void pending() {
+    if (state_.pending.count() == 0) return;
+    line(9, "Pending [ti]=key -> pending_ti");
+    for (auto at = state_.pending.atOrAbove(0); at; at = state_.pending.above(at->index)) {
+      CState_s const& c = *at->value;
+      entry(at->index, &c);
+      if (c.p.ti == at->index) continue;
+      line(9, "pending index mismatch ", c.key, " at ", c.p.ti, " expected at ", at->index);
+      fatal_ = true;
+    }
+  }
+
+  void current() {
+    line(9, "Current [ti]=key");
+    for (auto const& [key, c] : state_.cstate) {
+      if (c->programmed())
+        occupy(*c);
+      else
+        entry(noIndex, c);
+    }
+    for (auto at = state_.current.atOrAbove(0); at; at = state_.current.above(at->index)) {
+      CState_s const* const c = state_.record(occupied_[at->index]);
+      FAST_ASSERT(c);
+      entry(c->sti, c);
+    }
+  }
+
+  void verdict() const {
+    U32 const count = state_.current.count();
+    if (count != occupied_.size()) {
+      line(9, "Occupied [ti] count: ", count, " current ", occupied_.size());
+      for (auto at = state_.current.atOrAbove(0); at; at = state_.current.above(at->index)) line(9, "[", at->index, "]");
+    }
+    FAST_ASSERT_AS(count == occupied_.size(), "count == occupied.size()");
+    lastDumpMax = maxOpId_;
+    FAST_ASSERT_AS(!fatal_, "fatal == false");
+  }
+
+ private:
+  void entry(U32 index, CState_s const* c) {
+    FAST_ASSERT(c);
+    dumpEntry(index, readEntry(table_, c->key), c, lastDumpMax, maxOpId_);
+  }
+  void occupy(CState_s const& c) {
+    auto const [at, isFirst] = occupied_.try_emplace(c.sti, c.key);
+    if (isFirst) return;
+    line(9, "duplicate ti ", c.sti, " key ", c.key, " existing key ", at->second);
+    fatal_ = true;
+    at->second = c.key;
+  }
+
+  FastState const& state_;
+  TableConfig const& table_;
+  std::map<U32, EntryKey> occupied_;  // position -> the record that claims to be programmed there
+  bool fatal_ = false;
+  OpId maxOpId_;
+};
+
+}  // namespace
+
+void dumpEntry(U32 index, EntryConfig const& config, CState_s const* c, OpId, OpId& maxOpId) {
+  FAST_ASSERT(c);
+  std::ostringstream out;
+  if (index == noIndex)
+    out << "[A]=";
+  else
+    out << "[" << index << "]=";
+  out << c->key.value();
+  describeConfig(out, config, maxOpId);
+  describeProgrammed(out, *c, maxOpId);
+  describeClaim(out, *c, maxOpId);
+  out << " prio:" << c->prio << " pg:" << c->pg;
+  line(9, out.str());
+}
+
+void FastVantrelImpl::dumpState() {
+  VANTREL_TRACE_ENTRY(vantrelFastImplTrace(), 8, "FastVantrelImpl", "dumpState");
+  Dump dump(*state(), *tableConfig());
+  dump.precedence();
+  dump.pending();
+  dump.current();
+  dump.verdict();
+}
+
+void FastVantrelImpl::dumpPending() {
+  if (!initialized()) return;
+  for (auto at = state()->pending.atOrAbove(0); at; at = state()->pending.above(at->index))
+    line(8, "Pending key=", at->value->key.value(), " index: ", at->index);
+}
+
+}  // namespace Vantrel

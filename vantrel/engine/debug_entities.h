@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+// DebugConfig asks for a snapshot of the engine, DebugStatus holds the answer.
+//
+// Invariants: DebugStatus::version is written last: who sees the version that he asked for sees a complete snapshot.
+// Ownership: the agent's; engine and front end hold references.
+// Threading: the agent's event loop.
+#pragma once
+
+#include <boost/unordered/unordered_flat_map.hpp>
+#include <string>
+
+#include "ostra/entity.h"
+#include "vantrel/core/entry.h"
+
+namespace Vantrel {
+
+class VANTREL_API DebugConfig : public Ostra::Entity {
+ public:
+  class Notifiee : public Ostra::NotifieeOf<DebugConfig const> {
+   public:
+    virtual void onVersion() {}
+  };
+
+  using Entity::Entity;
+
+  // The request counter; 0: no request was ever made.
+  U32 version() const { return version_; }
+  void versionIs(U32 version) { scalarIs("version", version_, version, &Notifiee::onVersion); }
+  void versionInc(U32 n) { versionIs(version_ + n); }
+
+  static Ostra::TypeInfo const& staticType();
+  Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
+
+ private:
+  U32 version_ = 0;
+};
+
+class VANTREL_API DebugStatus : public Ostra::Entity {
+ public:
+  class Notifiee : public Ostra::NotifieeOf<DebugStatus const> {
+   public:
+    virtual void onPending(U32 const&) {}
+    virtual void onPendingOpId(EntryKey const&) {}
+    virtual void onStatus(U32 const&) {}
+    virtual void onStatusOpId(EntryKey const&) {}
+    virtual void onVersion() {}
+  };
+  struct KeyHash {
+    std::size_t operator()(EntryKey const& key) const { return key.hash(); }
+  };
+  using KeyAtIndex = boost::unordered_flat_map<U32, EntryKey>;
+  using OpIdOfKey = boost::unordered_flat_map<EntryKey, OpId, KeyHash>;
+
+  using Entity::Entity;
+
+  // The table index that is waited for -> the waiting key.
+  KeyAtIndex const& pending() const { return pending_; }
+  void pendingIs(U32 ti, EntryKey const& key) { memberIs("pending", pending_, ti, key, &Notifiee::onPending); }
+  EntryKey pendingDel(U32 ti) { return memberDel("pending", pending_, ti, &Notifiee::onPending); }
+  void pendingDelAll() { membersDelAll("pending", pending_, &Notifiee::onPending); }
+
+  // The waiting key -> the operation identifier that it waits to program.
+  OpIdOfKey const& pendingOpId() const { return pendingOpId_; }
+  void pendingOpIdIs(EntryKey const& key, OpId const& opId) {
+    memberIs("pendingOpId", pendingOpId_, key, opId, &Notifiee::onPendingOpId);
+  }
+  OpId pendingOpIdDel(EntryKey const& key) {
+    return memberDel("pendingOpId", pendingOpId_, key, &Notifiee::onPendingOpId);
+  }
+  void pendingOpIdDelAll() { membersDelAll("pendingOpId", pendingOpId_, &Notifiee::onPendingOpId); }
+
+  // The table index that is programmed -> the key there.
+  KeyAtIndex const& status() const { return status_; }
+  void statusIs(U32 ti, EntryKey const& key) { memberIs("status", status_, ti, key, &Notifiee::onStatus); }
+  EntryKey statusDel(U32 ti) { return memberDel("status", status_, ti, &Notifiee::onStatus); }
+  void statusDelAll() { membersDelAll("status", status_, &Notifiee::onStatus); }
+
+  // The programmed key -> the operation identifier in hardware.
+  OpIdOfKey const& statusOpId() const { return statusOpId_; }
+  void statusOpIdIs(EntryKey const& key, OpId const& opId) {
+    memberIs("statusOpId", statusOpId_, key, opId, &Notifiee::onStatusOpId);
+  }
+  OpId statusOpIdDel(EntryKey const& key) {
+    return memberDel("statusOpId", statusOpId_, key, &Notifiee::onStatusOpId);
+  }
+  void statusOpIdDelAll() { membersDelAll("statusOpId", statusOpId_, &Notifiee::onStatusOpId); }
+
+  // The DebugConfig version that the collections answer.
+  U32 version() const { return version_; }
+  void versionIs(U32 version) { scalarIs("version", version_, version, &Notifiee::onVersion); }
+
+  static Ostra::TypeInfo const& staticType();
+  Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
+
+ private:
+  KeyAtIndex pending_;
+  OpIdOfKey pendingOpId_;
+  KeyAtIndex status_;
+  OpIdOfKey statusOpId_;
+  U32 version_ = 0;
+};
+
+VANTREL_API Ostra::Ptr<DebugConfig> debugConfigFactory(std::string name);
+VANTREL_API Ostra::Ptr<DebugStatus> debugStatusFactory(std::string name);
+
+}  // namespace Vantrel

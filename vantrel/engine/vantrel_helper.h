@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+// VantrelHelper: the seam between the engine and the hardware. A hardware layer derives from it.
+//
+// The engine calls one hardware operation at a time, in the order that keeps the priority order intact, and treats each
+// as done when it returns. The base class programs nothing, so that an engine can run against it alone, and writes the
+// engine's own acknowledgements into the status table; the acknowledgements of hardware operations are the subclass's.
+//
+// Ownership: holds a reference to the status table, which may be null: then nothing is acknowledged.
+// Threading: the agent's event loop.
+#pragma once
+
+#include <string>
+
+#include "ostra/entity.h"
+#include "vantrel/core/tables.h"
+
+namespace Vantrel {
+
+class VANTREL_API VantrelHelper : public Ostra::Entity {
+ public:
+  VantrelHelper(std::string name, Ostra::Ptr<TableStatus> tableStatus);
+
+  Ostra::Ptr<TableStatus> const& tableStatus() const { return tableStatus_; }
+
+  // Programs a new entry at table index 0 of `entry`. The position is free.
+  virtual void addEntry(EntryConfig const& entry);
+  // Removes a programmed entry. Table index 0 is the position to clear, `pg` is 0, and the OpId is the entry's own, or
+  // OpId::deleteAcknowledge() when the producer asked for the delete and waits for its acknowledgement.
+  virtual void deleteEntry(EntryConfig const& entry);
+  // The same, to break a ring of entries that wait for one another: the entry comes back.
+  virtual void deleteEntryDeadlock(EntryConfig const& entry);
+  // Moves a programmed entry to table index 0 of `entry`. The position is free; the old one is not named.
+  virtual void moveEntry(EntryConfig const& entry);
+  // Rewrites a programmed entry with a newer configuration. Before a move it names the new position already.
+  virtual void updateEntry(EntryConfig const& entry);
+
+  // Acknowledges the delete of a key that is not programmed in hardware.
+  virtual void delAck(EntryKey const& key);
+  // Removes the key's status.
+  virtual void delStatus(EntryKey const& key);
+  // Acknowledges `opId` for a key whose hardware entry is right already.
+  virtual void noopAck(EntryKey const& key, OpId const& opId);
+
+  // Commit what was batched: after each full walk of the configuration table, and at clean-up.
+  virtual void flush();
+
+  static Ostra::TypeInfo const& staticType();
+  Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
+
+ private:
+  Ostra::Ptr<TableStatus> const tableStatus_;
+};
+
+}  // namespace Vantrel

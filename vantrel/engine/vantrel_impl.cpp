@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: Apache-2.0
+// The sequence in which one key is handled, and what a concrete engine must provide.
+#include "vantrel/engine/vantrel_impl.h"
+
+#include "vantrel/core/trace.h"
+#include "vantrel/engine/asserts.h"
+
+namespace Vantrel {
+
+VantrelImpl::VantrelImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig,
+                         Ostra::Ptr<DebugConfig const> debugConfig, Ostra::Ptr<DebugStatus> debugStatus,
+                         Ostra::Ptr<VantrelHelper> helper, U32 lgId)
+    : Entity(std::move(name)),
+      tableConfig_(std::move(tableConfig)),
+      debugConfig_(std::move(debugConfig)),
+      debugStatus_(std::move(debugStatus)),
+      helper_(std::move(helper)),
+      lgId_(lgId) {
+  VantrelImpl::handleInitialized();
+}
+
+VantrelImpl::~VantrelImpl() { notifieeList().clear(); }
+
+void VantrelImpl::handleInitialized() {
+  ENGINE_ASSERT(lgId() && "missing lgId");
+  initLg();
+  initializedIs(true);
+}
+
+void VantrelImpl::handleEntry(EntryKey const& key) {
+  if (!initialized()) return;
+  VANTREL_TRACE(vantrelImplTrace(), 9, "Notify on key=", key);
+  bool const changed = handleEntryHelper(key);
+  if (changed || alwaysProcessPending()) processPending();
+  checkDeadlock();
+  VANTREL_TRACE(vantrelImplTrace(), 9, "Finished notify on key=", key);
+}
+
+void VantrelImpl::checkDeadlock() {}
+void VantrelImpl::dumpPending() {}
+void VantrelImpl::dumpState() {}
+void VantrelImpl::handleDebug() {}
+
+bool VantrelImpl::processDependantTables(EntryConfig const&, EntryKey const&) { return true; }
+
+void VantrelImpl::processPending() { ENGINE_ASSERT(false); }
+
+bool VantrelImpl::processEntry(EntryConfig const&) {
+  ENGINE_ASSERT(false);
+  return false;
+}
+
+bool VantrelImpl::processDelete(EntryKey const&, bool) {
+  ENGINE_ASSERT(false);
+  return false;
+}
+
+OpId VantrelImpl::currentOpId(EntryKey const&) const {
+  ENGINE_ASSERT(false && "Not implemented in base class");
+  return {};
+}
+
+U32 VantrelImpl::numPending() const {
+  ENGINE_ASSERT(false);
+  return 0;
+}
+
+U32 VantrelImpl::numDeadlock() const {
+  ENGINE_ASSERT(false);
+  return 0;
+}
+
+namespace {
+std::string keysWouldBeLost(VantrelImpl const&) {
+  return "a running engine that is not initialized would drop every key it is told of";
+}
+}  // namespace
+
+Ostra::TypeInfo const& VantrelImpl::staticType() {
+  using I = VantrelImpl;
+  static Ostra::TypeInfo const type = Ostra::TypeInfo::of<I>("Vantrel::VantrelImpl")
+                                          .reference("tableConfig", &I::tableConfig)
+                                          .reference("debugConfig", &I::debugConfig)
+                                          .reference("debugStatus", &I::debugStatus)
+                                          .reference("helper", &I::helper)
+                                          .attribute("lgId", &I::lgId)
+                                          .attribute("retryDepsMaxCnt", &I::retryDepsMaxCnt, &I::retryDepsMaxCntIs)
+                                          .attribute("failedDepCnt", &I::failedDepCnt, &I::failedDepCntIs)
+                                          .attribute("debugEnabled", &I::debugEnabled, &I::debugEnabledIs)
+                                          .attribute("dirty", &I::dirty, &I::dirtyIs)
+                                          .attribute("alwaysProcessPending", &I::alwaysProcessPending,
+                                                     &I::alwaysProcessPendingIs)
+                                          .collection("handleToKey", &I::handleToKey)
+                                          .collection("keyToHandle", &I::keyToHandle)
+                                          .attribute("initialized", &I::initialized, &I::initializedIs)
+                                          .refusedBecause(&keysWouldBeLost)
+                                          .operation("handleEntry", &I::handleEntry)
+                                          .operation("handleEntryHelper", &I::handleEntryHelper)
+                                          .operation("checkDeadlock", &I::checkDeadlock)
+                                          .operation("processPending", &I::processPending)
+                                          .attribute("numPending", &I::numPending)
+                                          .attribute("numDeadlock", &I::numDeadlock)
+                                          .operation("dumpPending", &I::dumpPending)
+                                          .operation("dumpState", &I::dumpState)
+                                          .operation("handleDebug", &I::handleDebug)
+                                          .operation("handleInitialized", &I::handleInitialized);
+  return type;
+}
+
+}  // namespace Vantrel

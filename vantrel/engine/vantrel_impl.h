@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: Apache-2.0
+// VantrelImpl: the abstract engine. It fixes how one key is handled (dispatch, then pending work, then deadlock check)
+// and keeps which key owns which handle; where entries go is the concrete engine's affair.
+//
+// Invariants: initialized() is true from the end of construction on.
+// Ownership: holds references to the configuration table, the debug entities and the hardware client.
+// Threading: the agent's event loop.
+// Errors: a key whose dependant tables cannot be programmed leaves handleEntry as Ostra::InternalException before
+//   anything of that key has changed; every other exception passes through.
+#pragma once
+
+#include <boost/unordered/unordered_flat_map.hpp>
+#include <string>
+
+#include "ostra/entity.h"
+#include "vantrel/core/tables.h"
+#include "vantrel/engine/debug_entities.h"
+#include "vantrel/engine/vantrel_helper.h"
+
+namespace Vantrel {
+
+class VANTREL_API VantrelImpl : public Ostra::Entity {
+ public:
+  class Notifiee : public Ostra::NotifieeOf<VantrelImpl const> {
+   public:
+    virtual void onRetryDepsMaxCnt() {}
+    virtual void onFailedDepCnt() {}
+    virtual void onDebugEnabled() {}
+    virtual void onDirty() {}
+    virtual void onAlwaysProcessPending() {}
+    virtual void onInitialized() {}
+    virtual void onHandleToKey(U64 const&) {}
+    virtual void onKeyToHandle(EntryKey const&) {}
+  };
+
+  struct HandleHash {
+    std::size_t operator()(U64 handle) const { return handle ^ (handle >> 32); }
+  };
+  struct KeyHash {
+    std::size_t operator()(EntryKey const& key) const { return key.hash(); }
+  };
+  using KeyOfHandle = boost::unordered_flat_map<U64, EntryKey, HandleHash>;
+  using HandleOfKey = boost::unordered_flat_map<EntryKey, U64, KeyHash>;
+
+  // `lgId` heads every trace record of this engine; zero fails an assertion.
+  VantrelImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig, Ostra::Ptr<DebugConfig const> debugConfig,
+              Ostra::Ptr<DebugStatus> debugStatus, Ostra::Ptr<VantrelHelper> helper, U32 lgId);
+  ~VantrelImpl() override;
+
+  // Handles one notified or retried key. Ignored until the engine is initialized.
+  virtual void handleEntry(EntryKey const& key);
+  // Turns one key into one delete or one add-or-update; true when the pending work should be run.
+  virtual bool handleEntryHelper(EntryKey const& key);
+
+  // Finds and breaks rings of entries that wait for one another. Nothing here.
+  virtual void checkDeadlock();
+  // Retries queued entries.
+  virtual void processPending();
+  // Programs an added or changed entry, or queues it; true when the pending work should be run.
+  virtual bool processEntry(EntryConfig const& entry);
+  // Removes a key's entry; with `delAck` the producer waits for an acknowledgement. True when something was deleted.
+  virtual bool processDelete(EntryKey const& key, bool delAck);
+  // The OpId programmed for the key, zero when none.
+  virtual OpId currentOpId(EntryKey const& key) const;
+  virtual U32 numPending() const;
+  virtual U32 numDeadlock() const;
+  // Write the state into the facility trace; answer a debug request. Nothing here.
+  virtual void dumpPending();
+  virtual void dumpState();
+  virtual void handleDebug();
+  // Programs what the entry depends on; true on success. Nothing to do here. `entry` is empty or delete-marked when the
+  // key is being deleted; the result is ignored then.
+  virtual bool processDependantTables(EntryConfig const& entry, EntryKey const& key);
+  // Opens the trace file and ends construction.
+  virtual void handleInitialized();
+
+  Ostra::Ptr<TableConfig const> const& tableConfig() const { return tableConfig_; }
+  Ostra::Ptr<DebugConfig const> const& debugConfig() const { return debugConfig_; }
+  Ostra::Ptr<DebugStatus> const& debugStatus() const { return debugStatus_; }
+  Ostra::Ptr<VantrelHelper> const& helper() const { return helper_; }
+  U32 lgId() const { return lgId_; }
+
+  // How many times dependant tables are tried for one key before it is given up for now.
+  U32 retryDepsMaxCnt() const { return retryDepsMaxCnt_; }
+  void retryDepsMaxCntIs(U32 v) { scalarIs("retryDepsMaxCnt", retryDepsMaxCnt_, v, &Notifiee::onRetryDepsMaxCnt); }
+  // How many keys were given up.
+  U64 failedDepCnt() const { return failedDepCnt_; }
+  void failedDepCntIs(U64 v) { scalarIs("failedDepCnt", failedDepCnt_, v, &Notifiee::onFailedDepCnt); }
+  void failedDepCntInc(U64 n) { failedDepCntIs(failedDepCnt_ + n); }
+  // Dump the state around each key, when it changed since the last dump.
+  bool debugEnabled() const { return debugEnabled_; }
+  void debugEnabledIs(bool v) { scalarIs("debugEnabled", debugEnabled_, v, &Notifiee::onDebugEnabled); }
+  bool dirty() const { return dirty_; }
+  void dirtyIs(bool v) { scalarIs("dirty", dirty_, v, &Notifiee::onDirty); }
+  // Run the pending work after every key, not only after those that changed something.
+  bool alwaysProcessPending() const { return alwaysProcessPending_; }
+  void alwaysProcessPendingIs(bool v) {
+    scalarIs("alwaysProcessPending", alwaysProcessPending_, v, &Notifiee::onAlwaysProcessPending);
+  }
+  bool initialized() const { return initialized_; }
+  void initializedIs(bool v) { scalarIs("initialized", initialized_, v, &Notifiee::onInitialized); }
+
+  // Which key owns a handle. A key that changed its handle is still named under the old one.
+  KeyOfHandle const& handleToKey() const { return handleToKey_; }
+  void handleToKeyIs(U64 handle, EntryKey const& key) {
+    memberIs("handleToKey", handleToKey_, handle, key, &Notifiee::onHandleToKey);
+  }
+  void handleToKeyDel(U64 handle) { memberDel("handleToKey", handleToKey_, handle, &Notifiee::onHandleToKey); }
+  void handleToKeyDelAll() { membersDelAll("handleToKey", handleToKey_, &Notifiee::onHandleToKey); }
+  // The handle of each key.
+  HandleOfKey const& keyToHandle() const { return keyToHandle_; }
+  void keyToHandleIs(EntryKey const& key, U64 handle) {
+    memberIs("keyToHandle", keyToHandle_, key, handle, &Notifiee::onKeyToHandle);
+  }
+  void keyToHandleDel(EntryKey const& key) {
+    memberDel("keyToHandle", keyToHandle_, key, &Notifiee::onKeyToHandle);
+  }
+  void keyToHandleDelAll() { membersDelAll("keyToHandle", keyToHandle_, &Notifiee::onKeyToHandle); }
+
+  static Ostra::TypeInfo const& staticType();
+  Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
+
+ protected:
+  // The key's record with its dependant tables programmed; an empty or delete-marked one as it is. Throws
+  // Ostra::InternalException when they could not be programmed in retryDepsMaxCnt attempts.
+  EntryConfig readAndProcessDeps(EntryKey const& key);
+
+ private:
+  [[noreturn]] void giveUpOnDependants(EntryConfig const& entry, EntryKey const& key);
+  bool dispatchDelete(EntryKey const& key, bool delAck);
+  bool dispatchAddOrUpdate(EntryConfig const& entry, EntryKey const& key);
+  bool takeOverHandle(U64 handle, EntryKey const& key, EntryKey const& old);
+  void dumpWhenDirty();
+
+  Ostra::Ptr<TableConfig const> const tableConfig_;
+  Ostra::Ptr<DebugConfig const> const debugConfig_;
+  Ostra::Ptr<DebugStatus> const debugStatus_;
+  Ostra::Ptr<VantrelHelper> const helper_;
+  U32 const lgId_;
+  U32 retryDepsMaxCnt_ = 1000;
+  U64 failedDepCnt_ = 0;
+  bool debugEnabled_ = false;
+  bool dirty_ = true;
+  bool alwaysProcessPending_ = false;
+  bool initialized_ = false;
+  KeyOfHandle handleToKey_;
+  HandleOfKey keyToHandle_;
+};
+
+}  // namespace Vantrel

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+// Clean-up: when an engine goes, everything it programmed or acknowledged is withdrawn. Deletes queue their waiters as
+// always, but nothing runs the queue any more.
+#include "vantrel/core/trace.h"
+#include "vantrel/fast/fast_vantrel_impl.h"
+
+namespace Vantrel {
+
+void FastVantrelImpl::doCleanup() {
+  VANTREL_RECORD(3, lgId(), "doCleanup");
+  // The deletes change the engine's state, never keyToHandle.
+  for (auto const& [key, handle] : keyToHandle()) {
+    processDelete(key, false);
+    if (helper()) helper()->delStatus(key);
+  }
+  if (helper()) helper()->flush();
+}
+
+// A destructor runs the clean-up while the object still is what it was: its pti is the one it programmed with.
+void FastVantrelImpl::cleanupOnce() {
+  if (cleanedUp_) return;
+  cleanedUp_ = true;
+  doCleanup();
+}
+
+}  // namespace Vantrel

@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: Apache-2.0
+// Conflict detection: may an entry take its position now? Only the position itself and the nearest programmed neighbour
+// on either side are looked at.
+//
+//   position:   2     3     4     5     6
+//             [ 5 ] [   ] [   ] [ 7 ] [   ]        priorities inside, one group
+//
+//   prio 6 at 3: free, 5 <= 6 <= 7: may go            prio 6 at 5: occupied, waits for 5 (type Occupied)
+//   prio 4 at 3: its neighbour below has 5 > 4:       prio 8 at 4: its neighbour above has 7 < 8:
+//                waits for 3 (type Priority)                       waits for 4 (type Priority)
+//
+// Equal priorities never block, other groups never block. A position has one claim: the one with the greater pending
+// OpId keeps it, and an equal one takes it over. What it does not do: choose positions, or remember who lost a claim.
+#include "vantrel/core/trace.h"
+#include "vantrel/fast/asserts.h"
+#include "vantrel/fast/fast_vantrel_impl.h"
+#include "vantrel/fast/state.h"
+
+namespace Vantrel {
+
+bool FastVantrelImpl::isConflicting(EntryConfig const& entry) {
+  dirtyIs(true);
+  return isConflicting(entry, recordOf(entry));
+}
+
+// The key's record; a key seen for the first time gets one, with this entry's handle, priority and group for good.
+CState_s& FastVantrelImpl::recordOf(EntryConfig const& entry) {
+  FastState& s = *state();
+  auto const [at, isNew] = s.cstate.try_emplace(entry.key(), nullptr);
+  if (!isNew) return *at->second;
+  CState_s& c = *(at->second = s.cstateAlloc());
+  c.key = entry.key();
+  c.opId = OpId();
+  c.sti = noIndex;
+  c.hdl = entry.hdl();
+  c.prio = entry.prio();
+  c.pg = entry.pg();
+  s.clearPending(c.p, false);
+  VANTREL_TRACE(vantrelFastImplTrace(), 8, "entry ", c.key, " entry opid ", entry.opId(), " current opId ", c.opId);
+  VANTREL_RECORD(9, lgId(), "new entry key:", c.key, " hdl:", c.hdl, " entry opid:", entry.opId(), " current opId",
+                 c.opId);
+  return c;
+}
+
+bool FastVantrelImpl::isConflicting(EntryConfig const& entry, CState_s& c) {
+  if (c.opId >= entry.opId()) {  // not newer than what is programmed
+    state()->clearPending(c.p, true);
+    return true;
+  }
+  for (U32 k = 0; k < entry.tableIndexs(); ++k)
+    if (!mayTake(entry, c, entry.tableIndex(TableKey(k)))) return conflictFound(entry, c);
+  return conflictFree(entry, c);
+}
+
+bool FastVantrelImpl::mayTake(EntryConfig const& entry, CState_s& c, U32 ti) {
+  FastState& s = *state();
+  if (ti == c.sti) {
+    s.addToWorkq(ti);
+    return true;
+  }
+  if (s.current.at(ti)) {
+    claimOccupied(entry, c, ti);
+    return false;
+  }
+  if (CState_s const* const blocker = priorityBlocker(c, ti)) {
+    claimPriority(entry, c, ti, *blocker);
+    return false;
+  }
+  if (CState_s* const waiter = s.pending.at(ti); waiter && waiter != &c) s.clearPending(waiter->p, true);
+  return true;
+}
+
+// The nearest programmed neighbour that the record would be out of order with at ti, if any.
+CState_s const* FastVantrelImpl::priorityBlocker(CState_s const& c, U32 ti) const {
+  JudyMap<CState_s> const& precedence = state()->precedence;
+  U32 const at = pti(c.pg, ti);
+  if (auto const below = precedence.below(at);
+      below && below->value->pg == c.pg && below->value->prio > c.prio)
+    return below->value;
+  if (auto const above = precedence.above(at);
+      above && above->value->pg == c.pg && above->value->prio < c.prio)
+    return above->value;
+  return nullptr;
+}
+
+void FastVantrelImpl::claimPriority(EntryConfig const& entry, CState_s& c, U32 ti, CState_s const& blocker) {
+  FastState& s = *state();
+  CState_s*& slot = *s.pending.insert(ti);
+  if (slot) {
+    if (slot->p.opId > entry.opId()) return s.clearPending(c.p, true);  // the newer claim stands
+    s.clearPending(slot->p, false);
+  }
+  VANTREL_TRACE(vantrelFastImplTrace(), 8, "prio blocked ", c.key, " prio:", c.prio, " by ", blocker.key, " at ",
+                blocker.sti, " prio:", blocker.prio);
+  VANTREL_RECORD(9, lgId(), "key:", c.key, " hdl:", c.hdl, " prio:", c.prio, " blocked by key:", blocker.key,
+                 " prio:", blocker.prio, " at ti:", blocker.sti);
+  slot = &c;
+  s.clearPending(c.p, true);
+  c.p = {entry.opId(), ti, PendingType::Priority};
+}
+
+void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 ti) {
+  FastState& s = *state();
+  CState_s*& slot = *s.pending.insert(ti);
+  CState_s* const cp = slot;
+  if (cp && cp->p.opId > entry.opId()) {
+    if (cp->key == c.key)
+      VANTREL_TRACE(vantrelFastImplTrace(), 0, "key=", c.key, " eOpId: ", entry.opId(), " pOpId: ", cp->p.opId);
+    FAST_ASSERT_AS(c.key != cp->key, "c->key != cp->key");
+    return s.clearPending(c.p, true);  // the newer claim stands
+  }
+  if (cp == &c) {
+    FAST_ASSERT_AS(c.p.ti == ti, "c->p.ti == *ti");
+  } else {
+    slot = &c;
+    s.clearPending(c.p, true);  // may move the slots: this one is looked up again
+    if (cp) s.clearPending(cp->p, false);
+    CState_s** const PValue = s.pending.find(ti);
+    FAST_ASSERT(PValue);
+    *PValue = &c;
+  }
+  c.p = {entry.opId(), ti, PendingType::Occupied};
+}
+
+bool FastVantrelImpl::conflictFound(EntryConfig const& entry, CState_s const& c) {
+  VANTREL_RECORD(9, lgId(), "conflicting key:", c.key, " hdl:", c.hdl, " prio:", c.prio, " opId:", entry.opId());
+  state()->blocked.insert(c.key);
+  return true;
+}
+
+bool FastVantrelImpl::conflictFree(EntryConfig const& entry, CState_s& c) {
+  state()->clearPending(c.p, true);
+  if (!state()->blocked.empty()) state()->blocked.erase(c.key);
+  VANTREL_RECORD(9, lgId(), "not conflicting key:", c.key, " hdl:", c.hdl, " prio:", c.prio, " opId:", entry.opId());
+  return false;
+}
+
+}  // namespace Vantrel

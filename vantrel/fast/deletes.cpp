@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+// Deletes: the break half of make-before-break. A delete frees a position and may relax the bounds around it, so it wakes
+// the position's waiter first, then every same-group waiter of the range it opened.
+//
+// What the delete of 20 at 4 opens (priorities inside, one group):
+//
+//   position:   1      2      3      4      5      6      7
+//             [ 10 ] [    ] [    ] [ 20 ] [    ] [    ] [ 30 ]
+//                      ^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^  waiters of 2 to 6 may go now, in either direction
+//
+// An equal neighbour above keeps the lower side closed, one below the upper side. It does not run the queue: its caller
+// does.
+#include "vantrel/core/trace.h"
+#include "vantrel/fast/asserts.h"
+#include "vantrel/fast/fast_vantrel_impl.h"
+#include "vantrel/fast/state.h"
+
+namespace Vantrel {
+
+bool FastVantrelImpl::processDelete(EntryKey const& key, bool delAck) {
+  return processDeleteHelper(key, false, delAck);
+}
+
+bool FastVantrelImpl::processDeleteHelper(EntryKey const& key, bool deadlock, bool delAck) {
+  FAST_ASSERT(initialized());
+  VANTREL_TRACE(vantrelFastImplTrace(), 8, "trying to delete ", key);
+  CState_s* const c = state()->record(key);
+  return c ? deleteKnown(*c, deadlock, delAck) : deleteUnknown(key, delAck);
+}
+
+bool FastVantrelImpl::deleteKnown(CState_s& c, bool deadlock, bool delAck) {
+  VANTREL_TRACE(vantrelFastImplTrace(), 8, "deleting entry ", c.key, " opId ", c.opId, " deadlock: ", deadlock);
+  VANTREL_RECORD(9, lgId(), "deleting entry key:", c.key, " hdl:", c.hdl, " opId: ", c.opId, " deadlock:", deadlock,
+                 " delAck: ", delAck);
+  state()->clearPending(c.p, true);
+  // The group of a delete record is 0 whatever the entry's own.
+  EntryConfig record(c.key, delAck ? OpId::deleteAcknowledge() : c.opId, c.hdl, 0, c.prio);
+  if (c.programmed()) {
+    withdraw(c, record, deadlock);
+  } else if (delAck) {
+    VANTREL_RECORD(9, lgId(), "pending only delAck key:", c.key);
+    helper()->delAck(c.key);
+  }
+  forget(c);
+  return true;
+}
+
+void FastVantrelImpl::withdraw(CState_s const& c, EntryConfig& record, bool deadlock) {
+  FastState& s = *state();
+  record.tableIndexIs(TableKey(0), c.sti);
+  s.current.remove(c.sti);
+  s.precedence.remove(pti(c.pg, c.sti));
+  s.addToWorkq(c.sti);
+  wakeRange(c.pg, rangeOpenedByDelete(c));
+  VANTREL_RECORD(9, lgId(), "del helper key:", c.key, " hdl:", c.hdl, " deadlock:", deadlock);
+  if (deadlock)
+    helper()->deleteEntryDeadlock(record);
+  else
+    helper()->deleteEntry(record);
+}
+
+// The deleted entry is no longer in the index that is searched from its place.
+FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByDelete(CState_s const& c) const {
+  constexpr U32 end = 0xFFFFFFFF;
+  U32 const from = pti(c.pg, c.sti);
+  auto const prev = state()->precedence.below(from);
+  auto const next = state()->precedence.above(from);
+  bool const closedAbove = prev && prev->value->samePriority(c);
+  bool const closedBelow = next && next->value->samePriority(c);
+  if (closedAbove && closedBelow) return {c.sti + 1, c.sti};
+  U32 lo = 0;
+  if (closedBelow)
+    lo = c.sti + 1;
+  else if (prev && prev->value->pg == c.pg)
+    lo = lti(prev->index) + 1;
+  if (closedAbove) return {lo, c.sti};
+  return {lo, next && next->value->pg == c.pg ? lti(next->index) : end};
+}
+
+void FastVantrelImpl::forget(CState_s& c) {
+  FastState& s = *state();
+  s.cstate.erase(c.key);
+  if (!s.blocked.empty()) s.blocked.erase(c.key);
+  s.cstateFree(&c);
+  dirtyIs(true);
+}
+
+// Not an error: the producer is answered, so that it is not left waiting.
+bool FastVantrelImpl::deleteUnknown(EntryKey const& key, bool delAck) {
+  VANTREL_TRACE(vantrelFastImplTrace(), 8, "not found entry ", key);
+  VANTREL_RECORD(9, lgId(), "del not found key:", key);
+  if (delAck) {
+    VANTREL_RECORD(9, lgId(), "never added delAck key:", key);
+    helper()->delAck(key);
+  } else {
+    VANTREL_RECORD(9, lgId(), "never added delStatus key:", key);
+    helper()->delStatus(key);
+  }
+  return false;
+}
+
+}  // namespace Vantrel

@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+// Construction, the small answers, and the names of both fast engines.
+#include "vantrel/fast/fast_vantrel_impl.h"
+
+#include "vantrel/core/trace.h"
+#include "vantrel/fast/asserts.h"
+#include "vantrel/fast/fast_vantrel_atcam_impl.h"
+#include "vantrel/fast/state.h"
+
+namespace Vantrel {
+
+FastVantrelImpl::FastVantrelImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig,
+                                 Ostra::Ptr<DebugConfig const> debugConfig, Ostra::Ptr<DebugStatus> debugStatus,
+                                 Ostra::Ptr<VantrelHelper> helper, U32 lgId)
+    : VantrelImpl(std::move(name), std::move(tableConfig), std::move(debugConfig), std::move(debugStatus),
+                  std::move(helper), lgId) {
+  FastVantrelImpl::handleInitialized();
+}
+
+FastVantrelImpl::~FastVantrelImpl() {
+  cleanupOnce();
+  notifieeList().clear();
+}
+
+FastVantrelAtcamImpl::FastVantrelAtcamImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig,
+                                           Ostra::Ptr<DebugConfig const> debugConfig,
+                                           Ostra::Ptr<DebugStatus> debugStatus, Ostra::Ptr<VantrelHelper> helper,
+                                           U32 lgId, U32 maxPartitions)
+    : FastVantrelImpl(std::move(name), std::move(tableConfig), std::move(debugConfig), std::move(debugStatus),
+                      std::move(helper), lgId),
+      maxPartitions_(maxPartitions) {
+  prioGrpShiftIs(16);
+}
+
+FastVantrelAtcamImpl::~FastVantrelAtcamImpl() { cleanupOnce(); }
+
+void FastVantrelImpl::handleInitialized() {
+  VANTREL_TRACE(vantrelFastImplTrace(), 8, __func__);
+  if (!state()) {
+    stateIs(new FastState);
+    state()->lgIdIs(lgId());
+  }
+  initializedIs(true);
+}
+
+OpId FastVantrelImpl::currentOpId(EntryKey const& key) const {
+  CState_s const* const c = state()->record(key);
+  return c ? c->opId : OpId();
+}
+
+U32 FastVantrelImpl::numPending() const { return initialized() ? state()->pending.count() : 0; }
+
+U32 FastVantrelImpl::numDeadlock() const { return deadlockCount(); }
+
+namespace {
+
+std::string positionsWouldBeLost(FastVantrelImpl const& engine) {
+  if (engine.state()->current.empty() && engine.state()->pending.empty()) return {};
+  return "entries are programmed or waiting under the present mapping";
+}
+
+}  // namespace
+
+Ostra::TypeInfo const& FastVantrelImpl::staticType() {
+  using F = FastVantrelImpl;
+  static Ostra::TypeInfo const type =
+      Ostra::TypeInfo::of<F>("Vantrel::FastVantrelImpl", &VantrelImpl::staticType())
+          .attribute("prioGrpShift", &F::prioGrpShift, &F::prioGrpShiftIs)
+          .refusedBecause(&positionsWouldBeLost)
+          .attribute("deadlockCount", &F::deadlockCount, &F::deadlockCountIs)
+          .operation("processDeleteHelper", &F::processDeleteHelper)
+          .operation("doCleanup", &F::doCleanup);
+  return type;
+}
+
+Ostra::TypeInfo const& FastVantrelAtcamImpl::staticType() {
+  static Ostra::TypeInfo const type =
+      Ostra::TypeInfo::of<FastVantrelAtcamImpl>("Vantrel::FastVantrelAtcamImpl", &FastVantrelImpl::staticType())
+          .attribute("maxPartitions", &FastVantrelAtcamImpl::maxPartitions);
+  return type;
+}
+
+}  // namespace Vantrel

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+// FastVantrelImpl: the concrete make-before-break engine.
+//
+// The producer chooses positions, the engine decides when a position may be taken: never while another entry holds it,
+// and never so that, inside one priority group, a lower `prio` would lie at a higher precedence index than a higher one.
+// An entry that must wait leaves a claim on its position and is woken by the change that may have removed its obstacle.
+//
+// Invariants: see FastState.
+// Ownership: makes its FastState at construction and does not release it.
+// Threading: the agent's event loop; all engines of a process share one record pool.
+// Cost: a key is a hash probe and a handful of ordered look-ups; nothing is ever rescanned.
+// Errors: a broken invariant is an assertion against the model file FastVantrelImpl.
+#pragma once
+
+#include "vantrel/engine/vantrel_impl.h"
+
+namespace Vantrel {
+
+class FastState;
+struct CState_s;
+
+class VANTREL_API FastVantrelImpl : public VantrelImpl {
+ public:
+  class Notifiee : public Ostra::NotifieeOf<FastVantrelImpl const> {
+   public:
+    virtual void onPrioGrpShift() {}
+    virtual void onState() {}
+    virtual void onDeadlockCount() {}
+  };
+
+  FastVantrelImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig,
+                  Ostra::Ptr<DebugConfig const> debugConfig, Ostra::Ptr<DebugStatus> debugStatus,
+                  Ostra::Ptr<VantrelHelper> helper, U32 lgId);
+  // Cleans up first: every key that has a handle is deleted, its status removed, the hardware flushed. A subclass that
+  // overrides pti or lti calls cleanupOnce() in its own destructor.
+  ~FastVantrelImpl() override;
+
+  void checkDeadlock() override;
+  void processPending() override;
+  bool processEntry(EntryConfig const& entry) override;
+  bool processDelete(EntryKey const& key, bool delAck) override;
+  OpId currentOpId(EntryKey const& key) const override;
+  U32 numPending() const override;
+  U32 numDeadlock() const override;
+  void dumpPending() override;
+  void dumpState() override;
+  void handleDebug() override;
+  void handleInitialized() override;
+
+  // The precedence index of a position: its order inside a group is the hardware's. And back.
+  virtual U32 pti(U16 pg, U32 ti) const;
+  virtual U32 lti(U32 pti) const;
+
+  // May the entry be programmed at its table index now? When not, it is stale, or it waits with a claim (or lost it to a
+  // newer one).
+  bool isConflicting(EntryConfig const& entry);
+  // `deadlock` asks the hardware through deleteEntryDeadlock. False when the engine does not know the key.
+  bool processDeleteHelper(EntryKey const& key, bool deadlock, bool delAck);
+  // Deletes every key that has a handle.
+  void doCleanup();
+
+  // How many low bits of a precedence index hold the position inside a priority group.
+  U32 prioGrpShift() const { return prioGrpShift_; }
+  void prioGrpShiftIs(U32 v) { scalarIs(fastNotifiees_, "prioGrpShift", prioGrpShift_, v, &Notifiee::onPrioGrpShift); }
+  FastState* state() const { return state_; }
+  void stateIs(FastState* v) { scalarIs(fastNotifiees_, "state", state_, v, &Notifiee::onState); }
+  // Rings broken.
+  U32 deadlockCount() const { return deadlockCount_; }
+  void deadlockCountIs(U32 v) {
+    scalarIs(fastNotifiees_, "deadlockCount", deadlockCount_, v, &Notifiee::onDeadlockCount);
+  }
+  U32 deadlockCountInc(U32 n) {
+    deadlockCountIs(deadlockCount_ + n);
+    return deadlockCount_;
+  }
+
+  // The watchers of this class's own attributes; those of the base are VantrelImpl's.
+  Ostra::Notifier& notifieeList() const { return fastNotifiees_; }
+
+  static Ostra::TypeInfo const& staticType();
+  Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
+
+ protected:
+  void cleanupOnce();
+
+ private:
+  // conflict.cpp
+  CState_s& recordOf(EntryConfig const& entry);
+  bool isConflicting(EntryConfig const& entry, CState_s& c);
+  bool mayTake(EntryConfig const& entry, CState_s& c, U32 ti);
+  CState_s const* priorityBlocker(CState_s const& c, U32 ti) const;
+  void claimPriority(EntryConfig const& entry, CState_s& c, U32 ti, CState_s const& blocker);
+  void claimOccupied(EntryConfig const& entry, CState_s& c, U32 ti);
+  bool conflictFound(EntryConfig const& entry, CState_s const& c);
+  bool conflictFree(EntryConfig const& entry, CState_s& c);
+
+  // programming.cpp
+  void program(EntryConfig const& entry, CState_s& c, U32 ti);
+  void add(EntryConfig const& entry, CState_s& c, U32 ti);
+  void move(EntryConfig const& entry, CState_s& c, U32 ti);
+  void enterAt(CState_s& c, U32 ti);
+  struct Range {  // of table indexes, [lo, hi)
+    U32 lo;
+    U32 hi;
+  };
+  Range rangeOpenedByMove(CState_s const& c, U32 old, U32 ti) const;
+  void wakeRange(U16 pg, Range range);
+
+  // deletes.cpp
+  bool deleteKnown(CState_s& c, bool deadlock, bool delAck);
+  bool deleteUnknown(EntryKey const& key, bool delAck);
+  void withdraw(CState_s const& c, EntryConfig& record, bool deadlock);
+  Range rangeOpenedByDelete(CState_s const& c) const;
+  void forget(CState_s& c);
+
+  // deadlock.cpp
+  class Visited;
+  bool closesRing(EntryKey const& start, Visited& visited) const;
+  CState_s const* occupantWaitedFor(CState_s const& c) const;
+  void breakRing(EntryKey const& victim);
+
+  mutable Ostra::Notifier fastNotifiees_;
+  U32 prioGrpShift_ = 19;
+  FastState* state_ = nullptr;
+  U32 deadlockCount_ = 0;
+  bool cleanedUp_ = false;
+};
+
+}  // namespace Vantrel

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+// The record pool, and the list of states.
+//
+// The pool grows by blocks of 2, 6, 18, ... records until 131072 a step. Blocks are never returned: a record's address
+// stays good for the life of the process.
+#include "vantrel/fast/state.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <new>
+
+#include "vantrel/fast/asserts.h"
+
+namespace Vantrel {
+namespace {
+
+constexpr U32 maxGrowth = 131072;
+
+struct Pool {
+  std::vector<CState_s*> cfree;  // the first cread of them are free
+  U32 cread = 0;
+  U32 clen = 1;
+  std::vector<void*> blocks;        // keeps every block in a leak checker's sight
+  std::vector<FastState*> states;  // and every state
+};
+
+Pool& pool() {
+  static Pool* const instance = new Pool;  // outlives every engine, static ones included
+  return *instance;
+}
+
+void give(CState_s* c) {
+  Pool& p = pool();
+  p.cfree[p.cread] = c;
+  ++p.cread;
+  U32 const cread = p.cread;
+  U32 const clen = p.clen;
+  FAST_ASSERT(cread <= clen);
+}
+
+void grow() {
+  Pool& p = pool();
+  U32 const growth = std::min(2 * p.clen, maxGrowth);
+  p.clen += growth;
+  p.cfree.resize(p.clen + 1);  // one to spare: a record given back twice is seen, not written past the end
+  void* const block = std::malloc(growth * sizeof(CState_s));
+  if (!block) throw std::bad_alloc();
+  p.blocks.push_back(block);
+  auto* const records = static_cast<CState_s*>(block);
+  for (U32 i = 0; i < growth; ++i) give(new (&records[i]) CState_s);
+}
+
+}  // namespace
+
+CStatePool cstatePool() { return {pool().cread, pool().clen}; }
+
+FastState::FastState() : cstate(16), blocked(16) { pool().states.push_back(this); }
+
+FastState::~FastState() { std::erase(pool().states, this); }
+
+CState_s* FastState::cstateAlloc() {
+  Pool& p = pool();
+  if (p.cread == 0) grow();
+  --p.cread;
+  CState_s* const c = p.cfree[p.cread];
+  FAST_ASSERT(c);
+  return c;
+}
+
+void FastState::cstateFree(CState_s* c) {
+  FAST_ASSERT(c);
+  give(c);
+}
+
+}  // namespace Vantrel

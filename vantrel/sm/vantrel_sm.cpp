@@ -1,0 +1,286 @@
+// SPDX-License-Identifier: Apache-2.0
+// The front end between its inputs and the engine: reactors, full walks, flush bookkeeping.
+#include "vantrel/sm/vantrel_sm.h"
+
+#include "ostra/clock.h"
+#include "ostra/exception.h"
+#include "pallo/exception.h"
+#include "vantrel/core/trace.h"
+
+#define SM_TRACE_ENTRY(operation) VANTREL_TRACE_ENTRY(vantrelSmTrace(), 8, "Vantrel", operation)
+
+namespace Vantrel {
+
+// A watcher of one input with a back pointer to its front end, null once it is dropped. A handler may drop its own
+// reactor and even the front end: both are held while it runs.
+template <class NotifieeT, class Input>
+class VantrelSm::Reactor : public NotifieeT, public Ostra::PtrInterface {
+ public:
+  using InputType = Input;
+  Reactor(VantrelSm* owner, Ostra::Ptr<Input> input) : owner_(owner) {
+    this->markedForDeletionIs(owner->marked_);
+    this->notifierIs(std::move(input));
+  }
+  void ownerIsGone() {
+    this->markedForDeletionIs(true);
+    owner_ = nullptr;
+  }
+
+ protected:
+  template <class Call>
+  void call(Call handler) {
+    if (this->markedForDeletion() || !owner_) return;
+    Ostra::Ptr<Reactor> const keepReactor(this);
+    Ostra::Ptr<VantrelSm> const keepOwner(owner_);
+    handler(*keepOwner);
+  }
+
+ private:
+  VantrelSm* owner_;
+};
+
+class VantrelSm::TableReactor : public Reactor<TableConfig::Notifiee, TableConfig const> {
+ public:
+  using Reactor::Reactor;
+  void onEntry(EntryKey const& key) override {
+    call([key](VantrelSm& sm) { sm.handleEntry(key); });
+  }
+  void onEntryColl() override {
+    call([](VantrelSm& sm) { sm.handleEntry(); });
+  }
+  void inputReplaced() {
+    synchronizedIs(hasNotificationActive());  // the walk that follows is the one that watching begins with
+    call([](VantrelSm& sm) { sm.handleEntry(); });
+  }
+};
+
+class VantrelSm::DebugReactor : public Reactor<DebugConfig::Notifiee, DebugConfig const> {
+ public:
+  using Reactor::Reactor;
+  void onVersion() override { inputReplaced(); }
+  void inputReplaced() {
+    call([](VantrelSm& sm) { sm.handleDebug(); });
+  }
+};
+
+class VantrelSm::TimerReactor : public Reactor<Keel::TimerWheel::Notifiee, Keel::TimerWheel const> {
+ public:
+  using Reactor::Reactor;
+  void onTime() override { inputReplaced(); }
+  void inputReplaced() {
+    call([](VantrelSm& sm) { sm.handleRetry(); });
+  }
+};
+
+template <class ReactorT, class Input>
+Ostra::Ptr<ReactorT> VantrelSm::makeReactor(Ostra::Ptr<Input> input) {
+  if (!input) return nullptr;
+  return Ostra::make<ReactorT>(this, std::move(input));
+}
+
+VantrelSm::VantrelSm(Ostra::Ptr<TableConfig const> tableConfig, Ostra::Ptr<TableStatus> tableStatus,
+                     Ostra::Ptr<DebugConfig const> debugConfig, Ostra::Ptr<DebugStatus> debugStatus,
+                     Ostra::Ptr<VantrelImpl> vantrelImpl, Ostra::Ptr<VantrelFlushStatus> flushStatus,
+                     Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer)
+    : tableReactor_(makeReactor<TableReactor>(std::move(tableConfig))),
+      tableStatus_(std::move(tableStatus)),
+      debugReactor_(makeReactor<DebugReactor>(std::move(debugConfig))),
+      debugStatus_(std::move(debugStatus)),
+      vantrelImpl_(std::move(vantrelImpl)),
+      flushStatus_(std::move(flushStatus)),
+      timerReactor_(makeReactor<TimerReactor>(std::move(retryFailedTimer))) {
+  VantrelSm::handleInitialized();
+}
+
+VantrelSm::~VantrelSm() {
+  eachReactor([](auto& reactor) { reactor->ownerIsGone(); });
+}
+
+Ostra::Ptr<VantrelSm> VantrelSm::VantrelSmIs(Ostra::Ptr<TableConfig const> tableConfig,
+                                             Ostra::Ptr<TableStatus> tableStatus,
+                                             Ostra::Ptr<DebugConfig const> debugConfig,
+                                             Ostra::Ptr<DebugStatus> debugStatus, Ostra::Ptr<VantrelImpl> vantrelImpl,
+                                             Ostra::Ptr<VantrelFlushStatus> flushStatus,
+                                             Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer) {
+  Ostra::Ptr<VantrelSm> sm(new VantrelSm(std::move(tableConfig), std::move(tableStatus), std::move(debugConfig),
+                                         std::move(debugStatus), std::move(vantrelImpl), std::move(flushStatus),
+                                         std::move(retryFailedTimer)));
+  sm->hasNotificationActiveIs(true);
+  return sm;
+}
+
+template <class Call>
+void VantrelSm::eachReactor(Call call) {
+  if (tableReactor_) call(tableReactor_);
+  if (debugReactor_) call(debugReactor_);
+  if (timerReactor_) call(timerReactor_);
+}
+
+void VantrelSm::hasNotificationActiveIs(bool active) {
+  notificationActive_ = active;
+  eachReactor([active](auto reactor) { reactor->hasNotificationActiveIs(active); });
+}
+
+void VantrelSm::markedForDeletionIs(bool marked) {
+  marked_ = marked;
+  eachReactor([marked](auto reactor) { reactor->markedForDeletionIs(marked); });
+}
+
+// Watching the same object already: nothing. Null: the reactor is dropped. Else it is pointed at the new input, or made,
+// and the input is handled at once.
+template <class ReactorT, class Input>
+void VantrelSm::inputIs(Ostra::Ptr<ReactorT>& reactor, Ostra::Ptr<Input> input) {
+  if (!input) return drop(reactor);
+  if (reactor && reactor->notifier() == input) return;
+  if (reactor) {
+    reactor->notifierIs(std::move(input));
+    reactor->markedForDeletionIs(marked_);
+  } else {
+    reactor = makeReactor<ReactorT>(std::move(input));
+    reactor->Ostra::NotifieeBase::hasNotificationActiveIs(notificationActive_);
+  }
+  Ostra::Ptr<ReactorT> const keep = reactor;
+  keep->inputReplaced();
+}
+
+template <class ReactorT>
+void VantrelSm::drop(Ostra::Ptr<ReactorT>& reactor) {
+  if (!reactor) return;
+  reactor->ownerIsGone();
+  reactor->notifierIs(nullptr);
+  reactor = nullptr;
+}
+
+void VantrelSm::tableConfigIs(Ostra::Ptr<TableConfig const> table) { inputIs(tableReactor_, std::move(table)); }
+void VantrelSm::tableConfigDel() { drop(tableReactor_); }
+void VantrelSm::debugConfigIs(Ostra::Ptr<DebugConfig const> debugConfig) {
+  inputIs(debugReactor_, std::move(debugConfig));
+}
+void VantrelSm::debugConfigDel() { drop(debugReactor_); }
+void VantrelSm::retryFailedTimerIs(Ostra::Ptr<Keel::TimerWheel const> wheel) {
+  inputIs(timerReactor_, std::move(wheel));
+}
+void VantrelSm::retryFailedTimerDel() { drop(timerReactor_); }
+
+Ostra::Ptr<TableConfig const> VantrelSm::tableConfig() const {
+  return tableReactor_ ? tableReactor_->notifier() : nullptr;
+}
+Ostra::Ptr<DebugConfig const> VantrelSm::debugConfig() const {
+  return debugReactor_ ? debugReactor_->notifier() : nullptr;
+}
+Ostra::Ptr<Keel::TimerWheel const> VantrelSm::retryFailedTimer() const {
+  return timerReactor_ ? timerReactor_->notifier() : nullptr;
+}
+
+void VantrelSm::handleEntry(EntryKey const& key) {
+  SM_TRACE_ENTRY("handleEntry");
+  if (!initialized()) return;
+  try {
+    vantrelImpl()->handleEntry(key);
+  } catch (Ostra::InternalException const&) {
+    doScheduleRetry(key);
+  }
+}
+
+void VantrelSm::handleEntry() {
+  SM_TRACE_ENTRY("handleEntry");
+  if (!initialized()) return;
+  Ostra::Ptr<TableConfig const> const table = tableConfig();
+  if (!table) return;
+  walk(*table);
+  if (auto const& helper = vantrelImpl()->helper()) helper->flush();
+  firstFlushDone();
+}
+
+void VantrelSm::walk(TableConfig const& table) {
+  // Only the table's own steps are guarded: what the engine throws for a key is not damage of the table.
+  auto const step = [&table](auto advance) -> std::optional<TableConfig::Place> {
+    try {
+      return advance();
+    } catch (Pallo::CorruptionDetectedException const& damage) {
+      table.corruptionDetected(damage.what());
+      return std::nullopt;
+    }
+  };
+  for (auto place = step([&] { return table.first(); }); place;
+       place = step([&] { return table.next(*place); }))
+    handleEntry(place->key);
+}
+
+void VantrelSm::firstFlushDone() {
+  if (initialFlushed() || !flushStatus()) return;
+  initialFlushedIs(true);
+  flushStatus()->flushCounterIs(static_cast<U8>(flushStatus()->flushCounter() + 1));
+}
+
+// Without a wheel the key is kept all the same, and nothing brings it back.
+void VantrelSm::doScheduleRetry(EntryKey const& key) {
+  SM_TRACE_ENTRY("doScheduleRetry");
+  if (timerReactor_ && timerReactor_->notifier() && !retryTimerSet()) {
+    timerReactor_->timeMinIs(Ostra::now() + retryPeriod());
+    retryTimerSetIs(true);
+  }
+  failedKeyIs(key, true);
+}
+
+void VantrelSm::handleEntryCollNotify() {
+  SM_TRACE_ENTRY("handleEntryCollNotify");
+  handleEntry();
+}
+
+void VantrelSm::handleInitialized() {
+  SM_TRACE_ENTRY("handleInitialized");
+  if (!initialized() && flushStatus())
+    flushStatus()->tableCounterIs(static_cast<U8>(flushStatus()->tableCounter() + 1));
+  initializedIs(true);
+}
+
+void VantrelSm::handleDebug() {
+  SM_TRACE_ENTRY("handleDebug");
+  if (!initialized()) return;
+  vantrelImpl()->handleDebug();
+}
+
+namespace {
+std::string keysWouldBeLost(VantrelSm const&) {
+  return "a running front end that is not initialized would drop every key it is told of";
+}
+}  // namespace
+
+Ostra::TypeInfo const& VantrelSm::staticType() {
+  using S = VantrelSm;
+  static Ostra::TypeInfo const type =
+      Ostra::TypeInfo::of<S>("Vantrel::VantrelSm")
+          .reference("tableConfig", &S::tableConfig)
+          .reference("tableStatus", &S::tableStatus)
+          .reference("debugConfig", &S::debugConfig)
+          .reference("debugStatus", &S::debugStatus)
+          .reference("vantrelImpl", &S::vantrelImpl)
+          .reference("flushStatus", &S::flushStatus)
+          .reference("retryFailedTimer", &S::retryFailedTimer)
+          .attribute("initialFlushed", &S::initialFlushed, &S::initialFlushedIs)
+          .operation<void, EntryKey const&>("handleEntry", &S::handleEntry)
+          .operation("handleEntryCollNotify", &S::handleEntryCollNotify)
+          .operation("handleDebug", &S::handleDebug)
+          .operation("doScheduleRetry", &S::doScheduleRetry)
+          .attribute("retryPeriod", &S::retryPeriod, &S::retryPeriodIs)
+          .attribute("retryTimerSet", &S::retryTimerSet, &S::retryTimerSetIs)
+          .collection("failedKey", &S::failedKey)
+          .operation("handleRetry", &S::handleRetry)
+          .attribute("initialized", &S::initialized, &S::initializedIs)
+          .refusedBecause(&keysWouldBeLost)
+          .operation("handleInitialized", &S::handleInitialized);
+  return type;
+}
+
+Ostra::Ptr<VantrelSm> vantrelSmFactory(Ostra::Ptr<TableConfig const> tableConfig, Ostra::Ptr<TableStatus> tableStatus,
+                                       Ostra::Ptr<DebugConfig const> debugConfig,
+                                       Ostra::Ptr<DebugStatus> debugStatus, Ostra::Ptr<VantrelImpl> vantrelImpl,
+                                       Ostra::Ptr<VantrelFlushStatus> flushStatus,
+                                       Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer) {
+  return VantrelSm::VantrelSmIs(std::move(tableConfig), std::move(tableStatus), std::move(debugConfig),
+                                std::move(debugStatus), std::move(vantrelImpl), std::move(flushStatus),
+                                std::move(retryFailedTimer));
+}
+
+}  // namespace Vantrel

@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+// VantrelSm: the front end. It hears of changes in the configuration table, hands their keys to the engine, brings failed
+// keys back on a timer, and walks the whole table when watching begins, when its watcher fell behind and when the table
+// is replaced.
+//
+// Invariants: nothing is handed on before `initialized`. A key of failedKey is handed to the engine in the next pass.
+// Ownership: holds references to every input. Each watched input has a reactor, which refers back to the front end.
+// Threading: the agent's event loop, one notification at a time.
+// Errors: Ostra::InternalException of the engine becomes a retry; every other exception passes through.
+#pragma once
+
+#include <map>
+
+#include "keel/timer_wheel.h"
+#include "vantrel/core/tables.h"
+#include "vantrel/engine/debug_entities.h"
+#include "vantrel/engine/vantrel_impl.h"
+#include "vantrel/sm/flush_status.h"
+
+namespace Vantrel {
+
+class VANTREL_API VantrelSm : public Ostra::Described {
+ public:
+  using FailedKeys = std::map<EntryKey, bool>;
+
+  // Makes a front end and switches notification on, which begins with a walk of the table. A null table, debug trigger
+  // or wheel leaves the features that need it inert; a null flush status, both counters.
+  static Ostra::Ptr<VantrelSm> VantrelSmIs(Ostra::Ptr<TableConfig const> tableConfig,
+                                           Ostra::Ptr<TableStatus> tableStatus,
+                                           Ostra::Ptr<DebugConfig const> debugConfig,
+                                           Ostra::Ptr<DebugStatus> debugStatus, Ostra::Ptr<VantrelImpl> vantrelImpl,
+                                           Ostra::Ptr<VantrelFlushStatus> flushStatus,
+                                           Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer);
+  ~VantrelSm() override;
+
+  // Hands one key to the engine; a key whose dependants fail is kept for a retry.
+  virtual void handleEntry(EntryKey const& key);
+  // Hands over every key of the table, then flushes the hardware client.
+  virtual void handleEntry();
+  virtual void handleInitialized();
+  // Marked for deletion, the reactors ignore every notification.
+  virtual void markedForDeletionIs(bool marked);
+
+  // A different non-null input is handled at once: a full walk, a debug request, a retry pass.
+  virtual void tableConfigDel();
+  virtual void tableConfigIs(Ostra::Ptr<TableConfig const> table);
+  virtual void debugConfigDel();
+  virtual void debugConfigIs(Ostra::Ptr<DebugConfig const> debugConfig);
+  virtual void retryFailedTimerDel();
+  virtual void retryFailedTimerIs(Ostra::Ptr<Keel::TimerWheel const> wheel);
+
+  // Forwarded to every reactor. Switching on walks a table whose changes may have been missed.
+  virtual void hasNotificationActiveIs(bool active);
+
+  void handleEntryCollNotify();
+  void handleDebug();
+  // Keeps the key and makes sure that a wake-up is armed.
+  void doScheduleRetry(EntryKey const& key);
+  // One pass over the failed keys.
+  void handleRetry();
+
+  Ostra::Ptr<TableConfig const> tableConfig() const;
+  Ostra::Ptr<TableStatus> const& tableStatus() const { return tableStatus_; }
+  Ostra::Ptr<DebugConfig const> debugConfig() const;
+  Ostra::Ptr<DebugStatus> const& debugStatus() const { return debugStatus_; }
+  Ostra::Ptr<VantrelImpl> const& vantrelImpl() const { return vantrelImpl_; }
+  Ostra::Ptr<VantrelFlushStatus> const& flushStatus() const { return flushStatus_; }
+  Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer() const;
+
+  // These tell nobody. The first full walk was completed and flushed.
+  bool initialFlushed() const { return initialFlushed_; }
+  void initialFlushedIs(bool v) { initialFlushed_ = v; }
+  // Seconds before failed keys are retried.
+  double retryPeriod() const { return retryPeriod_; }
+  void retryPeriodIs(double v) { retryPeriod_ = v; }
+  // A wake-up is armed.
+  bool retryTimerSet() const { return retryTimerSet_; }
+  void retryTimerSetIs(bool v) { retryTimerSet_ = v; }
+  bool initialized() const { return initialized_; }
+  void initializedIs(bool v) { initialized_ = v; }
+
+  // The keys that wait for a retry, ascending.
+  FailedKeys const& failedKey() const { return failedKey_; }
+  void failedKeyIs(EntryKey const& key, bool value) { failedKey_[key] = value; }
+  bool failedKeyDel(EntryKey const& key);
+  void failedKeyDel(FailedKeys::const_iterator at) { failedKey_.erase(at); }
+  void failedKeyDelAll() { failedKey_.clear(); }
+
+  static Ostra::TypeInfo const& staticType();
+  Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
+
+ protected:
+  VantrelSm(Ostra::Ptr<TableConfig const> tableConfig, Ostra::Ptr<TableStatus> tableStatus,
+            Ostra::Ptr<DebugConfig const> debugConfig, Ostra::Ptr<DebugStatus> debugStatus,
+            Ostra::Ptr<VantrelImpl> vantrelImpl, Ostra::Ptr<VantrelFlushStatus> flushStatus,
+            Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer);
+
+ private:
+  template <class NotifieeT, class Input>
+  class Reactor;
+  class TableReactor;
+  class DebugReactor;
+  class TimerReactor;
+
+  template <class ReactorT, class Input>
+  Ostra::Ptr<ReactorT> makeReactor(Ostra::Ptr<Input> input);
+  template <class ReactorT, class Input>
+  void inputIs(Ostra::Ptr<ReactorT>& reactor, Ostra::Ptr<Input> input);
+  template <class ReactorT>
+  static void drop(Ostra::Ptr<ReactorT>& reactor);
+  template <class Call>
+  void eachReactor(Call call);
+  void walk(TableConfig const& table);
+  void firstFlushDone();
+
+  // In the order of construction; destruction releases them in reverse.
+  Ostra::Ptr<TableReactor> tableReactor_;
+  Ostra::Ptr<TableStatus> const tableStatus_;
+  Ostra::Ptr<DebugReactor> debugReactor_;
+  Ostra::Ptr<DebugStatus> const debugStatus_;
+  Ostra::Ptr<VantrelImpl> const vantrelImpl_;
+  Ostra::Ptr<VantrelFlushStatus> const flushStatus_;
+  Ostra::Ptr<TimerReactor> timerReactor_;
+  bool initialFlushed_ = false;
+  bool retryTimerSet_ = false;
+  double retryPeriod_ = 10.0;
+  FailedKeys failedKey_;
+  bool initialized_ = false;
+  bool notificationActive_ = true;
+  bool marked_ = false;
+};
+
+// What an agent calls, once a table.
+VANTREL_API Ostra::Ptr<VantrelSm> vantrelSmFactory(
+    Ostra::Ptr<TableConfig const> tableConfig, Ostra::Ptr<TableStatus> tableStatus,
+    Ostra::Ptr<DebugConfig const> debugConfig, Ostra::Ptr<DebugStatus> debugStatus,
+    Ostra::Ptr<VantrelImpl> vantrelImpl, Ostra::Ptr<VantrelFlushStatus> flushStatus,
+    Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer);
+
+}  // namespace Vantrel

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+// What an agent includes; nothing else is needed to drive the engine.
+//
+//   engine  = new FastVantrelImpl(name, tableConfig, debugConfig, debugStatus, hardwareClient, traceId)
+//   frontEnd = vantrelSmFactory(tableConfig, tableStatus, debugConfig, debugStatus, engine, flushStatus, timerWheel)
+//
+// From then on the front end hears of changes in the table by itself; the agent's loop calls the dispatch() of the table
+// and of the wheel when their file descriptors are readable.
+#pragma once
+
+#include "keel/timerfd_wheel.h"
+#include "ostra/exception.h"
+#include "pallo/exception.h"
+#include "shoal/local_table.h"
+#include "vantrel/core/tables.h"
+#include "vantrel/engine/debug_entities.h"
+#include "vantrel/engine/vantrel_helper.h"
+#include "vantrel/fast/fast_vantrel_atcam_impl.h"
+#include "vantrel/fast/fast_vantrel_impl.h"
+#include "vantrel/sm/flush_status.h"
+#include "vantrel/sm/vantrel_sm.h"
