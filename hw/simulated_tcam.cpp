@@ -1,0 +1,259 @@
+// SPDX-License-Identifier: Apache-2.0
+// Only the nearest neighbours of what a call changed are looked at: every other pair was in order before and
+// still is.
+#include "hw/simulated_tcam.h"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <iterator>
+#include <thread>
+
+namespace Hw {
+
+using Vantrel::EntryStatus;
+using Vantrel::TableKey;
+
+namespace {
+
+std::string describe(SimulatedTcam::Entry const& e) {
+  return fmt::format("key {} (group {}, priority {}, position {})", e.key.value(), e.pg, e.prio, e.ti);
+}
+
+U32 positionOf(SimulatedTcam::EntryConfig const& record) { return record.tableIndex(TableKey(0)); }
+
+// The hardware's own time: the call returns no earlier.
+class Duration {
+ public:
+  explicit Duration(U32 us) : us_(us) {
+    if (us_) end_ = std::chrono::steady_clock::now() + std::chrono::microseconds(us_);
+  }
+  Duration(Duration const&) = delete;
+  Duration& operator=(Duration const&) = delete;
+  ~Duration() {
+    if (us_) std::this_thread::sleep_until(end_);
+  }
+
+ private:
+  U32 const us_;
+  std::chrono::steady_clock::time_point end_;
+};
+
+}  // namespace
+
+char const* toText(Rule rule) {
+  switch (rule) {
+    case Rule::OnePosition:
+      return "a record names exactly one position";
+    case Rule::PositionInRow:
+      return "the position is one of the row's";
+    case Rule::PositionFree:
+      return "the position is free";
+    case Rule::KeyAbsent:
+      return "an added key is not in the row";
+    case Rule::KeyPresent:
+      return "the key is in the row";
+    case Rule::PositionOfEntry:
+      return "a delete names the position where the key is";
+    case Rule::PrioritiesAscend:
+      return "priorities of a group do not decrease along the row";
+  }
+  return "unknown rule";
+}
+
+SimulatedTcam::SimulatedTcam(std::string name, Ostra::Ptr<Vantrel::TableStatus> tableStatus, U32 size)
+    : VantrelHelper(std::move(name), std::move(tableStatus)), size_(size) {
+  violationHandlerIs(nullptr);
+}
+
+void SimulatedTcam::violationHandlerIs(ViolationHandler handler) {
+  handler_ = handler ? std::move(handler) : [](Violation const& violation) { throw violation; };
+}
+
+void SimulatedTcam::latencyIs(U32 us) {
+  addLatencyIs(us);
+  updateLatencyIs(us);
+  moveLatencyIs(us);
+  deleteLatencyIs(us);
+}
+
+std::optional<SimulatedTcam::Entry> SimulatedTcam::entry(EntryKey const& key) const {
+  auto const found = entries_.find(key);
+  return found == entries_.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::optional<SimulatedTcam::Entry> SimulatedTcam::at(U32 ti) const {
+  auto const found = positions_.find(ti);
+  return found == positions_.end() ? std::nullopt : entry(found->second);
+}
+
+void SimulatedTcam::addEntry(EntryConfig const& record) {
+  countOne("adds", count_.adds);
+  Duration const duration(latency_.add);
+  if (auto const twin = entry(record.key())) {
+    broken(Rule::KeyAbsent,
+           fmt::format("add at {}: {} is there already", positionOf(record), describe(*twin)));
+    return;
+  }
+  if (!canPlace("add", record)) return;
+  Entry& made = entries_[record.key()];
+  made = {record.key(), record.opId(), record.pg(), record.prio(), positionOf(record)};
+  place(made, made.ti);
+  checkOrder("add", made);
+  acknowledge(record.key(), record.opId());
+}
+
+void SimulatedTcam::moveEntry(EntryConfig const& record) {
+  countOne("moves", count_.moves);
+  Duration const duration(latency_.move);
+  Entry* const moved = find("move", record);
+  if (!moved || !canPlace("move", record)) return;
+  U32 const old = moved->ti;
+  place(*moved, positionOf(record));  // made before it is broken
+  clear(*moved, old);
+  moved->opId = record.opId();
+  checkOrder("move", *moved);
+  acknowledge(record.key(), record.opId());
+}
+
+void SimulatedTcam::updateEntry(EntryConfig const& record) {
+  countOne("updates", count_.updates);
+  Duration const duration(latency_.update);
+  Entry* const updated = find("update", record);
+  if (!updated || !namesOnePosition("update", record)) return;
+  updated->opId = record.opId();
+  if (positionOf(record) == updated->ti) acknowledge(record.key(), record.opId());
+}
+
+void SimulatedTcam::deleteEntry(EntryConfig const& record) {
+  countOne("deletes", count_.deletes);
+  remove("delete", record);
+}
+
+void SimulatedTcam::deleteEntryDeadlock(EntryConfig const& record) {
+  countOne("deadlockDeletes", count_.deadlockDeletes);
+  remove("deadlock delete", record);
+}
+
+void SimulatedTcam::flush() { countOne("flushes", count_.flushes); }
+
+void SimulatedTcam::remove(char const* call, EntryConfig const& record) {
+  Duration const duration(latency_.del);
+  Entry* const gone = find(call, record);
+  if (!gone || !namesOnePosition(call, record)) return;
+  if (positionOf(record) != gone->ti) {
+    broken(Rule::PositionOfEntry, fmt::format("{} at {}: {}", call, positionOf(record), describe(*gone)));
+    return;
+  }
+  clear(*gone, gone->ti);
+  entries_.erase(record.key());
+  if (!tableStatus()) return;
+  if (record.opId() == OpId::deleteAcknowledge())
+    acknowledge(record.key(), record.opId());
+  else
+    tableStatus()->entryDel(record.key());
+}
+
+void SimulatedTcam::acknowledge(EntryKey const& key, OpId const& opId) {
+  if (tableStatus()) tableStatus()->entryIs(EntryStatus(key, opId));
+}
+
+bool SimulatedTcam::broken(Rule rule, std::string const& text) {
+  countOne("violations", count_.violations);
+  Violation const violation(rule, fmt::format("{}: broken by {}", toText(rule), text));
+  scalarIs("lastViolation", lastViolation_, violation.what(), &Notifiee::onViolation);
+  handler_(violation);
+  return false;
+}
+
+bool SimulatedTcam::namesOnePosition(char const* call, EntryConfig const& record) {
+  if (record.tableIndexs() == 1) return true;
+  return broken(Rule::OnePosition, fmt::format("{} of key {}, which names {}", call, record.key().value(),
+                                               record.tableIndexs()));
+}
+
+bool SimulatedTcam::canPlace(char const* call, EntryConfig const& record) {
+  if (!namesOnePosition(call, record)) return false;
+  U32 const ti = positionOf(record);
+  if (ti >= size_)
+    return broken(Rule::PositionInRow, fmt::format("{} of key {} to position {}, the row has {}", call,
+                                                   record.key().value(), ti, size_));
+  if (auto const holder = at(ti))
+    return broken(Rule::PositionFree, fmt::format("{} of key {} to position {}, held by {}", call,
+                                                  record.key().value(), ti, describe(*holder)));
+  return true;
+}
+
+SimulatedTcam::Entry* SimulatedTcam::find(char const* call, EntryConfig const& record) {
+  auto const found = entries_.find(record.key());
+  if (found != entries_.end()) return &found->second;
+  broken(Rule::KeyPresent, fmt::format("{} of key {}, which is not in the row", call, record.key().value()));
+  return nullptr;
+}
+
+void SimulatedTcam::checkOrder(char const* call, Entry const& entry) {
+  auto const here = order_.find({entry.pg, entry.ti});
+  if (here != order_.begin()) checkPair(call, *std::prev(here)->second, entry);
+  if (auto const next = std::next(here); next != order_.end()) checkPair(call, entry, *next->second);
+}
+
+void SimulatedTcam::checkPair(char const* call, Entry const& left, Entry const& right) {
+  if (left.pg != right.pg || left.prio <= right.prio) return;
+  broken(Rule::PrioritiesAscend, fmt::format("{}: {} lies before {}", call, describe(left), describe(right)));
+}
+
+void SimulatedTcam::place(Entry& entry, U32 ti) {
+  entry.ti = ti;
+  order_[{entry.pg, ti}] = &entry;
+  memberIs("positions", positions_, ti, entry.key, &Notifiee::onPosition);
+}
+
+void SimulatedTcam::clear(Entry const& entry, U32 ti) {
+  order_.erase({entry.pg, ti});
+  memberDel("positions", positions_, ti, &Notifiee::onPosition);
+}
+
+std::string SimulatedTcam::audit() const {
+  if (entries_.size() != positions_.size() || entries_.size() != order_.size())
+    return fmt::format("{} entries, {} positions, {} in order", entries_.size(), positions_.size(),
+                       order_.size());
+  for (auto const& [ti, key] : positions_) {
+    auto const e = entry(key);
+    if (!e || e->ti != ti)
+      return fmt::format("position {} names key {}, which is not there", ti, key.value());
+  }
+  Entry const* left = nullptr;
+  for (auto const& [place, e] : order_) {
+    if (place != std::pair(e->pg, e->ti))
+      return fmt::format("{} is listed at position {}", describe(*e), place.second);
+    if (left && left->pg == e->pg && left->prio > e->prio)
+      return fmt::format("{} lies before {}", describe(*left), describe(*e));
+    left = e;
+  }
+  return "";
+}
+
+Ostra::TypeInfo const& SimulatedTcam::staticType() {
+  using T = SimulatedTcam;
+  static Ostra::TypeInfo const type =
+      Ostra::TypeInfo::of<T>("Hw::SimulatedTcam", &VantrelHelper::staticType())
+          .attribute("size", &T::size)
+          .attribute("entries", &T::entries)
+          .attribute("addLatency", &T::addLatency, &T::addLatencyIs)
+          .attribute("updateLatency", &T::updateLatency, &T::updateLatencyIs)
+          .attribute("moveLatency", &T::moveLatency, &T::moveLatencyIs)
+          .attribute("deleteLatency", &T::deleteLatency, &T::deleteLatencyIs)
+          .attribute("adds", &T::adds)
+          .attribute("updates", &T::updates)
+          .attribute("moves", &T::moves)
+          .attribute("deletes", &T::deletes)
+          .attribute("deadlockDeletes", &T::deadlockDeletes)
+          .attribute("flushes", &T::flushes)
+          .attribute("violations", &T::violations)
+          .attribute("lastViolation", &T::lastViolation)
+          .collection("positions", &T::positions)
+          .operation("latencyIs", &T::latencyIs);
+  return type;
+}
+
+}  // namespace Hw

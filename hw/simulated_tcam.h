@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: Apache-2.0
+// SimulatedTcam: a row of positions that checks every call as it arrives and acknowledges like real hardware.
+//
+//   position     100    101    102    103    104        one priority group: precedence falls from left
+//              | A 10 |      | B 10 |      | C 20 |     to right, and priorities must not decrease
+//
+//   addEntry      the position is free, the key is not in the row
+//   moveEntry     the key is in the row, the new position is free; made there, then broken at the old one
+//   updateEntry   the key is in the row
+//   deleteEntry   the key is in the row at the position that the record names
+//
+// and after each call the nearest entries of the same group on both sides do not contradict the priority.
+//
+// The key finds an entry, not the position of a record: an update before a move names the position that the
+// entry is yet to reach (it is acknowledged at the move), and a delete record's group is always 0. Group and
+// priority are those that the key came with; later records of the key do not change them.
+//
+// Invariants: positions(), the entries and the order index name the same entries; audit() compares them.
+// Ownership: holds a reference to the status table (may be null: nothing is acknowledged).
+// Threading: the agent's event loop. A latency makes the call block that long.
+// Cost: logarithmic in the entries; one acknowledgement an operation.
+// Errors: a broken rule is counted and handed to the violation handler, which by default throws it. When the
+//   handler returns, a call that has nowhere to go (position, key) is dropped unacknowledged; one that breaks
+//   the order is carried out and acknowledged, as hardware would do.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+
+#include "vantrel/engine/vantrel_helper.h"
+
+namespace Hw {
+
+enum class Rule {
+  OnePosition,       // a record names exactly one position
+  PositionInRow,     // which is one of the row's
+  PositionFree,      // and, for an add or a move, free
+  KeyAbsent,         // an added key is not in the row
+  KeyPresent,        // a deleted, moved or updated key is
+  PositionOfEntry,   // a delete names the position where the key is
+  PrioritiesAscend,  // priorities of a group do not decrease along the row
+};
+VANTREL_API char const* toText(Rule rule);
+
+// A broken rule; what() names the call, the rule, the entries and their positions.
+class VANTREL_API Violation : public std::logic_error {
+ public:
+  Violation(Rule rule, std::string const& text) : std::logic_error(text), rule_(rule) {}
+  Rule rule() const { return rule_; }
+
+ private:
+  Rule rule_;
+};
+
+class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
+ public:
+  using EntryConfig = Vantrel::EntryConfig;
+  using EntryKey = Vantrel::EntryKey;
+  using OpId = Vantrel::OpId;
+
+  class VANTREL_API Notifiee : public Ostra::NotifieeOf<SimulatedTcam const> {
+   public:
+    virtual void onCounter() {}      // any of the counters
+    virtual void onLatency() {}      // any of the latencies
+    virtual void onViolation() {}    // another one, lastViolation() tells
+    virtual void onPosition(U32) {}  // an entry came to this position or left it
+  };
+
+  // What the row holds for a key.
+  struct Entry {
+    EntryKey key;
+    OpId opId;  // of the configuration written last
+    U16 pg;     // as the key came
+    U32 prio;   // as the key came
+    U32 ti;     // where it is
+  };
+
+  using ViolationHandler = std::function<void(Violation const&)>;
+
+  // A row of `size` positions, 0 to size - 1.
+  SimulatedTcam(std::string name, Ostra::Ptr<Vantrel::TableStatus> tableStatus, U32 size);
+
+  // Null puts the default back, which throws the violation.
+  void violationHandlerIs(ViolationHandler handler);
+
+  U32 size() const { return size_; }
+  // Who sits where, left to right.
+  std::map<U32, EntryKey> const& positions() const { return positions_; }
+  std::optional<Entry> entry(EntryKey const& key) const;
+  std::optional<Entry> at(U32 ti) const;
+  U64 entries() const { return positions_.size(); }
+
+  // Microseconds that each operation takes.
+  U32 addLatency() const { return latency_.add; }
+  U32 updateLatency() const { return latency_.update; }
+  U32 moveLatency() const { return latency_.move; }
+  U32 deleteLatency() const { return latency_.del; }
+  void addLatencyIs(U32 us) { scalarIs("addLatency", latency_.add, us, &Notifiee::onLatency); }
+  void updateLatencyIs(U32 us) { scalarIs("updateLatency", latency_.update, us, &Notifiee::onLatency); }
+  void moveLatencyIs(U32 us) { scalarIs("moveLatency", latency_.move, us, &Notifiee::onLatency); }
+  void deleteLatencyIs(U32 us) { scalarIs("deleteLatency", latency_.del, us, &Notifiee::onLatency); }
+  // All four at once.
+  void latencyIs(U32 us);
+
+  // Calls that arrived, broken rules included.
+  U64 adds() const { return count_.adds; }
+  U64 updates() const { return count_.updates; }
+  U64 moves() const { return count_.moves; }
+  U64 deletes() const { return count_.deletes; }
+  U64 deadlockDeletes() const { return count_.deadlockDeletes; }
+  U64 flushes() const { return count_.flushes; }
+  // Rules broken.
+  U64 violations() const { return count_.violations; }
+  // What the last one said, empty before the first.
+  std::string const& lastViolation() const { return lastViolation_; }
+
+  void addEntry(EntryConfig const& entry) override;
+  void deleteEntry(EntryConfig const& entry) override;
+  void deleteEntryDeadlock(EntryConfig const& entry) override;
+  void moveEntry(EntryConfig const& entry) override;
+  void updateEntry(EntryConfig const& entry) override;
+  void flush() override;
+
+  // The first inconsistency between the indexes, or the first two entries of a group that are in the wrong
+  // order, as a sentence; empty when all is well. Walks everything.
+  std::string audit() const;
+
+  static Ostra::TypeInfo const& staticType();
+  Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
+
+ private:
+  struct Latency {
+    U32 add = 0, update = 0, move = 0, del = 0;
+  };
+  struct Count {
+    U64 adds = 0, updates = 0, moves = 0, deletes = 0, deadlockDeletes = 0, flushes = 0, violations = 0;
+  };
+
+  void countOne(std::string_view name, U64& counter) {
+    scalarIs(name, counter, counter + 1, &Notifiee::onCounter);
+  }
+  // Counts a broken rule and tells the handler. Always false, so that a check reads as one expression.
+  bool broken(Rule rule, std::string const& text);
+  bool canPlace(char const* call, EntryConfig const& record);
+  Entry* find(char const* call, EntryConfig const& record);
+  bool namesOnePosition(char const* call, EntryConfig const& record);
+  void checkOrder(char const* call, Entry const& entry);
+  void checkPair(char const* call, Entry const& left, Entry const& right);
+  void place(Entry& entry, U32 ti);
+  void clear(Entry const& entry, U32 ti);
+  void remove(char const* call, EntryConfig const& record);
+  void acknowledge(EntryKey const& key, OpId const& opId);
+
+  U32 const size_;
+  Latency latency_;
+  Count count_;
+  std::string lastViolation_;
+  ViolationHandler handler_;
+  std::unordered_map<EntryKey, Entry> entries_;
+  std::map<U32, EntryKey> positions_;
+  std::map<std::pair<U16, U32>, Entry*> order_;  // by group, then position
+};
+
+}  // namespace Hw
