@@ -4,8 +4,9 @@
 //   Hw::Recorder hardware("hw");                     hardware.calls()
 //   Hw::Recorder hardware("hw", &std::cout);         add key:5 opId:65537 hdl:7 pg:1 prio:10 ti:1000
 //
-// Invariants: every call is recorded once, in the order of arrival. Nothing is acknowledged: there is no
-// status table. Ownership: refers to the stream, which must outlive it. Threading: the agent's event loop.
+// Invariants: every call is recorded once, in the order of arrival. Nothing is acknowledged.
+// Ownership: refers to the stream, which must outlive it. There is no status table.
+// Threading: the agent's event loop.
 // Cost: the list keeps a copy of each record; a stream keeps nothing.
 #pragma once
 
