@@ -29,8 +29,8 @@ void TimerfdWheel::dispatch() {
 void TimerfdWheel::earliestChanged() const {
   itimerspec when{};
   if (auto const time = earliest()) {
-    // A time that is past fires at once; zero would switch the timer off.
-    double const seconds = std::max(*time, 1e-9);
+    // A time that is past fires at once; zero would switch the timer off. One that no clock reaches is cut.
+    double const seconds = std::clamp(*time, 1e-9, 1e15);
     when.it_value.tv_sec = static_cast<time_t>(std::floor(seconds));
     when.it_value.tv_nsec =
         std::clamp(static_cast<long>(std::ceil((seconds - std::floor(seconds)) * 1e9)), 1L, 999'999'999L);
