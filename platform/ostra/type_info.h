@@ -218,14 +218,16 @@ using MappedOf = std::remove_cvref_t<decltype(std::declval<M const&>().begin()->
 
 template <class M, class I>
 void tellPair(I const& at, Members& out) {
-  out.emplace_back(ValueOf<KeyOf<M>>::to(at->first), ValueOf<MappedOf<M>>::to(at->second));
+  auto const& [key, value] = *at;
+  out.emplace_back(ValueOf<KeyOf<M>>::to(key), ValueOf<MappedOf<M>>::to(value));
 }
 
 // A bucket is told whole, and empty ones count as a fraction of a member, so that a slice of a sparse map
 // ends too.
 template <class M>
 void hashedFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
-  if (cursor.buckets != map.bucket_count()) cursor = {{}, 0, map.bucket_count(), true, false};
+  if (cursor.buckets != map.bucket_count()) cursor.bucket = 0;
+  cursor.buckets = map.bucket_count();
   U64 const stop = cursor.bucket + 16 * atMost;
   std::size_t const enough = out.size() + atMost;
   for (; cursor.bucket < cursor.buckets && cursor.bucket < stop && out.size() < enough; ++cursor.bucket)

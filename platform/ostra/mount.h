@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+// Mounter: objects of an agent, mounted in this process. A mounted object is of the same type, holds the same values,
+// and its watchers fire here as the agent's change.
+//
+//   Ostra::Mounter agent(dir + "/mgmt.sock");
+//   auto flushStatus = agent.mount<Vantrel::VantrelFlushStatus>();                // the agent's only one of that type
+//   auto config = agent.mount<Vantrel::DebugConfig>("debugConfig", Ostra::Mounter::Access::Writable);
+//   auto status = agent.mount<Vantrel::DebugStatus>("debugStatus");
+//   agent.dispatchUntil([&] { return agent.live(*config) && agent.live(*status); }, 5.0);
+//
+//   config->versionInc(1);                                                        // asks the agent for a snapshot
+//   agent.dispatchUntil([&] { return status->version() == config->version(); }, 30.0);
+//
+//   loop.onReadable(agent.fd(), [&] { agent.dispatch(); });                       // or, in an event loop
+//
+// Invariants: what the agent writes last (the version of DebugStatus) arrives last. While the agent is away the objects
+//   keep their values; when it is back they are compared with a fresh snapshot, and watchers hear what differs. What
+//   is set here before the object is live is not sent: the agent's snapshot replaces it.
+// Ownership: holds a reference to each mounted object. Not to be destroyed from inside a notification.
+// Threading: the thread that calls dispatch(). A handler may mount and unmount.
+// Cost: one dispatch() reads at most 64 KB.
+// Errors: the constructor throws std::runtime_error for a path that cannot be a socket's. An agent that is away, refuses
+//   or sends nonsense is told by connected() and problem(); the connection is tried again until there is one.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "ostra/entity.h"
+
+namespace Ostra {
+
+class VANTREL_API Mounter {
+ public:
+  enum class Access { ReadOnly, Writable };
+
+  explicit Mounter(std::string path, double retrySeconds = 0.2);
+  ~Mounter();
+
+  // An object whose scalars and collections are those of the agent's entity, of the same type; without a name, of its
+  // only entity of that type. Writable: scalars set here are set there; what the agent makes of it comes back.
+  template <class T>
+  Ptr<T> mount(std::string entity = {}, Access access = Access::ReadOnly) {
+    Ptr<T> const object = make<T>(entity.empty() ? T::staticType().name() : entity);
+    mount(object, std::move(entity), access);
+    return object;
+  }
+  void mount(Ptr<Entity> object, std::string entity, Access access);
+  void unmount(Entity const& object);
+
+  // Readable when dispatch() has something to do.
+  int fd() const;
+  void dispatch();
+  // Waits and dispatches until `done` says so; false when `seconds` passed first.
+  bool dispatchUntil(std::function<bool()> const& done, double seconds);
+
+  bool connected() const;
+  // Connected, and the object holds a complete snapshot and every change since.
+  bool live(Entity const& object) const;
+  // What went wrong last: why there is no connection, or what the agent refused. Empty: nothing.
+  std::string const& problem() const;
+  // Called when a connection begins and when it ends, the reason with it.
+  void onConnection(std::function<void(bool connected, std::string const& why)> handler);
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace Ostra

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+// Asker: one request at a time to an agent's management socket, waiting for the answer. What a command is made of.
+//
+//   Ostra::Asker agent(dir + "/mgmt.sock");
+//   agent.ask(R"({"verb":"read","entity":"engine"})", [](std::string_view answer) { ... });
+//
+// Threading: one thread; waits.
+// Errors: std::runtime_error when the agent cannot be reached, goes away, takes longer than `seconds` between two lines,
+//   or answers with an error line, whose text is the exception's.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "pallo/types.h"
+
+namespace Ostra {
+
+class VANTREL_API Asker {
+ public:
+  explicit Asker(std::string path, double seconds = 30);
+  ~Asker();
+
+  // Sends one request line and gives each line of the answer (a long collection takes several) to `take`.
+  void ask(std::string_view request, std::function<void(std::string_view line)> const& take);
+  // The next line of what was mounted. Waits as long as it takes.
+  std::string nextEvent();
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace Ostra

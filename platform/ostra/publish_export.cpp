@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ostra/publish_export.h"
+
+#include <algorithm>
+
+#include "ostra/publish_wire.h"
+
+namespace Ostra {
+namespace {
+constexpr std::size_t longestLog = 16384;
+constexpr std::size_t membersALine = 256;
+constexpr int slicesAtOnce = 64;
+}  // namespace
+
+Export::Export(std::string name, Ptr<Described> object, std::function<void()> wake)
+    : name_(std::move(name)),
+      object_(std::move(object)),
+      entity_(dynamic_cast<Entity const*>(object_.get())),
+      wake_(std::move(wake)),
+      attributes_(object_->typeInfo().attributes()) {
+  Wire::appendQuoted(quotedName_, name_);
+  for (Attribute const* a : attributes_) {
+    std::string& opening = openings_.emplace_back(R"(","entity":)" + quotedName_ + R"(,"attribute":)");
+    Wire::appendQuoted(opening, a->name);
+  }
+}
+
+void Export::changed(std::string_view name, Value const& key) {
+  auto const a = std::ranges::find(attributes_, name, &Attribute::name);
+  if (a == attributes_.end()) return;
+  Change change{static_cast<std::size_t>(a - attributes_.begin()), key};
+  if (log_.size() >= longestLog) makeRoom();
+  if (followers_.empty()) return;
+  auto const [at, fresh] = latest_.try_emplace(change, head());
+  if (!fresh && at->second >= consumed_) return;  // nobody was told yet: the value will be read later
+  at->second = head();
+  log_.push_back(std::move(change));
+  wake_();
+}
+
+// Whoever is more than half a log behind gets a fresh snapshot instead.
+void Export::makeRoom() {
+  U64 const keepFrom = head() - longestLog / 2;
+  std::erase_if(followers_, [&](Cursor* c) {
+    if (c->position >= keepFrom) return false;
+    *c = Cursor();
+    return true;
+  });
+  trim();
+  wake_();
+}
+
+void Export::trim() {
+  U64 keepFrom = head();
+  for (Cursor const* c : followers_) keepFrom = std::min(keepFrom, c->position);
+  for (; base_ < keepFrom; ++base_, log_.pop_front())
+    if (auto const at = latest_.find(log_.front()); at->second == base_) latest_.erase(at);
+  if (followers_.empty()) notifierIs(nullptr);
+}
+
+bool Export::hasNews(Cursor const& c) const {
+  return c.stage != Cursor::Stage::Follow || c.position != head() || !c.due.empty() || !c.live;
+}
+
+bool Export::produce(Cursor& c, std::string& out, std::size_t upTo) {
+  if (c.stage == Cursor::Stage::Begin) begin(c, out);
+  if (c.stage == Cursor::Stage::Walk) walk(c, out, upTo);
+  if (c.stage == Cursor::Stage::Follow) follow(c, out, upTo);
+  return hasNews(c);
+}
+
+void Export::leave(Cursor& c) {
+  if (std::erase(followers_, &c) > 0) trim();
+  c = Cursor();
+}
+
+void Export::begin(Cursor& c, std::string& out) {
+  c = Cursor();
+  c.stage = Cursor::Stage::Walk;
+  c.position = consumed_ = head();
+  followers_.push_back(&c);
+  if (!notifier()) notifierIs(entity_);
+  for (std::size_t i = 0; i < attributes_.size(); ++i)
+    if (attributes_[i]->kind == AttributeKind::Scalar) c.due.push_back(i);
+  out += R"({"event":"snapshot","entity":)" + quotedName_ + "}\n";
+}
+
+void Export::walk(Cursor& c, std::string& out, std::size_t upTo) {
+  Members members;
+  for (int slices = 0; slices < slicesAtOnce && out.size() < upTo; ++slices) {
+    while (c.attribute < attributes_.size() && attributes_[c.attribute]->kind != AttributeKind::Collection)
+      ++c.attribute;
+    if (c.attribute == attributes_.size()) {
+      c.stage = Cursor::Stage::Follow;
+      return;
+    }
+    members.clear();
+    attributes_[c.attribute]->membersFrom(*object_, c.member, membersALine, members);
+    if (!members.empty()) tellMembers(out, c.attribute, members);
+    if (c.member.done) {
+      c.member = MemberCursor();
+      ++c.attribute;
+    }
+  }
+}
+
+void Export::follow(Cursor& c, std::string& out, std::size_t upTo) {
+  while (c.position != head() && out.size() < upTo) tellRun(c, out);
+  consumed_ = std::max(consumed_, c.position);
+  if (c.position != head()) return;
+  tellScalars(c, out);
+  if (c.live) return;
+  out += R"({"event":"live","entity":)" + quotedName_ + "}\n";
+  c.live = true;
+}
+
+// The changes of one attribute that follow one another in the log.
+void Export::tellRun(Cursor& c, std::string& out) {
+  std::size_t const attribute = log_[c.position - base_].attribute;
+  Attribute const& a = *attributes_[attribute];
+  Members set;
+  std::vector<Value> gone;
+  for (std::size_t n = 0; n < membersALine && c.position != head(); ++n, ++c.position) {
+    Change const& change = log_[c.position - base_];
+    if (change.attribute != attribute) break;
+    if (latest_.at(change) != c.position) continue;
+    if (a.kind == AttributeKind::Scalar) {
+      std::erase(c.due, attribute);
+      c.due.push_back(attribute);
+    } else if (std::optional<Value> const value = a.member(*object_, change.key)) {
+      set.emplace_back(change.key, *value);
+    } else {
+      gone.push_back(change.key);
+    }
+  }
+  if (!set.empty()) tellMembers(out, attribute, set);
+  if (!gone.empty()) tellGone(out, attribute, gone);
+}
+
+void Export::tellScalars(Cursor& c, std::string& out) {
+  for (std::size_t const attribute : c.due) {
+    event(out, "set", attribute);
+    out += R"(,"value":)";
+    Wire::append(out, attributes_[attribute]->read(*object_));
+    out += "}\n";
+  }
+  c.due.clear();
+}
+
+void Export::event(std::string& out, std::string_view event, std::size_t attribute) const {
+  out += R"({"event":")";
+  out += event;
+  out += openings_[attribute];
+}
+
+void Export::tellMembers(std::string& out, std::size_t attribute, Members const& members) const {
+  event(out, "set", attribute);
+  out += R"(,"members":[)";
+  for (auto const& [key, value] : members) {
+    out += '[';
+    Wire::append(out, key);
+    out += ',';
+    Wire::append(out, value);
+    out += "],";
+  }
+  out.back() = ']';
+  out += "}\n";
+}
+
+void Export::tellGone(std::string& out, std::size_t attribute, std::vector<Value> const& keys) const {
+  event(out, "del", attribute);
+  out += R"(,"keys":[)";
+  for (Value const& key : keys) {
+    Wire::append(out, key);
+    out += ',';
+  }
+  out.back() = ']';
+  out += "}\n";
+}
+
+}  // namespace Ostra
