@@ -89,7 +89,7 @@ struct BlockHeader {
   U64 ticks;     // the moment the block was begun on the tick clock
   U64 ns;        // and on CLOCK_MONOTONIC
   U32 used;      // committed bytes after this header
-  U32 reserved;
+  U32 check;     // blockCheck()
 };
 static_assert(sizeof(BlockHeader) == 32);
 constexpr std::size_t blockRoom = blockBytes - sizeof(BlockHeader);
@@ -123,7 +123,8 @@ constexpr std::size_t align8(std::size_t bytes) { return (bytes + 7) & ~std::siz
 
 // Ties the parts of a record's header to each other.
 constexpr U16 recordCheck(U64 ticks, U32 site, U16 bytes) {
-  return static_cast<U16>(ticks ^ (ticks >> 16) ^ site ^ (static_cast<U32>(bytes) << 3) ^ 0x4C6CU);
+  U64 const mixed = ticks ^ (ticks >> 32) ^ site ^ (U64{bytes} << 3);
+  return static_cast<U16>(mixed ^ (mixed >> 16) ^ 0x4C6CU);
 }
 
 // FNV-1a, 32 bits.
@@ -134,6 +135,12 @@ inline U32 fnv(std::span<std::byte const> bytes, U32 hash = 0x811C9DC5U) {
 
 inline U32 headerCheck(FixedHeader header) {
   header.check = 0;
+  return fnv(std::as_bytes(std::span(&header, 1)));
+}
+
+// Over all of a block's header but `used`, which changes.
+inline U32 blockCheck(BlockHeader header) {
+  header.used = header.check = 0;
   return fnv(std::as_bytes(std::span(&header, 1)));
 }
 

@@ -200,14 +200,14 @@ void Log::beginBlock(Ring& ring) {
   ring.block = reinterpret_cast<Format::BlockHeader*>(at);
   std::atomic_ref(ring.block->sequence).store(0, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
-  U64 const ticks = stamp();
-  takeAnchor(ticks);
-  Format::Anchor const& newest = live().anchor[live().anchors % 2];
-  ring.block->ticks = newest.ticks;
-  ring.block->ns = newest.ns;
+  takeAnchor(stamp());
+  Format::Anchor const& now = live().anchor[live().anchors % 2];
+  Format::BlockHeader const header{++ring.sequence, now.ticks, now.ns, 0, 0};
+  ring.block->ticks = header.ticks;
+  ring.block->ns = header.ns;
   std::atomic_ref(ring.block->used).store(0, std::memory_order_relaxed);
-  ring.block->reserved = 0;
-  std::atomic_ref(ring.block->sequence).store(++ring.sequence, std::memory_order_release);
+  ring.block->check = Format::blockCheck(header);
+  std::atomic_ref(ring.block->sequence).store(header.sequence, std::memory_order_release);
   ring.cursor = at + sizeof(Format::BlockHeader);
   ring.end = at + Format::blockBytes;
 }

@@ -1,13 +1,64 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "lumelog/lumelog.h"
 
+#include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "lumelog/reader.h"
+#include "tests/lumelog/temp_dir.h"
+
 namespace Lumelog {
 namespace {
+
+using Test::readFile;
+using Test::TempDir;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+struct Close {
+  void operator()(Log* log) const { close(log); }
+};
+using LogPtr = std::unique_ptr<Log, Close>;
+
+Options small() {
+  Options options;
+  options.kib.fill(16);
+  return options;
+}
+
+LogPtr make(std::string const& path, Options const& options = small()) { return LogPtr(open(path, options)); }
+
+std::vector<std::string> messages(std::string const& path) {
+  Reader reader(path);
+  std::vector<std::string> result;
+  for (Record record; reader.next(record);) result.push_back(record.message());
+  return result;
+}
+
+// Runs in a child; its exit status or, negative, the signal that ended it.
+int inChild(std::function<void()> const& work) {
+  pid_t const child = fork();
+  if (child == 0) {
+    work();
+    fflush(nullptr);
+    _exit(0);
+  }
+  int status;
+  waitpid(child, &status, 0);
+  return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+}
 
 struct Tapped {
   std::string text;
@@ -31,6 +82,255 @@ TEST(Tap, SeesTextAndValuesOfALogWithoutAFile) {
                                         {"key:%q hdl:%i on:%i name:%s", {7, 0x1122334455667788U, 1, 1, 3}},
                                         {"100%%", {7}}};
   EXPECT_EQ(seen, expected);
+}
+
+TEST(Tap, ComesAndGoesOnALogWithAFile) {
+  TempDir dir;
+  LogPtr log = make(dir / "a.lg");
+  int calls = 0;
+  for (int i = 0; i < 3; ++i) {
+    LUMELOG_RECORD(log.get(), 3, 7u, "i:", i);
+    if (i == 0) log->tapIs([&](std::string_view, std::span<U64 const>) { ++calls; });
+    if (i == 1) log->tapIs({});
+  }
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(messages(dir / "a.lg").size(), 3U);
+}
+
+Log* volatile none = nullptr;
+
+TEST(Log, NullRecordsAreDropped) {
+  int evaluated = 0;
+  LUMELOG_RECORD(none, 3, 7u, "n:", ++evaluated);
+  EXPECT_EQ(evaluated, 0);
+}
+
+// One call site serves several logs; each has the message once.
+TEST(Log, ASiteIsRegisteredOnceALog) {
+  TempDir dir;
+  LogPtr logs[] = {make(dir / "a.lg"), make(dir / "b.lg")};
+  LUMELOG_RECORD(logs[1].get(), 1, 1u, "only b");
+  for (unsigned i = 0; i < 6; ++i) LUMELOG_RECORD(logs[i % 2].get(), 1, 1u, "i:", i);
+  EXPECT_THAT(messages(dir / "a.lg"), ElementsAre("i:0", "i:2", "i:4"));
+  EXPECT_THAT(messages(dir / "b.lg"), ElementsAre("only b", "i:1", "i:3", "i:5"));
+  EXPECT_EQ(logs[0]->sites(), 1U);
+  EXPECT_EQ(logs[1]->sites(), 2U);
+}
+
+TEST(Log, ALevelOfSizeZeroKeepsNothing) {
+  TempDir dir;
+  Options options = small();
+  options.kib[4] = 0;
+  LogPtr log = make(dir / "a.lg", options);
+  LUMELOG_RECORD(log.get(), 4, 1u, "gone");
+  LUMELOG_RECORD(log.get(), 5, 1u, "kept");
+  EXPECT_THAT(messages(dir / "a.lg"), ElementsAre("kept"));
+}
+
+TEST(Log, ARecordThatFitsNoBlockIsCounted) {
+  TempDir dir;
+  Options options = small();
+  options.maxString = 1000;
+  LogPtr log = make(dir / "a.lg", options);
+  std::string const s(2000, 'x');
+  LUMELOG_RECORD(log.get(), 4, 1u, s, s, s, s, s);
+  LUMELOG_RECORD(log.get(), 4, 1u, s, s, s, s);
+  EXPECT_THAT(messages(dir / "a.lg"), ElementsAre(std::string(4000, 'x')));
+  Reader reader(dir / "a.lg");
+  EXPECT_EQ(reader.damage().dropped, 1U);
+}
+
+TEST(Log, MessagesBeyondTheRoomForThemAreCounted) {
+  TempDir dir;
+  LogPtr log = make(dir / "a.lg");
+  std::string const text(4000, 'x');
+  for (int i = 0; i < 70; ++i) log->recordText(3, "file.cpp", i, 1, text);
+  Reader reader(dir / "a.lg");
+  EXPECT_EQ(reader.sites().size(), 64U);
+  EXPECT_EQ(reader.damage().dropped, 6U);
+}
+
+// Names.
+
+TEST(Name, HasTheProcessNumberWhereItIsAsked) {
+  TempDir dir;
+  LogPtr log = make(dir / "x-%d.lg");
+  EXPECT_EQ(log->path(), dir / fmt::format("x-{}.lg", getpid()));
+}
+
+TEST(Name, LiesInTheDirectoryThatWasGivenUnlessTheEnvironmentSaysOtherwise) {
+  TempDir given, environment;
+  directoryIs(given.path());
+  LogPtr first = make("a.lg");
+  setenv("LUMELOGDIR", environment.path().c_str(), 1);
+  LogPtr second = make("a.lg");
+  unsetenv("LUMELOGDIR");
+  directoryIs("");
+  EXPECT_EQ(first->path(), given / "a.lg");
+  EXPECT_EQ(second->path(), environment / "a.lg");
+}
+
+TEST(Name, OfADeadProcessIsPutAside) {
+  TempDir dir;
+  for (unsigned i = 0; i < 3; ++i)
+    EXPECT_EQ(inChild([&] {
+                Log* log = open(dir / "a.lg", small());
+                LUMELOG_RECORD(log, 3, 7u, "i:", i);
+                raise(SIGKILL);
+              }),
+              -SIGKILL);
+  EXPECT_THAT(dir.names(), ElementsAre("a.lg", "a.lg.1", "a.lg.2"));
+  EXPECT_THAT(messages(dir / "a.lg.1"), ElementsAre("i:0"));
+  EXPECT_THAT(messages(dir / "a.lg.2"), ElementsAre("i:1"));
+  EXPECT_THAT(messages(dir / "a.lg"), ElementsAre("i:2"));
+}
+
+TEST(Name, OfALiveProcessIsNotShared) {
+  TempDir dir;
+  LogPtr first = make(dir / "a.lg");
+  testing::internal::CaptureStderr();
+  LogPtr second = make(dir / "a.lg"), third = make(dir / "a.lg");
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("belongs to a live process"));
+  LUMELOG_RECORD(first.get(), 3, 7u, "first");
+  LUMELOG_RECORD(second.get(), 3, 7u, "second");
+  EXPECT_EQ(second->path(), dir / fmt::format("a-{}.lg", getpid()));
+  EXPECT_EQ(third->path(), dir / fmt::format("a-{}.2.lg", getpid()));
+  EXPECT_THAT(messages(first->path()), ElementsAre("first"));
+  EXPECT_THAT(messages(second->path()), ElementsAre("second"));
+}
+
+TEST(Name, ManyProcessesAtOnceGetAFileEach) {
+  TempDir dir;
+  std::vector<pid_t> children;
+  for (unsigned i = 0; i < 12; ++i) {
+    pid_t const child = fork();
+    if (child == 0) {
+      freopen("/dev/null", "w", stderr);
+      Log* log = open(dir / "a.lg", small());
+      LUMELOG_RECORD(log, 3, 7u, "i:", i);
+      usleep(200000);
+      _exit(0);
+    }
+    children.push_back(child);
+  }
+  for (pid_t child : children) waitpid(child, nullptr, 0);
+  std::vector<std::string> all;
+  for (std::string const& name : dir.names())
+    for (std::string const& message : messages(dir / name)) all.push_back(message);
+  EXPECT_EQ(dir.names().size(), 12U);
+  std::sort(all.begin(), all.end());
+  EXPECT_THAT(
+      all, ElementsAre("i:0", "i:1", "i:10", "i:11", "i:2", "i:3", "i:4", "i:5", "i:6", "i:7", "i:8", "i:9"));
+}
+
+// What goes wrong.
+
+TEST(Opening, InAMissingDirectoryIsSaidOnce) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(open("/nonexistent/a.lg", small()), nullptr);
+  EXPECT_EQ(open("/nonexistent/a.lg", small()), nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Lumelog: cannot open the trace file /nonexistent/a.lg: No such file or directory; running "
+            "without it\n");
+}
+
+TEST(Opening, WithoutSpaceFailsThereAndLeavesNothing) {
+  TempDir dir;
+  EXPECT_EQ(inChild([&] {
+              signal(SIGXFSZ, SIG_IGN);
+              rlimit const limit{64 * 1024, 64 * 1024};
+              setrlimit(RLIMIT_FSIZE, &limit);
+              freopen((dir / "said").c_str(), "w", stderr);
+              if (open(dir / "a.lg", small())) _exit(1);
+            }),
+            0);
+  EXPECT_EQ(readFile(dir / "said"),
+            "Lumelog: cannot open the trace file " + dir / "a.lg: File too large; running without it\n");
+  EXPECT_THAT(dir.names(), ElementsAre("said"));
+}
+
+TEST(Opening, ReservesAllItsSpace) {
+  TempDir dir;
+  LogPtr log = make(dir / "a.lg");
+  struct stat status;
+  ASSERT_EQ(stat(log->path().c_str(), &status), 0);
+  EXPECT_GE(status.st_blocks * 512, status.st_size);
+  EXPECT_EQ(status.st_size, 4096 + 256 * 1024 + 10 * 16 * 1024 + 4096);
+}
+
+// Other processes.
+
+TEST(Fork, TheChildDoesNotWriteIntoItsParentsFile) {
+  TempDir dir;
+  LogPtr log = make(dir / "a.lg");
+  auto both = [&](unsigned i) { LUMELOG_RECORD(log.get(), 3, 7u, "i:", i); };
+  both(0);
+  EXPECT_EQ(inChild([&] {
+              for (unsigned i = 0; i < 1000; ++i) both(99);
+              LUMELOG_RECORD(log.get(), 3, 7u, "a message that the parent never had");
+              if (log->recording()) _exit(1);
+            }),
+            0);
+  both(1);
+  EXPECT_THAT(messages(dir / "a.lg"), ElementsAre("i:0", "i:1"));
+  EXPECT_EQ(log->sites(), 1U);
+}
+
+TEST(Fork, AChildThatOutlivesItsParentDoesNotKeepTheFileLive) {
+  TempDir dir;
+  int toChild[2];
+  ASSERT_EQ(pipe(toChild), 0);
+  EXPECT_EQ(inChild([&] {
+              open(dir / "a.lg", small());
+              if (fork() == 0) {
+                ::close(toChild[1]);
+                char c;
+                static_cast<void>(read(toChild[0], &c, 1));
+                _exit(0);
+              }
+            }),
+            0);
+  Reader reader(dir / "a.lg");
+  // The child lets go of it as soon as it runs.
+  for (int i = 0; i < 2000 && reader.live(); ++i) usleep(1000);
+  EXPECT_FALSE(reader.live());
+  ::close(toChild[0]);
+  ::close(toChild[1]);
+}
+
+// A process killed at a moment that nobody chose: what was written up to some record is there, without a gap.
+TEST(Crash, KilledAnywhereLeavesEveryRecordWhole) {
+  for (int round = 0; round < 30; ++round) {
+    TempDir dir;
+    pid_t const child = fork();
+    if (child == 0) {
+      Options options = small();
+      options.kib[9] = 64;
+      Log* log = open(dir / "a.lg", options);
+      for (U64 i = 0;; ++i) {
+        LUMELOG_RECORD(log, 9, 7u, "n:", i, " twice:", 2 * i,
+                       " text:", std::string_view("0123456789", i % 10));
+        if (i % 1000 == 0) LUMELOG_RECORD(log, 1, 7u, "thousand:", i / 1000);
+      }
+    }
+    while (access((dir / "a.lg").c_str(), F_OK) != 0) usleep(50);
+    usleep(static_cast<useconds_t>(500 + 397 * round));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    Reader reader(dir / "a.lg");
+    U64 next = ~U64{0}, count = 0;
+    for (Record record; reader.next(record);) {
+      if (record.site->level == 1) continue;
+      if (count++) {
+        ASSERT_EQ(record.values[1].number, next);
+      }
+      next = record.values[1].number + 1;
+      ASSERT_EQ(record.values[2].number, 2 * record.values[1].number);
+      ASSERT_EQ(record.values[3].text, std::string_view("0123456789", record.values[1].number % 10));
+    }
+    EXPECT_GT(count, 0U);
+    EXPECT_FALSE(reader.damage().any()) << reader.damage().lines().front();
+  }
 }
 
 }  // namespace

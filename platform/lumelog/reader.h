@@ -1,0 +1,190 @@
+// SPDX-License-Identifier: Apache-2.0
+// Reads a trace file: that of a dead process, of one that is still writing, cut short or damaged.
+//
+//   Lumelog::Reader reader("Quarry-mbb.lg");
+//   for (Lumelog::Record record; reader.next(record);) std::cout << record.message() << '\n';
+//
+// Invariants: every intact record is delivered once, in the order in which it was written, across the levels. What is
+//   not intact is left out and counted. Nothing that the file says is trusted: each read is bounded by the file's size,
+//   each step goes forward.
+// Ownership: a record's site and strings belong to the reader; the strings until the next call of next().
+// Threading: one thread. The writer is never disturbed.
+// Cost: one block a level in memory.
+// Errors: Pallo::Exception for a file that cannot be read or is not a trace file.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "lumelog/format.h"
+#include "pallo/types.h"
+
+namespace Lumelog {
+
+// One message of the source, as the file tells it.
+struct SiteInfo {
+  U32 id;
+  unsigned level;
+  std::string file;
+  U32 line;
+  std::string types;  // of the values, the identifier first
+  std::vector<std::string>
+      labels;  // the text before each value but the identifier, then what follows the last
+
+  // The text with %i, %q, %s where values stand.
+  VANTREL_API std::string format() const;
+};
+
+struct Value {
+  char type;              // 'i', 'q' or 's'
+  U64 number;             // 0 for a string
+  std::string_view text;  // of a string
+};
+
+struct Record {
+  U64 ticks;   // rises strictly within a file
+  U64 realNs;  // nanoseconds since 1970
+  U32 bytes;   // in the file
+  SiteInfo const* site;
+  std::vector<Value> values;  // the identifier first
+
+  U32 identifier() const { return static_cast<U32>(values.front().number); }
+  // The text with the values in their places, without the identifier.
+  VANTREL_API std::string message() const;
+  // A value that the text calls a key ("key:" or "key=" before it) is `key`.
+  VANTREL_API bool mentionsKey(U64 key) const;
+};
+
+// What of a file could not be shown.
+struct Damage {
+  bool header = false;   // the header at the start was damaged, its copy at the end served
+  U64 missingBytes = 0;  // the file is shorter than it was made
+  U64 siteBytes = 0;     // of message sites that are damaged
+  U64 blocks = 0;        // blocks that are damaged as a whole
+  U64 recordBytes = 0;   // damaged bytes in other blocks
+  U64 unknownSites = 0;  // records whose message site is not there
+  U64 overwritten = 0;   // blocks that the writer reused before they were read
+  U64 dropped = 0;       // records that the writer itself could not keep
+
+  VANTREL_API bool any() const;
+  // One line for each kind that occurred.
+  VANTREL_API std::vector<std::string> lines() const;
+};
+
+// How one level's ring stands.
+struct RingState {
+  U64 bytes;    // its size
+  U64 blocks;   // in it
+  U64 written;  // blocks begun since the process opened the file: more than `blocks` means that it wrapped
+};
+
+class VANTREL_API Reader {
+ public:
+  explicit Reader(std::string path);
+  ~Reader();
+  Reader(Reader const&) = delete;
+  Reader& operator=(Reader const&) = delete;
+
+  // The next record. False when there is none now; a live process may have written more at the next call.
+  bool next(Record& record);
+  // The next record's time without taking it; false when there is none now.
+  bool peek(U64& realNs);
+
+  std::string const& path() const { return path_; }
+  std::string program() const;
+  U32 pid() const { return fixed_.pid; }
+  U64 openedNs() const { return fixed_.openRealNs; }
+  // A process holds the file open for writing.
+  bool live() const;
+  Damage const& damage() const { return damage_; }
+  std::array<RingState, Format::levels> rings() const;
+  std::unordered_map<U32, SiteInfo> const& sites() const { return sites_; }
+
+ private:
+  // A record that was found intact in a level's block.
+  struct Found {
+    std::size_t at;
+    U64 ticks;
+  };
+  struct Level {
+    U64 offset = 0;                // of the ring in the file
+    U64 blocks = 0;                // of it
+    U64 present = 0;               // of them that the file still has
+    std::vector<U64> plan;         // sequences still to be read, newest first
+    U64 newest = 0;                // highest sequence seen
+    Format::BlockHeader header{};  // of the block in hand; sequence 0: none
+    std::vector<std::byte> block;
+    std::size_t searched = 0;  // bytes of `block` that were looked at
+    std::vector<Found> found;
+    std::size_t next = 0;  // in `found`
+    bool ready() const { return next < found.size(); }
+    std::size_t end() const { return sizeof(Format::BlockHeader) + header.used; }
+  };
+  enum class Verdict { Intact, UnknownSite, Damaged };
+
+  bool readAt(U64 offset, void* to, std::size_t bytes) const;
+  void readFixedHeader();
+  void layOutLevels();
+  void readLiveHeader();
+  void setClock();
+  void readSites(U64 end);
+  std::size_t readSite(std::vector<std::byte> const& area, std::size_t at);
+  SiteInfo const* site(U32 id);
+
+  bool readBlockHeader(Level const& level, U64 index, Format::BlockHeader& header) const;
+  void scan(Level& level);
+  bool followingBlocks(Level& level);
+  bool copyBlock(Level& level, U64 sequence);
+  bool load(Level& level);
+  bool grow(Level& level);
+  bool fill(Level& level);
+  bool refill();
+  Level* oldest();
+
+  void findRecords(Level& level);
+  Verdict examine(Level& level, std::size_t at, std::size_t& bytes, U64& ticks);
+  U64 realTime(Level const& level, U64 ticks) const;
+  Level* ready();
+
+  std::string path_;
+  int fd_ = -1;
+  U64 size_ = 0;  // of the file when it was opened
+  Format::FixedHeader fixed_{};
+  Format::LiveHeader live_{};
+  double nsPerTick_ = 1;
+  U64 realOffset_ = 0;  // CLOCK_REALTIME - CLOCK_MONOTONIC, modulo 2^64
+  std::unordered_map<U32, SiteInfo> sites_;
+  U64 siteScan_ = 0;          // bytes of the sites that were read
+  bool searchedAll_ = false;  // for sites behind the committed ones
+  std::array<Level, Format::levels> levels_;
+  U64 horizon_ = 0;  // every record up to these ticks is in hand
+  Damage damage_;
+};
+
+// The records of several files, by time.
+class VANTREL_API Merge {
+ public:
+  void add(std::unique_ptr<Reader> reader) {
+    sources_.push_back({std::move(reader), Source::Head::Unknown, 0});
+  }
+  // The reader whose record it is; null when there is none now.
+  Reader const* next(Record& record);
+
+ private:
+  struct Source {
+    enum class Head { Unknown, Known, None };
+    std::unique_ptr<Reader> reader;
+    Head head;
+    U64 realNs;  // of the next record, when the head is known
+  };
+  std::vector<Source> sources_;
+};
+
+}  // namespace Lumelog
