@@ -9,7 +9,7 @@ CMAKE_ARGS ?=
 configure = cmake --preset $(1) $(CMAKE_ARGS) >/dev/null
 compile = cmake --build --preset $(1) -j $(JOBS)
 
-build: configured ## the library, the agent and the command, optimised, in build/bin and build/lib (the default)
+build: configured ## library, agent and command, optimised, in build/bin and build/lib (the default)
 	$(SAY) "build: library and programs, optimised, in build/"
 	@$(call compile,release) --target programs
 
@@ -50,7 +50,7 @@ fuzz: ## each fuzz target for FUZZ_SECONDS (60), clang and libFuzzer
 	@$(call compile,fuzz)
 	@scripts/fuzz
 
-soak: build ## a long churn of the same keys for SOAK_MINUTES (10): order, acknowledgements and memory are watched
+soak: build ## churns the same keys for SOAK_MINUTES (10); watches order, acknowledgements, memory
 	$(SAY) "soak: churning"
 	@scripts/soak
 

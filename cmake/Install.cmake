@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-# What `make install` puts below its prefix: the shared library, the two programs, a CMake package and a pkg-config file,
-# and the headers that an agent or a producer includes together with everything those include. The list is computed from
-# the #include lines, so that a header that nobody outside can reach is never installed and none is forgotten.
+# What `make install` puts below its prefix: the shared library, the two programs, a CMake package, a
+# pkg-config file, and the headers that an agent or a producer includes with everything those include. The
+# list is computed from the #include lines: no header is installed that nobody outside can reach, and none
+# is forgotten.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -27,7 +28,8 @@ function(header_closure var)
       continue()
     endif()
     list(APPEND closed ${header})
-    set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${header})
+    set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY
+      CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${header})
     file(STRINGS ${PROJECT_SOURCE_DIR}/${header} lines REGEX "^#include \"")
     foreach(line ${lines})
       string(REGEX REPLACE "^#include \"([^\"]+)\".*" "\\1" included "${line}")
@@ -65,9 +67,10 @@ add_custom_target(programs DEPENDS libvantrel ${programs})
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Vantrel)
 configure_package_config_file(cmake/VantrelConfig.cmake.in ${PROJECT_BINARY_DIR}/VantrelConfig.cmake
   INSTALL_DESTINATION ${package_dir} PATH_VARS include_dir CMAKE_INSTALL_LIBDIR)
-write_basic_package_version_file(${PROJECT_BINARY_DIR}/VantrelConfigVersion.cmake COMPATIBILITY SameMinorVersion)
-install(FILES ${PROJECT_BINARY_DIR}/VantrelConfig.cmake ${PROJECT_BINARY_DIR}/VantrelConfigVersion.cmake
-  DESTINATION ${package_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/VantrelConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/VantrelConfig.cmake
+  ${PROJECT_BINARY_DIR}/VantrelConfigVersion.cmake DESTINATION ${package_dir})
 file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/vantrel.pc.in ${PROJECT_BINARY_DIR}/vantrel.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vantrel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

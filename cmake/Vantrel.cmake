@@ -49,9 +49,9 @@ function(vantrel_library_rooms var)
   set(${var} ${rooms} PARENT_SCOPE)
 endfunction()
 
-# vantrel_test(NAME SOURCES... [LIBS ...] [TIMEOUT s] [LABELS ...]): a GoogleTest program, one ctest entry a program.
-# Label tsan: has threads or processes that race, and runs under the thread sanitizer too. Label no-sanitize: too slow
-# under the address sanitizer, or measures.
+# vantrel_test(NAME SOURCES... [LIBS ...] [TIMEOUT s] [LABELS ...]): a GoogleTest program, one ctest entry.
+# Label tsan: has threads or processes that race, and runs under the thread sanitizer too. Label no-sanitize:
+# too slow under the address sanitizer, or measures.
 add_custom_target(tsan_tests)
 function(vantrel_test name)
   cmake_parse_arguments(T "" "TIMEOUT" "LIBS;LABELS" ${ARGN})
