@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "producer/mapping.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace Vantrel {
+namespace {
+
+bool fits(Mapping const& mapping, U16 pg, U32 ti) { return !mapping.violation(pg, ti); }
+
+TEST(MappingTest, FastSplitsThirtyTwoBitsBetweenGroupAndPosition) {
+  Mapping const mapping = Mapping::fast(19);
+  EXPECT_TRUE(fits(mapping, 0, (1U << 19) - 1));
+  EXPECT_FALSE(fits(mapping, 0, 1U << 19));
+  EXPECT_TRUE(fits(mapping, 8191, 0));
+  EXPECT_FALSE(fits(mapping, 8192, 0));
+}
+
+TEST(MappingTest, FastShiftsAtTheEnds) {
+  EXPECT_TRUE(fits(Mapping::fast(0), 65535, 0));
+  EXPECT_FALSE(fits(Mapping::fast(0), 0, 1));
+  EXPECT_TRUE(fits(Mapping::fast(32), 0, 0xFFFFFFFE));
+  EXPECT_FALSE(fits(Mapping::fast(32), 1, 0));
+  EXPECT_FALSE(fits(Mapping::fast(32), 0, 0xFFFFFFFF)) << "the engine's position for nowhere";
+  EXPECT_FALSE(fits(Mapping::fast(70), 1, 0));
+}
+
+TEST(MappingTest, AlgorithmicInterleavesGroups) {
+  Mapping const mapping = Mapping::algorithmic(4);
+  EXPECT_TRUE(fits(mapping, 1, 4001));
+  EXPECT_FALSE(fits(mapping, 2, 4001));
+  EXPECT_TRUE(fits(mapping, 3, 262143));
+  EXPECT_FALSE(fits(mapping, 0, 262144));
+}
+
+TEST(MappingTest, AlgorithmicNeedsOneToSixtyFiveThousandPartitions) {
+  EXPECT_THROW(Mapping::algorithmic(0), std::invalid_argument);
+  EXPECT_THROW(Mapping::algorithmic(65537), std::invalid_argument);
+  EXPECT_TRUE(fits(Mapping::algorithmic(65536), 65535, 65535));
+}
+
+TEST(MappingTest, PositionsOfAGroupAreThoseThatFit) {
+  for (Mapping const mapping : {Mapping::fast(4), Mapping::algorithmic(1), Mapping::algorithmic(3)}) {
+    for (U32 const size : {0U, 1U, 2U, 3U, 7U, 16U}) {
+      for (U16 pg = 0; pg < mapping.interleave(); ++pg) {
+        U32 usable = 0;
+        for (U32 ti = 0; ti < size; ++ti) usable += fits(mapping, pg, ti);
+        EXPECT_EQ(mapping.capacity(pg, size), usable);
+        for (U32 offset = 0; offset < usable; ++offset) {
+          U32 const ti = mapping.position(pg, offset);
+          EXPECT_TRUE(fits(mapping, pg, ti));
+          EXPECT_LT(ti, size);
+          EXPECT_EQ(mapping.offset(ti), offset);
+        }
+      }
+    }
+  }
+}
+
+TEST(MappingTest, CapacityEndsWithTheMapping) {
+  EXPECT_EQ(Mapping::fast(4).capacity(0, 1000), 16U);
+  EXPECT_EQ(Mapping::algorithmic(2).capacity(1, 0xFFFFFFFF), 65536U);
+}
+
+}  // namespace
+}  // namespace Vantrel
