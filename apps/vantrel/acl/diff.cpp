@@ -1,0 +1,230 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/vantrel/acl/diff.h"
+
+#include <algorithm>
+#include <boost/unordered/unordered_flat_map.hpp>
+#include <limits>
+
+#include "apps/vantrel/acl/longest.h"
+
+namespace Acl {
+namespace {
+
+// An entry stays when its match stays: another action is an update.
+Rule matchOf(Rule rule) {
+  rule.action = {};
+  return rule;
+}
+
+// A match that the table holds more often is paired in order instead of by trial.
+constexpr std::size_t maxCandidates = 16;
+// A stretch that gave up its entries is spread so thin that it will not soon do so again.
+constexpr U64 spareFactor = 16;
+
+class Differ {
+ public:
+  Differ(std::vector<Held> const& held, std::vector<Rule> const& wanted, U32 step)
+      : held_(held), wanted_(wanted), step_(step), placed_(wanted.size()), set_(wanted.size()) {}
+
+  Diff run() {
+    keepLongestFit();
+    fillGaps();
+    return {std::move(placed_), leftover()};
+  }
+
+ private:
+  struct Candidate {
+    std::size_t rank;
+    std::size_t held;
+  };
+  using Band = std::vector<std::size_t>;
+
+  // ---- which entries stay
+
+  void keepLongestFit() {
+    std::vector<Candidate> const candidates = findCandidates();
+    std::vector<U32> prios;
+    for (Candidate const& c : candidates) prios.push_back(held_[c.held].prio);
+    std::vector<bool> taken(held_.size());
+    for (std::size_t const member : longestNonDecreasing(prios)) {
+      auto const [rank, held] = candidates[member];
+      if (set_[rank] || taken[held] || !joins(rank, held_[held].prio)) continue;
+      taken[held] = true;
+      placed_[rank].held = held;
+      place(rank, held_[held].prio);
+    }
+  }
+
+  // In the order of the wanted rules; of one rule the greater priorities first, so that no chain takes two of them.
+  std::vector<Candidate> findCandidates() const {
+    auto const byMatch = heldByMatch();
+    boost::unordered_flat_map<Rule, std::size_t, std::hash<Rule>> seen;
+    std::vector<Candidate> candidates;
+    for (std::size_t rank = 0; rank < wanted_.size(); ++rank) {
+      auto const at = byMatch.find(matchOf(wanted_[rank]));
+      if (at == byMatch.end()) continue;
+      std::vector<std::size_t> const& same = at->second;
+      if (same.size() <= maxCandidates) {
+        for (auto held = same.rbegin(); held != same.rend(); ++held) candidates.push_back({rank, *held});
+      } else if (std::size_t const nth = seen[at->first]++; nth < same.size()) {
+        candidates.push_back({rank, same[nth]});
+      }
+    }
+    return candidates;
+  }
+
+  boost::unordered_flat_map<Rule, std::vector<std::size_t>, std::hash<Rule>> heldByMatch() const {
+    boost::unordered_flat_map<Rule, std::vector<std::size_t>, std::hash<Rule>> byMatch;
+    for (std::size_t i = 0; i < held_.size(); ++i) byMatch[matchOf(held_[i].rule)].push_back(i);
+    for (auto& [match, same] : byMatch)
+      std::ranges::stable_sort(same, {}, [this](std::size_t i) { return held_[i].prio; });
+    return byMatch;
+  }
+
+  std::vector<std::size_t> leftover() const {
+    std::vector<bool> stays(held_.size());
+    for (Placed const& p : placed_)
+      if (p.held) stays[*p.held] = true;
+    std::vector<std::size_t> left;
+    for (std::size_t i = 0; i < held_.size(); ++i)
+      if (!stays[i]) left.push_back(i);
+    return left;
+  }
+
+  // ---- bands
+
+  bool joins(std::size_t rank, U32 prio) const {
+    auto const at = bands_.find(prio);
+    return at == bands_.end() || fits(rank, at->second);
+  }
+  bool fits(std::size_t rank, Band const& band) const {
+    return band.size() < maxBand && std::ranges::none_of(band, [&](std::size_t other) {
+             return overlap(wanted_[rank], wanted_[other]);
+           });
+  }
+  void place(std::size_t rank, U32 prio) {
+    placed_[rank].prio = prio;
+    set_[rank] = true;
+    bands_[prio].push_back(rank);
+  }
+  void unplace(std::size_t rank) {
+    if (!set_[rank]) return;
+    set_[rank] = false;
+    placed_[rank].held.reset();
+    std::erase(bands_[placed_[rank].prio], rank);
+  }
+
+  // ---- priorities for the others
+
+  bool stays(std::size_t rank) const { return placed_[rank].held.has_value(); }
+
+  // Rules that lost their entry are a gap again, together with the gaps beside them.
+  void fillGaps() {
+    std::size_t reach = 0;  // how far the gap in hand was widened
+    for (std::size_t rank = 0; rank < wanted_.size();) {
+      if (stays(rank)) {
+        ++rank;
+        continue;
+      }
+      std::size_t const end = gapEnd(rank);
+      if (fillGap(rank, end, reach ? spareFactor : 1)) {
+        rank = end;
+        reach = 0;
+      } else {
+        reach = std::max(2 * reach, end - rank);
+        rank = widenGap(rank, end, reach);
+      }
+    }
+  }
+  std::size_t gapEnd(std::size_t rank) const {
+    while (rank < wanted_.size() && !stays(rank)) ++rank;
+    return rank;
+  }
+  std::size_t gapBegin(std::size_t rank) const {
+    while (rank > 0 && !stays(rank - 1)) --rank;
+    return rank;
+  }
+
+  // False, and nothing placed, when there is no room.
+  bool fillGap(std::size_t begin, std::size_t end, U64 spare) {
+    for (std::size_t rank = begin; rank < end; ++rank) unplace(rank);
+    bool const splitsBand = begin > 0 && end < wanted_.size() && placed_[begin - 1].prio == placed_[end].prio;
+    std::size_t const first = joinBefore(begin, end);
+    std::size_t const last = splitsBand ? end : joinBehind(first, end);
+    if ((first == end || !splitsBand) && placeBands(cutBands(first, last), begin, end, spare)) return true;
+    for (std::size_t rank = begin; rank < end; ++rank) unplace(rank);
+    return false;
+  }
+
+  // Puts the first rules of the gap into the band before it, as far as they fit; returns the first that does not.
+  std::size_t joinBefore(std::size_t begin, std::size_t end) {
+    if (begin == 0) return begin;
+    U32 const prio = placed_[begin - 1].prio;
+    for (; begin < end && joins(begin, prio); ++begin) place(begin, prio);
+    return begin;
+  }
+  std::size_t joinBehind(std::size_t begin, std::size_t end) {
+    if (end == wanted_.size()) return end;
+    U32 const prio = placed_[end].prio;
+    for (; end > begin && joins(end - 1, prio); --end) place(end - 1, prio);
+    return end;
+  }
+
+  std::vector<Band> cutBands(std::size_t begin, std::size_t end) const {
+    std::vector<Band> bands;
+    for (std::size_t rank = begin; rank < end; ++rank) {
+      if (bands.empty() || !fits(rank, bands.back())) bands.emplace_back();
+      bands.back().push_back(rank);
+    }
+    return bands;
+  }
+
+  bool placeBands(std::vector<Band> const& bands, std::size_t begin, std::size_t end, U64 spare) {
+    if (bands.empty()) return true;
+    constexpr U64 all = U64{std::numeric_limits<U32>::max()} + 1;
+    bool const open = end == wanted_.size();
+    U64 const low = begin == 0 ? 0 : placed_[begin - 1].prio;
+    U64 const steps = low + step_ * U64{bands.size() + 1};
+    U64 const high = !open ? placed_[end].prio : std::min(steps, all);
+    if (high - low - 1 < bands.size() * (open ? 1 : spare)) return false;
+    for (std::size_t j = 0; j < bands.size(); ++j) {
+      U32 const prio = static_cast<U32>(low + (j + 1) * (high - low) / (bands.size() + 1));
+      for (std::size_t const rank : bands[j]) place(rank, prio);
+    }
+    return true;
+  }
+
+  // Takes the entries from rules beside the gap; returns where the gap begins now.
+  std::size_t widenGap(std::size_t begin, std::size_t end, std::size_t reach) {
+    if (begin > 0 && end < wanted_.size() && placed_[begin - 1].prio == placed_[end].prio) {
+      splitBand(begin, end);
+    } else {
+      for (std::size_t rank = begin; rank > 0 && begin - rank < reach; --rank) unplace(rank - 1);
+      for (std::size_t rank = end; rank < wanted_.size() && rank - end < reach; ++rank) unplace(rank);
+    }
+    return gapBegin(begin);
+  }
+  // A rule that overlaps a band has to go into its middle: the smaller side leaves the band.
+  void splitBand(std::size_t begin, std::size_t end) {
+    Band const band = bands_[placed_[end].prio];
+    bool const before = 2 * std::ranges::count_if(band, [&](std::size_t r) { return r < begin; }) <=
+                        static_cast<std::ptrdiff_t>(band.size());
+    for (std::size_t const rank : band)
+      if (before ? rank < begin : rank >= end) unplace(rank);
+  }
+
+  std::vector<Held> const& held_;
+  std::vector<Rule> const& wanted_;
+  U32 const step_;
+  std::vector<Placed> placed_;  // a rule without an entry has its priority once set_
+  std::vector<bool> set_;
+  boost::unordered_flat_map<U32, Band> bands_;  // by priority: ranks
+};
+
+}  // namespace
+
+Diff diff(std::vector<Held> const& held, std::vector<Rule> const& wanted, U32 step) {
+  return Differ(held, wanted, step).run();
+}
+
+}  // namespace Acl
