@@ -2,6 +2,7 @@
 #include "ostra/publish_export.h"
 
 #include <algorithm>
+#include <memory>
 
 #include "ostra/publish_wire.h"
 
@@ -23,6 +24,7 @@ Export::Export(std::string name, Ptr<Described> object, std::function<void()> wa
     std::string& opening = openings_.emplace_back(R"(","entity":)" + quotedName_ + R"(,"attribute":)");
     Wire::appendQuoted(opening, a->name);
   }
+  sharedKeys_.resize(attributes_.size());
 }
 
 void Export::changed(std::string_view name, Value const& key) {
@@ -31,6 +33,7 @@ void Export::changed(std::string_view name, Value const& key) {
   Change change{static_cast<std::size_t>(a - attributes_.begin()), key};
   if (log_.size() >= longestLog) makeRoom();
   if (followers_.empty()) return;
+  ++changes_;
   auto const [at, fresh] = latest_.try_emplace(change, head());
   if (!fresh && at->second >= consumed_) return;  // nobody was told yet: the value will be read later
   at->second = head();
@@ -95,13 +98,22 @@ void Export::walk(Cursor& c, std::string& out, std::size_t upTo) {
       return;
     }
     members.clear();
-    attributes_[c.attribute]->membersFrom(*object_, c.member, membersALine, members);
+    slice(c, members);
     if (!members.empty()) tellMembers(out, c.attribute, members);
     if (c.member.done) {
       c.member = MemberCursor();
       ++c.attribute;
     }
   }
+}
+
+void Export::slice(Cursor& c, Members& members) {
+  SharedKeys& shared = sharedKeys_[c.attribute];
+  bool const begins = !c.member.keys && c.member.bucket == 0;
+  if (begins && shared.changes == changes_) c.member.keys = shared.keys.lock();
+  bool const copies = begins && !c.member.keys;
+  attributes_[c.attribute]->membersFrom(*object_, c.member, membersALine, members);
+  if (copies && c.member.keys) shared = {c.member.keys, changes_};
 }
 
 void Export::follow(Cursor& c, std::string& out, std::size_t upTo) {

@@ -74,6 +74,7 @@ class Export final : private AttributeWatcher {
 
   void begin(Cursor& cursor, std::string& out);
   void walk(Cursor& cursor, std::string& out, std::size_t upTo);
+  void slice(Cursor& cursor, Members& members);
   void follow(Cursor& cursor, std::string& out, std::size_t upTo);
   void tellScalars(Cursor& cursor, std::string& out);
   void tellRun(Cursor& cursor, std::string& out);
@@ -95,6 +96,14 @@ class Export final : private AttributeWatcher {
   U64 base_ = 0;                                        // the number of log_'s first change
   U64 consumed_ = 0;                                    // no cursor is beyond this
   std::unordered_map<Change, U64, ChangeHash> latest_;  // each change's last number
+  U64 changes_ = 0;                                     // all there were while a cursor followed, told or not
+
+  // The keys that a walk had to copy serve every walk that begins before the next change.
+  struct SharedKeys {
+    std::weak_ptr<void const> keys;
+    U64 changes = 0;
+  };
+  std::vector<SharedKeys> sharedKeys_;  // one an attribute
 };
 
 }  // namespace Ostra
