@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: Apache-2.0
+// The bytes of a table file, as docs/formats/table-file.md describes them.
+//
+//   header | live words | ring of changed keys | directory of index chunks | directory of overflow chunks | chunks...
+//
+// The file grows by chunks, and nothing in it ever moves. A chunk holds lines of the index, overflow lines, or slots.
+// The index is a linear hash table: line b is bucket b, and one bucket is split at a time, so that growth never touches
+// more than one. An entry of a line is one 8-byte word that names a slot; a record is published, replaced or removed by
+// one store to that word.
+//
+// Invariants: a guarded word carries 16 bits that depend on its value and its place; an index entry carries the
+//   exclusive-or of its bytes; a line's link carries 32 bits that depend on bucket and depth; a slot carries a 64-bit
+//   checksum. Whatever does not agree with its guard is damage, and is not followed.
+// Cost: 64 bytes of index for three records, and slotBytes a record.
+#pragma once
+
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+#include "pallo/types.h"
+
+namespace Shoal::Format {
+
+inline constexpr U64 magic = 0x314C424154485353U;  // "SSHTABL1"
+inline constexpr U32 version = 1;
+
+inline constexpr U64 unitBytes = 64;             // what an index entry or a link counts in
+inline constexpr U64 chunkBytes = 256U * 1024U;  // what the file grows by
+inline constexpr U64 linesPerChunk = chunkBytes / unitBytes;
+inline constexpr U64 directoryEntries = 8192;
+inline constexpr U64 maxBuckets = directoryEntries * linesPerChunk;
+inline constexpr U64 firstBuckets = 64;     // of an empty table
+inline constexpr U64 recordsPerBucket = 3;  // above this mean a bucket is split
+inline constexpr unsigned entriesPerLine = 7;
+inline constexpr U64 windowBytes = 1ULL << 37;  // address space of one mapping
+inline constexpr U64 maxImageBytes = 64U * 1024U;
+
+// The first bytes of the file, written once.
+struct Header {
+  U64 magic;
+  U32 version;        // of this format
+  U32 recordVersion;  // of the record's image
+  char typeName[32];  // of the record, zero-padded
+  U32 imageBytes;     // of a record's image
+  U32 slotBytes;      // of a slot: 24 + imageBytes, rounded up to 64
+  U32 ringEntries;    // a power of two
+  U32 chunkStart;     // offset of chunk 0
+  U64 hash[4];        // the multiplier's low and high half, the addend's low and high half; random
+  U64 fileId;         // random
+  U64 madeAt;         // seconds since 1970
+  U64 reserved[2];    // zero
+  U64 checksum;       // XXH3-64 of the bytes before it
+};
+static_assert(sizeof(Header) == 136);
+
+// Offsets of the live words, each in a cache line of its own.
+inline constexpr U64 bucketsAt = 4096;  // guarded: buckets of the index
+inline constexpr U64 chunksAt = 4160;   // guarded: chunks in use
+inline constexpr U64 countAt = 4224;    // guarded: records present
+inline constexpr U64 headAt = 4288;     // guarded: changes ever announced
+inline constexpr U64 ringAt = 8192;     // ringEntries x {stamp, key}
+
+constexpr U64 roundUp(U64 value, U64 to) { return (value + to - 1) / to * to; }
+constexpr U64 indexDirectoryAt(U64 ringEntries) { return ringAt + ringEntries * 16; }
+constexpr U64 overflowDirectoryAt(U64 ringEntries) {
+  return indexDirectoryAt(ringEntries) + directoryEntries * 8;
+}
+constexpr U64 chunkStart(U64 ringEntries) {
+  return roundUp(overflowDirectoryAt(ringEntries) + directoryEntries * 8, 4096);
+}
+
+// A slot: 0 checksum 8 | 8 state 8 | 16 key 8 | 24 image. The checksum is XXH3-64 of what follows it, up to the image's
+// last word that is not zero.
+inline constexpr U64 slotKeyAt = 16;
+inline constexpr U64 slotStateAt = 8;
+inline constexpr U64 slotImageAt = 24;
+constexpr U64 slotBytes(U64 imageBytes) { return roundUp(slotImageAt + imageBytes, unitBytes); }
+
+// The state word: 48 bits of generation, which is odd while the slot is being written, and the image's length in words.
+constexpr U64 state(U64 generation, U64 words) { return (generation & 0xFFFFFFFFFFFFU) | words << 48; }
+constexpr U64 generation(U64 state) { return state & 0xFFFFFFFFFFFFU; }
+constexpr U64 words(U64 state) { return state >> 48; }
+
+// A bijective mix: every bit of x reaches every bit of the result.
+constexpr U64 mix(U64 x) {
+  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9U;
+  x = (x ^ (x >> 27)) * 0x94D049BB133111EBU;
+  return x ^ (x >> 31);
+}
+
+// A guarded word holds 48 bits; its place is its offset in the file.
+constexpr U64 guard(U64 value, U64 place) {
+  return (value & 0xFFFFFFFFFFFFU) | mix(value + place * 0x9E3779B97F4A7C15U + 1) << 48;
+}
+constexpr std::optional<U64> unguard(U64 word, U64 place) {
+  U64 const value = word & 0xFFFFFFFFFFFFU;
+  if (guard(value, place) != word) return std::nullopt;
+  return value;
+}
+
+// An index entry: 32 bits slot (offset / 64) | 24 bits of the key's hash | 8 bits, so that the exclusive-or of the eight
+// bytes is zero. Zero: no entry.
+constexpr U64 foldBytes(U64 x) {
+  x ^= x >> 32;
+  x ^= x >> 16;
+  x ^= x >> 8;
+  return x & 0xFF;
+}
+constexpr U64 tag(U64 hash) { return hash >> 40; }
+constexpr U64 entry(U64 unit, U64 hash) {
+  U64 const body = (unit & 0xFFFFFFFFU) | tag(hash) << 32;
+  return body | foldBytes(body) << 56;
+}
+constexpr U64 entryUnit(U64 entry) { return entry & 0xFFFFFFFFU; }
+constexpr U64 entryTag(U64 entry) { return entry >> 32 & 0xFFFFFFU; }
+constexpr bool entryIntact(U64 entry) { return foldBytes(entry) == 0; }
+
+// The eighth word of a line: the unit of the next overflow line (0: none), guarded by the line's bucket and depth.
+constexpr U64 link(U64 unit, U64 bucket, U64 depth) {
+  return (unit & 0xFFFFFFFFU) | mix(unit ^ mix(bucket << 24 ^ depth ^ 0x5348)) << 32;
+}
+constexpr std::optional<U64> linkUnit(U64 word, U64 bucket, U64 depth) {
+  U64 const unit = word & 0xFFFFFFFFU;
+  if (link(unit, bucket, depth) != word) return std::nullopt;
+  return unit;
+}
+
+// Ring entry of change `sequence`: the stamp guards sequence and key.
+constexpr U64 stamp(U64 sequence, U64 key) { return guard(sequence, mix(key) | 1); }
+
+// The bucket of a hash in an index of `buckets` buckets.
+constexpr U64 bucketOf(U64 hash, U64 buckets) {
+  U64 const level = std::bit_floor(buckets);
+  U64 const bucket = hash & (2 * level - 1);
+  return bucket < buckets ? bucket : hash & (level - 1);
+}
+
+// Strongly universal: multiply-add in 128 bits, of which the high half is kept, then mixed. Whoever does not know the
+// file's random multiplier and addend cannot choose two keys that collide with more than their fair chance.
+constexpr U64 hash(std::array<U64, 4> const& seed, U64 key) {
+  __extension__ using U128 = unsigned __int128;
+  U128 const multiplier = (U128{seed[1]} << 64) | seed[0];
+  U128 const addend = (U128{seed[3]} << 64) | seed[2];
+  return mix(static_cast<U64>((multiplier * key + addend) >> 64));
+}
+
+}  // namespace Shoal::Format

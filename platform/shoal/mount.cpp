@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "shoal/mount.h"
+
+#include <boost/unordered/unordered_flat_set.hpp>
+#include <utility>
+#include <vector>
+
+#include "pallo/exception.h"
+#include "shoal/error.h"
+
+namespace Shoal {
+
+namespace {
+// Changes told of in one dispatch, so that a busy writer does not hold the watcher's event loop.
+constexpr int slice = 1024;
+}  // namespace
+
+class Mount::KnownKeys : public boost::unordered_flat_set<U64> {};
+
+Mount::Mount(std::string path, Shape const& shape, Sink& sink)
+    : path_(std::move(path)), shape_(shape), sink_(sink), known_(std::make_unique<KnownKeys>()) {
+  openFile();
+}
+
+Mount::~Mount() = default;
+
+void Mount::openFile() {
+  auto mapping = std::make_shared<Mapping>(path_, Mapping::Access::read);
+  auto view = std::make_unique<TableView>(mapping, shape_);
+  U64 const head = view->head();
+  view->damageSinkIs([this](std::string_view what) { sink_.damaged(what); });
+  view_ = std::move(view);
+  mapping_ = std::move(mapping);
+  position_ = head;
+}
+
+int Mount::fd() {
+  if (!watch_) watch_ = std::make_unique<Watch>(path_);
+  return watch_->fd();
+}
+
+void Mount::toldOf(U64 key) { known_->insert(key); }
+
+bool Mount::mend() { return mapping_->cutShort() && mapping_->mend(view_->chunkOffset(view_->chunks())); }
+
+// Asleep before the last look: a change that this look misses wakes it.
+void Mount::dispatch() {
+  fd();
+  watch_->asleepIs(false);
+  Watch::News const news = watch_->drain();
+  if (news.fileMayBeAnother || news.writerWent) follow();
+  if (mapping_->cutShort()) mend();
+  writerWent_ |= news.writerWent;
+  bool more = deliver();
+  if (!more) {
+    watch_->asleepIs(true);
+    auto const head = readHead();
+    more = head && *head != position_;
+    if (more) watch_->asleepIs(false);
+  }
+  if (more) watch_->wakeSelf();
+}
+
+void Mount::follow() {
+  if (mapping_->isCurrent()) return;
+  try {
+    openFile();
+  } catch (FileException const& error) {
+    if (error.reason() != FileException::Reason::missing) sink_.damaged(error.what());
+    return;
+  } catch (Pallo::CorruptionDetectedException const& error) {
+    sink_.damaged(error.what());
+    return;
+  }
+  tellOfTheVanished();
+  sink_.anythingChanged();
+}
+
+// Nothing when the word is damaged, which is reported once.
+std::optional<U64> Mount::readHead() {
+  try {
+    U64 const head = view_->head();
+    damagedHead_ = false;
+    return head;
+  } catch (Pallo::CorruptionDetectedException const& error) {
+    if (!std::exchange(damagedHead_, true)) sink_.damaged(error.what());
+    return std::nullopt;
+  }
+}
+
+// True when there is more to tell.
+bool Mount::deliver() {
+  for (int told = 0; told < slice; ++told) {
+    auto const head = readHead();
+    if (!head) return false;
+    if (*head == position_) return tellUnfinished(), false;
+    if (!deliverNext(*head)) return false;
+  }
+  return true;
+}
+
+bool Mount::deliverNext(U64 head) {
+  bool const inRing = position_ < head && head - position_ < view_->header().ringEntries;
+  auto const key = inRing ? view_->changedKey(position_) : std::nullopt;
+  if (!key) {
+    fellBehind(head);
+    return readHead() != position_;
+  }
+  ++position_;
+  tell(*key);
+  return true;
+}
+
+// A writer that died may have published a change that it did not come to count.
+void Mount::tellUnfinished() {
+  if (!std::exchange(writerWent_, false)) return;
+  if (auto const key = view_->changedKey(position_)) tell(*key);
+}
+
+// Its later changes are told of from here on.
+void Mount::fellBehind(U64 head) {
+  position_ = head;
+  tellOfTheVanished();
+  sink_.anythingChanged();
+}
+
+void Mount::tellOfTheVanished() {
+  std::vector<U64> vanished;
+  for (U64 const key : *known_)
+    if (!view_->contains(key)) vanished.push_back(key);
+  for (U64 const key : vanished) {
+    known_->erase(key);
+    sink_.changed(key);
+  }
+}
+
+void Mount::tell(U64 key) {
+  if (view_->contains(key))
+    known_->insert(key);
+  else
+    known_->erase(key);
+  sink_.changed(key);
+}
+
+}  // namespace Shoal

@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: Apache-2.0
+// A table file mounted read-only: the view, and what keeps its watcher informed.
+//
+// Invariants: a key that was told of (announced, or met in a walk) and is gone is told of again, whatever was missed in
+//   between. A file that was replaced by another is followed.
+// Ownership: owns view and watch.
+// Threading: one thread.
+// Cost: nothing while nothing changes. Watched, eight bytes and a little a key; falling behind costs one look-up for
+//   each key told of.
+// Errors: those of TableView and Watch.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "shoal/table_view.h"
+#include "shoal/watch.h"
+
+namespace Shoal {
+
+class VANTREL_API Mount {
+ public:
+  // Who is told.
+  class Sink {
+   public:
+    virtual void changed(U64 key) = 0;
+    virtual void anythingChanged() = 0;
+    virtual void damaged(std::string_view what) = 0;
+
+   protected:
+    ~Sink() = default;
+  };
+
+  Mount(std::string path, Shape const& shape, Sink& sink);
+  ~Mount();
+  Mount(Mount const&) = delete;
+  Mount& operator=(Mount const&) = delete;
+
+  TableView& view() { return *view_; }
+  std::string const& path() const { return path_; }
+
+  // The descriptor to poll; watching begins with the first call.
+  int fd();
+  // Handles what made the descriptor readable, a slice at a time.
+  void dispatch();
+  // A watcher's walk met this key.
+  void toldOf(U64 key);
+  // The file was cut short; true when it has its length again and was mapped anew.
+  bool mend();
+
+ private:
+  class KnownKeys;
+  void openFile();
+  void follow();
+  bool deliver();
+  bool deliverNext(U64 head);
+  void tellUnfinished();
+  void fellBehind(U64 head);
+  void tellOfTheVanished();
+  void tell(U64 key);
+  std::optional<U64> readHead();
+
+  std::string const path_;
+  Shape const shape_;
+  Sink& sink_;
+  std::shared_ptr<Mapping> mapping_;
+  std::unique_ptr<TableView> view_;
+  std::unique_ptr<Watch> watch_;
+  std::unique_ptr<KnownKeys> known_;
+  U64 position_ = 0;  // the next change to tell of
+  bool damagedHead_ = false;
+  bool writerWent_ = false;
+};
+
+}  // namespace Shoal

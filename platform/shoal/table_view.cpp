@@ -1,0 +1,372 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "shoal/table_view.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "shoal/error.h"
+
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
+namespace Shoal {
+
+using namespace Format;
+
+namespace {
+
+// What a racing writer can undo, it undoes by going forward; a reader that still finds no rest after this many attempts
+// is looking at damage.
+constexpr int maxAttempts = 1000;
+constexpr int maxIndexAttempts = 8;
+constexpr U64 maxDepth = 4096;
+
+U64 acquire(std::atomic<U64> const& word) { return word.load(std::memory_order_acquire); }
+
+U64 packWalk(U64 bucket, U64 depth, unsigned at) { return bucket << 16 | depth << 3 | at; }
+
+}  // namespace
+
+TableView::TableView(std::shared_ptr<Mapping const> mapping)
+    : mapping_(std::move(mapping)), base_(mapping_->base()) {
+  checkHeader();
+  seed_ = {header_.hash[0], header_.hash[1], header_.hash[2], header_.hash[3]};
+  maxWords_ = (header_.imageBytes + 7) / 8;
+  scratch_.assign(2 + maxWords_, 0);
+  indexChunks_.assign(directoryEntries, nullptr);
+  limit_ = chunkOffset(chunks());
+}
+
+TableView::TableView(std::shared_ptr<Mapping const> mapping, Shape const& shape)
+    : TableView(std::move(mapping)) {
+  checkShape(shape);
+}
+
+std::string_view TableView::typeName() const {
+  return {header_.typeName, strnlen(header_.typeName, sizeof header_.typeName)};
+}
+
+void TableView::checkHeader() {
+  using Reason = FileException::Reason;
+  std::string const& path = mapping_->path();
+  U64 const bytes = mapping_->fileBytes();
+  if (bytes == 0) throw FileException(Reason::truncated, fmt::format("{} is empty, expected a table", path));
+  if (bytes >= sizeof(U64)) std::memcpy(&header_.magic, base_, sizeof(U64));
+  if (bytes < sizeof(U64) || header_.magic != magic)
+    throw FileException(Reason::notATable,
+                        fmt::format("{} is not a table file: its first bytes are another's", path));
+  if (bytes < ringAt)
+    throw FileException(Reason::truncated,
+                        fmt::format("{} is cut short: {} bytes, less than a table's header", path, bytes));
+  std::memcpy(&header_, base_, sizeof header_);
+  if (header_.version != version)
+    throw FileException(
+        Reason::otherVersion,
+        fmt::format("{} is a table file of format version {}, expected {}", path, header_.version, version));
+  bool const sound =
+      XXH3_64bits(&header_, offsetof(Header, checksum)) == header_.checksum &&
+      std::has_single_bit(header_.ringEntries) && header_.imageBytes > 0 &&
+      header_.imageBytes <= maxImageBytes && header_.slotBytes == slotBytes(header_.imageBytes) &&
+      header_.ringEntries <= (1U << 24) && header_.chunkStart == chunkStart(header_.ringEntries);
+  if (!sound)
+    throw FileException(Reason::damaged,
+                        fmt::format("{}: the header is damaged, its checksum does not agree", path));
+  auto const inUse = unguard(acquire(*word(chunksAt)), chunksAt);
+  if (!inUse || *inUse > windowBytes / chunkBytes)
+    throw FileException(Reason::damaged,
+                        fmt::format("{}: the header is damaged, its number of chunks", path));
+  if (chunkOffset(*inUse) > bytes)
+    throw FileException(Reason::truncated,
+                        fmt::format("{} is cut short: {} bytes of {}", path, bytes, chunkOffset(*inUse)));
+  if (chunkOffset(*inUse) > mapping_->window())
+    throw FileException(
+        Reason::notAllowed,
+        fmt::format("{}: {} bytes do not fit into this process's address space", path, bytes));
+}
+
+void TableView::checkShape(Shape const& shape) const {
+  if (typeName() == shape.typeName && header_.recordVersion == shape.version &&
+      header_.imageBytes == shape.imageBytes)
+    return;
+  bool const sameType = typeName() == shape.typeName;
+  throw FileException(
+      sameType ? FileException::Reason::otherVersion : FileException::Reason::otherRecord,
+      fmt::format("{} holds {} records of version {}, expected {} of version {}", mapping_->path(),
+                  typeName(), header_.recordVersion, shape.typeName, shape.version));
+}
+
+std::string TableView::damage(std::string_view what) const {
+  U64 const bytes = mapping_->fileBytes();
+  if (mapping_->cutShort() && bytes < limit_)
+    return fmt::format("{}: the file was cut short to {} bytes of {} ({})", mapping_->path(), bytes, limit_,
+                       what);
+  return fmt::format("{}: {}", mapping_->path(), what);
+}
+
+std::atomic<U64>* TableView::word(U64 offset) const {
+  static_assert(sizeof(std::atomic<U64>) == 8 && std::atomic<U64>::is_always_lock_free);
+  return reinterpret_cast<std::atomic<U64>*>(base_ + offset);
+}
+
+U64 TableView::guarded(U64 offset, std::string_view what) const {
+  auto const value = unguard(acquire(*word(offset)), offset);
+  if (!value)
+    throw Pallo::CorruptionDetectedException(damage(fmt::format("the header's {} is damaged", what)));
+  return *value;
+}
+
+U64 TableView::buckets() const {
+  U64 const value = guarded(bucketsAt, "number of buckets");
+  if (value == 0 || value > maxBuckets)
+    throw Pallo::CorruptionDetectedException(damage("the header's number of buckets is out of range"));
+  return value;
+}
+U64 TableView::chunks() const { return guarded(chunksAt, "number of chunks"); }
+U64 TableView::size() const { return guarded(countAt, "number of records"); }
+U64 TableView::head() const { return guarded(headAt, "number of changes"); }
+
+std::optional<U64> TableView::changedKey(U64 sequence) const {
+  U64 const at = ringAt + (sequence & (header_.ringEntries - 1)) * 16;
+  U64 const before = acquire(*word(at));
+  U64 const key = acquire(*word(at + 8));
+  if (before != stamp(sequence, key) || acquire(*word(at)) != before) return std::nullopt;
+  return key;
+}
+
+bool TableView::insideChunks(U64 offset, U64 bytes) {
+  if (offset < header_.chunkStart) return false;
+  if (offset + bytes <= limit_) [[likely]]
+    return true;
+  auto const inUse = unguard(acquire(*word(chunksAt)), chunksAt);
+  if (inUse && *inUse <= windowBytes / chunkBytes) limit_ = std::max(limit_, chunkOffset(*inUse));
+  return offset + bytes <= limit_ && offset + bytes <= mapping_->window();
+}
+
+bool TableView::slotInside(U64 unit) { return insideChunks(unit * unitBytes, header_.slotBytes); }
+
+std::atomic<U64>* TableView::line(U64 bucket) {
+  U64 const chunk = bucket / linesPerChunk;
+  if (!indexChunks_[chunk]) [[unlikely]] {
+    U64 const place = indexDirectoryAt(header_.ringEntries) + chunk * 8;
+    auto const number = unguard(acquire(*word(place)), place);
+    if (!number || *number > windowBytes / chunkBytes || !insideChunks(chunkOffset(*number), chunkBytes))
+      return nullptr;
+    indexChunks_[chunk] = word(chunkOffset(*number));
+  }
+  return indexChunks_[chunk] + (bucket % linesPerChunk) * 8;
+}
+
+std::atomic<U64>* TableView::overflowLine(U64 unit) {
+  return insideChunks(unit * unitBytes, unitBytes) ? word(unit * unitBytes) : nullptr;
+}
+
+// Word by word, each load ordered before the next: the state is read first and again last, so that a slot that was
+// recycled meanwhile shows.
+TableView::Copy TableView::copySlot(U64 unit) {
+  std::atomic<U64> const* const slot = word(unit * unitBytes);
+  U64 const before = acquire(slot[1]);
+  U64 const count = words(before);
+  if (before & 1) return Copy::changing;
+  if (count > maxWords_) return Copy::damaged;
+  U64 const checksum = acquire(slot[0]);
+  scratch_[0] = before;
+  for (U64 i = 1; i < 2 + count; ++i) scratch_[i] = acquire(slot[i + 1]);
+  if (dirtyWords_ > count) std::fill(&scratch_[2 + count], scratch_.data() + 2 + dirtyWords_, 0);
+  dirtyWords_ = count;
+  if (acquire(slot[1]) != before) return Copy::changing;
+  return XXH3_64bits(scratch_.data(), (2 + count) * 8) == checksum ? Copy::whole : Copy::damaged;
+}
+
+// The key alone, when it is not being written.
+bool TableView::peekKey(U64 unit, U64& key) const {
+  std::atomic<U64> const* const slot = word(unit * unitBytes);
+  U64 const before = acquire(slot[1]);
+  key = acquire(slot[2]);
+  return !(before & 1) && acquire(slot[1]) == before;
+}
+
+// An entry with the key's tag: its record, or another's of equal tag, or a damaged one that may be either.
+TableView::Scan TableView::tryEntry(std::atomic<U64> const& word, U64 entry, U64 key, U64 wanted, bool copy) {
+  U64 const unit = entryUnit(entry);
+  if (!entryIntact(entry) || !slotInside(unit)) return Scan::damagedIndex;
+  U64 slotKey = 0;
+  Copy result = Copy::whole;
+  if (copy) {
+    result = copySlot(unit);
+    slotKey = scratchKey();
+  } else if (!peekKey(unit, slotKey)) {
+    result = Copy::changing;
+  }
+  if (result == Copy::whole && slotKey == key) return Scan::found;
+  if (result == Copy::changing || acquire(word) != entry) return Scan::changing;
+  if (result == Copy::damaged && words(acquire(*this->word(unit * unitBytes + 8))) > maxWords_)
+    peekKey(unit, slotKey);
+  bool const another = slotKey != key && tag(hash(slotKey)) == tag(wanted);
+  if (another) return Scan::absent;
+  return result == Copy::damaged || slotKey != key ? Scan::damagedRecord : Scan::absent;
+}
+
+TableView::Scan TableView::scan(U64 key, U64 hash, U64 bucket, bool copy) {
+  std::atomic<U64>* at = line(bucket);
+  if (!at) return Scan::damagedIndex;
+  U64 const wanted = tag(hash);
+  Scan worst = Scan::absent;
+  for (U64 depth = 0;; ++depth) {
+    for (unsigned i = 0; i < entriesPerLine; ++i) {
+      U64 const entry = acquire(at[i]);
+      if (entryTag(entry) != wanted) [[likely]] {
+        if (!entryIntact(entry)) [[unlikely]]
+          worst = std::max(worst, Scan::damagedIndex);
+        continue;
+      }
+      if (entry == 0) continue;
+      Scan const result = tryEntry(at[i], entry, key, hash, copy);
+      if (result == Scan::found || result == Scan::changing) return result;
+      worst = std::max(worst, result);
+    }
+    U64 const linkWord = acquire(at[7]);
+    auto const unit = linkUnit(linkWord, bucket, depth);
+    if (!unit || depth > maxDepth) return Scan::damagedIndex;
+    if (*unit == 0) return worst;
+    at = overflowLine(*unit);
+    if (!at) return Scan::damagedIndex;
+  }
+}
+
+// A key that is not in its bucket may have been moved by a split that began meanwhile: then the bucket is another.
+bool TableView::lookup(U64 key, bool copy) {
+  U64 const hashed = hash(key);
+  int indexAttempts = 0;
+  for (int attempt = 0; attempt < maxAttempts; ++attempt) {
+    U64 const bucket = bucketOf(hashed, buckets());
+    Scan const result = scan(key, hashed, bucket, copy);
+    if (result == Scan::found) return true;
+    if (result == Scan::changing) continue;
+    if (bucketOf(hashed, buckets()) != bucket) continue;
+    if (result == Scan::absent) return false;
+    if (++indexAttempts < maxIndexAttempts) continue;
+    if (result == Scan::damagedRecord)
+      throw Pallo::CorruptionDetectedException(
+          damage(fmt::format("the record of key {} is damaged, its checksum does not agree", key)));
+    throw Pallo::CorruptionDetectedException(
+        damage(fmt::format("the index is damaged where key {} belongs", key)));
+  }
+  throw Pallo::CorruptionDetectedException(
+      damage(fmt::format("the record of key {} never comes to rest", key)));
+}
+
+bool TableView::readRemembered(U64 key) {
+  if (!visited_.word || visited_.key != key || acquire(*visited_.word) != visited_.entry) return false;
+  return copySlot(entryUnit(visited_.entry)) == Copy::whole && scratchKey() == key;
+}
+
+std::byte const* TableView::read(U64 key) {
+  if (readRemembered(key) || lookup(key, true)) return scratchImage();
+  return nullptr;
+}
+
+bool TableView::contains(U64 key) {
+  try {
+    return lookup(key, false);
+  } catch (Pallo::CorruptionDetectedException const&) {
+    return true;  // its look-up says what is wrong with it
+  }
+}
+
+// The overflow line after `line`, the line's own bucket and depth given; null at the chain's end.
+std::atomic<U64>* TableView::nextLine(std::atomic<U64>* line, U64 bucket, U64 depth) {
+  for (int attempt = 0; attempt < maxIndexAttempts; ++attempt) {
+    auto const unit = linkUnit(acquire(line[7]), bucket, depth);
+    if (unit && *unit == 0) return nullptr;
+    if (std::atomic<U64>* next = unit ? overflowLine(*unit) : nullptr; next && depth < maxDepth) return next;
+  }
+  walkDamage_ = damage(fmt::format("the index is damaged: the link of bucket {}", bucket));
+  return nullptr;
+}
+
+std::atomic<U64>* TableView::lineAt(Walk const& place) {
+  std::atomic<U64>* at = line(place.bucket);
+  if (!at) walkDamage_ = damage(fmt::format("the index is damaged: no chunk holds bucket {}", place.bucket));
+  for (U64 depth = 0; at && depth < place.depth; ++depth) at = nextLine(at, place.bucket, depth);
+  return at;
+}
+
+// The key of the entry, unless the entry went away or its key is unreadable.
+std::optional<TableView::Place> TableView::visit(std::atomic<U64> const& word, Walk const& place) {
+  for (int attempt = 0; attempt < maxAttempts; ++attempt) {
+    U64 const entry = acquire(word);
+    if (entry == 0) return std::nullopt;
+    U64 key = 0;
+    if (!entryIntact(entry) || !slotInside(entryUnit(entry))) {
+      walkDamage_ = damage(fmt::format("the index is damaged: an entry of bucket {}", place.bucket));
+      return std::nullopt;
+    }
+    bool const atRest = peekKey(entryUnit(entry), key);
+    if (atRest && tag(hash(key)) == entryTag(entry)) {
+      visited_ = {&word, entry, key};
+      return Place{key, packWalk(place.bucket, place.depth, place.at + 1)};
+    }
+    if (acquire(word) == entry && attempt >= maxIndexAttempts) break;
+  }
+  if (damageSink_)
+    damageSink_(damage(fmt::format("a record of bucket {} is damaged, its key", place.bucket)));
+  return std::nullopt;
+}
+
+std::optional<TableView::Place> TableView::walkLine(std::atomic<U64>* line, Walk& place) {
+  for (; place.at < entriesPerLine; ++place.at)
+    if (auto const found = visit(line[place.at], place)) return found;
+  return std::nullopt;
+}
+
+// The slots of a bucket that the walk will come to, asked for before they are needed.
+void TableView::prefetchBucket(U64 bucket) {
+  std::atomic<U64> const* const at = line(bucket);
+  if (!at) return;
+  for (unsigned i = 0; i < entriesPerLine; ++i) {
+    U64 const entry = at[i].load(std::memory_order_relaxed);
+    if (entry == 0) continue;
+    std::byte const* const slot = base_ + entryUnit(entry) * unitBytes;
+    __builtin_prefetch(slot);
+    if (header_.slotBytes > 64) {
+      __builtin_prefetch(slot + 64);
+      __builtin_prefetch(slot + 128);
+    }
+  }
+}
+
+std::optional<TableView::Place> TableView::walkBuckets(Walk place) {
+  for (; place.bucket < buckets(); place = {place.bucket + 1, 0, 0}) {
+    if (place.at == 0 && place.depth == 0 && place.bucket + 2 < maxBuckets) prefetchBucket(place.bucket + 2);
+    std::atomic<U64>* at = lineAt(place);
+    if (!at && place.depth == 0) {
+      place.bucket = roundUp(place.bucket + 1, linesPerChunk) - 1;  // none of the chunk's buckets is readable
+      continue;
+    }
+    while (at) {
+      if (auto const found = walkLine(at, place)) return found;
+      at = nextLine(at, place.bucket, place.depth);
+      ++place.depth;
+      place.at = 0;
+    }
+  }
+  return std::nullopt;
+}
+
+void TableView::endWalk() {
+  visited_.word = nullptr;
+  if (walkDamage_.empty()) return;
+  throw Pallo::CorruptionDetectedException(std::exchange(walkDamage_, {}));
+}
+
+std::optional<TableView::Place> TableView::walk(U64 hint) {
+  if (hint == 0) walkDamage_.clear();
+  auto found = walkBuckets({hint >> 16, hint >> 3 & 0x1FFF, static_cast<unsigned>(hint & 7)});
+  if (!found) endWalk();
+  return found;
+}
+
+}  // namespace Shoal

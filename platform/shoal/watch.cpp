@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "shoal/watch.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "shoal/error.h"
+
+namespace Shoal {
+namespace {
+
+// What an epoll event is about; anything else is the socket of a writer.
+constexpr U64 selfTag = ~U64{0};
+constexpr U64 directoryTag = selfTag - 1;
+constexpr U64 listenerTag = selfTag - 2;
+constexpr U64 eventTag = selfTag - 3;
+
+std::string parentOf(std::string const& path) {
+  auto const slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+std::string fileNameOf(std::string const& path) { return path.substr(path.rfind('/') + 1); }
+
+void closeIf(int fd) {
+  if (fd >= 0) ::close(fd);
+}
+
+[[noreturn]] void throwUnwatchable(std::string const& path) {
+  throw FileException(FileException::Reason::unwatchable,
+                      fmt::format("{}: cannot be watched: {}", path, std::strerror(errno)));
+}
+
+// The descriptor that came with a message, -1 when there was none.
+int receiveDescriptor(int socket, bool& ended) {
+  char byte;
+  iovec data{&byte, 1};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  msghdr message{};
+  message.msg_iov = &data;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  ssize_t const bytes = recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+  ended = bytes == 0 || (bytes < 0 && errno != EAGAIN && errno != EINTR);
+  if (bytes != 1) return -1;
+  cmsghdr const* const header = CMSG_FIRSTHDR(&message);
+  if (!header || header->cmsg_type != SCM_RIGHTS || header->cmsg_len != CMSG_LEN(sizeof(int))) return -1;
+  int fd;
+  std::memcpy(&fd, CMSG_DATA(header), sizeof fd);
+  return fd;
+}
+
+}  // namespace
+
+Watch::Watch(std::string const& tablePath)
+    : fileName_(fileNameOf(tablePath)), directory_(tablePath, false), poll_(epoll_create1(EPOLL_CLOEXEC)) {
+  U64 random = 0;
+  if (getrandom(&random, sizeof random, 0) != sizeof random || poll_ < 0) throwUnwatchable(tablePath);
+  name_ = fmt::format("{}-{:016x}", getpid(), random);
+  self_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  add(self_, selfTag, EPOLLIN);
+  watchDirectory(tablePath);
+  listen();
+  page_ = directory_.page(name_ + ".page", true);
+  directory_.bell()->word().fetch_add(1, std::memory_order_seq_cst);
+  wakeSelf();
+}
+
+Watch::~Watch() {
+  unlinkat(directory_.fd(), (name_ + ".page").c_str(), 0);
+  unlinkat(directory_.fd(), (name_ + ".sock").c_str(), 0);
+  for (Writer const& writer : writers_) {
+    closeIf(writer.socket);
+    closeIf(writer.event);
+  }
+  for (int const fd : {listener_, directoryNews_, self_, poll_}) closeIf(fd);
+}
+
+void Watch::add(int fd, U64 tag, U32 events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = tag;
+  if (fd >= 0) epoll_ctl(poll_, EPOLL_CTL_ADD, fd, &event);
+}
+
+// Without inotify (a process may have run out of it) a replaced file is noticed when its writer is met.
+void Watch::watchDirectory(std::string const& tablePath) {
+  directoryNews_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  if (directoryNews_ < 0) return;
+  inotify_add_watch(directoryNews_, parentOf(tablePath).c_str(), IN_CREATE | IN_MOVED_TO);
+  add(directoryNews_, directoryTag, EPOLLIN);
+}
+
+void Watch::listen() {
+  listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::string const path = directory_.shortPath(name_ + ".sock");
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  if (bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(listener_, 64) != 0)
+    throwUnwatchable(directory_.path());
+  fchmodat(directory_.fd(), (name_ + ".sock").c_str(), static_cast<mode_t>(directory_.fileMode()), 0);
+  add(listener_, listenerTag, EPOLLIN);
+}
+
+void Watch::wakeSelf() {
+  U64 const one = 1;
+  [[maybe_unused]] auto const written = write(self_, &one, sizeof one);
+}
+
+void Watch::welcome() {
+  for (int socket; (socket = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
+    if (writers_.size() >= maxWriters) {
+      ::close(socket);
+      continue;
+    }
+    writers_.push_back({socket, -1});
+    add(socket, static_cast<U64>(socket), EPOLLIN | EPOLLRDHUP);
+  }
+}
+
+// A writer's socket says one of two things: here is the event, or the end. Edge-triggered, the event need not be read.
+bool Watch::hear(int socket) {
+  auto const writer = std::ranges::find(writers_, socket, &Writer::socket);
+  if (writer == writers_.end()) return false;
+  bool ended = false;
+  int const event = receiveDescriptor(socket, ended);
+  if (event >= 0 && writer->event < 0) {
+    writer->event = event;
+    add(event, eventTag, EPOLLIN | EPOLLET);
+  } else {
+    closeIf(event);
+  }
+  if (!ended) return false;
+  ::close(writer->socket);
+  closeIf(writer->event);
+  writers_.erase(writer);
+  return true;
+}
+
+bool Watch::readDirectoryNews() {
+  alignas(inotify_event) std::array<char, 4096> buffer;
+  bool ours = false;
+  for (ssize_t bytes; (bytes = read(directoryNews_, buffer.data(), buffer.size())) > 0;) {
+    for (ssize_t at = 0; at < bytes;) {
+      auto const* const event = reinterpret_cast<inotify_event const*>(buffer.data() + at);
+      ours = ours || event->mask & IN_Q_OVERFLOW || (event->len && fileName_ == event->name);
+      at += static_cast<ssize_t>(sizeof *event + event->len);
+    }
+  }
+  return ours;
+}
+
+Watch::News Watch::drain() {
+  News news;
+  std::array<epoll_event, 16> events;
+  int const ready = epoll_wait(poll_, events.data(), static_cast<int>(events.size()), 0);
+  for (int i = 0; i < ready; ++i) {
+    U64 const tag = events[static_cast<unsigned>(i)].data.u64;
+    if (tag == selfTag) {
+      U64 count;
+      [[maybe_unused]] auto const taken = read(self_, &count, sizeof count);
+    } else if (tag == directoryTag) {
+      news.fileMayBeAnother |= readDirectoryNews();
+    } else if (tag == listenerTag) {
+      welcome();
+      news.fileMayBeAnother = true;
+    } else if (tag != eventTag) {
+      news.writerWent |= hear(static_cast<int>(tag));
+    }
+  }
+  return news;
+}
+
+}  // namespace Shoal
