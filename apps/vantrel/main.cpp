@@ -7,8 +7,10 @@
 #include "apps/vantrel/command.h"
 
 namespace VantrelCommand {
+void addReplay(CLI::App& app);
+
 // In the order in which --help shows them.
-constexpr AddVerb verbs[] = {nullptr};
+constexpr AddVerb verbs[] = {addReplay};
 }  // namespace VantrelCommand
 
 int main(int argc, char** argv) {
