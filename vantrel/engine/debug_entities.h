@@ -6,7 +6,7 @@
 // Threading: the agent's event loop.
 #pragma once
 
-#include <boost/unordered/unordered_flat_map.hpp>
+#include <boost/unordered_map.hpp>
 #include <string>
 
 #include "ostra/entity.h"
@@ -48,8 +48,9 @@ class VANTREL_API DebugStatus : public Ostra::Entity {
   struct KeyHash {
     std::size_t operator()(EntryKey const& key) const { return key.hash(); }
   };
-  using KeyAtIndex = boost::unordered_flat_map<U32, EntryKey>;
-  using OpIdOfKey = boost::unordered_flat_map<EntryKey, OpId, KeyHash>;
+  // Maps whose buckets can be walked in slices while others change: a snapshot may have a million members.
+  using KeyAtIndex = boost::unordered_map<U32, EntryKey>;
+  using OpIdOfKey = boost::unordered_map<EntryKey, OpId, KeyHash>;
 
   using Entity::Entity;
 

@@ -74,6 +74,7 @@ namespace {
 std::string keysWouldBeLost(VantrelImpl const&) {
   return "a running engine that is not initialized would drop every key it is told of";
 }
+std::string ownersWouldBeLost(VantrelImpl const&) { return "the engine keeps who owns which handle itself"; }
 }  // namespace
 
 Ostra::TypeInfo const& VantrelImpl::staticType() {
@@ -90,8 +91,11 @@ Ostra::TypeInfo const& VantrelImpl::staticType() {
                                           .attribute("dirty", &I::dirty, &I::dirtyIs)
                                           .attribute("alwaysProcessPending", &I::alwaysProcessPending,
                                                      &I::alwaysProcessPendingIs)
-                                          .collection("handleToKey", &I::handleToKey)
-                                          .collection("keyToHandle", &I::keyToHandle)
+                                          .collection("handleToKey", &I::handleToKey, &I::handleToKeyIs, &I::handleToKeyDel)
+                                          .refusedBecause(&ownersWouldBeLost)
+                                          .collection("keyToHandle", &I::keyToHandle, &I::keyToHandleIs,
+                                                      &I::keyToHandleDel)
+                                          .refusedBecause(&ownersWouldBeLost)
                                           .attribute("initialized", &I::initialized, &I::initializedIs)
                                           .refusedBecause(&keysWouldBeLost)
                                           .operation("handleEntry", &I::handleEntry)

@@ -59,6 +59,8 @@ std::string positionsWouldBeLost(FastVantrelImpl const& engine) {
   return "entries are programmed or waiting under the present mapping";
 }
 
+std::string stateWouldBeLost(FastVantrelImpl const&) { return "it is all that the engine knows of its entries"; }
+
 }  // namespace
 
 Ostra::TypeInfo const& FastVantrelImpl::staticType() {
@@ -67,6 +69,8 @@ Ostra::TypeInfo const& FastVantrelImpl::staticType() {
       Ostra::TypeInfo::of<F>("Vantrel::FastVantrelImpl", &VantrelImpl::staticType())
           .attribute("prioGrpShift", &F::prioGrpShift, &F::prioGrpShiftIs)
           .refusedBecause(&positionsWouldBeLost)
+          .reference("state", &F::state)
+          .refusedBecause(&stateWouldBeLost)
           .attribute("deadlockCount", &F::deadlockCount, &F::deadlockCountIs)
           .operation("processDeleteHelper", &F::processDeleteHelper)
           .operation("doCleanup", &F::doCleanup);

@@ -17,9 +17,10 @@ namespace {
 constexpr U32 maxGrowth = 131072;
 
 struct Pool {
-  std::vector<CState_s*> cfree;  // the first cread of them are free
-  U32 cread = 0;
-  U32 clen = 1;
+  U32 cread = 0;  // records free
+  U32 clen = 1;   // records ever made, plus one
+  // The first cread of them are free. One to spare: a record given back twice is seen, not written past the end.
+  std::vector<CState_s*> cfree = std::vector<CState_s*>(clen + 1);
   std::vector<void*> blocks;        // keeps every block in a leak checker's sight
   std::vector<FastState*> states;  // and every state
 };
@@ -42,7 +43,7 @@ void grow() {
   Pool& p = pool();
   U32 const growth = std::min(2 * p.clen, maxGrowth);
   p.clen += growth;
-  p.cfree.resize(p.clen + 1);  // one to spare: a record given back twice is seen, not written past the end
+  p.cfree.resize(p.clen + 1);
   void* const block = std::malloc(growth * sizeof(CState_s));
   if (!block) throw std::bad_alloc();
   p.blocks.push_back(block);

@@ -265,7 +265,8 @@ Ostra::TypeInfo const& VantrelSm::staticType() {
           .operation("doScheduleRetry", &S::doScheduleRetry)
           .attribute("retryPeriod", &S::retryPeriod, &S::retryPeriodIs)
           .attribute("retryTimerSet", &S::retryTimerSet, &S::retryTimerSetIs)
-          .collection("failedKey", &S::failedKey)
+          .collection("failedKey", &S::failedKey, &S::failedKeyIs,
+                      static_cast<bool (S::*)(EntryKey const&)>(&S::failedKeyDel))
           .operation("handleRetry", &S::handleRetry)
           .attribute("initialized", &S::initialized, &S::initializedIs)
           .refusedBecause(&keysWouldBeLost)

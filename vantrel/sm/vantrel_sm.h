@@ -113,6 +113,9 @@ class VANTREL_API VantrelSm : public Ostra::Described {
   void walk(TableConfig const& table);
   void firstFlushDone();
 
+  // What a reactor takes over when it is made.
+  bool notificationActive_ = true;
+  bool marked_ = false;
   // In the order of construction; destruction releases them in reverse.
   Ostra::Ptr<TableReactor> tableReactor_;
   Ostra::Ptr<TableStatus> const tableStatus_;
@@ -126,8 +129,6 @@ class VANTREL_API VantrelSm : public Ostra::Described {
   double retryPeriod_ = 10.0;
   FailedKeys failedKey_;
   bool initialized_ = false;
-  bool notificationActive_ = true;
-  bool marked_ = false;
 };
 
 // What an agent calls, once a table.

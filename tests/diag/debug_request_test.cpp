@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+// Debug requests: what a snapshot holds, and when it is taken.
+#include "tests/support/fast_world.h"
+
+using namespace TestSupport;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
+namespace {
+
+class DebugRequest : public FastWorld {
+ protected:
+  void request(U32 version) {
+    debugConfig->versionIs(version);
+    engine->handleDebug();
+  }
+};
+using DebugRequestDeathTest = DebugRequest;
+
+class Order : public DebugStatus::Notifiee {
+ public:
+  void onPending(U32 const&) override { told.push_back("pending"); }
+  void onPendingOpId(EntryKey const&) override { told.push_back("pendingOpId"); }
+  void onStatus(U32 const&) override { told.push_back("status"); }
+  void onStatusOpId(EntryKey const&) override { told.push_back("statusOpId"); }
+  void onVersion() override { told.push_back("version"); }
+  Calls told;
+};
+
+}  // namespace
+
+TEST_F(DebugRequest, AnEmptyEngineAnswersWithFourEmptyCollectionsAndTheVersion) {
+  request(3);
+  EXPECT_THAT(debugStatus->pending(), IsEmpty());
+  EXPECT_THAT(debugStatus->pendingOpId(), IsEmpty());
+  EXPECT_THAT(debugStatus->status(), IsEmpty());
+  EXPECT_THAT(debugStatus->statusOpId(), IsEmpty());
+  EXPECT_EQ(debugStatus->version(), 3U);
+}
+
+TEST_F(DebugRequest, AnEntryProgrammedAndWaitingIsInBothViewsWithBothIdentifiers) {
+  put({.key = 1, .ti = 1, .opId = 11});
+  put({.key = 2, .ti = 2, .opId = 12});
+  put({.key = 1, .ti = 2, .opId = 21});
+  put({.key = 3, .ti = 1, .opId = 13});
+  request(1);
+  EXPECT_THAT(debugStatus->pending(), UnorderedElementsAre(Pair(2, EntryKey(1)), Pair(1, EntryKey(3))));
+  EXPECT_THAT(debugStatus->pendingOpId(),
+              UnorderedElementsAre(Pair(EntryKey(1), OpId(21)), Pair(EntryKey(3), OpId(13))));
+  EXPECT_THAT(debugStatus->status(), UnorderedElementsAre(Pair(1, EntryKey(1)), Pair(2, EntryKey(2))));
+  EXPECT_THAT(debugStatus->statusOpId(),
+              UnorderedElementsAre(Pair(EntryKey(1), OpId(11)), Pair(EntryKey(2), OpId(12))));
+}
+
+TEST_F(DebugRequest, TheSameVersionIsAnsweredOnce) {
+  request(1);
+  put({.key = 1, .ti = 1});
+  Order order;
+  order.notifierIs(debugStatus);
+  request(1);
+  engine->handleDebug();
+  EXPECT_THAT(order.told, IsEmpty());
+  EXPECT_THAT(debugStatus->status(), IsEmpty());
+}
+
+TEST_F(DebugRequest, VersionZeroEmptiesTheSnapshot) {
+  put({.key = 1, .ti = 1});
+  request(4);
+  EXPECT_EQ(debugStatus->status().size(), 1U);
+  request(0);
+  EXPECT_THAT(debugStatus->status(), IsEmpty());
+  EXPECT_THAT(debugStatus->statusOpId(), IsEmpty());
+  EXPECT_EQ(debugStatus->version(), 0U);
+}
+
+TEST_F(DebugRequest, CollectionsAreEmptiedInOrderThenFilledAndTheVersionIsLast) {
+  put({.key = 1, .ti = 1});
+  put({.key = 2, .ti = 1});
+  request(1);
+  Order order;
+  order.notifierIs(debugStatus);
+  request(2);
+  EXPECT_THAT(order.told, ElementsAre("pending", "pendingOpId", "status", "statusOpId", "pending", "pendingOpId",
+                                      "status", "statusOpId", "version"));
+}
+
+TEST_F(DebugRequest, IsTracedWithBothVersions) {
+  request(4);
+  FacilityLines lines("VantrelFastImpl/9");
+  request(7);
+  EXPECT_THAT(lines.take(), ElementsAre("VantrelFastImpl/9 dumping debug state 7 4"));
+}
+
+TEST_F(DebugRequest, AWatcherThatThrowsLeavesTheRequestUnansweredUntilTheNextChange) {
+  class Throwing : public DebugStatus::Notifiee {
+   public:
+    void onStatus(U32 const&) override { throw std::runtime_error("watcher"); }
+  };
+  put({.key = 1, .ti = 1});
+  {
+    Throwing w;
+    w.notifierIs(debugStatus);
+    debugConfig->versionIs(1);
+    EXPECT_THROW(engine->handleDebug(), std::runtime_error);
+    EXPECT_EQ(debugStatus->version(), 0U);
+  }
+  request(2);
+  EXPECT_EQ(debugStatus->version(), 2U);
+  EXPECT_EQ(debugStatus->status().size(), 1U);
+}
+
+TEST_F(DebugRequestDeathTest, WithoutTheDebugEntitiesItsAssertionsFail) {
+  auto const noConfig = make<FastVantrelImpl>("e", table, nullptr, debugStatus, client, 1U);
+  EXPECT_DEATH(noConfig->handleDebug(), HasSubstr("assertion failed: debugConfig(), model file FastVantrelImpl,"));
+  auto const noStatus = make<FastVantrelImpl>("e", table, debugConfig, nullptr, client, 1U);
+  EXPECT_DEATH(noStatus->handleDebug(), HasSubstr("assertion failed: debugStatus(), model file FastVantrelImpl,"));
+}

@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "vantrel/engine/debug_entities.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace Vantrel;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+class ConfigWatcher : public DebugConfig::Notifiee {
+ public:
+  void onVersion() override { ++count; }
+  int count = 0;
+};
+
+class StatusWatcher : public DebugStatus::Notifiee {
+ public:
+  void onPending(U32 const& ti) override { told.push_back("pending " + std::to_string(ti)); }
+  void onPendingOpId(EntryKey const& k) override { told.push_back("pendingOpId " + std::to_string(k.value())); }
+  void onStatus(U32 const& ti) override { told.push_back("status " + std::to_string(ti)); }
+  void onStatusOpId(EntryKey const& k) override { told.push_back("statusOpId " + std::to_string(k.value())); }
+  void onVersion() override { told.push_back("version"); }
+  std::vector<std::string> take() { return std::exchange(told, {}); }
+  std::vector<std::string> told;
+};
+
+}  // namespace
+
+TEST(DebugConfig, StartsAtZeroUnderItsName) {
+  auto const c = debugConfigFactory("cfg");
+  EXPECT_EQ(c->name(), "cfg");
+  EXPECT_EQ(c->version(), 0U);
+}
+
+TEST(DebugConfig, SettingTheCurrentVersionTriggersNothing) {
+  auto const c = debugConfigFactory("cfg");
+  ConfigWatcher w;
+  w.notifierIs(c);
+  c->versionIs(0);
+  c->versionInc(0);
+  EXPECT_EQ(w.count, 0);
+  c->versionIs(3);
+  EXPECT_EQ(w.count, 1);
+}
+
+TEST(DebugConfig, VersionIncPastTheMaximumWrapsAndNotifies) {
+  auto const c = debugConfigFactory("cfg");
+  c->versionIs(0xFFFFFFFF);
+  ConfigWatcher w;
+  w.notifierIs(c);
+  c->versionInc(1);
+  EXPECT_EQ(c->version(), 0U);
+  EXPECT_EQ(w.count, 1);
+}
+
+TEST(DebugStatus, MembersNotifyWithTheirKeyOnlyOnChange) {
+  auto const s = debugStatusFactory("st");
+  EXPECT_EQ(s->version(), 0U);
+  StatusWatcher w;
+  w.notifierIs(s);
+  for (int twice = 0; twice < 2; ++twice) {
+    s->pendingIs(4, EntryKey(7));
+    s->pendingOpIdIs(EntryKey(7), OpId(12));
+    s->statusIs(3, EntryKey(7));
+    s->statusOpIdIs(EntryKey(7), OpId(11));
+    s->versionIs(5);
+  }
+  EXPECT_THAT(w.take(), ElementsAre("pending 4", "pendingOpId 7", "status 3", "statusOpId 7", "version"));
+  s->pendingIs(4, EntryKey(8));
+  EXPECT_THAT(w.take(), ElementsAre("pending 4"));
+  EXPECT_EQ(s->pending().at(4), EntryKey(8));
+}
+
+TEST(DebugStatus, RemovingAnAbsentKeyReturnsZeroAndNotifiesNobody) {
+  auto const s = debugStatusFactory("st");
+  StatusWatcher w;
+  w.notifierIs(s);
+  EXPECT_EQ(s->pendingDel(1), EntryKey(0));
+  EXPECT_EQ(s->pendingOpIdDel(EntryKey(1)), OpId(0));
+  EXPECT_EQ(s->statusDel(1), EntryKey(0));
+  EXPECT_EQ(s->statusOpIdDel(EntryKey(1)), OpId(0));
+  EXPECT_THAT(w.take(), IsEmpty());
+}
+
+TEST(DebugStatus, RemovingReturnsTheValueAndNotifies) {
+  auto const s = debugStatusFactory("st");
+  s->pendingIs(4, EntryKey(7));
+  s->pendingOpIdIs(EntryKey(7), OpId(12));
+  s->statusIs(3, EntryKey(7));
+  s->statusOpIdIs(EntryKey(7), OpId(11));
+  StatusWatcher w;
+  w.notifierIs(s);
+  EXPECT_EQ(s->pendingDel(4), EntryKey(7));
+  EXPECT_EQ(s->pendingOpIdDel(EntryKey(7)), OpId(12));
+  EXPECT_EQ(s->statusDel(3), EntryKey(7));
+  EXPECT_EQ(s->statusOpIdDel(EntryKey(7)), OpId(11));
+  EXPECT_THAT(w.take(), ElementsAre("pending 4", "pendingOpId 7", "status 3", "statusOpId 7"));
+}
+
+TEST(DebugStatus, RemovingAllNotifiesOfEach) {
+  auto const s = debugStatusFactory("st");
+  for (U32 i = 0; i < 5; ++i) {
+    s->pendingIs(i, EntryKey(i));
+    s->statusOpIdIs(EntryKey(i), OpId(i + 1));
+  }
+  StatusWatcher w;
+  w.notifierIs(s);
+  s->pendingDelAll();
+  s->statusOpIdDelAll();
+  s->statusDelAll();
+  s->pendingOpIdDelAll();
+  EXPECT_EQ(w.told.size(), 10U);
+  EXPECT_THAT(s->pending(), IsEmpty());
+  EXPECT_THAT(s->statusOpId(), IsEmpty());
+}

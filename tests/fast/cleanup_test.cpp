@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+// Clean-up: what an engine withdraws when it goes.
+#include "tests/support/fast_world.h"
+
+using namespace TestSupport;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+class Cleanup : public FastWorld {};
+}  // namespace
+
+TEST_F(Cleanup, WithoutHandlesOnlyRecordsAndFlushes) {
+  RingRecords records;
+  engine = nullptr;
+  EXPECT_THAT(client->take(), ElementsAre("flush"));
+  EXPECT_THAT(records.take(), ElementsAre("doCleanup [1]"));
+}
+
+TEST_F(Cleanup, DeletesAProgrammedEntryOnceAndThenItsStatusBeforeTheOneFlush) {
+  put({.key = 1, .ti = 4, .opId = 77});
+  status->entryIs(EntryStatus(EntryKey(1), OpId(77)));
+  engine = nullptr;
+  EXPECT_THAT(client->take(), ElementsAre("del 1@4", "delStatus 1", "flush"));
+  EXPECT_EQ(client->records.back().opId(), OpId(77));
+  EXPECT_EQ(status->size(), 0U);
+}
+
+TEST_F(Cleanup, AKeyWithAHandleButWithoutStateLosesItsStatusTwice) {
+  engine->keyToHandleIs(EntryKey(5), 5);
+  engine = nullptr;
+  EXPECT_THAT(client->take(), ElementsAre("delStatus 5", "delStatus 5", "flush"));
+}
+
+TEST_F(Cleanup, DropsAPendingEntryWithoutAHardwareCallAndWakesNobody) {
+  put({.key = 1, .ti = 4});
+  put({.key = 2, .ti = 4});
+  client->take();
+  engine->doCleanup();
+  EXPECT_THAT(client->take(), testing::UnorderedElementsAre("del 1@4", "delStatus 1", "delStatus 2", "flush"));
+  EXPECT_THAT(state().cstate, IsEmpty());
+  EXPECT_EQ(engine->keyToHandle().size(), 2U) << "the clean-up leaves the handle maps";
+}
+
+TEST_F(Cleanup, WithoutAHardwareClientNothingIsFlushed) {
+  auto const bare = make<FastVantrelImpl>("bare", table, debugConfig, debugStatus, nullptr, 1U);
+  bare->doCleanup();
+  EXPECT_THAT(client->take(), IsEmpty());
+}
+
+TEST_F(Cleanup, ReferencesAreReleased) {
+  U32 const clients = client->references();
+  U32 const tables = table->references();
+  engine = nullptr;
+  EXPECT_EQ(client->references(), clients - 1);
+  EXPECT_EQ(table->references(), tables - 1);
+}

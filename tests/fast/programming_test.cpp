@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: Apache-2.0
+// Programming: add, update, move, acknowledge, and who wakes.
+#include "tests/support/fast_world.h"
+
+using namespace TestSupport;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+class Programming : public FastWorld {
+ protected:
+  // A claim without a hardware call: the entry waits at ti behind a higher priority at 0.
+  void wait(U64 key, U32 ti, U32 prio, U16 pg = 0) { EXPECT_THAT(put({.key = key, .ti = ti, .prio = prio, .pg = pg}), IsEmpty()); }
+};
+using ProgrammingDeathTest = Programming;
+constexpr U64 version = 0x10000;
+}  // namespace
+
+TEST_F(Programming, ANewEntryIsAddedAndIndexed) {
+  EXPECT_THAT(put({.key = 1, .ti = 4, .pg = 2, .opId = 77}), ElementsAre("add 1@4"));
+  EXPECT_EQ(record(1).sti, 4U);
+  EXPECT_EQ(record(1).opId, OpId(77));
+  EXPECT_EQ(state().current.at(4), &record(1));
+  EXPECT_EQ(state().precedence.at(engine->pti(2, 4)), &record(1));
+  EXPECT_EQ(client->records.back(), table->entry(EntryKey(1)));
+}
+
+TEST_F(Programming, SameLowBitsSamePositionIsAcknowledgedWithoutAWrite) {
+  put({.key = 1, .ti = 4, .opId = 5 * version + 3});
+  EXPECT_THAT(put({.key = 1, .ti = 4, .opId = (5 + 65535) * version + 3}), ElementsAre("noop 1"));
+  EXPECT_EQ(acknowledged(1), (5 + 65535) * version + 3);
+  EXPECT_EQ(engine->currentOpId(EntryKey(1)).value(), (5 + 65535) * version + 3);
+}
+
+TEST_F(Programming, SameLowBitsTooManyVersionsAheadIsWritten) {
+  put({.key = 1, .ti = 4, .opId = 5 * version + 3});
+  EXPECT_THAT(put({.key = 1, .ti = 4, .opId = (5 + 65536) * version + 3}), ElementsAre("update 1@4"));
+}
+
+TEST_F(Programming, DifferentLowBitsAreWritten) {
+  put({.key = 1, .ti = 4, .opId = 5 * version + 3});
+  EXPECT_THAT(put({.key = 1, .ti = 4, .opId = 5 * version + 4}), ElementsAre("update 1@4"));
+  EXPECT_EQ(acknowledged(1), 0U) << "the acknowledgement of a write is the hardware layer's";
+}
+
+TEST_F(Programming, AChangedConfigurationWithANewPositionIsUpdatedThenMoved) {
+  put({.key = 1, .ti = 4, .opId = 5 * version + 3});
+  EXPECT_THAT(put({.key = 1, .ti = 9, .opId = 6 * version + 4}), ElementsAre("update 1@9", "move 1@9"));
+  EXPECT_EQ(record(1).sti, 9U);
+  EXPECT_EQ(state().current.at(4), nullptr);
+  EXPECT_EQ(state().current.at(9), &record(1));
+  EXPECT_EQ(state().precedence.at(4), nullptr);
+  EXPECT_EQ(state().precedence.at(9), &record(1));
+}
+
+TEST_F(Programming, AnUnchangedConfigurationWithANewPositionIsOnlyMoved) {
+  put({.key = 1, .ti = 4, .opId = 5 * version + 3});
+  EXPECT_THAT(put({.key = 1, .ti = 9, .opId = 6 * version + 3}), ElementsAre("move 1@9"));
+}
+
+TEST_F(Programming, ARejectedConfigurationCallsNothingAndReturnsFalse) {
+  put({.key = 1, .ti = 4});
+  write({.key = 2, .ti = 4});
+  EXPECT_FALSE(engine->processEntry(table->entry(EntryKey(2))));
+  EXPECT_THAT(client->take(), IsEmpty());
+  write({.key = 3, .ti = 5});
+  EXPECT_TRUE(engine->processEntry(table->entry(EntryKey(3))));
+}
+
+TEST_F(Programming, TheWaiterOfAVacatedPositionMovesIn) {
+  put({.key = 1, .ti = 4});
+  put({.key = 2, .ti = 4});
+  EXPECT_THAT(put({.key = 1, .ti = 5}), ElementsAre("update 1@5", "move 1@5", "add 2@4"));
+}
+
+TEST_F(Programming, AMoveUpwardWakesTheSameGroupClaimsOfTheRangeItOpened) {
+  put({.key = 1, .ti = 3, .prio = 20});
+  for (U32 ti = 4; ti <= 10; ++ti) wait(100 + ti, ti, 15);
+  wait(200, 2, 25);
+  EXPECT_THAT(put({.key = 1, .ti = 11, .prio = 20}),
+              ElementsAre("update 1@11", "move 1@11", "add 104@4", "add 105@5", "add 106@6", "add 107@7", "add 108@8",
+                          "add 109@9", "add 110@10"));
+  EXPECT_EQ(claimant(2), 200U) << "still above its better";
+}
+
+TEST_F(Programming, AMoveDownwardFromTenToThreeWakesTheClaimsOnFourToNine) {
+  put({.key = 1, .ti = 10, .prio = 20});
+  for (U32 ti = 4; ti <= 9; ++ti) wait(100 + ti, ti, 30);
+  wait(103, 2, 30);
+  EXPECT_THAT(put({.key = 1, .ti = 3, .prio = 20}),
+              ElementsAre("update 1@3", "move 1@3", "add 104@4", "add 105@5", "add 106@6", "add 107@7", "add 108@8",
+                          "add 109@9"));
+  EXPECT_EQ(claimant(2), 103U);
+}
+
+TEST_F(Programming, ClaimsOfOtherGroupsInTheRangeAreLeftAlone) {
+  put({.key = 1, .ti = 10, .prio = 20, .pg = 0});
+  put({.key = 2, .ti = 12, .prio = 20, .pg = 1});
+  wait(101, 5, 30, 0);
+  wait(102, 6, 30, 1);
+  EXPECT_THAT(put({.key = 1, .ti = 3, .prio = 20}), ElementsAre("update 1@3", "move 1@3", "add 101@5"));
+  EXPECT_EQ(claimant(6), 102U);
+}
+
+TEST_F(Programming, ANeighbourOfEqualPriorityOnTheSideItLeftOpensNothing) {
+  put({.key = 1, .ti = 10, .prio = 20});
+  put({.key = 2, .ti = 11, .prio = 20});
+  wait(101, 5, 30);
+  RingRecords records;
+  EXPECT_THAT(put({.key = 1, .ti = 3, .prio = 20}), ElementsAre("update 1@3", "move 1@3"));
+  EXPECT_EQ(claimant(5), 101U);
+  EXPECT_THAT(records.take(), testing::Not(Contains(HasSubstr("pending key:%q [1,101]"))));
+}
+
+TEST_F(Programming, AMoveBetweenEqualNeighboursWakesNobody) {
+  put({.key = 1, .ti = 2, .prio = 20});
+  put({.key = 2, .ti = 5, .prio = 20});
+  put({.key = 3, .ti = 9, .prio = 20});
+  wait(101, 7, 30);
+  wait(102, 3, 30);
+  FacilityLines lines("VantrelFastImpl/9");
+  EXPECT_THAT(put({.key = 2, .ti = 6, .prio = 20}), ElementsAre("update 2@6", "move 2@6"));
+  EXPECT_THAT(lines.take(), testing::Not(Contains(HasSubstr("to workq"))));
+}
+
+TEST_F(Programming, TheRangeEndsAtTheNextNeighbour) {
+  put({.key = 1, .ti = 20, .prio = 20});
+  put({.key = 2, .ti = 10, .prio = 15});
+  wait(101, 5, 30);
+  wait(102, 15, 30);
+  EXPECT_THAT(put({.key = 1, .ti = 12, .prio = 20}), ElementsAre("update 1@12", "move 1@12", "add 102@15"));
+  EXPECT_EQ(claimant(5), 101U);
+}
+
+TEST_F(Programming, IsTracedInTheRingBuffer) {
+  RingRecords records;
+  put({.key = 1, .ti = 4, .prio = 6, .opId = version + 1, .hdl = 11});
+  EXPECT_THAT(records.take(), Contains("add key:%q hdl:%i [1,1,11]"));
+  put({.key = 1, .ti = 4, .prio = 6, .opId = 2 * version + 1, .hdl = 11});
+  EXPECT_THAT(records.take(), Contains("noopAck key:%q hdl:%i opId:%q [1,1,11,131073]"));
+  put({.key = 1, .ti = 8, .prio = 6, .opId = 3 * version + 2, .hdl = 11});
+  auto const taken = records.take();
+  EXPECT_THAT(taken, Contains("update key:%q hdl:%i [1,1,11]"));
+  EXPECT_THAT(taken, Contains("mov key:%q hdl:%i %i prio:%i to:%i [1,1,11,4,6,8]"));
+}
+
+TEST_F(Programming, TheWalkIsTraced) {
+  put({.key = 1, .ti = 10, .prio = 20});
+  FacilityLines lines("VantrelFastImpl/8");
+  put({.key = 1, .ti = 3, .prio = 20});
+  EXPECT_THAT(lines.take(), Contains("VantrelFastImpl/8 walking prio between 4 9"));
+}
+
+TEST_F(ProgrammingDeathTest, AnEntryWithoutExactlyOneTableIndexFailsItsAssertion) {
+  EntryConfig none(EntryKey(1), OpId(1), 1, 0, 0);
+  EntryConfig two = none;
+  two.tableIndexIs(TableKey(1), 5);
+  EXPECT_DEATH(engine->processEntry(none),
+               HasSubstr("assertion failed: entry.tableIndexs() == 1, model file FastVantrelImpl,"));
+  EXPECT_DEATH(engine->processEntry(two), HasSubstr("assertion failed: entry.tableIndexs() == 1,"));
+}
+
+TEST_F(ProgrammingDeathTest, ProgrammingBeforeInitializationFailsItsAssertion) {
+  engine->initializedIs(false);
+  EXPECT_DEATH(engine->processEntry(config({.key = 1, .ti = 1})),
+               HasSubstr("assertion failed: initialized(), model file FastVantrelImpl,"));
+}
+
+TEST_F(ProgrammingDeathTest, AMoveFromAPositionThatIsNotIndexedFailsItsAssertion) {
+  put({.key = 1, .ti = 4});
+  state().current.remove(4);
+  write({.key = 1, .ti = 5});
+  EXPECT_DEATH(handle(1), HasSubstr("assertion failed: rc, model file FastVantrelImpl,"));
+}

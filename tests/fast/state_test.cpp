@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: Apache-2.0
+// Construction, attributes, mappings, the record pool.
+#include "ostra/exception.h"
+#include "tests/support/fast_world.h"
+
+using namespace TestSupport;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+class Watcher : public FastVantrelImpl::Notifiee {
+ public:
+  void onPrioGrpShift() override { ++count; }
+  void onState() override { ++count; }
+  void onDeadlockCount() override { ++count; }
+  int count = 0;
+};
+
+class FastState_ : public FastWorld {};
+using FastStateDeathTest = FastState_;
+
+class Atcam : public EngineWorld<FastVantrelAtcamImpl> {};
+using AtcamDeathTest = Atcam;
+
+}  // namespace
+
+TEST_F(FastState_, StartsEmptyWithItsDefaults) {
+  EXPECT_TRUE(engine->initialized());
+  EXPECT_EQ(engine->prioGrpShift(), 19U);
+  EXPECT_EQ(engine->deadlockCount(), 0U);
+  EXPECT_EQ(engine->numDeadlock(), 0U);
+  EXPECT_EQ(engine->numPending(), 0U);
+  ASSERT_NE(engine->state(), nullptr);
+  EXPECT_EQ(state().lgId(), 1U);
+  EXPECT_THAT(state().cstate, IsEmpty());
+  EXPECT_GE(state().cstate.bucket_count(), 16U);
+  EXPECT_EQ(state().cstate.max_load_factor(), 1.0F);
+  EXPECT_EQ(state().blocked.max_load_factor(), 1.0F);
+}
+
+TEST_F(FastState_, RecordsAreFortyEightBytes) { EXPECT_EQ(sizeof(CState_s), 48U); }
+
+TEST_F(FastState_, AttributesNotifyOnlyOnChange) {
+  Watcher w;
+  w.notifierIs(engine);
+  engine->deadlockCountInc(0);
+  engine->deadlockCountIs(0);
+  engine->prioGrpShiftIs(19);
+  engine->stateIs(engine->state());
+  EXPECT_EQ(w.count, 0);
+  EXPECT_EQ(engine->deadlockCountInc(3), 3U);
+  EXPECT_EQ(engine->deadlockCountInc(0xFFFFFFFF), 2U);
+  engine->deadlockCountIs(9);
+  engine->prioGrpShiftIs(20);
+  EXPECT_EQ(w.count, 4);
+}
+
+TEST_F(FastState_, InitializingAgainKeepsTheState) {
+  FastState* const before = engine->state();
+  engine->initializedIs(false);
+  FacilityLines lines("VantrelFastImpl/8");
+  engine->handleInitialized();
+  EXPECT_EQ(engine->state(), before);
+  EXPECT_TRUE(engine->initialized());
+  EXPECT_THAT(lines.take(), testing::ElementsAre("VantrelFastImpl/8 handleInitialized"));
+}
+
+TEST_F(FastState_, UnknownKeyHasOpIdZero) {
+  EXPECT_EQ(engine->currentOpId(EntryKey(5)), OpId(0));
+  put({.key = 5, .ti = 1, .opId = 77});
+  EXPECT_EQ(engine->currentOpId(EntryKey(5)), OpId(77));
+}
+
+TEST_F(FastState_, NumPendingIsZeroBeforeInitializationWhateverTheStateHolds) {
+  put({.key = 1, .ti = 1});
+  put({.key = 2, .ti = 1});
+  EXPECT_EQ(engine->numPending(), 1U);
+  engine->initializedIs(false);
+  EXPECT_EQ(engine->numPending(), 0U);
+  engine->initializedIs(true);
+}
+
+TEST_F(FastState_, EveryAttributeCanBeReachedByName) {
+  engine->typeInfo().write(*engine, "prioGrpShift", U64{20});
+  EXPECT_EQ(engine->prioGrpShift(), 20U);
+  EXPECT_NO_THROW(engine->typeInfo().writeFromOutside(*engine, "prioGrpShift", U64{19}));
+  put({.key = 1, .ti = 1});
+  EXPECT_THROW(engine->typeInfo().writeFromOutside(*engine, "prioGrpShift", U64{20}), Ostra::AttributeException);
+  EXPECT_THROW(engine->typeInfo().writeFromOutside(*engine, "state", std::string("x")), Ostra::AttributeException);
+  EXPECT_EQ(engine->typeInfo().read(*engine, "deadlockCount"), Ostra::Value(U64{0}));
+  EXPECT_EQ(engine->typeInfo().read(*engine, "retryDepsMaxCnt"), Ostra::Value(U64{1000}));
+  EXPECT_THAT(client->take(), testing::ElementsAre());
+  engine->typeInfo().invoke(*engine, "processDeleteHelper", {U64{1}, true, false});
+  EXPECT_THAT(client->take(), testing::ElementsAre("deadlock 1@1"));
+}
+
+TEST_F(FastState_, PtiPacksGroupAndPosition) {
+  EXPECT_EQ(engine->pti(3, 1000), 1573864U);
+  EXPECT_EQ(engine->pti(3, 1000), 0x1803E8U);
+  EXPECT_EQ(engine->lti(1573864), 1000U);
+  EXPECT_EQ(engine->pti(0, (1U << 19) - 1), (1U << 19) - 1);
+  EXPECT_EQ(engine->pti(8191, 0), 0xFFF80000U);
+}
+
+TEST_F(FastState_, ShiftsOfThirtyTwoAndMoreAreDoneOnSixtyFourBits) {
+  engine->prioGrpShiftIs(32);
+  EXPECT_EQ(engine->pti(0, 0xFFFFFFFE), 0xFFFFFFFEU);
+  EXPECT_EQ(engine->lti(0xFFFFFFFE), 0xFFFFFFFEU);
+}
+
+TEST_F(FastStateDeathTest, PositionsAndGroupsOutsideTheMappingFailTheirAssertions) {
+  EXPECT_DEATH(engine->pti(0, 1U << 19),
+               HasSubstr("assertion failed: ti < ( 1UL << prioGrpShift() ), model file FastVantrelImpl,"));
+  EXPECT_DEATH(engine->pti(8192, 0),
+               HasSubstr("assertion failed: pg < ( 1UL << ( 32 - prioGrpShift() ) ), model file FastVantrelImpl,"));
+}
+
+TEST_F(Atcam, MapsPartitionThenOffset) {
+  engineIs(4U);
+  EXPECT_EQ(engine->prioGrpShift(), 16U);
+  EXPECT_EQ(engine->maxPartitions(), 4U);
+  EXPECT_EQ(engine->pti(1, 4001), 66536U);
+  EXPECT_EQ(engine->lti(66536), 4001U);
+  EXPECT_EQ(engine->pti(3, 262143), 0x3FFFFU);
+  EXPECT_EQ(engine->lti(0x3FFFF), 262143U);
+}
+
+TEST_F(AtcamDeathTest, WrongPartitionAndOffsetTooFarFailTheirAssertions) {
+  engineIs(4U);
+  EXPECT_DEATH(engine->pti(2, 4001), HasSubstr("assertion failed: pg == partition, model file FastVantrelImpl,"));
+  EXPECT_DEATH(engine->pti(0, 262144),
+               HasSubstr("assertion failed: offset < ( 1UL << 16 ), model file FastVantrelImpl,"));
+}
+
+TEST_F(Atcam, ProgramsInterleavedPartitionsIndependently) {
+  engineIs(2U);
+  EXPECT_THAT(put({.key = 1, .ti = 10, .prio = 5, .pg = 0}), testing::ElementsAre("add 1@10"));
+  EXPECT_THAT(put({.key = 2, .ti = 13, .prio = 1, .pg = 1}), testing::ElementsAre("add 2@13"));
+  EXPECT_THAT(put({.key = 3, .ti = 12, .prio = 4, .pg = 0}), IsEmpty()) << "out of order in its own partition";
+  EXPECT_THAT(put({.key = 4, .ti = 14, .prio = 6, .pg = 0}), testing::ElementsAre("add 4@14"));
+}
+
+TEST_F(Atcam, CleansUpWithItsOwnMappingAndOnce) {
+  engineIs(4U);
+  put({.key = 1, .ti = 4001, .pg = 1});
+  engine = nullptr;
+  EXPECT_THAT(client->take(), testing::ElementsAre("del 1@4001", "delStatus 1", "flush"));
+}

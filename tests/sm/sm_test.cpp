@@ -1,0 +1,574 @@
+// SPDX-License-Identifier: Apache-2.0
+// The front end: factories, reactors, walks, flushes, counters, retries.
+#include "keel/virtual_wheel.h"
+#include "ostra/exception.h"
+#include "tests/support/engine_world.h"
+
+using namespace TestSupport;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+class FlushWatcher : public VantrelFlushStatus::Notifiee {
+ public:
+  void onTableCounter() override { ++table; }
+  void onFlushCounter() override { ++flush; }
+  int table = 0, flush = 0;
+};
+
+// An engine that records keys and fails on order.
+class KeyEngine : public VantrelImpl {
+ public:
+  using VantrelImpl::VantrelImpl;
+  void handleEntry(EntryKey const& key) override {
+    keys.push_back(key.value());
+    if (onKey) onKey(key.value());
+    if (internal.contains(key.value())) throw Ostra::InternalException("Failed to program dependant tables");
+    if (other.contains(key.value())) throw std::runtime_error("other");
+  }
+  void handleDebug() override { ++debugs; }
+  std::vector<U64> take() { return std::exchange(keys, {}); }
+  std::vector<U64> keys;
+  std::set<U64> internal, other;
+  std::function<void(U64)> onKey;
+  int debugs = 0;
+};
+
+class FrontEnd : public EngineWorld<FastVantrelImpl> {
+ protected:
+  FrontEnd()
+      : keyEngine(make<KeyEngine>("engine", table, debugConfig, debugStatus, client, 1U)),
+        flushStatus(make<VantrelFlushStatus>("flushStatus")),
+        wheel(make<Keel::VirtualWheel>()) {}
+
+  Ptr<VantrelSm> create() {
+    return sm = vantrelSmFactory(table, status, debugConfig, debugStatus, keyEngine, flushStatus, wheel);
+  }
+  void tell(U64 key) {
+    if (table->entry(EntryKey(key)).empty()) write({.key = key, .ti = static_cast<U32>(key)});
+    table->notifyEntry(EntryKey(key));
+  }
+  std::vector<U64> failed() {
+    std::vector<U64> keys;
+    for (auto const& [key, value] : sm->failedKey()) keys.push_back(key.value());
+    return keys;
+  }
+
+  Ptr<KeyEngine> keyEngine;
+  Ptr<VantrelFlushStatus> flushStatus;
+  Ptr<Keel::VirtualWheel> wheel;
+  Ptr<VantrelSm> sm;
+};
+
+}  // namespace
+
+TEST_F(FrontEnd, StartsWithItsDefaultsAndOneWalkOfTheEmptyTable) {
+  create();
+  EXPECT_TRUE(sm->initialized());
+  EXPECT_TRUE(sm->initialFlushed());
+  EXPECT_EQ(sm->retryPeriod(), 10.0);
+  EXPECT_FALSE(sm->retryTimerSet());
+  EXPECT_THAT(sm->failedKey(), IsEmpty());
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+  EXPECT_THAT(client->take(), ElementsAre("flush"));
+  EXPECT_EQ(flushStatus->tableCounter(), 1);
+  EXPECT_EQ(flushStatus->flushCounter(), 1);
+  EXPECT_EQ(sm->tableConfig(), table);
+  EXPECT_EQ(sm->tableStatus(), status);
+  EXPECT_EQ(sm->debugConfig(), debugConfig);
+  EXPECT_EQ(sm->debugStatus(), debugStatus);
+  EXPECT_EQ(sm->retryFailedTimer(), wheel);
+}
+
+TEST_F(FrontEnd, StartWalksEveryKeyOnceThenFlushesOnce) {
+  write({.key = 1, .ti = 1});
+  write({.key = 2, .ti = 2});
+  create();
+  EXPECT_THAT(keyEngine->take(), testing::UnorderedElementsAre(1, 2));
+  EXPECT_THAT(client->take(), ElementsAre("flush"));
+}
+
+TEST_F(FrontEnd, TableCounterWrapsAndTellsItsWatchers) {
+  flushStatus->tableCounterIs(255);
+  FlushWatcher w;
+  w.notifierIs(flushStatus);
+  create();
+  EXPECT_EQ(flushStatus->tableCounter(), 0);
+  EXPECT_EQ(w.table, 1);
+  EXPECT_EQ(w.flush, 1);
+}
+
+TEST_F(FrontEnd, FlushCounterWraps) {
+  flushStatus->flushCounterIs(255);
+  create();
+  EXPECT_EQ(flushStatus->flushCounter(), 0);
+}
+
+TEST_F(FrontEnd, TwoFrontEndsOnOneFlushStatusMoveItTwice) {
+  auto const first = create();
+  create();
+  EXPECT_EQ(flushStatus->tableCounter(), 2);
+  EXPECT_EQ(flushStatus->flushCounter(), 2);
+}
+
+TEST_F(FrontEnd, SameCounterValueTellsNobody) {
+  flushStatus->tableCounterIs(4);
+  flushStatus->flushCounterIs(4);
+  FlushWatcher w;
+  w.notifierIs(flushStatus);
+  flushStatus->tableCounterIs(4);
+  flushStatus->flushCounterIs(4);
+  EXPECT_EQ(w.table + w.flush, 0);
+}
+
+TEST_F(FrontEnd, WithoutFlushStatusNoCounterMovesAndTheFirstFlushIsNeverSaid) {
+  flushStatus = nullptr;
+  create();
+  EXPECT_FALSE(sm->initialFlushed());
+  sm->handleEntry();
+  EXPECT_FALSE(sm->initialFlushed());
+  EXPECT_THAT(client->take(), ElementsAre("flush", "flush"));
+}
+
+TEST_F(FrontEnd, WithoutInputsItIsInert) {
+  sm = vantrelSmFactory(nullptr, status, nullptr, debugStatus, keyEngine, flushStatus, nullptr);
+  EXPECT_TRUE(sm->initialized());
+  EXPECT_THAT(client->take(), IsEmpty());
+  EXPECT_EQ(flushStatus->tableCounter(), 1);
+  EXPECT_EQ(flushStatus->flushCounter(), 0);
+  tell(1);
+  debugConfig->versionInc(1);
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+  EXPECT_EQ(keyEngine->debugs, 0);
+}
+
+TEST_F(FrontEnd, KeyNotificationReachesTheEngine) {
+  create();
+  tell(7);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(7));
+  table->entryIs(config({.key = 8, .ti = 8}));
+  table->entryDel(EntryKey(8));
+  EXPECT_THAT(keyEngine->take(), ElementsAre(8, 8));
+}
+
+TEST_F(FrontEnd, WholeCollectionNotificationWalksAndFlushesButMovesTheFlushCounterOnlyOnce) {
+  create();
+  client->take();
+  write({.key = 1, .ti = 1});
+  table->notifyEntryColl();
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1));
+  EXPECT_THAT(client->take(), ElementsAre("flush"));
+  EXPECT_EQ(flushStatus->flushCounter(), 1);
+}
+
+TEST_F(FrontEnd, ReplacingTheTableByAnotherWalksTheNewOneOnce) {
+  create();
+  client->take();
+  auto const other = make<Shoal::LocalTable<EntryConfig>>("other");
+  other->entryQuietlyIs(config({.key = 5, .ti = 5}));
+  other->entryQuietlyIs(config({.key = 6, .ti = 6}));
+  sm->tableConfigIs(other);
+  EXPECT_THAT(keyEngine->take(), testing::UnorderedElementsAre(5, 6));
+  EXPECT_THAT(client->take(), ElementsAre("flush"));
+  EXPECT_EQ(flushStatus->flushCounter(), 1);
+  tell(1);
+  EXPECT_THAT(keyEngine->take(), IsEmpty()) << "the old table is no longer watched";
+  other->notifyEntry(EntryKey(5));
+  EXPECT_THAT(keyEngine->take(), ElementsAre(5));
+  sm->hasNotificationActiveIs(true);
+  EXPECT_THAT(client->take(), IsEmpty()) << "one watch, one walk";
+}
+
+TEST_F(FrontEnd, ReplacingTheTableByItselfRunsNothing) {
+  create();
+  client->take();
+  sm->tableConfigIs(table);
+  EXPECT_THAT(client->take(), IsEmpty());
+}
+
+TEST_F(FrontEnd, ReplacingTheTableByNullDropsTheReactorAndSettingOneAgainWalksIt) {
+  create();
+  client->take();
+  sm->tableConfigIs(nullptr);
+  EXPECT_THAT(client->take(), IsEmpty());
+  EXPECT_EQ(sm->tableConfig(), nullptr);
+  tell(1);
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+  sm->tableConfigIs(table);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1));
+  EXPECT_THAT(client->take(), ElementsAre("flush"));
+  sm->tableConfigDel();
+  sm->tableConfigDel();
+  EXPECT_EQ(sm->tableConfig(), nullptr);
+}
+
+TEST_F(FrontEnd, SwitchedOffItHearsNothingAndSwitchingOnWalksOnce) {
+  create();
+  sm->hasNotificationActiveIs(false);
+  client->take();
+  tell(1);
+  debugConfig->versionInc(1);
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+  EXPECT_EQ(keyEngine->debugs, 0);
+  sm->hasNotificationActiveIs(true);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1));
+  EXPECT_THAT(client->take(), ElementsAre("flush"));
+  sm->hasNotificationActiveIs(true);
+  EXPECT_THAT(client->take(), IsEmpty());
+}
+
+TEST_F(FrontEnd, MarkedForDeletionItIgnoresEveryNotificationAndReactorsInheritTheMark) {
+  create();
+  client->take();
+  sm->markedForDeletionIs(true);
+  tell(1);
+  debugConfig->versionInc(1);
+  auto const other = make<Shoal::LocalTable<EntryConfig>>("other");
+  other->entryQuietlyIs(config({.key = 5, .ti = 5}));
+  sm->tableConfigIs(other);
+  sm->tableConfigDel();
+  sm->tableConfigIs(other);
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+  EXPECT_THAT(client->take(), IsEmpty());
+  EXPECT_EQ(keyEngine->debugs, 0);
+}
+
+TEST_F(FrontEnd, DestroyedItLeavesItsInputsAloneAndDoesNotFlush) {
+  create();
+  keyEngine->internal = {1};
+  tell(1);
+  client->take();
+  keyEngine->take();
+  U8 const counter = flushStatus->tableCounter();
+  sm = nullptr;
+  tell(1);
+  wheel->advance(100);
+  debugConfig->versionInc(1);
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+  EXPECT_THAT(client->take(), IsEmpty());
+  EXPECT_EQ(flushStatus->tableCounter(), counter);
+}
+
+TEST_F(FrontEnd, DestroyedFromInsideItsOwnNotification) {
+  create();
+  keyEngine->onKey = [this](U64) { sm = nullptr; };
+  tell(1);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1));
+  tell(1);
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+}
+
+TEST_F(FrontEnd, TableDroppedFromInsideAWalkLeavesTheWalkOnItsTable) {
+  write({.key = 1, .ti = 1});
+  write({.key = 2, .ti = 2});
+  create();
+  keyEngine->take();
+  keyEngine->onKey = [this](U64) { sm->tableConfigDel(); };
+  table->notifyEntryColl();
+  EXPECT_THAT(keyEngine->take(), testing::UnorderedElementsAre(1, 2));
+  EXPECT_EQ(sm->tableConfig(), nullptr);
+}
+
+TEST_F(FrontEnd, DebugVersionChangeReachesTheEngine) {
+  create();
+  debugConfig->versionInc(1);
+  EXPECT_EQ(keyEngine->debugs, 1);
+  debugConfig->versionIs(1);
+  EXPECT_EQ(keyEngine->debugs, 1);
+}
+
+TEST_F(FrontEnd, ReplacingTheDebugTriggerAsksTheEngineAtOnce) {
+  create();
+  auto const other = debugConfigFactory("other");
+  sm->debugConfigIs(other);
+  EXPECT_EQ(keyEngine->debugs, 1);
+  sm->debugConfigIs(other);
+  sm->debugConfigIs(nullptr);
+  other->versionInc(1);
+  EXPECT_EQ(keyEngine->debugs, 1);
+  sm->debugConfigIs(other);
+  EXPECT_EQ(keyEngine->debugs, 2);
+  sm->debugConfigDel();
+  EXPECT_EQ(sm->debugConfig(), nullptr);
+}
+
+TEST_F(FrontEnd, NothingIsDeliveredUntilInitialized) {
+  create();
+  client->take();
+  sm->initializedIs(false);
+  tell(1);
+  sm->handleEntry();
+  debugConfig->versionInc(1);
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+  EXPECT_THAT(client->take(), IsEmpty());
+  EXPECT_EQ(keyEngine->debugs, 0);
+  sm->handleInitialized();
+  EXPECT_EQ(flushStatus->tableCounter(), 2);
+  sm->handleInitialized();
+  EXPECT_EQ(flushStatus->tableCounter(), 2);
+}
+
+TEST_F(FrontEnd, AnEngineThatReportsNoChangeLeavesNoFailedKey) {
+  create();
+  tell(1);
+  EXPECT_THAT(failed(), IsEmpty());
+}
+
+TEST_F(FrontEnd, AFailedKeyInAWalkIsKeptAndTheWalkGoesOn) {
+  keyEngine->internal = {2};
+  for (U64 key : {1, 2, 3}) write({.key = key, .ti = static_cast<U32>(key)});
+  create();
+  EXPECT_THAT(keyEngine->take(), testing::UnorderedElementsAre(1, 2, 3));
+  EXPECT_THAT(failed(), ElementsAre(2));
+  EXPECT_THAT(client->take(), ElementsAre("flush"));
+}
+
+TEST_F(FrontEnd, OtherExceptionsPassThrough) {
+  create();
+  keyEngine->other = {1};
+  EXPECT_THROW(tell(1), std::runtime_error);
+  EXPECT_THAT(failed(), IsEmpty());
+}
+
+namespace {
+class DamagedWalk : public Shoal::LocalTable<EntryConfig> {
+ public:
+  std::optional<Place> next(Place const&) const override {
+    throw Pallo::CorruptionDetectedException("index damaged");
+  }
+};
+}  // namespace
+
+TEST_F(FrontEnd, DamageInAWalkIsReportedAndTheWalkCountsAsComplete) {
+  auto const damaged = make<DamagedWalk>();
+  damaged->entryQuietlyIs(config({.key = 5, .ti = 5}));
+  damaged->entryQuietlyIs(config({.key = 6, .ti = 6}));
+  sm = vantrelSmFactory(damaged, status, debugConfig, debugStatus, keyEngine, flushStatus, wheel);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(5));
+  EXPECT_EQ(damaged->corruptions(), 1U);
+  EXPECT_EQ(damaged->lastCorruption(), "index damaged");
+  EXPECT_THAT(client->take(), ElementsAre("flush"));
+  EXPECT_EQ(flushStatus->flushCounter(), 1);
+  EXPECT_TRUE(sm->initialFlushed());
+}
+
+TEST_F(FrontEnd, HandlersAreTracedWithSignatureModelFileLineAndName) {
+  create();
+  FacilityLines lines("VantrelSm/8");
+  tell(1);
+  sm->handleEntryCollNotify();
+  debugConfig->versionInc(1);
+  sm->handleRetry();
+  sm->handleInitialized();
+  auto const taken = lines.take();
+  for (char const* operation : {"handleEntry", "handleEntryCollNotify", "handleDebug", "handleRetry",
+                                "handleInitialized"})
+    EXPECT_THAT(taken, Contains(testing::MatchesRegex(std::string("VantrelSm/8 .*VantrelSm::") + operation +
+                                                      "\\(.*\\) Vantrel:[0-9]+ " + operation)))
+        << operation;
+}
+
+// Retries.
+
+TEST_F(FrontEnd, ThreeFailuresShareOneWakeUpAfterTheFirstAndAreRetriedAscending) {
+  create();
+  keyEngine->internal = {1, 2, 3};
+  tell(3);
+  EXPECT_TRUE(sm->retryTimerSet());
+  EXPECT_EQ(wheel->earliest(), 10.0);
+  wheel->advance(4);
+  tell(1);
+  tell(2);
+  EXPECT_EQ(wheel->earliest(), 10.0);
+  keyEngine->internal.clear();
+  keyEngine->take();
+  wheel->advance(5.9);
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+  wheel->advance(0.2);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1, 2, 3));
+  EXPECT_THAT(failed(), IsEmpty());
+  EXPECT_FALSE(sm->retryTimerSet());
+  wheel->advance(100);
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+}
+
+TEST_F(FrontEnd, AKeyThatAlwaysFailsIsRetriedOncePerPeriod) {
+  create();
+  keyEngine->internal = {1};
+  tell(1);
+  keyEngine->take();
+  for (int pass = 0; pass < 3; ++pass) {
+    wheel->advance(10);
+    EXPECT_THAT(keyEngine->take(), ElementsAre(1)) << pass;
+    EXPECT_THAT(failed(), ElementsAre(1));
+  }
+}
+
+TEST_F(FrontEnd, AFailureInAPassArmsTheNextWakeUpFromThatMoment) {
+  create();
+  keyEngine->internal = {1};
+  tell(1);
+  sm->retryPeriodIs(3.0);
+  wheel->advance(10);
+  EXPECT_TRUE(sm->retryTimerSet());
+  EXPECT_EQ(wheel->earliest(), 13.0);
+}
+
+TEST_F(FrontEnd, AKeyAddedInAPassAboveTheCurrentOneIsVisitedInTheSamePass) {
+  create();
+  keyEngine->internal = {5};
+  tell(5);
+  keyEngine->take();
+  keyEngine->internal.clear();
+  keyEngine->onKey = [this](U64 key) {
+    if (key != 5) return;
+    sm->failedKeyIs(EntryKey(4), true);
+    sm->failedKeyIs(EntryKey(9), true);
+  };
+  sm->handleRetry();
+  EXPECT_THAT(keyEngine->take(), ElementsAre(5, 9));
+  EXPECT_THAT(failed(), ElementsAre(4));
+}
+
+TEST_F(FrontEnd, RetryOfNothingOnlyClearsTheTimerFlag) {
+  create();
+  sm->retryTimerSetIs(true);
+  sm->handleRetry();
+  EXPECT_FALSE(sm->retryTimerSet());
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+}
+
+TEST_F(FrontEnd, FailedKeyOperations) {
+  create();
+  EXPECT_FALSE(sm->failedKeyDel(EntryKey(1)));
+  sm->failedKeyIs(EntryKey(1), true);
+  sm->failedKeyIs(EntryKey(2), false);
+  EXPECT_TRUE(sm->failedKeyDel(EntryKey(1)));
+  EXPECT_FALSE(sm->failedKeyDel(EntryKey(2)));
+  sm->failedKeyIs(EntryKey(3), true);
+  sm->failedKeyDel(sm->failedKey().begin());
+  EXPECT_THAT(failed(), IsEmpty());
+  sm->failedKeyIs(EntryKey(3), true);
+  sm->failedKeyDelAll();
+  EXPECT_THAT(failed(), IsEmpty());
+}
+
+TEST_F(FrontEnd, WithoutAWheelFailedKeysAccumulateAndAreNeverRetried) {
+  wheel = nullptr;
+  create();
+  keyEngine->internal = {1, 2};
+  tell(1);
+  tell(2);
+  EXPECT_THAT(failed(), ElementsAre(1, 2));
+  EXPECT_FALSE(sm->retryTimerSet());
+}
+
+TEST_F(FrontEnd, ReplacingTheWheelRunsAPassAtOnce) {
+  create();
+  keyEngine->internal = {1};
+  tell(1);
+  keyEngine->internal.clear();
+  keyEngine->take();
+  auto const other = make<Keel::VirtualWheel>();
+  sm->retryFailedTimerIs(other);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1));
+  sm->retryFailedTimerIs(other);
+  sm->retryFailedTimerIs(nullptr);
+  EXPECT_EQ(sm->retryFailedTimer(), nullptr);
+  sm->retryFailedTimerDel();
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+}
+
+TEST_F(FrontEnd, APassWhileNotInitializedDropsTheKeys) {
+  create();
+  keyEngine->internal = {1};
+  tell(1);
+  keyEngine->take();
+  sm->initializedIs(false);
+  sm->handleRetry();
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+  EXPECT_THAT(failed(), IsEmpty());
+}
+
+TEST_F(FrontEnd, AnotherExceptionInAPassLeavesTheRestForTheNextFailure) {
+  create();
+  keyEngine->internal = {1, 2, 3};
+  for (U64 key : {1, 2, 3}) tell(key);
+  keyEngine->internal.clear();
+  keyEngine->other = {2};
+  EXPECT_THROW(sm->handleRetry(), std::runtime_error);
+  EXPECT_THAT(failed(), ElementsAre(3));
+  EXPECT_FALSE(sm->retryTimerSet());
+}
+
+// Subclasses.
+
+namespace {
+class OwnFrontEnd : public VantrelSm {
+ public:
+  using VantrelSm::VantrelSm;
+  template <class... Args>
+  static Ptr<OwnFrontEnd> create(Args... args) {
+    Ptr<OwnFrontEnd> sm(new OwnFrontEnd(args...));
+    sm->hasNotificationActiveIs(true);
+    return sm;
+  }
+  void handleEntry(EntryKey const& key) override { keys.push_back(key.value()); }
+  void handleEntry() override {
+    ++walks;
+    VantrelSm::handleEntry();
+  }
+  void handleInitialized() override { ++initializations; }
+  std::vector<U64> keys;
+  int walks = 0, initializations = 0;
+};
+}  // namespace
+
+TEST_F(FrontEnd, ASubclassMayOverrideTheHandlers) {
+  write({.key = 1, .ti = 1});
+  auto const own = OwnFrontEnd::create(table, status, debugConfig, debugStatus, keyEngine, flushStatus, wheel);
+  EXPECT_TRUE(own->initialized()) << "the constructor calls its own handleInitialized";
+  EXPECT_EQ(own->initializations, 0);
+  EXPECT_EQ(own->walks, 1);
+  EXPECT_THAT(own->keys, ElementsAre(1));
+  own->handleEntryCollNotify();
+  EXPECT_EQ(own->walks, 2);
+  own->keys.clear();
+  own->failedKeyIs(EntryKey(4), true);
+  own->handleRetry();
+  EXPECT_THAT(own->keys, IsEmpty()) << "a retry pass calls the front end's own handler";
+  EXPECT_THAT(keyEngine->take(), ElementsAre(4));
+}
+
+TEST_F(FrontEnd, ConstructorThatThrowsReleasesItsInputs) {
+  class Throwing : public VantrelFlushStatus {
+   public:
+    using VantrelFlushStatus::VantrelFlushStatus;
+  };
+  class ThrowingWatcher : public VantrelFlushStatus::Notifiee {
+   public:
+    void onTableCounter() override { throw std::runtime_error("watcher"); }
+  };
+  ThrowingWatcher w;
+  w.notifierIs(flushStatus);
+  U32 const before = table->references();
+  EXPECT_THROW(create(), std::runtime_error);
+  EXPECT_EQ(table->references(), before);
+}
+
+TEST_F(FrontEnd, AttributesCanBeReachedByName) {
+  create();
+  auto const& type = sm->typeInfo();
+  for (char const* name : {"tableConfig", "tableStatus", "debugConfig", "debugStatus", "vantrelImpl", "flushStatus",
+                           "retryFailedTimer", "initialFlushed", "retryPeriod", "retryTimerSet", "initialized"})
+    EXPECT_NO_THROW(static_cast<void>(type.read(*sm, name))) << name;
+  type.write(*sm, "retryPeriod", 2.5);
+  EXPECT_EQ(sm->retryPeriod(), 2.5);
+  EXPECT_THROW(type.write(*sm, "retryPeriod", true), Ostra::AttributeException);
+  type.invoke(*sm, "handleEntryCollNotify");
+  type.invoke(*sm, "doScheduleRetry", {U64{9}});
+  EXPECT_THAT(failed(), ElementsAre(9));
+  EXPECT_THROW(type.writeFromOutside(*sm, "initialized", false), Ostra::AttributeException);
+}

@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the engine's tests stand on: an engine over in-process tables, a client that writes down what it is asked, and
+// both trace channels caught as text.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "vantrel/core/trace.h"
+#include "vantrel/vantrel.h"
+
+namespace TestSupport {
+
+using namespace Vantrel;
+using Ostra::make;
+using Ostra::Ptr;
+
+// "add 7@4", "del 7@4 op=65537", ... and the base's status writes, in order.
+class Client : public VantrelHelper {
+ public:
+  explicit Client(Ptr<TableStatus> status) : VantrelHelper("client", std::move(status)) {}
+  void addEntry(EntryConfig const& e) override { say("add", e); }
+  void updateEntry(EntryConfig const& e) override { say("update", e); }
+  void moveEntry(EntryConfig const& e) override { say("move", e); }
+  void deleteEntry(EntryConfig const& e) override { say("del", e); }
+  void deleteEntryDeadlock(EntryConfig const& e) override { say("deadlock", e); }
+  void delAck(EntryKey const& key) override {
+    calls.push_back("delAck " + std::to_string(key.value()));
+    VantrelHelper::delAck(key);
+  }
+  void delStatus(EntryKey const& key) override {
+    calls.push_back("delStatus " + std::to_string(key.value()));
+    VantrelHelper::delStatus(key);
+  }
+  void noopAck(EntryKey const& key, OpId const& opId) override {
+    calls.push_back("noop " + std::to_string(key.value()));
+    VantrelHelper::noopAck(key, opId);
+  }
+  void flush() override { calls.push_back("flush"); }
+
+  std::vector<std::string> take() { return std::exchange(calls, {}); }
+
+  std::vector<std::string> calls;
+  std::vector<EntryConfig> records;
+  std::function<void(std::string const&)> onCall;
+
+ private:
+  void say(char const* what, EntryConfig const& e) {
+    calls.push_back(std::string(what) + " " + std::to_string(e.key().value()) + "@" +
+                    std::to_string(e.tableIndexs() ? e.tableIndex(TableKey(0)) : 0xFFFFFFFF));
+    records.push_back(e);
+    if (onCall) onCall(calls.back());
+  }
+};
+
+// An engine whose dependants a test decides on.
+template <class Base>
+class Scripted : public Base {
+ public:
+  using Base::Base;
+  bool processDependantTables(EntryConfig const& entry, EntryKey const& key) override {
+    ++dependantCalls;
+    return dependants ? dependants(entry, key) : true;
+  }
+  std::function<bool(EntryConfig const&, EntryKey const&)> dependants;
+  int dependantCalls = 0;
+};
+
+// Facility lines, "HANDLE/LEVEL text", while it lives.
+class FacilityLines {
+ public:
+  explicit FacilityLines(char const* settings) {
+    auto sink = std::make_shared<spdlog::sinks::ostream_sink_st>(out_);
+    auto logger = std::make_shared<spdlog::logger>("test", sink);
+    logger->set_pattern("%v");
+    logger->set_level(spdlog::level::trace);
+    Ostra::TraceManager::instance().loggerIs(logger);
+    Ostra::TraceManager::instance().settingsAre(settings);
+  }
+  ~FacilityLines() {
+    Ostra::TraceManager::instance().settingsAre("");
+    Ostra::TraceManager::instance().loggerIs(nullptr);
+  }
+  std::vector<std::string> take() {
+    std::vector<std::string> lines;
+    std::istringstream in(out_.str());
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    out_.str("");
+    return lines;
+  }
+
+ private:
+  std::ostringstream out_;
+};
+
+// Ring-buffer records, "text [id, values...]", while it lives.
+class RingRecords {
+ public:
+  RingRecords()
+      : log_(Lumelog::Log::inMemory([this](std::string_view text, std::span<U64 const> values) {
+          std::string line(text);
+          line += " [";
+          for (std::size_t i = 0; i < values.size(); ++i) line += (i ? "," : "") + std::to_string(values[i]);
+          lines_.push_back(line + "]");
+        })),
+        previous_(std::exchange(lg, log_.get())) {}
+  ~RingRecords() { lg = previous_; }
+  std::vector<std::string> take() { return std::exchange(lines_, {}); }
+
+ private:
+  std::vector<std::string> lines_;
+  std::unique_ptr<Lumelog::Log> log_;
+  Lumelog::Log* previous_;
+};
+
+// What put() writes; the OpId rises with each put unless it is given.
+struct Put {
+  U64 key;
+  U32 ti;
+  U32 prio = 10;
+  U16 pg = 0;
+  U64 opId = 0;
+  U32 hdl = 0;  // 0: the key
+  bool del = false;
+};
+
+template <class Engine>
+class EngineWorld : public ::testing::Test {
+ protected:
+  using ScriptedEngine = Scripted<Engine>;
+
+  EngineWorld() {
+    setenv("LUMELOG_DISABLE", "1", 1);
+    table = make<Shoal::LocalTable<EntryConfig>>("config");
+    status = make<Shoal::LocalTable<EntryStatus>>("status");
+    client = make<Client>(status);
+    debugConfig = debugConfigFactory("debugConfig");
+    debugStatus = debugStatusFactory("debugStatus");
+  }
+
+  template <class... More>
+  void engineIs(More... more) {
+    engine = make<ScriptedEngine>("engine", table, debugConfig, debugStatus, client, 1U, more...);
+  }
+
+  EntryConfig config(Put const& p) {
+    U64 const opId = p.opId ? p.opId : (nextOpId += 0x10001);
+    EntryConfig c(EntryKey(p.key), OpId(opId), p.hdl ? p.hdl : static_cast<U32>(p.key), p.pg, p.prio);
+    c.tableIndexIs(TableKey(0), p.ti);
+    c.isDelIs(p.del);
+    return c;
+  }
+  void write(Put const& p) { table->entryQuietlyIs(config(p)); }
+  void handle(U64 key) { engine->handleEntry(EntryKey(key)); }
+  std::vector<std::string> put(Put const& p) {
+    write(p);
+    handle(p.key);
+    return client->take();
+  }
+  std::vector<std::string> remove(U64 key) {
+    table->entryQuietlyDel(EntryKey(key));
+    handle(key);
+    return client->take();
+  }
+  U64 acknowledged(U64 key) { return status->entry(EntryKey(key)).opId().value(); }
+
+  Ptr<Shoal::LocalTable<EntryConfig>> table;
+  Ptr<Shoal::LocalTable<EntryStatus>> status;
+  Ptr<Client> client;
+  Ptr<DebugConfig> debugConfig;
+  Ptr<DebugStatus> debugStatus;
+  Ptr<ScriptedEngine> engine;
+  U64 nextOpId = 0;
+};
+
+using Calls = std::vector<std::string>;
+
+}  // namespace TestSupport

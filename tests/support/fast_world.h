@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+// The engine's tests that look at its state: one fast engine with shift 19.
+#pragma once
+
+#include "tests/support/engine_world.h"
+#include "vantrel/fast/state.h"
+
+namespace TestSupport {
+
+class FastWorld : public EngineWorld<FastVantrelImpl> {
+ protected:
+  FastWorld() { engineIs(); }
+  FastState& state() { return *engine->state(); }
+  CState_s& record(U64 key) { return *state().record(EntryKey(key)); }
+  bool known(U64 key) { return state().record(EntryKey(key)) != nullptr; }
+  bool blocked(U64 key) { return state().blocked.contains(EntryKey(key)); }
+  U64 claimant(U32 ti) {
+    CState_s const* const c = state().pending.at(ti);
+    return c ? c->key.value() : 0;
+  }
+  std::vector<U64> queued() {
+    std::vector<U64> keys;
+    for (EntryKey const& key : state().workq) keys.push_back(key.value());
+    return keys;
+  }
+  // The conflict check alone.
+  bool conflicts(Put const& p) {
+    write(p);
+    return engine->isConflicting(table->entry(EntryKey(p.key)));
+  }
+};
+
+}  // namespace TestSupport
