@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/vantreld/options.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <map>
+
+namespace Vantreld {
+namespace {
+
+void checkTogether(CLI::App const& app, Options const& o) {
+  if (o.engine == EngineKind::Atcam && o.maxPartitions == 0)
+    throw CLI::ValidationError("--engine atcam", "needs --max-partitions M, from 1 to 65536");
+  if (o.engine == EngineKind::Fast && app.count("--max-partitions"))
+    throw CLI::ValidationError("--max-partitions", "belongs to --engine atcam");
+  if (o.engine == EngineKind::Atcam && o.prioGrpShift && (o.maxPartitions - 1) >> (32 - o.prioGrpShift))
+    throw CLI::ValidationError("--prio-grp-shift",
+                               fmt::format("leaves no room for {} partitions", o.maxPartitions));
+  if (o.size > o.mapping().positions())
+    throw CLI::ValidationError(
+        "--size", fmt::format("{} positions are more than the engine's mapping can name ({})", o.size,
+                              o.mapping().positions()));
+}
+
+}  // namespace
+
+Vantrel::Mapping Options::mapping() const {
+  if (engine == EngineKind::Atcam) return Vantrel::Mapping::algorithmic(maxPartitions);
+  return Vantrel::Mapping::fast(prioGrpShift ? prioGrpShift : Vantrel::Mapping::defaultShift);
+}
+
+std::string Options::engineText() const {
+  return engine == EngineKind::Atcam ? fmt::format("atcam with {} partitions", maxPartitions) : "fast";
+}
+
+Options parse(int argc, char** argv) {
+  Options o;
+  CLI::App app(
+      "The reference agent: programs the entries of DIR/config.shoal and acknowledges in DIR/status.shoal.",
+      "vantreld");
+  app.footer(
+      "Example:\n  vantreld --dir /run/vantrel --size 65536\n\n"
+      "Files in DIR: config.shoal (the producer's), status.shoal and mgmt.sock (the agent's), "
+      "Quarry-mbb-PID.lg (its\n"
+      "trace; LUMELOGDIR puts it elsewhere, LUMELOG_DISABLE drops it). TRACE=\"VantrelFastImpl/9\" traces as "
+      "text.");
+  app.add_option("--dir", o.dir, "Directory of the tables, the management socket and the trace file")
+      ->required()
+      ->check(CLI::ExistingDirectory);
+  app.add_option("--engine", o.engine, "fast (TCAM) or atcam (algorithmic TCAM)")
+      ->transform(CLI::CheckedTransformer(
+          std::map<std::string, EngineKind>{{"fast", EngineKind::Fast}, {"atcam", EngineKind::Atcam}}));
+  app.add_option("--max-partitions", o.maxPartitions, "Partitions that table indexes interleave (atcam)")
+      ->check(CLI::Range(1U, 65536U));
+  app.add_option("--prio-grp-shift", o.prioGrpShift,
+                 "Bits of a precedence index that hold the position (19; atcam 16)")
+      ->check(CLI::Range(16U, 31U));
+  app.add_option("--size", o.size, "Positions in hardware")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  app.add_option("--hw", o.hardware, "sim (a checking simulation) or null (programs nothing)")
+      ->transform(CLI::CheckedTransformer(
+          std::map<std::string, HardwareKind>{{"sim", HardwareKind::Sim}, {"null", HardwareKind::Null}}));
+  app.add_option("--hw-latency-us", o.hardwareLatencyUs, "Microseconds that each hardware operation takes");
+  try {
+    app.parse(argc, argv);
+    checkTogether(app, o);
+  } catch (CLI::ParseError const& e) {
+    std::exit(app.exit(e) == 0 ? 0 : 2);
+  }
+  return o;
+}
+
+}  // namespace Vantreld
