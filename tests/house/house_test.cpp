@@ -163,11 +163,11 @@ TEST_F(Checker, orphansAreNamed) {
   put("docs/lost.md", "# lost\n");
   put("docs/found.md", "# found\n");
   put("README.md", "See docs/found.md.\n");
-  put("scripts/lost", "#!/bin/sh\n");
+  put("scripts/stray", "#!/bin/sh\n");
   EXPECT_THAT(orphans(tree()),
               ElementsAre(offence("core/lost.cpp", 0, "no CMakeLists.txt"),
                           offence("core/lost.h", 0, "no file includes"),
-                          offence("docs/lost.md", 0, "mentions"), offence("scripts/lost", 0, "mentions")));
+                          offence("docs/lost.md", 0, "mentions"), offence("scripts/stray", 0, "mentions")));
 }
 
 TEST_F(Checker, shownCodeIsPartOfAFile) {

@@ -347,15 +347,16 @@ std::set<std::string> includedFiles(Tree const& tree) {
   return files;
 }
 
-// Whether any other file's text names it by its path from the root, or by its name from the same folder or
-// one above.
+// Whether any other file's text names it: by its path from the root or from that file, or, when it is not one
+// of the many README.md, by its bare name.
 bool mentioned(Tree const& tree, File const& wanted) {
-  std::string const name = fs::path(wanted.path).filename().string();
+  fs::path const path(wanted.path);
+  std::string const bare = path.filename() == "README.md" ? wanted.path : path.filename().string();
   return std::ranges::any_of(tree.files(), [&](File const& f) {
     if (&f == &wanted) return false;
-    if (f.text.find(wanted.path) != std::string::npos) return true;
-    std::string const below = fs::path(wanted.path).lexically_relative(folderOf(f.path)).generic_string();
-    return f.text.find(folderOf(f.path).empty() ? wanted.path : below) != std::string::npos;
+    std::string const from = folderOf(f.path);
+    std::string const relative = from.empty() ? wanted.path : path.lexically_relative(from).generic_string();
+    return f.text.find(bare) != std::string::npos || f.text.find(relative) != std::string::npos;
   });
 }
 
