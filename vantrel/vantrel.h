@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // What an agent includes; nothing else is needed to drive the engine.
 //
-//   engine  = new FastVantrelImpl(name, tableConfig, debugConfig, debugStatus, hardwareClient, traceId)
-//   frontEnd = vantrelSmFactory(tableConfig, tableStatus, debugConfig, debugStatus, engine, flushStatus, timerWheel)
+//   engine = make<FastVantrelImpl>(name, tableConfig, debugConfig, debugStatus, hardwareClient, traceId)
+//   frontEnd = vantrelSmFactory(tableConfig, tableStatus, debugConfig, debugStatus, engine, flushStatus,
+//                               timerWheel)
 //
-// From then on the front end hears of changes in the table by itself; the agent's loop calls the dispatch() of the table
-// and of the wheel when their file descriptors are readable.
+// From then on the front end hears of changes in the table by itself; the agent's loop calls the dispatch()
+// of the table and of the wheel when their file descriptors are readable.
 #pragma once
 
 #include "keel/timerfd_wheel.h"

@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reference agent: one event loop over tables, timer, management socket and signals, with the engine in the middle.
+// The reference agent: one event loop over tables, timer, management socket and signals, with the engine in
+// the middle.
 //
-//   DIR/config.shoal --> ReaderTable --> VantrelSm --> FastVantrelImpl --> hardware client --> DIR/status.shoal
+//   config.shoal --> ReaderTable --> VantrelSm --> FastVantrelImpl --> hardware client --> status.shoal
 //
-// Invariants: engine and front end exist from the moment on at which a producer's table exists. DIR/status.shoal is empty
-//   at the start: what this agent has not programmed is not acknowledged.
+// Invariants: engine and front end exist from the moment on at which a producer's table exists.
+//   DIR/status.shoal is empty at the start: what this agent has not programmed is not acknowledged.
 // Ownership: owns everything.
 // Threading: run() is the one thread.
-// Errors: what stands in the way of a start is thrown, one sentence each. At work, what one key's handling throws is said
-//   on stderr and the loop goes on.
+// Errors: what stands in the way of a start is thrown, one sentence each. At work, what one key's handling
+//   throws is said on stderr and the loop goes on.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
@@ -34,8 +35,8 @@ class Agent {
   explicit Agent(Options options);
   ~Agent();
 
-  // Until SIGTERM or SIGINT; then everything programmed is withdrawn. Returns the process's exit status: 1 when the
-  // hardware saw a rule broken.
+  // Until SIGTERM or SIGINT; then everything programmed is withdrawn. Returns the process's exit status: 1
+  // when the hardware saw a rule broken.
   int run();
 
  private:

@@ -25,8 +25,8 @@ struct Options {
   std::string engineText() const;
 };
 
-// Parses the command line; on a wrong flag or --help it prints what there is to say and ends the process, with status 2
-// or 0.
+// Parses the command line; on a wrong flag or --help it prints what there is to say and ends the process,
+// with status 2 or 0.
 Options parse(int argc, char** argv);
 
 }  // namespace Vantreld

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the agent lets an operator see besides the library's own entities: the state of a table, and the trace levels.
+// What the agent lets an operator see besides the library's own entities: the state of a table, and the trace
+// levels.
 #pragma once
 
 #include "ostra/entity.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is wrong with a record that would stop the engine. A producer that keeps its rules never writes one; a broken
-// producer must not take the agent down: the record is reported and reads as empty.
+// What is wrong with a record that would stop the engine. A producer that keeps its rules never writes one; a
+// broken producer must not take the agent down: the record is reported and reads as empty.
 #pragma once
 
 #include <optional>

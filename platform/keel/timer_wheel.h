@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // TimerWheel: one wake-up at an absolute time per notifiee, on the clock of Ostra::now().
 //
-// Invariants: a notifiee has at most one wake-up armed; it is delivered once, not before its time, and in order of time.
-//   Asking again replaces it. A notifiee that goes, is pointed elsewhere or marked for deletion is not woken.
+// Invariants: a notifiee has at most one wake-up armed; it is delivered once, not before its time, and in
+//   order of time. Asking again replaces it. A notifiee that goes, is pointed elsewhere or marked for
+//   deletion is not woken.
 // Ownership: the wheel refers to its notifiees, they own the reference to the wheel.
 // Threading: the agent's event loop, which calls what the concrete wheel offers (TimerfdWheel, VirtualWheel).
 // Cost: logarithmic in the wake-ups armed.

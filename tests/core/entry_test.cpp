@@ -128,7 +128,8 @@ TEST(EntryConfig, OneTableIndexTooManyRaisesTheSizeErrorNamingSeventeen) {
   U32 const count = 18;
   std::memcpy(image + 28, &count, sizeof count);
   std::string const text = textOf<Pallo::InvalidSizeException>([&] { Traits::decode(image); });
-  EXPECT_THAT(text, testing::StartsWith("PodArray::set expected size <= 17, instead got 18. Buffer is at address: "));
+  EXPECT_THAT(
+      text, testing::StartsWith("PodArray::set expected size <= 17, instead got 18. Buffer is at address: "));
   // 17 elements fill the space; the 18th would be the next field's.
   std::size_t const dump = text.find(" with contents: ");
   ASSERT_NE(dump, std::string::npos);
@@ -141,8 +142,9 @@ TEST(EntryConfig, OneDataWordTooManyRaisesTheSizeErrorNamingSixtyFour) {
   Traits::encode(full(), image);
   U32 const count = 65;
   std::memcpy(image + 100, &count, sizeof count);
-  EXPECT_THAT(textOf<Pallo::InvalidSizeException>([&] { Traits::decode(image); }),
-              testing::StartsWith("PodArray::set expected size <= 64, instead got 65. Buffer is at address: "));
+  EXPECT_THAT(
+      textOf<Pallo::InvalidSizeException>([&] { Traits::decode(image); }),
+      testing::StartsWith("PodArray::set expected size <= 64, instead got 65. Buffer is at address: "));
 }
 
 TEST(EntryConfig, AnAbsurdCountDumpsNoMoreThanTheRecordHolds) {

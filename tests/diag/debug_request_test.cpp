@@ -83,8 +83,8 @@ TEST_F(DebugRequest, CollectionsAreEmptiedInOrderThenFilledAndTheVersionIsLast) 
   Order order;
   order.notifierIs(debugStatus);
   request(2);
-  EXPECT_THAT(order.told, ElementsAre("pending", "pendingOpId", "status", "statusOpId", "pending", "pendingOpId",
-                                      "status", "statusOpId", "version"));
+  EXPECT_THAT(order.told, ElementsAre("pending", "pendingOpId", "status", "statusOpId", "pending",
+                                      "pendingOpId", "status", "statusOpId", "version"));
 }
 
 TEST_F(DebugRequest, IsTracedWithBothVersions) {
@@ -114,7 +114,9 @@ TEST_F(DebugRequest, AWatcherThatThrowsLeavesTheRequestUnansweredUntilTheNextCha
 
 TEST_F(DebugRequestDeathTest, WithoutTheDebugEntitiesItsAssertionsFail) {
   auto const noConfig = make<FastVantrelImpl>("e", table, nullptr, debugStatus, client, 1U);
-  EXPECT_DEATH(noConfig->handleDebug(), HasSubstr("assertion failed: debugConfig(), model file FastVantrelImpl,"));
+  EXPECT_DEATH(noConfig->handleDebug(),
+               HasSubstr("assertion failed: debugConfig(), model file FastVantrelImpl,"));
   auto const noStatus = make<FastVantrelImpl>("e", table, debugConfig, nullptr, client, 1U);
-  EXPECT_DEATH(noStatus->handleDebug(), HasSubstr("assertion failed: debugStatus(), model file FastVantrelImpl,"));
+  EXPECT_DEATH(noStatus->handleDebug(),
+               HasSubstr("assertion failed: debugStatus(), model file FastVantrelImpl,"));
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Dump and audit: exact lines in exact order, and every inconsistency the audit can find.
-#include "tests/support/fast_world.h"
 #include "vantrel/diag/dump.h"
+#include "tests/support/fast_world.h"
 
 using namespace TestSupport;
 using testing::Contains;
@@ -64,14 +64,14 @@ TEST_F(Dump, SectionsComeInOrderEachAscending) {
   put({.key = 2, .ti = 5, .prio = 10, .opId = 22});
   put({.key = 1, .ti = 1, .prio = 10, .opId = 21});
   put({.key = 3, .ti = 5, .prio = 10, .opId = 23});
-  EXPECT_THAT(dumped(), ElementsAre("Precedence [pti]=key",                                              //
-                                    "[1]=1->cti:1 cOpId:21 sti:1 sOpId:21 prio:10 pg:0",                 //
-                                    "[5]=2->cti:5 cOpId:22 sti:5 sOpId:22 prio:10 pg:0",                 //
-                                    "Pending [ti]=key -> pending_ti",                                    //
-                                    "[5]=3->cti:5 cOpId:23 pending:5 pOpId:23 OCC prio:10 pg:0",         //
-                                    "Current [ti]=key",                                                  //
-                                    "[A]=3->cti:5 cOpId:23 pending:5 pOpId:23 OCC prio:10 pg:0",         //
-                                    "[1]=1->cti:1 cOpId:21 sti:1 sOpId:21 prio:10 pg:0",                 //
+  EXPECT_THAT(dumped(), ElementsAre("Precedence [pti]=key",                                       //
+                                    "[1]=1->cti:1 cOpId:21 sti:1 sOpId:21 prio:10 pg:0",          //
+                                    "[5]=2->cti:5 cOpId:22 sti:5 sOpId:22 prio:10 pg:0",          //
+                                    "Pending [ti]=key -> pending_ti",                             //
+                                    "[5]=3->cti:5 cOpId:23 pending:5 pOpId:23 OCC prio:10 pg:0",  //
+                                    "Current [ti]=key",                                           //
+                                    "[A]=3->cti:5 cOpId:23 pending:5 pOpId:23 OCC prio:10 pg:0",  //
+                                    "[1]=1->cti:1 cOpId:21 sti:1 sOpId:21 prio:10 pg:0",          //
                                     "[5]=2->cti:5 cOpId:22 sti:5 sOpId:22 prio:10 pg:0"));
 }
 
@@ -177,7 +177,8 @@ TEST_F(DumpDeathTest, ACountMismatchListsTheIndexThenFailsItsAssertion) {
     engine->dumpState();
   };
   EXPECT_DEATH(damage(), testing::ContainsRegex("Occupied \\[ti\\] count: 1 current 2\n.*\\[7\\]\n"));
-  EXPECT_DEATH(damage(), HasSubstr("assertion failed: count == occupied.size(), model file FastVantrelImpl,"));
+  EXPECT_DEATH(damage(),
+               HasSubstr("assertion failed: count == occupied.size(), model file FastVantrelImpl,"));
 }
 
 TEST_F(DumpDeathTest, ANullRecordFailsItsAssertion) {

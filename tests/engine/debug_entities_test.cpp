@@ -19,7 +19,9 @@ class ConfigWatcher : public DebugConfig::Notifiee {
 class StatusWatcher : public DebugStatus::Notifiee {
  public:
   void onPending(U32 const& ti) override { told.push_back("pending " + std::to_string(ti)); }
-  void onPendingOpId(EntryKey const& k) override { told.push_back("pendingOpId " + std::to_string(k.value())); }
+  void onPendingOpId(EntryKey const& k) override {
+    told.push_back("pendingOpId " + std::to_string(k.value()));
+  }
   void onStatus(U32 const& ti) override { told.push_back("status " + std::to_string(ti)); }
   void onStatusOpId(EntryKey const& k) override { told.push_back("statusOpId " + std::to_string(k.value())); }
   void onVersion() override { told.push_back("version"); }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The engine base: its sequence, its attributes, dispatch, dependants, and the hardware client's status writes.
+// The engine base: its sequence, its attributes, dispatch, dependants, and the hardware client's status
+// writes.
 #include "ostra/exception.h"
 #include "tests/support/engine_world.h"
 
@@ -111,8 +112,10 @@ TEST_F(EngineBase, NotifyIsTracedAroundTheKey) {
   RingRecords records;
   write({.key = 7, .ti = 4, .opId = 99, .hdl = 3});
   handled(7);
-  EXPECT_THAT(lines.take(), ElementsAre("VantrelImpl/9 Notify on key=7", "VantrelImpl/9 Finished notify on key=7"));
-  EXPECT_THAT(records.take(), ElementsAre("notify on key:%q [5,7]", "handling key:%q hdl:%i opId:%q [5,7,3,99]"));
+  EXPECT_THAT(lines.take(),
+              ElementsAre("VantrelImpl/9 Notify on key=7", "VantrelImpl/9 Finished notify on key=7"));
+  EXPECT_THAT(records.take(),
+              ElementsAre("notify on key:%q [5,7]", "handling key:%q hdl:%i opId:%q [5,7,3,99]"));
 }
 
 TEST_F(EngineBase, SettingTheSameValueNotifiesNobody) {
@@ -182,8 +185,10 @@ TEST_F(EngineBaseDeathTest, TraceIdentifierZeroFailsTheMissingLgIdAssertion) {
 TEST_F(EngineBaseDeathTest, OperationsThatAConcreteEngineMustProvideFailAnAssertion) {
   auto const base = make<VantrelImpl>("b", table, debugConfig, debugStatus, client, 1U);
   EXPECT_DEATH(base->processPending(), HasSubstr("assertion failed: false, model file VantrelImpl,"));
-  EXPECT_DEATH(base->processEntry(EntryConfig()), HasSubstr("assertion failed: false, model file VantrelImpl,"));
-  EXPECT_DEATH(base->processDelete(EntryKey(1), false), HasSubstr("assertion failed: false, model file VantrelImpl,"));
+  EXPECT_DEATH(base->processEntry(EntryConfig()),
+               HasSubstr("assertion failed: false, model file VantrelImpl,"));
+  EXPECT_DEATH(base->processDelete(EntryKey(1), false),
+               HasSubstr("assertion failed: false, model file VantrelImpl,"));
   EXPECT_DEATH(base->currentOpId(EntryKey(1)),
                HasSubstr("false && \"Not implemented in base class\", model file VantrelImpl,"));
   EXPECT_DEATH(base->numPending(), HasSubstr("assertion failed: false, model file VantrelImpl,"));
@@ -302,7 +307,8 @@ TEST_F(EngineBase, DumpRunsAroundTheKeyOnlyWhileDebugIsOnAndTheStateDirty) {
 
 TEST_F(EngineBaseDeathTest, DispatchBeforeInitializationFailsItsAssertion) {
   probe->initializedIs(false);
-  EXPECT_DEATH(probe->handleEntryHelper(EntryKey(1)), HasSubstr("assertion failed: initialized(), model file VantrelImpl,"));
+  EXPECT_DEATH(probe->handleEntryHelper(EntryKey(1)),
+               HasSubstr("assertion failed: initialized(), model file VantrelImpl,"));
 }
 
 // Dependants.
@@ -331,7 +337,8 @@ TEST_F(EngineBase, DependantsThatAlwaysFailAreTriedTheMaximumThenTheKeyIsGivenUp
   EXPECT_THAT(probe->keyToHandle(), IsEmpty());
   EXPECT_THAT(lines.take(), ElementsAre("VantrelImpl/8 Failed to program dependant tables key:1 hdl:11"));
   EXPECT_THAT(records.take(),
-              ElementsAre("notify on key:%q [5,1]", "Failed to program dependant tables key:%q hdl:%i opId:%q [5,1,11,77]"));
+              ElementsAre("notify on key:%q [5,1]",
+                          "Failed to program dependant tables key:%q hdl:%i opId:%q [5,1,11,77]"));
 }
 
 TEST_F(EngineBase, AMaximumOfZeroOrOneStillTriesOnce) {
@@ -380,7 +387,9 @@ TEST_F(EngineBase, ADeleteMarkerGainedBetweenTwoAttemptsEndsTheRetries) {
 TEST_F(EngineBase, ACorruptRecordIsReportedAndReadsAsADelete) {
   class Damaged : public Shoal::LocalTable<EntryConfig> {
    public:
-    EntryConfig entry(EntryKey const&) const override { throw Pallo::CorruptionDetectedException("bad checksum"); }
+    EntryConfig entry(EntryKey const&) const override {
+      throw Pallo::CorruptionDetectedException("bad checksum");
+    }
   };
   auto const damaged = make<Damaged>();
   auto const engineOnIt = make<Probe>("p", damaged, debugConfig, debugStatus, client, 1U);

@@ -37,7 +37,8 @@ TEST_F(Cleanup, DropsAPendingEntryWithoutAHardwareCallAndWakesNobody) {
   put({.key = 2, .ti = 4});
   client->take();
   engine->doCleanup();
-  EXPECT_THAT(client->take(), testing::UnorderedElementsAre("del 1@4", "delStatus 1", "delStatus 2", "flush"));
+  EXPECT_THAT(client->take(),
+              testing::UnorderedElementsAre("del 1@4", "delStatus 1", "delStatus 2", "flush"));
   EXPECT_THAT(state().cstate, IsEmpty());
   EXPECT_EQ(engine->keyToHandle().size(), 2U) << "the clean-up leaves the handle maps";
 }

@@ -70,9 +70,10 @@ TEST_F(Deadlock, ChainsAreTracedStepByStep) {
   FacilityLines lines("VantrelFastImpl/7");
   RingRecords records;
   checked();
-  EXPECT_THAT(lines.take(),
-              ElementsAre("VantrelFastImpl/7 checking deadlock", "VantrelFastImpl/7 [2] occupied 2 pending 1",
-                          "VantrelFastImpl/7 skipping pending move 2", "VantrelFastImpl/7 checking deadlock done"));
+  EXPECT_THAT(
+      lines.take(),
+      ElementsAre("VantrelFastImpl/7 checking deadlock", "VantrelFastImpl/7 [2] occupied 2 pending 1",
+                  "VantrelFastImpl/7 skipping pending move 2", "VantrelFastImpl/7 checking deadlock done"));
   EXPECT_THAT(records.take(), ElementsAre("deadlock check key:%q [1,1]"));
 }
 

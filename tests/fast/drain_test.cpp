@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a failing dependant leaves behind when it fails inside a drain or while a ring is broken: the exception leaves
-// through processPending, so the front end retries the key that was notified, not the one that failed.
+// What a failing dependant leaves behind when it fails inside a drain or while a ring is broken: the
+// exception leaves through processPending, so the front end retries the key that was notified, not the one
+// that failed.
 #include "keel/virtual_wheel.h"
 #include "tests/support/fast_world.h"
 

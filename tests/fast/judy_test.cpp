@@ -24,10 +24,10 @@ struct Shape {
 constexpr Shape shapes[] = {
     {"dense", [](std::mt19937_64& r) { return static_cast<U32>(r() % 20000); }},
     {"sparse", [](std::mt19937_64& r) { return static_cast<U32>(r()); }},
-    {"clustered",
-     [](std::mt19937_64& r) { return static_cast<U32>((r() % 64) * 0x03F00000U + r() % 300); }},
+    {"clustered", [](std::mt19937_64& r) { return static_cast<U32>((r() % 64) * 0x03F00000U + r() % 300); }},
     {"groups", [](std::mt19937_64& r) { return static_cast<U32>((r() % 8) << 19 | r() % 4000); }},
-    {"ends", [](std::mt19937_64& r) { return static_cast<U32>(r() % 2 ? r() % 50 : 0xFFFFFFFFU - r() % 50); }},
+    {"ends",
+     [](std::mt19937_64& r) { return static_cast<U32>(r() % 2 ? r() % 50 : 0xFFFFFFFFU - r() % 50); }},
 };
 
 constexpr int operations = 1'000'000;  // a shape and a structure
@@ -148,5 +148,6 @@ TEST(JudyDeathTest, AFailureNamesFunctionNumberAndIdentifierThenAsserts) {
         judyFailed("JudyLCount", error);
       },
       HasSubstr("JudyLCounterrno: 2errid: 123"));
-  EXPECT_DEATH(judyFailed("JudyLIns", error), HasSubstr("assertion failed: false, model file FastVantrelImpl,"));
+  EXPECT_DEATH(judyFailed("JudyLIns", error),
+               HasSubstr("assertion failed: false, model file FastVantrelImpl,"));
 }

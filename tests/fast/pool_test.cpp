@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The record pool is the process's: these tests are a program of their own, and each runs in a fork that starts with a
-// fresh pool.
+// The record pool is the process's: these tests are a program of their own, and each runs in a fork that
+// starts with a fresh pool.
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;
@@ -32,7 +32,7 @@ TEST_F(PoolDeathTest, PoolGrowthTriplesUntilItsLargestStep) {
       state().cstateAlloc();
       if (lengths.empty() || lengths.back() != cstatePool().clen) lengths.push_back(cstatePool().clen);
     }
-    std::vector<U32> const expected{3,    9,     27,    81,     243,    729,   2187,
+    std::vector<U32> const expected{3,    9,     27,    81,     243,    729,    2187,
                                     6561, 19683, 59049, 177147, 308219, 439291, 570363};
     std::_Exit(lengths == expected ? 0 : 1);
   };

@@ -12,7 +12,9 @@ namespace {
 class Programming : public FastWorld {
  protected:
   // A claim without a hardware call: the entry waits at ti behind a higher priority at 0.
-  void wait(U64 key, U32 ti, U32 prio, U16 pg = 0) { EXPECT_THAT(put({.key = key, .ti = ti, .prio = prio, .pg = pg}), IsEmpty()); }
+  void wait(U64 key, U32 ti, U32 prio, U16 pg = 0) {
+    EXPECT_THAT(put({.key = key, .ti = ti, .prio = prio, .pg = pg}), IsEmpty());
+  }
 };
 using ProgrammingDeathTest = Programming;
 constexpr U64 version = 0x10000;
@@ -80,8 +82,8 @@ TEST_F(Programming, AMoveUpwardWakesTheSameGroupClaimsOfTheRangeItOpened) {
   for (U32 ti = 4; ti <= 10; ++ti) wait(100 + ti, ti, 15);
   wait(200, 2, 25);
   EXPECT_THAT(put({.key = 1, .ti = 11, .prio = 20}),
-              ElementsAre("update 1@11", "move 1@11", "add 104@4", "add 105@5", "add 106@6", "add 107@7", "add 108@8",
-                          "add 109@9", "add 110@10"));
+              ElementsAre("update 1@11", "move 1@11", "add 104@4", "add 105@5", "add 106@6", "add 107@7",
+                          "add 108@8", "add 109@9", "add 110@10"));
   EXPECT_EQ(claimant(2), 200U) << "still above its better";
 }
 
@@ -90,8 +92,8 @@ TEST_F(Programming, AMoveDownwardFromTenToThreeWakesTheClaimsOnFourToNine) {
   for (U32 ti = 4; ti <= 9; ++ti) wait(100 + ti, ti, 30);
   wait(103, 2, 30);
   EXPECT_THAT(put({.key = 1, .ti = 3, .prio = 20}),
-              ElementsAre("update 1@3", "move 1@3", "add 104@4", "add 105@5", "add 106@6", "add 107@7", "add 108@8",
-                          "add 109@9"));
+              ElementsAre("update 1@3", "move 1@3", "add 104@4", "add 105@5", "add 106@6", "add 107@7",
+                          "add 108@8", "add 109@9"));
   EXPECT_EQ(claimant(2), 103U);
 }
 

@@ -86,8 +86,10 @@ TEST_F(FastState_, EveryAttributeCanBeReachedByName) {
   EXPECT_EQ(engine->prioGrpShift(), 20U);
   EXPECT_NO_THROW(engine->typeInfo().writeFromOutside(*engine, "prioGrpShift", U64{19}));
   put({.key = 1, .ti = 1});
-  EXPECT_THROW(engine->typeInfo().writeFromOutside(*engine, "prioGrpShift", U64{20}), Ostra::AttributeException);
-  EXPECT_THROW(engine->typeInfo().writeFromOutside(*engine, "state", std::string("x")), Ostra::AttributeException);
+  EXPECT_THROW(engine->typeInfo().writeFromOutside(*engine, "prioGrpShift", U64{20}),
+               Ostra::AttributeException);
+  EXPECT_THROW(engine->typeInfo().writeFromOutside(*engine, "state", std::string("x")),
+               Ostra::AttributeException);
   EXPECT_EQ(engine->typeInfo().read(*engine, "deadlockCount"), Ostra::Value(U64{0}));
   EXPECT_EQ(engine->typeInfo().read(*engine, "retryDepsMaxCnt"), Ostra::Value(U64{1000}));
   EXPECT_THAT(client->take(), testing::ElementsAre());
@@ -112,8 +114,9 @@ TEST_F(FastState_, ShiftsOfThirtyTwoAndMoreAreDoneOnSixtyFourBits) {
 TEST_F(FastStateDeathTest, PositionsAndGroupsOutsideTheMappingFailTheirAssertions) {
   EXPECT_DEATH(engine->pti(0, 1U << 19),
                HasSubstr("assertion failed: ti < ( 1UL << prioGrpShift() ), model file FastVantrelImpl,"));
-  EXPECT_DEATH(engine->pti(8192, 0),
-               HasSubstr("assertion failed: pg < ( 1UL << ( 32 - prioGrpShift() ) ), model file FastVantrelImpl,"));
+  EXPECT_DEATH(
+      engine->pti(8192, 0),
+      HasSubstr("assertion failed: pg < ( 1UL << ( 32 - prioGrpShift() ) ), model file FastVantrelImpl,"));
 }
 
 TEST_F(Atcam, MapsPartitionThenOffset) {
@@ -128,7 +131,8 @@ TEST_F(Atcam, MapsPartitionThenOffset) {
 
 TEST_F(AtcamDeathTest, WrongPartitionAndOffsetTooFarFailTheirAssertions) {
   engineIs(4U);
-  EXPECT_DEATH(engine->pti(2, 4001), HasSubstr("assertion failed: pg == partition, model file FastVantrelImpl,"));
+  EXPECT_DEATH(engine->pti(2, 4001),
+               HasSubstr("assertion failed: pg == partition, model file FastVantrelImpl,"));
   EXPECT_DEATH(engine->pti(0, 262144),
                HasSubstr("assertion failed: offset < ( 1UL << 16 ), model file FastVantrelImpl,"));
 }
@@ -137,7 +141,8 @@ TEST_F(Atcam, ProgramsInterleavedPartitionsIndependently) {
   engineIs(2U);
   EXPECT_THAT(put({.key = 1, .ti = 10, .prio = 5, .pg = 0}), testing::ElementsAre("add 1@10"));
   EXPECT_THAT(put({.key = 2, .ti = 13, .prio = 1, .pg = 1}), testing::ElementsAre("add 2@13"));
-  EXPECT_THAT(put({.key = 3, .ti = 12, .prio = 4, .pg = 0}), IsEmpty()) << "out of order in its own partition";
+  EXPECT_THAT(put({.key = 3, .ti = 12, .prio = 4, .pg = 0}), IsEmpty())
+      << "out of order in its own partition";
   EXPECT_THAT(put({.key = 4, .ti = 14, .prio = 6, .pg = 0}), testing::ElementsAre("add 4@14"));
 }
 

@@ -101,7 +101,8 @@ TEST_F(Workq, ClearingWithoutUnindexLeavesTheSlotToTheCaller) {
 
 TEST_F(WorkqDeathTest, ClearingAClaimThatIsNotListedFailsItsAssertion) {
   EntryPState_s p{OpId(5), 77, PendingType::Occupied};
-  EXPECT_DEATH(state().clearPending(p, true), HasSubstr("assertion failed: rc == 1, model file FastVantrelImpl,"));
+  EXPECT_DEATH(state().clearPending(p, true),
+               HasSubstr("assertion failed: rc == 1, model file FastVantrelImpl,"));
 }
 
 TEST_F(WorkqDeathTest, AQueuedKeyThatIsNotInTheSetFailsItsAssertion) {
@@ -111,5 +112,6 @@ TEST_F(WorkqDeathTest, AQueuedKeyThatIsNotInTheSetFailsItsAssertion) {
 
 TEST_F(WorkqDeathTest, DrainingBeforeInitializationFailsItsAssertion) {
   engine->initializedIs(false);
-  EXPECT_DEATH(engine->processPending(), HasSubstr("assertion failed: initialized(), model file FastVantrelImpl,"));
+  EXPECT_DEATH(engine->processPending(),
+               HasSubstr("assertion failed: initialized(), model file FastVantrelImpl,"));
 }

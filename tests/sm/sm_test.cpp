@@ -363,8 +363,8 @@ TEST_F(FrontEnd, HandlersAreTracedWithSignatureModelFileLineAndName) {
   sm->handleRetry();
   sm->handleInitialized();
   auto const taken = lines.take();
-  for (char const* operation : {"handleEntry", "handleEntryCollNotify", "handleDebug", "handleRetry",
-                                "handleInitialized"})
+  for (char const* operation :
+       {"handleEntry", "handleEntryCollNotify", "handleDebug", "handleRetry", "handleInitialized"})
     EXPECT_THAT(taken, Contains(testing::MatchesRegex(std::string("VantrelSm/8 .*VantrelSm::") + operation +
                                                       "\\(.*\\) Vantrel:[0-9]+ " + operation)))
         << operation;
@@ -528,7 +528,8 @@ class OwnFrontEnd : public VantrelSm {
 
 TEST_F(FrontEnd, ASubclassMayOverrideTheHandlers) {
   write({.key = 1, .ti = 1});
-  auto const own = OwnFrontEnd::create(table, status, debugConfig, debugStatus, keyEngine, flushStatus, wheel);
+  auto const own =
+      OwnFrontEnd::create(table, status, debugConfig, debugStatus, keyEngine, flushStatus, wheel);
   EXPECT_TRUE(own->initialized()) << "the constructor calls its own handleInitialized";
   EXPECT_EQ(own->initializations, 0);
   EXPECT_EQ(own->walks, 1);
@@ -561,8 +562,9 @@ TEST_F(FrontEnd, ConstructorThatThrowsReleasesItsInputs) {
 TEST_F(FrontEnd, AttributesCanBeReachedByName) {
   create();
   auto const& type = sm->typeInfo();
-  for (char const* name : {"tableConfig", "tableStatus", "debugConfig", "debugStatus", "vantrelImpl", "flushStatus",
-                           "retryFailedTimer", "initialFlushed", "retryPeriod", "retryTimerSet", "initialized"})
+  for (char const* name :
+       {"tableConfig", "tableStatus", "debugConfig", "debugStatus", "vantrelImpl", "flushStatus",
+        "retryFailedTimer", "initialFlushed", "retryPeriod", "retryTimerSet", "initialized"})
     EXPECT_NO_THROW(static_cast<void>(type.read(*sm, name))) << name;
   type.write(*sm, "retryPeriod", 2.5);
   EXPECT_EQ(sm->retryPeriod(), 2.5);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the engine's tests stand on: an engine over in-process tables, a client that writes down what it is asked, and
-// both trace channels caught as text.
+// What the engine's tests stand on: an engine over in-process tables, a client that writes down what it is
+// asked, and both trace channels caught as text.
 #pragma once
 
 #include <gmock/gmock.h>

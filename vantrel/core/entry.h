@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The records that cross the borders between producer, engine and hardware client: EntryKey, OpId, EntryConfig,
-// EntryStatus. Plain values without pointers or heap storage.
+// The records that cross the borders between producer, engine and hardware client: EntryKey, OpId,
+// EntryConfig, EntryStatus. Plain values without pointers or heap storage.
 //
 // Invariants: an array's elements beyond its count have no value and are never compared, copied or shown.
-// Errors: RangeException for an index out of range, InvalidSizeException for an array of more than its capacity.
+// Errors: RangeException for an index out of range, InvalidSizeException for an array of more than its
+//   capacity.
 // Cost: a copy touches the elements that count, not the capacity.
 #pragma once
 
@@ -17,14 +18,15 @@
 
 namespace Vantrel {
 
-// The identity of one entry; what the producer packs into the 64 bits is its own affair. Prints as a decimal number.
+// The identity of one entry; what the producer packs into the 64 bits is its own affair. Prints as a decimal
+// number.
 class EntryKey {
  public:
   constexpr EntryKey() = default;
   constexpr explicit EntryKey(U64 value) : value_(value) {}
   constexpr U64 value() const { return value_; }
-  // A bijective mix of the value: every bit of the key reaches every bit of the hash. (The finalizer of MurmurHash3 in
-  // D. Stafford's variant 13.)
+  // A bijective mix of the value: every bit of the key reaches every bit of the hash. (The finalizer of
+  // MurmurHash3 in D. Stafford's variant 13.)
   constexpr std::size_t hash() const {
     U64 x = value_;
     x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9U;
@@ -72,7 +74,9 @@ class BoundedIndex {
   constexpr explicit BoundedIndex(unsigned value) : value_(value) { check(); }
   constexpr unsigned value() const { return value_; }
   constexpr BoundedIndex& operator++() { return *this = BoundedIndex(value_ + 1); }
-  constexpr BoundedIndex& operator--() { return *this = BoundedIndex(value_ - 1); }  // below 0 wraps above max
+  constexpr BoundedIndex& operator--() {
+    return *this = BoundedIndex(value_ - 1);
+  }  // below 0 wraps above max
   friend constexpr auto operator<=>(BoundedIndex const&, BoundedIndex const&) = default;
 
  private:
@@ -98,9 +102,11 @@ class EntryConfig {
 
   EntryKey key() const { return key_; }
   OpId opId() const { return opId_; }
-  U32 hdl() const { return hdl_; }    // the producer's number of the entry's hardware resource
-  U16 pg() const { return pg_; }      // priority group
-  U32 prio() const { return prio_; }  // priority within the group; must not decrease along the precedence order
+  U32 hdl() const { return hdl_; }  // the producer's number of the entry's hardware resource
+  U16 pg() const { return pg_; }    // priority group
+  U32 prio() const {
+    return prio_;
+  }  // priority within the group; must not decrease along the precedence order
 
   // Element 0 is the entry's position in its own table.
   U32 tableIndexs() const { return tableIndex_.count(); }

@@ -45,8 +45,8 @@ struct EntryConfigImageAccess {
     putArray(image + dataAt, r.data_);
   }
   static EntryConfig decode(std::byte const* image) {
-    EntryConfig r(EntryKey(get<U64>(image)), OpId(get<U64>(image + 8)), get<U32>(image + 16), get<U16>(image + 20),
-                  get<U32>(image + 24));
+    EntryConfig r(EntryKey(get<U64>(image)), OpId(get<U64>(image + 8)), get<U32>(image + 16),
+                  get<U16>(image + 20), get<U32>(image + 24));
     r.isDel_ = get<U16>(image + 22) & deleteMarker;
     getArray(image + tableIndexAt, r.tableIndex_, dataAt - tableIndexAt - sizeof(U32));
     getArray(image + dataAt, r.data_, Shoal::RecordTraits<EntryConfig>::bytes - dataAt - sizeof(U32));
@@ -76,14 +76,17 @@ using Vantrel::OpId;
 void RecordTraits<EntryConfig>::encode(EntryConfig const& record, std::byte* image) {
   EntryConfigImageAccess::encode(record, image);
 }
-EntryConfig RecordTraits<EntryConfig>::decode(std::byte const* image) { return EntryConfigImageAccess::decode(image); }
+EntryConfig RecordTraits<EntryConfig>::decode(std::byte const* image) {
+  return EntryConfigImageAccess::decode(image);
+}
 
 void RecordTraits<EntryStatus>::encode(EntryStatus const& record, std::byte* image) {
   EntryConfigImageAccess::put(image, record.key().value());
   EntryConfigImageAccess::put(image + 8, record.opId().value());
 }
 EntryStatus RecordTraits<EntryStatus>::decode(std::byte const* image) {
-  return {EntryKey(EntryConfigImageAccess::get<U64>(image)), OpId(EntryConfigImageAccess::get<U64>(image + 8))};
+  return {EntryKey(EntryConfigImageAccess::get<U64>(image)),
+          OpId(EntryConfigImageAccess::get<U64>(image + 8))};
 }
 
 }  // namespace Shoal

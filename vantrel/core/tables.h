@@ -2,8 +2,8 @@
 // The two tables between producer and engine, and how their records lie in them.
 //
 // Image of an EntryConfig, 616 bytes, host byte order (x86-64: little-endian):
-//   0 key 8 | 8 opId 8 | 16 hdl 4 | 20 pg 2 | 22 flags 2 | 24 prio 4 | 28 tableIndex count 4 | 32 tableIndex 17 x 4
-//   100 data count 4 | 104 data 64 x 8
+//   0 key 8 | 8 opId 8 | 16 hdl 4 | 20 pg 2 | 22 flags 2 | 24 prio 4 | 28 tableIndex count 4
+//   32 tableIndex 17 x 4 | 100 data count 4 | 104 data 64 x 8
 // Bit 0 of flags is the delete marker; the other bits are zero. Elements beyond a count are zero.
 // Image of an EntryStatus, 16 bytes: 0 key 8 | 8 opId 8.
 #pragma once

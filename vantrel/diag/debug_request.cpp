@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Debug requests: the engine's claims and programmed positions, copied into DebugStatus. The version is written last, so
-// that who sees it match sees a complete snapshot.
+// Debug requests: the engine's claims and programmed positions, copied into DebugStatus. The version is
+// written last, so that who sees it match sees a complete snapshot.
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"

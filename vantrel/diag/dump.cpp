@@ -3,8 +3,8 @@
 //
 //   [4]=77->cti:9 cOpId:12 sti:4 sOpId:11 pending:9 pOpId:12 OCC prio:30 pg:1
 //
-// A broken invariant ends the process, but only after the whole dump is out, so that the trace shows the state that led
-// to it. Nothing is repaired.
+// A broken invariant ends the process, but only after the whole dump is out, so that the trace shows the
+// state that led to it. Nothing is repaired.
 #include "vantrel/diag/dump.h"
 
 #include <algorithm>
@@ -31,7 +31,8 @@ void describeConfig(std::ostream& out, EntryConfig const& config, OpId& maxOpId)
     out << "->delete";
     return;
   }
-  out << "->cti:" << (config.tableIndexs() ? config.tableIndex(TableKey(0)) : 0) << " cOpId:" << config.opId();
+  out << "->cti:" << (config.tableIndexs() ? config.tableIndex(TableKey(0)) : 0)
+      << " cOpId:" << config.opId();
   maxOpId = std::max(maxOpId, config.opId());
 }
 
@@ -92,7 +93,8 @@ class Dump {
     U32 const count = state_.current.count();
     if (count != occupied_.size()) {
       line(9, "Occupied [ti] count: ", count, " current ", occupied_.size());
-      for (auto at = state_.current.atOrAbove(0); at; at = state_.current.above(at->index)) line(9, "[", at->index, "]");
+      for (auto at = state_.current.atOrAbove(0); at; at = state_.current.above(at->index))
+        line(9, "[", at->index, "]");
     }
     FAST_ASSERT_AS(count == occupied_.size(), "count == occupied.size()");
     lastDumpMax = maxOpId_;

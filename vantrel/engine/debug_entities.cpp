@@ -4,9 +4,10 @@
 namespace Vantrel {
 
 Ostra::TypeInfo const& DebugConfig::staticType() {
-  static Ostra::TypeInfo const type = Ostra::TypeInfo::of<DebugConfig>("Vantrel::DebugConfig")
-                                          .attribute("version", &DebugConfig::version, &DebugConfig::versionIs)
-                                          .operation("versionInc", &DebugConfig::versionInc);
+  static Ostra::TypeInfo const type =
+      Ostra::TypeInfo::of<DebugConfig>("Vantrel::DebugConfig")
+          .attribute("version", &DebugConfig::version, &DebugConfig::versionIs)
+          .operation("versionInc", &DebugConfig::versionInc);
   return type;
 }
 
@@ -31,7 +32,11 @@ Ostra::TypeInfo const& DebugStatus::staticType() {
   return type;
 }
 
-Ostra::Ptr<DebugConfig> debugConfigFactory(std::string name) { return Ostra::make<DebugConfig>(std::move(name)); }
-Ostra::Ptr<DebugStatus> debugStatusFactory(std::string name) { return Ostra::make<DebugStatus>(std::move(name)); }
+Ostra::Ptr<DebugConfig> debugConfigFactory(std::string name) {
+  return Ostra::make<DebugConfig>(std::move(name));
+}
+Ostra::Ptr<DebugStatus> debugStatusFactory(std::string name) {
+  return Ostra::make<DebugStatus>(std::move(name));
+}
 
 }  // namespace Vantrel

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // DebugConfig asks for a snapshot of the engine, DebugStatus holds the answer.
 //
-// Invariants: DebugStatus::version is written last: who sees the version that he asked for sees a complete snapshot.
+// Invariants: DebugStatus::version is written last: who sees the version that he asked for sees a complete
+//   snapshot.
 // Ownership: the agent's; engine and front end hold references.
 // Threading: the agent's event loop.
 #pragma once
@@ -56,7 +57,9 @@ class VANTREL_API DebugStatus : public Ostra::Entity {
 
   // The table index that is waited for -> the waiting key.
   KeyAtIndex const& pending() const { return pending_; }
-  void pendingIs(U32 ti, EntryKey const& key) { memberIs("pending", pending_, ti, key, &Notifiee::onPending); }
+  void pendingIs(U32 ti, EntryKey const& key) {
+    memberIs("pending", pending_, ti, key, &Notifiee::onPending);
+  }
   EntryKey pendingDel(U32 ti) { return memberDel("pending", pending_, ti, &Notifiee::onPending); }
   void pendingDelAll() { membersDelAll("pending", pending_, &Notifiee::onPending); }
 

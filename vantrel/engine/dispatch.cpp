@@ -3,7 +3,7 @@
 //
 //   record absent            -> processDelete(key, no acknowledgement)
 //   record marked for delete -> processDelete(key, with acknowledgement)
-//   any other record         -> processEntry(record), after the delete of the key that owned its handle, if any
+//   any other record         -> processEntry(record), after the delete of the key that owned its handle
 //
 // Whether an add-or-update is an add, an update or a move is not decided here.
 #include "vantrel/core/trace.h"
@@ -18,8 +18,8 @@ bool VantrelImpl::handleEntryHelper(EntryKey const& key) {
   EntryConfig const entry = readAndProcessDeps(key);
   VANTREL_RECORD(9, lgId(), "handling key:", key, " hdl:", entry.hdl(), " opId:", entry.opId());
   dumpWhenDirty();
-  bool const result = entry.empty() || entry.isDel() ? dispatchDelete(key, entry.isDel())
-                                                     : dispatchAddOrUpdate(entry, key);
+  bool const result =
+      entry.empty() || entry.isDel() ? dispatchDelete(key, entry.isDel()) : dispatchAddOrUpdate(entry, key);
   dumpWhenDirty();
   return result;
 }
@@ -46,7 +46,8 @@ bool VantrelImpl::dispatchAddOrUpdate(EntryConfig const& entry, EntryKey const& 
   return processEntry(entry) || deleted;
 }
 
-// The old key goes before the new one is programmed. The acknowledgement is that of the new key's record, read afresh.
+// The old key goes before the new one is programmed. The acknowledgement is that of the new key's record,
+// read afresh.
 bool VantrelImpl::takeOverHandle(U64 handle, EntryKey const& key, EntryKey const& old) {
   VANTREL_TRACE(vantrelImplTrace(), 9, "Reuse of handle: ", handle, ", deleting key: ", old);
   bool const ack = readEntry(*tableConfig(), key).isDel();

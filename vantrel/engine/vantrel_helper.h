@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // VantrelHelper: the seam between the engine and the hardware. A hardware layer derives from it.
 //
-// The engine calls one hardware operation at a time, in the order that keeps the priority order intact, and treats each
-// as done when it returns. The base class programs nothing, so that an engine can run against it alone, and writes the
-// engine's own acknowledgements into the status table; the acknowledgements of hardware operations are the subclass's.
+// The engine calls one hardware operation at a time, in the order that keeps the priority order intact, and
+// treats each as done when it returns. The base class programs nothing, so that an engine can run against it
+// alone, and writes the engine's own acknowledgements into the status table; the acknowledgements of hardware
+// operations are the subclass's.
 //
 // Ownership: holds a reference to the status table, which may be null: then nothing is acknowledged.
 // Threading: the agent's event loop.
@@ -24,8 +25,9 @@ class VANTREL_API VantrelHelper : public Ostra::Entity {
 
   // Programs a new entry at table index 0 of `entry`. The position is free.
   virtual void addEntry(EntryConfig const& entry);
-  // Removes a programmed entry. Table index 0 is the position to clear, `pg` is 0, and the OpId is the entry's own, or
-  // OpId::deleteAcknowledge() when the producer asked for the delete and waits for its acknowledgement.
+  // Removes a programmed entry. Table index 0 is the position to clear, `pg` is 0, and the OpId is the
+  // entry's own, or OpId::deleteAcknowledge() when the producer asked for the delete and waits for its
+  // acknowledgement.
   virtual void deleteEntry(EntryConfig const& entry);
   // The same, to break a ring of entries that wait for one another: the entry comes back.
   virtual void deleteEntryDeadlock(EntryConfig const& entry);

@@ -79,35 +79,34 @@ std::string ownersWouldBeLost(VantrelImpl const&) { return "the engine keeps who
 
 Ostra::TypeInfo const& VantrelImpl::staticType() {
   using I = VantrelImpl;
-  static Ostra::TypeInfo const type = Ostra::TypeInfo::of<I>("Vantrel::VantrelImpl")
-                                          .reference("tableConfig", &I::tableConfig)
-                                          .reference("debugConfig", &I::debugConfig)
-                                          .reference("debugStatus", &I::debugStatus)
-                                          .reference("helper", &I::helper)
-                                          .attribute("lgId", &I::lgId)
-                                          .attribute("retryDepsMaxCnt", &I::retryDepsMaxCnt, &I::retryDepsMaxCntIs)
-                                          .attribute("failedDepCnt", &I::failedDepCnt, &I::failedDepCntIs)
-                                          .attribute("debugEnabled", &I::debugEnabled, &I::debugEnabledIs)
-                                          .attribute("dirty", &I::dirty, &I::dirtyIs)
-                                          .attribute("alwaysProcessPending", &I::alwaysProcessPending,
-                                                     &I::alwaysProcessPendingIs)
-                                          .collection("handleToKey", &I::handleToKey, &I::handleToKeyIs, &I::handleToKeyDel)
-                                          .refusedBecause(&ownersWouldBeLost)
-                                          .collection("keyToHandle", &I::keyToHandle, &I::keyToHandleIs,
-                                                      &I::keyToHandleDel)
-                                          .refusedBecause(&ownersWouldBeLost)
-                                          .attribute("initialized", &I::initialized, &I::initializedIs)
-                                          .refusedBecause(&keysWouldBeLost)
-                                          .operation("handleEntry", &I::handleEntry)
-                                          .operation("handleEntryHelper", &I::handleEntryHelper)
-                                          .operation("checkDeadlock", &I::checkDeadlock)
-                                          .operation("processPending", &I::processPending)
-                                          .attribute("numPending", &I::numPending)
-                                          .attribute("numDeadlock", &I::numDeadlock)
-                                          .operation("dumpPending", &I::dumpPending)
-                                          .operation("dumpState", &I::dumpState)
-                                          .operation("handleDebug", &I::handleDebug)
-                                          .operation("handleInitialized", &I::handleInitialized);
+  static Ostra::TypeInfo const type =
+      Ostra::TypeInfo::of<I>("Vantrel::VantrelImpl")
+          .reference("tableConfig", &I::tableConfig)
+          .reference("debugConfig", &I::debugConfig)
+          .reference("debugStatus", &I::debugStatus)
+          .reference("helper", &I::helper)
+          .attribute("lgId", &I::lgId)
+          .attribute("retryDepsMaxCnt", &I::retryDepsMaxCnt, &I::retryDepsMaxCntIs)
+          .attribute("failedDepCnt", &I::failedDepCnt, &I::failedDepCntIs)
+          .attribute("debugEnabled", &I::debugEnabled, &I::debugEnabledIs)
+          .attribute("dirty", &I::dirty, &I::dirtyIs)
+          .attribute("alwaysProcessPending", &I::alwaysProcessPending, &I::alwaysProcessPendingIs)
+          .collection("handleToKey", &I::handleToKey, &I::handleToKeyIs, &I::handleToKeyDel)
+          .refusedBecause(&ownersWouldBeLost)
+          .collection("keyToHandle", &I::keyToHandle, &I::keyToHandleIs, &I::keyToHandleDel)
+          .refusedBecause(&ownersWouldBeLost)
+          .attribute("initialized", &I::initialized, &I::initializedIs)
+          .refusedBecause(&keysWouldBeLost)
+          .operation("handleEntry", &I::handleEntry)
+          .operation("handleEntryHelper", &I::handleEntryHelper)
+          .operation("checkDeadlock", &I::checkDeadlock)
+          .operation("processPending", &I::processPending)
+          .attribute("numPending", &I::numPending)
+          .attribute("numDeadlock", &I::numDeadlock)
+          .operation("dumpPending", &I::dumpPending)
+          .operation("dumpState", &I::dumpState)
+          .operation("handleDebug", &I::handleDebug)
+          .operation("handleInitialized", &I::handleInitialized);
   return type;
 }
 

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// VantrelImpl: the abstract engine. It fixes how one key is handled (dispatch, then pending work, then deadlock check)
-// and keeps which key owns which handle; where entries go is the concrete engine's affair.
+// VantrelImpl: the abstract engine. It fixes how one key is handled (dispatch, then pending work, then
+// deadlock check) and keeps which key owns which handle; where entries go is the concrete engine's affair.
 //
 // Invariants: initialized() is true from the end of construction on.
 // Ownership: holds references to the configuration table, the debug entities and the hardware client.
 // Threading: the agent's event loop.
-// Errors: a key whose dependant tables cannot be programmed leaves handleEntry as Ostra::InternalException before
-//   anything of that key has changed; every other exception passes through.
+// Errors: a key whose dependant tables cannot be programmed leaves handleEntry as Ostra::InternalException
+//   before anything of that key has changed; every other exception passes through.
 #pragma once
 
 #include <boost/unordered/unordered_flat_map.hpp>
@@ -43,8 +43,9 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   using HandleOfKey = boost::unordered_flat_map<EntryKey, U64, KeyHash>;
 
   // `lgId` heads every trace record of this engine; zero fails an assertion.
-  VantrelImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig, Ostra::Ptr<DebugConfig const> debugConfig,
-              Ostra::Ptr<DebugStatus> debugStatus, Ostra::Ptr<VantrelHelper> helper, U32 lgId);
+  VantrelImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig,
+              Ostra::Ptr<DebugConfig const> debugConfig, Ostra::Ptr<DebugStatus> debugStatus,
+              Ostra::Ptr<VantrelHelper> helper, U32 lgId);
   ~VantrelImpl() override;
 
   // Handles one notified or retried key. Ignored until the engine is initialized.
@@ -58,7 +59,8 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   virtual void processPending();
   // Programs an added or changed entry, or queues it; true when the pending work should be run.
   virtual bool processEntry(EntryConfig const& entry);
-  // Removes a key's entry; with `delAck` the producer waits for an acknowledgement. True when something was deleted.
+  // Removes a key's entry; with `delAck` the producer waits for an acknowledgement. True when something was
+  // deleted.
   virtual bool processDelete(EntryKey const& key, bool delAck);
   // The OpId programmed for the key, zero when none.
   virtual OpId currentOpId(EntryKey const& key) const;
@@ -68,8 +70,8 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   virtual void dumpPending();
   virtual void dumpState();
   virtual void handleDebug();
-  // Programs what the entry depends on; true on success. Nothing to do here. `entry` is empty or delete-marked when the
-  // key is being deleted; the result is ignored then.
+  // Programs what the entry depends on; true on success. Nothing to do here. `entry` is empty or
+  // delete-marked when the key is being deleted; the result is ignored then.
   virtual bool processDependantTables(EntryConfig const& entry, EntryKey const& key);
   // Opens the trace file and ends construction.
   virtual void handleInitialized();
@@ -82,7 +84,9 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
 
   // How many times dependant tables are tried for one key before it is given up for now.
   U32 retryDepsMaxCnt() const { return retryDepsMaxCnt_; }
-  void retryDepsMaxCntIs(U32 v) { scalarIs("retryDepsMaxCnt", retryDepsMaxCnt_, v, &Notifiee::onRetryDepsMaxCnt); }
+  void retryDepsMaxCntIs(U32 v) {
+    scalarIs("retryDepsMaxCnt", retryDepsMaxCnt_, v, &Notifiee::onRetryDepsMaxCnt);
+  }
   // How many keys were given up.
   U64 failedDepCnt() const { return failedDepCnt_; }
   void failedDepCntIs(U64 v) { scalarIs("failedDepCnt", failedDepCnt_, v, &Notifiee::onFailedDepCnt); }
@@ -105,7 +109,9 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   void handleToKeyIs(U64 handle, EntryKey const& key) {
     memberIs("handleToKey", handleToKey_, handle, key, &Notifiee::onHandleToKey);
   }
-  void handleToKeyDel(U64 handle) { memberDel("handleToKey", handleToKey_, handle, &Notifiee::onHandleToKey); }
+  void handleToKeyDel(U64 handle) {
+    memberDel("handleToKey", handleToKey_, handle, &Notifiee::onHandleToKey);
+  }
   void handleToKeyDelAll() { membersDelAll("handleToKey", handleToKey_, &Notifiee::onHandleToKey); }
   // The handle of each key.
   HandleOfKey const& keyToHandle() const { return keyToHandle_; }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Clean-up: when an engine goes, everything it programmed or acknowledged is withdrawn. Deletes queue their waiters as
-// always, but nothing runs the queue any more.
+// Clean-up: when an engine goes, everything it programmed or acknowledged is withdrawn. Deletes queue their
+// waiters as always, but nothing runs the queue any more.
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
 
@@ -16,7 +16,8 @@ void FastVantrelImpl::doCleanup() {
   if (helper()) helper()->flush();
 }
 
-// A destructor runs the clean-up while the object still is what it was: its pti is the one it programmed with.
+// A destructor runs the clean-up while the object still is what it was: its pti is the one it programmed
+// with.
 void FastVantrelImpl::cleanupOnce() {
   if (cleanedUp_) return;
   cleanedUp_ = true;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Conflict detection: may an entry take its position now? Only the position itself and the nearest programmed neighbour
-// on either side are looked at.
+// Conflict detection: may an entry take its position now? Only the position itself and the nearest programmed
+// neighbour on either side are looked at.
 //
 //   position:   2     3     4     5     6
 //             [ 5 ] [   ] [   ] [ 7 ] [   ]        priorities inside, one group
@@ -9,8 +9,9 @@
 //   prio 4 at 3: its neighbour below has 5 > 4:       prio 8 at 4: its neighbour above has 7 < 8:
 //                waits for 3 (type Priority)                       waits for 4 (type Priority)
 //
-// Equal priorities never block, other groups never block. A position has one claim: the one with the greater pending
-// OpId keeps it, and an equal one takes it over. What it does not do: choose positions, or remember who lost a claim.
+// Equal priorities never block, other groups never block. A position has one claim: the one with the greater
+// pending OpId keeps it, and an equal one takes it over. What it does not do: choose positions, or remember
+// who lost a claim.
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -23,7 +24,8 @@ bool FastVantrelImpl::isConflicting(EntryConfig const& entry) {
   return isConflicting(entry, recordOf(entry));
 }
 
-// The key's record; a key seen for the first time gets one, with this entry's handle, priority and group for good.
+// The key's record; a key seen for the first time gets one, with this entry's handle, priority and group for
+// good.
 CState_s& FastVantrelImpl::recordOf(EntryConfig const& entry) {
   FastState& s = *state();
   auto const [at, isNew] = s.cstate.try_emplace(entry.key(), nullptr);
@@ -36,9 +38,10 @@ CState_s& FastVantrelImpl::recordOf(EntryConfig const& entry) {
   c.prio = entry.prio();
   c.pg = entry.pg();
   s.clearPending(c.p, false);
-  VANTREL_TRACE(vantrelFastImplTrace(), 8, "entry ", c.key, " entry opid ", entry.opId(), " current opId ", c.opId);
-  VANTREL_RECORD(9, lgId(), "new entry key:", c.key, " hdl:", c.hdl, " entry opid:", entry.opId(), " current opId",
-                 c.opId);
+  VANTREL_TRACE(vantrelFastImplTrace(), 8, "entry ", c.key, " entry opid ", entry.opId(), " current opId ",
+                c.opId);
+  VANTREL_RECORD(9, lgId(), "new entry key:", c.key, " hdl:", c.hdl, " entry opid:", entry.opId(),
+                 " current opId", c.opId);
   return c;
 }
 
@@ -90,8 +93,8 @@ void FastVantrelImpl::claimPriority(EntryConfig const& entry, CState_s& c, U32 t
     if (slot->p.opId > entry.opId()) return s.clearPending(c.p, true);  // the newer claim stands
     s.clearPending(slot->p, false);
   }
-  VANTREL_TRACE(vantrelFastImplTrace(), 8, "prio blocked ", c.key, " prio:", c.prio, " by ", blocker.key, " at ",
-                blocker.sti, " prio:", blocker.prio);
+  VANTREL_TRACE(vantrelFastImplTrace(), 8, "prio blocked ", c.key, " prio:", c.prio, " by ", blocker.key,
+                " at ", blocker.sti, " prio:", blocker.prio);
   VANTREL_RECORD(9, lgId(), "key:", c.key, " hdl:", c.hdl, " prio:", c.prio, " blocked by key:", blocker.key,
                  " prio:", blocker.prio, " at ti:", blocker.sti);
   slot = &c;
@@ -105,7 +108,8 @@ void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 t
   CState_s* const cp = slot;
   if (cp && cp->p.opId > entry.opId()) {
     if (cp->key == c.key)
-      VANTREL_TRACE(vantrelFastImplTrace(), 0, "key=", c.key, " eOpId: ", entry.opId(), " pOpId: ", cp->p.opId);
+      VANTREL_TRACE(vantrelFastImplTrace(), 0, "key=", c.key, " eOpId: ", entry.opId(),
+                    " pOpId: ", cp->p.opId);
     FAST_ASSERT_AS(c.key != cp->key, "c->key != cp->key");
     return s.clearPending(c.p, true);  // the newer claim stands
   }
@@ -123,7 +127,8 @@ void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 t
 }
 
 bool FastVantrelImpl::conflictFound(EntryConfig const& entry, CState_s const& c) {
-  VANTREL_RECORD(9, lgId(), "conflicting key:", c.key, " hdl:", c.hdl, " prio:", c.prio, " opId:", entry.opId());
+  VANTREL_RECORD(9, lgId(), "conflicting key:", c.key, " hdl:", c.hdl, " prio:", c.prio,
+                 " opId:", entry.opId());
   state()->blocked.insert(c.key);
   return true;
 }
@@ -131,7 +136,8 @@ bool FastVantrelImpl::conflictFound(EntryConfig const& entry, CState_s const& c)
 bool FastVantrelImpl::conflictFree(EntryConfig const& entry, CState_s& c) {
   state()->clearPending(c.p, true);
   if (!state()->blocked.empty()) state()->blocked.erase(c.key);
-  VANTREL_RECORD(9, lgId(), "not conflicting key:", c.key, " hdl:", c.hdl, " prio:", c.prio, " opId:", entry.opId());
+  VANTREL_RECORD(9, lgId(), "not conflicting key:", c.key, " hdl:", c.hdl, " prio:", c.prio,
+                 " opId:", entry.opId());
   return false;
 }
 

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Deadlocks: programmed entries that each wait for the position of the next one, in a ring. No ordinary step frees a
-// position before its entry has somewhere to go, so one member is deleted and dispatched again.
+// Deadlocks: programmed entries that each wait for the position of the next one, in a ring. No ordinary step
+// frees a position before its entry has somewhere to go, so one member is deleted and dispatched again.
 //
 //   position:    1       2       3
-//              [ A ]-->[ B ]-->[ C ]        A waits for 2, B for 3, C for 1: delete the entry that the search started
-//                ^---------------'          from, and the others follow into the freed positions
+//              [ A ]-->[ B ]-->[ C ]        A waits for 2, B for 3, C for 1: the entry that the search
+//                ^---------------'          started from is deleted, the others follow into free positions
 //
-// The graph is never stored: a blocked entry has one successor, the occupant of the position it waits for. A ring is
-// broken only from one of its own members; a chain that leads into it from outside marks its members visited, and it
-// stays until a later run.
+// The graph is never stored: a blocked entry has one successor, the occupant of the position it waits for. A
+// ring is broken only from one of its own members; a chain that leads into it from outside marks its members
+// visited, and it stays until a later run.
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -50,14 +50,15 @@ bool FastVantrelImpl::closesRing(EntryKey const& start, Visited& visited) const 
     FAST_ASSERT(c);
     CState_s const* const occupant = occupantWaitedFor(*c);
     if (!occupant) return false;
-    VANTREL_TRACE(vantrelFastImplTrace(), 7, "[", c->p.ti, "] ", "occupied ", occupant->key, " pending ", key);
+    VANTREL_TRACE(vantrelFastImplTrace(), 7, "[", c->p.ti, "] ", "occupied ", occupant->key, " pending ",
+                  key);
     if (occupant->key == start) return true;
     key = occupant->key;
   }
 }
 
-// A chain goes on only through a programmed entry that waits to move to the position that its configuration names, and
-// that another entry holds.
+// A chain goes on only through a programmed entry that waits to move to the position that its configuration
+// names, and that another entry holds.
 CState_s const* FastVantrelImpl::occupantWaitedFor(CState_s const& c) const {
   EntryConfig const config = readEntry(*tableConfig(), c.key);
   if (config.empty()) {
@@ -78,8 +79,8 @@ CState_s const* FastVantrelImpl::occupantWaitedFor(CState_s const& c) const {
   return PValue;
 }
 
-// The victim is the entry that the chain started from. It starts from nothing when it is dispatched again, while the
-// entry that waited for its position moves in.
+// The victim is the entry that the chain started from. It starts from nothing when it is dispatched again,
+// while the entry that waited for its position moves in.
 void FastVantrelImpl::breakRing(EntryKey const& victim) {
   VANTREL_TRACE(vantrelFastImplTrace(), 1, "found deadlock ", victim);
   VANTREL_RECORD(1, lgId(), "found deadlock key:", victim);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Deletes: the break half of make-before-break. A delete frees a position and may relax the bounds around it, so it wakes
-// the position's waiter first, then every same-group waiter of the range it opened.
+// Deletes: the break half of make-before-break. A delete frees a position and may relax the bounds around it,
+// so it wakes the position's waiter first, then every same-group waiter of the range it opened.
 //
 // What the delete of 20 at 4 opens (priorities inside, one group):
 //
@@ -8,8 +8,8 @@
 //             [ 10 ] [    ] [    ] [ 20 ] [    ] [    ] [ 30 ]
 //                      ^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^  waiters of 2 to 6 may go now, in either direction
 //
-// An equal neighbour above keeps the lower side closed, one below the upper side. It does not run the queue: its caller
-// does.
+// An equal neighbour above keeps the lower side closed, one below the upper side. It does not run the queue:
+// its caller does.
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -29,9 +29,10 @@ bool FastVantrelImpl::processDeleteHelper(EntryKey const& key, bool deadlock, bo
 }
 
 bool FastVantrelImpl::deleteKnown(CState_s& c, bool deadlock, bool delAck) {
-  VANTREL_TRACE(vantrelFastImplTrace(), 8, "deleting entry ", c.key, " opId ", c.opId, " deadlock: ", deadlock);
-  VANTREL_RECORD(9, lgId(), "deleting entry key:", c.key, " hdl:", c.hdl, " opId: ", c.opId, " deadlock:", deadlock,
-                 " delAck: ", delAck);
+  VANTREL_TRACE(vantrelFastImplTrace(), 8, "deleting entry ", c.key, " opId ", c.opId,
+                " deadlock: ", deadlock);
+  VANTREL_RECORD(9, lgId(), "deleting entry key:", c.key, " hdl:", c.hdl, " opId: ", c.opId,
+                 " deadlock:", deadlock, " delAck: ", delAck);
   state()->clearPending(c.p, true);
   // The group of a delete record is 0 whatever the entry's own.
   EntryConfig record(c.key, delAck ? OpId::deleteAcknowledge() : c.opId, c.hdl, 0, c.prio);

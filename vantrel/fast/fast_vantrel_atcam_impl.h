@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// FastVantrelAtcamImpl: the engine for algorithmic TCAMs, whose table index interleaves partitions: with M partitions,
-// ti = offset * M + partition. A partition is a priority group; precedence is partition first, offset second.
+// FastVantrelAtcamImpl: the engine for algorithmic TCAMs, whose table index interleaves partitions: with M
+// partitions, ti = offset * M + partition. A partition is a priority group; precedence is partition first,
+// offset second.
 #pragma once
 
 #include "vantrel/fast/fast_vantrel_impl.h"

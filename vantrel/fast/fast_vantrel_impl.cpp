@@ -10,8 +10,9 @@
 namespace Vantrel {
 
 FastVantrelImpl::FastVantrelImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig,
-                                 Ostra::Ptr<DebugConfig const> debugConfig, Ostra::Ptr<DebugStatus> debugStatus,
-                                 Ostra::Ptr<VantrelHelper> helper, U32 lgId)
+                                 Ostra::Ptr<DebugConfig const> debugConfig,
+                                 Ostra::Ptr<DebugStatus> debugStatus, Ostra::Ptr<VantrelHelper> helper,
+                                 U32 lgId)
     : VantrelImpl(std::move(name), std::move(tableConfig), std::move(debugConfig), std::move(debugStatus),
                   std::move(helper), lgId) {
   FastVantrelImpl::handleInitialized();
@@ -24,8 +25,8 @@ FastVantrelImpl::~FastVantrelImpl() {
 
 FastVantrelAtcamImpl::FastVantrelAtcamImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig,
                                            Ostra::Ptr<DebugConfig const> debugConfig,
-                                           Ostra::Ptr<DebugStatus> debugStatus, Ostra::Ptr<VantrelHelper> helper,
-                                           U32 lgId, U32 maxPartitions)
+                                           Ostra::Ptr<DebugStatus> debugStatus,
+                                           Ostra::Ptr<VantrelHelper> helper, U32 lgId, U32 maxPartitions)
     : FastVantrelImpl(std::move(name), std::move(tableConfig), std::move(debugConfig), std::move(debugStatus),
                       std::move(helper), lgId),
       maxPartitions_(maxPartitions) {
@@ -59,7 +60,9 @@ std::string positionsWouldBeLost(FastVantrelImpl const& engine) {
   return "entries are programmed or waiting under the present mapping";
 }
 
-std::string stateWouldBeLost(FastVantrelImpl const&) { return "it is all that the engine knows of its entries"; }
+std::string stateWouldBeLost(FastVantrelImpl const&) {
+  return "it is all that the engine knows of its entries";
+}
 
 }  // namespace
 
@@ -78,9 +81,9 @@ Ostra::TypeInfo const& FastVantrelImpl::staticType() {
 }
 
 Ostra::TypeInfo const& FastVantrelAtcamImpl::staticType() {
-  static Ostra::TypeInfo const type =
-      Ostra::TypeInfo::of<FastVantrelAtcamImpl>("Vantrel::FastVantrelAtcamImpl", &FastVantrelImpl::staticType())
-          .attribute("maxPartitions", &FastVantrelAtcamImpl::maxPartitions);
+  static Ostra::TypeInfo const type = Ostra::TypeInfo::of<FastVantrelAtcamImpl>(
+                                          "Vantrel::FastVantrelAtcamImpl", &FastVantrelImpl::staticType())
+                                          .attribute("maxPartitions", &FastVantrelAtcamImpl::maxPartitions);
   return type;
 }
 

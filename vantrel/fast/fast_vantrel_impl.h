@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // FastVantrelImpl: the concrete make-before-break engine.
 //
-// The producer chooses positions, the engine decides when a position may be taken: never while another entry holds it,
-// and never so that, inside one priority group, a lower `prio` would lie at a higher precedence index than a higher one.
-// An entry that must wait leaves a claim on its position and is woken by the change that may have removed its obstacle.
+// The producer chooses positions, the engine decides when a position may be taken: never while another entry
+// holds it, and never so that, inside one priority group, a lower `prio` would lie at a higher precedence
+// index than a higher one. An entry that must wait leaves a claim on its position and is woken by the change
+// that may have removed its obstacle.
 //
 // Invariants: see FastState.
 // Ownership: makes its FastState at construction and does not release it.
@@ -31,8 +32,8 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   FastVantrelImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig,
                   Ostra::Ptr<DebugConfig const> debugConfig, Ostra::Ptr<DebugStatus> debugStatus,
                   Ostra::Ptr<VantrelHelper> helper, U32 lgId);
-  // Cleans up first: every key that has a handle is deleted, its status removed, the hardware flushed. A subclass that
-  // overrides pti or lti calls cleanupOnce() in its own destructor.
+  // Cleans up first: every key that has a handle is deleted, its status removed, the hardware flushed. A
+  // subclass that overrides pti or lti calls cleanupOnce() in its own destructor.
   ~FastVantrelImpl() override;
 
   void checkDeadlock() override;
@@ -51,8 +52,8 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   virtual U32 pti(U16 pg, U32 ti) const;
   virtual U32 lti(U32 pti) const;
 
-  // May the entry be programmed at its table index now? When not, it is stale, or it waits with a claim (or lost it to a
-  // newer one).
+  // May the entry be programmed at its table index now? When not, it is stale, or it waits with a claim (or
+  // lost it to a newer one).
   bool isConflicting(EntryConfig const& entry);
   // `deadlock` asks the hardware through deleteEntryDeadlock. False when the engine does not know the key.
   bool processDeleteHelper(EntryKey const& key, bool deadlock, bool delAck);
@@ -61,7 +62,9 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
 
   // How many low bits of a precedence index hold the position inside a priority group.
   U32 prioGrpShift() const { return prioGrpShift_; }
-  void prioGrpShiftIs(U32 v) { scalarIs(fastNotifiees_, "prioGrpShift", prioGrpShift_, v, &Notifiee::onPrioGrpShift); }
+  void prioGrpShiftIs(U32 v) {
+    scalarIs(fastNotifiees_, "prioGrpShift", prioGrpShift_, v, &Notifiee::onPrioGrpShift);
+  }
   FastState* state() const { return state_; }
   void stateIs(FastState* v) { scalarIs(fastNotifiees_, "state", state_, v, &Notifiee::onState); }
   // Rings broken.

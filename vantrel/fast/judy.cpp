@@ -7,7 +7,8 @@
 namespace Vantrel {
 
 void judyFailed(char const* function, JError_t const& error) {
-  VANTREL_TRACE(vantrelFastImplTrace(), 1, function, "errno: ", JU_ERRNO(&error), "errid: ", JU_ERRID(&error));
+  VANTREL_TRACE(vantrelFastImplTrace(), 1, function, "errno: ", JU_ERRNO(&error),
+                "errid: ", JU_ERRID(&error));
   FAST_ASSERT(false);
   __builtin_unreachable();
 }

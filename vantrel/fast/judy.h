@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Judy arrays in the words of the domain: JudyMap<T> is an ordered map from an index to a T*, JudySet a set of indexes.
+// Judy arrays in the words of the domain: JudyMap<T> is an ordered map from an index to a T*, JudySet a set
+// of indexes.
 //
-// Invariants: a map holds no null value; insert() is the exception, whose caller fills the slot before he does anything else.
-//   A slot reference does not survive an insert or a removal in its map.
+// Invariants: a map holds no null value; insert() is the exception, whose caller fills the slot before he
+//   does anything else. A slot reference does not survive an insert or a removal in its map.
 // Ownership: the arrays free their own memory, never what the values point to.
 // Threading: the agent's thread.
 // Cost: a few cache lines an operation at a million indexes; the order costs nothing extra.
-// Errors: Judy fails for want of memory or on a damaged array; either ends the process after one trace line that names
-//   the Judy function, the error number and the error identifier.
+// Errors: Judy fails for want of memory or on a damaged array; either ends the process after one trace line
+//   that names the Judy function, the error number and the error identifier.
 #pragma once
 
 #include <Judy.h>
@@ -24,17 +25,17 @@ namespace Vantrel {
 
 // The untyped calls, each with its error check.
 namespace Judy {
-VANTREL_API PPvoid_t get(Pcvoid_t array, Word_t index);             // null when absent
-VANTREL_API PPvoid_t insert(Pvoid_t& array, Word_t index);          // the slot, null inside when new
-VANTREL_API bool remove(Pvoid_t& array, Word_t index);              // false when absent
-VANTREL_API PPvoid_t atOrAbove(Pcvoid_t array, Word_t& index);      // moves index to what was found
+VANTREL_API PPvoid_t get(Pcvoid_t array, Word_t index);         // null when absent
+VANTREL_API PPvoid_t insert(Pvoid_t& array, Word_t index);      // the slot, null inside when new
+VANTREL_API bool remove(Pvoid_t& array, Word_t index);          // false when absent
+VANTREL_API PPvoid_t atOrAbove(Pcvoid_t array, Word_t& index);  // moves index to what was found
 VANTREL_API PPvoid_t above(Pcvoid_t array, Word_t& index);
 VANTREL_API PPvoid_t below(Pcvoid_t array, Word_t& index);
 VANTREL_API Word_t count(Pcvoid_t array, Word_t first, Word_t last);
 VANTREL_API Word_t clear(Pvoid_t& array);
 VANTREL_API bool test(Pcvoid_t array, Word_t index);
-VANTREL_API bool set(Pvoid_t& array, Word_t index);                 // false when it was set already
-VANTREL_API bool unset(Pvoid_t& array, Word_t index);               // false when it was not set
+VANTREL_API bool set(Pvoid_t& array, Word_t index);    // false when it was set already
+VANTREL_API bool unset(Pvoid_t& array, Word_t index);  // false when it was not set
 VANTREL_API Word_t memoryUsed(Pcvoid_t array);
 Word_t clearSet(Pvoid_t& array);
 }  // namespace Judy

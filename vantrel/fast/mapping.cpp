@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Mapping: a priority group and a table index become one 32-bit precedence index, whose numeric order is the hardware's
-// precedence order inside a group.
+// Mapping: a priority group and a table index become one 32-bit precedence index, whose numeric order is the
+// hardware's precedence order inside a group.
 //
 //   TCAM, shift 19:                 pti = [ pg : 13 | ti : 19 ]              lti(pti) = ti
 //   algorithmic, shift 16, M parts: ti  = offset * M + partition

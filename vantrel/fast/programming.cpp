@@ -4,13 +4,13 @@
 //   not programmed yet          -> addEntry
 //   unchanged, same position    -> noopAck
 //   changed                     -> updateEntry, and then
-//   another position            -> moveEntry, and the vacated position's waiter and those of the opened range wake
+//   another position            -> moveEntry; the vacated position's waiter and the opened range's wake
 //
 // What a move opens (priorities inside, one group), 30 moving from 6 to 2:
 //
 //   position:   0      2      3      4      5      6      8
 //             [ 10 ] [ -> ] [    ] [    ] [    ] [ 30 ] [ 40 ]
-//                             ^^^^^^^^^^^^^^^^^ claims here may have been out of order with 30 at 6: they wake
+//                             ^^^^^^^^^^^^^^^^^ claims here may have been out of order with 30 at 6
 //
 // It does not undo anything: the indexes are updated before the hardware client is called.
 #include <algorithm>
@@ -23,8 +23,8 @@
 namespace Vantrel {
 namespace {
 
-// The low part tells whether match or action changed; the high part counts versions, and one that is too far ahead is
-// written to be safe.
+// The low part tells whether match or action changed; the high part counts versions, and one that is too far
+// ahead is written to be safe.
 bool unchanged(OpId wanted, OpId programmed) {
   constexpr U64 maxVersionsAhead = 65535;
   return wanted.low() == programmed.low() && wanted.high() - programmed.high() <= maxVersionsAhead;
@@ -93,8 +93,8 @@ void FastVantrelImpl::enterAt(CState_s& c, U32 ti) {
   *OPValue = &c;
 }
 
-// The indexes are those after the move: the moved entry itself can be a neighbour of its old position. A neighbour of
-// its own priority on the side it left keeps bounding the range as before: nothing opens.
+// The indexes are those after the move: the moved entry itself can be a neighbour of its old position. A
+// neighbour of its own priority on the side it left keeps bounding the range as before: nothing opens.
 FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByMove(CState_s const& c, U32 old, U32 ti) const {
   constexpr Range none{0, 0};
   U32 const from = pti(c.pg, old);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The record pool, and the list of states.
 //
-// The pool grows by blocks of 2, 6, 18, ... records until 131072 a step. Blocks are never returned: a record's address
-// stays good for the life of the process.
+// The pool grows by blocks of 2, 6, 18, ... records until 131072 a step. Blocks are never returned: a
+// record's address stays good for the life of the process.
 #include "vantrel/fast/state.h"
 
 #include <algorithm>
@@ -19,9 +19,10 @@ constexpr U32 maxGrowth = 131072;
 struct Pool {
   U32 cread = 0;  // records free
   U32 clen = 1;   // records ever made, plus one
-  // The first cread of them are free. One to spare: a record given back twice is seen, not written past the end.
+  // The first cread of them are free. One to spare: a record given back twice is seen, not written past the
+  // end.
   std::vector<CState_s*> cfree = std::vector<CState_s*>(clen + 1);
-  std::vector<void*> blocks;        // keeps every block in a leak checker's sight
+  std::vector<void*> blocks;       // keeps every block in a leak checker's sight
   std::vector<FastState*> states;  // and every state
 };
 

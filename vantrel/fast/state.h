@@ -3,17 +3,20 @@
 //
 //   cstate:      key ---------> record          every key that the engine was told of and has not forgotten
 //   current:     ti ----------> record          where an entry is programmed
-//   precedence:  pti(pg, ti) -> record          the same, in precedence order: its neighbours decide a conflict
+//   precedence:  pti(pg, ti) -> record          the same, in precedence order: neighbours decide a conflict
 //   pending:     ti ----------> record          who waits for a position, at most one each
 //   workq:       keys to retry, in order of arrival; workqSet: which they are
 //   blocked:     keys whose last conflict check found them blocked; the deadlock check starts from them
 //
-// Invariants: a record with p.ti is listed in pending exactly under it; a record with sti is listed in current under sti
-//   and in precedence under pti(pg, sti), and nowhere else. A key is in workqSet exactly when it is in workq.
-// Ownership: records come from one process-wide pool that never returns memory. A state is never released: whoever
-//   installed it in an engine owns its release, and the engine's own lives on, listed where a leak checker sees it.
+// Invariants: a record with p.ti is listed in pending exactly under it; a record with sti is listed in
+//   current under sti and in precedence under pti(pg, sti), and nowhere else. A key is in workqSet exactly
+//   when it is in workq.
+// Ownership: records come from one process-wide pool that never returns memory. A state is never released:
+//   whoever installed it in an engine owns its release, and the engine's own lives on, listed where a leak
+//   checker sees it.
 // Threading: all engines of a process run on one thread; the pool is not locked.
-// Cost: 48 bytes a record beside its places in the indexes; no allocation but the pool's rare growth and Judy's own.
+// Cost: 48 bytes a record beside its places in the indexes; no allocation but the pool's rare growth and
+//   Judy's own.
 #pragma once
 
 #include <boost/functional/hash.hpp>
@@ -90,8 +93,8 @@ class VANTREL_API FastState {
   CState_s* cstateAlloc();
   void cstateFree(CState_s* c);
 
-  // Ends a claim. With `unindex` its pending slot goes too, whatever record it points to; without, the caller is about
-  // to overwrite the slot.
+  // Ends a claim. With `unindex` its pending slot goes too, whatever record it points to; without, the caller
+  // is about to overwrite the slot.
   void clearPending(EntryPState_s& p, bool unindex);
   // Queues whoever waits for ti, unless it is queued already. The claim stays.
   void addToWorkq(U32 ti);

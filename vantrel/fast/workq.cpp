@@ -3,8 +3,8 @@
 //
 //   pending:  ti 4 -> key 7      addToWorkq(4):  workq [ 7 ]      processPending():  handleEntryHelper(7)
 //
-// The queue is edge-triggered: nothing is ever rescanned. A queued entry keeps its claim; its retry decides what becomes
-// of it. Keys queued while a drain runs are retried in the same drain.
+// The queue is edge-triggered: nothing is ever rescanned. A queued entry keeps its claim; its retry decides
+// what becomes of it. Keys queued while a drain runs are retried in the same drain.
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// VantrelFlushStatus: two counters by which a producer in another process learns that its table has been attached
-// (tableCounter moved) and that the table's first contents are in hardware (flushCounter moved).
+// VantrelFlushStatus: two counters by which a producer in another process learns that its table has been
+// attached (tableCounter moved) and that the table's first contents are in hardware (flushCounter moved).
 //
 // Ownership: the agent makes it by name and passes it to the front ends.
 // Threading: the agent's event loop.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Retry: keys whose dependants failed come back on the timer. All share one wake-up, armed by the first failure after a
-// pass; a pass hands over each waiting key once, in ascending order. A key that fails again goes back to its own place,
-// which the pass has left behind: it is not tried twice in one pass.
+// Retry: keys whose dependants failed come back on the timer. All share one wake-up, armed by the first
+// failure after a pass; a pass hands over each waiting key once, in ascending order. A key that fails again
+// goes back to its own place, which the pass has left behind: it is not tried twice in one pass.
 #include "vantrel/core/trace.h"
 #include "vantrel/sm/vantrel_sm.h"
 

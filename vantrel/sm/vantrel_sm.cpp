@@ -11,8 +11,8 @@
 
 namespace Vantrel {
 
-// A watcher of one input with a back pointer to its front end, null once it is dropped. A handler may drop its own
-// reactor and even the front end: both are held while it runs.
+// A watcher of one input with a back pointer to its front end, null once it is dropped. A handler may drop
+// its own reactor and even the front end: both are held while it runs.
 template <class NotifieeT, class Input>
 class VantrelSm::Reactor : public NotifieeT, public Ostra::PtrInterface {
  public:
@@ -99,12 +99,13 @@ VantrelSm::~VantrelSm() {
 Ostra::Ptr<VantrelSm> VantrelSm::VantrelSmIs(Ostra::Ptr<TableConfig const> tableConfig,
                                              Ostra::Ptr<TableStatus> tableStatus,
                                              Ostra::Ptr<DebugConfig const> debugConfig,
-                                             Ostra::Ptr<DebugStatus> debugStatus, Ostra::Ptr<VantrelImpl> vantrelImpl,
+                                             Ostra::Ptr<DebugStatus> debugStatus,
+                                             Ostra::Ptr<VantrelImpl> vantrelImpl,
                                              Ostra::Ptr<VantrelFlushStatus> flushStatus,
                                              Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer) {
-  Ostra::Ptr<VantrelSm> sm(new VantrelSm(std::move(tableConfig), std::move(tableStatus), std::move(debugConfig),
-                                         std::move(debugStatus), std::move(vantrelImpl), std::move(flushStatus),
-                                         std::move(retryFailedTimer)));
+  Ostra::Ptr<VantrelSm> sm(new VantrelSm(
+      std::move(tableConfig), std::move(tableStatus), std::move(debugConfig), std::move(debugStatus),
+      std::move(vantrelImpl), std::move(flushStatus), std::move(retryFailedTimer)));
   sm->hasNotificationActiveIs(true);
   return sm;
 }
@@ -126,8 +127,8 @@ void VantrelSm::markedForDeletionIs(bool marked) {
   eachReactor([marked](auto reactor) { reactor->markedForDeletionIs(marked); });
 }
 
-// Watching the same object already: nothing. Null: the reactor is dropped. Else it is pointed at the new input, or made,
-// and the input is handled at once.
+// Watching the same object already: nothing. Null: the reactor is dropped. Else it is pointed at the new
+// input, or made, and the input is handled at once.
 template <class ReactorT, class Input>
 void VantrelSm::inputIs(Ostra::Ptr<ReactorT>& reactor, Ostra::Ptr<Input> input) {
   if (!input) return drop(reactor);
@@ -151,7 +152,9 @@ void VantrelSm::drop(Ostra::Ptr<ReactorT>& reactor) {
   reactor = nullptr;
 }
 
-void VantrelSm::tableConfigIs(Ostra::Ptr<TableConfig const> table) { inputIs(tableReactor_, std::move(table)); }
+void VantrelSm::tableConfigIs(Ostra::Ptr<TableConfig const> table) {
+  inputIs(tableReactor_, std::move(table));
+}
 void VantrelSm::tableConfigDel() { drop(tableReactor_); }
 void VantrelSm::debugConfigIs(Ostra::Ptr<DebugConfig const> debugConfig) {
   inputIs(debugReactor_, std::move(debugConfig));
@@ -274,9 +277,11 @@ Ostra::TypeInfo const& VantrelSm::staticType() {
   return type;
 }
 
-Ostra::Ptr<VantrelSm> vantrelSmFactory(Ostra::Ptr<TableConfig const> tableConfig, Ostra::Ptr<TableStatus> tableStatus,
+Ostra::Ptr<VantrelSm> vantrelSmFactory(Ostra::Ptr<TableConfig const> tableConfig,
+                                       Ostra::Ptr<TableStatus> tableStatus,
                                        Ostra::Ptr<DebugConfig const> debugConfig,
-                                       Ostra::Ptr<DebugStatus> debugStatus, Ostra::Ptr<VantrelImpl> vantrelImpl,
+                                       Ostra::Ptr<DebugStatus> debugStatus,
+                                       Ostra::Ptr<VantrelImpl> vantrelImpl,
                                        Ostra::Ptr<VantrelFlushStatus> flushStatus,
                                        Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer) {
   return VantrelSm::VantrelSmIs(std::move(tableConfig), std::move(tableStatus), std::move(debugConfig),

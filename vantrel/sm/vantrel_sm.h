@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// VantrelSm: the front end. It hears of changes in the configuration table, hands their keys to the engine, brings failed
-// keys back on a timer, and walks the whole table when watching begins, when its watcher fell behind and when the table
-// is replaced.
+// VantrelSm: the front end. It hears of changes in the configuration table, hands their keys to the engine,
+// brings failed keys back on a timer, and walks the whole table when watching begins, when its watcher fell
+// behind and when the table is replaced.
 //
-// Invariants: nothing is handed on before `initialized`. A key of failedKey is handed to the engine in the next pass.
-// Ownership: holds references to every input. Each watched input has a reactor, which refers back to the front end.
+// Invariants: nothing is handed on before `initialized`. A key of failedKey is handed to the engine in the
+//   next pass.
+// Ownership: holds references to every input. Each watched input has a reactor, which refers back to the
+//   front end.
 // Threading: the agent's event loop, one notification at a time.
 // Errors: Ostra::InternalException of the engine becomes a retry; every other exception passes through.
 #pragma once
@@ -23,12 +25,13 @@ class VANTREL_API VantrelSm : public Ostra::Described {
  public:
   using FailedKeys = std::map<EntryKey, bool>;
 
-  // Makes a front end and switches notification on, which begins with a walk of the table. A null table, debug trigger
-  // or wheel leaves the features that need it inert; a null flush status, both counters.
+  // Makes a front end and switches notification on, which begins with a walk of the table. A null table,
+  // debug trigger or wheel leaves the features that need it inert; a null flush status, both counters.
   static Ostra::Ptr<VantrelSm> VantrelSmIs(Ostra::Ptr<TableConfig const> tableConfig,
                                            Ostra::Ptr<TableStatus> tableStatus,
                                            Ostra::Ptr<DebugConfig const> debugConfig,
-                                           Ostra::Ptr<DebugStatus> debugStatus, Ostra::Ptr<VantrelImpl> vantrelImpl,
+                                           Ostra::Ptr<DebugStatus> debugStatus,
+                                           Ostra::Ptr<VantrelImpl> vantrelImpl,
                                            Ostra::Ptr<VantrelFlushStatus> flushStatus,
                                            Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer);
   ~VantrelSm() override;
@@ -132,10 +135,12 @@ class VANTREL_API VantrelSm : public Ostra::Described {
 };
 
 // What an agent calls, once a table.
-VANTREL_API Ostra::Ptr<VantrelSm> vantrelSmFactory(
-    Ostra::Ptr<TableConfig const> tableConfig, Ostra::Ptr<TableStatus> tableStatus,
-    Ostra::Ptr<DebugConfig const> debugConfig, Ostra::Ptr<DebugStatus> debugStatus,
-    Ostra::Ptr<VantrelImpl> vantrelImpl, Ostra::Ptr<VantrelFlushStatus> flushStatus,
-    Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer);
+VANTREL_API Ostra::Ptr<VantrelSm> vantrelSmFactory(Ostra::Ptr<TableConfig const> tableConfig,
+                                                   Ostra::Ptr<TableStatus> tableStatus,
+                                                   Ostra::Ptr<DebugConfig const> debugConfig,
+                                                   Ostra::Ptr<DebugStatus> debugStatus,
+                                                   Ostra::Ptr<VantrelImpl> vantrelImpl,
+                                                   Ostra::Ptr<VantrelFlushStatus> flushStatus,
+                                                   Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer);
 
 }  // namespace Vantrel

@@ -1,0 +1,305 @@
+// SPDX-License-Identifier: Apache-2.0
+// The reference agent as a process: what a producer and an operator see of it, whatever happens to either
+// side.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <map>
+#include <optional>
+
+#include "shoal/reader_table.h"
+#include "shoal/writer_table.h"
+#include "tests/support/process.h"
+#include "vantrel/core/tables.h"
+
+using namespace TestSupport;
+using namespace Vantrel;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using ConfigWriter = Shoal::WriterTable<EntryConfig>;
+using StatusReader = Shoal::ReaderTable<EntryStatus>;
+
+namespace {
+
+constexpr U64 marker = 0xFFFFFFFFFFFF0000U;
+
+class AgentProcess : public testing::Test {
+ protected:
+  std::unique_ptr<Process> start(std::vector<std::string> const& flags = {}) {
+    std::vector<std::string> argv{VANTREL_BIN_DIR "/vantreld", "--dir", dir.path()};
+    argv.insert(argv.end(), flags.begin(), flags.end());
+    std::string const n = std::to_string(++started);
+    return std::make_unique<Process>(argv, dir / ("out" + n), dir / ("err" + n));
+  }
+  std::unique_ptr<Process> startReady(std::vector<std::string> const& flags = {}) {
+    auto agent = start(flags);
+    EXPECT_TRUE(eventually([&] { return agent->out().find("ready in") != std::string::npos; }))
+        << agent->err();
+    return agent;
+  }
+  Ostra::Ptr<ConfigWriter> producer(bool replace = false) {
+    return Ostra::make<ConfigWriter>(dir / "config.shoal", Shoal::WriterOptions{.replace = replace});
+  }
+  EntryConfig entry(U64 key, U32 ti, U32 prio = 10, U16 pg = 0) {
+    EntryConfig c(EntryKey(key), OpId(opIds += 0x10001), static_cast<U32>(key), pg, prio);
+    c.tableIndexIs(TableKey(0), ti);
+    wanted[key] = c.opId().value();
+    return c;
+  }
+  U64 status(U64 key) {
+    if (!statuses) statuses = Ostra::make<StatusReader>(dir / "status.shoal");
+    return statuses->entry(EntryKey(key)).opId().value();
+  }
+  bool acknowledged(double seconds = 30) {
+    return eventually(
+        [this] {
+          statuses = nullptr;  // an agent that starts makes a new file
+          for (auto const& [key, opId] : wanted)
+            if (status(key) != opId) return false;
+          return true;
+        },
+        seconds);
+  }
+  int stop(Process& agent) {
+    agent.signal(SIGTERM);
+    return agent.wait();
+  }
+
+  TempDir dir;
+  int started = 0;
+  U64 opIds = 0;
+  std::map<U64, U64> wanted;
+  Ostra::Ptr<StatusReader> statuses;
+};
+
+}  // namespace
+
+TEST_F(AgentProcess, ProgramsMovesTradesAndDeletesAndCleansUpOnSigterm) {
+  auto const agent = startReady();
+  auto const table = producer();
+  for (U64 key = 1; key <= 5; ++key) table->entryIs(entry(key, static_cast<U32>(key)));
+  ASSERT_TRUE(acknowledged()) << agent->err();
+  for (U64 key = 1; key <= 5; ++key) table->entryIs(entry(key, static_cast<U32>(key % 5 + 1)));  // a ring
+  ASSERT_TRUE(acknowledged()) << agent->err();
+  EntryConfig gone = entry(5, 1);
+  gone.isDelIs(true);
+  table->entryIs(gone);
+  wanted[5] = marker;
+  ASSERT_TRUE(acknowledged()) << agent->err();
+  table->entryDel(EntryKey(5));
+  table->entryDel(EntryKey(4));
+  wanted = {{1, wanted[1]}, {4, 0}, {5, 0}};
+  ASSERT_TRUE(acknowledged()) << agent->err();
+  EXPECT_EQ(stop(*agent), 0);
+  EXPECT_THAT(agent->out(), HasSubstr("0 violations; entries left: 0, statuses left: 0"));
+  EXPECT_THAT(agent->out(), HasSubstr("1 deletes to break rings"));
+  EXPECT_THAT(agent->err(), IsEmpty());
+}
+
+TEST_F(AgentProcess, WaitsForAProducerAndSaysWhenItIsReady) {
+  auto const agent = startReady();
+  EXPECT_THAT(agent->out(), HasSubstr("waiting for a producer's config.shoal"));
+  auto const table = producer();
+  table->entryIs(entry(7, 3));
+  EXPECT_TRUE(acknowledged());
+  EXPECT_EQ(std::ranges::count(agent->out(), '\n'), 1);
+}
+
+TEST_F(AgentProcess, FindsAProducersEntriesAtItsStart) {
+  auto const table = producer();
+  for (U64 key = 1; key <= 100; ++key) table->entryIs(entry(key, static_cast<U32>(key)));
+  auto const agent = startReady();
+  EXPECT_THAT(agent->out(), HasSubstr("100 entries wanted"));
+  EXPECT_TRUE(acknowledged());
+}
+
+TEST_F(AgentProcess, AtRestItUsesNoProcessorTime) {
+  auto const agent = startReady();
+  auto const table = producer();
+  for (U64 key = 1; key <= 100; ++key) table->entryIs(entry(key, static_cast<U32>(key)));
+  ASSERT_TRUE(acknowledged());
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  double const before = agent->cpuSeconds();
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  EXPECT_EQ(agent->cpuSeconds(), before);
+}
+
+TEST_F(AgentProcess, ItsMemoryStaysFlatUnderAChurnOfTheSameKeys) {
+  auto const agent = startReady();
+  auto const table = producer();
+  auto const churn = [&](int rounds) {
+    for (int round = 0; round < rounds; ++round) {
+      for (U64 key = 1; key <= 500; ++key) table->entryIs(entry(key, static_cast<U32>(key * 2 + round % 2)));
+      ASSERT_TRUE(acknowledged()) << agent->err();
+    }
+  };
+  churn(20);
+  long const before = agent->residentKib();
+  churn(60);
+  // The trace file's rings are mapped and fill up meanwhile: 17 MiB at most, whatever comes.
+  EXPECT_LT(agent->residentKib(), before + 17 * 1024 + 2048);
+  churn(120);
+  long const later = agent->residentKib();
+  churn(60);
+  EXPECT_LT(agent->residentKib(), later + 17 * 1024);
+}
+
+TEST_F(AgentProcess, KilledInTheMiddleOfALoadItsSuccessorProgramsEveryEntry) {
+  constexpr U64 entries = 5000;
+  auto const table = producer();
+  auto agent = startReady({"--hw-latency-us", "100"});
+  for (U64 key = 1; key <= entries; ++key) table->entryIs(entry(key, static_cast<U32>(2 * key)));
+  ASSERT_TRUE(eventually([&] { return status(1) != 0; }));
+  agent->signal(SIGKILL);
+  EXPECT_EQ(agent->wait(), 128 + SIGKILL);
+  statuses = nullptr;
+  EXPECT_EQ(status(entries), 0U) << "the load was cut short";
+  agent = startReady();
+  ASSERT_TRUE(acknowledged()) << agent->err();
+  EXPECT_EQ(stop(*agent), 0);
+  EXPECT_THAT(agent->out(), HasSubstr("5000 adds, 0 updates, 0 moves, 5000 deletes"));
+  EXPECT_THAT(agent->out(), HasSubstr("0 violations"));
+}
+
+TEST_F(AgentProcess, ItsStatusTableStartsEmpty) {
+  auto const table = producer();
+  table->entryIs(entry(1, 1));
+  auto agent = startReady();
+  ASSERT_TRUE(acknowledged());
+  agent->signal(SIGKILL);
+  agent->wait();
+  table->entryDel(EntryKey(1));
+  agent = startReady();
+  statuses = nullptr;
+  EXPECT_EQ(status(1), 0U) << "what it has not programmed is not acknowledged";
+}
+
+TEST_F(AgentProcess, FollowsAProducersNewFileAndWithdrawsWhatIsGoneFromIt) {
+  auto const agent = startReady();
+  auto table = producer();
+  for (U64 key = 1; key <= 10; ++key) table->entryIs(entry(key, static_cast<U32>(key)));
+  ASSERT_TRUE(acknowledged());
+  table = nullptr;
+  table = producer(true);
+  for (U64 key = 6; key <= 12; ++key) table->entryIs(entry(key, static_cast<U32>(key)));
+  for (U64 key = 1; key <= 5; ++key) wanted[key] = 0;
+  EXPECT_TRUE(acknowledged()) << agent->err();
+  EXPECT_EQ(stop(*agent), 0);
+  EXPECT_THAT(agent->out(), HasSubstr("0 violations; entries left: 0"));
+}
+
+TEST_F(AgentProcess, ASecondAgentIsRefusedWithTheReason) {
+  auto const first = startReady();
+  auto const second = start();
+  EXPECT_EQ(second->wait(), 1);
+  EXPECT_EQ(second->err(), "vantreld: another agent serves " + dir.path() + ": process " +
+                               std::to_string(first->pid()) + "\n");
+}
+
+TEST_F(AgentProcess, ATableThatIsNoneIsSaidInOneSentence) {
+  std::ofstream(dir / "config.shoal") << "this is not a table at all, but it has some length to it";
+  auto const agent = start();
+  EXPECT_EQ(agent->wait(), 1);
+  EXPECT_THAT(agent->err(), testing::StartsWith("vantreld: "));
+  EXPECT_THAT(agent->err(), HasSubstr(dir / "config.shoal"));
+  EXPECT_EQ(std::ranges::count(agent->err(), '\n'), 1);
+}
+
+TEST_F(AgentProcess, RecordsThatWouldStopTheEngineAreReportedAndReadAsEmpty) {
+  auto const agent = startReady({"--size", "1000"});
+  auto const table = producer();
+  table->entryIs(entry(5, 7));
+  ASSERT_TRUE(acknowledged());
+  EntryConfig two = entry(2, 5);
+  two.tableIndexIs(TableKey(1), 6);
+  for (EntryConfig const& bad :
+       {EntryConfig(EntryKey(1), OpId(0x10001), 1, 0, 5), two, entry(3, 1000), entry(4, 8, 10, 8192)}) {
+    table->entryIs(bad);
+    std::string const said = "record of key " + std::to_string(bad.key().value()) + ": ";
+    EXPECT_TRUE(eventually([&] { return agent->err().find(said) != std::string::npos; }))
+        << said << agent->err();
+  }
+  EXPECT_EQ(status(1) + status(2) + status(3) + status(4), 0U);
+  EXPECT_EQ(stop(*agent), 0);
+  EXPECT_THAT(agent->out(), HasSubstr("1 adds"));
+}
+
+TEST_F(AgentProcess, AnOpIdThatGoesBackWhileItsEntryWaitsDoesNotStopTheEngine) {
+  auto const agent = startReady();
+  auto const table = producer();
+  table->entryIs(entry(1, 1));
+  ASSERT_TRUE(acknowledged());
+  wanted.clear();
+  table->entryIs(entry(2, 1));
+  EntryConfig back(EntryKey(2), OpId(5), 2, 0, 10);
+  back.tableIndexIs(TableKey(0), 1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  table->entryIs(back);
+  wanted.clear();
+  table->entryIs(entry(3, 3));
+  EXPECT_TRUE(acknowledged()) << agent->err();
+  EXPECT_EQ(stop(*agent), 0);
+}
+
+TEST_F(AgentProcess, TheAlgorithmicEngineInterleavesPartitions) {
+  auto const agent = startReady({"--engine", "atcam", "--max-partitions", "4", "--size", "4096"});
+  auto const table = producer();
+  for (U64 key = 1; key <= 400; ++key)
+    table->entryIs(entry(key, static_cast<U32>(4 * (key / 4) + key % 4), static_cast<U32>(key),
+                         static_cast<U16>(key % 4)));
+  ASSERT_TRUE(acknowledged()) << agent->err();
+  table->entryIs(entry(500, 1001, 500, 2));  // position 1001 is partition 1's
+  wanted.erase(500);
+  table->entryIs(entry(501, 1001, 500, 1));
+  ASSERT_TRUE(acknowledged()) << agent->err();
+  EXPECT_EQ(stop(*agent), 0);
+  EXPECT_THAT(agent->out(), HasSubstr("401 adds"));
+}
+
+TEST_F(AgentProcess, TheNullClientAcknowledgesOnlyWhatTheEngineItselfDoes) {
+  auto const agent = startReady({"--hw", "null"});
+  auto const table = producer();
+  table->entryIs(entry(1, 1));
+  EntryConfig again = entry(1, 1);
+  EntryConfig same(EntryKey(1), OpId((again.opId().high() << 16) | 1), 1, 0, 10);
+  same.tableIndexIs(TableKey(0), 1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(status(1), 0U);
+  table->entryIs(same);
+  wanted[1] = same.opId().value();
+  EXPECT_TRUE(acknowledged()) << "an unchanged configuration is the engine's own to acknowledge";
+  EntryConfig unknown(EntryKey(9), OpId(1), 9, 0, 0);
+  unknown.isDelIs(true);
+  table->entryIs(unknown);
+  wanted[9] = marker;
+  EXPECT_TRUE(acknowledged());
+}
+
+TEST_F(AgentProcess, ItsTraceFileLiesInItsDirectoryAndOutlivesIt) {
+  std::string file;
+  {
+    auto const table = producer();
+    table->entryIs(entry(1, 1));
+    auto const agent = startReady();
+    ASSERT_TRUE(acknowledged());
+    file = dir / ("Quarry-mbb-" + std::to_string(agent->pid()) + ".lg");
+    agent->signal(SIGKILL);
+    agent->wait();
+  }
+  EXPECT_TRUE(std::filesystem::exists(file)) << file;
+}
+
+TEST_F(AgentProcess, WrongFlagsGetUsageAndStatusTwo) {
+  for (std::vector<std::string> const& flags : {std::vector<std::string>{"--no-such-flag"},
+                                                {"--engine", "atcam"},
+                                                {"--max-partitions", "4"},
+                                                {"--engine", "best"},
+                                                {"--size", "many"},
+                                                {"--size", "600000"},
+                                                {"--prio-grp-shift", "40"}}) {
+    auto const agent = start(flags);
+    EXPECT_EQ(agent->wait(), 2) << flags[0];
+    EXPECT_THAT(agent->err(), HasSubstr("--help")) << flags[0];
+  }
+}
