@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <set>
+#include <sstream>
 
 namespace Testing {
 
@@ -12,8 +13,14 @@ using Vantrel::EntryKey;
 
 namespace {
 
-void require(bool condition, std::string const& what) {
-  if (!condition) throw Difference(what);
+// The text is only made when it is needed.
+template <class... Parts>
+void require(bool condition, Parts const&... parts) {
+  if (condition) [[likely]]
+    return;
+  std::ostringstream what;
+  (what << ... << parts);
+  throw Difference(what.str());
 }
 
 bool sameRecord(ModelRecord const& m, CState_s const& c) {
@@ -75,11 +82,13 @@ std::vector<U64> Differ::order(Step const& step) const {
 }
 
 void Differ::empty() {
+  world_->failures().clear();
+  model_.forgetFailures();
   std::set<U64> keys;
   for (auto const& [key, entry] : model_.table()) keys.insert(key);
   for (ModelRecord const& r : model_.records()) keys.insert(r.key);
-  for (U64 key : keys) run(remove(key, true));
-  for (U64 key : keys) run(notify(key));
+  for (U64 key : keys) run(remove(key));
+  if (auto const wakeUp = model_.wakeUp()) run(advance(*wakeUp - world_->wheel().now()));
   require(state_->cstate.empty() && model_.records().empty(), "records are left in an empty world");
   world_->engine()->handleToKeyDelAll();
   world_->engine()->keyToHandleDelAll();
@@ -117,7 +126,7 @@ void Differ::onTrace(std::string_view text, std::span<U64 const> values) {
 }
 
 void Differ::compare() {
-  require(broken_.empty(), "inside a hardware call: " + broken_);
+  require(broken_.empty(), "inside a hardware call: ", broken_);
   try {
     audit(*state_, choice_);
   } catch (Broken const& error) {
@@ -141,7 +150,7 @@ void Differ::compareRecords() const {
   std::size_t programmed = 0;
   for (ModelRecord const& m : model_.records()) {
     CState_s const* const c = state_->record(EntryKey(m.key));
-    require(c && sameRecord(m, *c), "the records of key " + std::to_string(m.key) + " differ");
+    require(c && sameRecord(m, *c), "the records of key ", m.key, " differ");
     if (m.at != nowhere) ++programmed;
   }
   require(programmed == hardware_.size(),
@@ -152,7 +161,7 @@ void Differ::compareRecords() const {
   require(sameQueue, "the work queues differ");
   require(state_->blocked.size() == model_.blocked().size(), "the blocked sets differ");
   for (U64 key : model_.blocked())
-    require(state_->blocked.contains(EntryKey(key)), "only the model has blocked key " + std::to_string(key));
+    require(state_->blocked.contains(EntryKey(key)), "only the model has blocked key ", key);
 }
 
 void Differ::compareHandles() const {
@@ -161,29 +170,28 @@ void Differ::compareHandles() const {
   require(handles.size() == model_.handleToKey().size(), "handleToKey differs in size");
   for (auto const& [handle, key] : model_.handleToKey()) {
     auto const at = handles.find(handle);
-    require(at != handles.end() && at->second.value() == key,
-            "handleToKey differs at " + std::to_string(handle));
+    require(at != handles.end() && at->second.value() == key, "handleToKey differs at ", handle);
   }
   require(keys.size() == model_.keyToHandle().size(), "keyToHandle differs in size");
   for (auto const& [key, handle] : model_.keyToHandle()) {
     auto const at = keys.find(EntryKey(key));
-    require(at != keys.end() && at->second == handle, "keyToHandle differs at " + std::to_string(key));
+    require(at != keys.end() && at->second == handle, "keyToHandle differs at ", key);
   }
 }
 
 void Differ::compareRest() const {
-  require(world_->counters() == model_.counters(), "counters differ; the engine's:\n  " +
-                                                       print(world_->counters()) + "\nthe model's:\n  " +
-                                                       print(model_.counters()));
+  if (world_->counters() != model_.counters())
+    throw Difference("counters differ; the engine's:\n  " + print(world_->counters()) + "\nthe model's:\n  " +
+                     print(model_.counters()));
   require(world_->wheel().earliest() == model_.wakeUp(), "the armed wake-ups differ");
   require(world_->engine()->dirty() == model_.dirty(), "the dirty marks differ");
-  require(world_->snapshot() == model_.snapshot(), "snapshots differ; the engine's:\n  " +
-                                                       print(world_->snapshot()) + "\nthe model's:\n  " +
-                                                       print(model_.snapshot()));
+  if (world_->snapshot() != model_.snapshot())
+    throw Difference("snapshots differ; the engine's:\n  " + print(world_->snapshot()) +
+                     "\nthe model's:\n  " + print(model_.snapshot()));
   require(world_->statuses().size() == model_.statuses().size(), "the status tables differ in size");
   for (auto const& [key, opId] : model_.statuses())
-    require(world_->statuses().entry(EntryKey(key)).opId().value() == opId,
-            "the statuses of key " + std::to_string(key) + " differ");
+    require(world_->statuses().entry(EntryKey(key)).opId().value() == opId, "the statuses of key ", key,
+            " differ");
   for (ModelRecord const& m : model_.records())
     require(world_->engine()->currentOpId(EntryKey(m.key)).value() == m.opId, "currentOpId differs");
 }

@@ -2,6 +2,7 @@
 #include "testing/model/model.h"
 
 #include <algorithm>
+#include <sstream>
 
 namespace Testing {
 namespace {
@@ -17,12 +18,19 @@ bool contains(std::vector<U64> const& keys, U64 key) {
   return std::find(keys.begin(), keys.end(), key) != keys.end();
 }
 void drop(std::vector<U64>& keys, U64 key) { std::erase(keys, key); }
-void require(bool condition, std::string const& what) {
-  if (!condition) throw Illegal(what);
+template <class Error, class... Parts>
+void otherwise(bool condition, Parts const&... parts) {
+  if (condition) [[likely]]
+    return;
+  std::ostringstream what;
+  (what << ... << parts);
+  throw Error(what.str());
 }
-void survive(bool condition, std::string const& assertion) {
-  if (!condition) throw Fatal("assertion " + assertion);
+template <class... Parts>
+void require(bool condition, Parts const&... parts) {
+  otherwise<Illegal>(condition, parts...);
 }
+void survive(bool condition, char const* assertion) { otherwise<Fatal>(condition, "assertion ", assertion); }
 bool samePriority(ModelRecord const& a, ModelRecord const& b) { return a.prio == b.prio && a.pg == b.pg; }
 
 }  // namespace
@@ -543,7 +551,7 @@ U64 Model::nextCandidate() {
   require(choices_ && candidatesTaken_ < choices_->candidates.size(),
           "the deadlock check stopped while keys were blocked");
   U64 const candidate = choices_->candidates[candidatesTaken_++];
-  require(contains(blocked_, candidate), "a candidate that is not blocked: " + std::to_string(candidate));
+  require(contains(blocked_, candidate), "a candidate that is not blocked: ", candidate);
   return candidate;
 }
 
@@ -629,19 +637,18 @@ void Model::checkHardware() const {
   for (ModelRecord const& a : records_)
     for (ModelRecord const& b : records_) {
       if (&a == &b || a.at == nowhere || b.at == nowhere) continue;
-      require(a.at != b.at, "two entries at position " + std::to_string(a.at));
+      require(a.at != b.at, "two entries at position ", a.at);
       bool const ordered =
           a.pg != b.pg || precedence(a.pg, a.at) > precedence(b.pg, b.at) || a.prio <= b.prio;
-      require(ordered,
-              "order broken between positions " + std::to_string(a.at) + " and " + std::to_string(b.at));
+      require(ordered, "order broken between positions ", a.at, " and ", b.at);
     }
 }
 
 void Model::checkClaims() const {
   for (ModelRecord const& a : records_)
     for (ModelRecord const& b : records_)
-      require(&a == &b || a.waitsFor == nowhere || a.waitsFor != b.waitsFor,
-              "two entries wait for position " + std::to_string(a.waitsFor));
+      require(&a == &b || a.waitsFor == nowhere || a.waitsFor != b.waitsFor, "two entries wait for position ",
+              a.waitsFor);
 }
 
 }  // namespace Testing

@@ -63,11 +63,12 @@ class Model {
  public:
   explicit Model(EngineChoice const& engine);
 
-  // Both handle maps emptied, as through their writers.
+  // Both handle maps emptied, as through their writers. / No dependants fail from now on.
   void forgetHandles() {
     handleToKey_.clear();
     keyToHandle_.clear();
   }
+  void forgetFailures() { fails_.clear(); }
 
   // What creating the front end does: one walk of the empty table.
   void start();

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+// Small worlds, tried exhaustively: every sequence of a given length over a short list of operations, each run from an
+// empty world (or a given beginning) on engine and model.
+//
+// Sequences that only rename keys, groups or handles are tried once: each name may be used first only after those below it.
+// An operation that would end the process is left out, and so is what would follow it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "testing/differ.h"
+
+namespace Testing {
+
+// One letter of the alphabet. Its version, unless given, is one that rises with the place in the sequence.
+struct Operation {
+  Step step;
+  U32 key = 0;  // index of the key's, group's and handle's name; the step carries the values
+  U32 group = 0;
+  U32 handle = 0;
+  bool givenOpId = false;
+};
+
+struct SmallWorld {
+  std::string name = {};
+  EngineChoice engine = {};
+  std::vector<Step> beginning = {};
+  std::vector<Operation> alphabet = {};
+  U32 length = 4;
+  U32 keysNamed = 0;      // names that the beginning has used already
+  bool symmetric = true;  // keys may be renamed
+  bool symmetricGroups = true;
+  bool mayEndProcess = false;  // some operations end the process after some others
+};
+
+struct Explored {
+  U64 sequences = 0;  // of full length
+  U64 prefixes = 0;   // distinct sequences of any length, each compared
+  U64 steps = 0;      // run and compared, without the beginnings and the way back to the empty world
+  U64 rings = 0;
+};
+
+// Throws Difference; `scenario` is the sequence that was being run then.
+Explored explore(SmallWorld const& world, Scenario& scenario);
+
+// The worlds of the check; with `extra`, each sequence is that much longer.
+std::vector<SmallWorld> smallWorlds(U32 extra);
+
+}  // namespace Testing
