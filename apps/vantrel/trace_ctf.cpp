@@ -1,0 +1,177 @@
+// SPDX-License-Identifier: Apache-2.0
+// Records as a CTF trace: a stream a trace file, an event class a message site, a field a value.
+#include <fmt/format.h>
+
+#include <cctype>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "apps/vantrel/ctf_writer.h"
+#include "apps/vantrel/trace_sinks.h"
+
+namespace VantrelCommand {
+namespace {
+
+using Lumelog::Reader;
+using Lumelog::Record;
+using Lumelog::SiteInfo;
+
+template <class T>
+struct Put {
+  void operator()(T* object) const { bt_ctf_object_put_ref(object); }
+};
+template <class T>
+using Ref = std::unique_ptr<T, Put<T>>;
+
+// "blocked by key:" names the field blocked_by_key. Each name once in a message; none starts with what CTF reserves.
+std::string fieldName(std::string const& label, std::set<std::string>& taken) {
+  std::string name;
+  for (char c : label) {
+    if (std::isalnum(static_cast<unsigned char>(c)))
+      name += c;
+    else if (!name.empty() && name.back() != '_')
+      name += '_';
+  }
+  while (name.ends_with('_')) name.pop_back();
+  if (name.empty() || std::isdigit(static_cast<unsigned char>(name.front()))) name = "value_" + name;
+  std::string unique = name;
+  for (unsigned n = 2; !taken.insert(unique).second; ++n) unique = fmt::format("{}_{}", name, n);
+  return unique;
+}
+
+// The library puts an event's name between quotes as it is.
+std::string eventName(std::string const& text) {
+  std::string name;
+  for (char c : text) {
+    if (c == '"' || c == '\\') name += '\\';
+    name += static_cast<unsigned char>(c) < ' ' ? ' ' : c;
+  }
+  return name;
+}
+
+class Ctf : public TraceSink {
+ public:
+  explicit Ctf(std::string const& directory) : directory_(directory) {
+    if (std::filesystem::exists(directory) && !std::filesystem::is_empty(directory))
+      throw std::runtime_error(
+          fmt::format("{} is not empty, expected a new directory for the CTF trace", directory));
+    writer_.reset(bt_ctf_writer_create(directory.c_str()));
+    check(writer_ != nullptr);
+    clock_.reset(bt_ctf_clock_create("realtime"));
+    check(clock_ && bt_ctf_writer_add_clock(writer_.get(), clock_.get()) == 0);
+    streamClass_.reset(bt_ctf_stream_class_create("vantrel"));
+    check(streamClass_ && bt_ctf_stream_class_set_clock(streamClass_.get(), clock_.get()) == 0);
+  }
+  ~Ctf() override {
+    // The writer refers to them and goes last.
+    events_.clear();
+    streams_.clear();
+  }
+
+  void record(Reader const& reader, Record const& record) override {
+    Event const& kind = event(*record.site, reader);
+    Ref<bt_ctf_event> const event(bt_ctf_event_create(kind.eventClass.get()));
+    check(event != nullptr);
+    setNumber(event.get(), "level", record.site->level);
+    setText(event.get(), "source", fmt::format("{}:{}", record.site->file, record.site->line));
+    setNumber(event.get(), "process", reader.pid());
+    for (std::size_t i = 0; i < record.values.size(); ++i) {
+      Lumelog::Value const& value = record.values[i];
+      value.type == 's' ? setText(event.get(), kind.fields[i], std::string(value.text))
+                        : setNumber(event.get(), kind.fields[i], value.number);
+    }
+    // Files of different processes may overlap by their clocks' errors; here time never runs back.
+    lastNs_ = std::max(lastNs_, record.realNs);
+    check(bt_ctf_clock_set_time(clock_.get(), static_cast<std::int64_t>(lastNs_)) == 0);
+    Stream& out = stream(reader);
+    check(bt_ctf_stream_append_event(out.stream.get(), event.get()) == 0);
+    if (++out.waiting == eventsAPacket) flush(out);
+  }
+  void pause() override {
+    for (auto& [reader, out] : streams_)
+      if (out.waiting) flush(out);
+    bt_ctf_writer_flush_metadata(writer_.get());
+  }
+
+ private:
+  static constexpr unsigned eventsAPacket = 4096;
+  struct Event {
+    Ref<bt_ctf_event_class> eventClass;
+    std::vector<std::string> fields;  // of the values
+  };
+  struct Stream {
+    Ref<bt_ctf_stream> stream;
+    unsigned waiting = 0;  // events that are not flushed
+  };
+
+  void check(bool ok) const {
+    if (!ok) throw std::runtime_error(fmt::format("cannot write a CTF trace to {}", directory_));
+  }
+
+  void flush(Stream& out) const {
+    check(bt_ctf_stream_flush(out.stream.get()) == 0);
+    out.waiting = 0;
+  }
+
+  Stream& stream(Reader const& reader) {
+    Stream& out = streams_[&reader];
+    if (!out.stream) out.stream.reset(bt_ctf_writer_create_stream(writer_.get(), streamClass_.get()));
+    check(out.stream != nullptr);
+    return out;
+  }
+
+  Event const& event(SiteInfo const& site, Reader const& reader) {
+    auto const [at, isNew] = events_.try_emplace({&reader, site.id});
+    if (isNew) at->second = makeEvent(site);
+    return at->second;
+  }
+
+  Event makeEvent(SiteInfo const& site) const {
+    Event kind{Ref<bt_ctf_event_class>(bt_ctf_event_class_create(eventName(site.format()).c_str())), {}};
+    check(kind.eventClass != nullptr);
+    std::set<std::string> taken;
+    auto add = [&](char type, std::string const& label) {
+      std::string const name = fieldName(label, taken);
+      Ref<bt_ctf_field_type> const fieldType(type == 's'
+                                                 ? bt_ctf_field_type_string_create()
+                                                 : bt_ctf_field_type_integer_create(type == 'q' ? 64 : 32));
+      check(fieldType &&
+            bt_ctf_event_class_add_field(kind.eventClass.get(), fieldType.get(), name.c_str()) == 0);
+      return name;
+    };
+    add('i', "level");
+    add('s', "source");
+    add('i', "process");
+    for (std::size_t i = 0; i < site.types.size(); ++i)
+      kind.fields.push_back(add(site.types[i], i == 0 ? "id" : site.labels[i - 1]));
+    check(bt_ctf_stream_class_add_event_class(streamClass_.get(), kind.eventClass.get()) == 0);
+    return kind;
+  }
+
+  void setNumber(bt_ctf_event* event, std::string const& field, U64 value) const {
+    Ref<bt_ctf_field> const payload(bt_ctf_event_get_payload(event, field.c_str()));
+    check(payload && bt_ctf_field_integer_unsigned_set_value(payload.get(), value) == 0);
+  }
+  void setText(bt_ctf_event* event, std::string const& field, std::string const& value) const {
+    Ref<bt_ctf_field> const payload(bt_ctf_event_get_payload(event, field.c_str()));
+    check(payload && bt_ctf_field_string_set_value(payload.get(), value.c_str()) == 0);
+  }
+
+  std::string const directory_;
+  Ref<bt_ctf_writer> writer_;
+  Ref<bt_ctf_clock> clock_;
+  Ref<bt_ctf_stream_class> streamClass_;
+  std::map<std::pair<Reader const*, U32>, Event> events_;
+  std::map<Reader const*, Stream> streams_;
+  U64 lastNs_ = 0;
+};
+
+}  // namespace
+
+std::unique_ptr<TraceSink> ctfSink(std::string const& directory) { return std::make_unique<Ctf>(directory); }
+
+}  // namespace VantrelCommand
