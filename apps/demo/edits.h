@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+// Changes to a rule set as an operator makes them: some at every place of the file.
+#pragma once
+
+#include <random>
+#include <vector>
+
+#include "apps/vantrel/acl/rule.h"
+
+namespace Demo {
+
+using Rules = std::vector<Acl::Rule>;
+
+// Puts `n` rules that drop one host each at random places.
+void insertBlocks(Rules& rules, std::size_t n, std::mt19937& random);
+// Takes `n` rules from random places, the last one never: it decides what no other rule does.
+void removeSome(Rules& rules, std::size_t n, std::mt19937& random);
+// Reverses `n` neighbouring rules in the middle.
+void reverseBlock(Rules& rules, std::size_t n);
+
+}  // namespace Demo
