@@ -2,7 +2,9 @@
 #include "ostra/publish_peer.h"
 
 #include <fmt/format.h>
+#include <linux/sockios.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -93,7 +95,11 @@ void Peer::withdrawn(std::string const& name) {
 }
 
 bool Peer::stalledFor(int calls) {
-  stalledCalls_ = backlog() == 0 || std::exchange(progressed_, false) ? 0 : stalledCalls_ + 1;
+  int unread = 0;  // a slow peer empties the socket's buffer long before it is writable again
+  ::ioctl(fd(), SIOCOUTQ, &unread);
+  bool const reads = std::exchange(progressed_, false) || std::exchange(unread_, unread) != unread;
+  bool const waits = interest() & EPOLLOUT;
+  stalledCalls_ = reads || !waits ? 0 : stalledCalls_ + 1;
   return stalledCalls_ >= calls;
 }
 

@@ -89,6 +89,7 @@ class Peer {
   bool broken_ = false;
   bool progressed_ = false;  // since stalledFor was called last
   int stalledCalls_ = 0;
+  int unread_ = 0;  // bytes in the socket's buffer at the last call
 };
 
 }  // namespace Ostra

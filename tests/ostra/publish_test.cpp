@@ -1,0 +1,566 @@
+// SPDX-License-Identifier: Apache-2.0
+// The protocol of the management socket, line by line, and what a peer can and cannot do to the agent.
+#include "ostra/publish.h"
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <memory>
+#include <random>
+
+#include "raw_peer.h"
+#include "sample.h"
+
+namespace OstraTest {
+namespace {
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+
+constexpr std::size_t megabyte = 1 << 20;
+
+// In the way of an object without attributes that notify.
+class Silent : public Ostra::Described {
+ public:
+  U32 count() const { return 3; }
+  static Ostra::TypeInfo const& staticType() {
+    static Ostra::TypeInfo const type =
+        Ostra::TypeInfo::of<Silent>("OstraTest::Silent").attribute("count", &Silent::count);
+    return type;
+  }
+  Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
+};
+
+class PublishTest : public testing::Test {
+ protected:
+  PublishTest() { publish({}); }
+  void publish(Ostra::Publisher::Options options) {
+    publisher_.reset();
+    publisher_ = std::make_unique<Ostra::Publisher>(path_, options);
+    publisher_->exportObject("sample", sample_);
+    publisher_->exportObject("silent", Ostra::make<Silent>());
+  }
+  void pump(int times = 20) {
+    for (int i = 0; i < times; ++i) publisher_->dispatch();
+  }
+  // Until the publisher has nothing more to do.
+  void settle() {
+    pollfd p{publisher_->fd(), POLLIN, 0};
+    for (int i = 0; i < 100000 && ::poll(&p, 1, 0) > 0; ++i) publisher_->dispatch();
+    ASSERT_EQ(0, ::poll(&p, 1, 0)) << "the publisher comes to rest";
+  }
+  // The answer to one line.
+  std::string ask(RawPeer& peer, std::string const& line) {
+    peer.take();
+    peer.write(line + '\n');
+    for (int i = 0; i < 1000 && peer.lines().empty() && !peer.closed(); ++i) {
+      publisher_->dispatch();
+      peer.read();
+    }
+    return peer.lines().empty() ? "no answer" : peer.lines().front();
+  }
+  // Everything that there is to read now.
+  void drain(RawPeer& peer, Picture& picture) {
+    std::size_t idle = 0;
+    while (idle < 3) {
+      pump(4);
+      peer.read();
+      idle = peer.lines().empty() ? idle + 1 : 0;
+      for (std::string const& line : peer.take()) picture.take(line);
+    }
+  }
+
+  TemporaryDirectory dir_;
+  std::string const path_ = dir_.path() + "/mgmt.sock";
+  Ostra::Ptr<Sample> sample_ = Ostra::make<Sample>("sample");
+  std::unique_ptr<Ostra::Publisher> publisher_;
+};
+
+TEST_F(PublishTest, ListsEntitiesAndTheirAttributes) {
+  RawPeer peer(path_);
+  EXPECT_EQ(R"({"answer":"list","entities":[)"
+            R"({"entity":"sample","type":"OstraTest::Sample","mountable":true},)"
+            R"({"entity":"silent","type":"OstraTest::Silent","mountable":false}],"tag":1})",
+            ask(peer, R"({"verb":"list","tag":1})"));
+  sample_->lockedIs(true);
+  std::string const answer = ask(peer, R"({"verb":"list","entity":"sample","tag":"a"})");
+  EXPECT_THAT(
+      answer,
+      StartsWith(
+          R"({"answer":"list","entity":"sample","type":"OstraTest::Sample","attributes":[)"
+          R"({"name":"level","kind":"scalar","type":"U8","writable":true,"refused":"it is locked"},)"));
+  EXPECT_THAT(answer, HasSubstr(R"({"name":"fixed","kind":"scalar","type":"U32","writable":false})"));
+  EXPECT_THAT(answer, HasSubstr(R"x({"name":"add","kind":"operation","type":"(U8)","writable":false})x"));
+  EXPECT_THAT(answer, EndsWith(R"("tag":"a"})"));
+}
+
+TEST_F(PublishTest, ReadsWritesDeletesAndInvokes) {
+  RawPeer peer(path_);
+  EXPECT_EQ(R"({"answer":"write","entity":"sample","attribute":"level","value":7,"tag":9})",
+            ask(peer, R"({"verb":"write","entity":"sample","attribute":"level","value":7,"tag":9})"));
+  EXPECT_EQ(7, sample_->level());
+  EXPECT_EQ(R"({"answer":"read","entity":"sample","attribute":"level","value":7})",
+            ask(peer, R"({"verb":"read","entity":"sample","attribute":"level"})"));
+  EXPECT_EQ(R"({"answer":"read","entity":"sample","values":{"level":7,"title":"","ratio":0.0,"locked":false,)"
+            R"("fixed":7,"version":0}})",
+            ask(peer, R"({"verb":"read","entity":"sample"})"));
+  EXPECT_EQ(R"({"answer":"write","entity":"sample","attribute":"ordered","key":4,"value":"four"})",
+            ask(peer, R"({"verb":"write","entity":"sample","attribute":"ordered","key":4,"value":"four"})"));
+  EXPECT_EQ(R"({"answer":"read","entity":"sample","attribute":"ordered","key":4,"value":"four"})",
+            ask(peer, R"({"verb":"read","entity":"sample","attribute":"ordered","key":4})"));
+  EXPECT_EQ(R"({"answer":"read","entity":"sample","attribute":"ordered","members":[[4,"four"]]})",
+            ask(peer, R"({"verb":"read","entity":"sample","attribute":"ordered"})"));
+  EXPECT_EQ(R"({"answer":"delete","entity":"sample","attribute":"ordered","key":4})",
+            ask(peer, R"({"verb":"delete","entity":"sample","attribute":"ordered","key":4})"));
+  EXPECT_THAT(sample_->ordered(), IsEmpty());
+  EXPECT_EQ(R"({"answer":"invoke","entity":"sample","operation":"add"})",
+            ask(peer, R"({"verb":"invoke","entity":"sample","operation":"add","arguments":[3]})"));
+  EXPECT_EQ(10, sample_->level());
+}
+
+TEST_F(PublishTest, TheReadOfALongCollectionTakesSeveralLines) {
+  for (U64 k = 0; k < 2000; ++k) sample_->hashedIs(k, k + 1);
+  RawPeer peer(path_);
+  peer.write(
+      "{\"verb\":\"read\",\"entity\":\"sample\",\"attribute\":\"hashed\",\"tag\":5}\n{\"verb\":\"list\"}\n");
+  pump(50);
+  peer.read();
+  std::map<U64, U64> members;
+  std::size_t lines = 0;
+  for (bool more = true; more; ++lines) {
+    Json const line = Json::parse(peer.lines().at(lines));
+    EXPECT_EQ("read", line.at("answer"));
+    EXPECT_EQ(5, line.at("tag"));
+    for (Json const& m : line.at("members")) members[m[0].get<U64>()] = m[1].get<U64>();
+    more = line.value("more", false);
+  }
+  EXPECT_EQ(2000u, members.size());
+  EXPECT_EQ(100u, members.at(99));
+  EXPECT_GT(lines, 5u);
+  EXPECT_THAT(peer.lines().at(lines), HasSubstr(R"({"answer":"list")"))
+      << "answers come in the order of requests";
+}
+
+TEST_F(PublishTest, AMountIsASnapshotThenEachChange) {
+  sample_->levelIs(1);
+  sample_->orderedIs(3, "three");
+  sample_->versionIs(8);
+  RawPeer peer(path_);
+  EXPECT_EQ(R"({"answer":"mount","entity":"sample","type":"OstraTest::Sample","tag":1})",
+            ask(peer, R"({"verb":"mount","type":"OstraTest::Sample","tag":1})"));
+  settle();
+  peer.read();
+  peer.read();
+  EXPECT_THAT(
+      peer.take(),
+      ElementsAre(R"({"answer":"mount","entity":"sample","type":"OstraTest::Sample","tag":1})",
+                  R"({"event":"snapshot","entity":"sample"})",
+                  R"({"event":"set","entity":"sample","attribute":"ordered","members":[[3,"three"]]})",
+                  R"({"event":"set","entity":"sample","attribute":"level","value":1})",
+                  R"({"event":"set","entity":"sample","attribute":"title","value":""})",
+                  R"({"event":"set","entity":"sample","attribute":"ratio","value":0.0})",
+                  R"({"event":"set","entity":"sample","attribute":"locked","value":false})",
+                  R"({"event":"set","entity":"sample","attribute":"fixed","value":7})",
+                  R"({"event":"set","entity":"sample","attribute":"version","value":8})",
+                  R"({"event":"live","entity":"sample"})"));
+  sample_->versionIs(9);
+  sample_->orderedIs(4, "four");
+  sample_->orderedDel(3);
+  sample_->orderedIs(5, "five");
+  settle();
+  peer.read();
+  EXPECT_THAT(
+      peer.take(),
+      ElementsAre(
+          R"({"event":"set","entity":"sample","attribute":"ordered","members":[[4,"four"],[5,"five"]]})",
+          R"({"event":"del","entity":"sample","attribute":"ordered","keys":[3]})",
+          R"({"event":"set","entity":"sample","attribute":"version","value":9})"))
+      << "scalars come when everything else is told";
+  EXPECT_EQ(R"({"answer":"unmount","entity":"sample"})",
+            ask(peer, R"({"verb":"unmount","entity":"sample"})"));
+  EXPECT_TRUE(sample_->attributeWatchers().empty()) << "nobody watches any more";
+  peer.take();
+  sample_->versionIs(10);
+  settle();
+  peer.read();
+  EXPECT_THAT(peer.lines(), IsEmpty());
+}
+
+TEST_F(PublishTest, MistakesAreAnsweredAndTheConnectionGoesOn) {
+  RawPeer peer(path_);
+  sample_->lockedIs(true);
+  std::string const nested = std::string(9, '[') + std::string(9, ']');
+  std::vector<std::pair<std::string, std::string>> const mistakes{
+      {"hello", "expected one JSON object a line, got something that is not JSON"},
+      {"{\"verb\":\"list\"", "expected one JSON object a line, got something that is not JSON"},
+      {"[]", "expected a JSON object, got another JSON value"},
+      {"3", "expected a JSON object, got another JSON value"},
+      {nested, "a line nests at most 8 levels deep"},
+      {"{}", "the request needs \"verb\""},
+      {R"({"verb":4})", "\"verb\" must be a text"},
+      {R"({"verb":"frobnicate"})",
+       "unknown verb \"frobnicate\"; expected list, mount, unmount, read, write, delete or invoke"},
+      {R"({"verb":"list","tag":[1]})", "\"tag\" must be a number or a text"},
+      {R"({"verb":"list","entity":7})", "\"entity\" must be a text"},
+      {R"({"verb":"read"})", "the request needs \"entity\""},
+      {R"({"verb":"read","entity":"no"})", "no entity is named \"no\"; there are: sample, silent"},
+      {R"({"verb":"read","entity":"sample","attribute":"add"})",
+       "add of OstraTest::Sample is not a scalar attribute"},
+      {R"({"verb":"read","entity":"sample","attribute":"ordered","key":1})", "ordered has no member 1"},
+      {R"({"verb":"read","entity":"sample","attribute":"ordered","key":"x"})",
+       "ordered expects a value of type U32, got \"x\""},
+      {R"({"verb":"write","entity":"sample","attribute":"title"})", "the request needs \"value\""},
+      {R"({"verb":"write","entity":"sample","attribute":"title","value":3})",
+       "title expects a value of type text, got 3"},
+      {R"({"verb":"write","entity":"sample","attribute":"title","value":[3]})",
+       "\"value\" must be a bool, an unsigned integer, a double, a text or null"},
+      {R"({"verb":"write","entity":"sample","attribute":"version","value":-1})",
+       "\"value\" must be a bool, an unsigned integer, a double, a text or null"},
+      {R"({"verb":"write","entity":"sample","attribute":"fixed","value":1})",
+       "fixed of OstraTest::Sample cannot be written"},
+      {R"({"verb":"write","entity":"sample","attribute":"level","value":1})",
+       "level of OstraTest::Sample cannot be written: it is locked"},
+      {R"({"verb":"write","entity":"sample","attribute":"title","key":1,"value":1})",
+       "title of OstraTest::Sample is not a collection"},
+      {R"({"verb":"invoke","entity":"sample","operation":"add"})", "add takes 1 arguments, got 0"},
+      {R"({"verb":"invoke","entity":"sample","operation":"add","arguments":{}})",
+       "\"arguments\" must be an array"},
+      {R"({"verb":"invoke","entity":"sample","operation":"fail"})", "the sample failed"},
+      {R"({"verb":"unmount","entity":"sample"})", "sample is not mounted"},
+      {R"({"verb":"mount","type":"Nothing"})", "no entity has the type \"Nothing\""},
+      {R"({"verb":"mount","entity":"sample","type":"Nothing"})",
+       "sample has the type OstraTest::Sample, not \"Nothing\""},
+      {R"({"verb":"mount","entity":"silent"})",
+       "silent does not tell its changes and cannot be mounted; read it instead"},
+  };
+  for (auto const& [line, error] : mistakes)
+    EXPECT_EQ(error, Json::parse(ask(peer, line)).value("error", "no error")) << line;
+  EXPECT_EQ(R"({"error":"the request needs \"entity\"","tag":"t"})",
+            ask(peer, R"({"verb":"read","tag":"t"})"));
+  EXPECT_EQ(0, sample_->level());
+  EXPECT_THAT(ask(peer, R"({"verb":"list"})"), HasSubstr("entities"));
+}
+
+TEST_F(PublishTest, TwoEntitiesOfATypeMustBeNamed) {
+  publisher_->exportObject("other", Ostra::make<Sample>("other"));
+  RawPeer peer(path_);
+  EXPECT_THAT(ask(peer, R"({"verb":"mount","type":"OstraTest::Sample"})"),
+              HasSubstr("several entities have the type OstraTest::Sample: other and sample"));
+}
+
+TEST_F(PublishTest, LinesMayComeInPieces) {
+  RawPeer peer(path_);
+  std::string const request = "{\"verb\":\"list\"}\n";
+  for (char const c : request) {
+    EXPECT_THAT(peer.lines(), IsEmpty());
+    peer.write(std::string_view(&c, 1));
+    pump(3);
+    peer.read();
+  }
+  EXPECT_THAT(peer.lines(), SizeIs(1));
+  peer.write(R"({"verb":"li)");
+  pump();
+  peer.close();
+  settle();
+  EXPECT_EQ(0u, publisher_->peers());
+}
+
+TEST_F(PublishTest, ManyRequestsAtOnceAreAllAnsweredInOrder) {
+  RawPeer peer(path_);
+  std::string requests;
+  for (int i = 0; i < 500; ++i)
+    requests += fmt::format("{{\"verb\":\"read\",\"entity\":\"silent\",\"tag\":{}}}\n", i);
+  std::string_view rest = requests;
+  for (int i = 0; i < 1000 && peer.lines().size() < 500; ++i) {
+    if (!rest.empty()) rest.remove_prefix(peer.write(rest));
+    publisher_->dispatch();
+    peer.read();
+  }
+  ASSERT_THAT(peer.lines(), SizeIs(500));
+  for (int i = 0; i < 500; ++i)
+    EXPECT_EQ(i, Json::parse(peer.lines()[static_cast<std::size_t>(i)])["tag"].get<int>());
+}
+
+TEST_F(PublishTest, APeerThatSaysNoMoreGetsItsAnswersFirst) {
+  RawPeer peer(path_);
+  for (U64 k = 0; k < 20000; ++k) sample_->hashedIs(k, k);
+  peer.write("{\"verb\":\"read\",\"entity\":\"sample\",\"attribute\":\"hashed\"}\n{\"verb\":\"list\"}\n");
+  ::shutdown(peer.fd(), SHUT_WR);
+  for (int i = 0; i < 1000 && !peer.closed(); ++i) {
+    publisher_->dispatch();
+    peer.read();
+  }
+  EXPECT_TRUE(peer.closed());
+  EXPECT_THAT(peer.lines().back(), HasSubstr("entities"));
+  EXPECT_EQ(0u, publisher_->peers());
+}
+
+TEST_F(PublishTest, ALineOfAHundredMegabytesIsCutOffEarly) {
+  RawPeer peer(path_);
+  std::string const piece(megabyte, 'x');
+  std::size_t const before = residentBytes();
+  std::size_t sent = 0;
+  while (sent < 100 * megabyte && !peer.closed()) {
+    sent += peer.write(piece);
+    publisher_->dispatch();
+    peer.read();
+  }
+  EXPECT_TRUE(peer.closed());
+  EXPECT_THAT(peer.lines(), ElementsAre(R"({"error":"a line is longer than 65536 bytes"})"));
+  EXPECT_LT(sent, 2 * megabyte);
+  EXPECT_LT(residentBytes(), before + 8 * megabyte);
+  RawPeer next(path_);
+  EXPECT_THAT(ask(next, R"({"verb":"list"})"), HasSubstr("entities"));
+}
+
+TEST_F(PublishTest, DeepNestingIsAnError) {
+  RawPeer peer(path_);
+  EXPECT_THAT(ask(peer, std::string(60000, '[')), HasSubstr("nests at most"));
+  std::string objects;
+  for (int i = 0; i < 10000; ++i) objects += "{\"a\":";
+  EXPECT_THAT(ask(peer, objects), HasSubstr("nests at most"));
+  EXPECT_THAT(ask(peer, R"({"verb":"[[[[[[[[[[[["})"), HasSubstr("unknown verb"))
+      << "brackets in a text nest nothing";
+}
+
+TEST_F(PublishTest, GarbageNeverDoesHarm) {
+  std::mt19937 random(4711);
+  std::vector<std::string> const seeds{
+      R"({"verb":"mount","entity":"sample","tag":1})",
+      R"({"verb":"write","entity":"sample","attribute":"level","value":7})",
+      R"({"verb":"read","entity":"sample","attribute":"ordered","key":3})",
+      R"({"verb":"invoke","entity":"sample","operation":"add","arguments":[1]})"};
+  for (int round = 0; round < 300; ++round) {
+    RawPeer peer(path_);
+    for (int n = 0; n < 10; ++n) {
+      std::string line = seeds[random() % seeds.size()];
+      for (auto flips = random() % 6; flips > 0; --flips)
+        line[random() % line.size()] =
+            static_cast<char>(random() % 4 == 0 ? random() : "{}[]\",:0\n\\"[random() % 10]);
+      peer.write(line + '\n');
+      pump(2);
+    }
+    peer.read();
+    for (std::string const& line : peer.take()) ASSERT_TRUE(Json::accept(line)) << line;
+  }
+  RawPeer peer(path_);
+  EXPECT_THAT(ask(peer, R"({"verb":"list"})"), HasSubstr("entities"));
+}
+
+TEST_F(PublishTest, ADeafPeerCostsABoundedAmountAndLaterGetsTheNewestValues) {
+  RawPeer peer(path_);
+  ask(peer, R"({"verb":"mount","entity":"sample"})");
+  Picture picture;
+  drain(peer, picture);
+  std::size_t const before = residentBytes();
+  for (U64 round = 1; round <= 1000; ++round) {
+    for (U64 k = 0; k < 1000; ++k) sample_->hashedIs(k, k * round);
+    sample_->versionIs(static_cast<U32>(round));
+    pump(3);
+  }
+  EXPECT_LT(residentBytes(), before + 48 * megabyte) << "a million changes are not kept";
+  picture.told.clear();
+  drain(peer, picture);
+  EXPECT_EQ(1000, picture.scalars.at("version"));
+  ASSERT_EQ(1000u, picture.collections.at("hashed").size());
+  for (U64 k = 0; k < 1000; ++k) EXPECT_EQ(k * 1000, picture.collections["hashed"][k].get<U64>());
+  U64 most = 0;
+  for (auto const& [k, times] : picture.told["hashed"]) most = std::max(most, times);
+  EXPECT_LT(most, 100u) << "only what fits the buffers is told step by step";
+  EXPECT_TRUE(picture.live);
+}
+
+TEST_F(PublishTest, ABurstOfChangesOfOneMemberIsToldOnce) {
+  RawPeer peer(path_);
+  ask(peer, R"({"verb":"mount","entity":"sample"})");
+  Picture picture;
+  drain(peer, picture);
+  picture.told.clear();
+  for (U64 i = 1; i <= 100000; ++i) {
+    sample_->hashedIs(5, i);
+    sample_->levelIs(static_cast<U8>(i));
+  }
+  drain(peer, picture);
+  EXPECT_EQ(1u, picture.told["hashed"][5]);
+  EXPECT_EQ(100000, picture.collections["hashed"][5]);
+  EXPECT_EQ(1, picture.snapshots) << "no need for a fresh one";
+}
+
+TEST_F(PublishTest, AWatcherThatFellFarBehindGetsAFreshSnapshot) {
+  for (U64 k = 0; k < 40000; ++k) sample_->hashedIs(k, 1);
+  RawPeer peer(path_);
+  ask(peer, R"({"verb":"mount","entity":"sample"})");
+  Picture picture;
+  drain(peer, picture);
+  for (U64 k = 0; k < 40000; k += 2) sample_->hashedDel(k);
+  for (U64 k = 1; k < 40000; k += 2) sample_->hashedIs(k, 2);
+  sample_->versionIs(1);
+  drain(peer, picture);
+  EXPECT_EQ(2, picture.snapshots);
+  EXPECT_TRUE(picture.live);
+  EXPECT_EQ(20000u, picture.collections["hashed"].size());
+  EXPECT_EQ(2, picture.collections["hashed"][39999]);
+}
+
+TEST_F(PublishTest, ARemountGivesAFreshSnapshot) {
+  RawPeer peer(path_);
+  ask(peer, R"({"verb":"mount","entity":"sample"})");
+  Picture picture;
+  drain(peer, picture);
+  ask(peer, R"({"verb":"mount","entity":"sample"})");
+  drain(peer, picture);
+  EXPECT_EQ(2, picture.snapshots + 0);
+  EXPECT_TRUE(picture.live);
+}
+
+TEST_F(PublishTest, AWithdrawnEntityIsGoneForThoseWhoMountedIt) {
+  RawPeer watching(path_), asking(path_);
+  ask(watching, R"({"verb":"mount","entity":"sample"})");
+  settle();
+  watching.read();
+  watching.take();
+  publisher_->withdraw("sample");
+  settle();
+  watching.read();
+  EXPECT_THAT(watching.lines(), ElementsAre(R"({"event":"gone","entity":"sample"})"));
+  EXPECT_TRUE(sample_->attributeWatchers().empty());
+  EXPECT_THAT(ask(asking, R"({"verb":"read","entity":"sample"})"), HasSubstr("no entity is named"));
+}
+
+// Whatever the order of changes, reading and stalls, a peer ends with the truth, and whenever it is told a version it
+// has everything that was there when the version was written.
+TEST_F(PublishTest, RandomChangesAndReadingPatternsEndInTheTruth) {
+  std::mt19937 random(99);
+  std::map<U64, std::map<U64, U64>> history;  // hashed at each version
+  std::vector<std::unique_ptr<RawPeer>> peers;
+  std::vector<Picture> pictures(5);
+  for (std::size_t i = 0; i < pictures.size(); ++i) {
+    peers.push_back(std::make_unique<RawPeer>(path_));
+    ask(*peers.back(), R"({"verb":"mount","entity":"sample"})");
+  }
+  auto const take = [&](std::size_t i) {
+    for (std::string const& line : peers[i]->take()) {
+      pictures[i].take(line);
+      if (line.find("\"version\"") == std::string::npos || pictures[i].scalars["version"] == 0) continue;
+      std::map<U64, U64> seen;
+      for (auto const& [k, v] : pictures[i].collections["hashed"]) seen[k] = v.get<U64>();
+      ASSERT_EQ(history.at(pictures[i].scalars["version"].get<U64>()), seen) << "peer " << i;
+    }
+  };
+  for (U32 version = 1; version <= 60; ++version) {
+    U64 const keys = random() % 10 == 0 ? 30000 : 300;
+    for (U64 n = random() % (keys / 2); n > 0; --n) {
+      if (U64 const k = random() % keys; random() % 3)
+        sample_->hashedIs(k, U64{random()});
+      else
+        sample_->hashedDel(k);
+    }
+    sample_->versionIs(version);
+    history[version] = {sample_->hashed().begin(), sample_->hashed().end()};
+    for (int n = 0; n < 20; ++n) {
+      publisher_->dispatch();
+      std::size_t const i = random() % peers.size();
+      if (random() % 5 < i) continue;  // the later ones read seldom
+      peers[i]->read(1 + random() % 60000);
+      take(i);
+    }
+  }
+  for (std::size_t i = 0; i < peers.size(); ++i) {
+    for (int idle = 0; idle < 5;) {
+      pump(4);
+      peers[i]->read();
+      idle = peers[i]->lines().empty() ? idle + 1 : 0;
+      take(i);
+    }
+    EXPECT_EQ(60, pictures[i].scalars["version"]) << "peer " << i;
+    EXPECT_TRUE(pictures[i].live);
+  }
+}
+
+TEST_F(PublishTest, TooManyConnectionsAreToldSo) {
+  publish({.mostPeers = 3});
+  std::vector<std::unique_ptr<RawPeer>> peers;
+  for (int i = 0; i < 3; ++i) peers.push_back(std::make_unique<RawPeer>(path_));
+  pump();
+  RawPeer late(path_);
+  pump();
+  late.read();
+  late.read();
+  EXPECT_THAT(late.lines(), ElementsAre(R"({"error":"too many connections"})"));
+  EXPECT_TRUE(late.closed());
+  peers.pop_back();
+  pump();
+  RawPeer next(path_);
+  EXPECT_THAT(ask(next, R"({"verb":"list"})"), HasSubstr("entities"));
+}
+
+TEST_F(PublishTest, OnlyAPeerThatReadsNothingIsDropped) {
+  publish({.stallSeconds = 0.2});
+  for (U64 k = 0; k < 200000; ++k) sample_->hashedIs(k, k);
+  RawPeer deaf(path_), slow(path_), idle(path_);
+  ask(idle, R"({"verb":"list"})");
+  for (RawPeer* peer : {&deaf, &slow}) peer->write("{\"verb\":\"mount\",\"entity\":\"sample\"}\n");
+  pollfd p{publisher_->fd(), POLLIN, 0};
+  for (int i = 0; i < 3000 && publisher_->peers() == 3; ++i) {
+    ::poll(&p, 1, 10);
+    publisher_->dispatch();
+    slow.read(4000);
+  }
+  EXPECT_EQ(2u, publisher_->peers());
+  while (!deaf.closed()) deaf.read();
+  Picture picture;
+  for (std::string const& line : deaf.take())
+    if (Json::accept(line)) picture.take(line);
+  EXPECT_FALSE(picture.live);
+  for (int i = 0; i < 100000 && !picture.live; ++i) {
+    publisher_->dispatch();
+    slow.read();
+    for (std::string const& line : slow.take()) picture.take(line);
+  }
+  EXPECT_TRUE(picture.live) << "the slow one got it all";
+  EXPECT_EQ(200000u, picture.collections["hashed"].size());
+  EXPECT_THAT(ask(idle, R"({"verb":"list"})"), HasSubstr("entities"));
+}
+
+TEST_F(PublishTest, TheSocketIsForOwnerAndGroup) {
+  struct stat s {};
+  ASSERT_EQ(0, ::stat(path_.c_str(), &s));
+  EXPECT_EQ(0660u, s.st_mode & 0777u);
+  EXPECT_EQ(::geteuid(), s.st_uid);
+}
+
+TEST_F(PublishTest, APathThatCannotBeASocketIsRefused) {
+  auto const errorOf = [](std::string const& path) {
+    try {
+      Ostra::Publisher const publisher(path);
+    } catch (std::runtime_error const& e) {
+      return std::string(e.what());
+    }
+    return std::string("no error");
+  };
+  EXPECT_THAT(errorOf(path_), EndsWith("mgmt.sock: a live agent serves it already"));
+  EXPECT_THAT(errorOf(dir_.path() + "/none/mgmt.sock"), HasSubstr("No such file or directory"));
+  EXPECT_THAT(errorOf(dir_.path() + "/" + std::string(200, 'x')), HasSubstr("expected 1 to 107 bytes"));
+  std::string const file = dir_.path() + "/file";
+  std::ofstream(file) << "mine";
+  EXPECT_THAT(errorOf(file), EndsWith("file: the path exists and is not a socket"));
+  std::string content;
+  std::ifstream(file) >> content;
+  EXPECT_EQ("mine", content);
+  RawPeer peer(path_);
+  EXPECT_THAT(ask(peer, R"({"verb":"list"})"), HasSubstr("entities")) << "the live agent is not disturbed";
+}
+
+TEST_F(PublishTest, TheSocketGoesWithThePublisher) {
+  publisher_.reset();
+  EXPECT_NE(0, ::access(path_.c_str(), F_OK));
+  EXPECT_FALSE(RawPeer(path_).connected());
+}
+
+}  // namespace
+}  // namespace OstraTest
