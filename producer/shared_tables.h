@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// SharedTables: the two tables in a directory as a producer has them: DIR/config.shoal to write, DIR/status.shoal to
-// read, whether an agent has made it yet or not.
+// SharedTables: the two tables in a directory as a producer has them: DIR/config.shoal to write,
+// DIR/status.shoal to read, whether an agent has made it yet or not.
 //
 //   SharedTables tables(dir);
 //   Producer producer(tables.config(), tables.status(), Mapping::fast(), tables.changes());
@@ -8,8 +8,8 @@
 //   ...
 //   while (!waiting.done()) tables.wait(1.0);        // sleeps on the status table's descriptor
 //
-// Invariants: the status table is one object from the beginning: empty until the agent makes its file, then that file's
-//   contents, also when another agent replaces it; whoever watches it is told of all of that.
+// Invariants: the status table is one object from the beginning: empty until the agent makes its file, then
+//   that file's contents, also when another agent replaces it; whoever watches it is told of all of that.
 // Ownership: holds both tables; the configuration table has no other writer meanwhile.
 // Threading: one thread.
 // Cost: at rest, nothing.

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the producer chooses by itself: versions, handles, low parts; and that it finds all of it again in the tables.
+// What the producer chooses by itself: versions, handles, low parts; and that it finds all of it again in the
+// tables.
 #include <map>
 #include <random>
 #include <set>

@@ -16,7 +16,8 @@ Rule matchOf(Rule rule) {
   return rule;
 }
 
-// A match that the table holds more often is paired in order instead of by trial.
+// A match that the table holds as often as it is wanted, or more often than this, is paired in order, not by
+// trial.
 constexpr std::size_t maxCandidates = 16;
 // A stretch that gave up its entries is spread so thin that it will not soon do so again.
 constexpr U64 spareFactor = 16;
@@ -24,12 +25,20 @@ constexpr U64 spareFactor = 16;
 class Differ {
  public:
   Differ(std::vector<Held> const& held, std::vector<Rule> const& wanted, U32 step)
-      : held_(held), wanted_(wanted), step_(step), placed_(wanted.size()), set_(wanted.size()) {}
+      : held_(held),
+        wanted_(wanted),
+        step_(step),
+        byMatch_(heldByMatch()),
+        taken_(held.size()),
+        placed_(wanted.size()),
+        set_(wanted.size()) {}
 
   Diff run() {
     keepLongestFit();
+    keepMoreRepeated();
     fillGaps();
-    return {std::move(placed_), leftover()};
+    std::vector<std::size_t> left = leftover();
+    return {std::move(placed_), std::move(left)};
   }
 
  private:
@@ -38,6 +47,7 @@ class Differ {
     std::size_t held;
   };
   using Band = std::vector<std::size_t>;
+  using ByMatch = boost::unordered_flat_map<Rule, std::vector<std::size_t>, std::hash<Rule>>;
 
   // ---- which entries stay
 
@@ -45,26 +55,52 @@ class Differ {
     std::vector<Candidate> const candidates = findCandidates();
     std::vector<U32> prios;
     for (Candidate const& c : candidates) prios.push_back(held_[c.held].prio);
-    std::vector<bool> taken(held_.size());
     for (std::size_t const member : longestNonDecreasing(prios)) {
       auto const [rank, held] = candidates[member];
-      if (set_[rank] || taken[held] || !joins(rank, held_[held].prio)) continue;
-      taken[held] = true;
-      placed_[rank].held = held;
-      place(rank, held_[held].prio);
+      if (!set_[rank] && !taken_[held] && joins(rank, held_[held].prio)) keep(rank, held);
     }
   }
 
-  // In the order of the wanted rules; of one rule the greater priorities first, so that no chain takes two of them.
+  // A chain may name one entry for several equal rules, of which only the first got it. The others take what
+  // is left of their match, as far as it fits between those that stay.
+  void keepMoreRepeated() {
+    std::vector<U64> ceiling(wanted_.size() + 1, ~U64{0});  // the least priority that stays from a rank on
+    for (std::size_t rank = wanted_.size(); rank-- > 0;)
+      ceiling[rank] = set_[rank] ? placed_[rank].prio : ceiling[rank + 1];
+    U32 floor = 0;
+    for (std::size_t rank = 0; rank < wanted_.size(); ++rank) {
+      if (!set_[rank]) keepRepeated(rank, floor, ceiling[rank]);
+      if (set_[rank]) floor = placed_[rank].prio;
+    }
+  }
+  void keepRepeated(std::size_t rank, U32 floor, U64 ceiling) {
+    auto const at = byMatch_.find(matchOf(wanted_[rank]));
+    if (at == byMatch_.end()) return;
+    for (std::size_t const held : at->second) {
+      U32 const prio = held_[held].prio;
+      if (taken_[held] || prio < floor || prio > ceiling || !joins(rank, prio)) continue;
+      keep(rank, held);
+      return;
+    }
+  }
+  void keep(std::size_t rank, std::size_t held) {
+    taken_[held] = true;
+    placed_[rank].held = held;
+    place(rank, held_[held].prio);
+  }
+
+  // In the order of the wanted rules; of one rule the greater priorities first, so that no chain takes two of
+  // them.
   std::vector<Candidate> findCandidates() const {
-    auto const byMatch = heldByMatch();
+    boost::unordered_flat_map<Rule, std::size_t, std::hash<Rule>> times;
+    for (Rule const& rule : wanted_) ++times[matchOf(rule)];
     boost::unordered_flat_map<Rule, std::size_t, std::hash<Rule>> seen;
     std::vector<Candidate> candidates;
     for (std::size_t rank = 0; rank < wanted_.size(); ++rank) {
-      auto const at = byMatch.find(matchOf(wanted_[rank]));
-      if (at == byMatch.end()) continue;
+      auto const at = byMatch_.find(matchOf(wanted_[rank]));
+      if (at == byMatch_.end()) continue;
       std::vector<std::size_t> const& same = at->second;
-      if (same.size() <= maxCandidates) {
+      if (same.size() <= maxCandidates && same.size() != times[at->first]) {
         for (auto held = same.rbegin(); held != same.rend(); ++held) candidates.push_back({rank, *held});
       } else if (std::size_t const nth = seen[at->first]++; nth < same.size()) {
         candidates.push_back({rank, same[nth]});
@@ -73,8 +109,9 @@ class Differ {
     return candidates;
   }
 
-  boost::unordered_flat_map<Rule, std::vector<std::size_t>, std::hash<Rule>> heldByMatch() const {
-    boost::unordered_flat_map<Rule, std::vector<std::size_t>, std::hash<Rule>> byMatch;
+  // By ascending priority.
+  ByMatch heldByMatch() const {
+    ByMatch byMatch;
     for (std::size_t i = 0; i < held_.size(); ++i) byMatch[matchOf(held_[i].rule)].push_back(i);
     for (auto& [match, same] : byMatch)
       std::ranges::stable_sort(same, {}, [this](std::size_t i) { return held_[i].prio; });
@@ -127,7 +164,7 @@ class Differ {
         continue;
       }
       std::size_t const end = gapEnd(rank);
-      if (fillGap(rank, end, reach ? spareFactor : 1)) {
+      if (fillGap(rank, end, reach ? spare() : 1)) {
         rank = end;
         reach = 0;
       } else {
@@ -136,6 +173,7 @@ class Differ {
       }
     }
   }
+  U64 spare() const { return std::clamp<U64>(step_ / 4, 1, spareFactor); }
   std::size_t gapEnd(std::size_t rank) const {
     while (rank < wanted_.size() && !stays(rank)) ++rank;
     return rank;
@@ -156,7 +194,8 @@ class Differ {
     return false;
   }
 
-  // Puts the first rules of the gap into the band before it, as far as they fit; returns the first that does not.
+  // Puts the first rules of the gap into the band before it, as far as they fit; returns the first that does
+  // not.
   std::size_t joinBefore(std::size_t begin, std::size_t end) {
     if (begin == 0) return begin;
     U32 const prio = placed_[begin - 1].prio;
@@ -186,7 +225,7 @@ class Differ {
     U64 const low = begin == 0 ? 0 : placed_[begin - 1].prio;
     U64 const steps = low + step_ * U64{bands.size() + 1};
     U64 const high = !open ? placed_[end].prio : std::min(steps, all);
-    if (high - low - 1 < bands.size() * (open ? 1 : spare)) return false;
+    if (high <= low + bands.size() * (open ? 1 : spare)) return false;
     for (std::size_t j = 0; j < bands.size(); ++j) {
       U32 const prio = static_cast<U32>(low + (j + 1) * (high - low) / (bands.size() + 1));
       for (std::size_t const rank : bands[j]) place(rank, prio);
@@ -216,6 +255,8 @@ class Differ {
   std::vector<Held> const& held_;
   std::vector<Rule> const& wanted_;
   U32 const step_;
+  ByMatch const byMatch_;       // entries
+  std::vector<bool> taken_;     // entries that stayed at first
   std::vector<Placed> placed_;  // a rule without an entry has its priority once set_
   std::vector<bool> set_;
   boost::unordered_flat_map<U32, Band> bands_;  // by priority: ranks

@@ -113,7 +113,8 @@ void Loader::keep(Target& target, Record const& record) {
   ++counts_.kept;
 }
 
-// A group that has become too small for the entries that would stay in it: the last ones start anew elsewhere.
+// A group that has become too small for the entries that would stay in it: the last ones start anew
+// elsewhere.
 void Loader::giveUpSurplus() {
   std::vector<U32> stays(capacity_.size());
   bool changed = false;
@@ -173,7 +174,7 @@ void Loader::advance() {
 // An agent that was started anew meanwhile has to acknowledge everything again.
 void Loader::confirm() {
   for (Target& target : targets_) target.unawaited = true;
-  awaitWritten();
+  awaitUnwritten();
   stage_ = acknowledgements_.done() ? Stage::Finished : Stage::Confirming;
 }
 
@@ -188,7 +189,7 @@ void Loader::putRound() {
   renewContested(groups);
   moveOld(groups);
   writeTargets(groups);
-  awaitWritten();
+  awaitUnwritten();
   stage_ = Stage::Putting;
 }
 
@@ -228,7 +229,8 @@ std::vector<Loader::Group> Loader::arrange() const {
   return all;
 }
 
-// Entries of one priority that are wanted in another order take one another's places, so that the spacing stays.
+// Entries of one priority that are wanted in another order take one another's places, so that the spacing
+// stays.
 void Loader::tradePlaces(Group& group) {
   std::vector<U32> places;
   for (auto band = group.begin(); band != group.end();) {
@@ -250,13 +252,13 @@ void Loader::layOutGroup(Group& group, U16 pg) const {
   for (std::size_t i = 0; i < group.size(); ++i) group[i].ti = producer_.mapping().position(pg, result[i]);
 }
 
-// Whoever claims a position with the greater version drops the older claim for good. So an entry that stays where
-// another record wants to be, too, claims its position anew, before the other one is sent elsewhere.
+// Whoever claims a position with the greater version drops the older claim for good. So an entry that stays
+// where another record wants to be, too, claims its position anew, before the other one is sent elsewhere.
 void Loader::renewContested(std::vector<Group> const& groups) {
   forTargets(groups, [this](Target& target, U32 ti) {
     if (!target.contested || target.presence != Presence::Present || ti != target.ti) return;
-    if (!producer_.acknowledged(target.key)) producer_.move(target.key, ti);
     target.contested = false;
+    if (!producer_.acknowledged(target.key)) written(target, producer_.move(target.key, ti));
   });
 }
 
@@ -282,32 +284,36 @@ void Loader::writeTargets(std::vector<Group> const& groups) {
 
 void Loader::change(Target& target, U32 ti) {
   if (!target.update && target.ti == ti) return;
-  if (target.update)
-    put(target, ti);
-  else
-    producer_.move(target.key, ti);
+  OpId const opId = target.update ? put(target, ti) : producer_.move(target.key, ti);
   counts_.updated += target.update;
   counts_.moved += target.ti != ti;
   target.ti = ti;
   target.update = false;
-  target.unawaited = true;
+  written(target, opId);
 }
 
 void Loader::add(Target& target, U32 ti) {
   target.key = producer_.freshKey();
-  put(target, ti);
+  OpId const opId = put(target, ti);
   target.ti = ti;
   target.presence = Presence::Present;
-  target.unawaited = true;
   ++counts_.added;
+  written(target, opId);
 }
 
-void Loader::put(Target const& target, U32 ti) {
+OpId Loader::put(Target const& target, U32 ti) {
   Words const words = encode(target.rule);
-  producer_.put({.key = target.key, .pg = target.pg, .prio = target.prio, .ti = ti, .data = words});
+  return producer_.put({.key = target.key, .pg = target.pg, .prio = target.prio, .ti = ti, .data = words});
 }
 
-void Loader::awaitWritten() {
+void Loader::written(Target& target, OpId opId) {
+  target.unawaited = false;
+  if (handler_) handler_(target.key);
+  acknowledgements_.await(target.key, opId);
+}
+
+// What an earlier load wrote.
+void Loader::awaitUnwritten() {
   for (Target& target : targets_) {
     if (!target.unawaited) continue;
     target.unawaited = false;
@@ -330,6 +336,7 @@ U64 Loader::mark(Which which) {
   for (Old& old : old_) {
     if (old.marked || !which(old)) continue;
     producer_.markDeleted(old.key);
+    if (handler_) handler_(old.key);
     acknowledgements_.await(old.key, OpId::deleteAcknowledge());
     old.marked = true;
     --filled_[old.pg];
@@ -340,7 +347,8 @@ U64 Loader::mark(Which which) {
   return marked;
 }
 
-// Old entries whose successor is there, or that have none. When there is no such entry and no room, some others.
+// Old entries whose successor is there, or that have none. When there is no such entry and no room, some
+// others.
 U64 Loader::markReady() {
   U64 const ready = mark([this](Old const& old) {
     return !old.successor || targets_[*old.successor].presence == Presence::Present;

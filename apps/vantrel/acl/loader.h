@@ -1,26 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
-// Loader: brings the configuration table to a rule set, changing as little as possible and never more at a time than the
-// hardware can follow without a break.
+// Loader: brings the configuration table to a rule set, changing as little as possible and never more at a
+// time than the hardware can follow without a break.
 //
 //   Loader loader(producer, acknowledgements, size);
 //   loader.start(rules);
 //   while (!loader.finished()) { ...wait until acknowledgements.done()...; loader.advance(); }
 //
-// One round: rules that are new, or that come at another rank, get new keys; entries that are in their way move; when
-// every wanted entry is acknowledged, the old keys are marked for delete, and once that is acknowledged their records go.
-// If old and new do not fit together, entries without a successor go first, and the others change in as many rounds
-// as the room asks for; a table without any free position has to give up an entry before it can take one.
+// One round: rules that are new, or that come at another rank, get new keys; entries that are in their way
+// move; when every wanted entry is acknowledged, the old keys are marked for delete, and once that is
+// acknowledged their records go. If old and new do not fit together, entries without a successor go first,
+// and the others change in as many rounds as the room asks for; a table without any free position has to give
+// up an entry before it can take one.
 //
-// Invariants: after each round all entries have different positions, in the order of their priorities inside each group:
-//   an engine that programs make-before-break reaches that from anything it can hold. All that the loader knows lies in
-//   the table: after a crash at any moment a new loader goes on from there.
+// Invariants: after each round all entries have different positions, in the order of their priorities inside
+//   each group: an engine that programs make-before-break reaches that from anything it can hold. All that
+//   the loader knows lies in the table: after a crash at any moment a new loader goes on from there.
 // Ownership: refers to producer and acknowledgements.
 // Threading: one thread.
-// Errors: std::runtime_error, before anything is written, for rules that do not fit and for a table that holds entries of
-//   another kind.
+// Errors: std::runtime_error, before anything is written, for rules that do not fit and for a table that
+//   holds entries of another kind.
 #pragma once
 
+#include <functional>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "apps/vantrel/acl/rule.h"
@@ -42,14 +45,18 @@ class Loader {
   // `size`: positions 0 to size-1 may be used.
   Loader(Vantrel::Producer& producer, Vantrel::Acknowledgements& acknowledgements, U32 size);
 
+  // Called for each entry that is to be acknowledged, when it has been written and before it is awaited. May
+  // dispatch the status table.
+  void onWrittenIs(std::function<void(Vantrel::EntryKey)> handler) { handler_ = std::move(handler); }
+
   // Compares and writes the first round.
   void start(std::vector<Rule> const& rules);
   // Goes on when everything that was written is acknowledged.
   void advance();
   // Nothing is left to write or to remove.
   bool finished() const { return stage_ == Stage::Finished; }
-  // For a caller that is not going to wait: marks the entries without a successor. What remains to be done is done by
-  // the next loader.
+  // For a caller that is not going to wait: marks the entries without a successor. What remains to be done is
+  // done by the next loader.
   void leave();
 
   Counts const& counts() const { return counts_; }
@@ -70,7 +77,7 @@ class Loader {
     U32 ti = 0;
     bool update = false;     // the entry holds another action
     bool contested = false;  // another record names its position
-    bool unawaited = false;  // found in the table or written, and not yet awaited
+    bool unawaited = false;  // found in the table
   };
   // An entry that has to go.
   struct Old {
@@ -116,8 +123,9 @@ class Loader {
   void writeTargets(std::vector<Group> const& groups);
   void change(Target& target, U32 ti);
   void add(Target& target, U32 ti);
-  void put(Target const& target, U32 ti);
-  void awaitWritten();
+  Vantrel::OpId put(Target const& target, U32 ti);
+  void written(Target& target, Vantrel::OpId opId);
+  void awaitUnwritten();
   void confirm();
   template <class Visit>
   void forTargets(std::vector<Group> const& groups, Visit visit);
@@ -134,6 +142,7 @@ class Loader {
 
   Vantrel::Producer& producer_;
   Vantrel::Acknowledgements& acknowledgements_;
+  std::function<void(Vantrel::EntryKey)> handler_;
   Stage stage_ = Stage::Idle;
   Counts counts_;
   std::vector<Target> targets_;            // in order of the rules

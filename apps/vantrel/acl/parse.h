@@ -3,8 +3,8 @@
 //
 //   @SRC/LEN  DST/LEN  SPORT_LO : SPORT_HI  DPORT_LO : DPORT_HI  PROTO/MASK  FLAGS/MASK  [permit|deny|mark N]
 //
-// Blank and tab separate; empty lines and lines that start with # are passed over. Numbers are decimal, masks 0x.
-// Bits that a prefix length or a mask does not look at are dropped.
+// Blank and tab separate; empty lines and lines that start with # are passed over. Numbers are decimal, masks
+// 0x. Bits that a prefix length or a mask does not look at are dropped.
 //
 // Errors: ParseError: file, line, column and what was expected there. Nothing is read partly.
 #pragma once

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Rule: one line of a packet filter, its match and its action, and the words in which an entry carries it.
 //
-// Invariants: canonical: bits that a mask does not look at are zero, so that equal rules are equal values. Two rules
-//   overlap when some packet matches both; the fields are independent of one another, so that is exactly the case when
-//   they have a value in common in every field.
+// Invariants: canonical: bits that a mask does not look at are zero, so that equal rules are equal values.
+//   Two rules overlap when some packet matches both; the fields are independent of one another, so that is
+//   exactly the case when they have a value in common in every field.
 // Cost: a value of 40 bytes; five comparisons an overlap test.
 #pragma once
 

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/vantrel/agent_view.h"
+
+#include <filesystem>
+#include <utility>
+
+#include "ostra/mount.h"
+#include "vantrel/engine/debug_entities.h"
+
+namespace VantrelCommand {
+namespace {
+
+using Vantrel::DebugConfig;
+using Vantrel::DebugStatus;
+
+template <class Positions, class OpIds>
+void collect(Positions const& positions, OpIds const& opIds, std::map<U32, Snapshot::Place>& places) {
+  for (auto const& [ti, key] : positions) {
+    auto const opId = opIds.find(key);
+    places[ti] = {key, opId == opIds.end() ? Vantrel::OpId() : opId->second};
+  }
+}
+
+class SocketView : public AgentView {
+ public:
+  explicit SocketView(std::string path) : path_(std::move(path)) {}
+
+  std::optional<Snapshot> snapshot(double seconds) override {
+    if (!std::filesystem::exists(path_)) return fail("no agent listens on " + path_);
+    if (!agent_) connect();
+    if (!agent_->dispatchUntil([this] { return agent_->live(*config_) && agent_->live(*status_); }, seconds))
+      return fail(agent_->problem().empty() ? "the agent does not answer on " + path_ : agent_->problem());
+    config_->versionInc(1);
+    if (!agent_->dispatchUntil([this] { return status_->version() == config_->version(); }, seconds))
+      return fail("the agent took no snapshot in time");
+    Snapshot snapshot;
+    collect(status_->status(), status_->statusOpId(), snapshot.programmed);
+    collect(status_->pending(), status_->pendingOpId(), snapshot.waiting);
+    return snapshot;
+  }
+  std::string problem() const override { return problem_; }
+
+ private:
+  void connect() {
+    agent_ = std::make_unique<Ostra::Mounter>(path_);
+    config_ = agent_->mount<DebugConfig>({}, Ostra::Mounter::Access::Writable);
+    status_ = agent_->mount<DebugStatus>();
+  }
+  std::nullopt_t fail(std::string why) {
+    problem_ = std::move(why);
+    return std::nullopt;
+  }
+
+  std::string const path_;
+  std::string problem_;
+  Ostra::Ptr<DebugConfig> config_;
+  Ostra::Ptr<DebugStatus> status_;
+  std::unique_ptr<Ostra::Mounter> agent_;
+};
+
+}  // namespace
+
+std::unique_ptr<AgentView> agentViewOf(std::string const& dir) {
+  return std::make_unique<SocketView>(dir + "/mgmt.sock");
+}
+
+}  // namespace VantrelCommand

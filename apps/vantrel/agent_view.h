@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+// AgentView: what the agent itself says of its engine, for whoever wants to explain why something takes long.
+//
+// Errors: an agent that does not answer is no error: there is no snapshot, and problem() says why.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "vantrel/core/entry.h"
+
+namespace VantrelCommand {
+
+// The engine at one moment.
+struct Snapshot {
+  struct Place {
+    Vantrel::EntryKey key;
+    Vantrel::OpId opId;
+  };
+  std::map<U32, Place> programmed;  // by position
+  std::map<U32, Place> waiting;     // by the position that is waited for
+};
+
+class AgentView {
+ public:
+  virtual ~AgentView() = default;
+  // A snapshot taken now, unless the agent does not give one within `seconds`.
+  virtual std::optional<Snapshot> snapshot(double seconds) = 0;
+  // Why there was none.
+  virtual std::string problem() const = 0;
+};
+
+// Asks the agent of a directory over its management socket.
+std::unique_ptr<AgentView> agentViewOf(std::string const& dir);
+
+}  // namespace VantrelCommand

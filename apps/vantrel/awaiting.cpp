@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/vantrel/awaiting.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "apps/vantrel/agent_view.h"
+#include "apps/vantrel/explain.h"
+
+namespace VantrelCommand {
+namespace {
+
+constexpr double tick = 0.25;             // how often progress is looked at
+constexpr double snapshotSeconds = 10.0;  // how long the agent may take to explain itself
+constexpr std::size_t mostExplained = 50;
+
+// The keys from `begin` on, as "keys 4-9, 12".
+std::string ranges(std::vector<Vantrel::EntryKey> const& keys, std::size_t begin) {
+  std::string text = "keys ";
+  for (std::size_t i = begin; i < keys.size();) {
+    std::size_t last = i;
+    while (last + 1 < keys.size() && keys[last + 1].value() == keys[last].value() + 1) ++last;
+    if (i != begin) text += ", ";
+    text += std::to_string(keys[i].value());
+    if (last != i) text += "-" + std::to_string(keys[last].value());
+    i = last + 1;
+  }
+  return text;
+}
+
+}  // namespace
+
+Awaiting::Awaiting(std::string dir, Vantrel::SharedTables& tables, std::optional<double> timeout, bool quiet)
+    : dir_(std::move(dir)),
+      tables_(tables),
+      acknowledgements_(tables.status()),
+      timeout_(timeout),
+      progress_(quiet) {}
+
+double Awaiting::secondsLeft() const {
+  if (!timeout_) return tick;
+  return *timeout_ - std::chrono::duration<double>(Clock::now() - started_).count();
+}
+
+void Awaiting::untilDone(std::string const& what) {
+  U64 all = acknowledgements_.outstanding();
+  while (!acknowledgements_.done()) {
+    double const left = secondsLeft();
+    if (left <= 0) late();
+    tables_.wait(std::min(left, tick));
+    all = std::max(all, acknowledgements_.outstanding());
+    progress_.show(what, all - acknowledgements_.outstanding(), all);
+  }
+  progress_.clear();
+}
+
+void Awaiting::late() {
+  progress_.clear();
+  std::vector<Vantrel::EntryKey> const keys = acknowledgements_.keys();
+  std::string text = fmt::format("{} {} not acknowledged within {} s", keys.size(),
+                                 keys.size() == 1 ? "key is" : "keys are", *timeout_);
+  std::string noSnapshot = fmt::format("no agent has made {}", Vantrel::SharedTables::statusPath(dir_));
+  std::optional<Snapshot> snapshot;
+  if (tables_.hasStatus()) {
+    auto const agent = agentViewOf(dir_);
+    snapshot = agent->snapshot(snapshotSeconds);
+    noSnapshot = agent->problem();
+  }
+  if (!snapshot) text += fmt::format("; {}", noSnapshot);
+  Explainer const explainer(*tables_.config(), std::move(snapshot), noSnapshot);
+  for (std::size_t i = 0; i < std::min(keys.size(), mostExplained); ++i)
+    text += "\n  " + explainer.explain(keys[i]).text;
+  if (keys.size() > mostExplained) text += "\n  and " + ranges(keys, mostExplained);
+  throw Late(text);
+}
+
+}  // namespace VantrelCommand

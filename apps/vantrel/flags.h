@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+// Flags that several verbs share. A value that is wrong is a CLI::ValidationError: usage, exit 2.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <limits>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "pallo/types.h"
+#include "producer/mapping.h"
+
+namespace VantrelCommand {
+
+// A number, decimal or 0x, of at most `most`.
+U64 numberOf(std::string const& flag, std::string const& text, U64 most);
+
+// A flag that takes such a number.
+template <class T>
+CLI::Option* addNumber(CLI::App& app, std::string const& flag, std::optional<T>& value,
+                       std::string const& help, U64 most = std::numeric_limits<T>::max()) {
+  return app
+      .add_option_function<std::string>(
+          flag,
+          [&value, flag, most](std::string const& text) {
+            value = static_cast<T>(numberOf(flag, text, most));
+          },
+          help)
+      ->type_name("N");
+}
+// A flag that takes such numbers, separated by commas.
+CLI::Option* addNumbers(CLI::App& app, std::string const& flag, std::vector<U64>& values,
+                        std::string const& help);
+
+// --dir DIR
+CLI::Option* addDir(CLI::App& app, std::string& dir);
+// --json
+void addJson(CLI::App& app, bool& json);
+// --timeout S, a time of at least 0 seconds
+void addTimeout(CLI::App& app, std::optional<double>& seconds, std::string const& help);
+
+// --prio-grp-shift S, --max-partitions M: the engine's mapping, as the agent was told.
+struct MappingFlags {
+  std::optional<U32> prioGrpShift;
+  std::optional<U32> maxPartitions;
+  void addTo(CLI::App& app);
+  Vantrel::Mapping mapping() const;
+};
+
+}  // namespace VantrelCommand

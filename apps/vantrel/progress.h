@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+// Progress: shows how far something long has come, on stderr: a bar on a terminal, elsewhere a plain line
+// every few seconds. What ends within a second shows nothing.
+//
+// Cost: a clock reading a call.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "pallo/types.h"
+
+namespace VantrelCommand {
+
+class Progress {
+ public:
+  // `quiet`: shows nothing at all.
+  explicit Progress(bool quiet = false);
+  ~Progress();
+  Progress(Progress const&) = delete;
+  Progress& operator=(Progress const&) = delete;
+
+  void show(std::string const& what, U64 done, U64 all);
+  // Takes the bar off the terminal.
+  void clear();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  void draw(std::string const& what, U64 done, U64 all);
+
+  bool const quiet_;
+  bool const terminal_;
+  bool drawn_ = false;
+  Clock::time_point next_;
+};
+
+}  // namespace VantrelCommand

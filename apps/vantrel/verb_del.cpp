@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+// vantrel del: removes one entry, with or without acknowledgement.
+#include <fmt/format.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "apps/vantrel/awaiting.h"
+#include "apps/vantrel/command.h"
+#include "apps/vantrel/flags.h"
+#include "apps/vantrel/tables.h"
+#include "producer/producer.h"
+#include "producer/shared_tables.h"
+
+namespace VantrelCommand {
+namespace {
+
+using Vantrel::EntryConfig;
+using Vantrel::EntryKey;
+using Vantrel::Producer;
+
+struct Del {
+  std::string dir;
+  std::optional<U64> key;
+  bool ack = false;
+  std::optional<double> timeout;
+  bool json = false;
+
+  void run() const {
+    requireTable(Vantrel::SharedTables::configPath(dir));
+    Vantrel::SharedTables tables(dir);
+    Producer producer(tables.config(), tables.status(), Vantrel::Mapping::fast(), tables.changes());
+    EntryKey const which(*key);
+    if (tables.config()->entry(which) == EntryConfig())
+      throw std::runtime_error(
+          fmt::format("there is no key {} in {}", *key, Vantrel::SharedTables::configPath(dir)));
+    if (ack) acknowledged(tables, producer, which);
+    producer.remove(which);
+    if (json)
+      fmt::print("{}\n", nlohmann::ordered_json{{"key", *key}, {"acknowledged", ack}}.dump());
+    else
+      fmt::print("key {} is removed{}\n", *key, ack ? ", acknowledged" : "");
+  }
+
+  void acknowledged(Vantrel::SharedTables& tables, Producer& producer, EntryKey which) const {
+    producer.markDeleted(which);
+    Awaiting awaiting(dir, tables, timeout, json);
+    awaiting.await(which, Vantrel::OpId::deleteAcknowledge());
+    awaiting.untilDone("acknowledged");
+  }
+};
+
+}  // namespace
+
+void addDel(CLI::App& app) {
+  auto const del = std::make_shared<Del>();
+  CLI::App& verb = *app.add_subcommand("del", "Removes one entry");
+  addDir(verb, del->dir);
+  addNumber(verb, "--key", del->key, "The entry's key")->required();
+  verb.add_flag("--ack", del->ack,
+                "Marks it for delete, waits for the acknowledgement, then removes its record");
+  addTimeout(verb, del->timeout, "How long --ack waits; without it, as long as it takes");
+  addJson(verb, del->json);
+  verb.footer("Example:\n  vantrel del --dir /run/vantrel --key 7 --ack");
+  verb.callback([del] { del->run(); });
+}
+
+}  // namespace VantrelCommand

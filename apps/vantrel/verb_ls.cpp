@@ -1,0 +1,239 @@
+// SPDX-License-Identifier: Apache-2.0
+// vantrel ls: lists a table, or the row of positions. vantrel status: one key's state.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "apps/vantrel/acl/rule.h"
+#include "apps/vantrel/agent_view.h"
+#include "apps/vantrel/command.h"
+#include "apps/vantrel/flags.h"
+#include "producer/acknowledgements.h"
+#include "producer/shared_tables.h"
+#include "shoal/reader_table.h"
+
+namespace VantrelCommand {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Vantrel::EntryConfig;
+using Vantrel::EntryKey;
+using Vantrel::EntryStatus;
+using Vantrel::OpId;
+using Vantrel::SharedTables;
+using Vantrel::TableKey;
+using ConfigFile = Shoal::ReaderTable<EntryConfig>;
+using StatusFile = Shoal::ReaderTable<EntryStatus>;
+
+constexpr double snapshotSeconds = 10.0;
+
+// Every record, by key.
+template <class R>
+std::map<U64, R> recordsOf(Shoal::Table<R> const& table) {
+  std::map<U64, R> records;
+  for (auto place = table.first(); place; place = table.next(*place)) {
+    R const record = table.entry(place->key);
+    if (!(record == Shoal::RecordTraits<R>::empty())) records[place->key.value()] = record;
+  }
+  return records;
+}
+
+Json json(EntryConfig const& entry) {
+  Json line{{"key", entry.key().value()},
+            {"opId", entry.opId().value()},
+            {"hdl", entry.hdl()},
+            {"pg", entry.pg()},
+            {"prio", entry.prio()}};
+  if (entry.tableIndexs() == 1)
+    line["ti"] = entry.tableIndex(TableKey(0));
+  else
+    line["ti"] = entry.tableIndexes().elements();
+  line["del"] = entry.isDel();
+  line["data"] = entry.dataWords().elements();
+  if (auto const rule = Acl::decode(entry.dataWords().elements())) line["rule"] = Acl::text(*rule);
+  return line;
+}
+
+std::string content(EntryConfig const& entry) {
+  if (auto const rule = Acl::decode(entry.dataWords().elements())) return Acl::text(*rule);
+  std::string text;
+  for (U64 const word : entry.dataWords().elements())
+    text += fmt::format("{}{:#x}", text.empty() ? "" : ",", word);
+  return text;
+}
+
+std::string positions(EntryConfig const& entry) {
+  std::string text;
+  for (U32 const ti : entry.tableIndexes().elements())
+    text += fmt::format("{}{}", text.empty() ? "" : ",", ti);
+  return text;
+}
+
+void listConfig(std::string const& dir, bool asJson) {
+  ConfigFile const table(SharedTables::configPath(dir));
+  if (!asJson)
+    fmt::print("{:>10} {:>20} {:>10} {:>5} {:>10} {:>8}  {}\n", "KEY", "OPID", "HDL", "PG", "PRIO", "TI",
+               "DATA");
+  for (auto const& [key, entry] : recordsOf<EntryConfig>(table)) {
+    if (asJson)
+      fmt::print("{}\n", json(entry).dump());
+    else
+      fmt::print("{:>10} {:>20} {:>10} {:>5} {:>10} {:>8}  {}{}\n", key, entry.opId().value(), entry.hdl(),
+                 entry.pg(), entry.prio(), positions(entry), entry.isDel() ? "(to be deleted) " : "",
+                 content(entry));
+  }
+}
+
+void listStatus(std::string const& dir, bool asJson) {
+  StatusFile const table(SharedTables::statusPath(dir));
+  if (!asJson) fmt::print("{:>10} {:>20}\n", "KEY", "OPID");
+  for (auto const& [key, status] : recordsOf<EntryStatus>(table)) {
+    bool const deleted = status.opId() == OpId::deleteAcknowledge();
+    if (asJson)
+      fmt::print("{}\n", Json{{"key", key}, {"opId", status.opId().value()}, {"deleted", deleted}}.dump());
+    else
+      fmt::print("{:>10} {:>20}{}\n", key, status.opId().value(), deleted ? "  deleted" : "");
+  }
+}
+
+// ---- positions
+
+// One key at one position: what the agent has there, or what the producer wants there.
+struct Spot {
+  U32 ti;
+  EntryKey key;
+  OpId opId;
+  char const* state;
+};
+
+std::vector<Spot> spotsOf(Snapshot const& snapshot) {
+  std::vector<Spot> spots;
+  for (auto const& [ti, place] : snapshot.programmed)
+    spots.push_back({ti, place.key, place.opId, "programmed"});
+  for (auto const& [ti, place] : snapshot.waiting) spots.push_back({ti, place.key, place.opId, "waiting"});
+  return spots;
+}
+
+// Without the agent's word: an entry whose version is acknowledged is at its position.
+std::vector<Spot> spotsOf(std::map<U64, EntryConfig> const& wanted, Vantrel::TableStatus const* status) {
+  std::vector<Spot> spots;
+  for (auto const& [key, entry] : wanted) {
+    bool const there = status && readStatus(*status, EntryKey(key)).opId() == entry.opId();
+    for (U32 const ti : entry.tableIndexes().elements())
+      spots.push_back({ti, EntryKey(key), entry.opId(),
+                       entry.isDel() ? "to be deleted"
+                       : there       ? "programmed"
+                                     : "wanted"});
+  }
+  return spots;
+}
+
+void listPositions(std::string const& dir, bool asJson) {
+  ConfigFile const config(SharedTables::configPath(dir));
+  std::map<U64, EntryConfig> const wanted = recordsOf<EntryConfig>(config);
+  auto const agent = agentViewOf(dir);
+  auto const snapshot = agent->snapshot(snapshotSeconds);
+  Ostra::Ptr<StatusFile> status;
+  if (!snapshot && std::filesystem::exists(SharedTables::statusPath(dir)))
+    status = Ostra::make<StatusFile>(SharedTables::statusPath(dir));
+  std::vector<Spot> spots = snapshot ? spotsOf(*snapshot) : spotsOf(wanted, status.get());
+  std::ranges::stable_sort(spots, {}, &Spot::ti);
+  if (!asJson) {
+    if (!snapshot) fmt::print("from the tables: {}\n", agent->problem());
+    fmt::print("{:>10} {:<13} {:>10} {:>5} {:>10} {:>20}\n", "POSITION", "STATE", "KEY", "PG", "PRIO",
+               "OPID");
+  }
+  for (Spot const& spot : spots) {
+    auto const entry = wanted.find(spot.key.value());
+    bool const known = entry != wanted.end();
+    if (asJson) {
+      Json line{{"position", spot.ti},
+                {"state", spot.state},
+                {"key", spot.key.value()},
+                {"opId", spot.opId.value()}};
+      if (known) line.update({{"pg", entry->second.pg()}, {"prio", entry->second.prio()}});
+      fmt::print("{}\n", line.dump());
+    } else {
+      fmt::print("{:>10} {:<13} {:>10} {:>5} {:>10} {:>20}\n", spot.ti, spot.state, spot.key.value(),
+                 known ? std::to_string(entry->second.pg()) : "-",
+                 known ? std::to_string(entry->second.prio()) : "-", spot.opId.value());
+    }
+  }
+}
+
+// ---- one key
+
+char const* stateOf(EntryConfig const& entry, EntryStatus const& status) {
+  bool const gone = status.opId() == OpId::deleteAcknowledge();
+  if (entry == EntryConfig())
+    return gone ? "deleted" : status.opId() == OpId() ? "unknown" : "no longer wanted";
+  if (entry.isDel()) return gone ? "deleted" : "to be deleted";
+  if (status.opId() == entry.opId()) return "acknowledged";
+  return status.opId() == OpId() || gone ? "not acknowledged" : "an older version is acknowledged";
+}
+
+void showStatus(std::string const& dir, U64 key, bool asJson) {
+  StatusFile const statuses(SharedTables::statusPath(dir));
+  EntryStatus const status = statuses.entry(EntryKey(key));
+  EntryConfig entry;
+  if (std::filesystem::exists(SharedTables::configPath(dir)))
+    entry = ConfigFile(SharedTables::configPath(dir)).entry(EntryKey(key));
+  char const* const state = stateOf(entry, status);
+  if (asJson)
+    fmt::print("{}\n", Json{{"key", key},
+                            {"opId", status.opId().value()},
+                            {"wantedOpId", entry.opId().value()},
+                            {"state", state}}
+                           .dump());
+  else
+    fmt::print("key {}: {}, OpId {} of {}\n", key, state, status.opId().value(), entry.opId().value());
+}
+
+struct Listing {
+  std::string dir;
+  std::string what;
+  std::optional<U64> key;
+  bool json = false;
+};
+
+}  // namespace
+
+void addLs(CLI::App& app) {
+  auto const listing = std::make_shared<Listing>();
+  CLI::App& verb = *app.add_subcommand("ls", "Lists a table, or the positions from left to right");
+  verb.add_option("WHAT", listing->what, "config, status or positions")
+      ->required()
+      ->check(CLI::IsMember({"config", "status", "positions"}));
+  addDir(verb, listing->dir);
+  addJson(verb, listing->json);
+  verb.footer("Example:\n  vantrel ls positions --dir /run/vantrel --json");
+  verb.callback([listing] {
+    if (listing->what == "config") listConfig(listing->dir, listing->json);
+    if (listing->what == "status") listStatus(listing->dir, listing->json);
+    if (listing->what == "positions") listPositions(listing->dir, listing->json);
+  });
+}
+
+void addStatus(CLI::App& app) {
+  auto const listing = std::make_shared<Listing>();
+  CLI::App& verb = *app.add_subcommand("status", "Says what is acknowledged of one key");
+  verb.add_option_function<std::string>(
+          "KEY",
+          [listing](std::string const& text) {
+            listing->key = numberOf("KEY", text, std::numeric_limits<U64>::max());
+          },
+          "The entry's key")
+      ->required()
+      ->type_name("N");
+  addDir(verb, listing->dir);
+  addJson(verb, listing->json);
+  verb.footer("Example:\n  vantrel status 7 --dir /run/vantrel --json");
+  verb.callback([listing] { showStatus(listing->dir, *listing->key, listing->json); });
+}
+
+}  // namespace VantrelCommand
