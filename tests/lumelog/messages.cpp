@@ -1,0 +1,258 @@
+// SPDX-License-Identifier: Apache-2.0
+// Writes docs/messages.md from the sources of the library, or with --check says whether it is up to date.
+//
+//   messages [--check] SOURCE_DIR
+//
+// A message is a call of one of the macros below. Its text is the macro's literals one behind the other, with each value
+// as it stands in the source between braces; where it is written is the function around it.
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// How a call is written: which of its arguments is the level, and where the text starts.
+struct Form {
+  std::string_view call;
+  enum class Kind { Ring, Facility, Entry, Assertion } kind;
+  int level;    // argument number, -1: none
+  int text;     // argument number
+  int channel;  // argument number of the handle or the model file, -1: `fixed` says it
+  std::string_view fixed;
+};
+
+constexpr Form forms[] = {
+    {"VANTREL_RECORD(", Form::Kind::Ring, 0, 2, -1, ""},
+    {"VANTREL_TRACE(", Form::Kind::Facility, 1, 2, 0, ""},
+    {"VANTREL_TRACE_ENTRY(", Form::Kind::Entry, 1, 3, 0, ""},
+    {"SM_TRACE_ENTRY(", Form::Kind::Entry, -1, 0, -1, "VantrelSm"},
+    {"line(", Form::Kind::Facility, 0, 1, -1, "VantrelFastImpl"},  // the dump's lines
+    {"PALLO_ASSERT(", Form::Kind::Assertion, -1, 1, 0, ""},
+    {"ENGINE_ASSERT(", Form::Kind::Assertion, -1, 0, -1, "VantrelImpl"},
+    {"FAST_ASSERT(", Form::Kind::Assertion, -1, 0, -1, "FastVantrelImpl"},
+    {"FAST_ASSERT_AS(", Form::Kind::Assertion, -1, 1, -1, "FastVantrelImpl"},
+};
+
+struct Message {
+  std::string text, channel, level, where;
+};
+
+std::string read(fs::path const& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+bool isWord(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_'; }
+
+std::string trimmed(std::string_view text) {
+  std::string result;
+  for (char c : text) {
+    bool const blank = std::isspace(static_cast<unsigned char>(c));
+    if (!blank)
+      result += c;
+    else if (!result.empty() && result.back() != ' ')
+      result += ' ';
+  }
+  while (result.ends_with(' ')) result.pop_back();
+  return result;
+}
+
+// Blanks out comments, so that a macro named in one is no call; the length stays.
+std::string withoutComments(std::string text) {
+  bool quoted = false;
+  for (std::size_t i = 0; i + 1 < text.size(); ++i) {
+    if (text[i] == '\\') {
+      ++i;
+    } else if (text[i] == '"') {
+      quoted = !quoted;
+    } else if (!quoted && text[i] == '/' && text[i + 1] == '/') {
+      while (i < text.size() && text[i] != '\n') text[i++] = ' ';
+    }
+  }
+  return text;
+}
+
+// The arguments of a call whose opening parenthesis is at `open`.
+std::vector<std::string> arguments(std::string const& text, std::size_t open) {
+  std::vector<std::string> result(1);
+  int depth = 0;
+  bool quoted = false;
+  for (std::size_t i = open; i < text.size(); ++i) {
+    char const c = text[i];
+    bool const escaped = quoted && c == '\\';
+    if (c == '"') quoted = !quoted;
+    if (!quoted && (c == '(' || c == '{' || c == '[') && depth++ == 0) continue;
+    if (!quoted && (c == ')' || c == '}' || c == ']') && --depth == 0) break;
+    if (!quoted && c == ',' && depth == 1) {
+      result.emplace_back();
+      continue;
+    }
+    result.back() += c;
+    if (escaped) result.back() += text[++i];
+  }
+  for (std::string& argument : result) argument = trimmed(argument);
+  return result;
+}
+
+std::string unquoted(std::string const& literal) {
+  std::string result;
+  for (std::size_t i = 1; i + 1 < literal.size(); ++i) {
+    if (literal[i] == '\\') ++i;
+    result += literal[i];
+  }
+  return result;
+}
+
+bool isLiteral(std::string const& argument) { return argument.starts_with('"') && argument.ends_with('"'); }
+
+std::string textOf(Form const& form, std::vector<std::string> const& parts) {
+  if (form.kind == Form::Kind::Assertion) {
+    std::string text;
+    for (std::size_t i = static_cast<std::size_t>(form.text); i < parts.size(); ++i)
+      text += (text.empty() ? "" : ", ") + parts[i];
+    return isLiteral(text) && form.call.ends_with("_AS(") ? unquoted(text) : text;
+  }
+  if (form.kind == Form::Kind::Entry)
+    return "{signature} {model file}:{line} " + unquoted(parts[static_cast<std::size_t>(form.text)]);
+  std::string text;
+  for (std::size_t i = static_cast<std::size_t>(form.text); i < parts.size(); ++i)
+    text += isLiteral(parts[i]) ? unquoted(parts[i]) : "{" + parts[i] + "}";
+  return text;
+}
+
+std::string channelOf(Form const& form, std::vector<std::string> const& parts) {
+  std::string name =
+      form.channel < 0 ? std::string(form.fixed) : parts[static_cast<std::size_t>(form.channel)];
+  if (form.kind == Form::Kind::Ring) return "trace file";
+  if (form.kind == Form::Kind::Assertion) return "assertion, " + (isLiteral(name) ? unquoted(name) : name);
+  if (name == "vantrelSmTrace()") name = "VantrelSm";
+  if (name == "vantrelImplTrace()") name = "VantrelImpl";
+  if (name == "vantrelFastImplTrace()") name = "VantrelFastImpl";
+  return "facility " + name;
+}
+
+std::string levelOf(Form const& form, std::vector<std::string> const& parts) {
+  if (form.level >= 0) return parts[static_cast<std::size_t>(form.level)];
+  return form.kind == Form::Kind::Entry ? "8" : "";
+}
+
+// The function that a line opens; empty when it opens none.
+std::string functionOpened(std::string_view line) {
+  std::size_t const indent = line.find_first_not_of(' ');
+  std::size_t const open = line.find('(');
+  if (indent > 2 || open == std::string_view::npos || line.find(';') != std::string_view::npos) return "";
+  std::size_t name = open;
+  while (name > 0 && (isWord(line[name - 1]) || line[name - 1] == ':' || line[name - 1] == '~')) --name;
+  std::string const found(line.substr(name, open - name));
+  bool const hasType = name > indent, isConstructor = found.find("::") != std::string::npos;
+  return hasType || isConstructor ? found : "";
+}
+
+// The name of the function whose body holds `at`: the nearest line, less indented, that opens one; or the line itself.
+std::string functionAround(std::string const& text, std::size_t at) {
+  std::size_t start = text.rfind('\n', at) + 1;
+  std::string_view const ownLine(text.data() + start, at - start);
+  if (std::string found = functionOpened(ownLine); !found.empty()) return found;
+  while (start > 0) {
+    std::size_t const end = start - 1;
+    start = end ? text.rfind('\n', end - 1) + 1 : 0;
+    std::string_view const line(text.data() + start, end - start);
+    if (line.find_first_not_of(' ') >= ownLine.size()) continue;
+    if (std::string found = functionOpened(line); !found.empty()) return found;
+  }
+  return "";
+}
+
+bool isDefinition(std::string const& text, std::size_t at) {
+  std::size_t const start = text.rfind('\n', at) + 1;
+  std::string_view const before(text.data() + start, at - start);
+  return before.find("#define") != std::string_view::npos || before.ends_with("void ");
+}
+
+void collect(fs::path const& path, std::string const& name, std::vector<Message>& messages) {
+  std::string const text = withoutComments(read(path));
+  std::vector<std::pair<std::size_t, Message>> found;
+  for (Form const& form : forms) {
+    if (form.call == "line(" && text.find("void line(int level") == std::string::npos) continue;
+    for (std::size_t at = text.find(form.call); at != std::string::npos; at = text.find(form.call, at + 1)) {
+      if ((at > 0 && isWord(text[at - 1])) || isDefinition(text, at)) continue;
+      std::vector<std::string> const parts = arguments(text, at + form.call.size() - 1);
+      // A wrapper that passes its own arguments on is not a message; its calls are.
+      if (parts.back().ends_with("...") || parts.back() == "operation") continue;
+      std::string const where = functionAround(text, at);
+      found.push_back(
+          {at, {textOf(form, parts), channelOf(form, parts), levelOf(form, parts), where + " in " + name}});
+    }
+  }
+  std::stable_sort(found.begin(), found.end(),
+                   [](auto const& a, auto const& b) { return a.first < b.first; });
+  for (auto& [at, message] : found) messages.push_back(std::move(message));
+}
+
+std::string code(std::string const& text) {
+  std::string result;
+  for (char c : text) result += c == '|' ? std::string("\\|") : std::string(1, c);
+  return "`" + result + "`";
+}
+
+std::string page(fs::path const& root) {
+  std::ostringstream out;
+  out << "# Messages\n\n"
+         "Every message of the library, generated from its sources by `ninja -C build messages`; a test "
+         "fails when this\n"
+         "page is not what the sources say. Values stand between braces as the source names them.\n\n"
+         "- *trace file*: a record of the ring-buffer file, in the ring of its level; `vantrel trace` shows "
+         "it with the\n"
+         "  engine's identifier before the text. Levels below 9 are for what is rare and must outlive the "
+         "flood of\n"
+         "  level 9.\n"
+         "- *facility*: a line of the facility's handle when its level is at least that of the message "
+         "(`TRACE`).\n"
+         "- *assertion*: `assertion failed: TEXT, model file FILE, line N, function SIGNATURE` on stderr, "
+         "the same as the\n"
+         "  last record of the trace file at level 0, then the process aborts.\n";
+  for (std::string const room : {"core", "engine", "fast", "diag", "sm"}) {
+    std::vector<fs::path> files;
+    for (auto const& entry : fs::directory_iterator(root / "vantrel" / room))
+      if (entry.path().extension() == ".cpp" || entry.path().extension() == ".h")
+        files.push_back(entry.path());
+    std::sort(files.begin(), files.end());
+    std::vector<Message> messages;
+    for (fs::path const& file : files)
+      if (file.filename() != "trace.h") collect(file, fs::relative(file, root).generic_string(), messages);
+    if (messages.empty()) continue;
+    out << "\n## vantrel/" << room << "\n\n| Text | Channel | Level | Written by |\n|---|---|---|---|\n";
+    for (Message const& m : messages)
+      out << "| " << code(m.text) << " | " << m.channel << " | " << m.level << " | " << m.where << " |\n";
+  }
+  return out.str();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<std::string> const args(argv + 1, argv + argc);
+  bool const check = !args.empty() && args.front() == "--check";
+  if (args.size() != (check ? 2U : 1U)) {
+    std::cerr << "usage: messages [--check] SOURCE_DIR\n";
+    return 2;
+  }
+  fs::path const root = args.back(), file = root / "docs/messages.md";
+  std::string const wanted = page(root);
+  if (!check) {
+    std::ofstream(file, std::ios::binary) << wanted;
+    return 0;
+  }
+  if (read(file) == wanted) return 0;
+  std::cerr << "docs/messages.md is not what the sources say; run: ninja -C build messages\n";
+  return 1;
+}
