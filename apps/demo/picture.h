@@ -1,11 +1,10 @@
-// SPDX-License-Identifier: Apache-2.0
-// A picture of the hardware's row for a terminal: positions from left to right, a line a priority group in a colour of
-// its own, a bar as high as the priority.
+// SPDX-License-Identifier: Apache-2.0 A picture of the hardware's row for a terminal: positions from left to
+// right, a line a priority group in a colour of its own, a bar as high as the priority.
 //
 //   group 0  ▁▁▁▂▂·▂▃▃▃▄▄▄▅▅▅▆·▆▇▇██
 //
-// Where the order holds, the bars of a line never fall. A cell stands for as many positions as must share it; it shows
-// the greatest priority among them, a dot when all of them are free.
+// Where the order holds, the bars of a line never fall. A cell stands for as many positions as must share it;
+// it shows the greatest priority among them, a dot when all of them are free.
 #pragma once
 
 #include <cstddef>

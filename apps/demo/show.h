@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Show: a producer at work before an agent, and what the two of them did.
 //
-// Every figure is from the run: times are taken at the write and at the acknowledgement's notification, counts are
-// those of the agent's hardware, and the picture is the hardware's row.
+// Every figure is from the run: times are taken at the write and at the acknowledgement's notification,
+// counts are those of the agent's hardware, and the picture is the hardware's row.
 //
 // Ownership: the one writer of the directory's configuration table.
 // Threading: one thread.
