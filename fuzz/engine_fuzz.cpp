@@ -1,4 +1,5 @@
-// SPDX-License-Identifier: Apache-2.0 A producer that obeys its rules and otherwise does what the bytes say,
+// SPDX-License-Identifier: Apache-2.0
+// A producer that obeys its rules and otherwise does what the bytes say,
 // before an engine whose hardware checks every call. A broken order, an assertion or a lost entry of the row
 // is a finding.
 //

@@ -1,4 +1,5 @@
-// SPDX-License-Identifier: Apache-2.0 A picture of the hardware's row for a terminal: positions from left to
+// SPDX-License-Identifier: Apache-2.0
+// A picture of the hardware's row for a terminal: positions from left to
 // right, a line a priority group in a colour of its own, a bar as high as the priority.
 //
 //   group 0  ▁▁▁▂▂·▂▃▃▃▄▄▄▅▅▅▆·▆▇▇██
