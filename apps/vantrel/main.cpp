@@ -7,18 +7,29 @@
 #include "apps/vantrel/command.h"
 
 namespace VantrelCommand {
+void addLoad(CLI::App& app);
+void addPut(CLI::App& app);
+void addDel(CLI::App& app);
+void addLs(CLI::App& app);
+void addStatus(CLI::App& app);
+void addTrace(CLI::App& app);
 void addReplay(CLI::App& app);
+void addAttr(CLI::App& app);
+void addWatch(CLI::App& app);
+void addSnapshot(CLI::App& app);
 
 // In the order in which --help shows them.
-constexpr AddVerb verbs[] = {addReplay};
+constexpr AddVerb verbs[] = {addLoad,  addPut,    addDel,  addLs,    addStatus,
+                             addTrace, addReplay, addAttr, addWatch, addSnapshot};
 }  // namespace VantrelCommand
 
 int main(int argc, char** argv) {
-  CLI::App app("Programs prioritized hardware tables make-before-break: the producer's and operator's command.",
-               "vantrel");
+  CLI::App app(
+      "Programs prioritized hardware tables make-before-break: the producer's and operator's command.",
+      "vantrel");
   app.require_subcommand(1);
-  for (VantrelCommand::AddVerb add : VantrelCommand::verbs)
-    if (add) add(app);
+  for (VantrelCommand::AddVerb add : VantrelCommand::verbs) add(app);
+  app.failure_message(CLI::FailureMessage::help);  // a wrong flag: what is wrong, and the verb's usage
   try {
     app.parse(argc, argv);
   } catch (CLI::Success const& e) {

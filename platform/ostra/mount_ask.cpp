@@ -34,7 +34,7 @@ class Asker::Impl {
       else if (errno == EAGAIN)
         await(POLLOUT, seconds_);
       else if (errno != EINTR)
-        fail(fmt::format("the agent at {} went away: {}", path_, std::strerror(errno)));
+        throw AgentGone(fmt::format("the agent at {} went away: {}", path_, std::strerror(errno)));
     }
   }
 
@@ -64,7 +64,7 @@ class Asker::Impl {
     if (n > 0)
       in_.append(bytes_.data(), static_cast<std::size_t>(n));
     else if (n == 0 || (errno != EAGAIN && errno != EINTR))
-      fail(fmt::format("the agent at {} closed the connection", path_));
+      throw AgentGone(fmt::format("the agent at {} closed the connection", path_));
   }
 
   std::string const path_;

@@ -5,18 +5,24 @@
 //   agent.ask(R"({"verb":"read","entity":"engine"})", [](std::string_view answer) { ... });
 //
 // Threading: one thread; waits.
-// Errors: std::runtime_error when the agent cannot be reached, goes away, takes longer than `seconds` between two lines,
-//   or answers with an error line, whose text is the exception's.
+// Errors: AgentGone when the agent goes away; std::runtime_error when it cannot be reached, takes longer than `seconds`
+//   between two lines, or answers with an error line, whose text is the exception's.
 #pragma once
 
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "pallo/types.h"
 
 namespace Ostra {
+
+class VANTREL_API AgentGone : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 class VANTREL_API Asker {
  public:
