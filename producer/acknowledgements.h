@@ -2,13 +2,11 @@
 // Acknowledgements: what a producer still waits for, kept up to date by the status table's notifications.
 //
 // Invariants: a key is outstanding until the status table was seen to hold exactly what is awaited of it; it
-// never becomes
-//   outstanding again by itself.
+//   never becomes outstanding again by itself.
 // Ownership: holds the table it watches.
 // Threading: the thread that dispatches the table.
 // Cost: one read of a status per notification of an outstanding key; a whole-collection notification reads
-// each
-//   outstanding key once.
+//   each outstanding key once.
 #pragma once
 
 #include <functional>

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <random>
 
+#include "apps/vantrel/acl/diff.h"
 #include "shoal/reader_table.h"
 #include "shoal/writer_table.h"
 #include "tests/apps/acl_generator.h"
@@ -387,6 +388,17 @@ TEST_F(CommandTest, AnAgentKilledUnderALoadIsFollowedByAnother) {
   stop(*daemon);
 }
 
+// A place from `begin` on where the rule overlaps nobody of the bands around it: it joins its neighbours.
+std::ptrdiff_t amongStrangers(std::vector<Acl::Rule> const& rules, Acl::Rule const& rule, std::size_t begin) {
+  std::size_t met = begin;
+  for (std::size_t at = begin; at < rules.size(); ++at) {
+    if (overlap(rules[at], rule)) met = at;
+    if (at - met == 2 * Acl::maxBand) return static_cast<std::ptrdiff_t>(at - Acl::maxBand);
+  }
+  ADD_FAILURE() << "there is no such place";
+  return 0;
+}
+
 TEST_F(CommandTest, AHundredThousandEntries) {
   auto const daemon = agent();
   std::vector<Acl::Rule> rules = Acl::generateRules(11, 100000);
@@ -394,10 +406,10 @@ TEST_F(CommandTest, AHundredThousandEntries) {
   ASSERT_EQ(ended.status, 0) << ended.err;
   EXPECT_EQ(ended.lines().at(0)["added"], 100000);
   expectLoaded(rules);
-  Acl::Rule host;  // nobody else's: it joins its neighbours
+  Acl::Rule host;
   host.source = host.destination = {0xFE010101, 0xFFFFFFFF};
   host.protocol = {0xFD, 0xFF};
-  rules.insert(rules.begin() + 50000, host);
+  rules.insert(rules.begin() + amongStrangers(rules, host, 50000), host);
   json const one = at({"load", writeRules(rules), "--wait", "--timeout", "200", "--json"}).lines().at(0);
   EXPECT_EQ(one["kept"].get<int>(), 100000) << one;
   EXPECT_EQ(one["added"].get<int>(), 1) << one;
