@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // What can be wrong with a table's file, one sentence each.
 //
-// Errors: damage found while a table is in use is Pallo::CorruptionDetectedException; these are raised where a file is
-//   opened or grown, and name it.
+// Errors: damage found while a table is in use is Pallo::CorruptionDetectedException; these are raised where
+//   a file is opened or grown, and name it.
 #pragma once
 
 #include <string>

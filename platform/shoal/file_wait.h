@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Waits for a file to appear, without polling for it: for a table that its writer has not made yet.
 //
-// Poll fd(); when it is readable, call dispatch(), then ask ready(). A table appears complete: what has its name is one.
+// Poll fd(); when it is readable, call dispatch(), then ask ready(). A table appears complete: what has its
+// name is one.
 //
 // Ownership: owns its descriptor.
 // Threading: one thread.

@@ -1,16 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // The bytes of a table file, as docs/formats/table-file.md describes them.
 //
-//   header | live words | ring of changed keys | directory of index chunks | directory of overflow chunks | chunks...
+//   header | live words | ring of changed keys | directory of index chunks | directory of overflow chunks |
+//   chunks...
 //
-// The file grows by chunks, and nothing in it ever moves. A chunk holds lines of the index, overflow lines, or slots.
-// The index is a linear hash table: line b is bucket b, and one bucket is split at a time, so that growth never touches
-// more than one. An entry of a line is one 8-byte word that names a slot; a record is published, replaced or removed by
-// one store to that word.
+// The file grows by chunks, and nothing in it ever moves. A chunk holds lines of the index, overflow lines,
+// or slots. The index is a linear hash table: line b is bucket b, and one bucket is split at a time, so that
+// growth never touches more than one. An entry of a line is one 8-byte word that names a slot; a record is
+// published, replaced or removed by one store to that word.
 //
-// Invariants: a guarded word carries 16 bits that depend on its value and its place; an index entry carries the
-//   exclusive-or of its bytes; a line's link carries 32 bits that depend on bucket and depth; a slot carries a 64-bit
-//   checksum. Whatever does not agree with its guard is damage, and is not followed.
+// Invariants: a guarded word carries 16 bits that depend on its value and its place; an index entry carries
+//   the exclusive-or of its bytes; a line's link carries 32 bits that depend on bucket and depth; a slot
+//   carries a 64-bit checksum. Whatever does not agree with its guard is damage, and is not followed.
 // Cost: 64 bytes of index for three records, and slotBytes a record.
 #pragma once
 
@@ -72,14 +73,15 @@ constexpr U64 chunkStart(U64 ringEntries) {
   return roundUp(overflowDirectoryAt(ringEntries) + directoryEntries * 8, 4096);
 }
 
-// A slot: 0 checksum 8 | 8 state 8 | 16 key 8 | 24 image. The checksum is XXH3-64 of what follows it, up to the image's
-// last word that is not zero.
+// A slot: 0 checksum 8 | 8 state 8 | 16 key 8 | 24 image. The checksum is XXH3-64 of what follows it, up to
+// the image's last word that is not zero.
 inline constexpr U64 slotKeyAt = 16;
 inline constexpr U64 slotStateAt = 8;
 inline constexpr U64 slotImageAt = 24;
 constexpr U64 slotBytes(U64 imageBytes) { return roundUp(slotImageAt + imageBytes, unitBytes); }
 
-// The state word: 48 bits of generation, which is odd while the slot is being written, and the image's length in words.
+// The state word: 48 bits of generation, which is odd while the slot is being written, and the image's length
+// in words.
 constexpr U64 state(U64 generation, U64 words) { return (generation & 0xFFFFFFFFFFFFU) | words << 48; }
 constexpr U64 generation(U64 state) { return state & 0xFFFFFFFFFFFFU; }
 constexpr U64 words(U64 state) { return state >> 48; }
@@ -101,8 +103,8 @@ constexpr std::optional<U64> unguard(U64 word, U64 place) {
   return value;
 }
 
-// An index entry: 32 bits slot (offset / 64) | 24 bits of the key's hash | 8 bits, so that the exclusive-or of the eight
-// bytes is zero. Zero: no entry.
+// An index entry: 32 bits slot (offset / 64) | 24 bits of the key's hash | 8 bits, so that the exclusive-or
+// of the eight bytes is zero. Zero: no entry.
 constexpr U64 foldBytes(U64 x) {
   x ^= x >> 32;
   x ^= x >> 16;
@@ -118,7 +120,8 @@ constexpr U64 entryUnit(U64 entry) { return entry & 0xFFFFFFFFU; }
 constexpr U64 entryTag(U64 entry) { return entry >> 32 & 0xFFFFFFU; }
 constexpr bool entryIntact(U64 entry) { return foldBytes(entry) == 0; }
 
-// The eighth word of a line: the unit of the next overflow line (0: none), guarded by the line's bucket and depth.
+// The eighth word of a line: the unit of the next overflow line (0: none), guarded by the line's bucket and
+// depth.
 constexpr U64 link(U64 unit, U64 bucket, U64 depth) {
   return (unit & 0xFFFFFFFFU) | mix(unit ^ mix(bucket << 24 ^ depth ^ 0x5348)) << 32;
 }
@@ -138,8 +141,9 @@ constexpr U64 bucketOf(U64 hash, U64 buckets) {
   return bucket < buckets ? bucket : hash & (level - 1);
 }
 
-// Strongly universal: multiply-add in 128 bits, of which the high half is kept, then mixed. Whoever does not know the
-// file's random multiplier and addend cannot choose two keys that collide with more than their fair chance.
+// Strongly universal: multiply-add in 128 bits, of which the high half is kept, then mixed. Whoever does not
+// know the file's random multiplier and addend cannot choose two keys that collide with more than their fair
+// chance.
 constexpr U64 hash(std::array<U64, 4> const& seed, U64 key) {
   __extension__ using U128 = unsigned __int128;
   U128 const multiplier = (U128{seed[1]} << 64) | seed[0];

@@ -35,8 +35,8 @@ std::mutex& mutex() {
   return one;
 }
 
-// A reader's zero pages reach to the window's end, so that a long file cut short costs one fault; a writer's, which the
-// kernel accounts for, cover a step.
+// A reader's zero pages reach to the window's end, so that a long file cut short costs one fault; a writer's,
+// which the kernel accounts for, cover a step.
 bool layZeroPages(Window& window, U64 address) {
   bool const writable = window.writable.load();
   U64 const end = window.base.load() + window.bytes.load();

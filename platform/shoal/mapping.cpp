@@ -59,7 +59,8 @@ Mapping::~Mapping() {
   ::close(fd_);
 }
 
-// A process whose address space is limited gets a smaller window; growth beyond it is refused where it happens.
+// A process whose address space is limited gets a smaller window; growth beyond it is refused where it
+// happens.
 void Mapping::map() {
   int const protection = access_ == Access::write ? PROT_READ | PROT_WRITE : PROT_READ;
   for (window_ = Format::windowBytes;; window_ /= 2) {

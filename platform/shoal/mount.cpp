@@ -41,7 +41,7 @@ int Mount::fd() {
 
 void Mount::toldOf(U64 key) { known_->insert(key); }
 
-bool Mount::mend() { return mapping_->cutShort() && mapping_->mend(view_->chunkOffset(view_->chunks())); }
+bool Mount::mend() { return mapping_->cutShort() && mapping_->mend(view_->extent()); }
 
 // Asleep before the last look: a change that this look misses wakes it.
 void Mount::dispatch() {

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // A table file mounted read-only: the view, and what keeps its watcher informed.
 //
-// Invariants: a key that was told of (announced, or met in a walk) and is gone is told of again, whatever was missed in
-//   between. A file that was replaced by another is followed.
+// Invariants: a key that was told of (announced, or met in a walk) and is gone is told of again, whatever was
+//   missed in between. A file that was replaced by another is followed.
 // Ownership: owns view and watch.
 // Threading: one thread.
-// Cost: nothing while nothing changes. Watched, eight bytes and a little a key; falling behind costs one look-up for
-//   each key told of.
+// Cost: nothing while nothing changes. Watched, eight bytes and a little a key; falling behind costs one
+//   look-up for each key told of.
 // Errors: those of TableView and Watch.
 #pragma once
 

@@ -1,19 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 // ReaderTable<R>: a table in a file that another process writes, mounted read-only.
 //
-// Poll fd(); when it is readable, call dispatch(), which notifies. A watcher that kept up is notified key by key; one
-// that fell behind the ring of changes, or whose file was replaced by another, is notified of each key it knew that
-// vanished, and then of the whole collection.
+// Poll fd(); when it is readable, call dispatch(), which notifies. A watcher that kept up is notified key by
+// key; one that fell behind the ring of changes, or whose file was replaced by another, is notified of each
+// key it knew that vanished, and then of the whole collection.
 //
-// Invariants: no change is ever lost: when dispatch() has nothing more to tell, the watchers have been told of the last
-//   change of every key. The first call of fd() or dispatch() begins the watch; what was announced since the table was
-//   mounted is told then.
+// Invariants: no change is ever lost: when dispatch() has nothing more to tell, the watchers have been told
+//   of the last change of every key. The first call of fd() or dispatch() begins the watch; what was
+//   announced since the table was mounted is told then.
 // Ownership: the watch goes with the object.
 // Threading: one thread.
 // Cost: a read is a look-up and a copy of the words in use. At rest, nothing.
-// Errors: FileException at construction and in fd(). A damaged record, and one that the validator rejects, raises
-//   Pallo::CorruptionDetectedException; with a validator a record of impossible array sizes does so too, without one
-//   Pallo::InvalidSizeException passes through. Whatever writes raises Pallo::NoPermissionException.
+// Errors: FileException at construction and in fd(). A damaged record, and one that the validator rejects,
+//   raises Pallo::CorruptionDetectedException; with a validator a record of impossible array sizes does so
+//   too, without one Pallo::InvalidSizeException passes through. Whatever writes raises
+//   Pallo::NoPermissionException.
 #pragma once
 
 #include <functional>

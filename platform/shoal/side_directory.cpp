@@ -81,7 +81,8 @@ SideDirectory::SideDirectory(std::string tablePath, bool worldAccess)
   if (!made) return;
   struct stat status {};
   fstat(fd_, &status);
-  // Its files get the directory's group, so that a watcher of another group still shares them with the writer.
+  // Its files get the directory's group, so that a watcher of another group still shares them with the
+  // writer.
   mode_t const mode = worldAccess ? 01777 : (status.st_mode & 0770) | 02000;
   if (fchmod(fd_, mode) != 0) fchmod(fd_, mode & 01777);
 }
@@ -130,7 +131,8 @@ std::unique_ptr<SharedPage> SideDirectory::bell() const { return page("bell", tr
       holder);
 }
 
-// Closing any descriptor of a file drops the process's locks on it, so a file locked here is not opened again.
+// Closing any descriptor of a file drops the process's locks on it, so a file locked here is not opened
+// again.
 static void refuseIfOurs(SideDirectory const& directory, std::string const& tablePath) {
   struct stat status {};
   if (fstatat(directory.fd(), "writer", &status, AT_SYMLINK_NOFOLLOW) == 0 &&

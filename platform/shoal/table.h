@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Table<R>: the contract of every table, whatever holds its records: a file shared between processes (WriterTable,
-// ReaderTable) or this process alone (LocalTable).
+// Table<R>: the contract of every table, whatever holds its records: a file shared between processes
+// (WriterTable, ReaderTable) or this process alone (LocalTable).
 //
-// Invariants: a read returns one consistent record, or the empty record for a key that is absent. A watcher that
-//   handled its notifications has seen the final state of every key, removals included.
+// Invariants: a read returns one consistent record, or the empty record for a key that is absent. A watcher
+//   that handled its notifications has seen the final state of every key, removals included.
 // Ownership: reference-counted; a watcher holds its table.
 // Threading: one thread a table object. Shared records are the file's business, not the caller's.
-// Errors: a damaged record or index raises Pallo::CorruptionDetectedException; the reader reports it back with
-//   corruptionDetected() and goes on with the empty record. A write through a read-only mount raises
+// Errors: a damaged record or index raises Pallo::CorruptionDetectedException; the reader reports it back
+//   with corruptionDetected() and goes on with the empty record. A write through a read-only mount raises
 //   Pallo::NoPermissionException.
 #pragma once
 
@@ -32,7 +32,7 @@ namespace Shoal {
 //   static Key key(R const&);
 //   static R empty();                                    what an absent key reads as
 //   static void encode(R const&, std::byte* image);      writes `bytes` bytes
-//   static R decode(std::byte const* image);             reads `bytes` bytes, may raise Pallo::InvalidSizeException
+//   static R decode(std::byte const* image);             reads `bytes` bytes; Pallo::InvalidSizeException
 template <class R>
 struct RecordTraits;
 
@@ -62,8 +62,9 @@ class Table : public TableBase {
   using Record = R;
   using Key = typename RecordTraits<R>::Key;
 
-  // Watching begins with one whole-collection notification. A notifiee that was pointed at a table, or switched off,
-  // owes itself one and gets it when it is switched on; synchronizedIs(true) says that the caller has walked the table.
+  // Watching begins with one whole-collection notification. A notifiee that was pointed at a table, or
+  // switched off, owes itself one and gets it when it is switched on; synchronizedIs(true) says that the caller
+  // has walked the table.
   class Notifiee : public Ostra::NotifieeBase {
    public:
     virtual void onEntry(Key const&) {}  // the record of this key was written or removed
@@ -80,7 +81,12 @@ class Table : public TableBase {
       if (!active) synchronized_ = false;
       if (!active || synchronized_ || !table_ || markedForDeletion()) return;
       synchronized_ = true;
-      onEntryColl();
+      try {
+        onEntryColl();
+      } catch (...) {
+        synchronized_ = false;  // the walk is still owed
+        throw;
+      }
     }
     void synchronizedIs(bool synchronized) { synchronized_ = synchronized; }
 
@@ -89,8 +95,8 @@ class Table : public TableBase {
     bool synchronized_ = false;
   };
 
-  // A place in a walk: a present key, and what lets the table find the next one quickly. A walk that runs while the
-  // table changes visits every key that is present throughout, at least once.
+  // A place in a walk: a present key, and what lets the table find the next one quickly. A walk that runs
+  // while the table changes visits every key that is present throughout, at least once.
   struct Place {
     Key key;
     U64 hint;

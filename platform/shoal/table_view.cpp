@@ -18,8 +18,8 @@ using namespace Format;
 
 namespace {
 
-// What a racing writer can undo, it undoes by going forward; a reader that still finds no rest after this many attempts
-// is looking at damage.
+// What a racing writer can undo, it undoes by going forward; a reader that still finds no rest after this
+// many attempts is looking at damage.
 constexpr int maxAttempts = 1000;
 constexpr int maxIndexAttempts = 8;
 constexpr U64 maxDepth = 4096;
@@ -163,8 +163,8 @@ std::atomic<U64>* TableView::overflowLine(U64 unit) {
   return insideChunks(unit * unitBytes, unitBytes) ? word(unit * unitBytes) : nullptr;
 }
 
-// Word by word, each load ordered before the next: the state is read first and again last, so that a slot that was
-// recycled meanwhile shows.
+// Word by word, each load ordered before the next: the state is read first and again last, so that a slot
+// that was recycled meanwhile shows.
 TableView::Copy TableView::copySlot(U64 unit) {
   std::atomic<U64> const* const slot = word(unit * unitBytes);
   U64 const before = acquire(slot[1]);
@@ -178,6 +178,13 @@ TableView::Copy TableView::copySlot(U64 unit) {
   dirtyWords_ = count;
   if (acquire(slot[1]) != before) return Copy::changing;
   return XXH3_64bits(scratch_.data(), (2 + count) * 8) == checksum ? Copy::whole : Copy::damaged;
+}
+
+bool TableView::tailIsZero(U64 unit) const {
+  std::atomic<U64> const* const slot = word(unit * unitBytes);
+  for (U64 i = 3 + words(acquire(slot[1])); i < header_.slotBytes / 8; ++i)
+    if (acquire(slot[i]) != 0) return false;
+  return true;
 }
 
 // The key alone, when it is not being written.
@@ -236,7 +243,8 @@ TableView::Scan TableView::scan(U64 key, U64 hash, U64 bucket, bool copy) {
   }
 }
 
-// A key that is not in its bucket may have been moved by a split that began meanwhile: then the bucket is another.
+// A key that is not in its bucket may have been moved by a split that began meanwhile: then the bucket is
+// another.
 bool TableView::lookup(U64 key, bool copy) {
   U64 const hashed = hash(key);
   int indexAttempts = 0;
@@ -256,6 +264,12 @@ bool TableView::lookup(U64 key, bool copy) {
   }
   throw Pallo::CorruptionDetectedException(
       damage(fmt::format("the record of key {} never comes to rest", key)));
+}
+
+std::atomic<U64> const* TableView::entryWord(U64 key) {
+  for (auto place = walk(0); place; place = walk(place->hint))
+    if (place->key == key) return visited_.word;
+  return nullptr;
 }
 
 bool TableView::readRemembered(U64 key) {

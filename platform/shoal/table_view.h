@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // The reading side of a table file: look-up, walk and size over a mapping, for records of any type.
 //
-// Invariants: a record is returned whole, as one write left it, or not at all. A damaged record is never returned; a
-//   walk goes on past it. No offset, count or length from the file is used before it agreed with its guard and lies
-//   inside the file's chunks.
+// Invariants: a record is returned whole, as one write left it, or not at all. A damaged record is never
+//   returned; a walk goes on past it. No offset, count or length from the file is used before it agreed with
+//   its guard and lies inside the file's chunks.
 // Ownership: shares the mapping.
 // Threading: one thread a view; any number of views of one file, beside its writer.
-// Cost: a look-up touches one index line (rarely two) and the record's lines. It starts again only when the writer
-//   recycled what it was reading, and gives up after a fixed number of attempts.
+// Cost: a look-up touches one index line (rarely two) and the record's lines. It starts again only when the
+//   writer recycled what it was reading, and gives up after a fixed number of attempts.
 // Errors: FileException at construction; Pallo::CorruptionDetectedException afterwards.
 #pragma once
 
@@ -50,8 +50,8 @@ class VANTREL_API TableView {
   // The record's image, valid until the next call; null when the key is absent.
   std::byte const* read(U64 key);
   bool contains(U64 key);
-  // The first present key at or after a position; position 0 begins a walk. Damage of the index that a walk met is
-  // raised where the walk ends, so that it costs no intact record its visit.
+  // The first present key at or after a position; position 0 begins a walk. Damage of the index that a walk
+  // met is raised where the walk ends, so that it costs no intact record its visit.
   std::optional<Place> walk(U64 hint);
   U64 size() const;
 
@@ -66,17 +66,22 @@ class VANTREL_API TableView {
   U64 buckets() const;
   U64 chunks() const;
   U64 hash(U64 key) const { return Format::hash(seed_, key); }
+  U64 extent() const { return limit_; }  // bytes of the file in use, as last seen
   U64 chunkOffset(U64 chunk) const { return header_.chunkStart + chunk * Format::chunkBytes; }
   // Null when the directory or the place is damaged.
   std::atomic<U64>* line(U64 bucket);
   std::atomic<U64>* overflowLine(U64 unit);
   std::atomic<U64>* word(U64 offset) const;
   bool slotInside(U64 unit);
+  // The index word that names the key's slot; null when the key is absent.
+  std::atomic<U64> const* entryWord(U64 key);
   enum class Copy { whole, changing, damaged };
   // Copies a slot into the scratch area: state, key, image.
   Copy copySlot(U64 unit);
   U64 scratchKey() const { return scratch_[1]; }
   std::byte const* scratchImage() const { return reinterpret_cast<std::byte const*>(&scratch_[2]); }
+  // The image's words beyond the record are zero in the file, as they are in every copy.
+  bool tailIsZero(U64 unit) const;
   std::string damage(std::string_view what) const;
 
  private:

@@ -1,19 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
-// The writing side of a table file, for records of any type: insert, replace, remove, growth, and repair of what a
-// writer that was killed left behind.
+// The writing side of a table file, for records of any type: insert, replace, remove, growth, and repair of
+// what a writer that was killed left behind.
 //
-// A record is written into a free slot and then published by one store to its index entry; the slot it replaces joins
-// the end of the queue of free slots. Growth splits one bucket at a time: the new bucket is written first, then the
-// number of buckets, then the entries that moved are taken out of the old one. The announcement of a change is written
-// before the change is published and counted after it, so that whoever comes next can tell the one that was under way.
+// A record is written into a free slot and then published by one store to its index entry; the slot it
+// replaces joins the end of the queue of free slots. Growth splits one bucket at a time: the new bucket is
+// written first, then the number of buckets, then the entries that moved are taken out of the old one. The
+// announcement of a change is written before the change is published and counted after it, so that whoever
+// comes next can tell the one that was under way.
 //
-// Invariants: killed at any store, every record in the file is whole, and present as of before or after the operation.
-//   An operation that fails has changed nothing.
+// Invariants: killed at any store, every record in the file is whole, and present as of before or after the
+//   operation. An operation that fails has changed nothing.
 // Ownership: owns the file's mapping and the writer's lock.
 // Threading: one thread.
-// Cost: a write touches the key's index line, one slot and a few live words; a split a bucket every third insert; a new
-//   chunk of 256 KiB is allocated when the last is full. Nothing depends on the table's size, except opening: a pass
-//   over the index.
+// Cost: a write touches the key's index line, one slot and a few live words; a split a bucket every third
+//   insert; a new chunk of 256 KiB is allocated when the last is full. Nothing depends on the table's size,
+//   except opening: a pass over the index.
 // Errors: FileException, WriterLockedException; NoSpaceException; Pallo::CorruptionDetectedException.
 #pragma once
 

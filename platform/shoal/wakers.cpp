@@ -29,7 +29,8 @@ struct Wakers::Watcher {
   }
   bool gone() const {
     char byte;
-    return recv(socket, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 0;
+    ssize_t const bytes = recv(socket, &byte, 1, MSG_DONTWAIT | MSG_PEEK);
+    return bytes == 0 || (bytes < 0 && errno != EAGAIN && errno != EINTR);
   }
 };
 
@@ -139,8 +140,8 @@ void Wakers::rescan() {
     if (watchers_.size() < maxWatchers && !known(name)) meet(name);
 }
 
-// The change is announced before the bell and the pages are read, and a watcher rings and lies down before it reads
-// what was announced: one of the two sees the other.
+// The change is announced before the bell and the pages are read, and a watcher rings and lies down before it
+// reads what was announced: one of the two sees the other.
 void Wakers::wake() {
   U32 const rung = bell_->word().load(std::memory_order_seq_cst);
   if (rung != heard_) [[unlikely]] {

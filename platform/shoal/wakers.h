@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // The writer's side of waking: who watches the table, who of them sleeps, and how each is woken.
 //
-// A watcher that comes puts a page and a listening socket into the side directory and rings the bell. The writer sees
-// the bell at its next change, connects to the socket and hands over an event descriptor. From then on a wake-up is
-// one store to the watcher's page and one write to the event; and because the connection ends with the writer, a
-// watcher learns of its death.
+// A watcher that comes puts a page and a listening socket into the side directory and rings the bell. The
+// writer sees the bell at its next change, connects to the socket and hands over an event descriptor. From
+// then on a wake-up is one store to the watcher's page and one write to the event; and because the connection
+// ends with the writer, a watcher learns of its death.
 //
-// Invariants: nothing is sent to a watcher whose page does not say that it sleeps. Nothing a watcher does or leaves
-//   undone makes the writer wait.
+// Invariants: nothing is sent to a watcher whose page does not say that it sleeps. Nothing a watcher does or
+//   leaves undone makes the writer wait.
 // Ownership: owns the connections and events.
 // Threading: the writer's.
 // Cost: a change that wakes nobody costs one load for the bell and one a watcher.

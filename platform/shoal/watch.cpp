@@ -133,7 +133,8 @@ void Watch::welcome() {
   }
 }
 
-// A writer's socket says one of two things: here is the event, or the end. Edge-triggered, the event need not be read.
+// A writer's socket says one of two things: here is the event, or the end. Edge-triggered, the event need not
+// be read.
 bool Watch::hear(int socket) {
   auto const writer = std::ranges::find(writers_, socket, &Writer::socket);
   if (writer == writers_.end()) return false;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The watcher's side of waking: a descriptor to poll, which becomes readable when there may be something to handle.
+// The watcher's side of waking: a descriptor to poll, which becomes readable when there may be something to
+// handle.
 //
-// Invariants: asleepIs(true) before the last look at the table: then whoever changes it afterwards wakes this watcher.
-// Ownership: owns its files in the side directory, which go with it.
-// Threading: one thread.
-// Cost: asleep, nothing; awake, the writer sends nothing.
-// Errors: FileException when the side directory cannot be used.
+// Invariants: asleepIs(true) before the last look at the table: then whoever changes it afterwards wakes this
+//   watcher. Ownership: owns its files in the side directory, which go with it. Threading: one thread. Cost:
+//   asleep, nothing; awake, the writer sends nothing. Errors: FileException when the side directory cannot be
+//   used.
 #pragma once
 
 #include <memory>

@@ -4,8 +4,8 @@
 // Invariants, Cost: those of TableWriter. Its own watchers are told at once, as a LocalTable's are.
 // Ownership: the writer's lock goes with the object, or with the process.
 // Threading: one thread.
-// Errors: FileException when the file is not such a table; WriterLockedException, naming the process that holds it;
-//   NoSpaceException when the file system is full, and the table is as it was.
+// Errors: FileException when the file is not such a table; WriterLockedException, naming the process that
+//   holds it; NoSpaceException when the file system is full, and the table is as it was.
 #pragma once
 
 #include <array>

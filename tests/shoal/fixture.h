@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the tests of shared tables have in common: a directory of their own, records, and a watcher that keeps notes.
+// What the tests of shared tables have in common: a directory of their own, records, and a watcher that keeps
+// notes.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The contract of a shared table: what is written is read, walked and counted, through growth and reuse, by a reader
-// that mounted it before or after.
+// The contract of a shared table: what is written is read, walked and counted, through growth and reuse, by a
+// reader that mounted it before or after.
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>

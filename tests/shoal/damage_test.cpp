@@ -1,0 +1,376 @@
+// SPDX-License-Identifier: Apache-2.0
+// Damaged, foreign and cut files: each is said in one sentence, costs what it hit and nothing else, and is read in
+// bounded time, through every operation a reader has.
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <random>
+
+#include "fixture.h"
+#include "shoal/inspect.h"
+
+namespace ShoalTest {
+namespace {
+
+using Reason = Shoal::FileException::Reason;
+using testing::HasSubstr;
+
+std::string bytesOf(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+void write(std::string const& path, std::string const& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+// Writes into the file in place, under whoever has it mapped.
+void poke(std::string const& path, U64 offset, std::string const& bytes) {
+  std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
+  file.seekp(static_cast<std::streamoff>(offset));
+  file << bytes;
+}
+
+void expectRefused(std::string const& path, Reason reason, std::string const& text) {
+  try {
+    Reader const reader(path);
+    ADD_FAILURE() << path << " was opened";
+  } catch (Shoal::FileException const& error) {
+    EXPECT_EQ(error.reason(), reason) << error.what();
+    EXPECT_THAT(error.what(), HasSubstr(text));
+    EXPECT_THAT(error.what(), HasSubstr(path));
+  }
+}
+
+TEST(Damage, AFileThatIsNoSuchTableIsRefusedInOneSentence) {
+  Directory dir;
+  expectRefused(dir / "missing", Reason::missing, "there is no such file");
+  write(dir / "empty", "");
+  expectRefused(dir / "empty", Reason::truncated, "is empty");
+  write(dir / "text", "not a table at all, but a letter to a friend");
+  expectRefused(dir / "text", Reason::notATable, "is not a table file");
+  expectRefused(dir.path(), Reason::notATable, "is not a regular file");
+  { Shoal::WriterTable<Vantrel::EntryStatus> const other(dir / "status"); }
+  expectRefused(dir / "status", Reason::otherRecord,
+                "holds EntryStatus records of version 1, expected EntryConfig");
+  { Writer const table(dir / "table"); }
+  std::string const whole = bytesOf(dir / "table");
+  write(dir / "short", whole.substr(0, whole.size() - 1));
+  expectRefused(dir / "short", Reason::truncated, "is cut short");
+  write(dir / "stub", whole.substr(0, 100));
+  expectRefused(dir / "stub", Reason::truncated, "is cut short");
+  std::string changed = whole;
+  changed[8] = 2;
+  write(dir / "newer", changed);
+  expectRefused(dir / "newer", Reason::otherVersion, "format version 2, expected 1");
+  changed = whole;
+  changed[20] = 'x';
+  write(dir / "bent", changed);
+  expectRefused(dir / "bent", Reason::damaged, "header is damaged");
+  std::filesystem::create_symlink(dir / "table", dir / "link");
+  expectRefused(dir / "link", Reason::notAllowed, "is a symbolic link");
+}
+
+TEST(Damage, AWriterReplacesNothingButTables) {
+  Directory dir;
+  write(dir / "letter", "dear friend, this is not a table");
+  EXPECT_THROW(Writer(dir / "letter", {.replace = true}), Shoal::FileException);
+  EXPECT_EQ(bytesOf(dir / "letter"), "dear friend, this is not a table");
+  write(dir / "empty", "");
+  EXPECT_NO_THROW(Writer(dir / "empty", {.replace = true}));
+}
+
+// Offset of the key's slot, found by what the record carries.
+U64 slotOf(std::string const& path, U64 key) {
+  Shoal::TableView view(std::make_shared<Shoal::Mapping>(path, Shoal::Mapping::Access::read));
+  return static_cast<U64>(reinterpret_cast<std::byte const*>(view.entryWord(key)) - view.mapping().base());
+}
+U64 wordAt(std::string const& bytes, U64 offset) {
+  U64 value;
+  std::memcpy(&value, bytes.data() + offset, 8);
+  return value;
+}
+
+TEST(Damage, ADamagedRecordCostsThatRecordAlone) {
+  Directory dir;
+  {
+    Writer writer(dir / "t");
+    for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
+  }
+  U64 const slot = Shoal::Format::entryUnit(wordAt(bytesOf(dir / "t"), slotOf(dir / "t", 7))) * 64;
+  auto reader = Ostra::make<Reader>(dir / "t");
+  for (U64 const at : {slot + 0, slot + 8, slot + 24 + 8, slot + 24 + 24, slot + 24 + 104}) {
+    char const was = bytesOf(dir / "t")[at];
+    poke(dir / "t", at, std::string(1, static_cast<char>(was ^ 0x10)));
+    EXPECT_THROW(reader->entry(EntryKey(7)), Pallo::CorruptionDetectedException) << at - slot;
+    EXPECT_EQ(readEntry(*reader, EntryKey(7)), Config());
+    EXPECT_GT(reader->corruptions(), 0U);
+    EXPECT_THAT(reader->lastCorruption(), HasSubstr("key 7"));
+    U64 visited = 0;
+    for (auto place = reader->first(); place; place = reader->next(*place)) {
+      ++visited;
+      EXPECT_TRUE(place->key == EntryKey(7) || isWhole(reader->entry(place->key)));
+    }
+    EXPECT_EQ(visited, 50U) << "one bad record does not end a walk";
+    poke(dir / "t", at, std::string(1, was));
+    EXPECT_EQ(reader->entry(EntryKey(7)), record(7, 1));
+  }
+}
+
+TEST(Damage, ADamagedKeyIsReportedByWalkAndLookUpAndHealedByAWrite) {
+  Directory dir;
+  {
+    Writer writer(dir / "t");
+    for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
+  }
+  U64 const slot = Shoal::Format::entryUnit(wordAt(bytesOf(dir / "t"), slotOf(dir / "t", 7))) * 64;
+  poke(dir / "t", slot + 16, "\x70");
+  Reader reader(dir / "t");
+  EXPECT_THROW(reader.entry(EntryKey(7)), Pallo::CorruptionDetectedException);
+  EXPECT_EQ(contents(reader).size(), 49U);
+  EXPECT_EQ(reader.corruptions(), 1U);
+  Writer writer(dir / "t");
+  writer.entryIs(record(7, 2));
+  EXPECT_EQ(reader.entry(EntryKey(7)), record(7, 2));
+  EXPECT_EQ(contents(reader).size(), 50U);
+  EXPECT_EQ(writer.size(), 50U);
+}
+
+TEST(Damage, ADamagedIndexIsSaidAtTheEndOfTheWalk) {
+  Directory dir;
+  {
+    Writer writer(dir / "t");
+    for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
+  }
+  U64 const at = slotOf(dir / "t", 7);
+  poke(dir / "t", at, std::string(1, static_cast<char>(bytesOf(dir / "t")[at] ^ 4)));
+  Reader reader(dir / "t");
+  EXPECT_THROW(reader.entry(EntryKey(7)), Pallo::CorruptionDetectedException);
+  U64 visited = 0;
+  EXPECT_THROW(
+      {
+        for (auto place = reader.first(); place; place = reader.next(*place)) ++visited;
+      },
+      Pallo::CorruptionDetectedException);
+  EXPECT_EQ(visited, 49U);
+}
+
+TEST(Damage, AFileCutShortUnderARunningReaderIsDamageAndNoMore) {
+  Directory dir;
+  {
+    Writer writer(dir / "t");
+    for (U64 key = 1; key <= 3000; ++key) writer.entryIs(record(key, 1));
+  }
+  std::string const whole = bytesOf(dir / "t");
+  Reader reader(dir / "t");
+  ASSERT_EQ(contents(reader).size(), 3000U);
+  for (U64 const length : {whole.size() / 2, U64{500000}, U64{4096}, U64{0}}) {
+    ASSERT_EQ(truncate((dir / "t").c_str(), static_cast<off_t>(length)), 0);
+    U64 damaged = 0;
+    for (U64 key = 1; key <= 3000; ++key) {
+      try {
+        Config const r = reader.entry(EntryKey(key));
+        EXPECT_TRUE(r == Config() || isWhole(r));
+      } catch (Pallo::CorruptionDetectedException const& error) {
+        ++damaged;
+        EXPECT_THAT(error.what(), HasSubstr("cut short"));
+      }
+    }
+    EXPECT_GT(damaged, 0U) << length;
+    EXPECT_NO_FATAL_FAILURE(reader.dispatch());
+  }
+  poke(dir / "t", 0, whole);
+  EXPECT_EQ(reader.entry(EntryKey(5)), record(5, 1)) << "it is mapped anew when its bytes are back";
+}
+
+// Everything a reader can do, whatever the file says; true when some of it raised damage.
+bool useEverything(std::string const& path) {
+  bool damaged = false;
+  auto const guarded = [&](auto const& use) {
+    try {
+      use();
+    } catch (Pallo::Exception const&) {
+      damaged = true;
+    }
+  };
+  guarded([&] {
+    Reader reader(path);
+    guarded([&] { reader.size(); });
+    for (U64 key = 0; key < 64; ++key)
+      guarded([&] {
+        Config const r = reader.entry(EntryKey(key));
+        if (r != Config() && !isWhole(r)) throw std::runtime_error("a damaged record was returned");
+      });
+    guarded([&] {
+      U64 visited = 0;
+      for (auto place = reader.first(); place; place = reader.next(*place))
+        if (++visited > 100000) throw std::runtime_error("a walk without end");
+    });
+    guarded([&] { reader.dispatch(); });
+    guarded([&] { Writer(path).entryIs(record(3, 2)); });
+    damaged = damaged || reader.corruptions() > 0;
+  });
+  return damaged;
+}
+
+TEST(Damage, FlippedBitsAnywhereAreSurvivedAndNeverReadAsARecord) {
+  Directory dir;
+  {
+    Writer writer(dir / "t", {.ringEntries = 16});
+    for (U64 key = 1; key <= 40; ++key) writer.entryIs(record(key, 1));
+    for (U64 key = 30; key <= 40; ++key) writer.entryDel(EntryKey(key));
+  }
+  std::string const whole = bytesOf(dir / "t");
+  std::vector<U64> bits;  // every bit of header and live words, and samples of the rest
+  for (U64 at = 0; at < 136; ++at) bits.push_back(at * 8 + at % 8);
+  for (U64 at : {4096, 4160, 4224, 4288})
+    for (U64 bit = 0; bit < 64; ++bit) bits.push_back(static_cast<U64>(at) * 8 + bit);
+  std::mt19937_64 random(11);
+  std::vector<U64> used;
+  for (U64 at = 8192; at < whole.size(); ++at)
+    if (whole[at] != 0) used.push_back(at);
+  for (int i = 0; i < 1500; ++i) bits.push_back(used[random() % used.size()] * 8 + random() % 8);
+  auto const began = std::chrono::steady_clock::now();
+  for (U64 const bit : bits) {
+    std::string changed = whole;
+    changed[bit / 8] = static_cast<char>(changed[bit / 8] ^ (1 << bit % 8));
+    write(dir / "flipped", changed);
+    ASSERT_NO_THROW(useEverything(dir / "flipped")) << "bit " << bit;
+  }
+  auto const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+  std::printf("%zu files with one bit flipped, %.1f s\n", bits.size(), seconds);
+}
+
+TEST(Damage, PagesOfNoiseAreSurvived) {
+  Directory dir;
+  {
+    Writer writer(dir / "t", {.ringEntries = 16});
+    for (U64 key = 1; key <= 40; ++key) writer.entryIs(record(key, 1));
+  }
+  std::string const whole = bytesOf(dir / "t");
+  std::mt19937_64 random(12);
+  for (int i = 0; i < 300; ++i) {
+    std::string changed = whole;
+    U64 const from = 136 + random() % (whole.size() - 136);
+    U64 const length = std::min<U64>(random() % 5000, whole.size() - from);
+    for (U64 at = from; at < from + length; ++at) changed[at] = static_cast<char>(i % 2 ? random() : 0);
+    write(dir / "noise", changed);
+    ASSERT_NO_THROW(useEverything(dir / "noise")) << from << " + " << length;
+  }
+}
+
+TEST(Damage, AValidatorTurnsARecordIntoAReportedEmptyOne) {
+  Directory dir;
+  Writer writer(dir / "t");
+  writer.entryIs(record(1, 1));
+  writer.entryIs(record(2, 1));
+  Reader reader(dir / "t");
+  reader.validatorIs([](Config const& r) -> std::optional<std::string> {
+    if (r.key().value() == 2) return "key 2 would stop the engine";
+    return std::nullopt;
+  });
+  EXPECT_EQ(reader.entry(EntryKey(1)), record(1, 1));
+  EXPECT_EQ(readEntry(reader, EntryKey(2)), Config());
+  EXPECT_EQ(reader.lastCorruption(), "key 2 would stop the engine");
+}
+
+TEST(Damage, AReadOnlyMountRefusesToWrite) {
+  Directory dir;
+  { Writer const writer(dir / "t"); }
+  Reader reader(dir / "t");
+  auto const textOf = [](auto const& use) {
+    try {
+      use();
+    } catch (Pallo::NoPermissionException const& error) {
+      return std::string(error.what());
+    } catch (Pallo::UnimplementedException const& error) {
+      return std::string(error.what());
+    }
+    return std::string("nothing raised");
+  };
+  EXPECT_EQ(textOf([&] { reader.entryIs(record(1, 1)); }), "write to read-only Shoal table");
+  EXPECT_EQ(textOf([&] { reader.entryDel(EntryKey(1)); }), "remove from read-only Shoal table");
+  EXPECT_EQ(textOf([&] { reader.cleanup(); }), "cleanup of read-only Shoal table");
+  EXPECT_EQ(textOf([&] { reader.writerCounters(); }), "writerCounters() not implemented");
+}
+
+mode_t modeOf(std::string const& path) {
+  struct stat status {};
+  stat(path.c_str(), &status);
+  return status.st_mode & 0777;
+}
+
+TEST(Permissions, OwnerAndGroupUnlessTheWorldIsAskedFor) {
+  Directory dir;
+  mode_t const before = umask(0);
+  { Writer const writer(dir / "t"); }
+  { Writer const writer(dir / "open", {.worldAccess = true}); }
+  umask(027);
+  { Writer const writer(dir / "narrow"); }
+  umask(before);
+  EXPECT_EQ(modeOf(dir / "t"), 0660U);
+  EXPECT_EQ(modeOf(dir / "narrow"), 0640U);
+  EXPECT_EQ(modeOf(dir / "open"), 0664U);
+  EXPECT_EQ(modeOf(dir / "t.watch") & 7, 0U);
+  EXPECT_EQ(modeOf(dir / "t.watch/writer") & 7, 0U);
+}
+
+// A limit on the file's size stands for the full file system: the kernel refuses the space in the same place.
+TEST(Growth, AFullFileSystemIsAClearErrorAndChangesNothing) {
+  Directory dir;
+  Writer writer(dir / "t");
+  rlimit before{};
+  getrlimit(RLIMIT_FSIZE, &before);
+  rlimit const tight{2 * 1024 * 1024, before.rlim_max};
+  auto const handler = signal(SIGXFSZ, SIG_IGN);
+  setrlimit(RLIMIT_FSIZE, &tight);
+  U64 written = 0;
+  std::string text;
+  try {
+    for (; written < 100000; ++written) writer.entryIs(record(written + 1, 1));
+  } catch (Shoal::NoSpaceException const& error) {
+    text = error.what();
+  }
+  EXPECT_THAT(text, HasSubstr("cannot grow"));
+  EXPECT_GT(written, 1000U);
+  EXPECT_EQ(contents(writer).size(), written);
+  EXPECT_EQ(writer.size(), written);
+  writer.entryDel(EntryKey(1));
+  EXPECT_NO_THROW(writer.entryIs(record(2, 2))) << "a free slot is enough";
+  setrlimit(RLIMIT_FSIZE, &before);
+  signal(SIGXFSZ, handler);
+  EXPECT_NO_THROW(writer.entryIs(record(written + 1, 1)));
+}
+
+// Keys a multiple of a large power of two apart, in a row, or alike under the unseeded mix of their hash.
+TEST(Growth, ChosenKeysCostNoMoreThanRandomOnes) {
+  auto const linesPerLookUp = [](auto const& keyAt) {
+    Directory dir;
+    Writer writer(dir / "t");
+    for (U64 i = 0; i < 50000; ++i) writer.entryIs(Config(EntryKey(keyAt(i)), OpId(1), 0, 0, 0));
+    Shoal::TableView view(std::make_shared<Shoal::Mapping>(dir / "t", Shoal::Mapping::Access::read));
+    Shoal::Inspection const found = Shoal::inspect(view);
+    EXPECT_EQ(found.records, 50000U);
+    return static_cast<double>(found.linesRead) / 50000;
+  };
+  std::mt19937_64 random(5);
+  double const fair = linesPerLookUp([&](U64) { return random(); });
+  // The inverse of the mix: keys whose hashes, but for the seed, end in sixteen zero bits.
+  auto const unmix = [](U64 x) {
+    x = (x ^ x >> 31 ^ x >> 62) * 0x319642B2D24D8EC3U;
+    x = (x ^ x >> 27 ^ x >> 54) * 0x96DE1B173F119089U;
+    return x ^ x >> 30 ^ x >> 60;
+  };
+  ASSERT_EQ(Shoal::Format::mix(unmix(12345)), 12345U);
+  double const alike = linesPerLookUp([&](U64 i) { return unmix(i << 16); });
+  double const row = linesPerLookUp([](U64 i) { return i; });
+  double const strided = linesPerLookUp([](U64 i) { return i << 40; });
+  std::printf("index lines a look-up: random %.3f, alike %.3f, in a row %.3f, strided %.3f\n", fair, alike,
+              row, strided);
+  for (double const chosen : {alike, row, strided}) EXPECT_LT(chosen, 1.25 * fair);
+}
+
+}  // namespace
+}  // namespace ShoalTest

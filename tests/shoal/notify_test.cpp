@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a watcher is promised, under a stopped, a slow and a killed reader: late, never lost.
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <random>
+
+#include "fixture.h"
+#include "shoal/file_wait.h"
+
+namespace ShoalTest {
+namespace {
+
+// A mounted table with its watcher.
+struct Watched {
+  explicit Watched(std::string const& path) : reader(Ostra::make<Reader>(path)) {
+    watcher.notifierIs(Ostra::Ptr<Shoal::Table<Config> const>(reader.get()));
+    watcher.hasNotificationActiveIs(true);
+    settle(*reader);
+  }
+  Ostra::Ptr<Reader> reader;
+  Watcher watcher;
+};
+
+TEST(Notification, AReaderThatFellBehindIsToldOfTheWholeAndOfWhatVanished) {
+  Directory dir;
+  Writer writer(dir / "t", {.ringEntries = 16});
+  for (U64 key = 1; key <= 10; ++key) writer.entryIs(record(key, 1));
+  Watched w(dir / "t");
+  writer.entryDel(EntryKey(4));
+  for (U64 i = 0; i < 40; ++i) writer.entryIs(record(5 + i % 3, 2 + i));
+  writer.entryDel(EntryKey(6));
+  settle(*w.reader, 10);
+  EXPECT_EQ(w.watcher.collections, 2);
+  EXPECT_EQ(w.watcher.seen, contents(*w.reader));
+  EXPECT_THAT(w.watcher.keys, testing::UnorderedElementsAre(4, 6));
+  writer.entryIs(record(77, 1));
+  settle(*w.reader, 10);
+  EXPECT_EQ(w.watcher.collections, 2) << "it continues after the whole-collection notification";
+  EXPECT_EQ(w.watcher.keys.back(), 77U);
+}
+
+// A key that a walk met, and that came and went entirely behind the ring.
+TEST(Notification, AKeyMetByAWalkAloneIsMissedWhenItVanishes) {
+  Directory dir;
+  Writer writer(dir / "t", {.ringEntries = 16});
+  Watched w(dir / "t");
+  for (U64 i = 0; i < 40; ++i) writer.entryIs(record(1 + i, 1));
+  settle(*w.reader, 10);
+  ASSERT_EQ(w.watcher.seen.size(), 40U);
+  for (U64 i = 0; i < 40; ++i) writer.entryDel(EntryKey(1 + i));
+  settle(*w.reader, 10);
+  EXPECT_TRUE(w.watcher.seen.empty());
+}
+
+TEST(Notification, NothingIsSentWhileTheReaderIsAwake) {
+  Directory dir;
+  Writer writer(dir / "t");
+  Watched w(dir / "t");
+  U64 const before = writer.writerCounters().wakeUps;
+  for (U64 i = 0; i < 1000; ++i) writer.entryIs(record(1, i));
+  EXPECT_LE(writer.writerCounters().wakeUps, before + 1);
+}
+
+TEST(Notification, EachWatcherHasItsOwnPace) {
+  Directory dir;
+  Writer writer(dir / "t", {.ringEntries = 64});
+  Watched quick(dir / "t");
+  Watched slow(dir / "t");
+  for (U64 i = 1; i <= 200; ++i) {
+    writer.entryIs(record(i % 20, i));
+    settle(*quick.reader);
+  }
+  settle(*quick.reader, 10);
+  settle(*slow.reader, 10);
+  EXPECT_EQ(quick.watcher.collections, 1);
+  EXPECT_EQ(quick.watcher.keys.size(), 200U);
+  EXPECT_EQ(slow.watcher.collections, 2);
+  EXPECT_EQ(quick.watcher.seen, slow.watcher.seen);
+}
+
+// In a process of its own: dispatches until key 0 is seen, then says what it knows through the exit status.
+pid_t startReader(std::string const& path, U64 expected, unsigned pause) {
+  pid_t const child = fork();
+  if (child != 0) return child;
+  Watched w(path);
+  while (!w.watcher.seen.contains(expected)) {
+    if (!readable(w.reader->fd(), 20000)) _exit(2);
+    w.reader->dispatch();
+    usleep(pause);
+  }
+  settle(*w.reader, 50);
+  _exit(w.watcher.seen == contents(*w.reader) ? 0 : 1);
+}
+
+int statusOf(pid_t child) {
+  int status = 0;
+  waitpid(child, &status, 0);
+  return status;
+}
+
+void churn(Writer& writer, U64 writes) {
+  std::mt19937_64 random(3);
+  for (U64 i = 1; i <= writes; ++i) {
+    U64 const key = 1 + random() % 500;
+    random() % 3 ? writer.entryIs(record(key, i)) : writer.entryDel(EntryKey(key));
+  }
+}
+
+constexpr U64 lastKey = 1000000;
+
+TEST(Notification, ASlowReaderEndsWithTheFinalState) {
+  Directory dir;
+  Writer writer(dir / "t", {.ringEntries = 64});
+  pid_t const reader = startReader(dir / "t", lastKey, 3000);
+  churn(writer, 200000);
+  writer.entryIs(record(lastKey, 1));
+  EXPECT_EQ(statusOf(reader), 0);
+}
+
+TEST(Notification, AStoppedReaderCostsTheWriterNothingAndLosesNothing) {
+  Directory dir;
+  Writer writer(dir / "t", {.ringEntries = 64});
+  pid_t const reader = startReader(dir / "t", lastKey, 0);
+  usleep(100000);
+  kill(reader, SIGSTOP);
+  U64 const before = writer.writerCounters().wakeUps;
+  churn(writer, 100000);
+  EXPECT_LE(writer.writerCounters().wakeUps, before + 2);
+  writer.entryIs(record(lastKey, 1));
+  kill(reader, SIGCONT);
+  EXPECT_EQ(statusOf(reader), 0);
+}
+
+TEST(Notification, AKilledReaderIsForgotten) {
+  Directory dir;
+  Writer writer(dir / "t");
+  pid_t const reader = startReader(dir / "t", lastKey, 0);
+  usleep(50000);
+  writer.entryIs(record(1, 1));
+  kill(reader, SIGKILL);
+  statusOf(reader);
+  churn(writer, 10000);
+  Watched other(dir / "t");
+  writer.entryIs(record(2, 99));
+  settle(*other.reader, 20);
+  EXPECT_EQ(other.watcher.seen, contents(writer));
+  auto const left =
+      std::ranges::count_if(std::filesystem::directory_iterator(dir / "t.watch"),
+                            [](auto const& file) { return file.path().extension() == ".page"; });
+  EXPECT_EQ(left, 1) << "the dead watcher's files are swept";
+}
+
+TEST(Notification, WritersComeAndGoUnderAWatcher) {
+  Directory dir;
+  { Writer const make(dir / "t"); }
+  Watched w(dir / "t");
+  for (U64 i = 1; i <= 30; ++i) {
+    Writer writer(dir / "t");
+    writer.entryIs(record(i, i));
+    if (i % 2) settle(*w.reader, 5);
+  }
+  settle(*w.reader, 20);
+  EXPECT_EQ(w.watcher.seen.size(), 30U);
+  EXPECT_EQ(w.watcher.collections, 1);
+}
+
+TEST(Notification, AnIdlePairUsesNoProcessor) {
+  Directory dir;
+  Writer writer(dir / "t");
+  Watched w(dir / "t");
+  writer.entryIs(record(1, 1));
+  settle(*w.reader, 20);
+  rusage before{};
+  rusage after{};
+  getrusage(RUSAGE_SELF, &before);
+  EXPECT_FALSE(readable(w.reader->fd(), 500));
+  getrusage(RUSAGE_SELF, &after);
+  EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 3) << "nothing woke it";
+}
+
+TEST(Notification, WaitingForAFileTakesItsCreation) {
+  Directory dir;
+  Shoal::FileWait wait(dir / "t");
+  EXPECT_FALSE(wait.ready());
+  EXPECT_FALSE(readable(wait.fd(), 10));
+  Writer const writer(dir / "t");
+  EXPECT_TRUE(readable(wait.fd(), 1000));
+  wait.dispatch();
+  EXPECT_TRUE(wait.ready());
+  EXPECT_THROW(Shoal::FileWait(dir / "none/t"), Shoal::FileException);
+}
+
+}  // namespace
+}  // namespace ShoalTest
