@@ -1,20 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "keel/timer_wheel.h"
 
+#include "ostra/clock.h"
+
 namespace Keel {
 
 TimerWheel::Notifiee::~Notifiee() { disarm(); }
 
 void TimerWheel::Notifiee::notifierIs(Ostra::Ptr<TimerWheel const> wheel) {
   disarm();
+  missed_ = false;
   listIs(wheel ? &wheel->notifieeList() : nullptr);
   std::swap(wheel_, wheel);
 }
 
+void TimerWheel::Notifiee::hasNotificationActiveIs(bool active) {
+  NotifieeBase::hasNotificationActiveIs(active);
+  if (active && std::exchange(missed_, false) && !timeMin_) timeMinIs(Ostra::now());
+}
+
 void TimerWheel::Notifiee::timeMinIs(double seconds) {
   if (!wheel_) return;
+  if (!(seconds >= 0)) seconds = 0;
   if (timeMin_) wheel_->armed_.erase({*timeMin_, this});
   timeMin_ = seconds;
+  armed_ = ++wheel_->asked_;
   wheel_->armed_.emplace(seconds, this);
   wheel_->earliestChanged();
 }
@@ -33,15 +43,38 @@ std::optional<double> TimerWheel::earliest() const {
   return armed_.begin()->first;
 }
 
-void TimerWheel::deliver(double now) {
-  Ostra::Ptr<TimerWheel> const keep(this);
-  while (!armed_.empty() && armed_.begin()->first <= now) {
-    Notifiee* const notifiee = armed_.begin()->second;
-    armed_.erase(armed_.begin());
-    notifiee->timeMin_.reset();
-    if (notifiee->hasNotificationActive() && !notifiee->markedForDeletion()) notifiee->onTime();
+std::optional<double> TimerWheel::earliestAfter(double time) const {
+  auto at = armed_.lower_bound({time, nullptr});
+  while (at != armed_.end() && at->first <= time) ++at;
+  if (at == armed_.end()) return std::nullopt;
+  return at->first;
+}
+
+// The first that is due and had asked by then.
+TimerWheel::Notifiee* TimerWheel::due(double now, U64 asked) const {
+  for (auto const& [time, notifiee] : armed_) {
+    if (time > now) return nullptr;
+    if (notifiee->armed_ <= asked) return notifiee;
   }
-  earliestChanged();
+  return nullptr;
+}
+
+void TimerWheel::deliver(double now) {
+  // Whatever a handler throws, the others' wake-ups stay armed.
+  struct Rearm {
+    Ostra::Ptr<TimerWheel> wheel;
+    ~Rearm() { wheel->earliestChanged(); }
+  } const rearm{this};
+  U64 const asked = asked_;
+  while (Notifiee* const notifiee = due(now, asked)) {
+    armed_.erase({*notifiee->timeMin_, notifiee});
+    notifiee->timeMin_.reset();
+    if (notifiee->markedForDeletion()) continue;
+    if (notifiee->hasNotificationActive())
+      notifiee->onTime();
+    else
+      notifiee->missed_ = true;
+  }
 }
 
 }  // namespace Keel

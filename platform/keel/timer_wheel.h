@@ -24,6 +24,8 @@ class VANTREL_API TimerWheel : public Ostra::PtrInterface {
    public:
     ~Notifiee() override;
     virtual void onTime() {}
+    // A wake-up that came while it was switched off comes when it is switched on again.
+    void hasNotificationActiveIs(bool active) override;
 
     Ostra::Ptr<TimerWheel const> const& notifier() const { return wheel_; }
     // Watches another wheel, or none (null). A wake-up that is armed is dropped.
@@ -31,7 +33,8 @@ class VANTREL_API TimerWheel : public Ostra::PtrInterface {
 
     // The armed wake-up's time in seconds, if any.
     std::optional<double> timeMin() const { return timeMin_; }
-    // Asks for onTime at `seconds` or as soon after as the loop allows. Does nothing without a wheel.
+    // Asks for onTime at `seconds` or as soon after as the loop allows; what is no time or before zero is now. Does
+    // nothing without a wheel.
     void timeMinIs(double seconds);
 
    private:
@@ -39,6 +42,8 @@ class VANTREL_API TimerWheel : public Ostra::PtrInterface {
     void disarm();
     Ostra::Ptr<TimerWheel const> wheel_;
     std::optional<double> timeMin_;
+    U64 armed_ = 0;        // the wheel's count of askings when this one asked
+    bool missed_ = false;  // a wake-up came while it was switched off
   };
 
   ~TimerWheel() override;
@@ -47,14 +52,19 @@ class VANTREL_API TimerWheel : public Ostra::PtrInterface {
   std::optional<double> earliest() const;
 
  protected:
-  // Delivers every wake-up due at `now`, in order of time; those armed meanwhile for a time that is due too.
+  // Delivers every wake-up due at `now`, in order of time. One that is asked for meanwhile waits for the next call.
   void deliver(double now);
+  // The earliest wake-up after `time`, if any.
+  std::optional<double> earliestAfter(double time) const;
   // The earliest wake-up changed.
   virtual void earliestChanged() const {}
 
  private:
   mutable Ostra::Notifier notifiees_;
+  Notifiee* due(double now, U64 asked) const;
+
   mutable std::set<std::pair<double, Notifiee*>> armed_;
+  mutable U64 asked_ = 0;  // how often a wake-up was asked for
 };
 
 }  // namespace Keel

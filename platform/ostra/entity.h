@@ -123,20 +123,20 @@ class VANTREL_API AttributeWatcher : public NotifieeBase {
 template <class Handler>
 void Entity::tell(Notifier& watchers, std::string_view name, Handler handler) {
   if (watchers.empty() && attributeWatchers_.empty()) return;
-  Ptr<PtrInterface const> const keep =
-      references() ? this : nullptr;  // a handler may drop the last reference
-  watchers.notify(handler);
+  auto const keep = keepAlive(this);
+  // Those who only take note come first: they hear of it even when a handler throws.
   attributeWatchers_.notify(&AttributeWatcher::onAttribute, name);
+  watchers.notify(handler);
 }
 
 template <class K, class Handler>
 void Entity::tellMember(std::string_view name, K const& key, Handler handler) {
   if (notifiees_.empty() && attributeWatchers_.empty()) return;
-  Ptr<PtrInterface const> const keep = references() ? this : nullptr;
+  auto const keep = keepAlive(this);
   K const told = key;  // the member may go while it is told
-  notifiees_.notify(handler, told);
   if (!attributeWatchers_.empty())
     attributeWatchers_.notify(&AttributeWatcher::onMember, name, ValueOf<K>::to(told));
+  notifiees_.notify(handler, told);
 }
 
 }  // namespace Ostra

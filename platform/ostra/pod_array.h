@@ -11,6 +11,7 @@
 #include <span>
 #include <type_traits>
 
+#include "pallo/assert.h"
 #include "pallo/types.h"
 
 namespace Ostra {
@@ -36,17 +37,20 @@ class PodArray {
   }
 
   U32 count() const { return count_; }
-  T const& operator[](std::size_t i) const { return elements_[i]; }
+  // Zero at and beyond the count.
+  T operator[](std::size_t i) const { return i < count_ ? elements_[i] : T{}; }
   std::span<T const> elements() const { return {elements_, count_}; }
 
   // Element i becomes value; the count grows to i + 1 when i is at or beyond it, zeroes between.
   void elementIs(std::size_t i, T value) {
+    PALLO_ASSERT("PodArray", i < Capacity);
     for (; count_ < i; ++count_) elements_[count_] = T{};
     elements_[i] = value;
     count_ = std::max(count_, static_cast<U32>(i + 1));
   }
 
-  // Takes `offered` elements from `source`, which need not be aligned. `readable` is how many bytes may be read there.
+  // Takes `offered` elements from `source`, which need not be aligned. `readable` is how many bytes may be read
+  // there.
   void set(void const* source, std::size_t offered, std::size_t readable) {
     if (offered > Capacity) [[unlikely]]
       throwPodArraySize(Capacity, offered, source, sizeof(T), readable);

@@ -46,7 +46,11 @@ class VANTREL_API PtrInterface {
       left = --references_;
     if (left == 0) delete this;
   }
-  U32 references() const { return references_; }
+  U32 references() const {
+    if (Detail::atomicCounts) [[unlikely]]
+      return std::atomic_ref(references_).load(std::memory_order_relaxed);
+    return references_;
+  }
 
  private:
   alignas(std::atomic_ref<U32>::required_alignment) mutable U32 references_ = 0;
@@ -90,6 +94,13 @@ class Ptr {
 template <class T, class... Args>
 Ptr<T> make(Args&&... args) {
   return Ptr<T>(new T(std::forward<Args>(args)...));
+}
+
+// keepAlive(object): a reference for as long as foreign code runs that may drop the last one. Null while nobody
+// holds the object yet, or any more: a first reference taken here would end it.
+template <class T>
+Ptr<T> keepAlive(T* object) {
+  return Ptr<T>(object && object->references() ? object : nullptr);
 }
 
 }  // namespace Ostra

@@ -130,10 +130,10 @@ TEST(EntryConfig, OneTableIndexTooManyRaisesTheSizeErrorNamingSeventeen) {
   std::string const text = textOf<Pallo::InvalidSizeException>([&] { Traits::decode(image); });
   EXPECT_THAT(
       text, testing::StartsWith("PodArray::set expected size <= 17, instead got 18. Buffer is at address: "));
-  // 17 elements fill the space; the 18th would be the next field's.
+  // Eighteen elements, the last of which is the next field's bytes.
   std::size_t const dump = text.find(" with contents: ");
   ASSERT_NE(dump, std::string::npos);
-  EXPECT_EQ(text.size() - dump - std::strlen(" with contents: "), 2U * 17 * 4);
+  EXPECT_EQ(text.size() - dump - std::strlen(" with contents: "), 2U * 18 * 4);
   EXPECT_THAT(text, testing::HasSubstr(" with contents: 64000000"));
 }
 

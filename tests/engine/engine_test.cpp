@@ -464,12 +464,58 @@ TEST_F(StatusWrites, WithoutAStatusTableNothingIsWrittenOrTraced) {
   EXPECT_THAT(lines.take(), IsEmpty());
 }
 
-TEST_F(StatusWrites, EngineRunsAgainstTheBaseClientAlone) {
+TEST_F(StatusWrites, EngineRunsToCompletionAgainstTheBaseClientAlone) {
   auto const bare = make<FastVantrelImpl>("e", table, debugConfig, debugStatus, helper, 1U);
   write({.key = 1, .ti = 1});
   bare->handleEntry(EntryKey(1));
   write({.key = 1, .ti = 2});
   bare->handleEntry(EntryKey(1));
   EXPECT_EQ(bare->currentOpId(EntryKey(1)), table->entry(EntryKey(1)).opId());
+  write({.key = 2, .ti = 1});
+  bare->handleEntry(EntryKey(2));
+  write({.key = 1, .ti = 1});
+  bare->handleEntry(EntryKey(1));
+  write({.key = 2, .ti = 2});
+  bare->handleEntry(EntryKey(2));
+  EXPECT_EQ(bare->deadlockCount(), 1U);
   EXPECT_EQ(status->size(), 0U);
+  table->entryQuietlyDel(EntryKey(1));
+  bare->handleEntry(EntryKey(1));
+  EXPECT_EQ(bare->currentOpId(EntryKey(1)), OpId(0));
+  EXPECT_EQ(bare->currentOpId(EntryKey(2)), table->entry(EntryKey(2)).opId());
+  helper->flush();
+}
+
+TEST_F(EngineBase, TheBaseEnginesDependantsSucceedAtOnce) {
+  class Plain : public VantrelImpl {
+   public:
+    using VantrelImpl::VantrelImpl;
+    EntryConfig readDeps(U64 key) { return readAndProcessDeps(EntryKey(key)); }
+  };
+  auto const plain = make<Plain>("plain", table, debugConfig, debugStatus, client, 1U);
+  write({.key = 1, .ti = 1});
+  EXPECT_EQ(plain->readDeps(1), table->entry(EntryKey(1)));
+  EXPECT_EQ(plain->failedDepCnt(), 0U);
+}
+
+// The record that decides on the acknowledgement of the old key is the new key's, read afresh.
+TEST_F(EngineBase, AMarkerOnTheNewKeysFreshRecordAcknowledgesTheOldKey) {
+  write({.key = 1, .ti = 1, .hdl = 11});
+  handled(1);
+  write({.key = 2, .ti = 2, .hdl = 11});
+  probe->dependants = [this](EntryConfig const&, EntryKey const& key) {
+    EntryConfig marked = table->entry(key);
+    marked.isDelIs(true);
+    table->entryQuietlyIs(marked);
+    return true;
+  };
+  EXPECT_THAT(handled(2), ElementsAre("processDelete 1 ack", "processEntry 2", "checkDeadlock"));
+}
+
+TEST_F(EngineBase, ADeleteForgetsItsHandleWhateverKeyItNames) {
+  probe->keyToHandleIs(EntryKey(1), 11);
+  probe->handleToKeyIs(11, EntryKey(2));
+  handled(1);
+  EXPECT_THAT(probe->handleToKey(), IsEmpty());
+  EXPECT_THAT(probe->keyToHandle(), IsEmpty());
 }

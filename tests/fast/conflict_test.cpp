@@ -26,20 +26,57 @@ TEST_F(Conflict, ConfigurationThatIsNotNewerIsStaleAndEndsAnyClaim) {
 
 TEST_F(Conflict, MarksTheEngineDirtyWhateverTheOutcome) {
   put({.key = 1, .ti = 1, .opId = 100});
-  engine->dirtyIs(false);
-  EXPECT_TRUE(conflicts({.key = 1, .ti = 1, .opId = 100}));
-  EXPECT_TRUE(engine->dirty());
+  struct Case {
+    Put put;
+    bool conflicting;
+  };
+  for (Case const& c :
+       {Case{{.key = 1, .ti = 1, .opId = 100}, true}, Case{{.key = 1, .ti = 1, .opId = 101}, false},
+        Case{{.key = 2, .ti = 1, .opId = 102}, true}, Case{{.key = 3, .ti = 3, .opId = 103}, false}}) {
+    engine->dirtyIs(false);
+    EXPECT_EQ(conflicts(c.put), c.conflicting) << c.put.key << " " << c.put.opId;
+    EXPECT_TRUE(engine->dirty());
+  }
+}
+
+TEST_F(Conflict, APriorityClaimThatIsAskedForAgainIsRefreshedInPlace) {
+  put({.key = 1, .ti = 1, .prio = 9, .opId = 10});
+  EXPECT_TRUE(conflicts({.key = 2, .ti = 5, .prio = 4, .opId = 50}));
+  EXPECT_TRUE(conflicts({.key = 2, .ti = 5, .prio = 4, .opId = 55}));
+  EXPECT_EQ(record(2).p.opId, OpId(55));
+  EXPECT_EQ(claimant(5), 2U);
+  EXPECT_EQ(state().pending.count(), 1U);
+}
+
+TEST_F(Conflict, AnOlderConfigurationGivesUpTheKeysOwnNewerPriorityClaim) {
+  put({.key = 1, .ti = 1, .prio = 9, .opId = 10});
+  EXPECT_TRUE(conflicts({.key = 2, .ti = 5, .prio = 4, .opId = 50}));
+  EXPECT_TRUE(conflicts({.key = 2, .ti = 5, .prio = 4, .opId = 40}));
+  EXPECT_EQ(claimant(5), 0U);
+  EXPECT_EQ(record(2).p.ti, noIndex);
+}
+
+TEST_F(Conflict, AClaimChangesItsReasonInPlace) {
+  put({.key = 1, .ti = 1, .prio = 9, .opId = 10});
+  put({.key = 3, .ti = 5, .prio = 9, .opId = 11});
+  EXPECT_TRUE(conflicts({.key = 2, .ti = 5, .prio = 4, .opId = 50}));
+  EXPECT_EQ(record(2).p.type, PendingType::Occupied);
+  engine->processDelete(EntryKey(3), false);
+  EXPECT_TRUE(conflicts({.key = 2, .ti = 5, .prio = 4, .opId = 51}));
+  EXPECT_EQ(record(2).p.type, PendingType::Priority);
+  EXPECT_EQ(claimant(5), 2U);
+  EXPECT_EQ(state().pending.count(), 1U);
 }
 
 TEST_F(Conflict, FirstSightMakesARecordEvenWhenTheAnswerIsTrue) {
   put({.key = 1, .ti = 1});
-  EXPECT_TRUE(conflicts({.key = 2, .ti = 1, .prio = 7, .pg = 0, .hdl = 22}));
+  EXPECT_TRUE(conflicts({.key = 2, .ti = 1, .prio = 7, .pg = 3, .hdl = 22}));
   ASSERT_TRUE(known(2));
   EXPECT_EQ(record(2).opId, OpId(0));
   EXPECT_EQ(record(2).sti, noIndex);
   EXPECT_EQ(record(2).hdl, 22U);
   EXPECT_EQ(record(2).prio, 7U);
-  EXPECT_TRUE(conflicts({.key = 3, .ti = 5, .opId = 0x1}) == false);
+  EXPECT_EQ(record(2).pg, 3);
   table->entryQuietlyIs(EntryConfig(EntryKey(4), OpId(0), 4, 0, 0));
   EXPECT_TRUE(engine->isConflicting(table->entry(EntryKey(4)))) << "OpId zero is never newer";
   EXPECT_TRUE(known(4));
@@ -74,9 +111,10 @@ TEST_F(Conflict, NeighbourAboveWithSmallerPriorityBlocks) {
 }
 
 TEST_F(Conflict, OnlyTheNearestNeighboursCount) {
-  put({.key = 1, .ti = 1, .prio = 5, .pg = 0});
-  put({.key = 2, .ti = 3, .prio = 5, .pg = 0});
-  put({.key = 3, .ti = 9, .prio = 5, .pg = 0});
+  put({.key = 1, .ti = 1, .prio = 5});
+  put({.key = 2, .ti = 3, .prio = 5});
+  put({.key = 3, .ti = 9, .prio = 5});
+  record(1).prio = 100;  // out of order already, farther away
   EXPECT_FALSE(conflicts({.key = 4, .ti = 5, .prio = 5}));
 }
 
@@ -143,7 +181,9 @@ TEST_F(Conflict, AClaimMovesWithTheConfiguration) {
   EXPECT_TRUE(conflicts({.key = 3, .ti = 2}));
   EXPECT_EQ(claimant(1), 0U);
   EXPECT_EQ(claimant(2), 3U);
-  EXPECT_TRUE(conflicts({.key = 3, .ti = 7, .prio = 1}) == true || record(3).prio == 10U);
+  EXPECT_FALSE(conflicts({.key = 3, .ti = 7}));
+  EXPECT_EQ(claimant(2), 0U);
+  EXPECT_FALSE(blocked(3));
 }
 
 TEST_F(Conflict, TakingAFreePositionEndsAnothersClaimOnIt) {

@@ -135,37 +135,108 @@ TEST_F(Deadlock, APriorityBlockedEntryIsSkipped) {
   EXPECT_THAT(lines.take(), Contains("VantrelFastImpl/7 skipping prio blocked 1"));
 }
 
-TEST_F(Deadlock, AChainThatLeadsIntoARingFromOutsideBreaksNothing) {
-  put({.key = 1, .ti = 1});
-  put({.key = 2, .ti = 2});
-  put({.key = 3, .ti = 3});
+// 3 claims beside the listed claims of a ring of 1 and 2, as a forged state: its chain enters the ring.
+TEST_F(Deadlock, AChainThatLeadsIntoARingFromOutsideStopsAtWhatItHasSeenAndBreaksNothing) {
+  for (U64 key : {1, 2, 3}) put({.key = key, .ti = static_cast<U32>(key)});
   want(1, 2);
   want(2, 1);
-  want(3, 2);  // takes over the claim on 2: 1 has none any more, the ring is open
-  EXPECT_EQ(claimant(2), 3U);
+  write({.key = 3, .ti = 1});
+  record(3).p = {OpId(1), 1, PendingType::Occupied};
   state().blocked.clear();
   state().blocked.insert(EntryKey(3));
   FacilityLines lines("VantrelFastImpl/7");
   EXPECT_THAT(checked(), IsEmpty());
-  EXPECT_THAT(lines.take(), Contains("VantrelFastImpl/7 skipping pending move 1"));
+  EXPECT_THAT(
+      lines.take(),
+      ElementsAre("VantrelFastImpl/7 checking deadlock", "VantrelFastImpl/7 [1] occupied 1 pending 3",
+                  "VantrelFastImpl/7 [2] occupied 2 pending 1", "VantrelFastImpl/7 [1] occupied 1 pending 2",
+                  "VantrelFastImpl/7 stopping. already seen 1", "VantrelFastImpl/7 checking deadlock done"));
+  EXPECT_EQ(engine->deadlockCount(), 0U);
+  record(3).p = {OpId(0), noIndex, PendingType::None};
 }
 
-TEST_F(Deadlock, MembersAlreadySeenByAChainFromOutsideStopTheirOwnChains) {
-  // A stale pair of claims that a chain from 3 enters: both members are visited, and the ring stays.
-  put({.key = 1, .ti = 1});
-  put({.key = 2, .ti = 2});
-  put({.key = 3, .ti = 3});
+TEST_F(Deadlock, ARingEnteredFromOutsideStaysUntilALaterRunStartsOnAMember) {
+  for (U64 key : {1, 2, 3}) put({.key = key, .ti = static_cast<U32>(key)});
   want(1, 2);
   want(2, 1);
   write({.key = 3, .ti = 1});
-  record(3).p = {OpId(1), 1, PendingType::Occupied};  // waits for 1 as well, beside the listed claim of 2
-  state().blocked.clear();
-  FacilityLines lines("VantrelFastImpl/7");
+  record(3).p = {OpId(1), 1, PendingType::Occupied};
   state().blocked.insert(EntryKey(3));
+  bool const outsiderFirst = *state().blocked.begin() == EntryKey(3);
   engine->checkDeadlock();
-  EXPECT_THAT(lines.take(), Contains(HasSubstr("stopping. already seen 1")));
+  if (outsiderFirst) {
+    EXPECT_EQ(engine->deadlockCount(), 0U);
+    record(3).p = {OpId(0), noIndex, PendingType::None};
+    state().blocked.insert(EntryKey(1));
+    engine->checkDeadlock();
+  }
+  EXPECT_EQ(engine->deadlockCount(), 1U);
+  if (known(3)) record(3).p = {OpId(0), noIndex, PendingType::None};
+}
+
+TEST_F(Deadlock, AChainWhoseLastOccupantDoesNotWaitToMoveDeletesNothing) {
+  for (U64 key : {1, 2, 3}) put({.key = key, .ti = static_cast<U32>(key)});
+  want(1, 2);
+  want(2, 3);
+  EXPECT_THAT(checked(), IsEmpty());
+  EXPECT_EQ(record(1).sti, 1U);
+  EXPECT_EQ(record(2).sti, 2U);
   EXPECT_EQ(engine->deadlockCount(), 0U);
-  record(3).p = {OpId(0), noIndex, PendingType::None};
+}
+
+TEST_F(Deadlock, TheVictimIsTheKeyThatTheSearchStartedFrom) {
+  for (U64 key = 1; key <= 4; ++key) put({.key = key, .ti = static_cast<U32>(key)});
+  for (U64 key = 1; key <= 4; ++key) want(key, static_cast<U32>(key % 4 + 1));
+  RingRecords records;
+  auto const calls = checked();
+  auto const taken = records.take();
+  ASSERT_FALSE(taken.empty());
+  ASSERT_TRUE(taken[0].starts_with("deadlock check key:%q [1,"));
+  std::string const start = taken[0].substr(taken[0].size() - 2, 1);
+  EXPECT_EQ(calls[0], "deadlock " + start + "@" + start);
+}
+
+TEST_F(Deadlock, ADeleteMarkedRecordThatStillNamesItsClaimIsARingMember) {
+  put({.key = 1, .ti = 1});
+  put({.key = 2, .ti = 2});
+  want(1, 2);
+  want(2, 1);
+  write({.key = 1, .ti = 2, .del = true});
+  write({.key = 2, .ti = 1, .del = true});
+  EXPECT_FALSE(checked().empty());
+  EXPECT_EQ(engine->deadlockCount(), 1U);
+}
+
+TEST_F(Deadlock, TheCheckAndTheCleanUpCanBeInvokedByName) {
+  put({.key = 1, .ti = 1});
+  put({.key = 2, .ti = 2});
+  want(1, 2);
+  want(2, 1);
+  engine->typeInfo().invoke(*engine, "checkDeadlock");
+  EXPECT_EQ(engine->deadlockCount(), 1U);
+  client->take();
+  engine->typeInfo().invoke(*engine, "doCleanup");
+  EXPECT_THAT(client->take(),
+              testing::UnorderedElementsAre("del 1@2", "del 2@1", "delStatus 1", "delStatus 2", "flush"));
+}
+
+TEST_F(Deadlock, AnOversizeRecordMetInAChainLeavesAsTheSizeError) {
+  class Oversize : public Shoal::LocalTable<EntryConfig> {
+   public:
+    EntryConfig entry(EntryKey const& key) const override {
+      if (!oversize) return LocalTable::entry(key);
+      throw Pallo::InvalidSizeException("too large");
+    }
+    bool oversize = false;
+  };
+  auto const big = make<Oversize>();
+  auto const own = make<FastVantrelImpl>("own", big, debugConfig, debugStatus, client, 1U);
+  for (U64 key : {1, 2}) {
+    big->entryQuietlyIs(config({.key = key, .ti = 1}));
+    own->handleEntryHelper(EntryKey(key));
+  }
+  big->oversize = true;
+  EXPECT_THROW(own->checkDeadlock(), Pallo::InvalidSizeException);
 }
 
 TEST_F(Deadlock, AfterARunTheBlockedSetIsEmptyWhateverWasFound) {
@@ -173,7 +244,12 @@ TEST_F(Deadlock, AfterARunTheBlockedSetIsEmptyWhateverWasFound) {
   want(2, 1);
   want(3, 1);
   EXPECT_FALSE(state().blocked.empty());
-  checked();
+  EXPECT_THAT(checked(), IsEmpty());
+  EXPECT_TRUE(state().blocked.empty());
+  put({.key = 4, .ti = 4});
+  want(1, 4);
+  want(4, 1);
+  EXPECT_FALSE(checked().empty());
   EXPECT_TRUE(state().blocked.empty());
 }
 

@@ -25,12 +25,46 @@ TEST_F(Deletes, OfAKeyNeverAddedWithAcknowledgementOnlyWritesDelAck) {
   EXPECT_FALSE(engine->processDelete(EntryKey(1), true));
   EXPECT_THAT(client->take(), ElementsAre("delAck 1"));
   EXPECT_EQ(acknowledged(1), marker);
-  EXPECT_FALSE(known(1));
 }
 
 TEST_F(Deletes, OfAKeyNeverAddedWithoutAcknowledgementOnlyRemovesItsStatus) {
   EXPECT_FALSE(engine->processDelete(EntryKey(1), false));
   EXPECT_THAT(client->take(), ElementsAre("delStatus 1"));
+}
+
+TEST_F(Deletes, OfAKeyNeverAddedChangeNoState) {
+  put({.key = 5, .ti = 5});
+  put({.key = 6, .ti = 5});
+  engine->dirtyIs(false);
+  for (bool const deadlock : {false, true})
+    for (bool const ack : {false, true})
+      EXPECT_FALSE(engine->processDeleteHelper(EntryKey(1), deadlock, ack));
+  EXPECT_THAT(client->take(), ElementsAre("delStatus 1", "delAck 1", "delStatus 1", "delAck 1"))
+      << "a broken ring plays no part";
+  EXPECT_FALSE(known(1));
+  EXPECT_EQ(state().cstate.size(), 2U);
+  EXPECT_EQ(claimant(5), 6U);
+  EXPECT_THAT(queued(), IsEmpty());
+  EXPECT_FALSE(engine->dirty());
+}
+
+TEST_F(Deletes, TheRecordHasGroupZeroAndNoDataWhateverTheEntryHad) {
+  EntryConfig full = config({.key = 1, .ti = 6, .prio = 9, .pg = 3});
+  for (unsigned i = 0; i <= DataKey::max; ++i) full.dataIs(DataKey(i), i);
+  table->entryQuietlyIs(full);
+  handle(1);
+  EXPECT_TRUE(engine->processDelete(EntryKey(1), false));
+  EXPECT_EQ(client->records.back().pg(), 0);
+  EXPECT_EQ(client->records.back().datas(), 0U);
+}
+
+TEST_F(Deletes, WaitersOfOtherGroupsInTheRangeArePassedOver) {
+  put({.key = 1, .ti = 6, .prio = 20});
+  put({.key = 2, .ti = 100, .prio = 20, .pg = 1});
+  put({.key = 11, .ti = 4, .prio = 30});
+  put({.key = 12, .ti = 8, .prio = 30, .pg = 1});
+  EXPECT_EQ(claimant(8), 12U);
+  EXPECT_THAT(woken(1), ElementsAre(11));
 }
 
 TEST_F(Deletes, OfAPendingEntryWithoutAcknowledgementIsSilent) {

@@ -17,15 +17,15 @@ class Watcher : public FastVantrelImpl::Notifiee {
   int count = 0;
 };
 
-class FastState_ : public FastWorld {};
-using FastStateDeathTest = FastState_;
+class EngineState : public FastWorld {};
+using FastStateDeathTest = EngineState;
 
 class Atcam : public EngineWorld<FastVantrelAtcamImpl> {};
 using AtcamDeathTest = Atcam;
 
 }  // namespace
 
-TEST_F(FastState_, StartsEmptyWithItsDefaults) {
+TEST_F(EngineState, StartsEmptyWithItsDefaults) {
   EXPECT_TRUE(engine->initialized());
   EXPECT_EQ(engine->prioGrpShift(), 19U);
   EXPECT_EQ(engine->deadlockCount(), 0U);
@@ -39,9 +39,9 @@ TEST_F(FastState_, StartsEmptyWithItsDefaults) {
   EXPECT_EQ(state().blocked.max_load_factor(), 1.0F);
 }
 
-TEST_F(FastState_, RecordsAreFortyEightBytes) { EXPECT_EQ(sizeof(CState_s), 48U); }
+TEST_F(EngineState, RecordsAreFortyEightBytes) { EXPECT_EQ(sizeof(CState_s), 48U); }
 
-TEST_F(FastState_, AttributesNotifyOnlyOnChange) {
+TEST_F(EngineState, AttributesNotifyOnlyOnChange) {
   Watcher w;
   w.notifierIs(engine);
   engine->deadlockCountInc(0);
@@ -56,7 +56,7 @@ TEST_F(FastState_, AttributesNotifyOnlyOnChange) {
   EXPECT_EQ(w.count, 4);
 }
 
-TEST_F(FastState_, InitializingAgainKeepsTheState) {
+TEST_F(EngineState, InitializingAgainKeepsTheState) {
   FastState* const before = engine->state();
   engine->initializedIs(false);
   FacilityLines lines("VantrelFastImpl/8");
@@ -66,13 +66,13 @@ TEST_F(FastState_, InitializingAgainKeepsTheState) {
   EXPECT_THAT(lines.take(), testing::ElementsAre("VantrelFastImpl/8 handleInitialized"));
 }
 
-TEST_F(FastState_, UnknownKeyHasOpIdZero) {
+TEST_F(EngineState, UnknownKeyHasOpIdZero) {
   EXPECT_EQ(engine->currentOpId(EntryKey(5)), OpId(0));
   put({.key = 5, .ti = 1, .opId = 77});
   EXPECT_EQ(engine->currentOpId(EntryKey(5)), OpId(77));
 }
 
-TEST_F(FastState_, NumPendingIsZeroBeforeInitializationWhateverTheStateHolds) {
+TEST_F(EngineState, NumPendingIsZeroBeforeInitializationWhateverTheStateHolds) {
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 1});
   EXPECT_EQ(engine->numPending(), 1U);
@@ -81,7 +81,7 @@ TEST_F(FastState_, NumPendingIsZeroBeforeInitializationWhateverTheStateHolds) {
   engine->initializedIs(true);
 }
 
-TEST_F(FastState_, EveryAttributeCanBeReachedByName) {
+TEST_F(EngineState, EveryAttributeCanBeReachedByName) {
   engine->typeInfo().write(*engine, "prioGrpShift", U64{20});
   EXPECT_EQ(engine->prioGrpShift(), 20U);
   EXPECT_NO_THROW(engine->typeInfo().writeFromOutside(*engine, "prioGrpShift", U64{19}));
@@ -97,7 +97,7 @@ TEST_F(FastState_, EveryAttributeCanBeReachedByName) {
   EXPECT_THAT(client->take(), testing::ElementsAre("deadlock 1@1"));
 }
 
-TEST_F(FastState_, PtiPacksGroupAndPosition) {
+TEST_F(EngineState, PtiPacksGroupAndPosition) {
   EXPECT_EQ(engine->pti(3, 1000), 1573864U);
   EXPECT_EQ(engine->pti(3, 1000), 0x1803E8U);
   EXPECT_EQ(engine->lti(1573864), 1000U);
@@ -105,7 +105,7 @@ TEST_F(FastState_, PtiPacksGroupAndPosition) {
   EXPECT_EQ(engine->pti(8191, 0), 0xFFF80000U);
 }
 
-TEST_F(FastState_, ShiftsOfThirtyTwoAndMoreAreDoneOnSixtyFourBits) {
+TEST_F(EngineState, ShiftsOfThirtyTwoAndMoreAreDoneOnSixtyFourBits) {
   engine->prioGrpShiftIs(32);
   EXPECT_EQ(engine->pti(0, 0xFFFFFFFE), 0xFFFFFFFEU);
   EXPECT_EQ(engine->lti(0xFFFFFFFE), 0xFFFFFFFEU);

@@ -544,10 +544,6 @@ TEST_F(FrontEnd, ASubclassMayOverrideTheHandlers) {
 }
 
 TEST_F(FrontEnd, ConstructorThatThrowsReleasesItsInputs) {
-  class Throwing : public VantrelFlushStatus {
-   public:
-    using VantrelFlushStatus::VantrelFlushStatus;
-  };
   class ThrowingWatcher : public VantrelFlushStatus::Notifiee {
    public:
     void onTableCounter() override { throw std::runtime_error("watcher"); }
@@ -573,4 +569,98 @@ TEST_F(FrontEnd, AttributesCanBeReachedByName) {
   type.invoke(*sm, "doScheduleRetry", {U64{9}});
   EXPECT_THAT(failed(), ElementsAre(9));
   EXPECT_THROW(type.writeFromOutside(*sm, "initialized", false), Ostra::AttributeException);
+}
+
+TEST_F(FrontEnd, AProducerThatAnswersTheTableCounterDuringConstructionIsHeardByTheFirstWalk) {
+  class Answering : public VantrelFlushStatus::Notifiee {
+   public:
+    void onTableCounter() override { answer(); }
+    std::function<void()> answer;
+  };
+  Answering producer;
+  producer.notifierIs(flushStatus);
+  producer.answer = [this] {
+    table->entryIs(config({.key = 1, .ti = 1}));
+    debugConfig->versionInc(1);
+  };
+  create();
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1));
+  EXPECT_EQ(keyEngine->debugs, 0) << "inert until the constructor is through";
+}
+
+TEST_F(FrontEnd, TheLastReferenceMayGoInsideAnyHandler) {
+  write({.key = 1, .ti = 1});
+  write({.key = 2, .ti = 2});
+  create();
+  keyEngine->take();
+  keyEngine->onKey = [this](U64) { sm = nullptr; };
+  VantrelSm& walked = *sm;
+  walked.handleEntry();
+  EXPECT_THAT(keyEngine->take(), testing::UnorderedElementsAre(1, 2));
+
+  keyEngine->onKey = nullptr;
+  create();
+  sm->failedKeyIs(EntryKey(1), true);
+  sm->failedKeyIs(EntryKey(2), true);
+  keyEngine->take();
+  keyEngine->onKey = [this](U64) { sm = nullptr; };
+  VantrelSm& retried = *sm;
+  retried.handleRetry();
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1, 2));
+}
+
+TEST_F(FrontEnd, AWalkThatThrewAtSwitchingOnIsStillOwed) {
+  create();
+  sm->hasNotificationActiveIs(false);
+  write({.key = 1, .ti = 1});
+  keyEngine->other = {1};
+  EXPECT_THROW(sm->hasNotificationActiveIs(true), std::runtime_error);
+  keyEngine->other.clear();
+  keyEngine->take();
+  sm->hasNotificationActiveIs(true);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1));
+}
+
+TEST_F(FrontEnd, AnotherExceptionInAWalkPassesThroughWithoutAFlush) {
+  create();
+  client->take();
+  write({.key = 1, .ti = 1});
+  keyEngine->other = {1};
+  EXPECT_THROW(table->notifyEntryColl(), std::runtime_error);
+  EXPECT_THAT(client->take(), IsEmpty());
+}
+
+TEST_F(FrontEnd, ARetryThatFellDueWhileSwitchedOffComesWhenItIsSwitchedOn) {
+  create();
+  keyEngine->internal = {1};
+  tell(1);
+  keyEngine->internal.clear();
+  sm->hasNotificationActiveIs(false);
+  wheel->advance(20);
+  sm->tableConfigDel();
+  keyEngine->take();
+  sm->hasNotificationActiveIs(true);
+  wheel->advance(1);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1));
+  EXPECT_FALSE(sm->retryTimerSet());
+}
+
+TEST_F(FrontEnd, APeriodOfNothingRetriesOnceAnInstant) {
+  create();
+  sm->retryPeriodIs(-1);
+  keyEngine->internal = {1};
+  tell(1);
+  keyEngine->take();
+  wheel->advance(1);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1));
+}
+
+TEST_F(FrontEnd, WithARealEngineAKeyThatChangesNothingLeavesNoFailedKey) {
+  engineIs();
+  sm = vantrelSmFactory(table, status, debugConfig, debugStatus, engine, flushStatus, wheel);
+  table->entryIs(config({.key = 1, .ti = 1, .opId = 5}));
+  client->take();
+  table->notifyEntry(EntryKey(1));
+  EXPECT_THAT(client->take(), IsEmpty()) << "not newer: the engine answers false";
+  EXPECT_THAT(failed(), IsEmpty());
 }

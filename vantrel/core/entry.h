@@ -60,30 +60,28 @@ class OpId {
 VANTREL_API std::ostream& operator<<(std::ostream& out, EntryKey const& key);
 VANTREL_API std::ostream& operator<<(std::ostream& out, OpId const& opId);
 
-// An index from 0 to Max, checked whenever it is made or stepped.
 namespace Detail {
 [[noreturn]] VANTREL_API void throwTableKeyRange();
 [[noreturn]] VANTREL_API void throwDataKeyRange();
 }  // namespace Detail
 
+// An index from 0 to Max, checked whenever it is made or stepped.
 template <unsigned Max, void (*Throw)()>
 class BoundedIndex {
  public:
   static constexpr unsigned min = 0;
   static constexpr unsigned max = Max;
-  constexpr explicit BoundedIndex(unsigned value) : value_(value) { check(); }
+  constexpr explicit BoundedIndex(U64 value) : value_(static_cast<unsigned>(value)) {
+    if (value > Max) [[unlikely]]
+      Throw();
+  }
   constexpr unsigned value() const { return value_; }
-  constexpr BoundedIndex& operator++() { return *this = BoundedIndex(value_ + 1); }
-  constexpr BoundedIndex& operator--() {
-    return *this = BoundedIndex(value_ - 1);
-  }  // below 0 wraps above max
+  constexpr BoundedIndex& operator++() { return *this = BoundedIndex(U64{value_} + 1); }
+  // Below 0 wraps above max.
+  constexpr BoundedIndex& operator--() { return *this = BoundedIndex(U64{value_} - 1); }
   friend constexpr auto operator<=>(BoundedIndex const&, BoundedIndex const&) = default;
 
  private:
-  constexpr void check() const {
-    if (value_ > Max) [[unlikely]]
-      Throw();
-  }
   unsigned value_;
 };
 using TableKey = BoundedIndex<16, &Detail::throwTableKeyRange>;
@@ -104,9 +102,7 @@ class EntryConfig {
   OpId opId() const { return opId_; }
   U32 hdl() const { return hdl_; }  // the producer's number of the entry's hardware resource
   U16 pg() const { return pg_; }    // priority group
-  U32 prio() const {
-    return prio_;
-  }  // priority within the group; must not decrease along the precedence order
+  U32 prio() const { return prio_; }  // must not decrease along the precedence order of the group
 
   // Element 0 is the entry's position in its own table.
   U32 tableIndexs() const { return tableIndex_.count(); }

@@ -24,8 +24,9 @@ struct EntryConfigImageAccess {
     std::memcpy(at, &value, sizeof value);
   }
   template <class Array>
-  static void getArray(std::byte const* at, Array& array, std::size_t readable) {
-    array.set(at + sizeof(U32), get<U32>(at), readable);
+  static void getArray(std::byte const* image, std::size_t at, Array& array) {
+    std::size_t const elements = at + sizeof(U32);
+    array.set(image + elements, get<U32>(image + at), Shoal::RecordTraits<EntryConfig>::bytes - elements);
   }
   template <class Array>
   static void putArray(std::byte* at, Array const& array) {
@@ -48,8 +49,8 @@ struct EntryConfigImageAccess {
     EntryConfig r(EntryKey(get<U64>(image)), OpId(get<U64>(image + 8)), get<U32>(image + 16),
                   get<U16>(image + 20), get<U32>(image + 24));
     r.isDel_ = get<U16>(image + 22) & deleteMarker;
-    getArray(image + tableIndexAt, r.tableIndex_, dataAt - tableIndexAt - sizeof(U32));
-    getArray(image + dataAt, r.data_, Shoal::RecordTraits<EntryConfig>::bytes - dataAt - sizeof(U32));
+    getArray(image, tableIndexAt, r.tableIndex_);
+    getArray(image, dataAt, r.data_);
     return r;
   }
 };

@@ -17,7 +17,10 @@ constinit Ostra::TraceHandle fastImplTrace("VantrelFastImpl");
 namespace {
 
 // Level 0: nothing else ever pushes it out of the ring. The whole text, which a string value would cut.
+Pallo::AssertionHook agentsHook = nullptr;  // the one that was there before
+
 void recordAssertion(Pallo::AssertionFailure const& failure) {
+  if (agentsHook) agentsHook(failure);
   if (!lg) return;
   lg->recordText(0, failure.model, failure.line, 0,
                  fmt::format("assertion failed: {}, model file {}, line {}, function {}", failure.expression,
@@ -39,7 +42,7 @@ void initLg() {
   options.maxString = 80;
   options.threading = Lumelog::Threading::Single;
   lg = Lumelog::open(name, options);
-  if (lg) Pallo::assertionHookIs(&recordAssertion);
+  if (lg) agentsHook = Pallo::assertionHookIs(&recordAssertion);
 }
 
 void traceSettingIs(char const* settings) {

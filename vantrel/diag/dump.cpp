@@ -66,10 +66,10 @@ class Dump {
     if (state_.pending.count() == 0) return;
     line(9, "Pending [ti]=key -> pending_ti");
     for (auto at = state_.pending.atOrAbove(0); at; at = state_.pending.above(at->index)) {
-      CState_s const& c = *at->value;
-      entry(at->index, &c);
-      if (c.p.ti == at->index) continue;
-      line(9, "pending index mismatch ", c.key, " at ", c.p.ti, " expected at ", at->index);
+      CState_s const* const c = at->value;
+      entry(at->index, c);
+      if (c->p.ti == at->index) continue;
+      line(9, "pending index mismatch ", c->key, " at ", c->p.ti, " expected at ", at->index);
       fatal_ = true;
     }
   }

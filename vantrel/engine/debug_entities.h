@@ -46,12 +46,9 @@ class VANTREL_API DebugStatus : public Ostra::Entity {
     virtual void onStatusOpId(EntryKey const&) {}
     virtual void onVersion() {}
   };
-  struct KeyHash {
-    std::size_t operator()(EntryKey const& key) const { return key.hash(); }
-  };
   // Maps whose buckets can be walked in slices while others change: a snapshot may have a million members.
   using KeyAtIndex = boost::unordered_map<U32, EntryKey>;
-  using OpIdOfKey = boost::unordered_map<EntryKey, OpId, KeyHash>;
+  using OpIdOfKey = boost::unordered_map<EntryKey, OpId>;
 
   using Entity::Entity;
 

@@ -8,6 +8,8 @@
 //
 // Ownership: holds a reference to the status table, which may be null: then nothing is acknowledged.
 // Threading: the agent's event loop.
+// Errors: an override may throw; the exception passes through the engine, whose indexes stay as they were
+//   updated before the call. Not at clean-up: that runs in a destructor.
 #pragma once
 
 #include <string>
@@ -23,15 +25,14 @@ class VANTREL_API VantrelHelper : public Ostra::Entity {
 
   Ostra::Ptr<TableStatus> const& tableStatus() const { return tableStatus_; }
 
-  // Programs a new entry at table index 0 of `entry`. The position is free.
+  // Programs a new entry at the position that element 0 of its table indexes names. The position is free.
   virtual void addEntry(EntryConfig const& entry);
-  // Removes a programmed entry. Table index 0 is the position to clear, `pg` is 0, and the OpId is the
-  // entry's own, or OpId::deleteAcknowledge() when the producer asked for the delete and waits for its
-  // acknowledgement.
+  // Removes a programmed entry. Element 0 names the position to clear, `pg` is 0, and the OpId is the entry's
+  // own, or OpId::deleteAcknowledge() when the producer asked for the delete and waits for its acknowledgement.
   virtual void deleteEntry(EntryConfig const& entry);
   // The same, to break a ring of entries that wait for one another: the entry comes back.
   virtual void deleteEntryDeadlock(EntryConfig const& entry);
-  // Moves a programmed entry to table index 0 of `entry`. The position is free; the old one is not named.
+  // Moves a programmed entry to the position that element 0 names. It is free; the old one is not named.
   virtual void moveEntry(EntryConfig const& entry);
   // Rewrites a programmed entry with a newer configuration. Before a move it names the new position already.
   virtual void updateEntry(EntryConfig const& entry);

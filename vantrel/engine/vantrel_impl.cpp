@@ -97,6 +97,7 @@ Ostra::TypeInfo const& VantrelImpl::staticType() {
           .refusedBecause(&ownersWouldBeLost)
           .attribute("initialized", &I::initialized, &I::initializedIs)
           .refusedBecause(&keysWouldBeLost)
+          .operation("failedDepCntInc", &I::failedDepCntInc)
           .operation("handleEntry", &I::handleEntry)
           .operation("handleEntryHelper", &I::handleEntryHelper)
           .operation("checkDeadlock", &I::checkDeadlock)

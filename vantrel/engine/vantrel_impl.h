@@ -36,11 +36,8 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   struct HandleHash {
     std::size_t operator()(U64 handle) const { return handle ^ (handle >> 32); }
   };
-  struct KeyHash {
-    std::size_t operator()(EntryKey const& key) const { return key.hash(); }
-  };
   using KeyOfHandle = boost::unordered_flat_map<U64, EntryKey, HandleHash>;
-  using HandleOfKey = boost::unordered_flat_map<EntryKey, U64, KeyHash>;
+  using HandleOfKey = boost::unordered_flat_map<EntryKey, U64>;
 
   // `lgId` heads every trace record of this engine; zero fails an assertion.
   VantrelImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig,
@@ -53,7 +50,9 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   // Turns one key into one delete or one add-or-update; true when the pending work should be run.
   virtual bool handleEntryHelper(EntryKey const& key);
 
-  // Finds and breaks rings of entries that wait for one another. Nothing here.
+  // What a concrete engine provides. Here checkDeadlock, the dumps and handleDebug do nothing, every dependant
+  // table is fine, and the others fail an assertion.
+  // Finds and breaks rings of entries that wait for one another.
   virtual void checkDeadlock();
   // Retries queued entries.
   virtual void processPending();
@@ -66,7 +65,7 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   virtual OpId currentOpId(EntryKey const& key) const;
   virtual U32 numPending() const;
   virtual U32 numDeadlock() const;
-  // Write the state into the facility trace; answer a debug request. Nothing here.
+  // Write the state into the facility trace; answer a debug request.
   virtual void dumpPending();
   virtual void dumpState();
   virtual void handleDebug();

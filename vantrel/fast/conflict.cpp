@@ -21,16 +21,15 @@ namespace Vantrel {
 
 bool FastVantrelImpl::isConflicting(EntryConfig const& entry) {
   dirtyIs(true);
-  return isConflicting(entry, recordOf(entry));
+  return conflicts(entry, recordOf(entry));
 }
 
 // The key's record; a key seen for the first time gets one, with this entry's handle, priority and group for
 // good.
 CState_s& FastVantrelImpl::recordOf(EntryConfig const& entry) {
   FastState& s = *state();
-  auto const [at, isNew] = s.cstate.try_emplace(entry.key(), nullptr);
-  if (!isNew) return *at->second;
-  CState_s& c = *(at->second = s.cstateAlloc());
+  if (CState_s* const known = s.record(entry.key())) return *known;
+  CState_s& c = *s.cstateAlloc();
   c.key = entry.key();
   c.opId = OpId();
   c.sti = noIndex;
@@ -38,6 +37,7 @@ CState_s& FastVantrelImpl::recordOf(EntryConfig const& entry) {
   c.prio = entry.prio();
   c.pg = entry.pg();
   s.clearPending(c.p, false);
+  s.cstate.emplace(c.key, &c);
   VANTREL_TRACE(vantrelFastImplTrace(), 8, "entry ", c.key, " entry opid ", entry.opId(), " current opId ",
                 c.opId);
   VANTREL_RECORD(9, lgId(), "new entry key:", c.key, " hdl:", c.hdl, " entry opid:", entry.opId(),
@@ -45,7 +45,7 @@ CState_s& FastVantrelImpl::recordOf(EntryConfig const& entry) {
   return c;
 }
 
-bool FastVantrelImpl::isConflicting(EntryConfig const& entry, CState_s& c) {
+bool FastVantrelImpl::conflicts(EntryConfig const& entry, CState_s& c) {
   if (c.opId >= entry.opId()) {  // not newer than what is programmed
     state()->clearPending(c.p, true);
     return true;
@@ -119,9 +119,9 @@ void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 t
     slot = &c;
     s.clearPending(c.p, true);  // may move the slots: this one is looked up again
     if (cp) s.clearPending(cp->p, false);
-    CState_s** const PValue = s.pending.find(ti);
-    FAST_ASSERT(PValue);
-    *PValue = &c;
+    CState_s** const found = s.pending.find(ti);
+    FAST_ASSERT_AS(found, "PValue");
+    *found = &c;
   }
   c.p = {entry.opId(), ti, PendingType::Occupied};
 }

@@ -70,13 +70,13 @@ CState_s const* FastVantrelImpl::occupantWaitedFor(CState_s const& c) const {
     VANTREL_TRACE(vantrelFastImplTrace(), 7, "skipping pending move ", c.key);
     return nullptr;
   }
-  CState_s const* const PValue = state()->current.at(c.p.ti);
+  CState_s const* const occupant = state()->current.at(c.p.ti);
   if (c.p.type != PendingType::Occupied) {
     VANTREL_TRACE(vantrelFastImplTrace(), 7, "skipping prio blocked ", c.key);
     return nullptr;
   }
-  FAST_ASSERT(PValue);
-  return PValue;
+  FAST_ASSERT_AS(occupant, "PValue");
+  return occupant;
 }
 
 // The victim is the entry that the chain started from. It starts from nothing when it is dispatched again,

@@ -89,7 +89,7 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
  private:
   // conflict.cpp
   CState_s& recordOf(EntryConfig const& entry);
-  bool isConflicting(EntryConfig const& entry, CState_s& c);
+  bool conflicts(EntryConfig const& entry, CState_s& c);
   bool mayTake(EntryConfig const& entry, CState_s& c, U32 ti);
   CState_s const* priorityBlocker(CState_s const& c, U32 ti) const;
   void claimPriority(EntryConfig const& entry, CState_s& c, U32 ti, CState_s const& blocker);

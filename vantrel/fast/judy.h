@@ -37,7 +37,7 @@ VANTREL_API bool test(Pcvoid_t array, Word_t index);
 VANTREL_API bool set(Pvoid_t& array, Word_t index);    // false when it was set already
 VANTREL_API bool unset(Pvoid_t& array, Word_t index);  // false when it was not set
 VANTREL_API Word_t memoryUsed(Pcvoid_t array);
-Word_t clearSet(Pvoid_t& array);
+VANTREL_API Word_t clearSet(Pvoid_t& array);
 }  // namespace Judy
 
 template <class T>

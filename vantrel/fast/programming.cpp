@@ -38,7 +38,7 @@ bool FastVantrelImpl::processEntry(EntryConfig const& entry) {
   FAST_ASSERT(entry.tableIndexs() == 1);
   dirtyIs(true);
   CState_s& c = recordOf(entry);
-  if (isConflicting(entry, c)) return false;
+  if (conflicts(entry, c)) return false;
   program(entry, c, entry.tableIndex(TableKey(0)));
   dirtyIs(true);
   return true;
@@ -73,10 +73,10 @@ void FastVantrelImpl::add(EntryConfig const& entry, CState_s& c, U32 ti) {
 void FastVantrelImpl::move(EntryConfig const& entry, CState_s& c, U32 ti) {
   FastState& s = *state();
   U32 const old = c.sti;
-  bool rc = s.current.remove(old);
-  FAST_ASSERT(rc);
-  rc = s.precedence.remove(pti(c.pg, old));
-  FAST_ASSERT(rc);
+  bool removed = s.current.remove(old);
+  FAST_ASSERT_AS(removed, "rc");
+  removed = s.precedence.remove(pti(c.pg, old));
+  FAST_ASSERT_AS(removed, "rc");
   enterAt(c, ti);
   VANTREL_RECORD(9, lgId(), "mov key:", c.key, " hdl:", entry.hdl(), " ", old, " prio:", c.prio, " to:", ti);
   helper()->moveEntry(entry);
@@ -85,12 +85,12 @@ void FastVantrelImpl::move(EntryConfig const& entry, CState_s& c, U32 ti) {
 }
 
 void FastVantrelImpl::enterAt(CState_s& c, U32 ti) {
-  CState_s** OPValue = state()->current.insert(ti);
-  FAST_ASSERT(OPValue);
-  *OPValue = &c;
-  OPValue = state()->precedence.insert(pti(c.pg, ti));
-  FAST_ASSERT(OPValue);
-  *OPValue = &c;
+  CState_s** slot = state()->current.insert(ti);
+  FAST_ASSERT_AS(slot, "OPValue");
+  *slot = &c;
+  slot = state()->precedence.insert(pti(c.pg, ti));
+  FAST_ASSERT_AS(slot, "OPValue");
+  *slot = &c;
 }
 
 // The indexes are those after the move: the moved entry itself can be a neighbour of its old position. A

@@ -43,11 +43,12 @@ void give(CState_s* c) {
 void grow() {
   Pool& p = pool();
   U32 const growth = std::min(2 * p.clen, maxGrowth);
-  p.clen += growth;
-  p.cfree.resize(p.clen + 1);
+  p.cfree.resize(p.clen + growth + 1);
+  p.blocks.reserve(p.blocks.size() + 1);
   void* const block = std::malloc(growth * sizeof(CState_s));
   if (!block) throw std::bad_alloc();
   p.blocks.push_back(block);
+  p.clen += growth;
   auto* const records = static_cast<CState_s*>(block);
   for (U32 i = 0; i < growth; ++i) give(new (&records[i]) CState_s);
 }

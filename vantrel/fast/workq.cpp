@@ -15,8 +15,8 @@ namespace Vantrel {
 void FastState::clearPending(EntryPState_s& p, bool unindex) {
   p.opId = OpId();
   if (unindex && p.ti != noIndex) {
-    int const rc = pending.remove(p.ti);
-    FAST_ASSERT(rc == 1);
+    bool const removed = pending.remove(p.ti);
+    FAST_ASSERT_AS(removed, "rc == 1");
   }
   p.ti = noIndex;
   p.type = PendingType::None;
@@ -36,8 +36,8 @@ void FastVantrelImpl::processPending() {
   while (!state()->workq.empty()) {
     EntryKey const key = state()->workq.front();
     state()->workq.pop_front();
-    bool const rc = state()->workqSet.remove(key.value());
-    FAST_ASSERT(rc);
+    bool const removed = state()->workqSet.remove(key.value());
+    FAST_ASSERT_AS(removed, "rc");
     VANTREL_TRACE(vantrelFastImplTrace(), 8, "trying pending ", key);
     VANTREL_RECORD(9, lgId(), "pending key:", key);
     handleEntryHelper(key);

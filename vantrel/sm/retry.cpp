@@ -2,8 +2,8 @@
 // Retry: keys whose dependants failed come back on the timer. All share one wake-up, armed by the first
 // failure after a pass; a pass hands over each waiting key once, in ascending order. A key that fails again
 // goes back to its own place, which the pass has left behind: it is not tried twice in one pass.
-#include "vantrel/core/trace.h"
-#include "vantrel/sm/vantrel_sm.h"
+#include "ostra/clock.h"
+#include "vantrel/sm/reactors.h"
 
 namespace Vantrel {
 
@@ -15,8 +15,19 @@ bool VantrelSm::failedKeyDel(EntryKey const& key) {
   return value;
 }
 
+// Without a wheel the key is kept all the same, and nothing brings it back.
+void VantrelSm::doScheduleRetry(EntryKey const& key) {
+  SM_TRACE_ENTRY("doScheduleRetry");
+  if (timerReactor_ && timerReactor_->notifier() && !retryTimerSet()) {
+    timerReactor_->timeMinIs(Ostra::now() + retryPeriod());
+    retryTimerSetIs(true);
+  }
+  failedKeyIs(key, true);
+}
+
 void VantrelSm::handleRetry() {
-  VANTREL_TRACE_ENTRY(vantrelSmTrace(), 8, "Vantrel", "handleRetry");
+  SM_TRACE_ENTRY("handleRetry");
+  auto const keep = Ostra::keepAlive(this);
   retryTimerSetIs(false);
   for (auto at = failedKey_.begin(); at != failedKey_.end();) {
     EntryKey const key = at->first;

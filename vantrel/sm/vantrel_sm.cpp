@@ -2,75 +2,12 @@
 // The front end between its inputs and the engine: reactors, full walks, flush bookkeeping.
 #include "vantrel/sm/vantrel_sm.h"
 
-#include "ostra/clock.h"
 #include "ostra/exception.h"
 #include "pallo/exception.h"
 #include "vantrel/core/trace.h"
-
-#define SM_TRACE_ENTRY(operation) VANTREL_TRACE_ENTRY(vantrelSmTrace(), 8, "Vantrel", operation)
+#include "vantrel/sm/reactors.h"
 
 namespace Vantrel {
-
-// A watcher of one input with a back pointer to its front end, null once it is dropped. A handler may drop
-// its own reactor and even the front end: both are held while it runs.
-template <class NotifieeT, class Input>
-class VantrelSm::Reactor : public NotifieeT, public Ostra::PtrInterface {
- public:
-  using InputType = Input;
-  Reactor(VantrelSm* owner, Ostra::Ptr<Input> input) : owner_(owner) {
-    this->markedForDeletionIs(owner->marked_);
-    this->notifierIs(std::move(input));
-  }
-  void ownerIsGone() {
-    this->markedForDeletionIs(true);
-    owner_ = nullptr;
-  }
-
- protected:
-  template <class Call>
-  void call(Call handler) {
-    if (this->markedForDeletion() || !owner_) return;
-    Ostra::Ptr<Reactor> const keepReactor(this);
-    Ostra::Ptr<VantrelSm> const keepOwner(owner_);
-    handler(*keepOwner);
-  }
-
- private:
-  VantrelSm* owner_;
-};
-
-class VantrelSm::TableReactor : public Reactor<TableConfig::Notifiee, TableConfig const> {
- public:
-  using Reactor::Reactor;
-  void onEntry(EntryKey const& key) override {
-    call([key](VantrelSm& sm) { sm.handleEntry(key); });
-  }
-  void onEntryColl() override {
-    call([](VantrelSm& sm) { sm.handleEntry(); });
-  }
-  void inputReplaced() {
-    synchronizedIs(hasNotificationActive());  // the walk that follows is the one that watching begins with
-    call([](VantrelSm& sm) { sm.handleEntry(); });
-  }
-};
-
-class VantrelSm::DebugReactor : public Reactor<DebugConfig::Notifiee, DebugConfig const> {
- public:
-  using Reactor::Reactor;
-  void onVersion() override { inputReplaced(); }
-  void inputReplaced() {
-    call([](VantrelSm& sm) { sm.handleDebug(); });
-  }
-};
-
-class VantrelSm::TimerReactor : public Reactor<Keel::TimerWheel::Notifiee, Keel::TimerWheel const> {
- public:
-  using Reactor::Reactor;
-  void onTime() override { inputReplaced(); }
-  void inputReplaced() {
-    call([](VantrelSm& sm) { sm.handleRetry(); });
-  }
-};
 
 template <class ReactorT, class Input>
 Ostra::Ptr<ReactorT> VantrelSm::makeReactor(Ostra::Ptr<Input> input) {
@@ -89,11 +26,18 @@ VantrelSm::VantrelSm(Ostra::Ptr<TableConfig const> tableConfig, Ostra::Ptr<Table
       vantrelImpl_(std::move(vantrelImpl)),
       flushStatus_(std::move(flushStatus)),
       timerReactor_(makeReactor<TimerReactor>(std::move(retryFailedTimer))) {
-  VantrelSm::handleInitialized();
+  try {
+    VantrelSm::handleInitialized();
+  } catch (...) {
+    detachReactors();  // a round of notification may hold one of them longer
+    throw;
+  }
 }
 
-VantrelSm::~VantrelSm() {
-  eachReactor([](auto& reactor) { reactor->ownerIsGone(); });
+VantrelSm::~VantrelSm() { detachReactors(); }
+
+void VantrelSm::detachReactors() {
+  eachReactor([](auto const& reactor) { reactor->ownerIsGone(); });
 }
 
 Ostra::Ptr<VantrelSm> VantrelSm::VantrelSmIs(Ostra::Ptr<TableConfig const> tableConfig,
@@ -118,6 +62,7 @@ void VantrelSm::eachReactor(Call call) {
 }
 
 void VantrelSm::hasNotificationActiveIs(bool active) {
+  auto const keep = Ostra::keepAlive(this);
   notificationActive_ = active;
   eachReactor([active](auto reactor) { reactor->hasNotificationActiveIs(active); });
 }
@@ -178,6 +123,7 @@ Ostra::Ptr<Keel::TimerWheel const> VantrelSm::retryFailedTimer() const {
 void VantrelSm::handleEntry(EntryKey const& key) {
   SM_TRACE_ENTRY("handleEntry");
   if (!initialized()) return;
+  auto const keep = Ostra::keepAlive(this);
   try {
     vantrelImpl()->handleEntry(key);
   } catch (Ostra::InternalException const&) {
@@ -190,6 +136,7 @@ void VantrelSm::handleEntry() {
   if (!initialized()) return;
   Ostra::Ptr<TableConfig const> const table = tableConfig();
   if (!table) return;
+  auto const keep = Ostra::keepAlive(this);
   walk(*table);
   if (auto const& helper = vantrelImpl()->helper()) helper->flush();
   firstFlushDone();
@@ -216,16 +163,6 @@ void VantrelSm::firstFlushDone() {
   flushStatus()->flushCounterIs(static_cast<U8>(flushStatus()->flushCounter() + 1));
 }
 
-// Without a wheel the key is kept all the same, and nothing brings it back.
-void VantrelSm::doScheduleRetry(EntryKey const& key) {
-  SM_TRACE_ENTRY("doScheduleRetry");
-  if (timerReactor_ && timerReactor_->notifier() && !retryTimerSet()) {
-    timerReactor_->timeMinIs(Ostra::now() + retryPeriod());
-    retryTimerSetIs(true);
-  }
-  failedKeyIs(key, true);
-}
-
 void VantrelSm::handleEntryCollNotify() {
   SM_TRACE_ENTRY("handleEntryCollNotify");
   handleEntry();
@@ -248,6 +185,10 @@ namespace {
 std::string keysWouldBeLost(VantrelSm const&) {
   return "a running front end that is not initialized would drop every key it is told of";
 }
+std::string wakeUpsWouldBeLost(VantrelSm const&) { return "the front end keeps track of its wake-up itself"; }
+std::string flushesWouldBeMiscounted(VantrelSm const&) {
+  return "the front end knows itself what it flushed";
+}
 }  // namespace
 
 Ostra::TypeInfo const& VantrelSm::staticType() {
@@ -262,14 +203,17 @@ Ostra::TypeInfo const& VantrelSm::staticType() {
           .reference("flushStatus", &S::flushStatus)
           .reference("retryFailedTimer", &S::retryFailedTimer)
           .attribute("initialFlushed", &S::initialFlushed, &S::initialFlushedIs)
+          .refusedBecause(&flushesWouldBeMiscounted)
           .operation<void, EntryKey const&>("handleEntry", &S::handleEntry)
           .operation("handleEntryCollNotify", &S::handleEntryCollNotify)
           .operation("handleDebug", &S::handleDebug)
           .operation("doScheduleRetry", &S::doScheduleRetry)
           .attribute("retryPeriod", &S::retryPeriod, &S::retryPeriodIs)
           .attribute("retryTimerSet", &S::retryTimerSet, &S::retryTimerSetIs)
+          .refusedBecause(&wakeUpsWouldBeLost)
           .collection("failedKey", &S::failedKey, &S::failedKeyIs,
                       static_cast<bool (S::*)(EntryKey const&)>(&S::failedKeyDel))
+          .operation("failedKeyDelAll", &S::failedKeyDelAll)
           .operation("handleRetry", &S::handleRetry)
           .attribute("initialized", &S::initialized, &S::initializedIs)
           .refusedBecause(&keysWouldBeLost)

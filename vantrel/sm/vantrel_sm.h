@@ -36,6 +36,9 @@ class VANTREL_API VantrelSm : public Ostra::Described {
                                            Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer);
   ~VantrelSm() override;
 
+  // Forwarded to every reactor. Switching on walks a table whose changes may have been missed.
+  virtual void hasNotificationActiveIs(bool active);
+
   // Hands one key to the engine; a key whose dependants fail is kept for a retry.
   virtual void handleEntry(EntryKey const& key);
   // Hands over every key of the table, then flushes the hardware client.
@@ -51,9 +54,6 @@ class VANTREL_API VantrelSm : public Ostra::Described {
   virtual void debugConfigIs(Ostra::Ptr<DebugConfig const> debugConfig);
   virtual void retryFailedTimerDel();
   virtual void retryFailedTimerIs(Ostra::Ptr<Keel::TimerWheel const> wheel);
-
-  // Forwarded to every reactor. Switching on walks a table whose changes may have been missed.
-  virtual void hasNotificationActiveIs(bool active);
 
   void handleEntryCollNotify();
   void handleDebug();
@@ -113,6 +113,7 @@ class VANTREL_API VantrelSm : public Ostra::Described {
   static void drop(Ostra::Ptr<ReactorT>& reactor);
   template <class Call>
   void eachReactor(Call call);
+  void detachReactors();
   void walk(TableConfig const& table);
   void firstFlushDone();
 
