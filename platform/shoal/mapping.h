@@ -18,7 +18,7 @@
 
 namespace Shoal {
 
-class Mapping {
+class VANTREL_API Mapping {
  public:
   enum class Access { read, write };
 

@@ -1,0 +1,241 @@
+// SPDX-License-Identifier: Apache-2.0
+// vantrel table: a table's file, looked at, verified, exported and imported.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "apps/vantrel/command.h"
+#include "shoal/image.h"
+#include "shoal/inspect.h"
+#include "shoal/writer_table.h"
+#include "vantrel/core/tables.h"
+
+namespace VantrelCommand {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Vantrel::DataKey;
+using Vantrel::EntryConfig;
+using Vantrel::EntryKey;
+using Vantrel::EntryStatus;
+using Vantrel::OpId;
+using Vantrel::TableKey;
+
+struct Request {
+  std::string file;
+  std::string from;  // what load reads, - for the standard input
+  bool json = false;
+};
+
+Shoal::TableView open(std::string const& path) {
+  return Shoal::TableView(std::make_shared<Shoal::Mapping>(path, Shoal::Mapping::Access::read));
+}
+
+// ---- info and check
+
+Json facts(Shoal::TableView& view) {
+  Shoal::Format::Header const& header = view.header();
+  U64 const records = view.size();
+  U64 const bytes = view.mapping().fileBytes();
+  return {{"file", view.mapping().path()},
+          {"recordType", view.typeName()},
+          {"recordVersion", header.recordVersion},
+          {"formatVersion", header.version},
+          {"imageBytes", header.imageBytes},
+          {"slotBytes", header.slotBytes},
+          {"madeAt", header.madeAt},
+          {"records", records},
+          {"bytes", bytes},
+          {"bytesPerRecord", records ? static_cast<double>(bytes) / static_cast<double>(records) : 0.0},
+          {"buckets", view.buckets()},
+          {"recordsPerBucket", static_cast<double>(records) / static_cast<double>(view.buckets())},
+          {"chunks", view.chunks()},
+          {"ringEntries", header.ringEntries},
+          {"changes", view.head()}};
+}
+
+void print(Json const& object, bool json) {
+  if (json) {
+    fmt::print("{}\n", object.dump());
+    return;
+  }
+  for (auto const& [name, value] : object.items())
+    fmt::print("{:<18}{}\n", name, value.is_string() ? value.get<std::string>() : value.dump());
+}
+
+void info(Request const& request) {
+  Shoal::TableView view = open(request.file);
+  print(facts(view), request.json);
+}
+
+void check(Request const& request) {
+  Shoal::TableView view = open(request.file);
+  Shoal::Inspection const found = Shoal::inspect(view);
+  if (!request.json) {
+    for (std::string const& text : found.damage) fmt::print("damaged: {}\n", text);
+    for (std::string const& text : found.unfinished) fmt::print("half-done: {}\n", text);
+  }
+  Json result{{"file", request.file},
+              {"records", found.records},
+              {"damaged", found.damage.size()},
+              {"halfDone", found.unfinished.size()}};
+  if (request.json) {
+    result["damage"] = found.damage;
+    result["unfinished"] = found.unfinished;
+  }
+  print(result, request.json);
+  if (!found.damage.empty()) throw Exit{1};
+}
+
+// ---- dump
+
+Json toJson(EntryConfig const& r) {
+  Json ti = Json::array();
+  for (U32 const index : r.tableIndexes().elements()) ti.push_back(index);
+  Json data = Json::array();
+  for (U64 const word : r.dataWords().elements()) data.push_back(word);
+  return {
+      {"key", r.key().value()}, {"opId", r.opId().value()}, {"hdl", r.hdl()},          {"pg", r.pg()},
+      {"prio", r.prio()},       {"ti", std::move(ti)},      {"data", std::move(data)}, {"del", r.isDel()}};
+}
+Json toJson(EntryStatus const& r) { return {{"key", r.key().value()}, {"opId", r.opId().value()}}; }
+
+// One line a record. What cannot be read is said on the standard error, and costs the exit status.
+template <class R>
+void dumpRecords(Shoal::TableView& view) {
+  bool damaged = false;
+  auto const complain = [&](std::string_view text) {
+    fmt::print(stderr, "vantrel: {}\n", text);
+    damaged = true;
+  };
+  view.damageSinkIs(complain);
+  try {
+    for (auto place = view.walk(0); place; place = view.walk(place->hint)) {
+      try {
+        R const record = Shoal::recordOf<R>(view, typename Shoal::RecordTraits<R>::Key(place->key));
+        if (record == Shoal::RecordTraits<R>::empty()) continue;  // removed meanwhile
+        fmt::print("{}\n", toJson(record).dump());
+      } catch (Pallo::Exception const& error) {
+        complain(error.what());
+      }
+    }
+  } catch (Pallo::CorruptionDetectedException const& error) {
+    complain(error.what());
+  }
+  if (damaged) throw Exit{1};
+}
+
+void dump(Request const& request) {
+  Shoal::TableView view = open(request.file);
+  if (view.typeName() == Shoal::RecordTraits<EntryConfig>::typeName)
+    dumpRecords<EntryConfig>(view);
+  else if (view.typeName() == Shoal::RecordTraits<EntryStatus>::typeName)
+    dumpRecords<EntryStatus>(view);
+  else
+    throw std::runtime_error(
+        fmt::format("{} holds {} records, which cannot be shown as text", request.file, view.typeName()));
+}
+
+// ---- load
+
+// A number of at most `most`; a missing one is `otherwise`.
+template <class T>
+T number(Json const& object, char const* name, bool required = true) {
+  if (!object.contains(name) && !required) return 0;
+  if (!object.contains(name)) throw std::runtime_error(fmt::format("\"{}\" is missing", name));
+  Json const& value = object.at(name);
+  if (!value.is_number_unsigned() || value.get<U64>() > std::numeric_limits<T>::max())
+    throw std::runtime_error(fmt::format("\"{}\" is {}, expected a number from 0 to {}", name, value.dump(),
+                                         std::numeric_limits<T>::max()));
+  return static_cast<T>(value.get<U64>());
+}
+
+template <class T>
+std::vector<T> numbers(Json const& object, char const* name, std::size_t most) {
+  std::vector<T> all;
+  if (!object.contains(name)) return all;
+  Json const& list = object.at(name);
+  if (!list.is_array() || list.size() > most)
+    throw std::runtime_error(fmt::format("\"{}\" is not a list of at most {} numbers", name, most));
+  for (Json const& value : list) all.push_back(number<T>(Json{{name, value}}, name));
+  return all;
+}
+
+EntryConfig configOf(Json const& object) {
+  if (!object.is_object()) throw std::runtime_error("expected an object");
+  EntryConfig r(EntryKey(number<U64>(object, "key")), OpId(number<U64>(object, "opId")),
+                number<U32>(object, "hdl"), number<U16>(object, "pg"), number<U32>(object, "prio"));
+  auto const ti = numbers<U32>(object, "ti", TableKey::max + 1);
+  for (unsigned i = 0; i < ti.size(); ++i) r.tableIndexIs(TableKey(i), ti[i]);
+  auto const data = numbers<U64>(object, "data", DataKey::max + 1);
+  for (unsigned i = 0; i < data.size(); ++i) r.dataIs(DataKey(i), data[i]);
+  if (object.contains("del") && !object.at("del").is_boolean())
+    throw std::runtime_error(fmt::format("\"del\" is {}, expected true or false", object.at("del").dump()));
+  r.isDelIs(object.value("del", false));
+  return r;
+}
+
+std::vector<EntryConfig> readLines(std::istream& in, std::string const& name) {
+  std::vector<EntryConfig> records;
+  std::string line;
+  for (U64 number = 1; std::getline(in, line); ++number) {
+    if (line.empty()) continue;
+    try {
+      records.push_back(configOf(Json::parse(line)));
+    } catch (std::exception const& error) {
+      throw std::runtime_error(fmt::format("{}:{}: {}; nothing was written", name, number, error.what()));
+    }
+  }
+  return records;
+}
+
+// Everything is read before anything is written.
+void load(Request const& request) {
+  std::vector<EntryConfig> records;
+  if (request.from == "-") {
+    records = readLines(std::cin, "standard input");
+  } else {
+    std::ifstream in(request.from);
+    if (!in) throw std::runtime_error(fmt::format("{}: cannot be read, expected JSON lines", request.from));
+    records = readLines(in, request.from);
+  }
+  Shoal::WriterTable<EntryConfig> table(request.file);
+  for (EntryConfig const& record : records) table.entryIs(record);
+  print({{"file", request.file}, {"written", records.size()}, {"records", table.size()}}, request.json);
+}
+
+}  // namespace
+
+void addTable(CLI::App& app) {
+  auto const request = std::make_shared<Request>();
+  CLI::App* const table = app.add_subcommand("table", "Look at a table's file, verify, export or import it");
+  table->require_subcommand(1);
+  auto const add = [&](char const* name, char const* help, void (*run)(Request const&), char const* example) {
+    CLI::App* const verb = table->add_subcommand(name, help);
+    verb->add_option("FILE", request->file, "The table's file")->required();
+    verb->add_flag("--json", request->json, "One JSON object a line");
+    verb->footer(fmt::format("Example:\n  {}", example));
+    verb->callback([request, run] { run(*request); });
+    return verb;
+  };
+  add("info", "The header and how full the table is", info, "vantrel table info /dev/shm/v/config.shoal");
+  add("check", "Verify every record and every line of the index; exit 1 when something is damaged", check,
+      "vantrel table check /dev/shm/v/config.shoal");
+  add("dump", "Every record as one JSON object a line", dump,
+      "vantrel table dump /dev/shm/v/config.shoal > entries.jsonl");
+  add("load", "Write records from JSON lines into an EntryConfig table; makes it when there is none", load,
+      "vantrel table load /dev/shm/v/config.shoal --from entries.jsonl")
+      ->add_option("--from", request->from, "A file of JSON lines, - for the standard input")
+      ->default_str("-")
+      ->default_val("-");
+  table->footer("Example:\n  vantrel table check /dev/shm/v/config.shoal");
+}
+
+}  // namespace VantrelCommand
