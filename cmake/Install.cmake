@@ -15,6 +15,8 @@ set(entry_headers
   platform/shoal/reader_table.h    # tables in a file
   platform/shoal/writer_table.h
   producer/producer.h              # a producer
+  producer/shared_tables.h
+  producer/acknowledgements.h
   hw/recorder.h                    # hardware clients for tests
   hw/simulated_tcam.h)
 
@@ -62,7 +64,7 @@ file(RELATIVE_PATH library_from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LI
 set_target_properties(libvantrel ${programs} PROPERTIES INSTALL_RPATH "$ORIGIN/${library_from_bin}")
 install(TARGETS libvantrel ${programs})
 # What `make build` builds.
-add_custom_target(programs DEPENDS libvantrel ${programs})
+add_custom_target(programs DEPENDS libvantrel ${programs} demo)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Vantrel)
 configure_package_config_file(cmake/VantrelConfig.cmake.in ${PROJECT_BINARY_DIR}/VantrelConfig.cmake

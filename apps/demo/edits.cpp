@@ -31,6 +31,13 @@ void removeSome(Rules& rules, std::size_t n, std::mt19937& random) {
     rules.erase(rules.begin() + anywhere(rules.size() - 1, random));
 }
 
+void changeActions(Rules& rules, std::size_t n, std::mt19937& random) {
+  for (std::size_t i = 0; i < n; ++i) {
+    Acl::Action& action = rules[static_cast<std::size_t>(anywhere(rules.size(), random))].action;
+    action = {Acl::ActionKind::Mark, action.argument + 1};
+  }
+}
+
 void reverseBlock(Rules& rules, std::size_t n) {
   n = std::min(n, rules.size());
   auto const begin = rules.begin() + static_cast<std::ptrdiff_t>((rules.size() - n) / 2);

@@ -15,6 +15,8 @@ using Rules = std::vector<Acl::Rule>;
 void insertBlocks(Rules& rules, std::size_t n, std::mt19937& random);
 // Takes `n` rules from random places, the last one never: it decides what no other rule does.
 void removeSome(Rules& rules, std::size_t n, std::mt19937& random);
+// Gives `n` rules at random places another action: a mark.
+void changeActions(Rules& rules, std::size_t n, std::mt19937& random);
 // Reverses `n` neighbouring rules in the middle.
 void reverseBlock(Rules& rules, std::size_t n);
 

@@ -39,6 +39,8 @@ bool run(Flags const& flags) {
   show.load(fmt::format("insert {} rules at random places", some), rules);
   Demo::removeSome(rules, some, random);
   show.load(fmt::format("remove {} rules", some), rules);
+  Demo::changeActions(rules, some, random);
+  show.load("change some actions", rules);
   show.tradePlaces(some);
   Demo::reverseBlock(rules, 2 * some);
   show.load(fmt::format("reverse a block of {} rules", std::min(2 * some, rules.size())), rules);
