@@ -8,6 +8,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "apps/vantrel/ctf_writer.h"
@@ -27,8 +28,8 @@ struct Put {
 template <class T>
 using Ref = std::unique_ptr<T, Put<T>>;
 
-// "blocked by key:" names the field blocked_by_key. Each name once in a message; none starts with what CTF reserves.
-std::string fieldName(std::string const& label, std::set<std::string>& taken) {
+// A label as a word that CTF takes for a name.
+std::string identifier(std::string_view label) {
   std::string name;
   for (char c : label) {
     if (std::isalnum(static_cast<unsigned char>(c)))
@@ -37,9 +38,16 @@ std::string fieldName(std::string const& label, std::set<std::string>& taken) {
       name += '_';
   }
   while (name.ends_with('_')) name.pop_back();
-  if (name.empty() || std::isdigit(static_cast<unsigned char>(name.front()))) name = "value_" + name;
-  std::string unique = name;
-  for (unsigned n = 2; !taken.insert(unique).second; ++n) unique = fmt::format("{}_{}", name, n);
+  return name.empty() || std::isdigit(static_cast<unsigned char>(name.front())) ? "value_" + name : name;
+}
+
+// "handling key:" names the field key; a second " blocked by key:" blocked_by_key; a third gets a number.
+std::string fieldName(std::string const& label, std::set<std::string>& taken) {
+  std::string const whole = identifier(label);
+  std::string const last = identifier(std::string_view(whole).substr(whole.rfind('_') + 1));
+  if (taken.insert(last).second) return last;
+  std::string unique = whole;
+  for (unsigned n = 2; !taken.insert(unique).second; ++n) unique = fmt::format("{}_{}", whole, n);
   return unique;
 }
 
