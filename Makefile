@@ -29,10 +29,6 @@ check: configured ## every test: under the sanitizers first, then optimised
 	@$(call compile,asan-ubsan)
 	$(SAY) "check: tests under address and undefined-behaviour sanitizers"
 	@ctest --preset asan-ubsan -j $(JOBS)
-	$(SAY) "check: thread-sanitized build in build-tsan/, and the tests that use threads"
-	@$(call configure,tsan)
-	@$(call compile,tsan) --target tsan_tests
-	@ctest --preset tsan -j $(JOBS)
 	$(SAY) "check: every test, optimised"
 	@ctest --preset release -j $(JOBS)
 
