@@ -1,0 +1,179 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "vantrel/core/trace.h"
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "lumelog/reader.h"
+#include "tests/lumelog/temp_dir.h"
+#include "vantrel/core/entry.h"
+
+namespace Vantrel {
+namespace {
+
+using Lumelog::Test::readFile;
+using Lumelog::Test::TempDir;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// The trace file is the process's: each test has a process of its own, in a directory of its own.
+class TraceFile : public testing::Test {
+ protected:
+  // Its exit status or, negative, the signal that ended it.
+  int inChild(std::function<void()> const& work) {
+    pid_ = fork();
+    if (pid_ == 0) {
+      if (chdir(dir_.path().c_str()) != 0 || !freopen("err", "w", stderr)) _exit(99);
+      unsetenv("LUMELOGDIR");
+      unsetenv("LUMELOG_DISABLE");
+      work();
+      fflush(nullptr);
+      _exit(0);
+    }
+    int status;
+    waitpid(pid_, &status, 0);
+    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+  }
+  std::vector<std::string> messages(std::string const& name) {
+    Lumelog::Reader reader(dir_ / name);
+    std::vector<std::string> result;
+    for (Lumelog::Record record; reader.next(record);)
+      result.push_back(fmt::format("[{}] {}", record.identifier(), record.message()));
+    return result;
+  }
+  std::string perProcess() const { return fmt::format("Quarry-mbb-{}.lg", pid_); }
+
+  TempDir dir_;
+  pid_t pid_ = 0;
+};
+
+TEST_F(TraceFile, IsOpenedOnceAProcess) {
+  EXPECT_EQ(inChild([] {
+              initLg();
+              Lumelog::Log* const first = lg;
+              initLg();
+              if (!first || lg != first) _exit(1);
+              VANTREL_RECORD(9, 3u, "notify on key:", EntryKey(5));
+              VANTREL_RECORD(9, 4u, "handling key:", EntryKey(5), " hdl:", 6u, " opId:", OpId(7));
+            }),
+            0);
+  EXPECT_THAT(dir_.names(), ElementsAre(perProcess(), "err"));
+  EXPECT_THAT(messages(perProcess()), ElementsAre("[3] notify on key:5", "[4] handling key:5 hdl:6 opId:7"));
+  EXPECT_EQ(readFile(dir_ / "err"), "");
+}
+
+TEST_F(TraceFile, HasItsRingSizesAndStringLimit) {
+  EXPECT_EQ(inChild([] {
+              initLg();
+              VANTREL_RECORD(9, 3u, "text:", std::string(200, 'x'));
+            }),
+            0);
+  Lumelog::Reader reader(dir_ / perProcess());
+  for (unsigned level = 0; level < 9; ++level) EXPECT_EQ(reader.rings()[level].bytes, 64U * 1024);
+  EXPECT_EQ(reader.rings()[9].bytes, 16384U * 1024);
+  EXPECT_THAT(messages(perProcess()), ElementsAre("[3] text:" + std::string(80, 'x')));
+}
+
+TEST_F(TraceFile, LiesInTheDirectoryOfTheEnvironmentWithoutTheProcessNumber) {
+  std::filesystem::create_directory(dir_ / "traces");
+  EXPECT_EQ(inChild([this] {
+              setenv("LUMELOGDIR", (dir_ / "traces").c_str(), 1);
+              initLg();
+              VANTREL_RECORD(9, 3u, "here");
+            }),
+            0);
+  EXPECT_THAT(messages("traces/Quarry-mbb.lg"), ElementsAre("[3] here"));
+}
+
+TEST_F(TraceFile, LiesInTheAgentsDirectoryUnderItsName) {
+  std::filesystem::create_directory(dir_ / "agent");
+  EXPECT_EQ(inChild([this] {
+              Lumelog::directoryIs(dir_ / "agent");
+              initLg();
+            }),
+            0);
+  EXPECT_THAT(dir_.names(), ElementsAre("agent", "err"));
+  EXPECT_TRUE(std::filesystem::exists(dir_ / "agent/" + perProcess()));
+}
+
+TEST_F(TraceFile, IsNotOpenedWhenDisabled) {
+  EXPECT_EQ(inChild([] {
+              setenv("LUMELOG_DISABLE", "", 1);
+              initLg();
+              if (lg) _exit(1);
+              VANTREL_RECORD(9, 3u, "dropped");
+            }),
+            0);
+  EXPECT_THAT(dir_.names(), ElementsAre("err"));
+}
+
+TEST_F(TraceFile, ThatCannotBeOpenedIsSaidOnce) {
+  EXPECT_EQ(inChild([] {
+              setenv("LUMELOGDIR", "/nonexistent", 1);
+              initLg();
+              initLg();
+              VANTREL_RECORD(9, 3u, "dropped");
+            }),
+            0);
+  EXPECT_EQ(readFile(dir_ / "err"),
+            "Lumelog: cannot open the trace file /nonexistent/Quarry-mbb.lg: No such file or directory; "
+            "running without "
+            "it\n");
+}
+
+TEST_F(TraceFile, EndsWithTheAssertionThatEndedTheProcess) {
+  EXPECT_EQ(inChild([] {
+              initLg();
+              for (U64 i = 0; i < 1000; ++i) VANTREL_RECORD(9, 3u, "n:", i);
+              U32 const lgId = 0;
+              PALLO_ASSERT("VantrelImpl", lgId && "100% missing lgId");
+            }),
+            -SIGABRT);
+  std::string const said = readFile(dir_ / "err");
+  EXPECT_THAT(
+      said, testing::MatchesRegex("assertion failed: lgId && \"100% missing lgId\", model file VantrelImpl, "
+                                  "line [0-9]+, function .*\n"));
+  std::vector<std::string> const all = messages(perProcess());
+  ASSERT_EQ(all.size(), 1001U);
+  EXPECT_EQ("[0] " + said, all.back() + "\n");
+}
+
+TEST(Settings, ChangeTheEnvironmentAndEveryLevel) {
+  traceSettingIs("Vantrel*/3");
+  EXPECT_STREQ(std::getenv("TRACE"), "Vantrel*/3");
+  EXPECT_EQ(vantrelSmTrace().level(), 3);
+  EXPECT_EQ(vantrelImplTrace().level(), 3);
+  EXPECT_EQ(vantrelFastImplTrace().level(), 3);
+  traceSettingIs("");
+  EXPECT_STREQ(std::getenv("TRACE"), "");
+  EXPECT_EQ(vantrelFastImplTrace().level(), 0);
+}
+
+TEST(Settings, HandlesHaveTheirNames) {
+  EXPECT_STREQ(vantrelSmTrace().name(), "VantrelSm");
+  EXPECT_STREQ(vantrelImplTrace().name(), "VantrelImpl");
+  EXPECT_STREQ(vantrelFastImplTrace().name(), "VantrelFastImpl");
+}
+
+TEST(Settings, AnEntryTraceHasSignatureModelFileLineAndOperation) {
+  traceSettingIs("VantrelSm/8");
+  testing::internal::CaptureStderr();
+  VANTREL_TRACE_ENTRY(vantrelSmTrace(), 8, "Vantrel", "handleEntry");
+  EXPECT_THAT(
+      testing::internal::GetCapturedStderr(),
+      testing::ContainsRegex(" VantrelSm/8 virtual void .*TestBody\\(\\) Vantrel:[0-9]+ handleEntry\n"));
+  traceSettingIs("");
+}
+
+}  // namespace
+}  // namespace Vantrel
