@@ -106,7 +106,8 @@ U32 Steps::position(U16 pg) {
   return shape_.engine.atcam ? place * shape_.engine.maxPartitions + pg : place;
 }
 
-// Mostly newer than all before, often so that only the high part differs. A stale one is at most the programmed one.
+// Mostly newer than all before, often so that only the high part differs. A stale one is at most the
+// programmed one.
 U64 Steps::version(Model const& model, U64 key) {
   U32 const kind = shape_.strayOpIds ? draw_(10) : 9;
   auto const at = std::find_if(model.records().begin(), model.records().end(),

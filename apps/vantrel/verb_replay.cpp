@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// vantrel replay: feeds a scenario through a real front end and engine with everything around them made up, and prints
-// what each step did.
+// vantrel replay: feeds a scenario through a real front end and engine with everything around them made up,
+// and prints what each step did.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <fstream>

@@ -66,8 +66,8 @@ std::unique_ptr<Ostra::Asker> connectAgain(std::string const& path) {
   }
 }
 
-// An agent that is not there at the beginning, and an entity that it does not have, are errors; an agent that goes
-// away later is waited for.
+// An agent that is not there at the beginning, and an entity that it does not have, are errors; an agent that
+// goes away later is waited for.
 void watchOnAndOn(Watching const& watching) {
   std::string const path = watching.dir + "/mgmt.sock";
   auto agent = std::make_unique<Ostra::Asker>(path);

@@ -13,7 +13,8 @@ VirtualWheel::~VirtualWheel() {
   if (current != this) Ostra::clockIs(current);
 }
 
-// Each instant is delivered once: what is asked for again at the same instant waits until the clock has moved.
+// Each instant is delivered once: what is asked for again at the same instant waits until the clock has
+// moved.
 void VirtualWheel::advance(double seconds) {
   auto const keep = Ostra::keepAlive(this);
   double const end = now_ + seconds;

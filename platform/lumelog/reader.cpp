@@ -105,7 +105,8 @@ void Reader::readLiveHeader() {
   if (!damage_.header) damage_.dropped = live_.dropped;
 }
 
-// The rate from opening to the newest anchor, when that is far enough away and agrees with what was measured at opening.
+// The rate from opening to the newest anchor, when that is far enough away and agrees with what was measured
+// at opening.
 void Reader::setClock() {
   U64 const nominal = fixed_.ticksPerSecond ? fixed_.ticksPerSecond : second;
   nsPerTick_ = static_cast<double>(second) / static_cast<double>(nominal);
@@ -271,8 +272,8 @@ bool Reader::fill(Level& level) {
   return true;
 }
 
-// Whatever was written before a record is there once that record is seen. So after the first pass, which finds the newest
-// record in hand, the second finds everything older.
+// Whatever was written before a record is there once that record is seen. So after the first pass, which
+// finds the newest record in hand, the second finds everything older.
 bool Reader::refill() {
   for (Level& level : levels_) fill(level);
   U64 newest = 0;

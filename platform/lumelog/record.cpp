@@ -9,7 +9,8 @@
 namespace Lumelog {
 namespace {
 
-// Text up to the next value; `text` becomes what follows the value, `type` its code, 0 at the end of the text.
+// Text up to the next value; `text` becomes what follows the value, `type` its code, 0 at the end of the
+// text.
 std::string takeLabel(std::string_view& text, char& type) {
   std::string label;
   type = 0;

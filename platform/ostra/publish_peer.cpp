@@ -300,7 +300,8 @@ Peer::Json Peer::read(Json const& request) {
   return reply;
 }
 
-// The answer to the read of a collection is as many lines as it takes; all but the last say that there are more.
+// The answer to the read of a collection is as many lines as it takes; all but the last say that there are
+// more.
 void Peer::beginReading(Json const& request, Export const& exported, std::string const& attribute) {
   Json opening{{"answer", "read"}, {"entity", exported.name()}, {"attribute", attribute}};
   if (request.contains("tag")) opening["tag"] = request["tag"];

@@ -457,7 +457,8 @@ void Model::moveRecord(U64 key, U32 to, EntryConfig const& entry) {
   wakeMoveRange(r, from, to);
 }
 
-// The waiters of the group in the stretch that the moved entry left behind, up to the next entry that bounds it.
+// The waiters of the group in the stretch that the moved entry left behind, up to the next entry that bounds
+// it.
 void Model::wakeMoveRange(ModelRecord const& moved, U32 from, U32 to) {
   ModelRecord const* const prev = below(moved.pg, from);
   ModelRecord const* const next = above(moved.pg, from);
@@ -504,8 +505,8 @@ bool Model::processDelete(U64 key, bool deadlock, bool ack) {
   return true;
 }
 
-// The waiters of the group between the neighbours of the entry that went; a neighbour of the same priority bounds
-// what its side could have blocked to the gone entry's own position.
+// The waiters of the group between the neighbours of the entry that went; a neighbour of the same priority
+// bounds what its side could have blocked to the gone entry's own position.
 void Model::wakeDeleteRange(ModelRecord const& gone) {
   ModelRecord const* const prev = below(gone.pg, gone.at);
   ModelRecord const* const next = above(gone.pg, gone.at);

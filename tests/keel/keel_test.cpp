@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Both wheels keep one contract: a test of it runs on each, and the kernel's wheel is also tried with its descriptor.
+// Both wheels keep one contract: a test of it runs on each, and the kernel's wheel is also tried with its
+// descriptor.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>

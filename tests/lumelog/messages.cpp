@@ -3,8 +3,8 @@
 //
 //   messages [--check] SOURCE_DIR
 //
-// A message is a call of one of the macros below. Its text is the macro's literals one behind the other, with each value
-// as it stands in the source between braces; where it is written is the function around it.
+// A message is a call of one of the macros below. Its text is the macro's literals one behind the other, with
+// each value as it stands in the source between braces; where it is written is the function around it.
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
@@ -157,7 +157,8 @@ std::string functionOpened(std::string_view line) {
   return hasType || isConstructor ? found : "";
 }
 
-// The name of the function whose body holds `at`: the nearest line, less indented, that opens one; or the line itself.
+// The name of the function whose body holds `at`: the nearest line, less indented, that opens one; or the
+// line itself.
 std::string functionAround(std::string const& text, std::size_t at) {
   std::size_t start = text.rfind('\n', at) + 1;
   std::string_view const ownLine(text.data() + start, at - start);

@@ -180,7 +180,8 @@ TEST(Reader, CountsBlocksThatTheWriterReusedMeanwhile) {
   EXPECT_GT(reader.damage().overwritten, 50U);
 }
 
-// The writer races ahead in another process: whatever is delivered is in order, and what is missing is counted.
+// The writer races ahead in another process: whatever is delivered is in order, and what is missing is
+// counted.
 TEST(Reader, IsNeverFooledByAWriterThatOvertakesIt) {
   TempDir dir;
   pid_t const child = fork();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a dependant table that fails at the wrong moment costs: the front end retries the key that it handed over, and no
-// other. Each case runs on engine and model.
+// What a dependant table that fails at the wrong moment costs: the front end retries the key that it handed
+// over, and no other. Each case runs on engine and model.
 #include <gmock/gmock.h>
 
 #include "testing/differ.h"
@@ -61,7 +61,8 @@ TEST(LostWakeUps, keysQueuedBehindTheFailedOneRunInTheNextDrain) {
   EXPECT_EQ(placeOf(differ, 4), 9U);
 }
 
-// The drain stops at key 4, so key 2 stays in the blocked set, where the next check finds it in a ring with key 1.
+// The drain stops at key 4, so key 2 stays in the blocked set, where the next check finds it in a ring with
+// key 1.
 TEST(LostWakeUps, aVictimWhoseDependantsFailIsDeletedAndNotRetried) {
   Differ differ({});
   differ.run(put(record(1, version(1), 1, 0, 0, 0)));
@@ -86,7 +87,8 @@ TEST(LostWakeUps, aVictimWhoseDependantsFailIsDeletedAndNotRetried) {
   EXPECT_THAT(differ.model().failed(), ElementsAre(3, 5));
 }
 
-// A claim on an occupied position outlives its occupant when the wake-up is lost; the next check meets it and stops.
+// A claim on an occupied position outlives its occupant when the wake-up is lost; the next check meets it and
+// stops.
 TEST(LostWakeUpsDeathTest, theNextDeadlockCheckStopsAtAClaimWhoseOccupantIsGone) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   auto const run = [] {

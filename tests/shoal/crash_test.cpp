@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// A writer is ended at each of its stores in turn, by SIGKILL, in a process of its own. After each: a reader that
-// watched, and one that came later, find every record whole, and the key under way as before or as after; the
-// watcher is told of what was published; the next writer loses nothing, leaves nothing half-done, and finishes the job.
+// A writer is ended at each of its stores in turn, by SIGKILL, in a process of its own. After each: a reader
+// that watched, and one that came later, find every record whole, and the key under way as before or as
+// after; the watcher is told of what was published; the next writer loses nothing, leaves nothing half-done,
+// and finishes the job.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Damaged, foreign and cut files: each is said in one sentence, costs what it hit and nothing else, and is read in
-// bounded time, through every operation a reader has.
+// Damaged, foreign and cut files: each is said in one sentence, costs what it hit and nothing else, and is
+// read in bounded time, through every operation a reader has.
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>

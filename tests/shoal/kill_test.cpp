@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A writer under load is ended by SIGKILL at random, again and again, while readers check every record they see
-// against its own content. SHOAL_KILLS says how often (300 unless it is set; `make soak` sets 10000).
+// A writer under load is ended by SIGKILL at random, again and again, while readers check every record they
+// see against its own content. SHOAL_KILLS says how often (300 unless it is set; `make soak` sets 10000).
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
