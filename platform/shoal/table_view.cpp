@@ -207,8 +207,9 @@ TableView::Scan TableView::tryEntry(std::atomic<U64> const& word, U64 entry, U64
   } else if (!peekKey(unit, slotKey)) {
     result = Copy::changing;
   }
-  if (result == Copy::whole && slotKey == key) return Scan::found;
+  // A recycled slot may be complete and not published yet: the entry must still name it.
   if (result == Copy::changing || acquire(word) != entry) return Scan::changing;
+  if (result == Copy::whole && slotKey == key) return Scan::found;
   if (result == Copy::damaged && words(acquire(*this->word(unit * unitBytes + 8))) > maxWords_)
     peekKey(unit, slotKey);
   bool const another = slotKey != key && tag(hash(slotKey)) == tag(wanted);
@@ -221,19 +222,20 @@ TableView::Scan TableView::scan(U64 key, U64 hash, U64 bucket, bool copy) {
   if (!at) return Scan::damagedIndex;
   U64 const wanted = tag(hash);
   Scan worst = Scan::absent;
+  U64 folded = 0;
   for (U64 depth = 0;; ++depth) {
     for (unsigned i = 0; i < entriesPerLine; ++i) {
       U64 const entry = acquire(at[i]);
-      if (entryTag(entry) != wanted) [[likely]] {
-        if (!entryIntact(entry)) [[unlikely]]
-          worst = std::max(worst, Scan::damagedIndex);
+      folded |= foldBytes(entry);
+      if (entryTag(entry) != wanted || entry == 0) [[likely]]
         continue;
-      }
-      if (entry == 0) continue;
       Scan const result = tryEntry(at[i], entry, key, hash, copy);
       if (result == Scan::found || result == Scan::changing) return result;
       worst = std::max(worst, result);
     }
+    // An entry that is damaged may be the key's.
+    if (folded != 0) [[unlikely]]
+      worst = Scan::damagedIndex;
     U64 const linkWord = acquire(at[7]);
     auto const unit = linkUnit(linkWord, bucket, depth);
     if (!unit || depth > maxDepth) return Scan::damagedIndex;
@@ -274,7 +276,8 @@ std::atomic<U64> const* TableView::entryWord(U64 key) {
 
 bool TableView::readRemembered(U64 key) {
   if (!visited_.word || visited_.key != key || acquire(*visited_.word) != visited_.entry) return false;
-  return copySlot(entryUnit(visited_.entry)) == Copy::whole && scratchKey() == key;
+  return copySlot(entryUnit(visited_.entry)) == Copy::whole && scratchKey() == key &&
+         acquire(*visited_.word) == visited_.entry;
 }
 
 std::byte const* TableView::read(U64 key) {

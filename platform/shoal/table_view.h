@@ -58,6 +58,9 @@ class VANTREL_API TableView {
   // Told of a record whose key is unreadable when a walk passes it by.
   void damageSinkIs(std::function<void(std::string_view)> sink) { damageSink_ = std::move(sink); }
 
+  // The index entry of the key that the walk met last.
+  U64 visitedEntry() const { return visited_.entry; }
+
   // The ring of changed keys.
   U64 head() const;                                   // changes announced so far
   std::optional<U64> changedKey(U64 sequence) const;  // empty: overwritten, or not written yet

@@ -60,6 +60,7 @@ class VANTREL_API TableWriter {
   TableWriter& operator=(TableWriter const&) = delete;
 
   TableView& view() { return *view_; }
+  std::shared_ptr<Mapping const> mapping() const { return mapping_; }
   void put(U64 key, std::byte const* image);
   // False when the key was absent.
   bool remove(U64 key);

@@ -96,11 +96,13 @@ void Watch::add(int fd, U64 tag, U32 events) {
   if (fd >= 0) epoll_ctl(poll_, EPOLL_CTL_ADD, fd, &event);
 }
 
-// Without inotify (a process may have run out of it) a replaced file is noticed when its writer is met.
+// The table's directory tells of a file that replaced the table. The side directory tells of a writer's end, also of
+// one that this watcher was never met by: the kernel closes what the writer had locked.
 void Watch::watchDirectory(std::string const& tablePath) {
   directoryNews_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-  if (directoryNews_ < 0) return;
-  inotify_add_watch(directoryNews_, parentOf(tablePath).c_str(), IN_CREATE | IN_MOVED_TO);
+  tableWatch_ = inotify_add_watch(directoryNews_, parentOf(tablePath).c_str(), IN_CREATE | IN_MOVED_TO);
+  sideWatch_ = inotify_add_watch(directoryNews_, directory_.path().c_str(), IN_CLOSE_WRITE);
+  if (tableWatch_ < 0 || sideWatch_ < 0) throwUnwatchable(tablePath);
   add(directoryNews_, directoryTag, EPOLLIN);
 }
 
@@ -153,17 +155,18 @@ bool Watch::hear(int socket) {
   return true;
 }
 
-bool Watch::readDirectoryNews() {
+void Watch::readDirectoryNews(News& news) {
   alignas(inotify_event) std::array<char, 4096> buffer;
-  bool ours = false;
   for (ssize_t bytes; (bytes = read(directoryNews_, buffer.data(), buffer.size())) > 0;) {
     for (ssize_t at = 0; at < bytes;) {
       auto const* const event = reinterpret_cast<inotify_event const*>(buffer.data() + at);
-      ours = ours || event->mask & IN_Q_OVERFLOW || (event->len && fileName_ == event->name);
+      std::string_view const name = event->len ? event->name : "";
+      bool const missed = event->mask & IN_Q_OVERFLOW;
+      news.fileMayBeAnother |= missed || (event->wd == tableWatch_ && name == fileName_);
+      news.writerWent |= missed || (event->wd == sideWatch_ && name == "writer");
       at += static_cast<ssize_t>(sizeof *event + event->len);
     }
   }
-  return ours;
 }
 
 Watch::News Watch::drain() {
@@ -176,7 +179,7 @@ Watch::News Watch::drain() {
       U64 count;
       [[maybe_unused]] auto const taken = read(self_, &count, sizeof count);
     } else if (tag == directoryTag) {
-      news.fileMayBeAnother |= readDirectoryNews();
+      readDirectoryNews(news);
     } else if (tag == listenerTag) {
       welcome();
       news.fileMayBeAnother = true;

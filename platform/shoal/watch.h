@@ -44,7 +44,7 @@ class Watch {
   void add(int fd, U64 tag, U32 events);
   void welcome();
   bool hear(int socket);
-  bool readDirectoryNews();
+  void readDirectoryNews(News& news);
 
   static constexpr std::size_t maxWriters = 8;
   std::string fileName_;
@@ -53,6 +53,8 @@ class Watch {
   int poll_ = -1;
   int self_ = -1;
   int directoryNews_ = -1;
+  int tableWatch_ = -1;
+  int sideWatch_ = -1;
   int listener_ = -1;
   std::unique_ptr<SharedPage> page_;
   std::vector<Writer> writers_;  // usually one; a successor may be met before the end of the last is seen
