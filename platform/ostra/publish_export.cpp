@@ -126,27 +126,33 @@ void Export::follow(Cursor& c, std::string& out, std::size_t upTo) {
   c.live = true;
 }
 
-// The changes of one attribute that follow one another in the log.
+// A piece of the log, the changes of each collection together: only scalars are told in a promised order.
 void Export::tellRun(Cursor& c, std::string& out) {
-  std::size_t const attribute = log_[c.position - base_].attribute;
-  Attribute const& a = *attributes_[attribute];
-  Members set;
-  std::vector<Value> gone;
+  struct Told {
+    Members set;
+    std::vector<Value> gone;
+  };
+  std::vector<std::pair<std::size_t, Told>> collections;  // in the order in which the log names them first
   for (std::size_t n = 0; n < membersALine && c.position != head(); ++n, ++c.position) {
     Change const& change = log_[c.position - base_];
-    if (change.attribute != attribute) break;
     if (latest_.at(change) != c.position) continue;
+    Attribute const& a = *attributes_[change.attribute];
     if (a.kind == AttributeKind::Scalar) {
-      std::erase(c.due, attribute);
-      c.due.push_back(attribute);
-    } else if (std::optional<Value> const value = a.member(*object_, change.key)) {
-      set.emplace_back(change.key, *value);
-    } else {
-      gone.push_back(change.key);
+      std::erase(c.due, change.attribute);
+      c.due.push_back(change.attribute);
+      continue;
     }
+    auto at = std::ranges::find(collections, change.attribute, &std::pair<std::size_t, Told>::first);
+    if (at == collections.end()) at = collections.emplace(at, change.attribute, Told());
+    if (std::optional<Value> value = a.member(*object_, change.key))
+      at->second.set.emplace_back(change.key, std::move(*value));
+    else
+      at->second.gone.push_back(change.key);
   }
-  if (!set.empty()) tellMembers(out, attribute, set);
-  if (!gone.empty()) tellGone(out, attribute, gone);
+  for (auto const& [attribute, told] : collections) {
+    if (!told.set.empty()) tellMembers(out, attribute, told.set);
+    if (!told.gone.empty()) tellGone(out, attribute, told.gone);
+  }
 }
 
 void Export::tellScalars(Cursor& c, std::string& out) {

@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: Apache-2.0
+// How long the agent's event loop is held while a snapshot of the engine is taken and sent to another process, and
+// keys arrive. `pass` is the dispatch in which the engine fills the snapshot; `slice` the longest of all others, which
+// send it; `key` the longest time that one key took meanwhile, outside the pass. These are times on the wall; with
+// `_cpu` the processor's part, which a busy machine does not stretch.
+#include <benchmark/benchmark.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+
+#include "ostra/mount.h"
+#include "ostra/publish.h"
+#include "shoal/local_table.h"
+#include "vantrel/vantrel.h"
+
+using namespace Vantrel;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double millisecondsSince(Clock::time_point begin) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+}
+
+double processorMilliseconds() {
+  timespec t{};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) * 1e-6;
+}
+
+// The other process: asks for one snapshot and waits until it has all of it.
+int request(std::string const& socket, std::size_t entries) {
+  Ostra::Mounter mounter(socket);
+  auto const config = mounter.mount<DebugConfig>({}, Ostra::Mounter::Access::Writable);
+  auto const status = mounter.mount<DebugStatus>();
+  if (!mounter.dispatchUntil([&] { return mounter.live(*config) && mounter.live(*status); }, 60)) return 1;
+  config->versionInc(1);
+  if (!mounter.dispatchUntil([&] { return status->version() == config->version(); }, 300)) return 1;
+  return status->status().size() == entries ? 0 : 1;
+}
+
+class Agent {
+ public:
+  explicit Agent(std::string const& socket) : publisher_(socket) {
+    engine_->prioGrpShiftIs(20);  // a million positions
+    publisher_.exportObject("debugConfig", debugConfig_);
+    publisher_.exportObject("debugStatus", debugStatus_);
+  }
+  void want(U32 k) {
+    EntryConfig e(EntryKey(k + 1), OpId(++version_ << 16), k, 0, k);
+    e.tableIndexIs(TableKey(0), k);
+    config_->entryIs(e);
+  }
+  // One turn of an event loop: what the socket asks for, and a key.
+  void turn(U32 k) {
+    pollfd p{publisher_.fd(), POLLIN, 0};
+    ::poll(&p, 1, 0);
+    U32 const before = debugStatus_->version();
+    auto const dispatched = Clock::now();
+    double const cpu = processorMilliseconds();
+    publisher_.dispatch();
+    double const took = millisecondsSince(dispatched), tookCpu = processorMilliseconds() - cpu;
+    if (debugStatus_->version() == before) {
+      longestSlice = std::max(longestSlice, took);
+      longestSliceCpu = std::max(longestSliceCpu, tookCpu);
+    } else {
+      pass = took;
+      passCpu = tookCpu;
+    }
+    auto const handled = Clock::now();
+    want(k);
+    longestKey = std::max(longestKey, millisecondsSince(handled));
+  }
+
+  double pass = 0, passCpu = 0, longestSlice = 0, longestSliceCpu = 0, longestKey = 0;
+
+ private:
+  U64 version_ = 0;
+  Ostra::Ptr<Shoal::LocalTable<EntryConfig>> config_ = Ostra::make<Shoal::LocalTable<EntryConfig>>();
+  Ostra::Ptr<DebugConfig> debugConfig_ = debugConfigFactory("debugConfig");
+  Ostra::Ptr<DebugStatus> debugStatus_ = debugStatusFactory("debugStatus");
+  Ostra::Ptr<FastVantrelImpl> engine_ = Ostra::make<FastVantrelImpl>(
+      "engine", config_, debugConfig_, debugStatus_, Ostra::make<VantrelHelper>("none", nullptr), 1);
+  Ostra::Ptr<VantrelSm> frontEnd_ =
+      vantrelSmFactory(config_, nullptr, debugConfig_, debugStatus_, engine_, nullptr, nullptr);
+  Ostra::Publisher publisher_;
+};
+
+// Until the child has its snapshot; false when it did not get it.
+bool serve(Agent& agent, pid_t child, U32 entries) {
+  for (U32 k = 0;; k = (k + 1) % entries) {
+    agent.turn(k);
+    int status = 0;
+    if (::waitpid(child, &status, WNOHANG) == child) return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  }
+}
+
+void snapshot(benchmark::State& state) {
+  auto const entries = static_cast<U32>(state.range(0));
+  char dir[] = "/tmp/snapshot-bench-XXXXXX";
+  if (!::mkdtemp(dir)) return state.SkipWithError("mkdtemp");
+  std::string const socket = std::string(dir) + "/mgmt.sock";
+  for (auto _ : state) {
+    state.PauseTiming();
+    Agent agent(socket);
+    for (U32 k = 0; k < entries; ++k) agent.want(k);
+    state.ResumeTiming();
+    pid_t const child = ::fork();
+    if (child == 0) ::_exit(request(socket, entries));
+    if (!serve(agent, child, entries)) state.SkipWithError("the other process did not get its snapshot");
+    state.counters["pass_ms"] = agent.pass;
+    state.counters["pass_cpu_ms"] = agent.passCpu;
+    state.counters["slice_ms"] = agent.longestSlice;
+    state.counters["slice_cpu_ms"] = agent.longestSliceCpu;
+    state.counters["key_ms"] = agent.longestKey;
+  }
+  std::filesystem::remove_all(dir);
+}
+
+BENCHMARK(snapshot)
+    ->Name("snapshot to another process")
+    ->Arg(10'000)
+    ->Arg(100'000)
+    ->Arg(1'000'000)
+    ->Iterations(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
+// The engine's trace would be measured along.
+[[maybe_unused]] int const quiet = setenv("LUMELOG_DISABLE", "1", 1);
+
+}  // namespace

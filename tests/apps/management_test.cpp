@@ -1,0 +1,221 @@
+// SPDX-License-Identifier: Apache-2.0
+// The agent's entities in other processes: mounted, watched by many, and when one side stops or dies.
+#include <gmock/gmock.h>
+
+#include "ostra/mount.h"
+#include "shoal/writer_table.h"
+#include "tests/support/process.h"
+#include "vantrel/vantrel.h"
+
+using namespace TestSupport;
+using namespace Vantrel;
+using Ostra::Mounter;
+using testing::HasSubstr;
+using ConfigWriter = Shoal::WriterTable<EntryConfig>;
+
+namespace {
+
+class ManagementTest : public testing::Test {
+ protected:
+  void start() {
+    agent = std::make_unique<Process>(
+        std::vector<std::string>{VANTREL_BIN_DIR "/vantreld", "--dir", dir.path()}, dir / "out", dir / "err");
+    ASSERT_TRUE(eventually([&] { return agent->out().find("ready in") != std::string::npos; }))
+        << agent->err();
+  }
+  void want(U64 key, U32 ti, U32 prio) {
+    if (!table) table = Ostra::make<ConfigWriter>(dir / "config.shoal", Shoal::WriterOptions{});
+    EntryConfig c(EntryKey(key), OpId(opIds += 0x10001), static_cast<U32>(key), 0, prio);
+    c.tableIndexIs(TableKey(0), ti);
+    table->entryIs(c);
+  }
+  std::string socket() const { return dir / "mgmt.sock"; }
+
+  TempDir dir;
+  std::unique_ptr<Process> agent;
+  Ostra::Ptr<ConfigWriter> table;
+  U64 opIds = 0;
+};
+
+// Asks for snapshots through its own mounts, as an object beside the engine would.
+struct Requester {
+  explicit Requester(std::string const& path) : mounter(path, 0.05) {
+    config = mounter.mount<DebugConfig>({}, Mounter::Access::Writable);
+    status = mounter.mount<DebugStatus>();
+    flush = mounter.mount<VantrelFlushStatus>();
+  }
+  bool live(double seconds = 30) {
+    return mounter.dispatchUntil(
+        [this] { return mounter.live(*config) && mounter.live(*status) && mounter.live(*flush); }, seconds);
+  }
+  bool snapshot(double seconds = 30) {
+    config->versionInc(1);
+    return mounter.dispatchUntil([this] { return status->version() == config->version(); }, seconds);
+  }
+  bool seen(U32 version, double seconds = 60) {
+    return mounter.dispatchUntil([this, version] { return status->version() >= version; }, seconds);
+  }
+
+  Mounter mounter;
+  Ostra::Ptr<DebugConfig> config;
+  Ostra::Ptr<DebugStatus> status;
+  Ostra::Ptr<VantrelFlushStatus> flush;
+};
+
+class CountsFlushes : public VantrelFlushStatus::Notifiee {
+ public:
+  void onTableCounter() override { ++tables; }
+  void onFlushCounter() override { ++flushes; }
+  int tables = 0, flushes = 0;
+};
+
+// Forked children that must leave without the test's own endings.
+class Child {
+ public:
+  template <class Work>
+  explicit Child(Work work) : pid_(::fork()) {
+    if (pid_ == 0) ::_exit(work());
+  }
+  ~Child() {
+    if (!ended_) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, nullptr, 0);
+    }
+  }
+  void signal(int number) const { ::kill(pid_, number); }
+  // The exit status when it has ended, -1 when it has not.
+  int ended() {
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) != pid_) return -1;
+    ended_ = true;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+  }
+
+ private:
+  pid_t pid_;
+  bool ended_ = false;
+};
+
+}  // namespace
+
+TEST_F(ManagementTest, TheFlushStatusFiresInAnotherProcess) {
+  start();
+  Requester requester(socket());
+  ASSERT_TRUE(requester.live());
+  EXPECT_EQ(0, requester.flush->tableCounter());
+  CountsFlushes counts;
+  counts.notifierIs(Ostra::Ptr<VantrelFlushStatus const>(requester.flush));
+  want(1, 1, 10);
+  ASSERT_TRUE(requester.mounter.dispatchUntil([&] { return requester.flush->flushCounter() == 1; }, 30));
+  EXPECT_EQ(1, requester.flush->tableCounter());
+  EXPECT_EQ(1, counts.tables);
+  EXPECT_EQ(1, counts.flushes);
+}
+
+TEST_F(ManagementTest, TheSnapshotProtocolWorksAcrossProcessesAsBetweenObjects) {
+  start();
+  Requester one(socket()), other(socket());
+  ASSERT_TRUE(one.live());
+  ASSERT_TRUE(other.live());
+  want(1, 5, 10);
+  want(2, 6, 20);
+  ASSERT_TRUE(one.mounter.dispatchUntil([&] { return one.flush->flushCounter() == 1; }, 30));
+  want(3, 6, 15);
+  ASSERT_TRUE(eventually([&] { return one.snapshot() && one.status->pending().size() == 1; }));
+  EXPECT_THAT(one.status->status(), testing::SizeIs(2));
+  EXPECT_EQ(EntryKey(2), one.status->status().at(6));
+  EXPECT_EQ(OpId(0x20002), one.status->statusOpId().at(EntryKey(2)));
+  EXPECT_EQ(EntryKey(3), one.status->pending().at(6));
+  EXPECT_EQ(OpId(0x30003), one.status->pendingOpId().at(EntryKey(3)));
+  ASSERT_TRUE(other.seen(one.status->version()));
+  EXPECT_EQ(one.status->status(), other.status->status());
+  want(4, 9, 30);
+  ASSERT_TRUE(
+      other.mounter.dispatchUntil([&] { return other.config->version() == one.config->version(); }, 30));
+  ASSERT_TRUE(eventually([&] { return other.snapshot() && other.status->status().size() == 3; }));
+  one.config->versionIs(0);  // a request for version 0 only empties
+  ASSERT_TRUE(one.mounter.dispatchUntil([&] { return one.status->version() == 0; }, 30));
+  EXPECT_TRUE(one.status->status().empty());
+  EXPECT_TRUE(one.status->pending().empty());
+}
+
+TEST_F(ManagementTest, OfAHundredWatchersAStoppedOneDisturbsNobody) {
+  constexpr int watchers = 100;
+  constexpr U32 snapshots = 30;
+  for (U64 key = 1; key <= 2000; ++key) want(key, static_cast<U32>(key), 10);
+  start();
+  std::string const path = socket();
+  std::vector<std::unique_ptr<Child>> children;
+  for (int i = 0; i < watchers; ++i)
+    children.push_back(std::make_unique<Child>([path] {
+      Requester watcher(path);
+      return watcher.seen(snapshots) && watcher.status->status().size() == 2000 ? 0 : 1;
+    }));
+  Requester requester(path);
+  ASSERT_TRUE(requester.live());
+  ASSERT_TRUE(eventually([&] { return requester.snapshot(); }));
+  children[50]->signal(SIGSTOP);
+  while (requester.config->version() < snapshots) {
+    table->entryDel(EntryKey(2000 - requester.config->version() % 2));  // something differs each time
+    want(2000 - requester.config->version() % 2, 2000 - requester.config->version() % 2, 10);
+    ASSERT_TRUE(requester.snapshot(10)) << "the requester is answered in time";
+  }
+  for (int i = 0; i < watchers; ++i) {
+    if (i == 50) continue;
+    int status = -1;
+    EXPECT_TRUE(eventually([&] { return (status = children[static_cast<std::size_t>(i)]->ended()) >= 0; }));
+    EXPECT_EQ(0, status) << "watcher " << i;
+  }
+  EXPECT_EQ(-1, children[50]->ended());
+  children[50]->signal(SIGCONT);
+  int status = -1;
+  EXPECT_TRUE(eventually([&] { return (status = children[50]->ended()) >= 0; }));
+  EXPECT_EQ(0, status) << "it catches up when it goes on";
+}
+
+TEST_F(ManagementTest, AKilledAgentIsReportedAndItsSuccessorFound) {
+  want(1, 1, 10);
+  start();
+  Requester requester(socket());
+  std::vector<bool> reports;
+  requester.mounter.onConnection([&](bool up, std::string const&) { reports.push_back(up); });
+  ASSERT_TRUE(requester.live());
+  ASSERT_TRUE(requester.snapshot());
+  agent->signal(SIGKILL);
+  ASSERT_TRUE(requester.mounter.dispatchUntil([&] { return !requester.mounter.connected(); }, 30));
+  EXPECT_FALSE(requester.mounter.live(*requester.status));
+  agent->wait();
+  want(2, 2, 10);
+  start();  // in the place of the dead one's socket
+  ASSERT_TRUE(requester.live());
+  EXPECT_EQ(0u, requester.status->version()) << "the new agent's, not the old one's";
+  EXPECT_TRUE(requester.status->status().empty());
+  ASSERT_TRUE(requester.snapshot());
+  EXPECT_EQ(2u, requester.status->status().size());
+  EXPECT_THAT(reports, testing::ElementsAre(false, true));
+}
+
+TEST_F(ManagementTest, ASecondAgentIsRefusedAndTheFirstGoesOn) {
+  want(1, 1, 10);
+  start();
+  Process second({VANTREL_BIN_DIR "/vantreld", "--dir", dir.path()}, dir / "out2", dir / "err2");
+  EXPECT_EQ(1, second.wait());
+  Requester requester(socket());
+  EXPECT_TRUE(requester.live());
+  EXPECT_TRUE(requester.snapshot());
+}
+
+TEST_F(ManagementTest, WatchSurvivesTheAgent) {
+  want(1, 1, 10);
+  start();
+  Process watch({VANTREL_BIN_DIR "/vantrel", "watch", "flushStatus", "--dir", dir.path()}, dir / "watch",
+                dir / "watcherr");
+  ASSERT_TRUE(eventually([&] { return watch.out().find("live") != std::string::npos; })) << watch.err();
+  EXPECT_EQ("snapshot\ntableCounter = 1\nflushCounter = 1\nlive\n", watch.out());
+  agent->signal(SIGKILL);
+  ASSERT_TRUE(eventually([&] { return watch.err().find("waiting for it") != std::string::npos; }));
+  agent->wait();
+  start();
+  ASSERT_TRUE(eventually([&] { return watch.out().find("live\nsnapshot\n") != std::string::npos; }));
+  EXPECT_THAT(watch.err(), HasSubstr("vantrel: the agent is back\n"));
+}
