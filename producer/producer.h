@@ -75,6 +75,9 @@ class VANTREL_API Producer {
   // The status table holds exactly that.
   bool acknowledged(EntryKey key) const;
 
+  // The status table holds anything at all.
+  bool anyStatus() const { return status_ && status_->size() != 0; }
+
   // A key above every key in either table.
   EntryKey freshKey() const;
   // What put() refuses, asked beforehand.

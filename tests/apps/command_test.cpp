@@ -374,18 +374,21 @@ TEST_F(CommandTest, AKilledLoaderIsFinishedByTheNext) {
 }
 
 TEST_F(CommandTest, AnAgentKilledUnderALoadIsFollowedByAnother) {
-  std::vector<Acl::Rule> const rules = Acl::generateRules(10, 3000);
-  auto loader = start({"load", writeRules(rules), "--wait", "--timeout", "120", "--dir", tables()});
-  for (int life = 0; life < 3; ++life) {
-    auto const daemon = agent({"--hw-latency-us", "100"});
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    daemon->signal(SIGKILL);
-    EXPECT_EQ(daemon->wait(), 128 + SIGKILL);
+  std::vector<Acl::Rule> rules = Acl::generateRules(10, 2000);
+  for (int load = 0; load < 2; ++load) {
+    auto const loader = start({"load", writeRules(rules), "--wait", "--timeout", "120", "--dir", tables()});
+    for (int life = 0; life < 3; ++life) {
+      auto const daemon = agent({"--hw-latency-us", "100"});
+      std::this_thread::sleep_for(std::chrono::milliseconds(70));
+      daemon->signal(SIGKILL);
+      EXPECT_EQ(daemon->wait(), 128 + SIGKILL);
+    }
+    auto const daemon = agent();
+    EXPECT_EQ(loader->wait(), 0) << loader->err();
+    expectLoaded(rules);
+    stop(*daemon);
+    std::ranges::reverse(rules);
   }
-  auto const daemon = agent();
-  EXPECT_EQ(loader->wait(), 0) << loader->err();
-  expectLoaded(rules);
-  stop(*daemon);
 }
 
 // A place from `begin` on where the rule overlaps nobody of the bands around it: it joins its neighbours.

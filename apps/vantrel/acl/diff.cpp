@@ -19,6 +19,8 @@ Rule matchOf(Rule rule) {
 // A match that the table holds as often as it is wanted, or more often than this, is paired in order, not by
 // trial.
 constexpr std::size_t maxCandidates = 16;
+// A band in the table takes more rules than a fresh one, so that one in its middle need not split it.
+constexpr std::size_t joinedBand = 4 * maxBand;
 // A stretch that gave up its entries is spread so thin that it will not soon do so again.
 constexpr U64 spareFactor = 16;
 
@@ -135,7 +137,7 @@ class Differ {
     return at == bands_.end() || fits(rank, at->second);
   }
   bool fits(std::size_t rank, Band const& band) const {
-    return band.size() < maxBand && std::ranges::none_of(band, [&](std::size_t other) {
+    return band.size() < joinedBand && std::ranges::none_of(band, [&](std::size_t other) {
              return overlap(wanted_[rank], wanted_[other]);
            });
   }
@@ -212,7 +214,7 @@ class Differ {
   std::vector<Band> cutBands(std::size_t begin, std::size_t end) const {
     std::vector<Band> bands;
     for (std::size_t rank = begin; rank < end; ++rank) {
-      if (bands.empty() || !fits(rank, bands.back())) bands.emplace_back();
+      if (bands.empty() || bands.back().size() == maxBand || !fits(rank, bands.back())) bands.emplace_back();
       bands.back().push_back(rank);
     }
     return bands;

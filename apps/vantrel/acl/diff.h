@@ -32,7 +32,7 @@ namespace Acl {
 
 // The distance of fresh priorities: how many times a gap can be halved.
 inline constexpr U32 priorityStep = 4096;
-// A band that holds so many rules takes no more: what bounds the cost.
+// A fresh band holds no more rules than this: what bounds the cost.
 inline constexpr std::size_t maxBand = 1024;
 
 struct Held {

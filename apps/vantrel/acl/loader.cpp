@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <iterator>
+#include <set>
 #include <stdexcept>
 #include <tuple>
 
@@ -51,8 +52,8 @@ void Loader::start(std::vector<Rule> const& rules) {
   for (U32 const capacity : capacity_) all += capacity;
   if (rules.size() > all)
     throw std::runtime_error(fmt::format("{} rules do not fit into {} positions", rules.size(), all));
-  producer_.removeAcknowledged();
   std::vector<Record> const records = readTable();
+  agentWorks_ = producer_.anyStatus();
   compare(records, rules);
   begin();
 }
@@ -179,6 +180,7 @@ void Loader::confirm() {
 }
 
 void Loader::leave() {
+  producer_.removeAcknowledged();
   if (stage_ == Stage::Putting) mark([](Old const& old) { return !old.successor; });
 }
 
@@ -186,8 +188,7 @@ void Loader::putRound() {
   chooseFresh();
   std::vector<Group> groups = arrange();
   for (std::size_t pg = 0; pg < groups.size(); ++pg) layOutGroup(groups[pg], static_cast<U16>(pg));
-  renewContested(groups);
-  moveOld(groups);
+  writeMoves(groups);
   writeTargets(groups);
   awaitUnwritten();
   stage_ = Stage::Putting;
@@ -195,13 +196,19 @@ void Loader::putRound() {
 
 // As many as there is room for, in the order of the rules, each in the group with most room.
 void Loader::chooseFresh() {
+  std::set<std::pair<U32, U16>> roomy;  // how full counted from the emptiest, group
+  U32 const most = std::ranges::max(capacity_);
+  for (std::size_t pg = 0; pg < capacity_.size(); ++pg)
+    if (filled_[pg] < capacity_[pg])
+      roomy.emplace(most - (capacity_[pg] - filled_[pg]), static_cast<U16>(pg));
   for (Target& target : targets_) {
     if (target.presence != Presence::Absent) continue;
-    auto const pg = roomiestGroup();
-    if (!pg) return;
+    if (roomy.empty()) return;
+    auto const [full, pg] = *roomy.begin();
+    roomy.erase(roomy.begin());
     target.presence = Presence::Fresh;
-    target.pg = *pg;
-    ++filled_[*pg];
+    target.pg = pg;
+    if (++filled_[pg] < capacity_[pg]) roomy.emplace(full + 1, pg);
   }
 }
 
@@ -252,41 +259,87 @@ void Loader::layOutGroup(Group& group, U16 pg) const {
   for (std::size_t i = 0; i < group.size(); ++i) group[i].ti = producer_.mapping().position(pg, result[i]);
 }
 
-// Whoever claims a position with the greater version drops the older claim for good. So an entry that stays
-// where another record wants to be, too, claims its position anew, before the other one is sent elsewhere.
-void Loader::renewContested(std::vector<Group> const& groups) {
-  forTargets(groups, [this](Target& target, U32 ti) {
-    if (!target.contested || target.presence != Presence::Present || ti != target.ti) return;
-    target.contested = false;
-    if (!producer_.acknowledged(target.key)) written(target, producer_.move(target.key, ti));
-  });
+// While two records name one position, the engine may give it to either, and drops the other's claim for good.
+// So whoever leaves a position is written before whoever comes. In a ring somebody has to come first: he is
+// written again when the other has left. The same goes for an entry that stays where another one wanted to be.
+void Loader::writeMoves(std::vector<Group> const& groups) {
+  std::vector<Move> moves;
+  for (Group const& group : groups)
+    for (Item const& item : group)
+      if (auto const from = positionOf(item); from && *from != item.ti) moves.push_back({item, *from});
+  std::vector<std::size_t> early;
+  for (std::size_t const i : leavingFirst(moves, early)) writeMove(moves[i].item);
+  for (std::size_t const i : early)
+    if (moves[i].item.wanted) renew(targets_[moves[i].item.index]);
 }
 
-void Loader::moveOld(std::vector<Group> const& groups) {
-  for (Group const& group : groups) {
-    for (Item const& item : group) {
-      if (item.wanted || old_[item.index].ti == item.ti) continue;
-      producer_.move(old_[item.index].key, item.ti);
-      old_[item.index].ti = item.ti;
-      ++counts_.moved;
+std::optional<U32> Loader::positionOf(Item const& item) const {
+  if (!item.wanted) return old_[item.index].ti;
+  Target const& target = targets_[item.index];
+  if (target.presence != Presence::Present) return std::nullopt;
+  return target.ti;
+}
+
+// An order in which whoever leaves a position comes before those that come to it. `early` are those that had to
+// be put before one that leaves, because they are in a ring with it.
+std::vector<std::size_t> Loader::leavingFirst(std::vector<Move> const& moves,
+                                              std::vector<std::size_t>& early) {
+  boost::unordered_flat_map<U32, std::vector<std::size_t>> leaving;
+  for (std::size_t i = 0; i < moves.size(); ++i) leaving[moves[i].from].push_back(i);
+  enum class State : U8 { New, Open, Done };
+  std::vector<State> states(moves.size());
+  std::vector<std::size_t> order;
+  std::vector<std::size_t> open;
+  for (std::size_t start = 0; start < moves.size(); ++start) {
+    if (states[start] == State::New) open.push_back(start);
+    while (!open.empty()) {
+      std::size_t const at = open.back();
+      if (states[at] == State::New) {
+        states[at] = State::Open;
+        auto const there = leaving.find(moves[at].item.ti);
+        if (there == leaving.end()) continue;
+        for (std::size_t const other : there->second) {
+          if (states[other] == State::New) open.push_back(other);
+          if (states[other] == State::Open) early.push_back(at);
+        }
+      } else {
+        open.pop_back();
+        if (states[at] == State::Open) order.push_back(at);
+        states[at] = State::Done;
+      }
     }
   }
+  return order;
+}
+
+void Loader::writeMove(Item const& item) {
+  ++counts_.moved;
+  if (item.wanted) return change(targets_[item.index], item.ti);
+  producer_.move(old_[item.index].key, item.ti);
+  old_[item.index].ti = item.ti;
 }
 
 void Loader::writeTargets(std::vector<Group> const& groups) {
   forTargets(groups, [this](Target& target, U32 ti) {
-    if (target.presence == Presence::Present) change(target, ti);
+    if (target.presence == Presence::Present && target.update) change(target, ti);
+    if (target.presence == Presence::Present && needsRenewal(target)) renew(target);
   });
   forTargets(groups, [this](Target& target, U32 ti) {
     if (target.presence == Presence::Fresh) add(target, ti);
   });
 }
 
+// Found in the table, and perhaps without a claim: another record named the position, or an earlier load was
+// killed before it had written this one again.
+bool Loader::needsRenewal(Target const& target) const {
+  return target.unawaited && (target.contested || (agentWorks_ && !producer_.acknowledged(target.key)));
+}
+
+void Loader::renew(Target& target) { written(target, producer_.move(target.key, target.ti)); }
+
 void Loader::change(Target& target, U32 ti) {
-  if (!target.update && target.ti == ti) return;
   OpId const opId = target.update ? put(target, ti) : producer_.move(target.key, ti);
   counts_.updated += target.update;
-  counts_.moved += target.ti != ti;
   target.ti = ti;
   target.update = false;
   written(target, opId);
@@ -381,16 +434,6 @@ U64 Loader::room() const {
   for (std::size_t pg = 0; pg < capacity_.size(); ++pg)
     room += capacity_[pg] > filled_[pg] ? capacity_[pg] - filled_[pg] : 0;
   return room;
-}
-std::optional<U16> Loader::roomiestGroup() const {
-  std::size_t best = 0;
-  auto const free = [this](std::size_t pg) {
-    return static_cast<std::int64_t>(capacity_[pg]) - static_cast<std::int64_t>(filled_[pg]);
-  };
-  for (std::size_t pg = 1; pg < capacity_.size(); ++pg)
-    if (free(pg) > free(best)) best = pg;
-  if (free(best) <= 0) return std::nullopt;
-  return static_cast<U16>(best);
 }
 U64 Loader::remaining() const {
   return static_cast<U64>(std::ranges::count_if(old_, [](Old const& old) { return !old.marked; })) + absent();

@@ -105,6 +105,10 @@ class Loader {
     U32 ti;                     // the position it gets
   };
   using Group = std::vector<Item>;  // in wanted order
+  struct Move {
+    Item item;
+    U32 from;  // position
+  };
 
   std::vector<Record> readTable();
   void compare(std::vector<Record> const& records, std::vector<Rule> const& rules);
@@ -118,9 +122,14 @@ class Loader {
   std::vector<Group> arrange() const;
   static void tradePlaces(Group& group);
   void layOutGroup(Group& group, U16 pg) const;
-  void renewContested(std::vector<Group> const& groups);
-  void moveOld(std::vector<Group> const& groups);
+  void writeMoves(std::vector<Group> const& groups);
+  std::optional<U32> positionOf(Item const& item) const;
+  static std::vector<std::size_t> leavingFirst(std::vector<Move> const& moves,
+                                               std::vector<std::size_t>& early);
+  void writeMove(Item const& item);
   void writeTargets(std::vector<Group> const& groups);
+  bool needsRenewal(Target const& target) const;
+  void renew(Target& target);
   void change(Target& target, U32 ti);
   void add(Target& target, U32 ti);
   Vantrel::OpId put(Target const& target, U32 ti);
@@ -138,13 +147,13 @@ class Loader {
 
   U64 absent() const;
   U64 room() const;
-  std::optional<U16> roomiestGroup() const;
 
   Vantrel::Producer& producer_;
   Vantrel::Acknowledgements& acknowledgements_;
   std::function<void(Vantrel::EntryKey)> handler_;
   Stage stage_ = Stage::Idle;
   Counts counts_;
+  bool agentWorks_ = false;                // an agent has acknowledged something
   std::vector<Target> targets_;            // in order of the rules
   std::vector<Old> old_;                   // by priority, then position
   std::vector<Vantrel::EntryKey> marked_;  // records to remove when acknowledged

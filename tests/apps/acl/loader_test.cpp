@@ -4,6 +4,7 @@
 // be killed at any write.
 #include "apps/vantrel/acl/loader.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -98,6 +99,26 @@ class World {
     walk();
   }
 
+  // What the keys want, and who is there.
+  std::string why(std::vector<EntryKey> const& keys) const {
+    std::string text;
+    for (EntryKey const key : keys) {
+      EntryConfig const entry = config->entry(key);
+      U32 const ti = entry.tableIndex(TableKey(0));
+      auto const at = hardware->at(ti);
+      auto const now = hardware->entry(key);
+      text += fmt::format("key {} prio {} wants {} ({}), is at {}\n", key.value(), entry.prio(), ti,
+                          at ? fmt::format("held by {}", at->key.value()) : "free",
+                          now ? std::to_string(now->ti) : "no place");
+    }
+    for (auto const& [ti, key] : hardware->positions()) {
+      EntryConfig const entry = config->entry(key);
+      text += fmt::format("  {}: key {} prio {} wants {}{}\n", ti, key.value(), entry.prio(),
+                          entry.tableIndex(TableKey(0)), entry.isDel() ? " to be deleted" : "");
+    }
+    return text;
+  }
+
   Mapping const mapping;
   U32 const size;
   U32 const partitions_;
@@ -128,12 +149,13 @@ class Life {
     world_.run(~std::size_t{0});
     return true;
   }
-  // With an engine that lags by chance.
+  // With an engine that lags by chance, and now and then starts anew.
   template <class Random>
   bool lagging(std::vector<Rule> const& rules, Random& random) {
     loader_.onWrittenIs([&](EntryKey) {
       if (random() % 4 == 0) world_.run(random() % 8);
       if (random() % 64 == 0) world_.overrun();
+      if (random() % 256 == 0) world_.startAgent();
     });
     return toTheEnd(rules);
   }
@@ -433,8 +455,7 @@ TEST_P(RandomLoaderTest, EveryEditIsReachedByAnEngineThatLags) {
   std::vector<Rule> rules = someRules(random() % (size + 1));
   for (int i = 0; i < 15; ++i) {
     Life life(world);
-    ASSERT_TRUE(life.lagging(rules, random))
-        << "load " << i << ": " << life.waiting().size() << " keys wait for ever";
+    ASSERT_TRUE(life.lagging(rules, random)) << "load " << i << "\n" << world.why(life.waiting());
     expectHolds(world, rules);
     if (HasFatalFailure()) return;
     edit(rules, size);
@@ -450,8 +471,7 @@ TEST_P(RandomLoaderTest, AKilledLoaderIsFinishedByTheNext) {
     if (killed) world.changes.killAfter = 1 + random() % 30;
     try {
       Life life(world);
-      ASSERT_TRUE(life.lagging(rules, random))
-          << "load " << i << ": " << life.waiting().size() << " keys wait for ever";
+      ASSERT_TRUE(life.lagging(rules, random)) << "load " << i << "\n" << world.why(life.waiting());
       world.changes.killAfter.reset();
       expectHolds(world, rules);
       if (HasFatalFailure()) return;
