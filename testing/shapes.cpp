@@ -116,6 +116,10 @@ U64 Steps::version(Model const& model, U64 key) {
   if (kind == 0) return programmed;
   if (kind == 1) return programmed - (programmed ? 1 + draw_(2) % programmed : 0);
   if (kind == 2) newest_ += U64{1 + draw_(3)} << 32;
+  if (kind == 3) return newest_;  // as new as another key's
+  U64 const edge =
+      programmed + (U64{65535 + draw_(2)} << 16);  // as far ahead as a version may be, or one more
+  if (kind == 4 && edge > newest_) return newest_ = edge;
   newest_ += (U64{1} << 16) + (draw_(2) ? 1 : 0);
   return newest_;
 }

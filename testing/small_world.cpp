@@ -239,11 +239,11 @@ SmallWorld algorithmic() {
 
 Explored explore(SmallWorld const& world, Scenario& scenario) { return Explorer(world, scenario).run(); }
 
-std::vector<SmallWorld> smallWorlds(U32 extra) {
+std::vector<SmallWorld> smallWorlds(int extra) {
   std::vector<SmallWorld> worlds = {oneGroup(), priorities(), twoGroups(),  threeGroups(),
                                     quiet(),    rings(),      fullTable(),  handles(),
                                     versions(), failures(),   algorithmic()};
-  for (SmallWorld& world : worlds) world.length += extra;
+  for (SmallWorld& world : worlds) world.length = static_cast<U32>(static_cast<int>(world.length) + extra);
   return worlds;
 }
 

@@ -44,7 +44,7 @@ struct Explored {
 // Throws Difference; `scenario` is the sequence that was being run then.
 Explored explore(SmallWorld const& world, Scenario& scenario);
 
-// The worlds of the check; with `extra`, each sequence is that much longer.
-std::vector<SmallWorld> smallWorlds(U32 extra);
+// The worlds of the check; with `extra`, each sequence is that much longer, or shorter.
+std::vector<SmallWorld> smallWorlds(int extra);
 
 }  // namespace Testing

@@ -57,7 +57,7 @@ class World {
   World& operator=(World const&) = delete;
   ~World();
 
-  // Refuses a step that names what is not there.
+  // Refuses a step that names what is not there. What a running agent refuses to set, a dry run may.
   void check(Step const& step) const;
   void run(Step const& step);
 

@@ -2,12 +2,14 @@
  *
  * Publishing, reading and recycling of slots: one writer, one reader, two keys, four slots.
  *
- * The writer replaces and removes; it may be ended before any of its stores. The reader looks key 0 up, word by word,
- * at any pace. Each access to shared memory is one step; a slot's record is two words that must agree.
+ * The writer replaces and removes; it may be ended before any of its stores. The reader looks key 0 up,
+ * word by word, at any pace. Each access to shared memory is one step; a slot's record is two words that
+ * must agree.
  *
- * Promises: a record that the reader returns is whole, is the key's, and was current at some moment of the look-up:
- * not older than what was published when the look-up began, not newer than what has been published. A reader that
- * needs another attempt was overtaken by the writer. Ended anywhere, the writer leaves both keys readable and whole.
+ * Promises: a record that the reader returns is whole, is the key's, and was current at some moment of the
+ * look-up: not older than what was published when the look-up began, not newer than what has been
+ * published. A reader that needs another attempt was overtaken by the writer. Ended anywhere, the writer
+ * leaves both keys readable and whole.
  */
 #define SLOTS 4
 #define NONE 9

@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
- * Waking a sleeping watcher: the writer announces a change and then looks at the bell and at the watcher's page; the
- * watcher rings, lies down and then looks at what was announced. The writer may end at any step, before it ever met
- * the watcher too; the kernel then closes its lock, which the watcher hears of once.
+ * Waking a sleeping watcher: the writer announces a change and then looks at the bell and at the watcher's
+ * page; the watcher rings, lies down and then looks at what was announced. The writer may end at any step,
+ * before it ever met the watcher too; the kernel then closes its lock, which the watcher hears of once.
  *
- * Promises: the watcher never comes to rest beside a change that it has not read, one that was published but not
- * counted when the writer ended included; and nothing is sent while it is awake.
+ * Promises: the watcher never comes to rest beside a change that it has not read, one that was published
+ * but not counted when the writer ended included; and nothing is sent while it is awake.
  */
 #define CHANGES 3
 

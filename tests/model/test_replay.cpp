@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -135,6 +137,19 @@ TEST_F(Replay, anAttributeIsSetByItsName) {
   EXPECT_THAT(r.out, HasSubstr("\"numDeadlock\":4"));
 }
 
+TEST_F(Replay, anAttributeThatBothHaveIsSetWhereTheStepSays) {
+  Result const r = run("-",
+                       "{\"do\":\"set\",\"attr\":\"initialized\",\"value\":false,\"on\":\"sm\"}\n"
+                       "{\"do\":\"put\",\"key\":1,\"opId\":1,\"ti\":[1]}\n"
+                       "{\"do\":\"set\",\"attr\":\"initialized\",\"value\":true,\"on\":\"sm\"}\n"
+                       "{\"do\":\"set\",\"attr\":\"initialized\",\"value\":false,\"on\":\"engine\"}\n"
+                       "{\"do\":\"walk\"}\n");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_THAT(r.out, EndsWith("{\"event\":\"input\",\"line\":4}\n"
+                              "{\"event\":\"input\",\"line\":5}\n{\"event\":\"flush\"}\n"));
+  EXPECT_THAT(r.out, Not(HasSubstr("add")));
+}
+
 TEST_F(Replay, theAlgorithmicEngineIsCleanedUpWhileItStillIsOne) {
   Result const r = run("-",
                        "{\"engine\":\"atcam\",\"maxPartitions\":4}\n"
@@ -175,6 +190,26 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{"{\"do\":\"set\",\"attr\":\"retryPeriod\",\"value\":1,\"on\":\"engine\"}", "of engine"},
         Bad{"{\"do\":\"set\",\"attr\":\"initialized\",\"value\":true}", "\"on\" \"engine\" or \"sm\""},
         Bad{"{\"do\":\"set\",\"attr\":\"dirty\",\"value\":1}", "of type bool"}));
+
+// The indented lines that follow `heading` in a page, block by block.
+std::vector<std::string> blocksOf(std::string const& page, std::string const& heading) {
+  std::istringstream lines(page.substr(page.find(heading)));
+  std::vector<std::string> blocks;
+  bool inside = false;
+  for (std::string line; std::getline(lines, line); inside = line.starts_with("    ")) {
+    if (!line.starts_with("    ")) continue;
+    if (!inside) blocks.emplace_back();
+    blocks.back() += line.substr(4) + "\n";
+  }
+  return blocks;
+}
+
+TEST_F(Replay, theExampleOfTheFormatsPageIsWhatItPrints) {
+  std::string const page = slurp(VANTREL_SOURCE_DIR "/docs/formats/scenario.md");
+  std::vector<std::string> const blocks = blocksOf(page, "## A worked example");
+  ASSERT_EQ(blocks.size(), 2U);
+  EXPECT_EQ(run("-", blocks[0]).out, blocks[1]);
+}
 
 TEST_F(Replay, nothingMayFollowACleanup) {
   Result const r = run("-", "{\"do\":\"cleanup\"}\n{\"do\":\"show\"}\n");

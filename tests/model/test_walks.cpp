@@ -3,21 +3,17 @@
 // further; a walk that fails is shrunk to the scenario that the message names.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <cstdio>
 #include <random>
 #include <string>
 
 #include "testing/differ.h"
 #include "testing/shapes.h"
 #include "testing/shrink.h"
+#include "tests/model/scale.h"
 
 namespace Testing {
 namespace {
-
-U64 environment(char const* name, U64 otherwise) {
-  char const* const text = std::getenv(name);
-  return text ? std::strtoull(text, nullptr, 0) : otherwise;
-}
 
 // What the walks went through, to show that they went somewhere.
 struct Tally {
@@ -64,7 +60,7 @@ std::string reportFailure(Shape const& shape, U64 seed, std::string const& what,
 class Walks : public ::testing::TestWithParam<Shape> {};
 
 TEST_P(Walks, engineAndModelAgreeAfterEveryStep) {
-  U64 const total = environment("VANTREL_WALK_STEPS", 60000);
+  U64 const total = environment("VANTREL_WALK_STEPS", sanitized ? 6000 : 60000);
   U64 const length = 300;
   U64 seed = environment("VANTREL_SEED", 1);
   Tally tally;
@@ -75,7 +71,7 @@ TEST_P(Walks, engineAndModelAgreeAfterEveryStep) {
     tally.steps += scenario.steps.size();
   }
   EXPECT_GT(tally.moves, 0U);
-  EXPECT_GT(tally.rings, 0U);
+  EXPECT_TRUE(tally.rings > 0 || total < 60000);
   std::printf("%s: %llu steps, %llu moves, %llu rings, %llu claims lost to others, seeds up to %llu\n",
               GetParam().name.c_str(), static_cast<unsigned long long>(tally.steps),
               static_cast<unsigned long long>(tally.moves), static_cast<unsigned long long>(tally.rings),

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+// How much the long tests do: under the sanitizers, where a step costs ten times as much, a part of it.
+#pragma once
+
+#include <cstdlib>
+
+#include "pallo/types.h"
+
+namespace Testing {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool sanitized = true;
+#else
+constexpr bool sanitized = false;
+#endif
+
+inline U64 environment(char const* name, U64 otherwise) {
+  char const* const text = std::getenv(name);
+  return text ? std::strtoull(text, nullptr, 0) : otherwise;
+}
+
+}  // namespace Testing
