@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// How long the agent's event loop is held while a snapshot of the engine is taken and sent to another process, and
-// keys arrive. `pass` is the dispatch in which the engine fills the snapshot; `slice` the longest of all others, which
-// send it; `key` the longest time that one key took meanwhile, outside the pass. These are times on the wall; with
-// `_cpu` the processor's part, which a busy machine does not stretch.
+// How long the agent's event loop is held while a snapshot of the engine is taken and sent to another
+// process, and keys arrive. `pass` is the dispatch in which the engine fills the snapshot; `slice` the
+// longest of all others, which send it; `key` the longest time that one key took meanwhile, outside the
+// pass. These are times on the wall; with `_cpu` the processor's part, which a busy machine does not stretch.
 #include <benchmark/benchmark.h>
 #include <poll.h>
 #include <sys/wait.h>

@@ -15,8 +15,8 @@ class VANTREL_API Clock {
 // Seconds on the current clock: CLOCK_MONOTONIC unless another clock was installed.
 VANTREL_API double now();
 
-// Installs a clock (null: the system's) and returns the one it replaces, null for the system's. The caller keeps
-// ownership and must put the old one back before its own goes.
+// Installs a clock (null: the system's) and returns the one it replaces, null for the system's. The caller
+// keeps ownership and must put the old one back before its own goes.
 VANTREL_API Clock const* clockIs(Clock const* clock);
 
 }  // namespace Ostra

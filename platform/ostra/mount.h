@@ -1,26 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
-// Mounter: objects of an agent, mounted in this process. A mounted object is of the same type, holds the same values,
-// and its watchers fire here as the agent's change.
+// Mounter: objects of an agent, mounted in this process. A mounted object is of the same type, holds the
+// same values, and its watchers fire here as the agent's change.
 //
 //   Ostra::Mounter agent(dir + "/mgmt.sock");
-//   auto flushStatus = agent.mount<Vantrel::VantrelFlushStatus>();                // the agent's only one of that type
+//   auto flushStatus = agent.mount<Vantrel::VantrelFlushStatus>();  // the agent's only one of that type
 //   auto config = agent.mount<Vantrel::DebugConfig>("debugConfig", Ostra::Mounter::Access::Writable);
 //   auto status = agent.mount<Vantrel::DebugStatus>("debugStatus");
 //   agent.dispatchUntil([&] { return agent.live(*config) && agent.live(*status); }, 5.0);
 //
-//   config->versionInc(1);                                                        // asks the agent for a snapshot
+//   config->versionInc(1);  // asks the agent for a snapshot
 //   agent.dispatchUntil([&] { return status->version() == config->version(); }, 30.0);
 //
-//   loop.onReadable(agent.fd(), [&] { agent.dispatch(); });                       // or, in an event loop
+//   loop.onReadable(agent.fd(), [&] { agent.dispatch(); });  // or, in an event loop
 //
-// Invariants: what the agent writes last (the version of DebugStatus) arrives last. While the agent is away the objects
-//   keep their values; when it is back they are compared with a fresh snapshot, and watchers hear what differs. What
-//   is set here before the object is live is not sent: the agent's snapshot replaces it.
+// Invariants: what the agent writes last (the version of DebugStatus) arrives last. While the agent is away
+//   the objects keep their values; when it is back they are compared with a fresh snapshot, and watchers
+//   hear what differs. What is set here before the object is live is not sent: the agent's snapshot
+//   replaces it.
 // Ownership: holds a reference to each mounted object. Not to be destroyed from inside a notification.
 // Threading: the thread that calls dispatch(). A handler may mount and unmount.
 // Cost: one dispatch() reads at most 64 KB.
-// Errors: the constructor throws std::runtime_error for a path that cannot be a socket's. An agent that is away, refuses
-//   or sends nonsense is told by connected() and problem(); the connection is tried again until there is one.
+// Errors: the constructor throws std::runtime_error for a path that cannot be a socket's. An agent that is
+//   away, refuses or sends nonsense is told by connected() and problem(); the connection is tried again
+//   until there is one.
 #pragma once
 
 #include <functional>
@@ -38,8 +40,9 @@ class VANTREL_API Mounter {
   explicit Mounter(std::string path, double retrySeconds = 0.2);
   ~Mounter();
 
-  // An object whose scalars and collections are those of the agent's entity, of the same type; without a name, of its
-  // only entity of that type. Writable: scalars set here are set there; what the agent makes of it comes back.
+  // An object whose scalars and collections are those of the agent's entity, of the same type; without a
+  // name, of its only entity of that type. Writable: scalars set here are set there; what the agent makes
+  // of it comes back.
   template <class T>
   Ptr<T> mount(std::string entity = {}, Access access = Access::ReadOnly) {
     Ptr<T> const object = make<T>(entity.empty() ? T::staticType().name() : entity);

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Asker: one request at a time to an agent's management socket, waiting for the answer. What a command is made of.
+// Asker: one request at a time to an agent's management socket, waiting for the answer. What a command is made
+// of.
 //
 //   Ostra::Asker agent(dir + "/mgmt.sock");
 //   agent.ask(R"({"verb":"read","entity":"engine"})", [](std::string_view answer) { ... });
 //
 // Threading: one thread; waits.
-// Errors: AgentGone when the agent goes away; std::runtime_error when it cannot be reached, takes longer than `seconds`
-//   between two lines, or answers with an error line, whose text is the exception's.
+// Errors: AgentGone when the agent goes away; std::runtime_error when it cannot be reached, takes longer
+//   than `seconds` between two lines, or answers with an error line, whose text is the exception's.
 #pragma once
 
 #include <functional>

@@ -42,7 +42,10 @@ void Notifier::remove(NotifieeBase& notifiee) {
 }
 
 Notifier::Round::Round(Notifier& list)
-    : list_(&list), upcoming_(list.head_), number_(++list.roundsBegun_), outer_(std::exchange(list.rounds_, this)) {}
+    : list_(&list),
+      upcoming_(list.head_),
+      number_(++list.roundsBegun_),
+      outer_(std::exchange(list.rounds_, this)) {}
 
 Notifier::Round::~Round() {
   if (list_) list_->rounds_ = outer_;

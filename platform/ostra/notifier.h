@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Notifiers and notifiees: who watches whom, and one delivery that survives everything its watchers do.
 //
-// Invariants: a notifiee is on at most one notifier's list. A round of delivery reaches, in the order in which they
-//   joined, the notifiees that were on the list when the round began and still are when their turn comes; one that
-//   joins during the round is first told of the next change. Inactive and marked notifiees are passed over.
+// Invariants: a notifiee is on at most one notifier's list. A round of delivery reaches, in the order in
+//   which they joined, the notifiees that were on the list when the round began and still are when their
+//   turn comes; one that joins during the round is first told of the next change. Inactive and marked
+//   notifiees are passed over.
 // Ownership: neither side owns the other here; each leaves the other alone when it goes.
 // Threading: the agent's thread.
 // Cost: no allocation; an empty list costs one branch.
@@ -60,8 +61,8 @@ class VANTREL_API Notifier {
   // Every notifiee leaves.
   void clear();
 
-  // Calls `handler` with `args` on each notifiee. A list holds notifiees of the class that declares the handlers only:
-  // NotifieeOf sees to that. The arguments must outlive the round.
+  // Calls `handler` with `args` on each notifiee. A list holds notifiees of the class that declares the
+  // handlers only: NotifieeOf sees to that. The arguments must outlive the round.
   template <class NotifieeT, class... Params, class... Args>
   void notify(void (NotifieeT::*handler)(Params...), Args const&... args) {
     if (empty()) return;

@@ -16,8 +16,8 @@
 
 namespace Ostra {
 
-// Throws Pallo::InvalidSizeException. `offered` is the count that was asked for; the dump shows no more of the source
-// than `readable` bytes, so that a count from a damaged record cannot lead outside it.
+// Throws Pallo::InvalidSizeException. `offered` is the count that was asked for; the dump shows no more of
+// the source than `readable` bytes, so that a count from a damaged record cannot lead outside it.
 [[noreturn]] VANTREL_API void throwPodArraySize(std::size_t capacity, std::size_t offered, void const* source,
                                                 std::size_t elementBytes, std::size_t readable);
 
@@ -49,8 +49,8 @@ class PodArray {
     count_ = std::max(count_, static_cast<U32>(i + 1));
   }
 
-  // Takes `offered` elements from `source`, which need not be aligned. `readable` is how many bytes may be read
-  // there.
+  // Takes `offered` elements from `source`, which need not be aligned. `readable` is how many bytes may be
+  // read there.
   void set(void const* source, std::size_t offered, std::size_t readable) {
     if (offered > Capacity) [[unlikely]]
       throwPodArraySize(Capacity, offered, source, sizeof(T), readable);

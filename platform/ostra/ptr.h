@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Intrusive references: PtrInterface is what can be referred to, Ptr<T> is one reference.
 //
-// Invariants: an object lives exactly as long as its count is above zero; it starts at zero, and the first Ptr takes it.
+// Invariants: an object lives exactly as long as its count is above zero; it starts at zero, and the first
+//   Ptr takes it.
 // Ownership: the last Ptr deletes.
-// Threading: plain counting, or atomic once threadSafeReferencesIs(true) was called, which must happen before a second
-//   thread exists.
+// Threading: plain counting, or atomic once threadSafeReferencesIs(true) was called, which must happen
+//   before a second thread exists.
 // Cost: one increment a copy, none a move; a pointer's size.
 #pragma once
 
@@ -65,8 +66,7 @@ class Ptr {
   Ptr(Ptr const& other) : object_(other.object_) { take(); }
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
   template <class U>
-    requires std::convertible_to<U*, T*>
-  Ptr(Ptr<U> const& other) : object_(other.get()) { take(); }
+  requires std::convertible_to<U*, T*> Ptr(Ptr<U> const& other) : object_(other.get()) { take(); }
   ~Ptr() {
     if (object_) object_->deleteRef();
   }
@@ -96,8 +96,8 @@ Ptr<T> make(Args&&... args) {
   return Ptr<T>(new T(std::forward<Args>(args)...));
 }
 
-// keepAlive(object): a reference for as long as foreign code runs that may drop the last one. Null while nobody
-// holds the object yet, or any more: a first reference taken here would end it.
+// keepAlive(object): a reference for as long as foreign code runs that may drop the last one. Null while
+// nobody holds the object yet, or any more: a first reference taken here would end it.
 template <class T>
 Ptr<T> keepAlive(T* object) {
   return Ptr<T>(object && object->references() ? object : nullptr);

@@ -6,14 +6,16 @@
 //   publisher.exportObject("flushStatus", flushStatus);
 //   loop.onReadable(publisher.fd(), [&] { publisher.dispatch(); });
 //
-// Invariants: a peer costs a bounded amount of memory whatever it sends and however slowly it reads. A peer that reads
-//   nothing for `stallSeconds` while there is something to read is dropped; nobody waits for it. Writing and invoking
-//   are for the owner and root, by the peer's credentials; the socket's mode keeps out all but owner and group.
-// Ownership: holds references to what is exported. The socket file is the publisher's: a dead agent's is replaced, a
-//   live agent's is not, and it goes with the publisher.
+// Invariants: a peer costs a bounded amount of memory whatever it sends and however slowly it reads. A peer
+//   that reads nothing for `stallSeconds` while there is something to read is dropped; nobody waits for it.
+//   Writing and invoking are for the owner and root, by the peer's credentials; the socket's mode keeps out
+//   all but owner and group.
+// Ownership: holds references to what is exported. The socket file is the publisher's: a dead agent's is
+//   replaced, a live agent's is not, and it goes with the publisher.
 // Threading: the agent's event loop. Not to be destroyed from inside dispatch().
-// Cost: one dispatch() serves a few peers a slice each, some milliseconds at most apart from what an invoked operation
-//   or a written attribute takes itself. With no peers, changes of exported objects cost nothing.
+// Cost: one dispatch() serves a few peers a slice each, some milliseconds at most apart from what an
+//   invoked operation or a written attribute takes itself. With no peers, changes of exported objects cost
+//   nothing.
 // Errors: the constructor throws std::runtime_error naming the path. Peers' mistakes are answered to them.
 #pragma once
 
@@ -40,7 +42,8 @@ class VANTREL_API Publisher {
   Publisher(std::string path, Options options);
   ~Publisher();
 
-  // Replaces what had the name. An object that is no Entity can be read, written and invoked, but not mounted.
+  // Replaces what had the name. An object that is no Entity can be read, written and invoked, but not
+  // mounted.
   void exportObject(std::string name, Ptr<Described> object);
   // Those who mounted it are told that it is gone.
   void withdraw(std::string const& name);

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// One connection to the management socket: its requests, its mounts, and a bounded buffer of what it has yet to read.
+// One connection to the management socket: its requests, its mounts, and a bounded buffer of what it has
+// yet to read.
 //
-// Invariants: no request is taken and nothing is produced while more than `fullBuffer` bytes wait for the peer; the
-//   answers come in the order of the requests.
+// Invariants: no request is taken and nothing is produced while more than `fullBuffer` bytes wait for the
+//   peer; the answers come in the order of the requests.
 // Ownership: the publisher's.
 // Threading: the agent's event loop.
 // Cost: one serve() reads at most one buffer, makes at most one slice and writes once.
-// Errors: a request that cannot be served is answered with an error line. A line that is too long ends the connection.
+// Errors: a request that cannot be served is answered with an error line. A line that is too long ends the
+//   connection.
 #pragma once
 
 #include <functional>

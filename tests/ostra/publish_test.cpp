@@ -432,8 +432,8 @@ TEST_F(PublishTest, AWithdrawnEntityIsGoneForThoseWhoMountedIt) {
   EXPECT_THAT(ask(asking, R"({"verb":"read","entity":"sample"})"), HasSubstr("no entity is named"));
 }
 
-// Whatever the order of changes, reading and stalls, a peer ends with the truth, and whenever it is told a version it
-// has everything that was there when the version was written.
+// Whatever the order of changes, reading and stalls, a peer ends with the truth, and whenever it is told a
+// version it has everything that was there when the version was written.
 TEST_F(PublishTest, RandomChangesAndReadingPatternsEndInTheTruth) {
   std::mt19937 random(99);
   std::map<U64, std::map<U64, U64>> history;  // hashed at each version
