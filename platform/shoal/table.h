@@ -63,8 +63,8 @@ class Table : public TableBase {
   using Key = typename RecordTraits<R>::Key;
 
   // Watching begins with one whole-collection notification. A notifiee that was pointed at a table, or
-  // switched off, owes itself one and gets it when it is switched on; synchronizedIs(true) says that the caller
-  // has walked the table.
+  // switched off, owes itself one and gets it when it is switched on; synchronizedIs(true) says that the
+  // caller has walked the table.
   class Notifiee : public Ostra::NotifieeBase {
    public:
     virtual void onEntry(Key const&) {}  // the record of this key was written or removed

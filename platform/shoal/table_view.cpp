@@ -119,9 +119,16 @@ U64 TableView::guarded(U64 offset, std::string_view what) const {
 }
 
 U64 TableView::buckets() const {
+  if (acquire(*word(bucketsAt)) == bucketsWord_) [[likely]]
+    return bucketsSeen_;
+  U64 const seen = acquire(*word(bucketsAt));
   U64 const value = guarded(bucketsAt, "number of buckets");
   if (value == 0 || value > maxBuckets)
     throw Pallo::CorruptionDetectedException(damage("the header's number of buckets is out of range"));
+  if (unguard(seen, bucketsAt) == value) {
+    bucketsWord_ = seen;
+    bucketsSeen_ = value;
+  }
   return value;
 }
 U64 TableView::chunks() const { return guarded(chunksAt, "number of chunks"); }

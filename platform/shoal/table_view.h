@@ -117,6 +117,8 @@ class VANTREL_API TableView {
   std::array<U64, 4> seed_;
   U64 maxWords_ = 0;
   U64 limit_ = 0;  // end of the chunks in use, as last seen
+  mutable U64 bucketsWord_ = 0;  // the guarded word that was last found intact, and what it holds
+  mutable U64 bucketsSeen_ = 0;
   std::vector<std::atomic<U64>*> indexChunks_;
   std::vector<U64> scratch_;  // state, key, image; image words beyond the record are zero
   U64 dirtyWords_ = 0;

@@ -96,8 +96,8 @@ void Watch::add(int fd, U64 tag, U32 events) {
   if (fd >= 0) epoll_ctl(poll_, EPOLL_CTL_ADD, fd, &event);
 }
 
-// The table's directory tells of a file that replaced the table. The side directory tells of a writer's end, also of
-// one that this watcher was never met by: the kernel closes what the writer had locked.
+// The table's directory tells of a file that replaced the table. The side directory tells of a writer's end,
+// also of one that this watcher was never met by: the kernel closes what the writer had locked.
 void Watch::watchDirectory(std::string const& tablePath) {
   directoryNews_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
   tableWatch_ = inotify_add_watch(directoryNews_, parentOf(tablePath).c_str(), IN_CREATE | IN_MOVED_TO);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The worked example of docs/formats/table-file.md: a table made from the page's bytes alone reads as the page says,
-// and the writer's own bytes have the layout the page gives.
+// The worked example of docs/formats/table-file.md: a table made from the page's bytes alone reads as the
+// page says, and the writer's own bytes have the layout the page gives.
 #include <fstream>
 #include <sstream>
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A writer and readers as threads of one process over one mapping, so that the thread sanitizer sees both sides of
-// every word. Readers check each record against its own content, and that its version never goes back.
+// A writer and readers as threads of one process over one mapping, so that the thread sanitizer sees both
+// sides of every word. Readers check each record against its own content, and that its version never goes
+// back.
 #include <atomic>
 #include <cstdio>
 #include <random>
