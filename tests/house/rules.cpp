@@ -271,11 +271,11 @@ Offences lineLength(Tree const& tree) {
   Offences out;
   for (File const& f : tree.files()) {
     if (!isOurs(f)) continue;
-    bool fenced = false;  // output shown in a text is as wide as it is
+    bool fenced = false;  // what is shown in a text, fenced or indented, is as wide as it is
     eachLine(f, [&](std::size_t n, std::string const& line) {
       if (isProse(f) && line.starts_with("```")) fenced = !fenced;
-      bool const unbreakable =
-          isProse(f) && (fenced || line.starts_with("|") || line.find("://") != std::string::npos);
+      bool const unbreakable = isProse(f) && (fenced || line.starts_with("    ") || line.starts_with("|") ||
+                                              line.find("://") != std::string::npos);
       if (columns(line) > limit && !unbreakable)
         out.push_back({f.path, n, std::to_string(columns(line)) + " columns, at most 110 are wanted"});
     });
