@@ -66,17 +66,22 @@ std::unique_ptr<Ostra::Asker> connectAgain(std::string const& path) {
   }
 }
 
-// An agent that is not there at the beginning, and an entity that it does not have, are errors; an agent that
-// goes away later is waited for.
+// An agent that is not there at the beginning, and an entity that it does not have, are errors. An agent that
+// goes away later is waited for, and so is the entity of its successor, which may take a moment.
 void watchOnAndOn(Watching const& watching) {
   std::string const path = watching.dir + "/mgmt.sock";
   auto agent = std::make_unique<Ostra::Asker>(path);
-  while (true) {
+  for (bool before = false;; before = true) {
     try {
       watch(*agent, watching);
       return;
     } catch (Ostra::AgentGone const& gone) {
       fmt::print(stderr, "vantrel: {}; waiting for it\n", gone.what());
+    } catch (std::runtime_error const&) {
+      if (!before) throw;
+      std::this_thread::sleep_for(retryPeriod);
+      agent = connectAgain(path);
+      continue;
     }
     agent = connectAgain(path);
     fmt::print(stderr, "vantrel: the agent is back\n");
