@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What must hold of the engine's state and of the hardware at any moment, checked from outside with full scans.
+// What must hold of the engine's state and of the hardware at any moment, checked from outside with full
+// scans.
 //
 // Errors: Broken, one sentence that names what does not hold.
 #pragma once
@@ -30,8 +31,8 @@ struct InFlight {
 // All indexes of the state agree with its records, and the work queue with its set.
 void audit(Vantrel::FastState const& state, EngineChoice const& engine, InFlight const& change = {});
 
-// The hardware as its client sees it, call by call: who lies where, and whether the order holds in every group, in the
-// middle of a move too, when the entry lies at both places.
+// The hardware as its client sees it, call by call: who lies where, and whether the order holds in every
+// group, in the middle of a move too, when the entry lies at both places.
 class HardwareView {
  public:
   explicit HardwareView(EngineChoice const& engine) : engine_(engine) {}

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Rewrites: a table whose entries lie where they should is told, entry by entry, that all of them belong elsewhere. Does
-// every entry arrive?
+// Rewrites: a table whose entries lie where they should is told, entry by entry, that all of them belong
+// elsewhere. Does every entry arrive?
 #pragma once
 
 #include <random>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Scenarios: what may happen to a front end and its engine, one step a line, and what came of it, one event a line. The
-// bytes are described in docs/formats/scenario.md.
+// Scenarios: what may happen to a front end and its engine, one step a line, and what came of it, one event
+// a line. The bytes are described in docs/formats/scenario.md.
 //
 // Invariants: a step that was parsed has every field in range; print(parse(line)) means the same as line.
 // Ownership: plain values.
@@ -79,7 +79,8 @@ std::string print(Scenario const& scenario);
 
 enum class EventKind : U8 { Add, Update, Move, Delete, DeleteDeadlock, Status, StatusDel, Flush };
 
-// One call that reached the hardware client or the status table; a status carries its key and opId in `entry`.
+// One call that reached the hardware client or the status table; a status carries its key and opId in
+// `entry`.
 struct Event {
   EventKind kind;
   Vantrel::EntryConfig entry;
@@ -108,7 +109,8 @@ struct Counters {
   friend bool operator==(Counters const&, Counters const&) = default;
 };
 
-// One ring-buffer trace record: the text up to its first value, and all values, the engine's identifier first.
+// One ring-buffer trace record: the text up to its first value, and all values, the engine's identifier
+// first.
 struct TraceRecord {
   std::string message;
   std::vector<U64> values;

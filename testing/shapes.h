@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Shapes of random scenarios: what a walk is made of, and the steps it takes. A walk never asks for what a producer must
-// not ask (a version between the programmed and the waiting one, a position of another partition): that ends the process.
+// Shapes of random scenarios: what a walk is made of, and the steps it takes. A walk never asks for what a
+// producer must not ask (a version between the programmed and the waiting one, a position of another
+// partition): that ends the process.
 //
 // Ownership: plain values; the generator only looks at the model it was given.
 // Cost: a scan of the model a step.

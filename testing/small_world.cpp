@@ -34,8 +34,8 @@ class Explorer {
     return !world_.symmetricGroups || (o.group <= names.groups && o.handle <= names.handles);
   }
 
-  // Tries every sequence that begins with the path so far. Returns how much of the path may stand: less than `depth` when
-  // an operation in it ends the process.
+  // Tries every sequence that begins with the path so far. Returns how much of the path may stand: less
+  // than `depth` when an operation in it ends the process.
   U32 extend(U32 depth, Names const& names) {
     if (depth == world_.length) return runPath();
     for (Operation const& o : world_.alphabet) {

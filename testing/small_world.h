@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Small worlds, tried exhaustively: every sequence of a given length over a short list of operations, each run from an
-// empty world (or a given beginning) on engine and model.
+// Small worlds, tried exhaustively: every sequence of a given length over a short list of operations, each
+// run from an empty world (or a given beginning) on engine and model.
 //
-// Sequences that only rename keys, groups or handles are tried once: each name may be used first only after those below it.
-// An operation that would end the process is left out, and so is what would follow it.
+// Sequences that only rename keys, groups or handles are tried once: each name may be used first only after
+// those below it. An operation that would end the process is left out, and so is what would follow it.
 #pragma once
 
 #include <string>

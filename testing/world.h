@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// World: a real front end and a real engine with everything around them in one process: a configuration table and a
-// status table, a clock that stands still until it is moved, a hardware client that only tells what it was asked, and
-// dependant tables that fail on order. What a dry run, every differential test, the fuzzers and the shrinker run on.
+// World: a real front end and a real engine with everything around them in one process: a configuration
+// table and a status table, a clock that stands still until it is moved, a hardware client that only tells
+// what it was asked, and dependant tables that fail on order. What a dry run, every differential test, the
+// fuzzers and the shrinker run on.
 //
 // Invariants: the hardware client writes no status of its own: each status told is a write of its base class.
 // Ownership: owns all of it; the listener is the caller's and outlives the world.
@@ -41,7 +42,8 @@ class World {
     virtual ~Listener() = default;
     // Called from inside the engine's call.
     virtual void onEvent(EventKind kind, Vantrel::EntryConfig const& entry) = 0;
-    // A ring-buffer record: its text with % where values stand, and all values, the engine's identifier first.
+    // A ring-buffer record: its text with % where values stand, and all values, the engine's identifier
+    // first.
     virtual void onTrace(std::string_view text, std::span<U64 const> values) {
       static_cast<void>(text);
       static_cast<void>(values);
@@ -50,8 +52,8 @@ class World {
 
   enum class Trace : U8 { Off, Told };
 
-  // What creating the front end does is told before this returns. The process's trace records go nowhere but, with
-  // Trace::Told, to the listener while the world lives.
+  // What creating the front end does is told before this returns. The process's trace records go nowhere
+  // but, with Trace::Told, to the listener while the world lives.
   World(EngineChoice const& choice, Listener& listener, Trace trace);
   World(World const&) = delete;
   World& operator=(World const&) = delete;

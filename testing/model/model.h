@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reference model: front end, engine, tables and clock as one flat heap of facts, every question answered by a full
-// scan. It is written to be checked by reading, not to be fast, and shares nothing with what it is compared to but the
-// records themselves.
+// The reference model: front end, engine, tables and clock as one flat heap of facts, every question
+// answered by a full scan. It is written to be checked by reading, not to be fast, and shares nothing with
+// what it is compared to but the records themselves.
 //
-// It holds no index at all: who sits at a position, who waits for it, who is the nearest neighbour, is found by looking
-// at every record. So it cannot have two views that disagree.
+// It holds no index at all: who sits at a position, who waits for it, who is the nearest neighbour, is
+// found by looking at every record. So it cannot have two views that disagree.
 //
-// Where the engine may choose (the next candidate of the deadlock check, the keys of a walk and of the cleanup), the
-// model is told the choice and checks that it was a legal one.
+// Where the engine may choose (the next candidate of the deadlock check, the keys of a walk and of the
+// cleanup), the model is told the choice and checks that it was a legal one.
 //
-// Invariants: after each hardware call no two programmed records share a position, and in each group priorities do not
+// Invariants: after each hardware call no two programmed records share a position, and in each group
+// priorities do not
 //   decrease along the precedence order; after each step no two records wait for one position.
-// Errors: Illegal, when a choice was not legal or an invariant breaks; Fatal, when the engine's process would end.
+// Errors: Illegal, when a choice was not legal or an invariant breaks; Fatal, when the engine's process
+// would end.
 #pragma once
 
 #include <map>
@@ -94,7 +96,8 @@ class Model {
   // How many claims ended without their key being queued: beaten by a newer claim, or their position taken.
   U64 claimsLost() const { return claimsLost_; }
 
-  // The nearest programmed records of any group beside a place in the precedence order; null when there is none.
+  // The nearest programmed records of any group beside a place in the precedence order; null when there is
+  // none.
   ModelRecord const* below(U16 pg, U32 ti) const;
   ModelRecord const* above(U16 pg, U32 ti) const;
   ModelRecord const* occupant(U32 ti) const;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Who arrives: in one group everybody, whatever lay where before; with several groups nearly everybody. docs/limits.md
-// tells producers what to make of it.
+// Who arrives: in one group everybody, whatever lay where before; with several groups nearly everybody.
+// docs/limits.md tells producers what to make of it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -127,8 +127,8 @@ TEST(Liveness, inOneGroupEveryKeyArrivesInLargeRandomRewrites) {
   }
 }
 
-// Following who waits for whom from `key`, over occupants and over those that block by priority: whether that ends in a
-// ring that one priority-blocked member at least belongs to.
+// Following who waits for whom from `key`, over occupants and over those that block by priority: whether
+// that ends in a ring that one priority-blocked member at least belongs to.
 bool waitsForRingThroughPriority(Model const& model, U64 key) {
   std::vector<ModelRecord const*> path;
   while (true) {
@@ -168,7 +168,8 @@ Placement placeApart(std::vector<Member> const& members, Rewrites const& r, std:
   return placement;
 }
 
-// How many of `runs` random rewrites of ten keys, from one consistent placement to another, leave somebody behind.
+// How many of `runs` random rewrites of ten keys, from one consistent placement to another, leave somebody
+// behind.
 U32 leftBehind(Rewrites const& r, U32 runs) {
   constexpr U32 keys = 10;
   std::mt19937_64 random(r.groups);
@@ -216,8 +217,8 @@ TEST(Liveness, nobodyIsLeftBehindInOneGroupOrWithOnePriorityOrWithGroupsApart) {
 }
 
 // Three keys, four positions:   0: key 1   1: key 2   2: free   3: key 3 (of the other group)
-// Key 1 (priority 0) is to go to 2, behind key 2 (priority 1), which is to go to 3, where key 3 is, which is to go to 0,
-// where key 1 is. Key 1 waits for the order and not for an occupant, so nobody sees the ring.
+// Key 1 (priority 0) is to go to 2, behind key 2 (priority 1), which is to go to 3, where key 3 is, which
+// is to go to 0, where key 1 is. Key 1 waits for the order and not for an occupant, so nobody sees the ring.
 std::vector<Step> smallestUnfinished() {
   std::vector<Member> const members = {{0, 0}, {0, 1}, {1, 0}};
   U64 newest = 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Seeded random walks: engine against model, over every shape. VANTREL_SEED starts elsewhere, VANTREL_WALK_STEPS walks
-// further; a walk that fails is shrunk to the scenario that the message names.
+// Seeded random walks: engine against model, over every shape. VANTREL_SEED starts elsewhere,
+// VANTREL_WALK_STEPS walks further; a walk that fails is shrunk to the scenario that the message names.
 #include <gtest/gtest.h>
 
 #include <cstdio>
