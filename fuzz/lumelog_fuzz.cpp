@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // A trace file of any bytes: the reader ends, stays inside its bounds, and each record it delivers is whole.
 //
-// The first byte chooses: the bytes are the file; or they fill a small file of one ring, whose checks are put right, so
-// that what lies behind the checks is reached.
+// The first byte chooses: the bytes are the file; or they fill a small file of one ring, whose checks are put
+// right, so that what lies behind the checks is reached.
 #include <sys/mman.h>
 #include <unistd.h>
 

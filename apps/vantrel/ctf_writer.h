@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The functions of libbabeltrace2-ctf-writer that the trace verb calls. Debian's libbabeltrace2-dev has the library and
-// its pkg-config file but not its headers, so the prototypes stand here; they are part of the library's stable interface
-// (libbabeltrace2-ctf-writer.so.0).
+// The functions of libbabeltrace2-ctf-writer that the trace verb calls. Debian's libbabeltrace2-dev has the
+// library and its pkg-config file but not its headers, so the prototypes stand here; they are part of the
+// library's stable interface (libbabeltrace2-ctf-writer.so.0).
 //
-// Ownership: what a create function returns is released with bt_ctf_object_put_ref, and so is what get_payload returns.
-// Errors: null or a negative number.
+// Ownership: what a create function returns is released with bt_ctf_object_put_ref, and so is what
+// get_payload returns. Errors: null or a negative number.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What tracing costs: a record of two values beside its floor, which reads the same clock and copies the same bytes; a
-// facility trace that is off beside the empty loop; the same message through spdlog to a file.
+// What tracing costs: a record of two values beside its floor, which reads the same clock and copies the same
+// bytes; a facility trace that is off beside the empty loop; the same message through spdlog to a file.
 #include <benchmark/benchmark.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/spdlog.h>

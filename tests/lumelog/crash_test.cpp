@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A process that aborts in the middle of a load of a million keys: what its trace file tells last is what the engine did
-// last, in order, as the hardware client's own list has it.
+// A process that aborts in the middle of a load of a million keys: what its trace file tells last is what the
+// engine did last, in order, as the hardware client's own list has it.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
