@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The two trace channels of the library and its assertions, by the names that the rest of the code uses.
 //
-//   VANTREL_TRACE(vantrelFastImplTrace(), 8, "found ", key);          facility trace: text, if the level is
-//   on
+//   VANTREL_TRACE(vantrelFastImplTrace(), 8, "found ", key);          facility trace: text
 //   VANTREL_RECORD(9, lgId(), "handling key:", key, " hdl:", hdl);    ring-buffer record: binary values
 //
 // A record starts with the engine's trace identifier, then text and values take turns. Records are dropped
