@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Bytes drive a walk, engine beside reference model: the first byte chooses the shape, the others every draw. A
-// difference, a broken order inside a hardware call or an assertion that the model did not foresee is a finding.
+// Bytes drive a walk, engine beside reference model: the first byte chooses the shape, the others every
+// draw. A difference, a broken order inside a hardware call or an assertion that the model did not foresee
+// is a finding.
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Any text as a scenario: it is refused with a sentence, or read and printed so that reading it again gives the same.
+// Any text as a scenario: it is refused with a sentence, or read and printed so that reading it again gives
+// the same.
 #include <cstddef>
 #include <cstdlib>
 #include <string_view>

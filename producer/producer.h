@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Producer: writes wanted entries into the configuration table and keeps the rules that every producer must keep.
-// docs/guide-producer.md says what they are, and what happens otherwise.
+// Producer: writes wanted entries into the configuration table and keeps the rules that every producer must
+// keep. docs/guide-producer.md says what they are, and what happens otherwise.
 //
 //   Producer producer(config, status, Mapping::fast());
 //   OpId v = producer.put({.key = key, .pg = 0, .prio = 10, .ti = 5, .data = words});
@@ -10,9 +10,9 @@
 //   producer.remove(key);
 //
 // Invariants: a refused write leaves the table as it was. All it needs to know lies in the two tables: a
-//   producer that was killed at any moment goes on with a new object. Versions this object chooses rise; their
-//   low 16 bits change with match and action and only with them. Handles this object chooses are free, and are
-//   not given again before all others had their turn.
+//   producer that was killed at any moment goes on with a new object. Versions this object chooses rise;
+//   their low 16 bits change with match and action and only with them. Handles this object chooses are free,
+//   and are not given again before all others had their turn.
 // The caller's part: one position for one key. Two keys may name the same position while a swap is being
 //   written, but the key that is to have it must have the greater OpId: the engine drops the older claim and
 //   never looks again. A key that was removed without acknowledgement may come back under another group or

@@ -77,7 +77,8 @@ double median(std::vector<double>& all) {
   return all[all.size() / 2];
 }
 
-// Nanoseconds of one read: the median over slices so short that most are not interrupted, after a first round.
+// Nanoseconds of one read: the median over slices so short that most are not interrupted, after a first
+// round.
 template <class Read>
 double nanosecondsOfRead(std::vector<U64> const& order, Read read) {
   constexpr std::size_t slice = 500;

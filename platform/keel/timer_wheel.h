@@ -33,8 +33,8 @@ class VANTREL_API TimerWheel : public Ostra::PtrInterface {
 
     // The armed wake-up's time in seconds, if any.
     std::optional<double> timeMin() const { return timeMin_; }
-    // Asks for onTime at `seconds` or as soon after as the loop allows; what is no time or before zero is now. Does
-    // nothing without a wheel.
+    // Asks for onTime at `seconds` or as soon after as the loop allows; what is no time or before zero is
+    // now. Does nothing without a wheel.
     void timeMinIs(double seconds);
 
    private:
@@ -52,7 +52,8 @@ class VANTREL_API TimerWheel : public Ostra::PtrInterface {
   std::optional<double> earliest() const;
 
  protected:
-  // Delivers every wake-up due at `now`, in order of time. One that is asked for meanwhile waits for the next call.
+  // Delivers every wake-up due at `now`, in order of time. One that is asked for meanwhile waits for the next
+  // call.
   void deliver(double now);
   // The earliest wake-up after `time`, if any.
   std::optional<double> earliestAfter(double time) const;

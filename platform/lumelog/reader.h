@@ -5,8 +5,8 @@
 //   for (Lumelog::Record record; reader.next(record);) std::cout << record.message() << '\n';
 //
 // Invariants: every intact record is delivered once, in the order in which it was written, across the levels.
-//   What is not intact is left out and counted. Nothing that the file says is trusted: each read is bounded by
-//   the file's size, each step goes forward.
+//   What is not intact is left out and counted. Nothing that the file says is trusted: each read is bounded
+//   by the file's size, each step goes forward.
 // Ownership: a record's site and strings belong to the reader; the strings until the next call of next().
 // Threading: one thread. The writer is never disturbed.
 // Cost: one block a level in memory.

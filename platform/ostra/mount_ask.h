@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Asker: one request at a time to an agent's management socket, waiting for the answer. What a command is made
-// of.
+// Asker: one request at a time to an agent's management socket, waiting for the answer. What a command is
+// made of.
 //
 //   Ostra::Asker agent(dir + "/mgmt.sock");
 //   agent.ask(R"({"verb":"read","entity":"engine"})", [](std::string_view answer) { ... });

@@ -28,7 +28,8 @@ class VANTREL_API VantrelHelper : public Ostra::Entity {
   // Programs a new entry at the position that element 0 of its table indexes names. The position is free.
   virtual void addEntry(EntryConfig const& entry);
   // Removes a programmed entry. Element 0 names the position to clear, `pg` is 0, and the OpId is the entry's
-  // own, or OpId::deleteAcknowledge() when the producer asked for the delete and waits for its acknowledgement.
+  // own, or OpId::deleteAcknowledge() when the producer asked for the delete and waits for its
+  // acknowledgement.
   virtual void deleteEntry(EntryConfig const& entry);
   // The same, to break a ring of entries that wait for one another: the entry comes back.
   virtual void deleteEntryDeadlock(EntryConfig const& entry);

@@ -50,8 +50,9 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   // Turns one key into one delete or one add-or-update; true when the pending work should be run.
   virtual bool handleEntryHelper(EntryKey const& key);
 
-  // What a concrete engine provides. Here checkDeadlock, the dumps and handleDebug do nothing, every dependant
-  // table is fine, and the others fail an assertion.
+  // What a concrete engine provides. Here checkDeadlock, the dumps and handleDebug do nothing, every
+  // dependant table is fine, and the others fail an assertion.
+
   // Finds and breaks rings of entries that wait for one another.
   virtual void checkDeadlock();
   // Retries queued entries.

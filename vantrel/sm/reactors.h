@@ -2,8 +2,8 @@
 // The front end's watchers, one an input: each refers to its input and back to the front end.
 //
 // Invariants: marked for deletion, or dropped by its owner, a reactor ignores every notification.
-// Ownership: the front end holds its reactors. A handler may drop its own reactor and even the front end: both
-//   are held while it runs.
+// Ownership: the front end holds its reactors. A handler may drop its own reactor and even the front end:
+//   both are held while it runs.
 // Threading: the agent's event loop.
 // Cost: two reference counts a notification.
 #pragma once

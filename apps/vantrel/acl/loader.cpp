@@ -259,9 +259,10 @@ void Loader::layOutGroup(Group& group, U16 pg) const {
   for (std::size_t i = 0; i < group.size(); ++i) group[i].ti = producer_.mapping().position(pg, result[i]);
 }
 
-// While two records name one position, the engine may give it to either, and drops the other's claim for good.
-// So whoever leaves a position is written before whoever comes. In a ring somebody has to come first: he is
-// written again when the other has left. The same goes for an entry that stays where another one wanted to be.
+// While two records name one position, the engine may give it to either, and drops the other's claim for
+// good. So whoever leaves a position is written before whoever comes. In a ring somebody has to come first:
+// he is written again when the other has left. The same goes for an entry that stays where another one wanted
+// to be.
 void Loader::writeMoves(std::vector<Group> const& groups) {
   std::vector<Move> moves;
   for (Group const& group : groups)
@@ -280,8 +281,8 @@ std::optional<U32> Loader::positionOf(Item const& item) const {
   return target.ti;
 }
 
-// An order in which whoever leaves a position comes before those that come to it. `early` are those that had to
-// be put before one that leaves, because they are in a ring with it.
+// An order in which whoever leaves a position comes before those that come to it. `early` are those that had
+// to be put before one that leaves, because they are in a ring with it.
 std::vector<std::size_t> Loader::leavingFirst(std::vector<Move> const& moves,
                                               std::vector<std::size_t>& early) {
   boost::unordered_flat_map<U32, std::vector<std::size_t>> leaving;
