@@ -46,9 +46,12 @@ fuzz: ## each fuzz target for FUZZ_SECONDS (60), clang and libFuzzer
 	@$(call compile,fuzz)
 	@scripts/fuzz
 
-soak: build ## churns the same keys for SOAK_MINUTES (10); watches order, acknowledgements, memory
-	$(SAY) "soak: churning"
+soak: configured ## SOAK_MINUTES (10) of churn, then of seeded walks; 10,000 kills; SOAK_SEQUENCES=1 for hours more
+	@$(call compile,release) --target programs shoal_kill_test test_walks test_exhaustive
+	$(SAY) "soak: churning the same keys, watching order, acknowledgements and memory"
 	@scripts/soak
+	$(SAY) "soak: tests that get better with time"
+	@scripts/soak_tests
 
 tidy: ## clang-tidy over every file
 	$(SAY) "tidy: build with clang-tidy in build-tidy/"
