@@ -44,7 +44,10 @@ class ReaderTable : public Table<R>, private Mount::Sink {
   void validatorIs(Validator validator) { validator_ = std::move(validator); }
 
   int fd() { return mount_.fd(); }
-  void dispatch() { mount_.dispatch(); }
+  void dispatch() {
+    auto const keep = Ostra::keepAlive(this);  // a watcher may drop the last reference
+    mount_.dispatch();
+  }
 
   R entry(Key const& key) const override {
     try {
