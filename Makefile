@@ -46,7 +46,7 @@ fuzz: ## each fuzz target for FUZZ_SECONDS (60), clang and libFuzzer
 	@$(call compile,fuzz)
 	@scripts/fuzz
 
-soak: configured ## SOAK_MINUTES (10) of churn, then of seeded walks; 10,000 kills; SOAK_SEQUENCES=1 for hours more
+soak: configured ## SOAK_MINUTES (10) of churn, then of seeded walks; 10,000 kills
 	@$(call compile,release) --target programs shoal_kill_test test_walks test_exhaustive
 	$(SAY) "soak: churning the same keys, watching order, acknowledgements and memory"
 	@scripts/soak

@@ -218,9 +218,8 @@ std::string page(fs::path const& root) {
          "  level 9.\n"
          "- *facility*: a line of the facility's handle when its level is at least that of the message "
          "(`TRACE`).\n"
-         "- *assertion*: `assertion failed: TEXT, model file FILE, line N, function SIGNATURE` on stderr, "
-         "the same as the\n"
-         "  last record of the trace file at level 0, then the process aborts.\n";
+         "- *assertion*: `assertion failed: TEXT, model file FILE, line N, function SIGNATURE` on stderr,\n"
+         "  the same as the last record of the trace file at level 0, then the process aborts.\n";
   for (std::string const room : {"core", "engine", "fast", "diag", "sm"}) {
     std::vector<fs::path> files;
     for (auto const& entry : fs::directory_iterator(root / "vantrel" / room))
