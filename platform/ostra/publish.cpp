@@ -233,8 +233,8 @@ void Publisher::Impl::serve(int fd, U32 events) {
     drop(fd);
 }
 
-// Closing is not enough: while a forked child holds the socket too, the kernel would go on reporting it under a
-// number that may be another peer's by then.
+// Closing is not enough: while a forked child holds the socket too, the kernel would go on reporting it under
+// a number that may be another peer's by then.
 void Publisher::Impl::drop(int fd) {
   ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
   peers_.erase(fd);
