@@ -12,11 +12,11 @@
 // Invariants: a refused write leaves the table as it was. All it needs to know lies in the two tables: a
 //   producer that was killed at any moment goes on with a new object. Versions this object chooses rise;
 //   their low 16 bits change with match and action and only with them. Handles this object chooses are free,
-//   and are not given again before all others had their turn.
-// The caller's part: one position for one key. Two keys may name the same position while a swap is being
-//   written, but the key that is to have it must have the greater OpId: the engine drops the older claim and
-//   never looks again. A key that was removed without acknowledgement may come back under another group or
-//   priority only after the agent has let go of it; this object refuses that for keys it removed itself.
+//   and are not given again before all others had their turn. The caller's part: one position for one key.
+//   Two keys may name the same position while a swap is being written, but the key that is to have it must
+//   have the greater OpId: the engine drops the older claim and never looks again. A key that was removed
+//   without acknowledgement may come back under another group or priority only after the agent has let go of
+//   it; this object refuses that for keys it removed itself.
 // Ownership: holds references to both tables. The status table may still be empty, or null: nothing is
 //   acknowledged.
 // Threading: one thread.

@@ -4,7 +4,8 @@
 // library's stable interface (libbabeltrace2-ctf-writer.so.0).
 //
 // Ownership: what a create function returns is released with bt_ctf_object_put_ref, and so is what
-// get_payload returns. Errors: null or a negative number.
+//   get_payload returns.
+// Errors: null or a negative number.
 #pragma once
 
 #include <cstdint>

@@ -9,8 +9,8 @@
 // record never crosses a block.
 //
 // Invariants: everything is little-endian and lies on a multiple of 8. What is not yet committed is never
-// read: a block's records up to `used`, the sites up to `siteUsed`. Time stamps rise strictly over the whole
-// file.
+//   read: a block's records up to `used`, the sites up to `siteUsed`. Time stamps rise strictly over the
+//   whole file.
 #pragma once
 
 #include <cstddef>

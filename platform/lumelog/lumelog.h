@@ -9,15 +9,13 @@
 // or a string ("s").
 //
 // Invariants: a record that was written is readable whatever ends the process, at any instruction; what was
-// being written
-//   is not there. Time stamps rise strictly. A file belongs to one live process; a forked child records
-//   nothing.
+//   being written is not there. Time stamps rise strictly. A file belongs to one live process; a forked child
+//   records nothing.
 // Ownership: the opener's, by close(); a log that stays open to the end of the process loses nothing.
 // Threading: Single: one thread, plain stores.
 // Cost: reading the processor's time stamp and a few stores, no system call; every hundred records or so a
-// new block, and
-//   after each quiet hundredth of a second one reading of the system's clock. A null log is one predictable
-//   branch.
+//   new block, and after each quiet hundredth of a second one reading of the system's clock. A null log is
+//   one predictable branch.
 // Errors: what cannot be opened is said on stderr, and the caller runs without; a record never fails.
 #pragma once
 

@@ -6,8 +6,8 @@
 //   agent.ask(R"({"verb":"read","entity":"engine"})", [](std::string_view answer) { ... });
 //
 // Threading: one thread; waits.
-// Errors: AgentGone when the agent goes away; std::runtime_error when it cannot be reached, takes longer
-//   than `seconds` between two lines, or answers with an error line, whose text is the exception's.
+// Errors: AgentGone when the agent goes away; std::runtime_error when it cannot be reached, takes longer than
+//   `seconds` between two lines, or answers with an error line, whose text is the exception's.
 #pragma once
 
 #include <functional>

@@ -2,9 +2,9 @@
 // Notifiers and notifiees: who watches whom, and one delivery that survives everything its watchers do.
 //
 // Invariants: a notifiee is on at most one notifier's list. A round of delivery reaches, in the order in
-//   which they joined, the notifiees that were on the list when the round began and still are when their
-//   turn comes; one that joins during the round is first told of the next change. Inactive and marked
-//   notifiees are passed over.
+//   which they joined, the notifiees that were on the list when the round began and still are when their turn
+//   comes; one that joins during the round is first told of the next change. Inactive and marked notifiees
+//   are passed over.
 // Ownership: neither side owns the other here; each leaves the other alone when it goes.
 // Threading: the agent's thread.
 // Cost: no allocation; an empty list costs one branch.

@@ -4,8 +4,8 @@
 // Invariants: an object lives exactly as long as its count is above zero; it starts at zero, and the first
 //   Ptr takes it.
 // Ownership: the last Ptr deletes.
-// Threading: plain counting, or atomic once threadSafeReferencesIs(true) was called, which must happen
-//   before a second thread exists.
+// Threading: plain counting, or atomic once threadSafeReferencesIs(true) was called, which must happen before
+//   a second thread exists.
 // Cost: one increment a copy, none a move; a pointer's size.
 #pragma once
 

@@ -13,9 +13,8 @@
 // Ownership: holds references to what is exported. The socket file is the publisher's: a dead agent's is
 //   replaced, a live agent's is not, and it goes with the publisher.
 // Threading: the agent's event loop. Not to be destroyed from inside dispatch().
-// Cost: one dispatch() serves a few peers a slice each, some milliseconds at most apart from what an
-//   invoked operation or a written attribute takes itself. With no peers, changes of exported objects cost
-//   nothing.
+// Cost: one dispatch() serves a few peers a slice each, some milliseconds at most apart from what an invoked
+//   operation or a written attribute takes itself. With no peers, changes of exported objects cost nothing.
 // Errors: the constructor throws std::runtime_error naming the path. Peers' mistakes are answered to them.
 #pragma once
 

@@ -15,8 +15,7 @@
 // Ownership: holds a reference to the object; cursors belong to the peers and leave before they go.
 // Threading: the agent's event loop.
 // Cost: a change costs one hash-map step however many watch; a change that nobody follows costs what an
-// unwatched
-//   entity's does. One call of produce() makes about `upTo` bytes.
+//   unwatched entity's does. One call of produce() makes about `upTo` bytes.
 #pragma once
 
 #include <deque>

@@ -8,12 +8,10 @@
 //   }
 //
 // Errors: a wrong name, a value of the wrong type and a write to what cannot be written throw
-// AttributeException, whose
-//   text names the class, the attribute, what was expected and what came.
+//   AttributeException, whose text names the class, the attribute, what was expected and what came.
 // Threading: tables are built once and only read.
 // Cost: a name is found by a linear search of its class. A collection is walked in slices (membersFrom) at
-// one step a
-//   member, whatever happens to it between two slices.
+//   one step a member, whatever happens to it between two slices.
 #pragma once
 
 #include <concepts>

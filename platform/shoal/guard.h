@@ -8,7 +8,8 @@
 // Invariants: a touch inside a guarded window of read access never ends the process.
 // Threading: windows come and go under a lock; the handler reads atomics only.
 // Cost: nothing until a file is cut short. Asking the file's size before each read would cost more than the
-//   read. Errors: FileException when there are too many windows.
+//   read.
+// Errors: FileException when there are too many windows.
 #pragma once
 
 #include "pallo/types.h"

@@ -3,9 +3,11 @@
 // handle.
 //
 // Invariants: asleepIs(true) before the last look at the table: then whoever changes it afterwards wakes this
-//   watcher. Ownership: owns its files in the side directory, which go with it. Threading: one thread. Cost:
-//   asleep, nothing; awake, the writer sends nothing. Errors: FileException when the side directory cannot be
-//   used.
+//   watcher.
+// Ownership: owns its files in the side directory, which go with it.
+// Threading: one thread.
+// Cost: asleep, nothing; awake, the writer sends nothing.
+// Errors: FileException when the side directory cannot be used.
 #pragma once
 
 #include <memory>

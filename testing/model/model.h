@@ -10,10 +10,10 @@
 // cleanup), the model is told the choice and checks that it was a legal one.
 //
 // Invariants: after each hardware call no two programmed records share a position, and in each group
-// priorities do not
-//   decrease along the precedence order; after each step no two records wait for one position.
-// Errors: Illegal, when a choice was not legal or an invariant breaks; Fatal, when the engine's process
-// would end.
+//   priorities do not decrease along the precedence order; after each step no two records wait for one
+//   position.
+// Errors: Illegal, when a choice was not legal or an invariant breaks; Fatal, when the engine's process would
+//   end.
 #pragma once
 
 #include <map>
