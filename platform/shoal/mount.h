@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // A table file mounted read-only: the view, and what keeps its watcher informed.
 //
-// Invariants: a key that was told of (announced, or met in a walk) and is gone is told of again, whatever was
-//   missed in between. A file that was replaced by another is followed.
+// Invariants: a key that was told of (announced, met in a walk, or found by a look-up) and is gone is told of
+//   again, whatever was missed in between. A file that was replaced by another is followed.
 // Ownership: owns view and watch.
 // Threading: one thread.
 // Cost: nothing while nothing changes. Watched, eight bytes and a little a key; falling behind costs one
@@ -44,7 +44,7 @@ class VANTREL_API Mount {
   int fd();
   // Handles what made the descriptor readable, a slice at a time.
   void dispatch();
-  // A watcher's walk met this key.
+  // A watcher's walk or look-up met this key: it may have come back since its removal was told of.
   void toldOf(U64 key);
   // The file was cut short; true when it has its length again and was mapped anew.
   bool mend();

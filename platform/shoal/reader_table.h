@@ -50,12 +50,9 @@ class ReaderTable : public Table<R>, private Mount::Sink {
   }
 
   R entry(Key const& key) const override {
-    try {
-      return validated(key);
-    } catch (Pallo::CorruptionDetectedException const&) {
-      if (!mount_.mend()) throw;
-    }
-    return validated(key);
+    R record = mended(key);
+    if (!this->notifieeList().empty() && !(record == Traits::empty())) mount_.toldOf(key.value());
+    return record;
   }
   std::optional<Place> first() const override { return walk(0); }
   std::optional<Place> next(Place const& place) const override { return walk(place.hint); }
@@ -71,6 +68,14 @@ class ReaderTable : public Table<R>, private Mount::Sink {
   }
 
  private:
+  R mended(Key const& key) const {
+    try {
+      return validated(key);
+    } catch (Pallo::CorruptionDetectedException const&) {
+      if (!mount_.mend()) throw;
+    }
+    return validated(key);
+  }
   R validated(Key const& key) const {
     if (!validator_) return recordOf<R>(mount_.view(), key);
     try {

@@ -58,6 +58,38 @@ TEST(Notification, AKeyMetByAWalkAloneIsMissedWhenItVanishes) {
   EXPECT_TRUE(w.watcher.seen.empty());
 }
 
+// Someone who writes just before and just after the look-up that a notification causes.
+class Meddled : public Watcher {
+ public:
+  std::function<void()> before;
+  std::function<void()> after;
+  void onEntry(EntryKey const& key) override {
+    if (auto const once = std::exchange(before, nullptr)) once();
+    Watcher::onEntry(key);
+    if (auto const once = std::exchange(after, nullptr)) once();
+  }
+};
+
+TEST(Notification, AKeyThatCameBackWhileItsRemovalWasToldIsMissedWhenItVanishes) {
+  Directory dir;
+  Writer writer(dir / "t", {.ringEntries = 16});
+  auto const reader = Ostra::make<Reader>(dir / "t");
+  Meddled watcher;
+  watcher.notifierIs(Ostra::Ptr<Shoal::Table<Config> const>(reader.get()));
+  watcher.hasNotificationActiveIs(true);
+  writer.entryIs(record(1, 1));
+  settle(*reader, 10);
+  writer.entryDel(EntryKey(1));
+  watcher.before = [&] { writer.entryIs(record(1, 2)); };
+  watcher.after = [&] {
+    EXPECT_TRUE(watcher.seen.contains(1));
+    writer.entryDel(EntryKey(1));
+    for (U64 i = 0; i < 40; ++i) writer.entryIs(record(2, 3 + i));
+  };
+  settle(*reader, 10);
+  EXPECT_EQ(watcher.seen, contents(*reader));
+}
+
 TEST(Notification, NothingIsSentWhileTheReaderIsAwake) {
   Directory dir;
   Writer writer(dir / "t");
