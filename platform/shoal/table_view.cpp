@@ -78,9 +78,10 @@ void TableView::checkHeader() {
   if (!inUse || *inUse > windowBytes / chunkBytes)
     throw FileException(Reason::damaged,
                         fmt::format("{}: the header is damaged, its number of chunks", path));
-  if (chunkOffset(*inUse) > bytes)
+  // The writer may have grown the file meanwhile: it lengthens it before it counts the chunk.
+  if (U64 const now = mapping_->fileBytes(); chunkOffset(*inUse) > now)
     throw FileException(Reason::truncated,
-                        fmt::format("{} is cut short: {} bytes of {}", path, bytes, chunkOffset(*inUse)));
+                        fmt::format("{} is cut short: {} bytes of {}", path, now, chunkOffset(*inUse)));
   if (chunkOffset(*inUse) > mapping_->window())
     throw FileException(
         Reason::notAllowed,

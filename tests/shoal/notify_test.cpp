@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <random>
+#include <thread>
 
 #include "fixture.h"
 #include "shoal/file_wait.h"
@@ -120,14 +122,19 @@ TEST(Notification, EachWatcherHasItsOwnPace) {
 pid_t startReader(std::string const& path, U64 expected, unsigned pause) {
   pid_t const child = fork();
   if (child != 0) return child;
-  Watched w(path);
-  while (!w.watcher.seen.contains(expected)) {
-    if (!readable(w.reader->fd(), 20000)) _exit(2);
-    w.reader->dispatch();
-    usleep(pause);
+  try {
+    Watched w(path);
+    while (!w.watcher.seen.contains(expected)) {
+      if (!readable(w.reader->fd(), 20000)) _exit(2);
+      w.reader->dispatch();
+      usleep(pause);
+    }
+    settle(*w.reader, 50);
+    _exit(w.watcher.seen == contents(*w.reader) ? 0 : 1);
+  } catch (std::exception const& error) {
+    fprintf(stderr, "reader: %s\n", error.what());
+    _exit(3);
   }
-  settle(*w.reader, 50);
-  _exit(w.watcher.seen == contents(*w.reader) ? 0 : 1);
 }
 
 int statusOf(pid_t child) {
@@ -153,6 +160,24 @@ TEST(Notification, ASlowReaderEndsWithTheFinalState) {
   churn(writer, 200000);
   writer.entryIs(record(lastKey, 1));
   EXPECT_EQ(statusOf(reader), 0);
+}
+
+// A file that grows between a reader's two looks at it is not cut short.
+TEST(Notification, AReaderMayComeWhileTheFileGrows) {
+  Directory dir;
+  Writer writer(dir / "t");
+  std::atomic<bool> done = false;
+  std::thread growing([&] {
+    for (U64 key = 1; key <= 60000; ++key) writer.entryIs(record(key, 1));
+    done = true;
+  });
+  U64 mounts = 0;
+  do {
+    EXPECT_NO_THROW(Ostra::make<Reader>(dir / "t"));
+    ++mounts;
+  } while (!done);
+  growing.join();
+  EXPECT_GT(mounts, 1U);
 }
 
 TEST(Notification, AStoppedReaderCostsTheWriterNothingAndLosesNothing) {
