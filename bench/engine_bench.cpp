@@ -2,6 +2,7 @@
 // What one key costs: from the table's notification to the hardware client's call, in one process.
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <cstdlib>
 
 #include "hw/simulated_tcam.h"
@@ -42,14 +43,14 @@ Ostra::Ptr<VantrelHelper> checkingHardware(U32 entries) {
 template <auto makeHardware>
 void add(benchmark::State& state) {
   auto const entries = static_cast<U32>(state.range(0));
+  double seconds = 0;
   for (auto _ : state) {
     World world(makeHardware(entries));
+    auto const begin = std::chrono::steady_clock::now();
     for (U32 k = 0; k < entries; ++k) world.want(k, 0);
-    state.PauseTiming();  // the world's end is not an add
-    { World const gone = std::move(world); }
-    state.ResumeTiming();
+    seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
   }
-  state.SetItemsProcessed(state.iterations() * entries);
+  state.counters["ns"] = seconds * 1e9 / (static_cast<double>(state.iterations()) * entries);
 }
 
 template <auto makeHardware>
@@ -62,13 +63,12 @@ void move(benchmark::State& state) {
     world.want(k, aside);
     if (++k == entries) k = 0, aside = 1 - aside;
   }
-  state.SetItemsProcessed(state.iterations());
 }
 
-BENCHMARK(add<noHardware>)->Name("add, no hardware")->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
-BENCHMARK(add<checkingHardware>)->Name("add, checked")->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
-BENCHMARK(move<noHardware>)->Name("move, no hardware")->Arg(1000)->Arg(100000);
-BENCHMARK(move<checkingHardware>)->Name("move, checked")->Arg(1000)->Arg(100000);
+BENCHMARK(add<noHardware>)->Name("add, no hardware/ours")->Arg(1000)->Arg(100000);
+BENCHMARK(add<checkingHardware>)->Name("add, checked/ours")->Arg(1000)->Arg(100000);
+BENCHMARK(move<noHardware>)->Name("move, no hardware/ours")->Arg(1000)->Arg(100000);
+BENCHMARK(move<checkingHardware>)->Name("move, checked/ours")->Arg(1000)->Arg(100000);
 
 // The engine's trace would be measured along.
 [[maybe_unused]] int const quiet = setenv("LUMELOG_DISABLE", "1", 1);
