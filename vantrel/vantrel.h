@@ -13,6 +13,8 @@
 #include "ostra/exception.h"
 #include "pallo/exception.h"
 #include "shoal/local_table.h"
+#include "shoal/reader_table.h"
+#include "shoal/writer_table.h"
 #include "vantrel/core/tables.h"
 #include "vantrel/engine/debug_entities.h"
 #include "vantrel/engine/vantrel_helper.h"

@@ -131,6 +131,16 @@ TEST_F(TraceFile, ThatCannotBeOpenedIsSaidOnce) {
             "it\n");
 }
 
+TEST_F(TraceFile, LeavesTheHookThatWasThereBeforeInPlace) {
+  EXPECT_EQ(inChild([] {
+              Pallo::assertionHookIs([](Pallo::AssertionFailure const&) { _exit(42); });
+              initLg();
+              PALLO_ASSERT("VantrelImpl", false);
+            }),
+            42);
+  EXPECT_THAT(messages(perProcess()), testing::SizeIs(1));
+}
+
 TEST_F(TraceFile, EndsWithTheAssertionThatEndedTheProcess) {
   EXPECT_EQ(inChild([] {
               initLg();

@@ -3,9 +3,10 @@
 // EntryConfig, EntryStatus. Plain values without pointers or heap storage.
 //
 // Invariants: an array's elements beyond its count have no value and are never compared, copied or shown.
+// Ownership: none: a record is copied across every border.
+// Cost: a copy touches the elements that count, not the capacity.
 // Errors: RangeException for an index out of range, InvalidSizeException for an array of more than its
 //   capacity.
-// Cost: a copy touches the elements that count, not the capacity.
 #pragma once
 
 #include <compare>

@@ -6,6 +6,12 @@
 //   32 tableIndex 17 x 4 | 100 data count 4 | 104 data 64 x 8
 // Bit 0 of flags is the delete marker; the other bits are zero. Elements beyond a count are zero.
 // Image of an EntryStatus, 16 bytes: 0 key 8 | 8 opId 8.
+//
+// Invariants: decode(encode(r)) == r, and equal records have equal images.
+// Threading: none of its own; a table belongs to its thread.
+// Cost: what is copied is what counts, not the capacity of the arrays; an image is zero beyond.
+// Errors: Pallo::InvalidSizeException from decode() for a count beyond its array. readEntry() reports damage
+//   to the table and throws nothing for it.
 #pragma once
 
 #include <string_view>

@@ -16,17 +16,15 @@ constinit Ostra::TraceHandle fastImplTrace("VantrelFastImpl");
 
 namespace {
 
-Pallo::AssertionHook previousHook = nullptr;
-
-// Level 0: nothing else ever pushes it out of the ring. The whole text, which a string value would cut.
 Pallo::AssertionHook agentsHook = nullptr;  // the one that was there before
 
+// Level 0: nothing else ever pushes it out of the ring. The whole text, which a string value would cut.
 void recordAssertion(Pallo::AssertionFailure const& failure) {
   if (lg)
     lg->recordText(0, failure.model, failure.line, 0,
                    fmt::format("assertion failed: {}, model file {}, line {}, function {}",
                                failure.expression, failure.model, failure.line, failure.function));
-  if (previousHook) previousHook(failure);
+  if (agentsHook) agentsHook(failure);
 }
 
 }  // namespace

@@ -1,6 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Clean-up: when an engine goes, everything it programmed or acknowledged is withdrawn. Deletes queue their
 // waiters as always, but nothing runs the queue any more.
+//
+//   keyToHandle: 7 -> 70, 9 -> 90     programmed: | 9 |   | 7 |     9 waited for nothing, 7 claims position 0
+//   delete 9, its status              programmed: |   |   | 7 |     7 is queued, and stays where it is
+//   delete 7, its status; flush       programmed: |   |   |   |
+//
+// It does not touch the configuration table, nor a key that has no handle.
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
 

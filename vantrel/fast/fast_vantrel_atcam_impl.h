@@ -2,6 +2,13 @@
 // FastVantrelAtcamImpl: the engine for algorithmic TCAMs, whose table index interleaves partitions: with M
 // partitions, ti = offset * M + partition. A partition is a priority group; precedence is partition first,
 // offset second.
+//
+//   two partitions, four offsets, ti in the boxes:
+//     partition 0  | 0 | 2 | 4 | 6 |     pti = partition << prioGrpShift | offset
+//     partition 1  | 1 | 3 | 5 | 7 |
+//
+// Invariants, Ownership, Threading, Cost, Errors: those of FastVantrelImpl. The clean-up runs in this class's
+//   destructor, and only there.
 #pragma once
 
 #include "vantrel/fast/fast_vantrel_impl.h"

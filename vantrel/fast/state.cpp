@@ -3,6 +3,11 @@
 //
 // The pool grows by blocks of 2, 6, 18, ... records until 131072 a step. Blocks are never returned: a
 // record's address stays good for the life of the process.
+//
+//   blocks: [ a b ] [ c d e f g h ]      clen = 9: eight records made, plus one
+//   cfree:  h g f | ...                  cread = 3: the next three allocations take f, g, h in this order
+//
+// It clears nothing: a record comes back as it was left, and whoever takes it fills every field.
 #include "vantrel/fast/state.h"
 
 #include <algorithm>

@@ -103,10 +103,10 @@ class VANTREL_API FastState {
   U32 lgId_ = 0;
 };
 
-// The pool's figures: records free, and records ever made plus one.
+// The pool's figures.
 struct CStatePool {
-  U32 cread;
-  U32 clen;
+  U32 cread;  // records free
+  U32 clen;   // records ever made, plus one
 };
 VANTREL_API CStatePool cstatePool();
 
