@@ -32,12 +32,12 @@ check: configured ## every test: under the sanitizers first, then optimised
 	$(SAY) "check: every test, optimised"
 	@ctest --preset release -j $(JOBS)
 
-bench: ## a table of measurements a group; BENCH_ARGS=--json for one JSON document
+bench: ## a table of measurements a group; JSON=1 for one JSON document
 	@echo "==> bench: optimised build in build/" >&2
 	@scripts/bootstrap build bench >&2
 	@$(call configure,release)
 	@$(call compile,release) --target benches >&2
-	@scripts/bench $(BENCH_ARGS)
+	@scripts/bench $(if $(JSON),--json) $(BENCH_ARGS)
 
 fuzz: ## each fuzz target for FUZZ_SECONDS (60), clang and libFuzzer
 	$(SAY) "fuzz: clang build in build-fuzz/"
