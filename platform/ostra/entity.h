@@ -76,8 +76,9 @@ class VANTREL_API Entity : public Described {
     tellMember(name, key, handler);
     return value;
   }
-  // One by one, so that each removal is told. The keys are copied first: a watcher may change the collection,
-  // and some hash maps look for their first member from the beginning each time.
+  // One by one, so that each removal is told; at once, when there is nobody to tell. The keys are copied
+  // first: a watcher may change the collection, and some hash maps look for their first member from the
+  // beginning each time.
   template <class Collection, class Handler>
   void membersDelAll(std::string_view name, Collection& collection, Handler handler) {
     std::vector<typename Collection::key_type> keys;
@@ -85,11 +86,15 @@ class VANTREL_API Entity : public Described {
       keys.clear();
       keys.reserve(collection.size());
       for (auto const& member : collection) keys.push_back(member.first);
-      for (auto const& key : keys) memberDel(name, collection, key, handler);
+      for (auto const& key : keys) {
+        if (unwatched()) return collection.clear();
+        memberDel(name, collection, key, handler);
+      }
     }
   }
 
  private:
+  bool unwatched() const { return notifiees_.empty() && attributeWatchers_.empty(); }
   template <class Handler>
   void tell(Notifier& watchers, std::string_view name, Handler handler);
   template <class K, class Handler>
@@ -131,7 +136,7 @@ void Entity::tell(Notifier& watchers, std::string_view name, Handler handler) {
 
 template <class K, class Handler>
 void Entity::tellMember(std::string_view name, K const& key, Handler handler) {
-  if (notifiees_.empty() && attributeWatchers_.empty()) return;
+  if (unwatched()) return;
   auto const keep = keepAlive(this);
   K const told = key;  // the member may go while it is told
   if (!attributeWatchers_.empty())

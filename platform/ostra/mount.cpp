@@ -108,7 +108,8 @@ void Mounted::event(Json const& line) {
   std::string const attribute = line.at("attribute").get<std::string>();
   if (event == "set" && line.contains("members")) return setMembers(attribute, line["members"]);
   if (event == "set") {
-    sweep();  // the first scalar of a snapshot comes behind the last member
+    // It says that the snapshot's members are complete, and its watchers must see what is gone as gone.
+    if (object_->typeInfo().at(attribute).toldLast) sweep();
     return setScalar(attribute, valueFrom(line.at("value")));
   }
   if (event == "del") return delMembers(attribute, line.at("keys"));

@@ -13,9 +13,10 @@
 //
 //   loop.onReadable(agent.fd(), [&] { agent.dispatch(); });  // or, in an event loop
 //
-// Invariants: what the agent writes last (the version of DebugStatus) arrives last. While the agent is away
-//   the objects keep their values; when it is back they are compared with a fresh snapshot, and watchers hear
-//   what differs. What is set here before the object is live is not sent: the agent's snapshot replaces it.
+// Invariants: what its type wants told last (the version of DebugStatus) arrives behind everything that was
+//   written before it; other scalars may overtake members. While the agent is away the objects keep their
+//   values; when it is back they are compared with a fresh snapshot, and watchers hear what differs. What is
+//   set here before the object is live is not sent: the agent's snapshot replaces it.
 // Ownership: holds a reference to each mounted object. Not to be destroyed from inside a notification.
 // Threading: the thread that calls dispatch(). A handler may mount and unmount.
 // Cost: one dispatch() reads at most 64 KB.

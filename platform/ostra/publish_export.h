@@ -7,11 +7,13 @@
 //                     ^ Cursor A            ^ Cursor B      and k4 at 17 is passed over: 19 tells it
 //
 // A cursor walks the collections (the snapshot), then follows the log from where it stood when the walk
-// began, and reads each value when it is told: the newest value once. Scalars are told when the cursor has
-// told everything else, so a version that is written last is told last. A cursor that the log left behind
-// begins again with a fresh snapshot.
+// began, and reads each value when it is told: the newest value once. A cursor that the log left behind
+// begins again with a fresh snapshot; one that is still walking walks to the end first, so that every member
+// is told now and then however fast they change. Scalars are not in the log: they are told at once, except
+// those that their type wants told last, which wait until the cursor has told everything else.
 //
-// Invariants: the log holds at most `longestLog` changes; the object is watched only while a cursor follows.
+// Invariants: the log holds at most 16384 changes, or where the object has many members an eighth as many
+//   changes as members, up to 65536; the object is watched only while a cursor follows.
 // Ownership: holds a reference to the object; cursors belong to the peers and leave before they go.
 // Threading: the agent's event loop.
 // Cost: a change costs one hash-map step however many watch; a change that nobody follows costs what an
@@ -34,11 +36,15 @@ class Export final : private AttributeWatcher {
   struct Cursor {
     enum class Stage { Begin, Walk, Follow };
     Stage stage = Stage::Begin;
-    std::size_t attribute = 0;     // Walk: which one
-    MemberCursor member;           // Walk: where in it
-    U64 position = 0;              // the next change to tell
-    std::vector<std::size_t> due;  // scalars to tell when everything else is told, last changed last
-    bool live = false;             // was told that its snapshot is complete
+    std::size_t attribute = 0;  // Walk: which one
+    MemberCursor member;        // Walk: where in it
+    U64 members = 0;            // Walk: told so far
+    bool behind = false;        // Walk: the log no longer reaches back to its beginning
+    U64 position = 0;           // the next change to tell
+    U64 lapEnd = 0;             // a change that comes again before this may be passed over
+    U64 toldAtOnce = 0;         // the newest change of a scalar that was told, of those told at once
+    U64 toldLast = 0;           // the same of those told last
+    bool live = false;          // was told that its snapshot is complete
   };
 
   // `wake` is called when there is something new to tell.
@@ -58,7 +64,7 @@ class Export final : private AttributeWatcher {
  private:
   struct Change {
     std::size_t attribute;
-    Value key;  // nothing: a scalar
+    Value key;
     bool operator==(Change const&) const = default;
   };
   struct ChangeHash {
@@ -68,15 +74,20 @@ class Export final : private AttributeWatcher {
   void onAttribute(std::string_view name) override { changed(name, Value()); }
   void onMember(std::string_view name, Value const& key) override { changed(name, key); }
   void changed(std::string_view name, Value const& key);
+  void scalarChanged(std::size_t attribute);
+  void memberChanged(Change change);
   void makeRoom();
   void trim();
+  void leftBehind(Cursor& cursor);
 
   void begin(Cursor& cursor, std::string& out);
   void walk(Cursor& cursor, std::string& out, std::size_t upTo);
+  void walked(Cursor& cursor);
   void slice(Cursor& cursor, Members& members);
   void follow(Cursor& cursor, std::string& out, std::size_t upTo);
-  void tellScalars(Cursor& cursor, std::string& out);
+  void tellScalars(bool last, U64& told, std::string& out);
   void tellRun(Cursor& cursor, std::string& out);
+  bool comesAgain(Cursor const& cursor, Change const& change) const;
   void event(std::string& out, std::string_view event, std::size_t attribute) const;
   void tellMembers(std::string& out, std::size_t attribute, Members const& members) const;
   void tellGone(std::string& out, std::size_t attribute, std::vector<Value> const& keys) const;
@@ -91,11 +102,15 @@ class Export final : private AttributeWatcher {
   std::string quotedName_;
 
   std::vector<Cursor*> followers_;  // cursors beyond Begin
+  std::size_t needing_ = 0;         // followers that are not behind
+  std::size_t longestLog_;
   std::deque<Change> log_;
   U64 base_ = 0;                                        // the number of log_'s first change
   U64 consumed_ = 0;                                    // no cursor is beyond this
   std::unordered_map<Change, U64, ChangeHash> latest_;  // each change's last number
   U64 changes_ = 0;                                     // all there were while a cursor followed, told or not
+  std::vector<U64> scalarChanges_;                      // each scalar's last change, by attribute
+  U64 newestAtOnce_ = 0, newestLast_ = 0;               // the last of all those, by when they are told
 
   // The keys that a walk had to copy serve every walk that begins before the next change.
   struct SharedKeys {

@@ -139,6 +139,7 @@ struct Attribute {
   std::function<void(PtrInterface&, std::vector<Value> const&)> invoke;
   // Why outsiders may not write it now (empty text: they may). The process itself may always.
   std::function<std::string(PtrInterface const&)> refusal;
+  bool toldLast = false;  // a scalar: other processes hear of it behind everything that changed before it
 };
 
 class VANTREL_API TypeInfo {
@@ -368,6 +369,12 @@ class TypeInfo::Builder {
   // Outsiders may not write the attribute declared last while `why` gives a reason.
   Builder& refusedBecause(std::string (*why)(C const&)) {
     info_.own_.back().refusal = [why](PtrInterface const& o) { return why(static_cast<C const&>(o)); };
+    return *this;
+  }
+  // The scalar declared last says that what was written before it is complete: other processes hear of it
+  // when they have heard everything else. Other scalars wait for nothing.
+  Builder& toldLast() {
+    info_.own_.back().toldLast = true;
     return *this;
   }
 

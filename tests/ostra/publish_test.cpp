@@ -160,27 +160,29 @@ TEST_F(PublishTest, AMountIsASnapshotThenEachChange) {
       peer.take(),
       ElementsAre(R"({"answer":"mount","entity":"sample","type":"OstraTest::Sample","tag":1})",
                   R"({"event":"snapshot","entity":"sample"})",
-                  R"({"event":"set","entity":"sample","attribute":"ordered","members":[[3,"three"]]})",
                   R"({"event":"set","entity":"sample","attribute":"level","value":1})",
                   R"({"event":"set","entity":"sample","attribute":"title","value":""})",
                   R"({"event":"set","entity":"sample","attribute":"ratio","value":0.0})",
                   R"({"event":"set","entity":"sample","attribute":"locked","value":false})",
                   R"({"event":"set","entity":"sample","attribute":"fixed","value":7})",
+                  R"({"event":"set","entity":"sample","attribute":"ordered","members":[[3,"three"]]})",
                   R"({"event":"set","entity":"sample","attribute":"version","value":8})",
                   R"({"event":"live","entity":"sample"})"));
   sample_->versionIs(9);
   sample_->orderedIs(4, "four");
   sample_->orderedDel(3);
+  sample_->levelIs(2);
   sample_->orderedIs(5, "five");
   settle();
   peer.read();
   EXPECT_THAT(
       peer.take(),
       ElementsAre(
+          R"({"event":"set","entity":"sample","attribute":"level","value":2})",
           R"({"event":"set","entity":"sample","attribute":"ordered","members":[[4,"four"],[5,"five"]]})",
           R"({"event":"del","entity":"sample","attribute":"ordered","keys":[3]})",
           R"({"event":"set","entity":"sample","attribute":"version","value":9})"))
-      << "scalars come when everything else is told";
+      << "a scalar that is told last comes when everything else is told";
   EXPECT_EQ(R"({"answer":"unmount","entity":"sample"})",
             ask(peer, R"({"verb":"unmount","entity":"sample"})"));
   EXPECT_TRUE(sample_->attributeWatchers().empty()) << "nobody watches any more";
@@ -405,6 +407,88 @@ TEST_F(PublishTest, AWatcherThatFellFarBehindGetsAFreshSnapshot) {
   EXPECT_TRUE(picture.live);
   EXPECT_EQ(20000u, picture.collections["hashed"].size());
   EXPECT_EQ(2, picture.collections["hashed"][39999]);
+}
+
+// Reads no more than it is told to between two turns.
+class SlowReader {
+ public:
+  explicit SlowReader(std::string const& path) : peer_(path) {
+    peer_.write("{\"verb\":\"mount\",\"entity\":\"sample\"}\n");
+  }
+  void read(std::size_t atMost) {
+    peer_.read(atMost);
+    for (std::string const& line : peer_.take()) picture.take(line);
+  }
+  Picture picture;
+
+ private:
+  RawPeer peer_;
+};
+
+TEST_F(PublishTest, WhereMembersChangeFasterThanTheyAreReadScalarsAndEveryMemberAreToldAllTheSame) {
+  constexpr U64 members = 40000;
+  for (U64 k = 0; k < members; ++k) sample_->hashedIs(k, 0);
+  SlowReader slow(path_);
+  U64 level = 0, levels = 0;
+  for (U64 round = 1; round <= 200; ++round) {
+    for (U64 n = 0; n < 20000; ++n) sample_->hashedIs((round * 20000 + n) % members, round);
+    sample_->levelIs(static_cast<U8>(round));
+    pump(4);
+    slow.read(32768);
+    slow.read(32768);
+    EXPECT_FALSE(slow.picture.live) << "it never comes to the end of the changes";
+    if (!slow.picture.scalars.contains("level") || slow.picture.scalars["level"] == level) continue;
+    level = slow.picture.scalars["level"].get<U64>();
+    ++levels;
+  }
+  EXPECT_GT(levels, 50u);
+  EXPECT_GT(slow.picture.snapshots, 2);
+  U64 newest = 0;
+  for (auto const& [k, value] : slow.picture.collections["hashed"])
+    newest = std::max(newest, value.get<U64>());
+  EXPECT_GT(newest, 150u);
+  EXPECT_EQ(members, slow.picture.told["hashed"].size());
+  EXPECT_FALSE(slow.picture.scalars.contains("version")) << "nothing was complete";
+}
+
+TEST_F(PublishTest, AMemberThatChangesAllTheTimeIsToldToASlowReaderToo) {
+  SlowReader slow(path_);
+  RawPeer quick(path_);
+  ask(quick, R"({"verb":"mount","entity":"sample"})");
+  for (U64 round = 1; round <= 3000; ++round) {
+    sample_->orderedIs(7, std::string(100, 'x') + std::to_string(round));
+    for (U64 n = 0; n < 60; ++n) sample_->hashedIs((round * 60 + n) % 9000, round);
+    pump(2);
+    quick.read();
+    quick.take();
+    slow.read(300);
+  }
+  U64 const hot = slow.picture.told["ordered"][7];
+  EXPECT_GT(hot, 2u);
+  EXPECT_LT(hot, 2500u) << "never every step";
+}
+
+TEST_F(PublishTest, AVersionIsToldBehindASnapshotThatHadToBeginAgain) {
+  for (U64 k = 0; k < 30000; ++k) sample_->hashedIs(k, 0);
+  SlowReader slow(path_);
+  for (U64 round = 1; round <= 40; ++round) {
+    for (U64 k = 0; k < 30000; k += 2) sample_->hashedIs(k, round);
+    for (U64 k = 1; k < 30000; k += 2) sample_->hashedDel(k + 1000 * round % 30000);
+    sample_->versionIs(static_cast<U32>(round));
+    for (int n = 0; n < 4; ++n) {
+      publisher_->dispatch();
+      slow.read(2048);
+      EXPECT_FALSE(slow.picture.scalars.contains("version")) << "nothing is complete yet";
+    }
+  }
+  for (int n = 0; n < 100000 && !slow.picture.live; ++n) {
+    publisher_->dispatch();
+    slow.read(32768);
+  }
+  EXPECT_EQ(40, slow.picture.scalars.at("version"));
+  EXPECT_GT(slow.picture.snapshots, 1);
+  ASSERT_EQ(sample_->hashed().size(), slow.picture.collections["hashed"].size());
+  for (auto const& [k, v] : sample_->hashed()) ASSERT_EQ(v, slow.picture.collections["hashed"][k].get<U64>());
 }
 
 TEST_F(PublishTest, ARemountGivesAFreshSnapshot) {

@@ -77,7 +77,8 @@ class Sample : public Ostra::Entity {
             .collection("flat", &S::flat, &S::flatIs, &S::flatDel)
             .operation("add", &S::add)
             .operation("fail", &S::fail)
-            .attribute("version", &S::version, &S::versionIs);
+            .attribute("version", &S::version, &S::versionIs)
+            .toldLast();
     return type;
   }
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Debug requests: the engine's claims and programmed positions, copied into DebugStatus. The version is
 // written last, so that who sees it match sees a complete snapshot.
+#include <array>
+
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -24,11 +26,20 @@ void showClaims(FastState const& state, DebugStatus& answer) {
   }
 }
 
+void show(CState_s const& c, DebugStatus& answer) {
+  if (!c.programmed()) return;
+  answer.statusIs(c.sti, c.key);
+  answer.statusOpIdIs(c.key, c.opId);
+}
+
+// The records lie all over the memory: the next ones are fetched while the ones before them are shown.
 void showProgrammed(FastState const& state, DebugStatus& answer) {
-  for (auto const& [key, c] : state.cstate) {
-    if (!c->programmed()) continue;
-    answer.statusIs(c->sti, key);
-    answer.statusOpIdIs(key, c->opId);
+  std::array<CState_s const*, 32> fetched;
+  for (auto at = state.cstate.begin(); at != state.cstate.end();) {
+    std::size_t n = 0;
+    for (; n < fetched.size() && at != state.cstate.end(); ++n, ++at)
+      __builtin_prefetch(fetched[n] = at->second);
+    for (std::size_t i = 0; i < n; ++i) show(*fetched[i], answer);
   }
 }
 
@@ -44,6 +55,7 @@ void FastVantrelImpl::handleDebug() {
   DebugStatus& answer = *debugStatus();
   empty(answer);
   if (requested != 0) {
+    answer.roomIs(state()->pending.count(), state()->cstate.size());
     showClaims(*state(), answer);
     showProgrammed(*state(), answer);
   }

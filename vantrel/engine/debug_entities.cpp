@@ -28,7 +28,8 @@ Ostra::TypeInfo const& DebugStatus::staticType() {
           .collection("statusOpId", &D::statusOpId, &D::statusOpIdIs, &D::statusOpIdDel)
           .refusedBecause(&engineWrites)
           .attribute("version", &D::version, &D::versionIs)
-          .refusedBecause(&engineWrites);
+          .refusedBecause(&engineWrites)
+          .toldLast();
   return type;
 }
 

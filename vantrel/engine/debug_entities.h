@@ -5,9 +5,13 @@
 //   snapshot.
 // Ownership: the agent's; engine and front end hold references.
 // Threading: the agent's event loop.
+// Cost: a change is a hash-map step, and what its watchers make of it.
+// Errors: a value of the wrong type, or a write from outside to what the engine writes, is refused by name
+//   (ostra/type_info.h).
 #pragma once
 
 #include <boost/unordered_map.hpp>
+#include <cstddef>
 #include <string>
 
 #include "ostra/entity.h"
@@ -85,6 +89,14 @@ class VANTREL_API DebugStatus : public Ostra::Entity {
     return memberDel("statusOpId", statusOpId_, key, &Notifiee::onStatusOpId);
   }
   void statusOpIdDelAll() { membersDelAll("statusOpId", statusOpId_, &Notifiee::onStatusOpId); }
+
+  // Room for so many members, so that filling does not stop to grow.
+  void roomIs(std::size_t waiting, std::size_t programmed) {
+    pending_.reserve(waiting);
+    pendingOpId_.reserve(waiting);
+    status_.reserve(programmed);
+    statusOpId_.reserve(programmed);
+  }
 
   // The DebugConfig version that the collections answer.
   U32 version() const { return version_; }
