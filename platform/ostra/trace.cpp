@@ -39,7 +39,8 @@ void TraceHandle::levelIs(int level) {
 }
 
 void TraceHandle::writeLine(int level, std::string const& line) const {
-  TraceManager::instance().logger_->log(spdlog::level::info, "{}/{} {}", name_, level, line);
+  TraceManager const& manager = TraceManager::instance();
+  (manager.file_ ? manager.file_ : manager.logger_)->log(spdlog::level::info, "{}/{} {}", name_, level, line);
 }
 
 TraceManager& TraceManager::instance() {
@@ -58,6 +59,7 @@ void TraceManager::readEnvironment() {
 
 void TraceManager::settingsAre(std::string_view settings) {
   parts_.clear();
+  file_.reset();
   while (!settings.empty()) {
     std::size_t const end = std::min(settings.find_first_of(",; \t\n"), settings.size());
     if (end > 0) readPart(settings.substr(0, end));
@@ -83,7 +85,7 @@ void TraceManager::readPart(std::string_view part) {
 
 void TraceManager::readFile(std::string const& path) {
   try {
-    fileIs(path);
+    file_ = makeLogger(std::make_shared<spdlog::sinks::basic_file_sink_st>(path));
   } catch (spdlog::spdlog_ex const& e) {
     fmt::print(stderr, "TRACE: cannot write to \"{}\": {}\n", path, e.what());
   }
@@ -98,10 +100,6 @@ int TraceManager::levelOf(std::string_view name) const {
 
 void TraceManager::loggerIs(std::shared_ptr<spdlog::logger> logger) {
   logger_ = logger ? std::move(logger) : makeLogger(std::make_shared<spdlog::sinks::stderr_sink_st>());
-}
-
-void TraceManager::fileIs(std::string const& path) {
-  loggerIs(makeLogger(std::make_shared<spdlog::sinks::basic_file_sink_st>(path)));
 }
 
 }  // namespace Ostra

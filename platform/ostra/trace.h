@@ -6,7 +6,8 @@
 // is a list of parts, separated by commas, semicolons or blanks. NAME/LEVEL gives the handle of that name a
 // level; a * at the end of NAME matches any rest, so that */3 is everybody. Of several matching parts the
 // last one counts; handles that none matches are at level 0. >FILE appends the lines to a file instead of
-// stderr. A part that cannot be read is named on stderr and the others apply.
+// stderr, until a text without it is applied. A part that cannot be read is named on stderr and the others
+// apply.
 //
 // A message of level n is written when the handle's level is at least n, as one line: the time, the handle's
 // name and the message's level, then the values one behind the other.
@@ -15,7 +16,7 @@
 // Ownership: handles are globals or belong to whoever made them; the manager lives to the end of the process.
 // Threading: the agent's thread.
 // Cost: a level that is off is one load and one predictable branch; the arguments are not evaluated.
-// Errors: a file that cannot be opened is said on stderr and the lines stay where they were.
+// Errors: a file that cannot be opened is said on stderr, and the lines go where they go without one.
 #pragma once
 
 #include <memory>
@@ -86,10 +87,8 @@ class VANTREL_API TraceManager {
   void settingsAre(std::string_view settings);
   std::vector<TraceHandle*> const& handles() const { return handles_; }
 
-  // Where lines go: stderr at first. Null puts stderr back.
+  // Where lines go that the settings send to no file: stderr at first. Null puts stderr back.
   void loggerIs(std::shared_ptr<spdlog::logger> logger);
-  // Lines go to the end of a file. Throws spdlog's exception when it cannot be opened.
-  void fileIs(std::string const& path);
 
  private:
   friend class TraceHandle;
@@ -106,6 +105,7 @@ class VANTREL_API TraceManager {
   std::vector<TraceHandle*> handles_;
   std::vector<Part> parts_;
   std::shared_ptr<spdlog::logger> logger_;
+  std::shared_ptr<spdlog::logger> file_;  // the settings' own; null when they name none
 };
 
 }  // namespace Ostra

@@ -110,17 +110,25 @@ TEST_F(Traces, LinesGoToAFileOnRequest) {
   std::string const path = testing::TempDir() + "trace-" + std::to_string(getpid());
   EXPECT_EQ(said("Global/1 >" + path), "");
   OSTRA_TRACE(global, 1, "to the file");
-  EXPECT_THAT(said(">/dev"), HasSubstr("TRACE: cannot write to \"/dev\": "));
+  EXPECT_EQ(said("Global/2 >" + path), "") << "the same file again, at another level";
+  OSTRA_TRACE(global, 2, "behind it");
   manager_.settingsAre("Global/1");
-  OSTRA_TRACE(global, 1, "still");
+  OSTRA_TRACE(global, 1, "elsewhere");
   std::ifstream in(path);
-  std::string first, second;
+  std::string first, second, third;
   std::getline(in, first);
   std::getline(in, second);
   EXPECT_THAT(first, testing::EndsWith(" Global/1 to the file"));
-  EXPECT_THAT(second, testing::EndsWith(" Global/1 still"));
-  EXPECT_EQ(out_.str(), "");
+  EXPECT_THAT(second, testing::EndsWith(" Global/2 behind it"));
+  EXPECT_FALSE(std::getline(in, third));
+  EXPECT_EQ(out_.str(), "Global/1 elsewhere\n") << "settings that name no file end the former's";
   std::filesystem::remove(path);
+}
+
+TEST_F(Traces, AFileThatCannotBeOpenedIsNamedAndTheRestApplies) {
+  EXPECT_THAT(said("Global/1 >/dev"), HasSubstr("TRACE: cannot write to \"/dev\": "));
+  OSTRA_TRACE(global, 1, "here instead");
+  EXPECT_EQ(out_.str(), "Global/1 here instead\n");
 }
 
 TEST_F(Traces, StderrIsTheDefault) {

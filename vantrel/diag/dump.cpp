@@ -26,28 +26,46 @@ void line(int level, Values const&... values) {
   VANTREL_TRACE(vantrelFastImplTrace(), level, values...);
 }
 
-void describeConfig(std::ostream& out, EntryConfig const& config, OpId& maxOpId) {
+// The highest of the OpIds that an entry's line shows, and of `so`.
+OpId highest(EntryConfig const& config, CState_s const& c, OpId so) {
+  if (!config.empty()) so = std::max(so, config.opId());
+  if (c.programmed()) so = std::max(so, c.opId);
+  if (c.p.ti != noIndex) so = std::max(so, c.p.opId);
+  return so;
+}
+
+void describeConfig(std::ostream& out, EntryConfig const& config) {
   if (config.empty()) {
     out << "->delete";
     return;
   }
   out << "->cti:" << (config.tableIndexs() ? config.tableIndex(TableKey(0)) : 0)
       << " cOpId:" << config.opId();
-  maxOpId = std::max(maxOpId, config.opId());
 }
 
-void describeProgrammed(std::ostream& out, CState_s const& c, OpId& maxOpId) {
-  if (!c.programmed()) return;
-  out << " sti:" << c.sti << " sOpId:" << c.opId;
-  maxOpId = std::max(maxOpId, c.opId);
+void describeProgrammed(std::ostream& out, CState_s const& c) {
+  if (c.programmed()) out << " sti:" << c.sti << " sOpId:" << c.opId;
 }
 
-void describeClaim(std::ostream& out, CState_s const& c, OpId& maxOpId) {
+void describeClaim(std::ostream& out, CState_s const& c) {
   if (c.p.ti == noIndex) return;
   out << " pending:" << c.p.ti << " pOpId:" << c.p.opId;
   if (c.p.type == PendingType::Priority) out << " PRIO";
   if (c.p.type == PendingType::Occupied) out << " OCC";
-  maxOpId = std::max(maxOpId, c.p.opId);
+}
+
+std::string describe(U32 index, EntryConfig const& config, CState_s const& c) {
+  std::ostringstream out;
+  if (index == noIndex)
+    out << "[A]=";
+  else
+    out << "[" << index << "]=";
+  out << c.key.value();
+  describeConfig(out, config);
+  describeProgrammed(out, c);
+  describeClaim(out, c);
+  out << " prio:" << c.prio << " pg:" << c.pg;
+  return out.str();
 }
 
 // One run of dumpState.
@@ -125,17 +143,8 @@ class Dump {
 
 void dumpEntry(U32 index, EntryConfig const& config, CState_s const* c, OpId, OpId& maxOpId) {
   FAST_ASSERT(c);
-  std::ostringstream out;
-  if (index == noIndex)
-    out << "[A]=";
-  else
-    out << "[" << index << "]=";
-  out << c->key.value();
-  describeConfig(out, config, maxOpId);
-  describeProgrammed(out, *c, maxOpId);
-  describeClaim(out, *c, maxOpId);
-  out << " prio:" << c->prio << " pg:" << c->pg;
-  line(9, out.str());
+  maxOpId = highest(config, *c, maxOpId);
+  VANTREL_TRACE(vantrelFastImplTrace(), 9, describe(index, config, *c));
 }
 
 void FastVantrelImpl::dumpState() {
