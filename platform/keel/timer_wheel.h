@@ -7,6 +7,7 @@
 // Ownership: the wheel refers to its notifiees, they own the reference to the wheel.
 // Threading: the agent's event loop, which calls what the concrete wheel offers (TimerfdWheel, VirtualWheel).
 // Cost: logarithmic in the wake-ups armed.
+// Errors: a time that is none, or is past, means now.
 #pragma once
 
 #include <optional>

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // The wheel on the kernel's clock: a file descriptor to poll and a dispatch() to call when it is readable.
 //
+// Invariants: fd() is readable exactly while something is due; at rest it stays silent.
+// Ownership: closes its descriptor; a loop stops polling it before the last reference goes.
 // Threading: the loop that polls fd(). The wheel owns no thread.
 // Cost: one timerfd_settime when the earliest wake-up changes.
+// Errors: std::system_error when the kernel gives no timer.
 #pragma once
 
 #include "keel/timer_wheel.h"
@@ -11,7 +14,6 @@ namespace Keel {
 
 class VANTREL_API TimerfdWheel : public TimerWheel {
  public:
-  // Throws std::system_error when the kernel gives no timer.
   TimerfdWheel();
   ~TimerfdWheel() override;
 

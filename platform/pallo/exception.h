@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The exceptions of the platform's services. None derives from Ostra::InternalException: only that one means
 // "try again later", these mean that a caller or a file is wrong.
+//
+// Invariants: what() is one sentence that names what is wrong.
+// Errors: a front end catches the first of them, while it walks a table; the others are left to the agent.
 #pragma once
 
 #include <stdexcept>

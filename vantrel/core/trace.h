@@ -7,8 +7,12 @@
 // A record starts with the engine's trace identifier, then text and values take turns. Records are dropped
 // while the trace file is not open.
 //
-// Threading: the agent's thread; the trace file belongs to the process.
+// Invariants: the trace file is opened at most once a process, however many engines there are. A failed
+//   assertion is its last record.
+// Ownership: the trace file belongs to the process and stays open to its end.
+// Threading: the agent's thread.
 // Cost: either channel switched off is one predictable branch.
+// Errors: what cannot be opened is said once on stderr; the engine runs on without.
 #pragma once
 
 #include "lumelog/lumelog.h"
@@ -34,8 +38,7 @@ extern VANTREL_API Lumelog::Log* lg;
 
 // Opens the process's trace file "Quarry-mbb" unless it is open or LUMELOG_DISABLE is set. It lies in
 // LUMELOGDIR, else under its per-process name in the directory that the agent gave Lumelog, else in the
-// current one. A file that cannot be opened is said once on stderr, and the engine runs on without. From then
-// on a failed assertion is the file's last record.
+// current one.
 VANTREL_API void initLg();
 
 // Changes the facility levels at run time: sets TRACE to `settings` and reads the environment again.

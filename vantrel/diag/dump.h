@@ -1,5 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// One line of a state dump.
+// One line of a state dump, as dumpState() writes many: what the producer wants of a key beside what the
+// engine has made of it.
+//
+//   [4]=77->cti:9 cOpId:12 sti:4 sOpId:11 pending:9 pOpId:12 OCC prio:30 pg:1
+//
+// Threading: the agent's thread.
+// Cost: nothing is formatted while the facility's level is below 9.
+// Errors: a record that is not there is an assertion.
 #pragma once
 
 #include "vantrel/core/entry.h"

@@ -2,8 +2,11 @@
 // VantrelFlushStatus: two counters by which a producer in another process learns that its table has been
 // attached (tableCounter moved) and that the table's first contents are in hardware (flushCounter moved).
 //
-// Ownership: the agent makes it by name and passes it to the front ends.
+// Invariants: tableCounter moves once a front end, flushCounter once a front end's first complete walk, both
+//   modulo 256; storing the value that is there tells nobody.
+// Ownership: the agent makes it by name and passes it to the front ends, which hold it.
 // Threading: the agent's event loop.
+// Cost: a write that nobody watches is a comparison and a store.
 #pragma once
 
 #include "ostra/entity.h"
