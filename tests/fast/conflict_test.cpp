@@ -229,6 +229,7 @@ TEST_F(ConflictDeathTest, ANewerPendingClaimOfTheSameKeyFailsItsAssertionAfterOn
 }
 
 TEST_F(ConflictDeathTest, AClaimListedUnderAnotherPositionFailsItsAssertion) {
+  forge();
   put({.key = 1, .ti = 1, .opId = 10});
   EXPECT_TRUE(conflicts({.key = 2, .ti = 1, .opId = 50}));
   record(2).p.ti = 3;
@@ -238,6 +239,7 @@ TEST_F(ConflictDeathTest, AClaimListedUnderAnotherPositionFailsItsAssertion) {
 }
 
 TEST_F(ConflictDeathTest, ASlotThatVanishedFailsItsAssertion) {
+  forge();
   put({.key = 1, .ti = 1, .opId = 10});
   put({.key = 3, .ti = 3, .opId = 11});
   EXPECT_TRUE(conflicts({.key = 2, .ti = 3, .opId = 50}));

@@ -254,11 +254,13 @@ TEST_F(Deadlock, AfterARunTheBlockedSetIsEmptyWhateverWasFound) {
 }
 
 TEST_F(DeadlockDeathTest, ACandidateWithoutStateFailsItsAssertion) {
+  forge();
   state().blocked.insert(EntryKey(9));
   EXPECT_DEATH(engine->checkDeadlock(), HasSubstr("assertion failed: c, model file FastVantrelImpl,"));
 }
 
 TEST_F(DeadlockDeathTest, AnOccupiedClaimWithoutOccupantFailsItsAssertion) {
+  forge();
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 2});
   want(1, 2);

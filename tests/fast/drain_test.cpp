@@ -87,6 +87,7 @@ TEST_F(Drain, AFailureOfARingsVictimRetriesTheNotifiedKeyAndLosesTheVictim) {
 }
 
 TEST_F(Drain, AnotherExceptionOfTheHardwareLeavesTheIndexesAsTheyWereUpdated) {
+  forge();
   client->onCall = [](std::string const& call) {
     if (call.starts_with("add")) throw std::runtime_error("bus error");
   };

@@ -202,6 +202,7 @@ TEST_F(ProgrammingDeathTest, ProgrammingBeforeInitializationFailsItsAssertion) {
 }
 
 TEST_F(ProgrammingDeathTest, AMoveFromAPositionThatIsNotIndexedFailsItsAssertion) {
+  forge();
   put({.key = 1, .ti = 4});
   state().current.remove(4);
   write({.key = 1, .ti = 5});
@@ -209,6 +210,7 @@ TEST_F(ProgrammingDeathTest, AMoveFromAPositionThatIsNotIndexedFailsItsAssertion
 }
 
 TEST_F(ProgrammingDeathTest, AMoveFromAPlaceThatIsNotInThePrecedenceOrderFailsItsAssertion) {
+  forge();
   put({.key = 1, .ti = 4});
   state().precedence.remove(4);
   write({.key = 1, .ti = 5});

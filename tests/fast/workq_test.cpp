@@ -92,6 +92,7 @@ TEST_F(Workq, ClearingARecordThatIsNotPendingOnlyResetsItsFields) {
 }
 
 TEST_F(Workq, ClearingWithoutUnindexLeavesTheSlotToTheCaller) {
+  forge();
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 1});
   state().clearPending(record(2).p, false);
@@ -106,6 +107,7 @@ TEST_F(WorkqDeathTest, ClearingAClaimThatIsNotListedFailsItsAssertion) {
 }
 
 TEST_F(WorkqDeathTest, AQueuedKeyThatIsNotInTheSetFailsItsAssertion) {
+  forge();
   state().workq.push_back(EntryKey(5));
   EXPECT_DEATH(engine->processPending(), HasSubstr("assertion failed: rc, model file FastVantrelImpl,"));
 }

@@ -159,7 +159,7 @@ class EngineWorld : public ::testing::Test {
     return c;
   }
   void write(Put const& p) { table->entryQuietlyIs(config(p)); }
-  void handle(U64 key) { engine->handleEntry(EntryKey(key)); }
+  virtual void handle(U64 key) { engine->handleEntry(EntryKey(key)); }
   std::vector<std::string> put(Put const& p) {
     write(p);
     handle(p.key);

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The engine's tests that look at its state: one fast engine with shift 19.
+// The engine's tests that look at its state: one fast engine with shift 19, audited after each key and at the
+// test's end.
 #pragma once
 
+#include "testing/audit.h"
 #include "tests/support/engine_world.h"
 #include "vantrel/fast/state.h"
 
@@ -10,6 +12,17 @@ namespace TestSupport {
 class FastWorld : public EngineWorld<FastVantrelImpl> {
  protected:
   FastWorld() { engineIs(); }
+  void handle(U64 key) override {
+    EngineWorld::handle(key);
+    audit();
+  }
+  void TearDown() override { audit(); }
+  // From here on the state is damaged on purpose.
+  void forge() { forged_ = true; }
+  void audit() {
+    if (forged_ || !engine) return;
+    EXPECT_NO_THROW(Testing::audit(state(), {.prioGrpShift = engine->prioGrpShift(), .hasShift = true}));
+  }
   FastState& state() { return *engine->state(); }
   CState_s& record(U64 key) { return *state().record(EntryKey(key)); }
   bool known(U64 key) { return state().record(EntryKey(key)) != nullptr; }
@@ -28,6 +41,9 @@ class FastWorld : public EngineWorld<FastVantrelImpl> {
     write(p);
     return engine->isConflicting(table->entry(EntryKey(p.key)));
   }
+
+ private:
+  bool forged_ = false;
 };
 
 }  // namespace TestSupport
