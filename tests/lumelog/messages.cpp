@@ -4,14 +4,18 @@
 //   messages [--check] SOURCE_DIR
 //
 // A message is a call of one of the macros below. Its text is the macro's literals one behind the other, with
-// each value as it stands in the source between braces; where it is written is the function around it.
+// each value as it stands in the source between braces; where it is written is the function around it. When
+// it is written, and what a value stands for that is made elsewhere, no source says: docs/messages.notes does,
+// and a message without its note, or a note without its message, is an error.
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <map>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,7 +27,7 @@ namespace fs = std::filesystem;
 // How a call is written: which of its arguments is the level, and where the text starts.
 struct Form {
   std::string_view call;
-  enum class Kind { Ring, Facility, Entry, Assertion } kind;
+  enum class Kind { Ring, Facility, Entry, Assertion, Exception } kind;
   int level;    // argument number, -1: none
   int text;     // argument number
   int channel;  // argument number of the handle or the model file, -1: `fixed` says it
@@ -40,10 +44,25 @@ constexpr Form forms[] = {
     {"ENGINE_ASSERT(", Form::Kind::Assertion, -1, 0, -1, "VantrelImpl"},
     {"FAST_ASSERT(", Form::Kind::Assertion, -1, 0, -1, "FastVantrelImpl"},
     {"FAST_ASSERT_AS(", Form::Kind::Assertion, -1, 1, -1, "FastVantrelImpl"},
+    {"throw Ostra::InternalException(", Form::Kind::Exception, -1, 0, -1, "Ostra::InternalException"},
+    {"throw Ostra::RangeException(", Form::Kind::Exception, -1, 0, -1, "Ostra::RangeException"},
+    {"throw Pallo::InvalidSizeException(", Form::Kind::Exception, -1, 0, -1, "Pallo::InvalidSizeException"},
+    {"throw Pallo::NoPermissionException(", Form::Kind::Exception, -1, 0, -1, "Pallo::NoPermissionException"},
+    {"throw Pallo::UnimplementedException(", Form::Kind::Exception, -1, 0, -1,
+     "Pallo::UnimplementedException"},
 };
 
+// What the sources do not say of a message.
+struct Note {
+  std::string when;
+  std::string shown;  // instead of the text, where the text is made elsewhere
+  bool used = false;
+};
+// By "FUNCTION: TEXT", or by the text alone.
+using Notes = std::map<std::string, Note>;
+
 struct Message {
-  std::string text, channel, level, where;
+  std::string text, channel, level, when, function, file;
 };
 
 std::string read(fs::path const& path) {
@@ -114,6 +133,11 @@ std::string unquoted(std::string const& literal) {
 
 bool isLiteral(std::string const& argument) { return argument.starts_with('"') && argument.ends_with('"'); }
 
+std::string replaced(std::string text, std::string_view what, std::string_view with) {
+  if (std::size_t const at = text.find(what); at != std::string::npos) text.replace(at, what.size(), with);
+  return text;
+}
+
 std::string textOf(Form const& form, std::vector<std::string> const& parts) {
   if (form.kind == Form::Kind::Assertion) {
     std::string text;
@@ -126,7 +150,7 @@ std::string textOf(Form const& form, std::vector<std::string> const& parts) {
   std::string text;
   for (std::size_t i = static_cast<std::size_t>(form.text); i < parts.size(); ++i)
     text += isLiteral(parts[i]) ? unquoted(parts[i]) : "{" + parts[i] + "}";
-  return text;
+  return replaced(text, "{__PRETTY_FUNCTION__}", "{signature}");
 }
 
 std::string channelOf(Form const& form, std::vector<std::string> const& parts) {
@@ -134,6 +158,7 @@ std::string channelOf(Form const& form, std::vector<std::string> const& parts) {
       form.channel < 0 ? std::string(form.fixed) : parts[static_cast<std::size_t>(form.channel)];
   if (form.kind == Form::Kind::Ring) return "trace file";
   if (form.kind == Form::Kind::Assertion) return "assertion, " + (isLiteral(name) ? unquoted(name) : name);
+  if (form.kind == Form::Kind::Exception) return "exception, " + name;
   if (name == "vantrelSmTrace()") name = "VantrelSm";
   if (name == "vantrelImplTrace()") name = "VantrelImpl";
   if (name == "vantrelFastImplTrace()") name = "VantrelFastImpl";
@@ -189,9 +214,10 @@ void collect(fs::path const& path, std::string const& name, std::vector<Message>
       std::vector<std::string> const parts = arguments(text, at + form.call.size() - 1);
       // A wrapper that passes its own arguments on is not a message; its calls are.
       if (parts.back().ends_with("...") || parts.back() == "operation") continue;
-      std::string const where = functionAround(text, at);
-      found.push_back(
-          {at, {textOf(form, parts), channelOf(form, parts), levelOf(form, parts), where + " in " + name}});
+      std::string const function = functionAround(text, at);
+      std::string const said =
+          replaced(textOf(form, parts), "{__func__}", function.substr(function.rfind(':') + 1));
+      found.push_back({at, {said, channelOf(form, parts), levelOf(form, parts), "", function, name}});
     }
   }
   std::stable_sort(found.begin(), found.end(),
@@ -205,12 +231,80 @@ std::string code(std::string const& text) {
   return "`" + result + "`";
 }
 
+// A note is a line of text, then indented lines: "= SHOWN" if there is something to show instead, and when the
+// message is written.
+Notes readNotes(fs::path const& path) {
+  Notes notes;
+  Note* note = nullptr;
+  std::ifstream in(path);
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line.starts_with('#')) continue;
+    std::string const words = trimmed(line);
+    if (!line.starts_with(' ')) {
+      if (notes.contains(words)) throw std::runtime_error("two notes for the message \"" + words + '"');
+      note = &notes[words];
+    } else if (!note) {
+      throw std::runtime_error(path.string() + " begins with an indented line");
+    } else if (words.starts_with("= ")) {
+      note->shown = words.substr(2);
+    } else {
+      note->when += (note->when.empty() ? "" : " ") + words;
+    }
+  }
+  return notes;
+}
+
+void annotate(std::vector<Message>& messages, Notes& notes) {
+  for (Message& m : messages) {
+    auto at = notes.find(m.function + ": " + m.text);
+    if (at == notes.end()) at = notes.find(m.text);
+    if (at == notes.end() || at->second.when.empty())
+      throw std::runtime_error("docs/messages.notes does not say when \"" + m.text + "\" is written (" +
+                               m.function + " in " + m.file + ")");
+    at->second.used = true;
+    m.when = at->second.when;
+    if (!at->second.shown.empty()) m.text = at->second.shown;
+  }
+}
+
+void checkAllUsed(Notes const& notes) {
+  for (auto const& [key, note] : notes)
+    if (!note.used) throw std::runtime_error("docs/messages.notes has a note for no message: " + key);
+}
+
+std::vector<Message> messagesOf(fs::path const& root, std::vector<fs::path> files) {
+  std::sort(files.begin(), files.end());
+  std::vector<Message> messages;
+  for (fs::path const& file : files)
+    if (file.filename() != "trace.h") collect(file, fs::relative(file, root).generic_string(), messages);
+  return messages;
+}
+
+std::vector<fs::path> sourcesIn(fs::path const& folder) {
+  std::vector<fs::path> files;
+  for (auto const& entry : fs::directory_iterator(folder))
+    if (entry.path().extension() == ".cpp" || entry.path().extension() == ".h") files.push_back(entry.path());
+  return files;
+}
+
+void writeTable(std::ostream& out, std::string const& title, std::vector<Message> const& messages) {
+  if (messages.empty()) return;
+  out << "\n## " << title
+      << "\n\n| Text | Channel | Level | When it is written | Where |\n|---|---|---|---|---|\n";
+  for (Message const& m : messages)
+    out << "| " << code(m.text) << " | " << m.channel << " | " << m.level << " | " << m.when << " | "
+        << m.function << ", " << fs::path(m.file).filename().string() << " |\n";
+}
+
 std::string page(fs::path const& root) {
   std::ostringstream out;
+  Notes notes = readNotes(root / "docs/messages.notes");
   out << "# Messages\n\n"
-         "Every message of the library, generated from its sources by `ninja -C build messages`; a test "
-         "fails when this\n"
-         "page is not what the sources say. Values stand between braces as the source names them.\n\n"
+         "Every message of the library, generated from its sources and `docs/messages.notes` by `ninja -C "
+         "build\n"
+         "messages`; a test fails when this page is not what they say. Values stand between braces as the "
+         "source names\n"
+         "them. One fatal condition can be reached from several places: each is a line.\n\n"
          "- *trace file*: a record of the ring-buffer file, in the ring of its level; `vantrel trace` shows "
          "it with the\n"
          "  engine's identifier before the text. Levels below 9 are for what is rare and must outlive the "
@@ -219,21 +313,18 @@ std::string page(fs::path const& root) {
          "- *facility*: a line of the facility's handle when its level is at least that of the message "
          "(`TRACE`).\n"
          "- *assertion*: `assertion failed: TEXT, model file FILE, line N, function SIGNATURE` on stderr,\n"
-         "  the same as the last record of the trace file at level 0, then the process aborts.\n";
-  for (std::string const room : {"core", "engine", "fast", "diag", "sm"}) {
-    std::vector<fs::path> files;
-    for (auto const& entry : fs::directory_iterator(root / "vantrel" / room))
-      if (entry.path().extension() == ".cpp" || entry.path().extension() == ".h")
-        files.push_back(entry.path());
-    std::sort(files.begin(), files.end());
-    std::vector<Message> messages;
-    for (fs::path const& file : files)
-      if (file.filename() != "trace.h") collect(file, fs::relative(file, root).generic_string(), messages);
-    if (messages.empty()) continue;
-    out << "\n## vantrel/" << room << "\n\n| Text | Channel | Level | Written by |\n|---|---|---|---|\n";
-    for (Message const& m : messages)
-      out << "| " << code(m.text) << " | " << m.channel << " | " << m.level << " | " << m.where << " |\n";
-  }
+         "  the same as the last record of the trace file at level 0, then the process aborts.\n"
+         "- *exception*: the text of what is thrown. Only `Ostra::InternalException` is caught in the "
+         "library.\n";
+  auto const add = [&](std::string const& title, std::vector<fs::path> const& files) {
+    std::vector<Message> messages = messagesOf(root, files);
+    annotate(messages, notes);
+    writeTable(out, title, messages);
+  };
+  for (std::string const room : {"core", "engine", "fast", "diag", "sm"})
+    add("vantrel/" + room, sourcesIn(root / "vantrel" / room));
+  add("platform", {root / "platform/ostra/pod_array.cpp", root / "platform/shoal/reader_table.h"});
+  checkAllUsed(notes);
   return out.str();
 }
 
@@ -246,13 +337,17 @@ int main(int argc, char** argv) {
     std::cerr << "usage: messages [--check] SOURCE_DIR\n";
     return 2;
   }
-  fs::path const root = args.back(), file = root / "docs/messages.md";
-  std::string const wanted = page(root);
-  if (!check) {
-    std::ofstream(file, std::ios::binary) << wanted;
-    return 0;
+  try {
+    fs::path const root = args.back(), file = root / "docs/messages.md";
+    std::string const wanted = page(root);
+    if (!check) {
+      std::ofstream(file, std::ios::binary) << wanted;
+      return 0;
+    }
+    if (read(file) == wanted) return 0;
+    std::cerr << "docs/messages.md is not what the sources say; run: ninja -C build messages\n";
+  } catch (std::exception const& e) {
+    std::cerr << "messages: " << e.what() << '\n';
   }
-  if (read(file) == wanted) return 0;
-  std::cerr << "docs/messages.md is not what the sources say; run: ninja -C build messages\n";
   return 1;
 }
