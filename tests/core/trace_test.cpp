@@ -21,6 +21,7 @@
 namespace Vantrel {
 namespace {
 
+using Lumelog::Test::mountSmallDisk;
 using Lumelog::Test::readFile;
 using Lumelog::Test::TempDir;
 using testing::ElementsAre;
@@ -139,6 +140,22 @@ TEST_F(TraceFile, LeavesTheHookThatWasThereBeforeInPlace) {
             }),
             42);
   EXPECT_THAT(messages(perProcess()), testing::SizeIs(1));
+}
+
+TEST_F(TraceFile, OnAFullDiskIsSaidOnce) {
+  std::filesystem::create_directory(dir_ / "full");
+  int const result = inChild([this] {
+    if (!mountSmallDisk(dir_ / "full", 1024)) _exit(77);
+    setenv("LUMELOGDIR", (dir_ / "full").c_str(), 1);
+    initLg();
+    initLg();
+    if (lg) _exit(1);
+    VANTREL_RECORD(9, 3u, "dropped");
+  });
+  if (result == 77) GTEST_SKIP() << "this process may not mount";
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(readFile(dir_ / "err"), "Lumelog: cannot open the trace file " + dir_ / "full/Quarry-mbb.lg" +
+                                        ": No space left on device; running without it\n");
 }
 
 TEST_F(TraceFile, EndsWithTheAssertionThatEndedTheProcess) {

@@ -22,6 +22,7 @@
 namespace Lumelog {
 namespace {
 
+using Test::mountSmallDisk;
 using Test::readFile;
 using Test::TempDir;
 using testing::ElementsAre;
@@ -247,6 +248,39 @@ TEST(Opening, WithoutSpaceFailsThereAndLeavesNothing) {
   EXPECT_EQ(readFile(dir / "said"),
             "Lumelog: cannot open the trace file " + dir / "a.lg: File too large; running without it\n");
   EXPECT_THAT(dir.names(), ElementsAre("said"));
+}
+
+// Where the kernel lets this process mount: a full disk and one that fills up.
+TEST(Opening, OnAFullDiskFailsThere) {
+  TempDir dir;
+  int const result = inChild([&] {
+    if (!mountSmallDisk(dir.path(), 64)) _exit(77);
+    freopen((dir / "said").c_str(), "w", stderr);
+    if (open(dir / "a.lg", small())) _exit(1);
+    fflush(stderr);
+    if (readFile(dir / "said") != "Lumelog: cannot open the trace file " + dir / "a.lg" +
+                                      ": No space left on device; running without it\n")
+      _exit(2);
+    if (dir.names() != std::vector<std::string>{"said"}) _exit(3);
+  });
+  if (result == 77) GTEST_SKIP() << "this process may not mount";
+  EXPECT_EQ(result, 0);
+}
+
+TEST(Opening, MakesAFullDiskHarmlessLater) {
+  TempDir dir;
+  int const result = inChild([&] {
+    if (!mountSmallDisk(dir.path(), 1024)) _exit(77);
+    LogPtr const log = make(dir / "a.lg");
+    if (!log) _exit(1);
+    std::FILE* const rest = fopen((dir / "rest").c_str(), "w");
+    while (fputs("as much as there is", rest) != EOF && fflush(rest) != EOF) continue;
+    if (errno != ENOSPC) _exit(2);
+    for (unsigned i = 0; i < 100000; ++i) LUMELOG_RECORD(log.get(), 3, 7u, "i:", i);
+    if (messages(dir / "a.lg").back() != "i:99999") _exit(3);
+  });
+  if (result == 77) GTEST_SKIP() << "this process may not mount";
+  EXPECT_EQ(result, 0) << "a page without space behind it is a SIGBUS";
 }
 
 TEST(Opening, ReservesAllItsSpace) {
