@@ -4,9 +4,9 @@
 //   messages [--check] SOURCE_DIR
 //
 // A message is a call of one of the macros below. Its text is the macro's literals one behind the other, with
-// each value as it stands in the source between braces; where it is written is the function around it. When
-// it is written, and what a value stands for that is made elsewhere, no source says: docs/messages.notes does,
-// and a message without its note, or a note without its message, is an error.
+// each value as it stands in the source between braces; where it is written is the function around it. When it
+// is written, and the text where it is made elsewhere, no source says: docs/messages.notes does, and a message
+// without its note, or a note without its message, is an error.
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
@@ -231,7 +231,9 @@ std::string code(std::string const& text) {
   return "`" + result + "`";
 }
 
-// A note is a line of text, then indented lines: "= SHOWN" if there is something to show instead, and when the
+void append(std::string& text, std::string const& words) { text += (text.empty() ? "" : " ") + words; }
+
+// A note is a line of text, then indented lines: "= SHOWN" where something else is to be shown, and when the
 // message is written.
 Notes readNotes(fs::path const& path) {
   Notes notes;
@@ -246,9 +248,9 @@ Notes readNotes(fs::path const& path) {
     } else if (!note) {
       throw std::runtime_error(path.string() + " begins with an indented line");
     } else if (words.starts_with("= ")) {
-      note->shown = words.substr(2);
+      append(note->shown, words.substr(2));
     } else {
-      note->when += (note->when.empty() ? "" : " ") + words;
+      append(note->when, words);
     }
   }
   return notes;
