@@ -118,3 +118,32 @@ TEST(DebugStatus, RemovingAllNotifiesOfEach) {
   EXPECT_THAT(s->pending(), IsEmpty());
   EXPECT_THAT(s->statusOpId(), IsEmpty());
 }
+
+// Watching without overriding anything is allowed, and does nothing.
+TEST(DebugEntities, AWatcherNeedsNoHandler) {
+  auto const c = debugConfigFactory("cfg");
+  auto const s = debugStatusFactory("status");
+  DebugConfig::Notifiee configWatcher;
+  DebugStatus::Notifiee statusWatcher;
+  configWatcher.notifierIs(c);
+  statusWatcher.notifierIs(s);
+  c->versionIs(1);
+  s->pendingIs(1, EntryKey(2));
+  s->pendingOpIdIs(EntryKey(2), OpId(3));
+  s->statusIs(4, EntryKey(5));
+  s->statusOpIdIs(EntryKey(5), OpId(6));
+  s->versionIs(1);
+  EXPECT_EQ(s->version(), 1U);
+  EXPECT_EQ(s->pending().at(1), EntryKey(2));
+}
+
+TEST(DebugEntities, OutsidersDoNotWriteTheAnswer) {
+  auto const s = debugStatusFactory("status");
+  try {
+    s->typeInfo().writeFromOutside(*s, "version", U64{1});
+    FAIL() << "it was written";
+  } catch (Ostra::AttributeException const& error) {
+    EXPECT_THAT(error.what(), testing::HasSubstr("the engine writes it"));
+  }
+  EXPECT_EQ(s->version(), 0U);
+}

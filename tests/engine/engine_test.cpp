@@ -175,6 +175,21 @@ TEST_F(EngineBase, EveryAttributeCanBeReachedByName) {
   EXPECT_TRUE(probe->initialized());
 }
 
+TEST_F(EngineBase, AWatcherNeedsNoHandler) {
+  VantrelImpl::Notifiee watcher;
+  watcher.notifierIs(Ptr<VantrelImpl const>(probe.get()));
+  probe->retryDepsMaxCntIs(3);
+  probe->failedDepCntInc(1);
+  probe->debugEnabledIs(true);
+  probe->dirtyIs(!probe->dirty());
+  probe->alwaysProcessPendingIs(true);
+  probe->initializedIs(false);
+  probe->handleToKeyIs(1, EntryKey(2));
+  probe->keyToHandleIs(EntryKey(2), 1);
+  EXPECT_EQ(probe->failedDepCnt(), 1U);
+  EXPECT_EQ(probe->handleToKey().at(1), EntryKey(2));
+}
+
 using EngineBaseDeathTest = EngineBase;
 
 TEST_F(EngineBaseDeathTest, TraceIdentifierZeroFailsTheMissingLgIdAssertion) {

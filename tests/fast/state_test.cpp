@@ -97,6 +97,17 @@ TEST_F(EngineState, EveryAttributeCanBeReachedByName) {
   EXPECT_THAT(client->take(), testing::ElementsAre("deadlock 1@1"));
 }
 
+TEST_F(EngineState, AWatcherNeedsNoHandler) {
+  FastVantrelImpl::Notifiee watcher;
+  watcher.notifierIs(Ptr<FastVantrelImpl const>(engine.get()));
+  FastState* const own = engine->state();
+  engine->prioGrpShiftIs(20);
+  engine->deadlockCountIs(1);
+  engine->stateIs(nullptr);
+  engine->stateIs(own);
+  EXPECT_EQ(engine->deadlockCount(), 1U);
+}
+
 TEST_F(EngineState, PtiPacksGroupAndPosition) {
   EXPECT_EQ(engine->pti(3, 1000), 1573864U);
   EXPECT_EQ(engine->pti(3, 1000), 0x1803E8U);

@@ -7,6 +7,7 @@
 using namespace TestSupport;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
@@ -569,6 +570,31 @@ TEST_F(FrontEnd, AttributesCanBeReachedByName) {
   type.invoke(*sm, "doScheduleRetry", {U64{9}});
   EXPECT_THAT(failed(), ElementsAre(9));
   EXPECT_THROW(type.writeFromOutside(*sm, "initialized", false), Ostra::AttributeException);
+}
+
+TEST_F(FrontEnd, OutsidersAreToldWhyTheyMayNotWrite) {
+  create();
+  auto const why = [&](auto const& entity, char const* name, Ostra::Value const& value) -> std::string {
+    try {
+      entity->typeInfo().writeFromOutside(*entity, name, value);
+    } catch (Ostra::AttributeException const& error) {
+      return error.what();
+    }
+    return "it was written";
+  };
+  EXPECT_THAT(why(sm, "initialized", false), HasSubstr("would drop every key it is told of"));
+  EXPECT_THAT(why(sm, "initialFlushed", true), HasSubstr("the front end knows itself what it flushed"));
+  EXPECT_THAT(why(sm, "retryTimerSet", true), HasSubstr("the front end keeps track of its wake-up itself"));
+  EXPECT_THAT(why(flushStatus, "tableCounter", U64{9}), HasSubstr("the front ends count"));
+  EXPECT_THAT(why(flushStatus, "flushCounter", U64{9}), HasSubstr("the front ends count"));
+}
+
+TEST_F(FrontEnd, AWatcherOfTheCountersNeedsNoHandler) {
+  VantrelFlushStatus::Notifiee watcher;
+  watcher.notifierIs(Ostra::Ptr<VantrelFlushStatus const>(flushStatus.get()));
+  create();
+  EXPECT_EQ(flushStatus->tableCounter(), 1);
+  EXPECT_EQ(flushStatus->flushCounter(), 1);
 }
 
 TEST_F(FrontEnd, AProducerThatAnswersTheTableCounterDuringConstructionIsHeardByTheFirstWalk) {
