@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -29,10 +30,14 @@ struct Options {
 struct Title {
   std::string title, unit;
 };
-// Made before its first use: other files' globals set it.
+// Both made before their first use: other files' globals set them.
 Title& theTitle() {
   static Title title;
   return title;
+}
+std::vector<std::function<void()>>& endings() {
+  static std::vector<std::function<void()>> all;
+  return all;
 }
 bool isBrief = false;
 
@@ -197,6 +202,7 @@ int work(int argc, char** argv) {
   if (o.brief) all = smallest(all);
   if (all.empty()) throw std::invalid_argument(fmt::format("no benchmark matches --filter={}", o.filter));
   run(all, gatherer);
+  for (auto const& work : endings()) work();
   std::cout << (o.json ? table.json().dump(2) + '\n' : table.text());
   return gatherer.failed() ? 1 : 0;
 }
@@ -207,6 +213,8 @@ bool titleIs(std::string title, std::string unit) {
   theTitle() = {std::move(title), std::move(unit)};
   return true;
 }
+
+void atEnd(std::function<void()> work) { endings().push_back(std::move(work)); }
 
 bool brief() { return isBrief; }
 

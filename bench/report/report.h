@@ -33,12 +33,16 @@
 // Cost: a case's set-up is paid again in every repetition.
 #pragma once
 
+#include <functional>
 #include <string>
 
 namespace Bench {
 
 // The table's title, and what its figures are. Called while the program's globals are made. Returns true.
 bool titleIs(std::string title, std::string unit);
+
+// Called after the last benchmark: for what the benchmarks share, processes for one.
+void atEnd(std::function<void()> work);
 
 // The program runs to be seen working, not to be believed: shorten what is not a matter of size.
 bool brief();

@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+// From the producer's write to the acknowledgement that it sees, with another process at the far end.
+//
+//   one at a time   both sides sleep in between; the median, and what one write in a hundred, one in a
+//                   thousand takes longer than
+//   at saturation   256 writes under way at any time: the time of one
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "bench/between/road.h"
+#include "bench/report/report.h"
+
+namespace Bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+enum class Side { vantrel, vantrelTracing, bare, redis };
+
+std::unique_ptr<Road> made(Side side, U64 entries) {
+  switch (side) {
+    case Side::vantrel:
+      return vantrelRoad(entries, false);
+    case Side::vantrelTracing:
+      return vantrelRoad(entries, true);
+    case Side::bare:
+      return bareRoad(entries);
+    case Side::redis:
+      return redisRoad(entries);
+  }
+  throw std::logic_error("no such side");
+}
+
+// Made once: the processes of the sides that are not measured sleep.
+std::map<std::pair<Side, U64>, std::unique_ptr<Road>> roads;
+
+Road& road(Side side, U64 entries) {
+  auto& place = roads[{side, entries}];
+  if (!place) place = made(side, entries);
+  return *place;
+}
+
+double nanosecondsSince(Clock::time_point begin) {
+  return std::chrono::duration<double, std::nano>(Clock::now() - begin).count();
+}
+
+// The smallest value that at least `share` of all do not exceed.
+double quantile(std::vector<double> const& sorted, double share) {
+  auto const rank = static_cast<std::size_t>(share * static_cast<double>(sorted.size()));
+  return sorted[std::min(rank, sorted.size() - 1)];
+}
+
+class Keys {
+ public:
+  explicit Keys(U64 entries) : any_(1, entries) {}
+  U64 operator()() { return any_(random_); }
+
+ private:
+  std::mt19937_64 random_{7};
+  std::uniform_int_distribution<U64> any_;
+};
+
+void oneAtATime(Road& way, Keys& keys, Change change, benchmark::State& state) {
+  std::vector<double> all(brief() ? 200 : 5000);
+  for (double& ns : all) {
+    U64 const key = keys();
+    auto const begin = Clock::now();
+    way.write(key, change);
+    way.await();
+    ns = nanosecondsSince(begin);
+  }
+  std::ranges::sort(all);
+  state.counters["ns"] = quantile(all, 0.5);
+  state.counters["also:p99"] = quantile(all, 0.99);
+  state.counters["also:p99.9"] = quantile(all, 0.999);
+}
+
+// Keys in turn: one that is under way is not written again.
+void atSaturation(Road& way, U64 entries, Change change, benchmark::State& state) {
+  constexpr U64 window = 256;
+  double const long_ = brief() ? 1e7 : 3e8;
+  U64 written = 0, acknowledged = 0;
+  auto const begin = Clock::now();
+  while (written % 64 != 0 || written < 2 * window || nanosecondsSince(begin) < long_) {
+    if (written - acknowledged == window) acknowledged += way.await();
+    way.write(1 + written++ % entries, change);
+  }
+  while (acknowledged < written) acknowledged += way.await();
+  state.counters["ns"] = nanosecondsSince(begin) / static_cast<double>(written);
+}
+
+template <class Work>
+void guarded(benchmark::State& state, Work const& work) {
+  try {
+    for (auto _ : state) work();
+  } catch (Missing const& what) {
+    state.SkipWithError((std::string("skipped: ") + what.what()).c_str());
+  } catch (std::exception const& what) {
+    state.SkipWithError(what.what());
+  }
+}
+
+void latency(benchmark::State& state, Side side, Change change) {
+  auto const entries = static_cast<U64>(state.range(0));
+  guarded(state, [&] {
+    Keys keys(entries);
+    oneAtATime(road(side, entries), keys, change, state);
+  });
+}
+
+void saturation(benchmark::State& state, Side side, Change change) {
+  auto const entries = static_cast<U64>(state.range(0));
+  guarded(state, [&] { atSaturation(road(side, entries), entries, change, state); });
+}
+
+bool registered() {
+  auto const add = [](std::string const& name, auto run, Side side, Change change) {
+    auto* const bench = benchmark::RegisterBenchmark(name.c_str(), run, side, change);
+    bench->Arg(1000)->Arg(100'000)->Iterations(1);
+  };
+  auto const both = [&](std::string const& what, std::string const& name, Side side, Change change) {
+    add(what + ", one at a time/" + name, latency, side, change);
+    add(what + ", at saturation/" + name, saturation, side, change);
+  };
+  for (auto const& [what, change] : {std::pair{"update", Change::update}, {"move", Change::move}}) {
+    both(what, "ours", Side::vantrel, change);
+    both(what, "floor", Side::bare, change);
+    both(what, "peer", Side::redis, change);
+  }
+  both("update, agent with trace file", "ours", Side::vantrelTracing, Change::update);
+  both("update, agent with trace file", "floor", Side::bare, Change::update);
+  atEnd([] { roads.clear(); });
+  return titleIs("From a write to its acknowledgement in another process", "nanoseconds");
+}
+
+[[maybe_unused]] bool const atStart = registered();
+
+}  // namespace
+}  // namespace Bench
