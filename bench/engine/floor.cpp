@@ -1,0 +1,259 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "bench/engine/floor.h"
+
+#include <benchmark/benchmark.h>
+
+namespace Bench {
+
+using Vantrel::EntryStatus;
+using Vantrel::noIndex;
+using Vantrel::PendingType;
+
+namespace {
+
+Vantrel::CState_s* at(Pcvoid_t array, Word_t index) {
+  PPvoid_t const slot = JudyLGet(array, index, PJE0);
+  return slot ? static_cast<Vantrel::CState_s*>(*slot) : nullptr;
+}
+void put(Pvoid_t& array, Word_t index, void* value) { *JudyLIns(&array, index, PJE0) = value; }
+
+}  // namespace
+
+Floor::~Floor() {
+  for (Pvoid_t* array : {&pending_, &current_, &precedence_}) JudyLFreeArray(array, PJE0);
+  Judy1FreeArray(&workqSet_, PJE0);
+}
+
+Vantrel::CState_s* Floor::newRecord() {
+  if (free_.empty()) return &records_.emplace_back();
+  CState* const c = free_.back();
+  free_.pop_back();
+  return c;
+}
+
+EntryConfig Floor::head(EntryKey key) {
+  EntryConfig entry = table_->LocalTable::entry(key);
+  benchmark::DoNotOptimize(handleToKey_.find(entry.hdl()));
+  return entry;
+}
+
+Vantrel::CState_s& Floor::enter(EntryConfig const& entry) {
+  CState*& slot = cstate_.try_emplace(entry.key(), nullptr).first->second;
+  slot = newRecord();
+  *slot = {entry.key(),  OpId(),    {OpId(), noIndex, PendingType::None}, entry.hdl(), noIndex,
+           entry.prio(), entry.pg()};
+  return *slot;
+}
+
+void Floor::neighbours(U32 pti) {
+  Word_t below = pti, above = pti;
+  PPvoid_t const previous = JudyLPrev(precedence_, &below, PJE0);
+  PPvoid_t const next = JudyLNext(precedence_, &above, PJE0);
+  // Their priorities are read: two records that nothing else touches.
+  if (previous) benchmark::DoNotOptimize(static_cast<CState*>(*previous)->prio);
+  if (next) benchmark::DoNotOptimize(static_cast<CState*>(*next)->prio);
+}
+
+void Floor::enterAt(CState& c, U32 ti) {
+  put(current_, ti, &c);
+  put(precedence_, pti(c, ti), &c);
+  c.sti = ti;
+}
+
+void Floor::leave(CState const& c) {
+  JudyLDel(&current_, c.sti, PJE0);
+  JudyLDel(&precedence_, pti(c, c.sti), PJE0);
+}
+
+void Floor::add(EntryKey key) {
+  EntryConfig const entry = table_->LocalTable::entry(key);
+  handleToKey_.try_emplace(entry.hdl(), key);
+  keyToHandle_.try_emplace(key, entry.hdl());
+  CState& c = enter(entry);
+  U32 const ti = entry.tableIndex(TableKey(0));
+  benchmark::DoNotOptimize(at(current_, ti));
+  neighbours(pti(c, ti));
+  benchmark::DoNotOptimize(at(pending_, ti));
+  enterAt(c, ti);
+  c.opId = entry.opId();
+}
+
+void Floor::update(EntryKey key) {
+  EntryConfig const entry = head(key);
+  CState& c = *cstate_.find(key)->second;
+  benchmark::DoNotOptimize(at(pending_, c.sti));
+  c.opId = entry.opId();
+}
+
+void Floor::acknowledge(EntryKey key) {
+  EntryConfig const entry = head(key);
+  CState& c = *cstate_.find(key)->second;
+  benchmark::DoNotOptimize(at(pending_, c.sti));
+  status_->entryQuietlyIs(EntryStatus(key, entry.opId()));
+  c.opId = entry.opId();
+}
+
+void Floor::move(EntryKey key) {
+  EntryConfig const entry = head(key);
+  CState& c = *cstate_.find(key)->second;
+  U32 const ti = entry.tableIndex(TableKey(0));
+  U32 const old = c.sti;
+  benchmark::DoNotOptimize(at(current_, ti));
+  neighbours(pti(c, ti));
+  benchmark::DoNotOptimize(at(pending_, ti));
+  leave(c);
+  enterAt(c, ti);
+  c.opId = entry.opId();
+  benchmark::DoNotOptimize(at(pending_, old));
+  neighbours(pti(c, old));
+}
+
+void Floor::claim(CState& c, EntryConfig const& entry) {
+  U32 const ti = entry.tableIndex(TableKey(0));
+  benchmark::DoNotOptimize(at(current_, ti));
+  put(pending_, ti, &c);
+  c.p = {entry.opId(), ti, PendingType::Occupied};
+}
+
+void Floor::blockedAndFollowed(CState& c) {
+  blocked_.insert(c.key);
+  blocked_.erase(blocked_.begin());
+  benchmark::DoNotOptimize(cstate_.find(c.key)->second->p.ti);
+  benchmark::DoNotOptimize(table_->LocalTable::entry(c.key));
+}
+
+void Floor::block(EntryKey key) {
+  EntryConfig const entry = table_->LocalTable::entry(key);
+  handleToKey_.try_emplace(entry.hdl(), key);
+  keyToHandle_.try_emplace(key, entry.hdl());
+  CState& c = enter(entry);
+  claim(c, entry);
+  blockedAndFollowed(c);
+}
+
+void Floor::blockMove(EntryKey key) {
+  EntryConfig const entry = head(key);
+  CState& c = *cstate_.find(key)->second;
+  claim(c, entry);
+  blockedAndFollowed(c);
+  benchmark::DoNotOptimize(at(current_, c.p.ti));
+}
+
+void Floor::queue(U32 ti) {
+  CState* const waiter = at(pending_, ti);
+  if (waiter && Judy1Set(&workqSet_, waiter->key.value(), PJE0)) workq_.push_back(waiter->key);
+}
+
+EntryKey Floor::takeQueued() {
+  EntryKey const key = workq_.front();
+  workq_.pop_front();
+  Judy1Unset(&workqSet_, key.value(), PJE0);
+  return key;
+}
+
+// Claims of other groups are met and passed over.
+void Floor::wakeBetween(CState const& c, Word_t lo, Word_t hi) {
+  for (PPvoid_t slot = JudyLFirst(pending_, &lo, PJE0); slot && lo < hi;
+       slot = JudyLNext(pending_, &lo, PJE0))
+    if (static_cast<CState*>(*slot)->pg == c.pg) queue(static_cast<U32>(lo));
+}
+
+void Floor::withdraw(CState& c) {
+  leave(c);
+  queue(c.sti);
+  Word_t const mask = (Word_t{1} << shift_) - 1;
+  Word_t below = pti(c, c.sti), above = below;
+  PPvoid_t const previous = JudyLPrev(precedence_, &below, PJE0);
+  PPvoid_t const next = JudyLNext(precedence_, &above, PJE0);
+  auto const* const before = previous ? static_cast<CState*>(*previous) : nullptr;
+  auto const* const after = next ? static_cast<CState*>(*next) : nullptr;
+  Word_t lo = 0, hi = noIndex;
+  if (before && before->pg == c.pg) lo = before->prio == c.prio ? c.sti : (below & mask) + 1;
+  if (after && after->pg == c.pg) hi = after->prio == c.prio ? c.sti : above & mask;
+  if (lo < hi) wakeBetween(c, lo, hi);
+  cstate_.erase(c.key);
+  free_.push_back(&c);
+}
+
+void Floor::forgetHandles(EntryKey key) {
+  auto const handle = keyToHandle_.find(key);
+  handleToKey_.erase(handle->second);
+  keyToHandle_.erase(handle);
+}
+
+void Floor::remove(EntryKey key) {
+  benchmark::DoNotOptimize(table_->LocalTable::entry(key));
+  withdraw(*cstate_.find(key)->second);
+  forgetHandles(key);
+}
+
+void Floor::unblock(EntryKey key) {
+  CState& c = *cstate_.find(key)->second;
+  JudyLDel(&pending_, c.p.ti, PJE0);
+  cstate_.erase(key);
+  free_.push_back(&c);
+  forgetHandles(key);
+}
+
+void Floor::programWoken() {
+  EntryKey const key = takeQueued();
+  EntryConfig const entry = head(key);
+  CState& c = *cstate_.find(key)->second;
+  U32 const ti = entry.tableIndex(TableKey(0));
+  benchmark::DoNotOptimize(at(current_, ti));
+  neighbours(pti(c, ti));
+  benchmark::DoNotOptimize(at(pending_, ti));
+  JudyLDel(&pending_, ti, PJE0);
+  enterAt(c, ti);
+  c.opId = entry.opId();
+}
+
+void Floor::removeWaking(EntryKey key) {
+  remove(key);
+  programWoken();
+}
+
+void Floor::moveWoken() {
+  EntryKey const key = takeQueued();
+  EntryConfig const entry = head(key);
+  CState& c = *cstate_.find(key)->second;
+  U32 const ti = entry.tableIndex(TableKey(0));
+  U32 const old = c.sti;
+  benchmark::DoNotOptimize(at(current_, ti));
+  neighbours(pti(c, ti));
+  benchmark::DoNotOptimize(at(pending_, ti));
+  JudyLDel(&pending_, ti, PJE0);
+  blocked_.erase(key);
+  if (old != noIndex) leave(c);
+  enterAt(c, ti);
+  c.opId = entry.opId();
+  c.p = {OpId(), noIndex, PendingType::None};
+  if (old == noIndex) return;
+  queue(old);
+  neighbours(pti(c, old));
+}
+
+void Floor::closeRing(EntryKey first) {
+  blockMove(first);
+  Vantrel::FastState::Keys seen;
+  for (EntryKey key = first; seen.insert(key).second;) {
+    CState const& c = *cstate_.find(key)->second;
+    EntryConfig const entry = table_->LocalTable::entry(key);
+    key = at(current_, entry.tableIndex(TableKey(0)))->key;
+    benchmark::DoNotOptimize(c.p.ti);
+  }
+  CState& victim = *cstate_.find(first)->second;
+  JudyLDel(&pending_, victim.p.ti, PJE0);
+  withdraw(victim);
+  EntryConfig const entry = head(first);
+  CState& again = enter(entry);
+  claim(again, entry);
+  blocked_.insert(first);
+  while (!workq_.empty()) moveWoken();
+}
+
+void Floor::walk() {
+  for (auto place = table_->LocalTable::first(); place; place = table_->LocalTable::next(*place)) add(place->key);
+}
+
+}  // namespace Bench

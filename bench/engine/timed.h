@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+// Timed: the part of an iteration that counts, as the counters that the reporter shows. The clock is the
+// thread's own: what is measured never waits, and whoever else wants the processor is not its cost.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <ctime>
+
+#include "bench/engine/allocations.h"
+
+namespace Bench {
+
+class Timed {
+ public:
+  // Runs `work`, which handles `keys` keys.
+  template <class Work>
+  void run(U64 keys, Work work) {
+    Allocations const before = allocations();
+    double const begin = threadNs();
+    work();
+    ns_ += threadNs() - begin;
+    Allocations const made = allocations() - before;
+    own_ += made.all - made.judy;
+    judy_ += made.judy;
+    keys_ += keys;
+  }
+  double nsPerKey() const { return ns_ / static_cast<double>(keys_); }
+  // `ns`; and with `withAllocations` how often memory was asked for a key.
+  void countersAre(benchmark::State& state, bool withAllocations) const;
+
+ private:
+  static double threadNs() {
+    timespec t;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) * 1e9 + static_cast<double>(t.tv_nsec);
+  }
+  double ns_ = 0;
+  U64 own_ = 0, judy_ = 0, keys_ = 0;
+};
+
+// Switches the process's trace file. It lies in a temporary directory, is opened once, and goes with the
+// program. Returns false when it could not be opened.
+bool traceFileIs(bool on);
+
+}  // namespace Bench
