@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // What tracing costs: a record of two values beside its floor, which reads the same clock and copies the same
-// bytes; a facility trace that is off beside the empty loop; the same message through spdlog to a file.
+// bytes, and beside the same message through spdlog to a file and through a tracepoint of LTTng-UST; a facility
+// trace that is off beside the empty loop.
 #include <benchmark/benchmark.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/spdlog.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -15,8 +14,11 @@
 #include <memory>
 #include <string>
 #include <system_error>
+#include <variant>
 #include <vector>
 
+#include "bench/report/report.h"
+#include "bench/trace/lttng.h"
 #include "lumelog/lumelog.h"
 #include "vantrel/core/entry.h"
 #include "vantrel/core/trace.h"
@@ -39,6 +41,7 @@ class TempDir {
     std::filesystem::remove_all(path_, ignored);
   }
   std::string operator/(std::string const& name) const { return path_ + "/" + name; }
+  std::string const& path() const { return path_; }
 
  private:
   std::string path_;
@@ -80,64 +83,51 @@ class Floor {
   std::size_t at_ = 0;
 };
 
-template <class Work>
-double nsEach(unsigned times, Work const& work) {
-  auto const start = std::chrono::steady_clock::now();
-  for (unsigned i = 0; i < times; ++i) work(i);
-  return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count() / times;
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
-// Both in turn, so that whatever else the machine does meets both.
-void BM_RecordBesideFloor(benchmark::State& state) {
-  constexpr unsigned batch = 20000;
-  WarmLog log;
-  if (!log.ok()) return state.SkipWithError("the trace file cannot be opened");
-  Floor floor;
-  std::vector<double> records, floors, ratios;
-  for (auto _ : state) {
-    floors.push_back(nsEach(batch, [&](unsigned i) { floor.copy(i); }));
-    records.push_back(nsEach(batch, [&](unsigned i) { log.record(i); }));
-    ratios.push_back(records.back() / floors.back());
-  }
-  state.counters["floor_ns"] = median(floors);
-  state.counters["record_ns"] = median(records);
-  state.counters["ratio"] = median(ratios);
-}
-BENCHMARK(BM_RecordBesideFloor)->MinTime(1);
-
-void BM_FacilityOffBesideEmptyLoop(benchmark::State& state) {
-  constexpr unsigned batch = 1000000;
-  Vantrel::traceSettingIs("");
-  EntryKey const key(5);
-  std::vector<double> empty, off, over;
-  for (auto _ : state) {
-    empty.push_back(nsEach(batch, [](unsigned) { benchmark::ClobberMemory(); }));
-    off.push_back(nsEach(batch, [&](unsigned i) {
-      VANTREL_TRACE(vantrelFastImplTrace(), 8, "key:", key, " i:", i);
-      benchmark::ClobberMemory();
-    }));
-    over.push_back(off.back() - empty.back());
-  }
-  state.counters["empty_ns"] = median(empty);
-  state.counters["off_ns"] = median(off);
-  state.counters["over_ns"] = median(over);
-}
-BENCHMARK(BM_FacilityOffBesideEmptyLoop)->MinTime(1);
-
-void BM_Record(benchmark::State& state) {
+void record(benchmark::State& state) {
   WarmLog log;
   if (!log.ok()) return state.SkipWithError("the trace file cannot be opened");
   U64 i = 0;
   for (auto _ : state) log.record(i++);
 }
-BENCHMARK(BM_Record);
 
-void BM_FirstTurnOfTheRing(benchmark::State& state) {
+void copy(benchmark::State& state) {
+  Floor floor;
+  for (std::size_t i = 0; i < ringBytes / recordBytes; ++i) floor.copy(i);
+  U64 i = 0;
+  for (auto _ : state) floor.copy(i++);
+}
+
+void spdlogToAFile(benchmark::State& state) {
+  TempDir dir;
+  auto const sink = std::make_shared<spdlog::sinks::basic_file_sink_st>(dir / "a.log");
+  spdlog::logger logger("bench", sink);
+  U64 i = 0;
+  for (auto _ : state) {
+    logger.info("key:{} hdl:{}", i, static_cast<U32>(i));
+    ++i;
+  }
+}
+
+void lttng(benchmark::State& state) {
+  TempDir dir;
+  for (auto _ : state) {
+    auto const ns = TraceBench::lttngNanoseconds(dir.path());
+    if (std::holds_alternative<double>(ns))
+      state.counters["ns"] = std::get<double>(ns);
+    else
+      state.SkipWithError(("skipped: " + std::get<std::string>(ns)).c_str());
+  }
+}
+
+BENCHMARK(record)->Name("a record of two values/ours/beside spdlog to a file");
+BENCHMARK(copy)->Name("a record of two values/floor/beside spdlog to a file");
+BENCHMARK(spdlogToAFile)->Name("a record of two values/peer/beside spdlog to a file");
+BENCHMARK(record)->Name("a record of two values/ours/beside LTTng-UST");
+BENCHMARK(copy)->Name("a record of two values/floor/beside LTTng-UST");
+BENCHMARK(lttng)->Name("a record of two values/peer/beside LTTng-UST")->Iterations(1);
+
+// A page of the file that is touched for the first time.
+void firstTurn(benchmark::State& state) {
   TempDir dir;
   Lumelog::Options options;
   options.kib.fill(64);
@@ -150,36 +140,44 @@ void BM_FirstTurnOfTheRing(benchmark::State& state) {
   }
   Lumelog::close(log);
 }
-BENCHMARK(BM_FirstTurnOfTheRing)->Iterations(ringBytes / recordBytes);
+BENCHMARK(firstTurn)
+    ->Name("a record of two values/ours/in the first turn of its ring")
+    ->Iterations(ringBytes / recordBytes);
 
-void BM_NullLog(benchmark::State& state) {
+void nullLog(benchmark::State& state) {
   Lumelog::Log* volatile none = nullptr;
   for (auto _ : state) LUMELOG_RECORD(none, 9, 1u, "key:", EntryKey(5));
 }
-BENCHMARK(BM_NullLog);
+BENCHMARK(nullLog)->Name("a record of two values/ours/without a trace file");
 
-void BM_Tsc(benchmark::State& state) {
+void emptyLoop(benchmark::State& state) {
+  for (auto _ : state) benchmark::ClobberMemory();
+}
+
+void facilityOff(benchmark::State& state) {
+  Vantrel::traceSettingIs("");
+  EntryKey const key(5);
+  U64 i = 0;
+  for (auto _ : state) {
+    VANTREL_TRACE(vantrelFastImplTrace(), 8, "key:", key, " i:", i);
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(facilityOff)->Name("a facility trace of two values/ours/off");
+BENCHMARK(emptyLoop)->Name("a facility trace of two values/floor/off");
+
+void processorsClock(benchmark::State& state) {
   Lumelog::Ticks const ticks;
   for (auto _ : state) benchmark::DoNotOptimize(ticks.now());
 }
-BENCHMARK(BM_Tsc);
 
-void BM_ClockGettime(benchmark::State& state) {
+void systemsClock(benchmark::State& state) {
   timespec t;
   for (auto _ : state) benchmark::DoNotOptimize(clock_gettime(CLOCK_MONOTONIC, &t));
 }
-BENCHMARK(BM_ClockGettime);
+BENCHMARK(processorsClock)->Name("reading the clock/ours/beside clock_gettime");
+BENCHMARK(systemsClock)->Name("reading the clock/peer/beside clock_gettime");
 
-void BM_SpdlogToAFile(benchmark::State& state) {
-  TempDir dir;
-  auto const sink = std::make_shared<spdlog::sinks::basic_file_sink_st>(dir / "a.log");
-  spdlog::logger logger("bench", sink);
-  U64 i = 0;
-  for (auto _ : state) {
-    logger.info("key:{} hdl:{}", i, static_cast<U32>(i));
-    ++i;
-  }
-}
-BENCHMARK(BM_SpdlogToAFile);
+bool const titled = Bench::titleIs("Traces", "nanoseconds");
 
 }  // namespace

@@ -4,9 +4,9 @@
 //   messages [--check] SOURCE_DIR
 //
 // A message is a call of one of the macros below. Its text is the macro's literals one behind the other, with
-// each value as it stands in the source between braces; where it is written is the function around it. When it
-// is written, and the text where it is made elsewhere, no source says: docs/messages.notes does, and a message
-// without its note, or a note without its message, is an error.
+// each value as it stands in the source between braces; where it is written is the function around it. When
+// it is written, and the text where it is made elsewhere, no source says: docs/messages.notes does, and a
+// message without its note, or a note without its message, is an error.
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
