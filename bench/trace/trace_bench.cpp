@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What tracing costs: a record of two values beside its floor, which reads the same clock and copies the same
-// bytes, and beside the same message through spdlog to a file and through a tracepoint of LTTng-UST; a facility
-// trace that is off beside the empty loop.
+// bytes, and beside the same message through spdlog to a file and through a tracepoint of LTTng-UST; a
+// facility trace that is off beside the empty loop.
 #include <benchmark/benchmark.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/spdlog.h>
