@@ -58,7 +58,7 @@ std::string shown(Json const& value) { return value.is_string() ? value.get<std:
 
 // A word of the command line as a value of the type that the agent names.
 Json valueOf(std::string const& word, std::string const& type) {
-  if (type == "text") return word;
+  if (type == "text" || type == "reference") return word;  // the agent says what it makes of a reference
   if (type == "bool") {
     if (word == "true" || word == "false") return word == "true";
     throw std::runtime_error(fmt::format("expected true or false, got \"{}\"", word));

@@ -1,0 +1,232 @@
+// SPDX-License-Identifier: Apache-2.0
+// What an operator does to a running agent: the verbs attr, watch and snapshot, and bare lines, good and bad.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <regex>
+
+#include "shoal/writer_table.h"
+#include "tests/ostra/raw_peer.h"
+#include "tests/support/process.h"
+#include "vantrel/vantrel.h"
+
+using namespace TestSupport;
+using namespace Vantrel;
+using OstraTest::RawPeer;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+namespace {
+
+struct Ended {
+  int status;
+  std::string out, err;
+};
+
+class OperatorTest : public testing::Test {
+ protected:
+  void start() {
+    agent = std::make_unique<Process>(
+        std::vector<std::string>{VANTREL_BIN_DIR "/vantreld", "--dir", dir.path()}, dir / "out", dir / "err");
+    ASSERT_TRUE(eventually([&] { return agent->out().find("ready in") != std::string::npos; }))
+        << agent->err();
+  }
+  void kill() {
+    agent->signal(SIGKILL);
+    agent->wait();
+  }
+  void want(U64 key, U32 ti, U32 prio) {
+    if (!table)
+      table = Ostra::make<Shoal::WriterTable<EntryConfig>>(dir / "config.shoal", Shoal::WriterOptions{});
+    EntryConfig c(EntryKey(key), OpId(opIds += 0x10001), static_cast<U32>(key), 0, prio);
+    c.tableIndexIs(TableKey(0), ti);
+    table->entryIs(c);
+  }
+  std::unique_ptr<Process> begin(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), VANTREL_BIN_DIR "/vantrel");
+    arguments.insert(arguments.end(), {"--dir", dir.path()});
+    std::string const name = "command" + std::to_string(++commands);
+    return std::make_unique<Process>(arguments, dir / (name + ".out"), dir / (name + ".err"));
+  }
+  Ended run(std::vector<std::string> arguments) {
+    auto const process = begin(std::move(arguments));
+    int const status = process->wait();
+    return {status, process->out(), process->err()};
+  }
+  // What a verb that succeeds prints.
+  std::string said(std::vector<std::string> arguments) {
+    Ended const ended = run(std::move(arguments));
+    EXPECT_EQ(0, ended.status) << ended.err;
+    return ended.out;
+  }
+  void expectRefused(std::vector<std::string> arguments, std::string const& why) {
+    Ended const ended = run(std::move(arguments));
+    EXPECT_EQ(1, ended.status);
+    EXPECT_EQ("vantrel: " + why + "\n", ended.err);
+  }
+
+  TempDir dir;
+  std::unique_ptr<Process> agent;
+  Ostra::Ptr<Shoal::WriterTable<EntryConfig>> table;
+  U64 opIds = 0;
+  int commands = 0;
+};
+
+}  // namespace
+
+TEST_F(OperatorTest, AttrListsGetsSetsAndInvokes) {
+  want(1, 5, 10);
+  start();
+  std::string const entities = said({"attr", "list"});
+  for (char const* entity : {"flushStatus", "debugConfig", "debugStatus", "frontEnd", "engine", "hardware"})
+    EXPECT_THAT(entities, HasSubstr(std::string("\n") + entity + " "));
+  EXPECT_THAT(said({"attr", "list", "engine"}), HasSubstr("prioGrpShift             scalar      U32"));
+  EXPECT_EQ("19\n", said({"attr", "get", "engine", "prioGrpShift"}));
+  EXPECT_EQ("1000\n", said({"attr", "get", "engine", "retryDepsMaxCnt"}));
+  EXPECT_EQ("7\n", said({"attr", "set", "engine", "retryDepsMaxCnt", "7"}));
+  EXPECT_EQ("7\n", said({"attr", "get", "engine", "retryDepsMaxCnt"}));
+  EXPECT_EQ("0.5\n", said({"attr", "set", "frontEnd", "retryPeriod", "0.5"}));
+  EXPECT_EQ("1\n", said({"attr", "get", "engine", "keyToHandle", "--key", "1"}));
+  EXPECT_EQ("done\n", said({"attr", "invoke", "frontEnd", "handleEntryCollNotify"}));
+  EXPECT_EQ("2\n", said({"attr", "get", "hardware", "flushes"})) << "one for the first walk, one for this";
+  EXPECT_EQ("1\n", said({"attr", "get", "flushStatus", "flushCounter"}));
+}
+
+TEST_F(OperatorTest, AttrSaysWhatIsWrong) {
+  want(1, 5, 10);
+  start();
+  expectRefused({"attr", "get", "engin", "prioGrpShift"},
+                "no entity is named \"engin\"; there are: configTable, debugConfig, debugStatus, engine, "
+                "flushStatus, frontEnd, hardware, statusTable, trace");
+  EXPECT_THAT(run({"attr", "get", "engine", "prio"}).err,
+              StartsWith("vantrel: Vantrel::FastVantrelImpl has no attribute \"prio\"; it has: "));
+  expectRefused({"attr", "set", "engine", "debugEnabled", "yes"}, "expected true or false, got \"yes\"");
+  expectRefused({"attr", "set", "engine", "retryDepsMaxCnt", "many"}, "expected a U32, got \"many\"");
+  expectRefused({"attr", "set", "engine", "retryDepsMaxCnt", "4294967296"},
+                "retryDepsMaxCnt expects a value of type U32, got 4294967296");
+  expectRefused({"attr", "set", "engine", "lgId", "2"}, "lgId of Vantrel::FastVantrelImpl cannot be written");
+  expectRefused({"attr", "invoke", "frontEnd", "handleEntry"}, "handleEntry takes 1 arguments, got 0");
+}
+
+TEST_F(OperatorTest, WhatWouldBreakARunningEngineIsRefused) {
+  want(1, 5, 10);
+  start();
+  std::string const cannot = " of Vantrel::FastVantrelImpl cannot be written: ";
+  expectRefused({"attr", "set", "engine", "prioGrpShift", "18"},
+                "prioGrpShift" + cannot + "entries are programmed or waiting under the present mapping");
+  expectRefused({"attr", "set", "engine", "state", "x"},
+                "state" + cannot + "it is all that the engine knows of its entries");
+  expectRefused(
+      {"attr", "set", "engine", "initialized", "false"},
+      "initialized" + cannot + "a running engine that is not initialized would drop every key it is told of");
+  EXPECT_THAT(run({"attr", "set", "frontEnd", "initialized", "false"}).err, HasSubstr("cannot be written: "));
+  EXPECT_EQ("true\n", said({"attr", "get", "engine", "initialized"}));
+  EXPECT_EQ("true\n", said({"attr", "get", "frontEnd", "initialized"}));
+}
+
+TEST_F(OperatorTest, TraceLevelsOfARunningAgentAreSwitched) {
+  want(1, 5, 10);
+  start();
+  EXPECT_EQ("", agent->err());
+  std::string const file = dir / "traces";
+  EXPECT_EQ("VantrelImpl/9,VantrelSm/8 >" + file + "\n",
+            said({"attr", "set", "trace", "settings", "VantrelImpl/9,VantrelSm/8 >" + file}));
+  want(2, 6, 20);
+  ASSERT_TRUE(
+      eventually([&] { return contents(file).find("Finished notify on key=2") != std::string::npos; }));
+  EXPECT_THAT(contents(file), HasSubstr("VantrelSm/8 virtual void Vantrel::VantrelSm::handleEntry("));
+  EXPECT_THAT(contents(file), HasSubstr("VantrelImpl/9 Notify on key=2\n"));
+  EXPECT_EQ("\n", said({"attr", "set", "trace", "settings", ""}));
+  std::string const before = contents(file);
+  want(3, 7, 30);
+  ASSERT_TRUE(eventually([&] { return said({"attr", "get", "hardware", "entries"}) == "3\n"; }));
+  EXPECT_EQ(before, contents(file));
+  EXPECT_EQ("nonsense\n", said({"attr", "set", "trace", "settings", "nonsense"}));
+  EXPECT_THAT(agent->err(), HasSubstr("TRACE: cannot read \"nonsense\": expected NAME/LEVEL"));
+}
+
+TEST_F(OperatorTest, SnapshotSaysThatThereIsNoAgent) {
+  want(1, 5, 10);
+  Ended const never = run({"snapshot"});
+  EXPECT_EQ(1, never.status);
+  EXPECT_EQ("vantrel: no agent listens on " + dir / "mgmt.sock\n", never.err);
+  start();
+  kill();
+  Ended const gone = run({"snapshot", "--timeout", "0.2"});
+  EXPECT_EQ(1, gone.status);
+  EXPECT_THAT(gone.err, HasSubstr("mgmt.sock: Connection refused\n"));
+}
+
+TEST_F(OperatorTest, WatchRefusesAnEntityThatIsNotThereAndWaitsForThatOfASuccessor) {
+  start();
+  Ended const early = run({"watch", "engine"});
+  EXPECT_EQ(1, early.status);
+  EXPECT_THAT(early.err, StartsWith("vantrel: no entity is named \"engine\"; there are: "));
+
+  want(1, 5, 10);
+  ASSERT_TRUE(eventually([&] { return said({"attr", "list"}).find("\nengine ") != std::string::npos; }));
+  auto const watch = begin({"watch", "engine"});
+  ASSERT_TRUE(eventually([&] { return watch->out().find("\nlive\n") != std::string::npos; })) << watch->err();
+  EXPECT_THAT(watch->out(), HasSubstr("keyToHandle[1] = 1\n"));
+
+  kill();
+  ASSERT_TRUE(eventually([&] { return watch->err().find("; waiting for it\n") != std::string::npos; }));
+  table = nullptr;
+  std::filesystem::remove(dir / "config.shoal");
+  start();  // an agent that has no engine yet
+  ASSERT_TRUE(
+      eventually([&] { return watch->err().find("vantrel: the agent is back\n") != std::string::npos; }));
+  want(2, 6, 20);
+  ASSERT_TRUE(eventually([&] { return watch->out().find("keyToHandle[2] = 2\n") != std::string::npos; }))
+      << watch->out() << watch->err();
+  want(3, 7, 30);
+  ASSERT_TRUE(eventually([&] { return watch->out().find("keyToHandle[3] = 3\n") != std::string::npos; }));
+}
+
+TEST_F(OperatorTest, BadLinesDoTheAgentNoHarm) {
+  want(1, 5, 10);
+  start();
+  std::string const socket = dir / "mgmt.sock";
+  auto const answerTo = [&](std::string const& line) {
+    RawPeer peer(socket);
+    peer.write(line + '\n');
+    EXPECT_TRUE(eventually([&] {
+      peer.read();
+      return !peer.lines().empty() || peer.closed();
+    }));
+    return peer.lines().empty() ? std::string("closed") : peer.lines().front();
+  };
+  for (std::string const& line :
+       {std::string("good morning"), std::string("[1,2]"), std::string("{\"verb\":"), std::string("{}"),
+        std::string(R"({"verb":"fly"})"), std::string(R"({"verb":["read"]})"),
+        std::string(R"({"verb":"read","entity":3})"), std::string(R"({"verb":"invoke","entity":"engine"})"),
+        std::string(R"({"verb":"write","entity":"engine","attribute":"dirty","value":{"a":1}})"),
+        std::string(60000, '['), std::string(200, '\0'), std::string("\xff\xfe{\"verb\"")})
+    EXPECT_THAT(answerTo(line), MatchesRegex("\\{\"error\":\".+\"\\}")) << line.substr(0, 80);
+
+  std::vector<std::unique_ptr<RawPeer>> halves;  // begin a line and go
+  for (int i = 0; i < 200; ++i) {
+    halves.push_back(std::make_unique<RawPeer>(socket));
+    halves.back()->write(R"({"verb":"invoke","entity":"engine","operation":"dumpSt)");
+  }
+  halves.clear();
+
+  long const before = agent->residentKib();
+  RawPeer endless(socket);
+  std::string const piece(1 << 20, 'x');
+  std::size_t sent = 0;
+  EXPECT_TRUE(eventually([&] {
+    sent += endless.write(piece);
+    endless.read();
+    return sent >= 100u << 20 || endless.closed();
+  }));
+  endless.read();  // what came before the end
+  EXPECT_THAT(endless.lines(), ElementsAre(R"({"error":"a line is longer than 65536 bytes"})"));
+  EXPECT_LT(agent->residentKib(), before + 16 * 1024);
+  EXPECT_EQ("1\n", said({"attr", "get", "hardware", "entries"}));
+  agent->signal(SIGTERM);
+  EXPECT_EQ(0, agent->wait()) << agent->err();
+}
