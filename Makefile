@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # The everyday commands, thin over CMakePresets.json. `make help` lists them.
 .DEFAULT_GOAL := build
-.PHONY: build demo check bench fuzz soak tidy install clean help configured
+.PHONY: build demo check bench fuzz coverage soak tidy install clean help configured
 
 JOBS ?= $(shell nproc)
 SAY = @printf '==> %s\n'
@@ -45,6 +45,13 @@ fuzz: ## each fuzz target for FUZZ_SECONDS (60), clang and libFuzzer
 	@$(call configure,fuzz)
 	@$(call compile,fuzz)
 	@scripts/fuzz
+
+coverage: ## which lines of vantrel/ the tests run; fails below 95 %
+	$(SAY) "coverage: instrumented build in build-coverage/"
+	@scripts/bootstrap build coverage
+	@$(call configure,coverage)
+	@$(call compile,coverage)
+	@scripts/coverage
 
 soak: configured ## SOAK_MINUTES (10) of churn, then of seeded walks; 10,000 kills
 	@$(call compile,release) --target programs shoal_kill_test test_walks test_exhaustive

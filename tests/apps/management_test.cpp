@@ -158,7 +158,7 @@ TEST_F(ManagementTest, OfAHundredWatchersAStoppedOneDisturbsNobody) {
   while (requester.config->version() < snapshots) {
     table->entryDel(EntryKey(2000 - requester.config->version() % 2));  // something differs each time
     want(2000 - requester.config->version() % 2, 2000 - requester.config->version() % 2, 10);
-    ASSERT_TRUE(requester.snapshot(10)) << "the requester is answered in time";
+    ASSERT_TRUE(requester.snapshot(30)) << "the requester is answered in time";
   }
   for (int i = 0; i < watchers; ++i) {
     if (i == 50) continue;

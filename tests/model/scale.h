@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// How much the long tests do: under the sanitizers, where a step costs ten times as much, a part of it.
+// How much the long tests do: under the sanitizers and unoptimised, where a step costs ten times as much, a
+// part of it.
 #pragma once
 
 #include <cstdlib>
@@ -8,10 +9,10 @@
 
 namespace Testing {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool sanitized = true;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(__OPTIMIZE__)
+constexpr bool slow = true;
 #else
-constexpr bool sanitized = false;
+constexpr bool slow = false;
 #endif
 
 inline U64 environment(char const* name, U64 otherwise) {

@@ -75,8 +75,8 @@ TEST(Liveness, inOneGroupEveryKeyArrivesFromAnyEarlierState) {
   for (std::vector<U32> const& prios : {std::vector<U32>{0, 0, 0}, {0, 0, 1}, {0, 1, 1}, {0, 1, 2}}) {
     std::vector<Member> members;
     for (U32 prio : prios) members.push_back({0, prio});
-    runs += everyoneArrives(members, 3, sanitized ? 2 : 4);
-    runs += everyoneArrives(members, 4, sanitized ? 1 : 3);
+    runs += everyoneArrives(members, 3, slow ? 2 : 4);
+    runs += everyoneArrives(members, 4, slow ? 1 : 3);
   }
   std::printf("%llu rewrites of three keys\n", static_cast<unsigned long long>(runs));
 }
@@ -106,7 +106,7 @@ TEST(Liveness, inOneGroupEveryKeyArrivesWhenNoPositionIsFree) {
 TEST(Liveness, inOneGroupEveryKeyArrivesInLargeRandomRewrites) {
   std::mt19937_64 random(1);
   Differ differ({});
-  for (int run = 0; run < (sanitized ? 600 : 6000); ++run) {
+  for (int run = 0; run < (slow ? 600 : 6000); ++run) {
     U32 const keys = 2 + static_cast<U32>(random() % 11);
     U32 const positions = keys + static_cast<U32>(random() % 3);
     std::vector<Member> members;
@@ -202,7 +202,7 @@ U32 leftBehind(Rewrites const& r, U32 runs) {
 }
 
 TEST(Liveness, withSeveralGroupsARingThroughAPriorityBlockedMemberStays) {
-  constexpr U32 runs = sanitized ? 500 : 5000;
+  constexpr U32 runs = slow ? 500 : 5000;
   for (U32 groups : {2U, 3U})
     for (U32 priorities : {2U, 10U})
       for (U32 positions : {10U, 20U, 40U})
@@ -210,7 +210,7 @@ TEST(Liveness, withSeveralGroupsARingThroughAPriorityBlockedMemberStays) {
 }
 
 TEST(Liveness, nobodyIsLeftBehindInOneGroupOrWithOnePriorityOrWithGroupsApart) {
-  constexpr U32 runs = sanitized ? 500 : 5000;
+  constexpr U32 runs = slow ? 500 : 5000;
   EXPECT_EQ(leftBehind({1, 10, 10, false}, runs), 0U);
   EXPECT_EQ(leftBehind({3, 1, 10, false}, runs), 0U);
   EXPECT_EQ(leftBehind({3, 10, 10, true}, runs), 0U);
