@@ -6,12 +6,14 @@
 
 #include "ostra/mount.h"
 #include "vantrel/engine/debug_entities.h"
+#include "vantrel/sm/flush_status.h"
 
 namespace VantrelCommand {
 namespace {
 
 using Vantrel::DebugConfig;
 using Vantrel::DebugStatus;
+using Vantrel::VantrelFlushStatus;
 
 template <class Positions, class OpIds>
 void collect(Positions const& positions, OpIds const& opIds, std::map<U32, Snapshot::Place>& places) {
@@ -26,10 +28,13 @@ class SocketView : public AgentView {
   explicit SocketView(std::string path) : path_(std::move(path)) {}
 
   std::optional<Snapshot> snapshot(double seconds) override {
-    if (!std::filesystem::exists(path_)) return fail("no agent listens on " + path_);
-    if (!agent_) connect();
+    if (!connect()) return std::nullopt;
+    if (!config_) {
+      config_ = agent_->mount<DebugConfig>({}, Ostra::Mounter::Access::Writable);
+      status_ = agent_->mount<DebugStatus>();
+    }
     if (!agent_->dispatchUntil([this] { return agent_->live(*config_) && agent_->live(*status_); }, seconds))
-      return fail(agent_->problem().empty() ? "the agent does not answer on " + path_ : agent_->problem());
+      return fail(whyNoAnswer());
     config_->versionInc(1);
     if (!agent_->dispatchUntil([this] { return status_->version() == config_->version(); }, seconds))
       return fail("the agent took no snapshot in time");
@@ -38,13 +43,32 @@ class SocketView : public AgentView {
     collect(status_->pending(), status_->pendingOpId(), snapshot.waiting);
     return snapshot;
   }
+  bool flushed(double seconds) override {
+    if (!connect()) return false;
+    if (!flush_) flush_ = agent_->mount<VantrelFlushStatus>();
+    // Each front end moves tableCounter when it is made and flushCounter after its first walk.
+    auto const done = [this] {
+      return agent_->live(*flush_) && flush_->tableCounter() != 0 &&
+             flush_->flushCounter() == flush_->tableCounter();
+    };
+    if (agent_->dispatchUntil(done, seconds)) return true;
+    fail(agent_->live(*flush_) ? "the agent has not flushed the table" : whyNoAnswer());
+    return false;
+  }
+  bool listens() const override { return std::filesystem::exists(path_); }
   std::string problem() const override { return problem_; }
 
  private:
-  void connect() {
-    agent_ = std::make_unique<Ostra::Mounter>(path_);
-    config_ = agent_->mount<DebugConfig>({}, Ostra::Mounter::Access::Writable);
-    status_ = agent_->mount<DebugStatus>();
+  bool connect() {
+    if (!agent_ && !listens()) {
+      fail("no agent listens on " + path_);
+      return false;
+    }
+    if (!agent_) agent_ = std::make_unique<Ostra::Mounter>(path_);
+    return true;
+  }
+  std::string whyNoAnswer() const {
+    return agent_->problem().empty() ? "the agent does not answer on " + path_ : agent_->problem();
   }
   std::nullopt_t fail(std::string why) {
     problem_ = std::move(why);
@@ -55,6 +79,7 @@ class SocketView : public AgentView {
   std::string problem_;
   Ostra::Ptr<DebugConfig> config_;
   Ostra::Ptr<DebugStatus> status_;
+  Ostra::Ptr<VantrelFlushStatus> flush_;
   std::unique_ptr<Ostra::Mounter> agent_;
 };
 

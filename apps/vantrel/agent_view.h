@@ -28,7 +28,12 @@ class AgentView {
   virtual ~AgentView() = default;
   // A snapshot taken now, unless the agent does not give one within `seconds`.
   virtual std::optional<Snapshot> snapshot(double seconds) = 0;
-  // Why there was none.
+  // Waits until every table that the agent has attached was walked and flushed; false when that was not so
+  // within `seconds`. A table that nobody has attached yet is not flushed.
+  virtual bool flushed(double seconds) = 0;
+  // There is a socket to ask on.
+  virtual bool listens() const = 0;
+  // Why there was none, or not.
   virtual std::string problem() const = 0;
 };
 

@@ -56,6 +56,16 @@ void Awaiting::untilDone(std::string const& what) {
   progress_.clear();
 }
 
+bool Awaiting::untilFlushed() {
+  auto const agent = agentViewOf(dir_);
+  while (!agent->flushed(std::clamp(secondsLeft(), 0.0, tick))) {
+    if (!agent->listens()) return false;
+    if (secondsLeft() <= 0)
+      throw Late(fmt::format("the table is not flushed within {} s; {}", *timeout_, agent->problem()));
+  }
+  return true;
+}
+
 void Awaiting::late() {
   progress_.clear();
   std::vector<Vantrel::EntryKey> const keys = acknowledgements_.keys();

@@ -33,6 +33,9 @@ class Awaiting {
   void await(Vantrel::EntryKey key, Vantrel::OpId opId) { acknowledgements_.await(key, opId); }
   // Returns when nothing is outstanding. `what` is done, as the progress says.
   void untilDone(std::string const& what);
+  // Returns when the agent says that it has walked and flushed the table; false when there is no agent that
+  // could say so.
+  bool untilFlushed();
   // Tells what there is to tell, without waiting.
   void catchUp() { tables_.wait(0); }
   void progress(std::string const& what, U64 done, U64 all) { progress_.show(what, done, all); }

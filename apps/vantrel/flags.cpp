@@ -40,15 +40,16 @@ CLI::Option* addDir(CLI::App& app, std::string& dir) {
 
 void addJson(CLI::App& app, bool& json) { app.add_flag("--json", json, "One JSON object a line"); }
 
-void addTimeout(CLI::App& app, std::optional<double>& seconds, std::string const& help) {
-  app.add_option_function<double>(
-         "--timeout",
-         [&seconds](double value) {
-           if (!std::isfinite(value) || value < 0)
-             throw CLI::ValidationError("--timeout", "expected a time of at least 0 seconds");
-           seconds = value;
-         },
-         help)
+CLI::Option* addTimeout(CLI::App& app, std::optional<double>& seconds, std::string const& help) {
+  return app
+      .add_option_function<double>(
+          "--timeout",
+          [&seconds](double value) {
+            if (!std::isfinite(value) || value < 0)
+              throw CLI::ValidationError("--timeout", "expected a time of at least 0 seconds");
+            seconds = value;
+          },
+          help)
       ->type_name("SECONDS");
 }
 

@@ -38,7 +38,7 @@ CLI::Option* addDir(CLI::App& app, std::string& dir);
 // --json
 void addJson(CLI::App& app, bool& json);
 // --timeout S, a time of at least 0 seconds
-void addTimeout(CLI::App& app, std::optional<double>& seconds, std::string const& help);
+CLI::Option* addTimeout(CLI::App& app, std::optional<double>& seconds, std::string const& help);
 
 // --prio-grp-shift S, --max-partitions M: the engine's mapping, as the agent was told.
 struct MappingFlags {

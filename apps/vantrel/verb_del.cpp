@@ -58,9 +58,9 @@ void addDel(CLI::App& app) {
   CLI::App& verb = *app.add_subcommand("del", "Removes one entry");
   addDir(verb, del->dir);
   addNumber(verb, "--key", del->key, "The entry's key")->required();
-  verb.add_flag("--ack", del->ack,
-                "Marks it for delete, waits for the acknowledgement, then removes its record");
-  addTimeout(verb, del->timeout, "How long --ack waits; without it, as long as it takes");
+  CLI::Option* const ack = verb.add_flag(
+      "--ack", del->ack, "Marks it for delete, waits for the acknowledgement, then removes its record");
+  addTimeout(verb, del->timeout, "How long --ack waits; without it, as long as it takes")->needs(ack);
   addJson(verb, del->json);
   verb.footer("Example:\n  vantrel del --dir /run/vantrel --key 7 --ack");
   verb.callback([del] { del->run(); });

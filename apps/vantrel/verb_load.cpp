@@ -59,6 +59,7 @@ class Load {
   std::optional<U32> size;
   MappingFlags mapping;
   bool json = false;
+  bool flushed = false;
 
   void run() {
     Vantrel::Mapping const engine = mapping.mapping();
@@ -76,6 +77,7 @@ class Load {
     else
       loader.leave();
     awaiting.clearProgress();
+    if (wait) flushed = awaiting.untilFlushed();
     report(loader, latencies, rules.size(), std::chrono::duration<double>(Clock::now() - started).count());
   }
 
@@ -102,7 +104,10 @@ class Load {
       nlohmann::ordered_json line{{"rules", rules},       {"added", n.added},     {"updated", n.updated},
                                   {"moved", n.moved},     {"deleted", n.deleted}, {"kept", n.kept},
                                   {"acknowledged", wait}, {"seconds", seconds}};
-      if (wait) line.update({{"medianMs", latencies.quantile(0.5)}, {"p99Ms", latencies.quantile(0.99)}});
+      if (wait)
+        line.update({{"flushed", flushed},
+                     {"medianMs", latencies.quantile(0.5)},
+                     {"p99Ms", latencies.quantile(0.99)}});
       if (!wait) line["remaining"] = loader.remaining();
       fmt::print("{}\n", line.dump());
       return;
@@ -111,10 +116,11 @@ class Load {
                n.updated, n.moved, n.deleted, n.kept);
     if (wait)
       fmt::print(
-          "every entry acknowledged after {:.2f} s; from write to acknowledgement {:.1f} ms (median), {:.1f} "
-          "ms "
-          "(99th percentile)\n",
-          seconds, latencies.quantile(0.5), latencies.quantile(0.99));
+          "every entry acknowledged{} after {:.2f} s; from write to acknowledgement {:.1f} ms (median), "
+          "{:.1f} "
+          "ms (99th percentile)\n",
+          flushed ? " and the table flushed" : "", seconds, latencies.quantile(0.5),
+          latencies.quantile(0.99));
     else if (loader.remaining() != 0)
       fmt::print("{} changes have to wait for acknowledgements: load again with --wait\n",
                  loader.remaining());
@@ -131,9 +137,11 @@ void addLoad(CLI::App& app) {
       ->required()
       ->type_name("FILE");
   addDir(verb, load->dir);
-  verb.add_flag("--wait", load->wait, "Returns when every change is acknowledged");
+  CLI::Option* const wait = verb.add_flag(
+      "--wait", load->wait, "Returns when every change is acknowledged and the agent has flushed the table");
   addTimeout(verb, load->timeout,
-             "How long --wait waits; then the late keys are named. Without it, as long as it takes");
+             "How long --wait waits; then the late keys are named. Without it, as long as it takes")
+      ->needs(wait);
   addNumber(verb, "--size", load->size,
             fmt::format("Positions of the hardware table, 0 to N-1 ({})", defaultSize));
   load->mapping.addTo(verb);

@@ -86,8 +86,8 @@ void addPut(CLI::App& app) {
   addNumber(verb, "--ti", put->ti, "Its position")->required();
   addNumbers(verb, "--data", put->data, "Its data words: match and action");
   put->mapping.addTo(verb);
-  verb.add_flag("--wait", put->wait, "Returns when it is acknowledged");
-  addTimeout(verb, put->timeout, "How long --wait waits; without it, as long as it takes");
+  CLI::Option* const wait = verb.add_flag("--wait", put->wait, "Returns when it is acknowledged");
+  addTimeout(verb, put->timeout, "How long --wait waits; without it, as long as it takes")->needs(wait);
   addJson(verb, put->json);
   verb.footer(
       "Example:\n"

@@ -143,7 +143,10 @@ TEST_F(CommandTest, AWrongFlagIsUsageAndTwo) {
            {"ls", "config"},
            {"status", "x", "--dir", "d"},
            {"load", "--dir", "d"},
-           {"load", "f", "--dir", "d", "--timeout", "-1"},
+           {"load", "f", "--dir", "d", "--wait", "--timeout", "-1"},
+           {"load", "f", "--dir", "d", "--timeout", "1"},
+           {"del", "--dir", "d", "--key", "1", "--timeout", "1"},
+           {"put", "--dir", "d", "--key", "1", "--pg", "0", "--prio", "1", "--ti", "1", "--timeout", "1"},
            {"load", "f", "--dir", "d", "--max-partitions", "0"},
            {"load", "f", "--dir", "d", "--fast"}}) {
     Ended const ended = run(arguments);
@@ -309,6 +312,28 @@ TEST_F(CommandTest, AFileIsLoadedAndItsChangesAfterIt) {
   std::mt19937 random(3);
   std::ranges::shuffle(rules, random);
   load();
+  stop(*daemon);
+}
+
+TEST_F(CommandTest, AWaitingLoadHearsFromTheAgentThatTheTableIsFlushed) {
+  std::string const rules = writeRules(Acl::generateRules(6, 100));
+  std::vector<std::string> const load{"load", rules, "--wait", "--timeout", "60", "--json"};
+  auto daemon = agent();
+  Ended const ended = at(load);
+  EXPECT_EQ(ended.status, 0) << ended.err;
+  EXPECT_EQ(ended.lines().at(0)["flushed"], true);
+
+  daemon->signal(SIGKILL);  // leaves the acknowledgements of every entry behind
+  daemon->wait();
+  Ended const late = at({"load", rules, "--wait", "--timeout", "0.3"});
+  EXPECT_EQ(late.status, 1);
+  EXPECT_THAT(late.err, HasSubstr("the table is not flushed within 0.3 s; "));
+  EXPECT_THAT(late.err, HasSubstr("mgmt.sock: Connection refused"));
+
+  auto const waiting = start({"load", rules, "--wait", "--json", "--dir", tables()});
+  daemon = agent();
+  EXPECT_EQ(waiting->wait(), 0) << waiting->err();
+  EXPECT_EQ(json::parse(waiting->out())["flushed"], true);
   stop(*daemon);
 }
 
