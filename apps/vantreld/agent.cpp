@@ -44,11 +44,16 @@ class Agent::Watched {
   Watched& operator=(Watched const&) = delete;
 
  private:
+  // After the dispatch, whatever it throws: no system call stands before an acknowledgement.
+  struct AwaitedAgain {
+    Watched& watched;
+    ~AwaitedAgain() { watched.await(); }
+  };
   void await() {
     descriptor_.async_wait(boost::asio::posix::stream_descriptor::wait_read,
                            [this](boost::system::error_code error) {
                              if (error) return;
-                             await();
+                             AwaitedAgain const after{*this};
                              dispatch_();
                            });
   }

@@ -43,10 +43,12 @@ void Mount::toldOf(U64 key) { known_->insert(key); }
 
 bool Mount::mend() { return mapping_->cutShort() && mapping_->mend(view_->extent()); }
 
-// Asleep before the last look: a change that this look misses wakes it.
+// What lies there is told before the descriptor is asked what else there is: most often, nothing. Asleep
+// before the last look: a change that this look misses wakes it.
 void Mount::dispatch() {
   fd();
   watch_->asleepIs(false);
+  if (!mapping_->cutShort()) deliver();
   Watch::News const news = watch_->drain();
   if (news.fileMayBeAnother || news.writerWent) follow();
   if (mapping_->cutShort()) mend();
