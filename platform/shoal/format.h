@@ -26,7 +26,7 @@
 namespace Shoal::Format {
 
 inline constexpr U64 magic = 0x314C424154485353U;  // "SSHTABL1"
-inline constexpr U32 version = 1;
+inline constexpr U32 version = 2;
 
 inline constexpr U64 unitBytes = 64;             // what an index entry or a link counts in
 inline constexpr U64 chunkBytes = 256U * 1024U;  // what the file grows by
@@ -73,8 +73,8 @@ constexpr U64 chunkStart(U64 ringEntries) {
   return roundUp(overflowDirectoryAt(ringEntries) + directoryEntries * 8, 4096);
 }
 
-// A slot: 0 checksum 8 | 8 state 8 | 16 key 8 | 24 image. The checksum is XXH3-64 of what follows it, up to
-// the image's last word that is not zero.
+// A slot: 0 checksum 8 | 8 state 8 | 16 key 8 | 24 image. The checksum (checksum.h) is of the words up to the
+// image's last one that is not zero, and of one more, zero, where they are an odd number.
 inline constexpr U64 slotKeyAt = 16;
 inline constexpr U64 slotStateAt = 8;
 inline constexpr U64 slotImageAt = 24;
@@ -85,6 +85,7 @@ constexpr U64 slotBytes(U64 imageBytes) { return roundUp(slotImageAt + imageByte
 constexpr U64 state(U64 generation, U64 words) { return (generation & 0xFFFFFFFFFFFFU) | words << 48; }
 constexpr U64 generation(U64 state) { return state & 0xFFFFFFFFFFFFU; }
 constexpr U64 words(U64 state) { return state >> 48; }
+constexpr U64 wordPairs(U64 state) { return (3 + words(state) + 1) / 2; }  // of the slot, in use
 
 // A bijective mix: every bit of x reaches every bit of the result.
 constexpr U64 mix(U64 x) {
@@ -134,12 +135,13 @@ constexpr std::optional<U64> linkUnit(U64 word, U64 bucket, U64 depth) {
 // Ring entry of change `sequence`: the stamp guards sequence and key.
 constexpr U64 stamp(U64 sequence, U64 key) { return guard(sequence, mix(key) | 1); }
 
-// The bucket of a hash in an index of `buckets` buckets.
-constexpr U64 bucketOf(U64 hash, U64 buckets) {
-  U64 const level = std::bit_floor(buckets);
+// The bucket of a hash in an index of `buckets` buckets, `level` being the greatest power of two in that;
+// without a branch, which would be guessed wrong.
+constexpr U64 bucketOf(U64 hash, U64 buckets, U64 level) {
   U64 const bucket = hash & (2 * level - 1);
-  return bucket < buckets ? bucket : hash & (level - 1);
+  return bucket ^ (level & -U64{bucket >= buckets});
 }
+constexpr U64 bucketOf(U64 hash, U64 buckets) { return bucketOf(hash, buckets, std::bit_floor(buckets)); }
 
 // Strongly universal: multiply-add in 128 bits, of which the high half is kept, then mixed. Whoever does not
 // know the file's random multiplier and addend cannot choose two keys that collide with more than their fair

@@ -15,11 +15,10 @@ constexpr Shape shapeOf() {
 
 // A copy of the record, or the empty record. A slot that holds another key's record is damage.
 template <class R>
-R recordOf(TableView& view, typename RecordTraits<R>::Key const& key) {
+[[gnu::always_inline]] inline R recordOf(TableView& view, typename RecordTraits<R>::Key const& key) {
   std::byte const* const image = view.read(key.value());
-  if (!image) return RecordTraits<R>::empty();
-  R record = RecordTraits<R>::decode(image);
-  if (RecordTraits<R>::key(record).value() != key.value())
+  R record = image ? RecordTraits<R>::decode(image) : RecordTraits<R>::empty();
+  if (image && RecordTraits<R>::key(record).value() != key.value()) [[unlikely]]
     throw Pallo::CorruptionDetectedException(view.damage("a record carries the key of another"));
   return record;
 }

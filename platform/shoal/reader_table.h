@@ -68,7 +68,7 @@ class ReaderTable : public Table<R>, private Mount::Sink {
   }
 
  private:
-  R mended(Key const& key) const {
+  [[gnu::always_inline]] R mended(Key const& key) const {
     try {
       return validated(key);
     } catch (Pallo::CorruptionDetectedException const&) {
@@ -76,8 +76,10 @@ class ReaderTable : public Table<R>, private Mount::Sink {
     }
     return validated(key);
   }
-  R validated(Key const& key) const {
-    if (!validator_) return recordOf<R>(mount_.view(), key);
+  [[gnu::always_inline]] R validated(Key const& key) const {
+    return validator_ ? passed(key) : recordOf<R>(mount_.view(), key);
+  }
+  R passed(Key const& key) const {
     try {
       R record = recordOf<R>(mount_.view(), key);
       if (record == Traits::empty()) return record;

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "shoal/error.h"
+#include "shoal/shared_words.h"
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -23,8 +24,15 @@ namespace {
 constexpr int maxAttempts = 1000;
 constexpr int maxIndexAttempts = 8;
 constexpr U64 maxDepth = 4096;
+constexpr U64 prefetchBuckets = 3;  // how far a walk looks ahead
 
 U64 acquire(std::atomic<U64> const& word) { return word.load(std::memory_order_acquire); }
+
+bool lineIntact(std::atomic<U64> const* line) {
+  U64 folded = 0;
+  for (unsigned i = 0; i < entriesPerLine; ++i) folded |= foldBytes(acquire(line[i]));
+  return folded == 0;
+}
 
 U64 packWalk(U64 bucket, U64 depth, unsigned at) { return bucket << 16 | depth << 3 | at; }
 
@@ -35,9 +43,10 @@ TableView::TableView(std::shared_ptr<Mapping const> mapping)
   checkHeader();
   seed_ = {header_.hash[0], header_.hash[1], header_.hash[2], header_.hash[3]};
   maxWords_ = (header_.imageBytes + 7) / 8;
-  scratch_.assign(2 + maxWords_, 0);
+  scratchSpace_.assign(header_.slotBytes / 8 + 1, 0);
+  scratch_ = scratchSpace_.data() + (reinterpret_cast<std::uintptr_t>(scratchSpace_.data()) & 15) / 8;
   indexChunks_.assign(directoryEntries, nullptr);
-  limit_ = chunkOffset(chunks());
+  limitIs(chunkOffset(chunks()));
 }
 
 TableView::TableView(std::shared_ptr<Mapping const> mapping, Shape const& shape)
@@ -129,6 +138,7 @@ U64 TableView::buckets() const {
   if (unguard(seen, bucketsAt) == value) {
     bucketsWord_ = seen;
     bucketsSeen_ = value;
+    levelSeen_ = std::bit_floor(value);
   }
   return value;
 }
@@ -144,12 +154,18 @@ std::optional<U64> TableView::changedKey(U64 sequence) const {
   return key;
 }
 
+void TableView::limitIs(U64 limit) {
+  limit_ = limit;
+  firstUnit_ = header_.chunkStart / unitBytes;
+  unitSpan_ = (std::min(limit_, mapping_->window()) - header_.slotBytes) / unitBytes - firstUnit_;
+}
+
 bool TableView::insideChunks(U64 offset, U64 bytes) {
   if (offset < header_.chunkStart) return false;
   if (offset + bytes <= limit_) [[likely]]
     return true;
   auto const inUse = unguard(acquire(*word(chunksAt)), chunksAt);
-  if (inUse && *inUse <= windowBytes / chunkBytes) limit_ = std::max(limit_, chunkOffset(*inUse));
+  if (inUse && *inUse <= windowBytes / chunkBytes) limitIs(std::max(limit_, chunkOffset(*inUse)));
   return offset + bytes <= limit_ && offset + bytes <= mapping_->window();
 }
 
@@ -171,22 +187,22 @@ std::atomic<U64>* TableView::overflowLine(U64 unit) {
   return insideChunks(unit * unitBytes, unitBytes) ? word(unit * unitBytes) : nullptr;
 }
 
-// Word by word, each load ordered before the next: the state is read first and again last, so that a slot
-// that was recycled meanwhile shows.
-TableView::Copy TableView::copySlot(U64 unit) {
-  std::atomic<U64> const* const slot = word(unit * unitBytes);
+// The state is read first and again last, so that a slot that was recycled meanwhile shows.
+[[gnu::always_inline]] inline TableView::Copy TableView::copyWords(std::atomic<U64> const* slot) {
   U64 const before = acquire(slot[1]);
-  U64 const count = words(before);
-  if (before & 1) return Copy::changing;
-  if (count > maxWords_) return Copy::damaged;
-  U64 const checksum = acquire(slot[0]);
-  scratch_[0] = before;
-  for (U64 i = 1; i < 2 + count; ++i) scratch_[i] = acquire(slot[i + 1]);
-  if (dirtyWords_ > count) std::fill(&scratch_[2 + count], scratch_.data() + 2 + dirtyWords_, 0);
-  dirtyWords_ = count;
-  if (acquire(slot[1]) != before) return Copy::changing;
-  return XXH3_64bits(scratch_.data(), (2 + count) * 8) == checksum ? Copy::whole : Copy::damaged;
+  if ((before & 1) != 0 || words(before) > maxWords_) [[unlikely]]
+    return before & 1 ? Copy::changing : Copy::damaged;
+  U64 const pairs = wordPairs(before);
+  U64 const checksum = copySlotWords(slot, scratch_, pairs);
+  if (pairs < pairsCopied_) [[unlikely]]
+    std::fill(scratch_ + 2 * pairs, scratch_ + 2 * pairsCopied_, 0);
+  pairsCopied_ = pairs;
+  if (acquire(slot[1]) != before || scratch_[1] != before) [[unlikely]]
+    return Copy::changing;
+  return checksum == scratch_[0] ? Copy::whole : Copy::damaged;
 }
+
+TableView::Copy TableView::copySlot(U64 unit) { return copyWords(word(unit * unitBytes)); }
 
 bool TableView::tailIsZero(U64 unit) const {
   std::atomic<U64> const* const slot = word(unit * unitBytes);
@@ -230,20 +246,17 @@ TableView::Scan TableView::scan(U64 key, U64 hash, U64 bucket, bool copy) {
   if (!at) return Scan::damagedIndex;
   U64 const wanted = tag(hash);
   Scan worst = Scan::absent;
-  U64 folded = 0;
   for (U64 depth = 0;; ++depth) {
-    for (unsigned i = 0; i < entriesPerLine; ++i) {
-      U64 const entry = acquire(at[i]);
-      folded |= foldBytes(entry);
-      if (entryTag(entry) != wanted || entry == 0) [[likely]]
-        continue;
-      Scan const result = tryEntry(at[i], entry, key, hash, copy);
+    for (unsigned left = entriesOfTag(at, wanted); left != 0; left &= left - 1) {
+      std::atomic<U64> const& word = at[std::countr_zero(left)];
+      U64 const entry = acquire(word);
+      if (entryTag(entry) != wanted || entry == 0) continue;
+      Scan const result = tryEntry(word, entry, key, hash, copy);
       if (result == Scan::found || result == Scan::changing) return result;
       worst = std::max(worst, result);
     }
     // An entry that is damaged may be the key's.
-    if (folded != 0) [[unlikely]]
-      worst = Scan::damagedIndex;
+    if (!lineIntact(at)) worst = Scan::damagedIndex;
     U64 const linkWord = acquire(at[7]);
     auto const unit = linkUnit(linkWord, bucket, depth);
     if (!unit || depth > maxDepth) return Scan::damagedIndex;
@@ -283,14 +296,32 @@ std::atomic<U64> const* TableView::entryWord(U64 key) {
 }
 
 bool TableView::readRemembered(U64 key) {
-  if (!visited_.word || visited_.key != key || acquire(*visited_.word) != visited_.entry) return false;
+  if (visited_.key != key || acquire(*visited_.word) != visited_.entry) return false;
   return copySlot(entryUnit(visited_.entry)) == Copy::whole && scratchKey() == key &&
          acquire(*visited_.word) == visited_.entry;
 }
 
+// The common case in one straight line: the key is in its bucket's first line, and at rest. Whatever else may
+// be the case, lookup() finds out.
+[[gnu::always_inline]] inline bool TableView::readStraight(U64 key) {
+  if (acquire(*word(bucketsAt)) != bucketsWord_) return false;
+  U64 const hashed = hash(key);
+  U64 const bucket = bucketOf(hashed, bucketsSeen_, levelSeen_);
+  std::atomic<U64> const* const chunk = indexChunks_[bucket / linesPerChunk];
+  if (!chunk) return false;
+  std::atomic<U64> const* const line = chunk + bucket % linesPerChunk * 8;
+  unsigned const candidates = entriesOfTag(line, tag(hashed));
+  if (candidates == 0) return false;
+  std::atomic<U64> const& named = line[std::countr_zero(candidates)];
+  U64 const entry = acquire(named);
+  if (!entryIntact(entry) || entryUnit(entry) - firstUnit_ > unitSpan_) return false;
+  return copyWords(word(entryUnit(entry) * unitBytes)) == Copy::whole && scratchKey() == key &&
+         acquire(named) == entry;
+}
+
 std::byte const* TableView::read(U64 key) {
-  if (readRemembered(key) || lookup(key, true)) return scratchImage();
-  return nullptr;
+  if (visited_.word && readRemembered(key)) return scratchImage();
+  return readStraight(key) || lookup(key, true) ? scratchImage() : nullptr;
 }
 
 bool TableView::contains(U64 key) {
@@ -331,8 +362,8 @@ std::optional<TableView::Place> TableView::visit(std::atomic<U64> const& word, W
     }
     bool const atRest = peekKey(entryUnit(entry), key);
     if (atRest && tag(hash(key)) == entryTag(entry)) {
-      visited_ = {&word, entry, key};
-      return Place{key, packWalk(place.bucket, place.depth, place.at + 1)};
+      visited_ = {&word, entry, key, packWalk(place.bucket, place.depth, place.at + 1)};
+      return Place{key, visited_.hint};
     }
     if (acquire(word) == entry && attempt >= maxIndexAttempts) break;
   }
@@ -365,7 +396,8 @@ void TableView::prefetchBucket(U64 bucket) {
 
 std::optional<TableView::Place> TableView::walkBuckets(Walk place) {
   for (; place.bucket < buckets(); place = {place.bucket + 1, 0, 0}) {
-    if (place.at == 0 && place.depth == 0 && place.bucket + 2 < maxBuckets) prefetchBucket(place.bucket + 2);
+    if (place.at == 0 && place.depth == 0 && place.bucket + prefetchBuckets < maxBuckets)
+      prefetchBucket(place.bucket + prefetchBuckets);
     std::atomic<U64>* at = lineAt(place);
     if (!at && place.depth == 0) {
       place.bucket = roundUp(place.bucket + 1, linesPerChunk) - 1;  // none of the chunk's buckets is readable
@@ -387,8 +419,28 @@ void TableView::endWalk() {
   throw Pallo::CorruptionDetectedException(std::exchange(walkDamage_, {}));
 }
 
+// The rest of the line in which the walk stands, when it is a bucket's first: those never move.
+std::optional<TableView::Place> TableView::walkOn(U64 hint) {
+  auto const at = static_cast<unsigned>(hint & 7);
+  std::atomic<U64> const* const line = visited_.word + 1 - at;
+  for (unsigned i = at; i < entriesPerLine; ++i) {
+    U64 const entry = acquire(line[i]);
+    if (entry == 0) continue;
+    U64 key = 0;
+    bool const sound = entryIntact(entry) && entryUnit(entry) - firstUnit_ <= unitSpan_ &&
+                       peekKey(entryUnit(entry), key) && tag(hash(key)) == entryTag(entry);
+    if (!sound) return std::nullopt;
+    visited_ = {line + i, entry, key, (hint & ~U64{7}) + i + 1};
+    return Place{key, visited_.hint};
+  }
+  return std::nullopt;
+}
+
 std::optional<TableView::Place> TableView::walk(U64 hint) {
   if (hint == 0) walkDamage_.clear();
+  bool const inFirstLine = visited_.word && hint == visited_.hint && (hint >> 3 & 0x1FFF) == 0;
+  if (inFirstLine)
+    if (auto const found = walkOn(hint)) return found;
   auto found = walkBuckets({hint >> 16, hint >> 3 & 0x1FFF, static_cast<unsigned>(hint & 7)});
   if (!found) endWalk();
   return found;

@@ -79,10 +79,10 @@ class VANTREL_API TableView {
   // The index word that names the key's slot; null when the key is absent.
   std::atomic<U64> const* entryWord(U64 key);
   enum class Copy { whole, changing, damaged };
-  // Copies a slot into the scratch area: state, key, image.
+  // Copies a slot into the scratch area: checksum, state, key, image.
   Copy copySlot(U64 unit);
-  U64 scratchKey() const { return scratch_[1]; }
-  std::byte const* scratchImage() const { return reinterpret_cast<std::byte const*>(&scratch_[2]); }
+  U64 scratchKey() const { return scratch_[2]; }
+  std::byte const* scratchImage() const { return reinterpret_cast<std::byte const*>(scratch_ + 3); }
   // The image's words beyond the record are zero in the file, as they are in every copy.
   bool tailIsZero(U64 unit) const;
   std::string damage(std::string_view what) const;
@@ -97,17 +97,21 @@ class VANTREL_API TableView {
   void checkHeader();
   void checkShape(Shape const& shape) const;
   U64 guarded(U64 offset, std::string_view what) const;
+  void limitIs(U64 limit);
   bool insideChunks(U64 offset, U64 bytes);
   Scan scan(U64 key, U64 hash, U64 bucket, bool copy);
   Scan tryEntry(std::atomic<U64> const& word, U64 entry, U64 key, U64 hash, bool copy);
+  Copy copyWords(std::atomic<U64> const* slot);
   bool peekKey(U64 unit, U64& key) const;
   bool lookup(U64 key, bool copy);
   bool readRemembered(U64 key);
+  bool readStraight(U64 key);
   std::optional<Place> walkLine(std::atomic<U64>* line, Walk& place);
   std::optional<Place> visit(std::atomic<U64> const& word, Walk const& place);
   std::atomic<U64>* lineAt(Walk const& place);
   std::atomic<U64>* nextLine(std::atomic<U64>* line, U64 bucket, U64 depth);
   std::optional<Place> walkBuckets(Walk place);
+  std::optional<Place> walkOn(U64 hint);
   void prefetchBucket(U64 bucket);
   void endWalk();
 
@@ -116,16 +120,22 @@ class VANTREL_API TableView {
   Format::Header header_{};
   std::array<U64, 4> seed_;
   U64 maxWords_ = 0;
-  U64 limit_ = 0;  // end of the chunks in use, as last seen
-  mutable U64 bucketsWord_ = 0;  // the guarded word that was last found intact, and what it holds
+  U64 limit_ = 0;      // end of the chunks in use, as last seen
+  U64 firstUnit_ = 0;  // where slots may lie, as last seen
+  U64 unitSpan_ = 0;
+  // The guarded word that was last found intact, what it holds, and the greatest power of two in that.
+  mutable U64 bucketsWord_ = 0;
   mutable U64 bucketsSeen_ = 0;
+  mutable U64 levelSeen_ = 0;
   std::vector<std::atomic<U64>*> indexChunks_;
-  std::vector<U64> scratch_;  // state, key, image; image words beyond the record are zero
-  U64 dirtyWords_ = 0;
+  std::vector<U64> scratchSpace_;
+  U64* scratch_;         // aligned to 16 bytes: a slot's copy; image words beyond the record are zero
+  U64 pairsCopied_ = 0;  // of words
   struct {
     std::atomic<U64> const* word = nullptr;
     U64 entry = 0;
     U64 key = 0;
+    U64 hint = 0;
   } visited_;  // where the walk stands: the look-up that follows finds its key at once
   std::string walkDamage_;
   std::function<void(std::string_view)> damageSink_;

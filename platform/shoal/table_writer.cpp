@@ -13,6 +13,7 @@
 #include <ctime>
 
 #include "shoal/error.h"
+#include "shoal/shared_words.h"
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -167,7 +168,7 @@ void TableWriter::make(std::string const& path, Shape const& shape, WriterOption
 void TableWriter::open(std::string const& path, Shape const& shape, WriterOptions const&) {
   mapping_ = std::make_shared<Mapping>(path, Mapping::Access::write);
   view_ = std::make_unique<TableView>(mapping_, shape);
-  scratch_.assign(3 + (shape.imageBytes + 7) / 8, 0);
+  scratch_.assign(slotBytes(shape.imageBytes) / 8, 0);
   takeOver();
 }
 
@@ -184,27 +185,47 @@ void TableWriter::store(std::atomic<U64>& word, U64 value) {
   word.store(value, std::memory_order_release);
 }
 
-// Sequentially consistent, for the one word that a watcher reads before it sleeps.
-void TableWriter::storeGuarded(U64 offset, U64 value) {
-  atStorePoint();
-  view_->word(offset)->store(guard(value, offset), std::memory_order_seq_cst);
+void TableWriter::storeGuarded(U64 offset, U64 value) { store(*view_->word(offset), guard(value, offset)); }
+
+// Takes the record into the scratch area, where every word behind it is zero. Returns the words in use.
+U64 TableWriter::takeImage(std::byte const* image) {
+  U64 const bytes = view_->header().imageBytes;
+  U64 used = bytes / 8;
+  auto const word = [image](U64 i) {
+    U64 value;
+    std::memcpy(&value, image + 8 * i, sizeof value);
+    return value;
+  };
+  U64 rest = 0;
+  std::memcpy(&rest, image + 8 * used, bytes % 8);
+  if (rest != 0) {
+    ++used;
+  } else {
+    while (used >= 4 && (word(used - 1) | word(used - 2) | word(used - 3) | word(used - 4)) == 0) used -= 4;
+    while (used > 0 && word(used - 1) == 0) --used;
+  }
+  std::memcpy(&scratch_[3], image, std::min(8 * used, bytes));
+  if (used < imageWords_) std::fill(&scratch_[3 + used], &scratch_[3] + imageWords_, 0);
+  imageWords_ = used;
+  return used;
 }
 
-// The generation is odd from before the first store until after the last.
+// The generation is odd from before the first store until after the last. What the slot held before says how
+// far it is to be cleared; a slot whose writer was killed does not say, and is cleared to its end.
 void TableWriter::writeSlot(U64 unit, U64 key, std::byte const* image) {
   std::atomic<U64>* const slot = view_->word(unit * unitBytes);
-  U64 const allWords = scratch_.size() - 3;
-  scratch_.back() = 0;
-  std::memcpy(&scratch_[3], image, view_->header().imageBytes);
-  U64 used = allWords;
-  while (used > 0 && scratch_[2 + used] == 0) --used;
-  U64 const writing = generation(slot[1].load(std::memory_order_relaxed)) | 1;
+  U64 const used = takeImage(image);
+  U64 const before = slot[1].load(std::memory_order_relaxed);
+  U64 const slotWords = view_->header().slotBytes / 8;
+  U64 const dirty = before & 1 ? slotWords : std::min(3 + words(before), slotWords);
+  U64 const writing = generation(before) | 1;
   scratch_[1] = state(writing + 1, used);
   scratch_[2] = key;
-  scratch_[0] = XXH3_64bits(&scratch_[1], (2 + used) * 8);
+  scratch_[0] = Checksum::of(scratch_.data(), wordPairs(scratch_[1]));
   store(slot[1], state(writing, 0));
   store(slot[0], scratch_[0]);
-  for (U64 i = 2; i < scratch_.size(); ++i) store(slot[i], scratch_[i]);
+  for (U64 i = 2; i < 3 + used; ++i) store(slot[i], scratch_[i]);
+  for (U64 i = 3 + used; i < dirty; ++i) store(slot[i], 0);
   store(slot[1], scratch_[1]);
 }
 
@@ -237,35 +258,53 @@ bool TableWriter::isOf(U64 entry, U64 key, U64 hash) const {
   return keyOf(entry) == key || !isSound(entry);
 }
 
+// The line after `line`, which is the bucket's at `depth`; null at the end.
+std::atomic<U64>* TableWriter::nextLine(std::atomic<U64> const* line, U64 bucket, U64 depth) {
+  auto const unit = linkUnit(line[7].load(std::memory_order_relaxed), bucket, depth);
+  if (unit && *unit == 0) return nullptr;
+  if (std::atomic<U64>* const next = unit && depth < maxDepth ? view_->overflowLine(*unit) : nullptr)
+    return next;
+  throwLinesDamage(bucket);
+}
+
+void TableWriter::throwLinesDamage(U64 bucket) const {
+  throw Pallo::CorruptionDetectedException(
+      view_->damage(fmt::format("the index is damaged: the lines of bucket {}", bucket)));
+}
+
 TableWriter::Chain TableWriter::gather(U64 bucket) {
   Chain chain;
   std::atomic<U64>* at = view_->line(bucket);
-  for (U64 depth = 0; at; ++depth) {
-    chain.lines.push_back(at);
-    auto const unit = linkUnit(at[7].load(std::memory_order_relaxed), bucket, depth);
-    if (unit && *unit == 0) return chain;
-    at = unit && depth < maxDepth ? view_->overflowLine(*unit) : nullptr;
-  }
-  throw Pallo::CorruptionDetectedException(
-      view_->damage(fmt::format("the index is damaged: the lines of bucket {}", bucket)));
+  if (!at) throwLinesDamage(bucket);
+  for (U64 depth = 0; at; at = nextLine(at, bucket, depth++)) chain.lines.push_back(at);
+  return chain;
 }
 
 TableWriter::Spot TableWriter::locate(U64 key, U64 hash) {
   Spot spot;
   spot.bucket = bucketOf(hash, buckets_);
-  Chain const chain = gather(spot.bucket);
-  for (std::atomic<U64>* line : chain.lines) {
-    for (unsigned i = 0; i < entriesPerLine; ++i) {
-      U64 const entry = line[i].load(std::memory_order_relaxed);
-      if (entry == 0 && !spot.hole) spot.hole = &line[i];
-      if (spot.word || !isOf(entry, key, hash)) continue;
-      spot.word = &line[i];
-      spot.entry = entry;
-    }
+  std::atomic<U64>* line = view_->line(spot.bucket);
+  if (!line) throwLinesDamage(spot.bucket);
+  for (U64 depth = 0; line; line = nextLine(line, spot.bucket, depth++)) {
+    spot.lastLine = line;
+    spot.lastDepth = depth;
+    if (!spot.word) locateInLine(spot, line, key, hash);
   }
-  spot.lastLine = chain.lines.back();
-  spot.lastDepth = chain.lines.size() - 1;
   return spot;
+}
+
+void TableWriter::locateInLine(Spot& spot, std::atomic<U64>* line, U64 key, U64 hash) const {
+  for (unsigned found = entriesOfTag(line, tag(hash)); found != 0; found &= found - 1) {
+    std::atomic<U64>& word = line[std::countr_zero(found)];
+    U64 const entry = word.load(std::memory_order_relaxed);
+    if (!isOf(entry, key, hash)) continue;
+    spot.word = &word;
+    spot.entry = entry;
+    return;
+  }
+  if (spot.hole) return;
+  for (unsigned i = 0; i < entriesPerLine && !spot.hole; ++i)
+    if (line[i].load(std::memory_order_relaxed) == 0) spot.hole = &line[i];
 }
 
 // ---- Space
@@ -329,8 +368,10 @@ void TableWriter::beginChange(U64 key) {
   store(*view_->word(at), stamp(head_, key));
 }
 
+// Sequentially consistent: the one word that a watcher reads before it sleeps.
 void TableWriter::endChange() {
-  storeGuarded(headAt, ++head_);
+  atStorePoint();
+  view_->word(headAt)->store(guard(++head_, headAt), std::memory_order_seq_cst);
   wakers_->wake();
   refuseIfCutShort();
 }

@@ -78,6 +78,7 @@ class VANTREL_API TableWriter {
 
   void store(std::atomic<U64>& word, U64 value);
   void storeGuarded(U64 offset, U64 value);
+  U64 takeImage(std::byte const* image);
   void writeSlot(U64 unit, U64 key, std::byte const* image);
 
   bool isSlot(U64 unit) const;
@@ -85,8 +86,11 @@ class VANTREL_API TableWriter {
   U64 keyOf(U64 entry) const;
   bool isSound(U64 entry) const;
   bool isOf(U64 entry, U64 key, U64 hash) const;
+  std::atomic<U64>* nextLine(std::atomic<U64> const* line, U64 bucket, U64 depth);
+  [[noreturn]] void throwLinesDamage(U64 bucket) const;
   Chain gather(U64 bucket);
   Spot locate(U64 key, U64 hash);
+  void locateInLine(Spot& spot, std::atomic<U64>* line, U64 key, U64 hash) const;
 
   U64 addChunk(Kind kind);
   void reserveSlot();
@@ -134,6 +138,7 @@ class VANTREL_API TableWriter {
       freeSlots_;  // first in, first out: a slot rests as long as it can before it is written again
   std::vector<U32> freeLines_;
   std::vector<U64> scratch_;  // checksum, state, key, image
+  U64 imageWords_ = 0;        // of the image, in use there
   WriterCounters counters_;
 };
 

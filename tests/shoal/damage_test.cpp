@@ -62,9 +62,9 @@ TEST(Damage, AFileThatIsNoSuchTableIsRefusedInOneSentence) {
   write(dir / "stub", whole.substr(0, 100));
   expectRefused(dir / "stub", Reason::truncated, "is cut short");
   std::string changed = whole;
-  changed[8] = 2;
+  changed[8] = 3;
   write(dir / "newer", changed);
-  expectRefused(dir / "newer", Reason::otherVersion, "format version 2, expected 1");
+  expectRefused(dir / "newer", Reason::otherVersion, "format version 3, expected 2");
   changed = whole;
   changed[20] = 'x';
   write(dir / "bent", changed);

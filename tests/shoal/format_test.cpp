@@ -1,10 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // The worked example of docs/formats/table-file.md: a table made from the page's bytes alone reads as the
 // page says, and the writer's own bytes have the layout the page gives.
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <fstream>
+#include <random>
 #include <sstream>
+#include <unordered_map>
+#include <vector>
 
 #include "fixture.h"
+#include "shoal/shared_words.h"
 
 namespace ShoalTest {
 namespace {
@@ -62,6 +69,83 @@ TEST(TableFile, TheWorkedExampleIsATable) {
   Writer writer(dir / "t");
   EXPECT_EQ(writer.entry(expected.key()), expected);
   EXPECT_EQ(writer.writerCounters().repaired, 0U);
+}
+
+// A slot of an EntryConfig's size with something in every word.
+std::vector<U64> someSlot() {
+  std::vector<U64> slot(80);
+  std::mt19937_64 random(1);
+  for (U64& word : slot) word = random();
+  return slot;
+}
+
+TEST(Checksum, AnyDamageToOneWordIsSeen) {
+  std::vector<U64> slot = someSlot();
+  U64 const intact = Shoal::Checksum::of(slot.data(), 40);
+  std::mt19937_64 random(2);
+  for (std::size_t i = 1; i < slot.size(); ++i) {
+    U64 const word = slot[i];
+    for (int n = 0; n < 2000; ++n) {
+      slot[i] = n < 64 ? word ^ U64 { 1 } << n : n == 64 ? ~word : n == 65 ? 0 : random();
+      ASSERT_TRUE(slot[i] == word || Shoal::Checksum::of(slot.data(), 40) != intact) << i << " " << n;
+    }
+    slot[i] = word;
+  }
+}
+
+// A damaged bit adds its word's weight times the change of the folded word, whatever the other words are; a bit
+// goes up or down. No two of these changes may cancel.
+TEST(Checksum, AnyTwoDamagedBitsAreSeen) {
+  std::vector<U64> slot(80, 0);
+  U64 const empty = Shoal::Checksum::of(slot.data(), 40);
+  std::unordered_map<U64, std::size_t> changes;  // to the bit's number
+  for (std::size_t i = 1; i < slot.size(); ++i) {
+    slot[i] = 1;
+    U64 const weight = Shoal::Checksum::of(slot.data(), 40) - empty;
+    slot[i] = 0;
+    EXPECT_EQ(weight & 1, 1U);
+    for (unsigned bit = 0; bit < 64; ++bit) {
+      U64 const high = weight << bit;
+      U64 const low = bit < 32 ? 0 : weight << (bit - 32);
+      for (U64 const change : {high + low, high - low}) {
+        std::size_t const number = i * 64 + bit;
+        for (U64 const either : {change, -change}) {
+          auto const [at, fresh] = changes.emplace(either, number);
+          ASSERT_TRUE(fresh || at->second == number) << number << " and " << at->second;
+        }
+      }
+    }
+  }
+}
+
+TEST(Checksum, ZeroesAreNotIntact) {
+  std::vector<U64> const slot(80, 0);
+  for (U64 pairs = 1; pairs <= 40; ++pairs) EXPECT_NE(Shoal::Checksum::of(slot.data(), pairs), 0U);
+}
+
+TEST(Checksum, TheCopyComputesTheSame) {
+  alignas(16) std::array<std::atomic<U64>, 80> slot;
+  alignas(16) std::array<U64, 80> copy;
+  auto const words = someSlot();
+  std::copy(words.begin(), words.end(), slot.begin());
+  for (U64 pairs = 1; pairs <= 40; ++pairs) {
+    copy.fill(0);
+    EXPECT_EQ(Shoal::copySlotWords(slot.data(), copy.data(), pairs),
+              Shoal::Checksum::of(words.data(), pairs));
+    EXPECT_TRUE(std::equal(copy.begin(), copy.begin() + 2 * pairs, words.begin()));
+    EXPECT_TRUE(std::all_of(copy.begin() + 2 * pairs, copy.end(), [](U64 word) { return word == 0; }));
+  }
+}
+
+TEST(Line, EntriesOfATagAreFoundWhereverTheyAre) {
+  alignas(64) std::array<std::atomic<U64>, 8> line;
+  for (unsigned set = 0; set < 128; ++set) {
+    U64 const hash = 0xABCDEF0000000000U | set;
+    for (unsigned i = 0; i < 7; ++i)
+      line[i] = set >> i & 1 ? Shoal::Format::entry(1000 + i, hash) : Shoal::Format::entry(i, ~hash);
+    line[7] = U64{0xABCDEF} << 32;  // a link is no entry
+    EXPECT_EQ(Shoal::entriesOfTag(line.data(), 0xABCDEF), set);
+  }
 }
 
 }  // namespace

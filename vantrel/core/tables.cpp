@@ -23,10 +23,26 @@ struct EntryConfigImageAccess {
   static void put(std::byte* at, T value) {
     std::memcpy(at, &value, sizeof value);
   }
+  // The usual lengths are known when this is compiled, and their copies a few moves; what copies any length
+  // takes longer to begin than they do.
   template <class Array>
   static void getArray(std::byte const* image, std::size_t at, Array& array) {
-    std::size_t const elements = at + sizeof(U32);
-    array.set(image + elements, get<U32>(image + at), Shoal::RecordTraits<EntryConfig>::bytes - elements);
+    std::byte const* const elements = image + at + sizeof(U32);
+    std::size_t const readable = Shoal::RecordTraits<EntryConfig>::bytes - at - sizeof(U32);
+    switch (U32 const count = get<U32>(image + at)) {
+      case 0:
+        return array.set(elements, 0, readable);
+      case 1:
+        return array.set(elements, 1, readable);
+      case 2:
+        return array.set(elements, 2, readable);
+      case 3:
+        return array.set(elements, 3, readable);
+      case 4:
+        return array.set(elements, 4, readable);
+      default:
+        return array.set(elements, count, readable);
+    }
   }
   template <class Array>
   static void putArray(std::byte* at, Array const& array) {
