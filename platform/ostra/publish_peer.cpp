@@ -139,9 +139,11 @@ void Peer::produce() {
   std::size_t const upTo = out_.size() + slice;
   if (backlog() >= fullBuffer) return;
   while (reading_ && out_.size() < upTo) continueReading();
-  for (auto& [name, cursor] : mounts_) {
-    if (out_.size() >= upTo) return;
-    exports_.find(name)->second->produce(cursor, out_, upTo);
+  auto at = mounts_.upper_bound(turn_);
+  for (std::size_t n = 0; n < mounts_.size() && out_.size() < upTo; ++n, ++at) {
+    if (at == mounts_.end()) at = mounts_.begin();
+    exports_.find(at->first)->second->produce(at->second, out_, upTo);
+    turn_ = at->first;
   }
 }
 

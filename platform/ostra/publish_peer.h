@@ -83,6 +83,7 @@ class Peer {
   std::string out_;
   std::size_t sent_ = 0;
   std::map<std::string, Export::Cursor> mounts_;
+  std::string turn_;  // the mount that was served last
   std::optional<Reading> reading_;
   bool waiting_ = false;   // complete requests wait for their turn
   bool acted_ = false;     // the request changed something

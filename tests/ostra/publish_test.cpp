@@ -491,6 +491,23 @@ TEST_F(PublishTest, AVersionIsToldBehindASnapshotThatHadToBeginAgain) {
   for (auto const& [k, v] : sample_->hashed()) ASSERT_EQ(v, slow.picture.collections["hashed"][k].get<U64>());
 }
 
+TEST_F(PublishTest, AnEntityThatChangesAllTheTimeLeavesOthersTheirTurn) {
+  auto const quiet = Ostra::make<Sample>("zebra");
+  publisher_->exportObject("zebra", quiet);
+  RawPeer peer(path_);
+  peer.write("{\"verb\":\"mount\",\"entity\":\"sample\"}\n{\"verb\":\"mount\",\"entity\":\"zebra\"}\n");
+  bool told = false;
+  for (U64 round = 1; round <= 50 && !told; ++round) {
+    for (U64 n = 0; n < 10000; ++n) sample_->hashedIs(n, round);
+    quiet->levelIs(static_cast<U8>(round));
+    pump(1);
+    peer.read();
+    for (std::string const& line : peer.take())
+      told |= line.find(R"("entity":"zebra","attribute":"level")") != std::string::npos;
+  }
+  EXPECT_TRUE(told);
+}
+
 TEST_F(PublishTest, ARemountGivesAFreshSnapshot) {
   RawPeer peer(path_);
   ask(peer, R"({"verb":"mount","entity":"sample"})");
