@@ -170,8 +170,8 @@ std::vector<T> numbers(Json const& object, char const* name, std::size_t most) {
 
 EntryConfig configOf(Json const& object) {
   if (!object.is_object()) throw std::runtime_error("expected an object");
-  EntryConfig r(EntryKey(number<U64>(object, "key")), OpId(number<U64>(object, "opId")),
-                number<U32>(object, "hdl"), number<U16>(object, "pg"), number<U32>(object, "prio"));
+  EntryConfig r{EntryKey(number<U64>(object, "key")), OpId(number<U64>(object, "opId")),
+                number<U32>(object, "hdl"), number<U16>(object, "pg"), number<U32>(object, "prio")};
   auto const ti = numbers<U32>(object, "ti", TableKey::max + 1);
   for (unsigned i = 0; i < ti.size(); ++i) r.tableIndexIs(TableKey(i), ti[i]);
   auto const data = numbers<U64>(object, "data", DataKey::max + 1);
