@@ -118,6 +118,9 @@ class BareRoad : public Road {
     return takeAll(shared_->acknowledgements, ear_, Road::patience, [this](U64 version) { last_ = version; });
   }
 
+ protected:
+  std::vector<pid_t> farEnd() const override { return {child_.pid()}; }
+
  private:
   static Shared* mapped() {
     void* const at = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,

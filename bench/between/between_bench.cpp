@@ -3,7 +3,9 @@
 //
 //   one at a time   both sides sleep in between; the median, and what one write in a hundred, one in a
 //                   thousand takes longer than
-//   at saturation   256 writes under way at any time: the time of one
+//   at saturation   up to 256 writes are under way; who has so many goes on when half are done. The time of
+//                   one
+//   a processor each, one processor: where the two ends run, see road.h
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -87,7 +89,8 @@ void atSaturation(Road& way, U64 entries, Change change, benchmark::State& state
   U64 written = 0, acknowledged = 0;
   auto const begin = Clock::now();
   while (written % 64 != 0 || written < 2 * window || nanosecondsSince(begin) < long_) {
-    if (written - acknowledged == window) acknowledged += way.await();
+    if (written - acknowledged == window)
+      while (written - acknowledged > window / 2) acknowledged += way.await();
     way.write(1 + written++ % entries, change);
   }
   while (acknowledged < written) acknowledged += way.await();
@@ -105,35 +108,53 @@ void guarded(benchmark::State& state, Work const& work) {
   }
 }
 
-void latency(benchmark::State& state, Side side, Change change) {
+struct Case {
+  Side side;
+  Change change;
+  Place place;
+};
+
+Road& roadOf(Case const& c, U64 entries) {
+  Road& way = road(c.side, entries);
+  way.placeIs(c.place);
+  return way;
+}
+
+void latency(benchmark::State& state, Case c) {
   auto const entries = static_cast<U64>(state.range(0));
   guarded(state, [&] {
     Keys keys(entries);
-    oneAtATime(road(side, entries), keys, change, state);
+    oneAtATime(roadOf(c, entries), keys, c.change, state);
   });
 }
 
-void saturation(benchmark::State& state, Side side, Change change) {
+void saturation(benchmark::State& state, Case c) {
   auto const entries = static_cast<U64>(state.range(0));
-  guarded(state, [&] { atSaturation(road(side, entries), entries, change, state); });
+  guarded(state, [&] { atSaturation(roadOf(c, entries), entries, c.change, state); });
+}
+
+template <class Run>
+void add(std::string const& what, char const* name, Run run, Case c) {
+  benchmark::RegisterBenchmark((what + "/" + name).c_str(), run, c)->Arg(1000)->Arg(100'000)->Iterations(1);
+}
+
+template <class Run>
+void besideOthers(std::string const& what, Run run, Change change, Place place) {
+  add(what, "ours", run, {Side::vantrel, change, place});
+  add(what, "floor", run, {Side::bare, change, place});
+  add(what, "peer", run, {Side::redis, change, place});
 }
 
 bool registered() {
-  auto const add = [](std::string const& name, auto run, Side side, Change change) {
-    auto* const bench = benchmark::RegisterBenchmark(name.c_str(), run, side, change);
-    bench->Arg(1000)->Arg(100'000)->Iterations(1);
-  };
-  auto const both = [&](std::string const& what, std::string const& name, Side side, Change change) {
-    add(what + ", one at a time/" + name, latency, side, change);
-    add(what + ", at saturation/" + name, saturation, side, change);
-  };
-  for (auto const& [what, change] : {std::pair{"update", Change::update}, {"move", Change::move}}) {
-    both(what, "ours", Side::vantrel, change);
-    both(what, "floor", Side::bare, change);
-    both(what, "peer", Side::redis, change);
-  }
-  both("update, agent with trace file", "ours", Side::vantrelTracing, Change::update);
-  both("update, agent with trace file", "floor", Side::bare, Change::update);
+  besideOthers("update, a processor each", latency, Change::update, Place::apart);
+  besideOthers("update, one processor", latency, Change::update, Place::together);
+  besideOthers("move, a processor each", latency, Change::move, Place::apart);
+  add("update, a processor each, agent with trace file", "ours", latency,
+      {Side::vantrelTracing, Change::update, Place::apart});
+  add("update, a processor each, agent with trace file", "floor", latency,
+      {Side::bare, Change::update, Place::apart});
+  besideOthers("updates at saturation", saturation, Change::update, Place::apart);
+  besideOthers("moves at saturation", saturation, Change::move, Place::apart);
   atEnd([] { roads.clear(); });
   return titleIs("From a write to its acknowledgement in another process", "nanoseconds");
 }

@@ -31,6 +31,7 @@ class Child {
   }
   Child(Child const&) = delete;
   Child& operator=(Child const&) = delete;
+  pid_t pid() const { return pid_; }
 
  private:
   pid_t const pid_;

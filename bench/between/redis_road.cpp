@@ -87,8 +87,8 @@ class Connection {
     append("SUBSCRIBE %s", channel);
     reply();
   }
-  // Calls `take` with each payload that is there, after sleeping until there is one, for `milliseconds` or, with
-  // -1, for ever; how many.
+  // Calls `take` with each payload that is there, after sleeping until there is one, for `milliseconds` or,
+  // with -1, for ever; how many.
   template <class Take>
   U64 messages(int milliseconds, Take const& take) {
     if (U64 const buffered = parsed(take)) return buffered;
@@ -185,6 +185,10 @@ class RedisRoad : public Road {
   U64 await() override {
     return news_->messages(patience, [](Number) {});
   }
+
+ protected:
+  std::vector<pid_t> farEnd() const override { return {far_->pid()}; }
+  std::vector<pid_t> servers() const override { return {server_.pid()}; }
 
  private:
   void awaitServer() {

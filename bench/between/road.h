@@ -9,8 +9,11 @@
 //   Missing when it is not installed.
 #pragma once
 
+#include <sys/types.h>
+
 #include <memory>
 #include <stdexcept>
+#include <vector>
 
 #include "pallo/types.h"
 
@@ -21,6 +24,10 @@ class Missing : public std::runtime_error {
 };
 
 enum class Change { update, move };
+
+// One processor for both ends, or one each: on a machine of few processors the scheduler does either, and the
+// two are different measurements. What is neither end, a server, goes where it likes beside them.
+enum class Place { together, apart };
 
 class Road {
  public:
@@ -33,6 +40,12 @@ class Road {
   virtual void write(U64 key, Change change) = 0;
   // Sleeps until at least one write is acknowledged that was not before; how many.
   virtual U64 await() = 0;
+  // Puts this process, the far end and its servers onto their processors; Missing when there are too few.
+  void placeIs(Place place) const;
+
+ protected:
+  virtual std::vector<pid_t> farEnd() const = 0;
+  virtual std::vector<pid_t> servers() const { return {}; }
 };
 
 // An agent on shared tables; `tracing` with its trace file.

@@ -52,6 +52,9 @@ class VantrelRoad : public Road {
     return std::exchange(acknowledged_, 0);
   }
 
+ protected:
+  std::vector<pid_t> farEnd() const override { return {agent_->pid()}; }
+
  private:
   std::unique_ptr<Process> started(bool tracing) const {
     if (tracing)
