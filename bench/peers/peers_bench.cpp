@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a user would write without Vantrel, and Vantrel, on the same edits of the same rule sets: the computing
-// time of a write, and what the hardware sees. The size is the name of the rule set.
+// What a user would write without Vantrel, and Vantrel, on the same edits of the same rule sets: the
+// computing time of a write, and what the hardware sees. The size is the name of the rule set.
 #include <benchmark/benchmark.h>
 
 #include <chrono>

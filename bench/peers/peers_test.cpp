@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The comparison is honest only if each programmer does the whole work: all end with the table that is wanted,
-// and those that promise to keep the order keep it at every operation.
+// The comparison is honest only if each programmer does the whole work: all end with the table that is
+// wanted, and those that promise to keep the order keep it at every operation.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Workload: what a producer writes while a rule file is loaded and edited, edit by edit, recorded once so that
-// every programmer gets the same.
+// Workload: what a producer writes while a rule file is loaded and edited, edit by edit, recorded once so
+// that every programmer gets the same.
 //
-// The edits, five rounds of them, one for thousands of rules: rules come in at random places, rules go, actions change, entries of equal
-// priority trade places in rings, a block of rules is turned round. A twentieth of the rules each; the row has
-// a quarter more positions than the file has rules.
+// The edits, five rounds of them, one for thousands of rules: rules come in at random places, rules go,
+// actions change, entries of equal priority trade places in rings, a block of rules is turned round. A
+// twentieth of the rules each; the row has a quarter more positions than the file has rules.
 //
 // Ownership: values only.
 // Threading: one thread.
