@@ -24,7 +24,7 @@ constexpr U64 pageBytes = 4096;
 // A process's own locks do not exclude each other, so the process remembers what it holds.
 std::mutex heldMutex;
 std::set<std::pair<U64, U64>>& held() {
-  static std::set<std::pair<U64, U64>> locks;
+  static auto& locks = *new std::set<std::pair<U64, U64>>;  // a table may be a static that goes after it
   return locks;
 }
 

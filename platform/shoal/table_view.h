@@ -42,6 +42,8 @@ class VANTREL_API TableView {
   // Any table, or only one of this shape.
   explicit TableView(std::shared_ptr<Mapping const> mapping);
   TableView(std::shared_ptr<Mapping const> mapping, Shape const& shape);
+  TableView(TableView const&) = delete;
+  TableView& operator=(TableView const&) = delete;
 
   Format::Header const& header() const { return header_; }
   Mapping const& mapping() const { return *mapping_; }

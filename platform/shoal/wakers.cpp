@@ -11,9 +11,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 #include "pallo/exception.h"
+#include "shoal/hand_over.h"
 
 namespace Shoal {
 
@@ -35,24 +35,6 @@ struct Wakers::Watcher {
 };
 
 namespace {
-
-// One message with one descriptor.
-bool handOver(int socket, int descriptor) {
-  char byte = 'e';
-  iovec data{&byte, 1};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr message{};
-  message.msg_iov = &data;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  cmsghdr* const header = CMSG_FIRSTHDR(&message);
-  header->cmsg_level = SOL_SOCKET;
-  header->cmsg_type = SCM_RIGHTS;
-  header->cmsg_len = CMSG_LEN(sizeof(int));
-  std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
-  return sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL) == 1;
-}
 
 // A connection to the watcher's socket, -1 with errno when there is none to be had now.
 int connectTo(SideDirectory const& directory, std::string const& name) {

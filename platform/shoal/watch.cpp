@@ -18,6 +18,7 @@
 #include <cstring>
 
 #include "shoal/error.h"
+#include "shoal/hand_over.h"
 
 namespace Shoal {
 namespace {
@@ -41,26 +42,6 @@ void closeIf(int fd) {
 [[noreturn]] void throwUnwatchable(std::string const& path) {
   throw FileException(FileException::Reason::unwatchable,
                       fmt::format("{}: cannot be watched: {}", path, std::strerror(errno)));
-}
-
-// The descriptor that came with a message, -1 when there was none.
-int receiveDescriptor(int socket, bool& ended) {
-  char byte;
-  iovec data{&byte, 1};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr message{};
-  message.msg_iov = &data;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  ssize_t const bytes = recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-  ended = bytes == 0 || (bytes < 0 && errno != EAGAIN && errno != EINTR);
-  if (bytes != 1) return -1;
-  cmsghdr const* const header = CMSG_FIRSTHDR(&message);
-  if (!header || header->cmsg_type != SCM_RIGHTS || header->cmsg_len != CMSG_LEN(sizeof(int))) return -1;
-  int fd;
-  std::memcpy(&fd, CMSG_DATA(header), sizeof fd);
-  return fd;
 }
 
 }  // namespace
@@ -141,7 +122,7 @@ bool Watch::hear(int socket) {
   auto const writer = std::ranges::find(writers_, socket, &Writer::socket);
   if (writer == writers_.end()) return false;
   bool ended = false;
-  int const event = receiveDescriptor(socket, ended);
+  int const event = takeOver(socket, ended);
   if (event >= 0 && writer->event < 0) {
     writer->event = event;
     add(event, eventTag, EPOLLIN | EPOLLET);

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <random>
 
@@ -115,6 +116,18 @@ TEST(SharedTable, RefusesASecondWriterNamingTheFirst) {
     EXPECT_EQ(error.holder(), getpid());
     EXPECT_THAT(error.what(), HasSubstr("process " + std::to_string(getpid())));
   }
+}
+
+// A table may go with the process's statics, whatever went before it.
+TEST(SharedTable, MayBeAStatic) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process of its own, in which nothing was made yet
+  Directory dir;
+  auto const leave = [&] {
+    static std::unique_ptr<Writer> table;  // made before all that the table makes on its way
+    table = std::make_unique<Writer>(dir / "t");
+    std::exit(0);
+  };
+  EXPECT_EXIT(leave(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
+// The one message between a writer and a watcher: a byte, and with it a descriptor.
+//
+// Ownership: the receiver owns what it got.
+// Threading: none of its own. Never waits.
+#pragma once
+
+namespace Shoal {
+
+// False when the message could not be sent now.
+bool handOver(int socket, int descriptor);
+// The descriptor that came, -1 when none did. `ended` says whether the other side is gone.
+int takeOver(int socket, bool& ended);
+
+}  // namespace Shoal
