@@ -6,9 +6,11 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include "ostra/publish_wire.h"
@@ -20,9 +22,11 @@ constexpr std::size_t readAtOnce = 64 * 1024;
 }  // namespace
 
 class Asker::Impl {
+  using Clock = std::chrono::steady_clock;
+
  public:
   Impl(std::string path, double seconds) : path_(std::move(path)), seconds_(seconds) {
-    socket_ = Wire::connectTo(path_);
+    connect();
     if (!socket_) fail(fmt::format("cannot reach the agent at {}: {}", path_, std::strerror(errno)));
   }
 
@@ -50,6 +54,12 @@ class Asker::Impl {
   double seconds() const { return seconds_; }
 
  private:
+  // An agent to which very many connect at once has no place for one more until it has looked.
+  void connect() {
+    auto const end = Clock::now() + std::chrono::duration<double>(seconds_);
+    while (!(socket_ = Wire::connectTo(path_)) && errno == EAGAIN && Clock::now() < end)
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
   [[noreturn]] static void fail(std::string const& why) { throw std::runtime_error(why); }
 
   void await(short events, double seconds) {

@@ -26,6 +26,7 @@ namespace {
 constexpr int eventsAtOnce = 8;
 constexpr int acceptsAtOnce = 16;
 constexpr int ticksAStall = 4;
+constexpr int mostWaiting = 512;  // to be accepted
 
 [[noreturn]] void fail(std::string const& path, std::string_view what) {
   throw std::runtime_error(fmt::format("management socket {}: {}", path, what));
@@ -58,7 +59,7 @@ Wire::Descriptor listenAt(std::string const& path) {
   ::unlink(coming.c_str());
   if (::bind(fd.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0)
     failErrno(path, "cannot bind");
-  if (::chmod(coming.c_str(), 0660) != 0 || ::listen(fd.get(), 128) != 0 ||
+  if (::chmod(coming.c_str(), 0660) != 0 || ::listen(fd.get(), mostWaiting) != 0 ||
       ::rename(coming.c_str(), path.c_str()) != 0) {
     int const error = errno;
     ::unlink(coming.c_str());

@@ -127,6 +127,19 @@ TEST_F(OperatorTest, WhatWouldBreakARunningEngineIsRefused) {
   EXPECT_EQ("true\n", said({"attr", "get", "frontEnd", "initialized"}));
 }
 
+TEST_F(OperatorTest, TraceLevelsAreReadAtTheStart) {
+  want(1, 5, 10);
+  agent =
+      std::make_unique<Process>(std::vector<std::string>{"/usr/bin/env", "TRACE=Vantrel*/x,VantrelImpl/9",
+                                                         VANTREL_BIN_DIR "/vantreld", "--dir", dir.path()},
+                                dir / "out", dir / "err");
+  ASSERT_TRUE(eventually([&] {
+    return agent->err().find("VantrelImpl/9 Finished notify on key=1\n") != std::string::npos;
+  })) << agent->err();
+  EXPECT_THAT(agent->err(), StartsWith("TRACE: cannot read \"Vantrel*/x\": expected NAME/LEVEL"));
+  EXPECT_EQ("Vantrel*/x,VantrelImpl/9\n", said({"attr", "get", "trace", "settings"}));
+}
+
 TEST_F(OperatorTest, TraceLevelsOfARunningAgentAreSwitched) {
   want(1, 5, 10);
   start();
@@ -192,6 +205,7 @@ TEST_F(OperatorTest, BadLinesDoTheAgentNoHarm) {
   std::string const socket = dir / "mgmt.sock";
   auto const answerTo = [&](std::string const& line) {
     RawPeer peer(socket);
+    EXPECT_TRUE(peer.connected());
     peer.write(line + '\n');
     EXPECT_TRUE(eventually([&] {
       peer.read();
@@ -210,12 +224,14 @@ TEST_F(OperatorTest, BadLinesDoTheAgentNoHarm) {
   std::vector<std::unique_ptr<RawPeer>> halves;  // begin a line and go
   for (int i = 0; i < 200; ++i) {
     halves.push_back(std::make_unique<RawPeer>(socket));
+    ASSERT_TRUE(halves.back()->connected());
     halves.back()->write(R"({"verb":"invoke","entity":"engine","operation":"dumpSt)");
   }
   halves.clear();
 
   long const before = agent->residentKib();
   RawPeer endless(socket);
+  ASSERT_TRUE(endless.connected());
   std::string const piece(1 << 20, 'x');
   std::size_t sent = 0;
   EXPECT_TRUE(eventually([&] {

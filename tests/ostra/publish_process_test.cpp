@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Who may do what on the socket, by the kernel's word of the peer, and what a killed agent leaves behind.
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -111,6 +112,20 @@ TEST_F(PublishProcessTest, AnAgentOfAnotherUserIsNotWrittenByThisOne) {
   if (::geteuid() == 0) GTEST_SKIP() << "root may";
   publish({.owner = ::geteuid() + 1});
   EXPECT_EQ(refusal, elsewhere([&] { return answer(path_, writing); }));
+}
+
+TEST_F(PublishProcessTest, WhoeverAsksWaitsForItsTurnToConnect) {
+  rlimit files{};
+  ::getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = files.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &files);
+  if (files.rlim_cur < 4096) GTEST_SKIP() << "this process may open too few files";
+  publish({.mostPeers = 2000});
+  std::vector<std::unique_ptr<RawPeer>> crowd;  // connected, and not accepted yet
+  do crowd.push_back(std::make_unique<RawPeer>(path_));
+  while (crowd.back()->connected() && crowd.size() < 1500);
+  ASSERT_FALSE(crowd.back()->connected()) << "there is no more room";
+  EXPECT_THAT(elsewhere([&] { return answer(path_, reading); }), HasSubstr(R"("value":0})"));
 }
 
 TEST_F(PublishProcessTest, TheSocketOfAKilledAgentIsReplaced) {
