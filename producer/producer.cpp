@@ -161,12 +161,14 @@ OpId Producer::put(Wish const& wish) {
   EntryConfig entry(wish.key, version, handle, wish.pg, wish.prio);
   entry.tableIndexIs(TableKey(0), wish.ti);
   for (unsigned i = 0; i < wish.data.size(); ++i) entry.dataIs(DataKey(i), wish.data[i]);
-  put(entry);
+  replace(before, entry);
   return version;
 }
 
-void Producer::put(EntryConfig const& entry) {
-  check(entry);
+void Producer::put(EntryConfig const& entry) { replace(config_->entry(entry.key()), entry); }
+
+void Producer::replace(EntryConfig const& before, EntryConfig const& entry) {
+  checkChange(before, entry);
   write(entry);
   ledger_->departed.erase(entry.key().value());
 }
@@ -175,7 +177,7 @@ OpId Producer::move(EntryKey key, U32 ti) {
   EntryConfig const before = config_->entry(key);
   if (before.tableIndexs() == 0) refuse(Rule::KnownKey, key, "it is not in the table");
   EntryConfig const entry = withPosition(before, nextVersion(key, before.opId().low()), ti);
-  put(entry);
+  replace(before, entry);
   return entry.opId();
 }
 
@@ -223,7 +225,9 @@ EntryKey Producer::freshKey() const {
   return EntryKey(key);
 }
 
-void Producer::check(EntryConfig const& entry) const {
+void Producer::check(EntryConfig const& entry) const { checkChange(config_->entry(entry.key()), entry); }
+
+void Producer::checkChange(EntryConfig const& before, EntryConfig const& entry) const {
   checkShape(entry, mapping_);
   if (entry.opId() >= OpId::deleteAcknowledge())
     refuse(Rule::VersionRange, entry.key(), fmt::format("version {}", entry.opId().value()));
@@ -234,7 +238,6 @@ void Producer::check(EntryConfig const& entry) const {
       owner != ledger_->owner.end() && owner->second != entry.key().value())
     refuse(Rule::UniqueHandle, entry.key(),
            fmt::format("handle {} is that of key {}", entry.hdl(), owner->second));
-  EntryConfig const before = config_->entry(entry.key());
   if (!(before == EntryConfig())) {
     checkConstants(before, entry);
     checkLowPart(before, entry, statusOf(entry.key()));

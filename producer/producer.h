@@ -91,6 +91,9 @@ class VANTREL_API Producer {
   OpId nextVersion(EntryKey key, U16 low) const;
   U16 lowPart(EntryConfig const& before, Wish const& wish) const;
   std::optional<OpId> statusOf(EntryKey key) const;
+  // `before`: what the table holds of the key.
+  void replace(EntryConfig const& before, EntryConfig const& entry);
+  void checkChange(EntryConfig const& before, EntryConfig const& entry) const;
   void write(EntryConfig const& entry);
 
   Ostra::Ptr<TableConfig> config_;
