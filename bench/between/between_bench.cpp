@@ -3,8 +3,9 @@
 //
 //   one at a time   both sides sleep in between; the median, and what one write in a hundred, one in a
 //                   thousand takes longer than
-//   at saturation   up to 256 writes are under way; who has so many goes on when half are done. The time of
-//                   one
+//   at saturation   up to 4096 writes are under way; who has so many goes on when half are done, and looks
+//                   every tenth of a millisecond: being woken for each would cost the far end a wake-up each.
+//                   The time of one
 //   a processor each, one processor: where the two ends run, see road.h
 #include <benchmark/benchmark.h>
 
@@ -12,6 +13,7 @@
 #include <chrono>
 #include <map>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "bench/between/road.h"
@@ -84,13 +86,16 @@ void oneAtATime(Road& way, Keys& keys, Change change, benchmark::State& state) {
 
 // Keys in turn: one that is under way is not written again.
 void atSaturation(Road& way, U64 entries, Change change, benchmark::State& state) {
-  constexpr U64 window = 256;
+  constexpr U64 window = 4096;
   double const long_ = brief() ? 1e7 : 3e8;
   U64 written = 0, acknowledged = 0;
   auto const begin = Clock::now();
   while (written % 64 != 0 || written < 2 * window || nanosecondsSince(begin) < long_) {
     if (written - acknowledged == window)
-      while (written - acknowledged > window / 2) acknowledged += way.await();
+      while (written - acknowledged > window / 2) {
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+        acknowledged += way.await();
+      }
     way.write(1 + written++ % entries, change);
   }
   while (acknowledged < written) acknowledged += way.await();
@@ -133,12 +138,13 @@ void saturation(benchmark::State& state, Case c) {
   guarded(state, [&] { atSaturation(roadOf(c, entries), entries, c.change, state); });
 }
 
-template <class Run>
+using Run = void (*)(benchmark::State&, Case);
+
 void add(std::string const& what, char const* name, Run run, Case c) {
-  benchmark::RegisterBenchmark((what + "/" + name).c_str(), run, c)->Arg(1000)->Arg(100'000)->Iterations(1);
+  int const few = run == saturation ? 10'000 : 1000;  // more than are under way
+  benchmark::RegisterBenchmark((what + "/" + name).c_str(), run, c)->Arg(few)->Arg(100'000)->Iterations(1);
 }
 
-template <class Run>
 void besideOthers(std::string const& what, Run run, Change change, Place place) {
   add(what, "ours", run, {Side::vantrel, change, place});
   add(what, "floor", run, {Side::bare, change, place});

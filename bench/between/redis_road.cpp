@@ -141,7 +141,7 @@ void acknowledgeForEver(std::string const& socket) {
       versions.push_back(std::strtoull(commands.reply()->element(1).str, nullptr, 10));
     for (std::size_t i = 0; i < keys.size(); ++i) {
       commands.append("HSET status:%llu opId %llu", keys[i], versions[i]);
-      commands.append("PUBLISH status %llu", keys[i]);
+      commands.append("PUBLISH status %llu:%llu", keys[i], versions[i]);
     }
     commands.allReplies();
   }
