@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The tables that are measured: one of each size to read and one to write, made when they are first needed, in
-// a directory of shared memory that goes with the program.
+// The tables that are measured: one of each size to read and one to write, made when they are first needed,
+// in a directory of shared memory that goes with the program.
 #pragma once
 
 #include <algorithm>

@@ -28,7 +28,7 @@ void (*storePoint)() = nullptr;
 
 namespace {
 
-// So many slots rest in the queue before the file grows by another chunk instead.
+// So many slots rest before one of them is written again, and the file rather grows by a chunk.
 constexpr std::size_t restingSlots = 128;
 constexpr U64 maxDepth = 4096;
 
@@ -321,14 +321,23 @@ U64 TableWriter::addChunk(Kind kind) {
 }
 
 void TableWriter::reserveSlot() {
-  if (freeSlots_.size() > restingSlots) [[likely]]
+  if (!idleSlots_.empty()) [[likely]]
     return;
   try {
     U64 const chunk = addChunk(Kind::slots);
-    for (U64 i = 0; i < slotsPerChunk(); ++i) freeSlots_.push_back(slotUnit(chunk, i));
+    for (U64 i = slotsPerChunk(); i-- > 0;) idleSlots_.push_back(slotUnit(chunk, i));
   } catch (NoSpaceException const&) {
-    if (freeSlots_.empty()) throw;
+    if (restingSlots_.empty()) throw;
   }
+}
+
+U32 TableWriter::nextSlot() const { return idleSlots_.empty() ? restingSlots_.front() : idleSlots_.back(); }
+
+void TableWriter::takeSlot() {
+  if (idleSlots_.empty())
+    restingSlots_.pop_front();
+  else
+    idleSlots_.pop_back();
 }
 
 U32 TableWriter::slotUnit(U64 chunk, U64 place) const {
@@ -356,7 +365,11 @@ U32 TableWriter::takeLine() {
 }
 
 void TableWriter::freeSlot(U64 entry) {
-  if (isSlot(entryUnit(entry))) freeSlots_.push_back(static_cast<U32>(entryUnit(entry)));
+  if (!isSlot(entryUnit(entry))) return;
+  restingSlots_.push_back(static_cast<U32>(entryUnit(entry)));
+  if (restingSlots_.size() <= restingSlots) return;
+  idleSlots_.push_back(restingSlots_.front());
+  restingSlots_.pop_front();
 }
 
 // ---- Announcing
@@ -389,9 +402,9 @@ void TableWriter::put(U64 key, std::byte const* image) {
   reserveSlot();
   Spot const spot = locate(key, hash);
   if (!spot.word && !spot.hole) reserveLines(1);
-  U64 const unit = freeSlots_.front();
+  U64 const unit = nextSlot();
   writeSlot(unit, key, image);
-  freeSlots_.pop_front();
+  takeSlot();
   beginChange(key);
   publish(spot, entry(unit, hash));
   endChange();
@@ -617,7 +630,7 @@ void TableWriter::adoptFree(Survey const& survey) {
   if (survey.damaged) return;
   for (U64 chunk = 0; chunk < chunks_; ++chunk) {
     for (U64 i = 0; kinds_[chunk] == Kind::slots && i < slotsPerChunk(); ++i)
-      if (!survey.slots[chunk * slotsPerChunk() + i]) freeSlots_.push_back(slotUnit(chunk, i));
+      if (!survey.slots[chunk * slotsPerChunk() + i]) idleSlots_.push_back(slotUnit(chunk, i));
     for (U64 i = 0; kinds_[chunk] == Kind::overflow && i < linesPerChunk; ++i)
       if (!survey.lines[chunk * linesPerChunk + i]) freeLines_.push_back(lineUnit(chunk, i));
   }

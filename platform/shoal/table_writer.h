@@ -94,6 +94,8 @@ class VANTREL_API TableWriter {
 
   U64 addChunk(Kind kind);
   void reserveSlot();
+  U32 nextSlot() const;
+  void takeSlot();
   void reserveLines(std::size_t count);
   U32 slotUnit(U64 chunk, U64 place) const;
   U32 lineUnit(U64 chunk, U64 place) const;
@@ -134,8 +136,10 @@ class VANTREL_API TableWriter {
   U64 head_ = 0;
   U64 overflowChunks_ = 0;
   std::vector<Kind> kinds_;  // of the chunks
-  std::deque<U32>
-      freeSlots_;  // first in, first out: a slot rests as long as it can before it is written again
+  // A slot that was freed rests a while, first in, first out, so that whoever reads it may finish; then it is
+  // the first to be taken, while the caches have it.
+  std::deque<U32> restingSlots_;
+  std::vector<U32> idleSlots_;
   std::vector<U32> freeLines_;
   std::vector<U64> scratch_;  // checksum, state, key, image
   U64 imageWords_ = 0;        // of the image, in use there
