@@ -58,7 +58,8 @@ struct Note {
   std::string shown;  // instead of the text, where the text is made elsewhere
   bool used = false;
 };
-// By "FUNCTION: TEXT", or by the text alone.
+// By "FILE: TEXT", "FUNCTION: TEXT" or the text alone, each value as {}: code that is rewritten keeps its
+// notes.
 using Notes = std::map<std::string, Note>;
 
 struct Message {
@@ -231,6 +232,19 @@ std::string code(std::string const& text) {
   return "`" + result + "`";
 }
 
+std::string withoutNames(std::string_view text) {
+  std::string result;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    result += text[i];
+    if (text[i] != '{') continue;
+    for (int depth = 1; i + 1 < text.size() && depth > 0; ++i) {
+      if (text[i + 1] == '{') ++depth;
+      if (text[i + 1] == '}' && --depth == 0) result += '}';
+    }
+  }
+  return result;
+}
+
 void append(std::string& text, std::string const& words) { text += (text.empty() ? "" : " ") + words; }
 
 // A note is a line of text, then indented lines: "= SHOWN" where something else is to be shown, and when the
@@ -243,8 +257,9 @@ Notes readNotes(fs::path const& path) {
     if (line.empty() || line.starts_with('#')) continue;
     std::string const words = trimmed(line);
     if (!line.starts_with(' ')) {
-      if (notes.contains(words)) throw std::runtime_error("two notes for the message \"" + words + '"');
-      note = &notes[words];
+      std::string const key = withoutNames(words);
+      if (notes.contains(key)) throw std::runtime_error("two notes for the message \"" + words + '"');
+      note = &notes[key];
     } else if (!note) {
       throw std::runtime_error(path.string() + " begins with an indented line");
     } else if (words.starts_with("= ")) {
@@ -258,8 +273,10 @@ Notes readNotes(fs::path const& path) {
 
 void annotate(std::vector<Message>& messages, Notes& notes) {
   for (Message& m : messages) {
-    auto at = notes.find(m.function + ": " + m.text);
-    if (at == notes.end()) at = notes.find(m.text);
+    std::string const key = withoutNames(m.text);
+    auto at = notes.find(fs::path(m.file).filename().string() + ": " + key);
+    if (at == notes.end()) at = notes.find(m.function + ": " + key);
+    if (at == notes.end()) at = notes.find(key);
     if (at == notes.end() || at->second.when.empty())
       throw std::runtime_error("docs/messages.notes does not say when \"" + m.text + "\" is written (" +
                                m.function + " in " + m.file + ")");
