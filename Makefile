@@ -29,6 +29,10 @@ check: configured ## every test: under the sanitizers first, then optimised
 	@$(call compile,asan-ubsan)
 	$(SAY) "check: tests under address and undefined-behaviour sanitizers"
 	@ctest --preset asan-ubsan -j $(JOBS)
+	$(SAY) "check: what races, built in build-tsan/, under the thread sanitizer"
+	@$(call configure,tsan)
+	@$(call compile,tsan) --target tsan_tests
+	@ctest --preset tsan -j $(JOBS)
 	$(SAY) "check: every test, optimised"
 	@ctest --preset release -j $(JOBS)
 
