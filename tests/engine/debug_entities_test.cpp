@@ -137,6 +137,13 @@ TEST(DebugEntities, AWatcherNeedsNoHandler) {
   EXPECT_EQ(s->pending().at(1), EntryKey(2));
 }
 
+TEST(DebugEntities, ARequestCanBeMadeByName) {
+  auto const c = debugConfigFactory("cfg");
+  c->typeInfo().write(*c, "version", U64{4});
+  c->typeInfo().invoke(*c, "versionInc", {U64{2}});
+  EXPECT_EQ(c->version(), 6U);
+}
+
 TEST(DebugEntities, OutsidersDoNotWriteTheAnswer) {
   auto const s = debugStatusFactory("status");
   try {

@@ -190,6 +190,30 @@ TEST_F(EngineBase, AWatcherNeedsNoHandler) {
   EXPECT_EQ(probe->handleToKey().at(1), EntryKey(2));
 }
 
+TEST_F(EngineBase, OutsidersDoNotWriteWhoOwnsWhichHandle) {
+  for (char const* name : {"handleToKey", "keyToHandle"}) {
+    try {
+      probe->typeInfo().checkOutsider(*probe, name);
+      FAIL() << name;
+    } catch (Ostra::AttributeException const& error) {
+      EXPECT_THAT(error.what(), HasSubstr("the engine keeps who owns which handle itself"));
+    }
+  }
+}
+
+TEST(Helper, AcknowledgesByName) {
+  auto const status = make<Shoal::LocalTable<EntryStatus>>("status");
+  auto const helper = make<VantrelHelper>("helper", status);
+  Ostra::TypeInfo const& type = helper->typeInfo();
+  EXPECT_EQ(type.read(*helper, "tableStatus"), Ostra::Value(std::string("status")));
+  type.invoke(*helper, "noopAck", {U64{7}, U64{70}});
+  EXPECT_EQ(status->entry(EntryKey(7)).opId(), OpId(70));
+  type.invoke(*helper, "delAck", {U64{7}});
+  EXPECT_EQ(status->entry(EntryKey(7)).opId(), OpId::deleteAcknowledge());
+  type.invoke(*helper, "delStatus", {U64{7}});
+  EXPECT_EQ(status->size(), 0U);
+}
+
 using EngineBaseDeathTest = EngineBase;
 
 TEST_F(EngineBaseDeathTest, TraceIdentifierZeroFailsTheMissingLgIdAssertion) {
