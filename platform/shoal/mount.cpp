@@ -43,16 +43,26 @@ void Mount::toldOf(U64 key) { known_->insert(key); }
 
 bool Mount::mend() { return mapping_->cutShort() && mapping_->mend(view_->extent()); }
 
-// What lies there is told before the descriptor is asked what else there is: most often, nothing. Asleep
-// before the last look: a change that this look misses wakes it.
+// A watcher that throws ends the dispatch, and what is left is told in the next.
 void Mount::dispatch() {
   fd();
+  try {
+    dispatchSlice();
+  } catch (...) {
+    watch_->wakeSelf();
+    throw;
+  }
+}
+
+// What lies there is told before the descriptor is asked what else there is: most often, nothing. Asleep
+// before the last look: a change that this look misses wakes it.
+void Mount::dispatchSlice() {
   watch_->asleepIs(false);
   if (!mapping_->cutShort()) deliver();
   Watch::News const news = watch_->drain();
-  if (news.fileMayBeAnother || news.writerWent) follow();
-  if (mapping_->cutShort()) mend();
   writerWent_ |= news.writerWent;
+  if (news.fileMayBeAnother || news.writerWent || followOwed_) follow();
+  if (mapping_->cutShort()) mend();
   bool more = deliver();
   if (!more) {
     watch_->asleepIs(true);
@@ -63,19 +73,19 @@ void Mount::dispatch() {
   if (more) watch_->wakeSelf();
 }
 
+// What cannot be opened now, for want of descriptors perhaps, is tried again when something else happens.
 void Mount::follow() {
-  if (mapping_->isCurrent()) return;
+  followOwed_ = !mapping_->isCurrent();
+  if (!followOwed_) return;
   try {
     openFile();
+    followOwed_ = false;
+    wholeOwed_ = true;
   } catch (FileException const& error) {
     if (error.reason() != FileException::Reason::missing) sink_.damaged(error.what());
-    return;
   } catch (Pallo::CorruptionDetectedException const& error) {
     sink_.damaged(error.what());
-    return;
   }
-  tellOfTheVanished();
-  sink_.anythingChanged();
 }
 
 // Nothing when the word is damaged, which is reported once.
@@ -92,6 +102,7 @@ std::optional<U64> Mount::readHead() {
 
 // True when there is more to tell.
 bool Mount::deliver() {
+  if (wholeOwed_) tellWhole();
   for (int told = 0; told < slice; ++told) {
     auto const head = readHead();
     if (!head) return false;
@@ -122,8 +133,14 @@ void Mount::tellUnfinished() {
 // Its later changes are told of from here on.
 void Mount::fellBehind(U64 head) {
   position_ = head;
+  wholeOwed_ = true;
+  tellWhole();
+}
+
+void Mount::tellWhole() {
   tellOfTheVanished();
   sink_.anythingChanged();
+  wholeOwed_ = false;
 }
 
 void Mount::tellOfTheVanished() {

@@ -52,11 +52,13 @@ class VANTREL_API Mount {
  private:
   class KnownKeys;
   void openFile();
+  void dispatchSlice();
   void follow();
   bool deliver();
   bool deliverNext(U64 head);
   void tellUnfinished();
   void fellBehind(U64 head);
+  void tellWhole();
   void tellOfTheVanished();
   void tell(U64 key);
   std::optional<U64> readHead();
@@ -71,6 +73,8 @@ class VANTREL_API Mount {
   U64 position_ = 0;  // the next change to tell of
   bool damagedHead_ = false;
   bool writerWent_ = false;
+  bool wholeOwed_ = false;   // those who vanished, and the whole-collection notification
+  bool followOwed_ = false;  // the file at the path could not be opened
 };
 
 }  // namespace Shoal

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 
 #include "pallo/exception.h"
 #include "shoal/hand_over.h"
@@ -54,11 +55,15 @@ int connectTo(SideDirectory const& directory, std::string const& name) {
   return errno = error, -1;
 }
 
-std::vector<std::string> pageNames(int directory) {
-  std::vector<std::string> names;
+// Nothing when the directory cannot be read now.
+std::optional<std::vector<std::string>> pageNames(int directory) {
   int const fd = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   DIR* const listing = fd < 0 ? nullptr : fdopendir(fd);
-  if (!listing) return names;
+  if (!listing) {
+    if (fd >= 0) ::close(fd);
+    return std::nullopt;
+  }
+  std::vector<std::string> names;
   while (dirent const* item = readdir(listing)) {
     std::string const name = item->d_name;
     if (name.size() > 5 && name.ends_with(".page")) names.push_back(name.substr(0, name.size() - 5));
@@ -67,12 +72,16 @@ std::vector<std::string> pageNames(int directory) {
   return names;
 }
 
+bool isForWantOfMeans(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS || error == EAGAIN;
+}
+
 }  // namespace
 
 // Whoever watched the table's last writer is met at once, and the meeting wakes it.
 Wakers::Wakers(SideDirectory const& directory) : directory_(directory), bell_(directory.bell()) {
-  heard_ = bell_->word().load();
-  rescan();
+  U32 const rung = bell_->word().load();
+  heard_ = rescan() ? rung : rung - 1;
 }
 
 Wakers::~Wakers() = default;
@@ -95,31 +104,35 @@ void Wakers::forgetTheGone(std::vector<std::string> const& names) {
   });
 }
 
-// A socket nobody listens to any more is a dead watcher's.
-void Wakers::meet(std::string const& name) {
+// A socket nobody listens to any more is a dead watcher's. False when there are no means to meet now.
+bool Wakers::meet(std::string const& name) {
   auto watcher = std::make_unique<Watcher>();
   watcher->name = name;
   watcher->socket = connectTo(directory_, name + ".sock");
   if (watcher->socket < 0) {
     if (errno == ECONNREFUSED) sweep(name);
-    if (errno == EAGAIN) --heard_;  // its queue is full: try again with the next change
-    return;
+    return !isForWantOfMeans(errno);
   }
-  watcher->event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (watcher->event < 0 || !handOver(watcher->socket, watcher->event)) return;
   try {
     watcher->page = directory_.page(name + ".page", false);
   } catch (Pallo::Exception const&) {
-    return;  // what is not a page file is no watcher
+    return !isForWantOfMeans(errno);  // what is not a page file is no watcher
   }
+  watcher->event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (watcher->event < 0 || !handOver(watcher->socket, watcher->event)) return !isForWantOfMeans(errno);
   watchers_.push_back(std::move(watcher));
+  return true;
 }
 
-void Wakers::rescan() {
-  std::vector<std::string> const names = pageNames(directory_.fd());
-  forgetTheGone(names);
-  for (std::string const& name : names)
-    if (watchers_.size() < maxWatchers && !known(name)) meet(name);
+// False when somebody could not be met for want of means, and is to be tried again with the next change.
+bool Wakers::rescan() {
+  auto const names = pageNames(directory_.fd());
+  if (!names) return false;
+  forgetTheGone(*names);
+  bool complete = true;
+  for (std::string const& name : *names)
+    if (watchers_.size() < maxWatchers && !known(name)) complete &= meet(name);
+  return complete;
 }
 
 // The change is announced before the bell and the pages are read, and a watcher rings and lies down before it
@@ -127,8 +140,7 @@ void Wakers::rescan() {
 void Wakers::wake() {
   U32 const rung = bell_->word().load(std::memory_order_seq_cst);
   if (rung != heard_) [[unlikely]] {
-    heard_ = rung;
-    rescan();
+    heard_ = rescan() ? rung : rung - 1;
   }
   for (auto const& watcher : watchers_) {
     std::atomic<U32>& asleep = watcher->page->word();

@@ -36,8 +36,8 @@ class Wakers {
  private:
   struct Watcher;
   static constexpr std::size_t maxWatchers = 256;
-  void rescan();
-  void meet(std::string const& name);
+  bool rescan();
+  bool meet(std::string const& name);
   bool known(std::string const& name) const;
   void forgetTheGone(std::vector<std::string> const& names);
   void sweep(std::string const& name) const;

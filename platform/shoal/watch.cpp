@@ -105,15 +105,23 @@ void Watch::wakeSelf() {
   [[maybe_unused]] auto const written = write(self_, &one, sizeof one);
 }
 
-void Watch::welcome() {
+// A table has one writer at a time: where there are too many, the oldest went, and its end is still to be
+// heard.
+void Watch::welcome(News& news) {
   for (int socket; (socket = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
     if (writers_.size() >= maxWriters) {
-      ::close(socket);
-      continue;
+      forget(writers_.begin());
+      news.writerWent = true;
     }
     writers_.push_back({socket, -1});
     add(socket, static_cast<U64>(socket), EPOLLIN | EPOLLRDHUP);
   }
+}
+
+void Watch::forget(std::vector<Writer>::iterator writer) {
+  ::close(writer->socket);
+  closeIf(writer->event);
+  writers_.erase(writer);
 }
 
 // A writer's socket says one of two things: here is the event, or the end. Edge-triggered, the event need not
@@ -130,9 +138,7 @@ bool Watch::hear(int socket) {
     closeIf(event);
   }
   if (!ended) return false;
-  ::close(writer->socket);
-  closeIf(writer->event);
-  writers_.erase(writer);
+  forget(writer);
   return true;
 }
 
@@ -162,7 +168,7 @@ Watch::News Watch::drain() {
     } else if (tag == directoryTag) {
       readDirectoryNews(news);
     } else if (tag == listenerTag) {
-      welcome();
+      welcome(news);
       news.fileMayBeAnother = true;
     } else if (tag != eventTag) {
       news.writerWent |= hear(static_cast<int>(tag));

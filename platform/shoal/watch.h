@@ -44,7 +44,8 @@ class Watch {
   void watchDirectory(std::string const& tablePath);
   void listen();
   void add(int fd, U64 tag, U32 events);
-  void welcome();
+  void welcome(News& news);
+  void forget(std::vector<Writer>::iterator writer);
   bool hear(int socket);
   void readDirectoryNews(News& news);
 

@@ -253,5 +253,112 @@ TEST(Notification, WaitingForAFileTakesItsCreation) {
   EXPECT_THROW(Shoal::FileWait(dir / "none/t"), Shoal::FileException);
 }
 
+// Each writer that came and went while the watcher stood still left a connection to be accepted.
+TEST(Notification, AWatcherThatSleptThroughManyWritersIsWokenByTheLast) {
+  Directory dir;
+  { Writer const make(dir / "t"); }
+  Watched w(dir / "t");
+  settle(*w.reader);
+  for (U64 i = 1; i <= 40; ++i) {
+    Writer writer(dir / "t");
+    writer.entryIs(record(i, 1));
+  }
+  Writer last(dir / "t");
+  last.entryIs(record(41, 1));
+  settle(*w.reader);
+  EXPECT_EQ(w.watcher.seen, contents(last));
+  for (U64 version = 2; version < 10; ++version) {
+    last.entryIs(record(5, version));
+    ASSERT_TRUE(readable(w.reader->fd(), 2000)) << version;
+    settle(*w.reader);
+    ASSERT_EQ(w.watcher.seen[5], version);
+  }
+}
+
+class Thrower : public Watcher {
+ public:
+  void onEntry(EntryKey const& key) override {
+    if (keys.size() % 3 == 2) {
+      keys.push_back(0);
+      throw std::runtime_error("this one did not go well");
+    }
+    Watcher::onEntry(key);
+  }
+  void onEntryColl() override {
+    if (++throws_ == 2) throw std::runtime_error("nor did this");
+    Watcher::onEntryColl();
+  }
+
+ private:
+  int throws_ = 0;
+};
+
+// Dispatches until nothing more comes; an exception costs the notification it came from.
+int settleThrough(Reader& reader) {
+  int thrown = 0;
+  while (readable(reader.fd())) try {
+      reader.dispatch();
+    } catch (std::runtime_error const&) {
+      ++thrown;
+    }
+  return thrown;
+}
+
+TEST(Notification, AHandlerThatThrowsCostsNoLaterNotification) {
+  Directory dir;
+  Writer writer(dir / "t", {.ringEntries = 64});
+  auto const reader = Ostra::make<Reader>(dir / "t");
+  Thrower watcher;
+  watcher.notifierIs(Ostra::Ptr<Shoal::Table<Config> const>(reader.get()));
+  watcher.hasNotificationActiveIs(true);
+  settleThrough(*reader);
+  for (U64 key = 1; key <= 30; ++key) writer.entryIs(record(key, 1));
+  EXPECT_EQ(settleThrough(*reader), 10);
+  EXPECT_EQ(watcher.keys.size(), 30U);
+  // The same when it fell behind: those who vanished are told of one by one, and then there is to be a walk.
+  for (U64 key = 1; key <= 20; ++key) writer.entryDel(EntryKey(key));
+  for (U64 key = 100; key < 200; ++key) writer.entryIs(record(key, 1));
+  watcher.keys.clear();
+  EXPECT_GT(settleThrough(*reader), 6);
+  EXPECT_EQ(watcher.keys.size(), 20U);
+  EXPECT_EQ(watcher.collections, 2);
+  EXPECT_EQ(watcher.seen.count(150), 1U);
+  EXPECT_FALSE(readable(reader->fd()));
+}
+
+// A writer without a descriptor to spare meets the watcher as soon as it has one again.
+TEST(Notification, AWriterShortOfDescriptorsMeetsItsWatcherLater) {
+  Directory dir;
+  Writer writer(dir / "t");
+  int more[2];  // tells the child to go on
+  ASSERT_EQ(pipe(more), 0);
+  pid_t const child = fork();
+  if (child == 0) {
+    auto const watch = Ostra::make<Reader>(dir / "t");
+    Watcher watcher;
+    watcher.notifierIs(Ostra::Ptr<Shoal::Table<Config> const>(watch.get()));
+    watcher.hasNotificationActiveIs(true);
+    settle(*watch);
+    if (write(more[1], "w", 1) != 1) _exit(2);
+    for (int i = 0; i < 50 && !watcher.seen.contains(2); ++i) settle(*watch, 100);
+    _exit(watcher.seen.contains(1) && watcher.seen.contains(2) ? 0 : 1);
+  }
+  char byte;
+  ASSERT_EQ(read(more[0], &byte, 1), 1);
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  rlimit const none{3, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  writer.entryIs(record(1, 1));
+  setrlimit(RLIMIT_NOFILE, &before);
+  usleep(50000);
+  writer.entryIs(record(2, 1));
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  close(more[0]);
+  close(more[1]);
+}
+
 }  // namespace
 }  // namespace ShoalTest
