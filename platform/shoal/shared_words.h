@@ -34,6 +34,7 @@ inline U64 copySlotWords(std::atomic<U64> const* slot, U64* to, U64 pairs) {
   auto const folded = [](__m128i words) { return _mm_xor_si128(words, _mm_srli_epi64(words, 32)); };
   __m128i sum = folded(_mm_unpackhi_epi64(_mm_setzero_si128(), first));
   __m128i sums = sum;
+#pragma GCC unroll 3
   for (U64 i = 1; i < pairs; ++i) {
     __m128i const words = _mm_load_si128(from + i);
     _mm_store_si128(target + i, words);

@@ -93,8 +93,8 @@ TEST(Checksum, AnyDamageToOneWordIsSeen) {
   }
 }
 
-// A damaged bit adds its word's weight times the change of the folded word, whatever the other words are; a bit
-// goes up or down. No two of these changes may cancel.
+// A damaged bit adds its word's weight times the change of the folded word, whatever the other words are; a
+// bit goes up or down. No two of these changes may cancel.
 TEST(Checksum, AnyTwoDamagedBitsAreSeen) {
   std::vector<U64> slot(80, 0);
   U64 const empty = Shoal::Checksum::of(slot.data(), 40);
