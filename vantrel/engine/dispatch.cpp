@@ -15,12 +15,13 @@ namespace Vantrel {
 bool VantrelImpl::handleEntryHelper(EntryKey const& key) {
   ENGINE_ASSERT(initialized());
   VANTREL_RECORD(9, lgId(), "notify on key:", key);
+  if (forethought_) forethought_(*this, key);
   EntryConfig const entry = readAndProcessDeps(key);
   VANTREL_RECORD(9, lgId(), "handling key:", key, " hdl:", entry.hdl(), " opId:", entry.opId());
-  dumpWhenDirty();
+  if (debugEnabled()) dumpWhenDirty();
   bool const result =
       entry.empty() || entry.isDel() ? dispatchDelete(key, entry.isDel()) : dispatchAddOrUpdate(entry, key);
-  dumpWhenDirty();
+  if (debugEnabled()) dumpWhenDirty();
   return result;
 }
 
@@ -59,7 +60,7 @@ bool VantrelImpl::takeOverHandle(U64 handle, EntryKey const& key, EntryKey const
 }
 
 void VantrelImpl::dumpWhenDirty() {
-  if (!debugEnabled() || !dirty()) return;
+  if (!dirty()) return;
   dumpState();
   dirtyIs(false);
 }

@@ -127,6 +127,11 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
 
  protected:
+  // Called with a key before its record is read, so that what the concrete engine knows of it is on its way
+  // into the caches meanwhile. Changes nothing. Null: nothing is called.
+  using Forethought = void (*)(VantrelImpl const& engine, EntryKey const& key);
+  void forethoughtIs(Forethought forethought) { forethought_ = forethought; }
+
   // The key's record with its dependant tables programmed; an empty or delete-marked one as it is. Throws
   // Ostra::InternalException when they could not be programmed in retryDepsMaxCnt attempts.
   EntryConfig readAndProcessDeps(EntryKey const& key);
@@ -149,6 +154,7 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   bool dirty_ = true;
   bool alwaysProcessPending_ = false;
   bool initialized_ = false;
+  Forethought forethought_ = nullptr;
   KeyOfHandle handleToKey_;
   HandleOfKey keyToHandle_;
 };

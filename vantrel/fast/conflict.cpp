@@ -37,7 +37,7 @@ CState_s& FastVantrelImpl::recordOf(EntryConfig const& entry) {
   c.prio = entry.prio();
   c.pg = entry.pg();
   s.clearPending(c.p, false);
-  s.cstate.emplace(c.key, &c);
+  s.enter(c);
   VANTREL_TRACE(vantrelFastImplTrace(), 8, "entry ", c.key, " entry opid ", entry.opId(), " current opId ",
                 c.opId);
   VANTREL_RECORD(9, lgId(), "new entry key:", c.key, " hdl:", c.hdl, " entry opid:", entry.opId(),
@@ -113,8 +113,11 @@ void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 t
     FAST_ASSERT_AS(c.key != cp->key, "c->key != cp->key");
     return s.clearPending(c.p, true);  // the newer claim stands
   }
+  bool open = false;
   if (cp == &c) {
     FAST_ASSERT_AS(c.p.ti == ti, "c->p.ti == *ti");
+    open = c.p.open && c.p.type == PendingType::Occupied && !c.p.lost;
+    s.clearPending(c.p, false);
   } else {
     slot = &c;
     s.clearPending(c.p, true);  // may move the slots: this one is looked up again
@@ -123,7 +126,7 @@ void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 t
     FAST_ASSERT_AS(found, "PValue");
     *found = &c;
   }
-  c.p = {entry.opId(), ti, PendingType::Occupied};
+  c.p = {entry.opId(), ti, PendingType::Occupied, open};
 }
 
 bool FastVantrelImpl::conflictFound(EntryConfig const& entry, CState_s const& c) {

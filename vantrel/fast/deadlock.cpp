@@ -6,9 +6,16 @@
 //              [ A ]-->[ B ]-->[ C ]        A waits for 2, B for 3, C for 1: the entry that the search
 //                ^---------------'          started from is deleted, the others follow into free positions
 //
-// The graph is never stored: a blocked entry has one successor, the occupant of the position it waits for. A
-// ring is broken only from one of its own members; a chain that leads into it from outside marks its members
-// visited, and it stays until a later run.
+// The graph is never stored: a blocked entry has one successor, the occupant of the position it waits for,
+// and at most one predecessor, for a position has one claim. A ring is broken only from one of its own
+// members; a chain that leads into it from outside marks its members visited, and it stays until a later run.
+//
+// A chain is read member by member, configurations included, when the claims say that it comes back. That is
+// found out from both ends at once, so that a key costs no more than the shorter side of the chain it joins;
+// and not again while its claim stays, because a ring is closed by the claim that comes last.
+#include <boost/container/small_vector.hpp>
+#include <utility>
+
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -16,13 +23,18 @@
 
 namespace Vantrel {
 
-// The keys that the chains of one run have passed.
+// The keys that the chains of one run have passed. A chain that breaks nothing is passed only when a later
+// one of the run may break a ring: until then the state is what it was.
 class FastVantrelImpl::Visited {
  public:
   bool firstTime(EntryKey const& key) { return keys_.insert(key).second; }
+  void putOff(EntryKey const& start) { putOff_.push_back(start); }
+  // What was put off, which is then no longer.
+  auto takePutOff() { return std::exchange(putOff_, {}); }
 
  private:
   FastState::Keys keys_;
+  boost::container::small_vector<EntryKey, 8> putOff_;
 };
 
 void FastVantrelImpl::checkDeadlock() {
@@ -39,8 +51,65 @@ void FastVantrelImpl::checkDeadlock() {
   VANTREL_TRACE(vantrelFastImplTrace(), 7, "checking deadlock done");
 }
 
+// Whoever listens to the facility trace hears of each step of each chain; and a claim on a position that
+// nobody holds is met by the chain that leads there, wherever it began.
+bool FastVantrelImpl::closesRing(EntryKey const& start, Visited& visited) {
+  CState_s* const c = state()->record(start);
+  FAST_ASSERT(c);
+  bool const comesBack = claimsComeBack(*c);
+  bool const stepsCount = vantrelFastImplTrace().enabled(7) || !state()->settled();
+  if (!comesBack && !stepsCount) {
+    occupantWaitedFor(*c);
+    visited.putOff(start);
+    return false;
+  }
+  for (EntryKey const& earlier : visited.takePutOff()) chainComesBack(earlier, visited);
+  return chainComesBack(start, visited);
+}
+
+// Whether the claims alone lead from `c` back to it. When they do not, that stays so until another entry
+// makes a claim, which is then asked itself. When they do, the configurations say whether the ring is one,
+// and every member is asked again whenever it blocks.
+bool FastVantrelImpl::claimsComeBack(CState_s& c) {
+  if (c.p.open) return false;
+  c.p.open = !claimsMeet(c);
+  if (c.p.open) return false;
+  std::size_t left = state()->cstate.size();
+  for (CState_s* member = occupantClaimed(c); member && member != &c && left > 0; --left) {
+    member->p.open = false;
+    member = occupantClaimed(*member);
+  }
+  return true;
+}
+
+// One step ahead, one step back, until one side ends or both meet. More steps than records: not a state that
+// the engine made, and for the configurations to tell.
+bool FastVantrelImpl::claimsMeet(CState_s const& c) const {
+  CState_s const* ahead = occupantClaimed(c);
+  CState_s const* behind = claimant(c);
+  for (std::size_t left = state()->cstate.size(); left > 0 && ahead != behind; --left) {
+    if (!ahead || !behind) return false;
+    ahead = occupantClaimed(*ahead);
+    if (ahead == behind) break;
+    behind = claimant(*behind);
+  }
+  return ahead && behind;
+}
+
+// Who holds the position that a programmed entry claims.
+CState_s* FastVantrelImpl::occupantClaimed(CState_s const& c) const {
+  bool const waits = c.programmed() && c.p.type == PendingType::Occupied && c.p.ti != c.sti;
+  return waits ? state()->current.at(c.p.ti) : nullptr;
+}
+
+// The programmed entry that claims the position of another one.
+CState_s* FastVantrelImpl::claimant(CState_s const& c) const {
+  CState_s* const waiter = c.programmed() ? state()->pending.at(c.sti) : nullptr;
+  return waiter && occupantClaimed(*waiter) == &c ? waiter : nullptr;
+}
+
 // Follows the chain from `start`, one occupant at a time, until it ends or comes back.
-bool FastVantrelImpl::closesRing(EntryKey const& start, Visited& visited) const {
+bool FastVantrelImpl::chainComesBack(EntryKey const& start, Visited& visited) const {
   for (EntryKey key = start;;) {
     if (!visited.firstTime(key)) {
       VANTREL_TRACE(vantrelFastImplTrace(), 7, "stopping. already seen ", key);

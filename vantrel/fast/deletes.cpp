@@ -46,7 +46,7 @@ bool FastVantrelImpl::deleteKnown(CState_s& c, bool deadlock, bool delAck) {
   return true;
 }
 
-void FastVantrelImpl::withdraw(CState_s const& c, EntryConfig& record, bool deadlock) {
+void FastVantrelImpl::withdraw(CState_s const& c, EntryConfig& record, bool deadlock) try {
   FastState& s = *state();
   record.tableIndexIs(TableKey(0), c.sti);
   s.current.remove(c.sti);
@@ -58,6 +58,9 @@ void FastVantrelImpl::withdraw(CState_s const& c, EntryConfig& record, bool dead
     helper()->deleteEntryDeadlock(record);
   else
     helper()->deleteEntry(record);
+} catch (...) {
+  state()->disturbedIs(true);
+  throw;
 }
 
 // The deleted entry is no longer in the index that is searched from its place.
@@ -80,7 +83,7 @@ FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByDelete(CState_s const& c) c
 
 void FastVantrelImpl::forget(CState_s& c) {
   FastState& s = *state();
-  s.cstate.erase(c.key);
+  s.erase(c);
   if (!s.blocked.empty()) s.blocked.erase(c.key);
   s.cstateFree(&c);
   dirtyIs(true);

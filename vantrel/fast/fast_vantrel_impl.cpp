@@ -16,6 +16,9 @@ FastVantrelImpl::FastVantrelImpl(std::string name, Ostra::Ptr<TableConfig const>
     : VantrelImpl(std::move(name), std::move(tableConfig), std::move(debugConfig), std::move(debugStatus),
                   std::move(helper), lgId) {
   FastVantrelImpl::handleInitialized();
+  forethoughtIs([](VantrelImpl const& engine, EntryKey const& key) {
+    static_cast<FastVantrelImpl const&>(engine).state()->expect(key);
+  });
 }
 
 FastVantrelImpl::~FastVantrelImpl() {

@@ -109,6 +109,9 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   Range rangeOpenedByMove(CState_s const& c, U32 old, U32 ti) const;
   void wakeRange(U16 pg, Range range);
 
+  // workq.cpp
+  void retry(EntryKey const& key);
+
   // deletes.cpp
   bool deleteKnown(CState_s& c, bool deadlock, bool delAck);
   bool deleteUnknown(EntryKey const& key, bool delAck);
@@ -118,7 +121,12 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
 
   // deadlock.cpp
   class Visited;
-  bool closesRing(EntryKey const& start, Visited& visited) const;
+  bool closesRing(EntryKey const& start, Visited& visited);
+  bool claimsComeBack(CState_s& c);
+  bool claimsMeet(CState_s const& c) const;
+  CState_s* occupantClaimed(CState_s const& c) const;
+  CState_s* claimant(CState_s const& c) const;
+  bool chainComesBack(EntryKey const& start, Visited& visited) const;
   CState_s const* occupantWaitedFor(CState_s const& c) const;
   void breakRing(EntryKey const& victim);
 

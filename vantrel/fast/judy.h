@@ -55,7 +55,7 @@ class JudyMap {
   ~JudyMap() { Judy::clear(array_); }
 
   bool empty() const { return array_ == nullptr; }
-  T* at(U32 index) const { return valueAt(Judy::get(array_, index)); }
+  T* at(U32 index) const { return empty() ? nullptr : valueAt(Judy::get(array_, index)); }
   // The index's slot, made when there is none; a new one holds null.
   T** insert(U32 index) { return reinterpret_cast<T**>(Judy::insert(array_, index)); }
   // The slot of an index that may be absent: null then.
@@ -73,6 +73,7 @@ class JudyMap {
  private:
   static T* valueAt(PPvoid_t slot) { return slot ? static_cast<T*>(*slot) : nullptr; }
   std::optional<Item> step(PPvoid_t (*search)(Pcvoid_t, Word_t&), Word_t index) const {
+    if (empty()) return std::nullopt;
     PPvoid_t const slot = search(array_, index);
     if (!slot) return std::nullopt;
     return Item{static_cast<U32>(index), static_cast<T*>(*slot)};

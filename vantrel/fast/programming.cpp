@@ -44,7 +44,7 @@ bool FastVantrelImpl::processEntry(EntryConfig const& entry) {
   return true;
 }
 
-void FastVantrelImpl::program(EntryConfig const& entry, CState_s& c, U32 ti) {
+void FastVantrelImpl::program(EntryConfig const& entry, CState_s& c, U32 ti) try {
   if (!c.programmed()) {
     add(entry, c, ti);
   } else {
@@ -62,6 +62,9 @@ void FastVantrelImpl::program(EntryConfig const& entry, CState_s& c, U32 ti) {
   }
   c.sti = ti;
   c.opId = entry.opId();
+} catch (...) {
+  state()->disturbedIs(true);
+  throw;
 }
 
 void FastVantrelImpl::add(EntryConfig const& entry, CState_s& c, U32 ti) {

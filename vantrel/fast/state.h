@@ -43,6 +43,10 @@ struct EntryPState_s {
   OpId opId;         // of the configuration that waits; zero when nothing waits
   U32 ti;            // the table index it waits for, or noIndex
   PendingType type;  // why it waits
+  // The claims were followed from here and did not come back; false: they may. deadlock.cpp keeps it, from
+  // the making of a claim to its end.
+  bool open = false;
+  bool lost = false;  // its retry failed: the position may have nobody who will wake it
 };
 using EntryPState_t = EntryPState_s;
 
@@ -84,9 +88,21 @@ class VANTREL_API FastState {
   Keys blocked;
 
   // The key's record, null when the key is unknown.
-  CState_s* record(EntryKey const& key) const {
-    auto const at = cstate.find(key);
-    return at == cstate.end() ? nullptr : at->second;
+  CState_s* record(EntryKey const& key) const { return key == asked_.key ? asked_.record : find(key); }
+  // The key is about to be handled. What is known of it is looked up once, and fetched while other data of
+  // the key are.
+  void expect(EntryKey const& key) {
+    asked_ = {key, find(key)};
+    __builtin_prefetch(asked_.record);
+  }
+  // Enters a record under its key, which is unknown; takes one out.
+  void enter(CState_s& c) {
+    cstate.emplace(c.key, &c);
+    if (asked_.key == c.key) asked_.record = &c;
+  }
+  void erase(CState_s const& c) {
+    if (asked_.key == c.key) asked_.record = nullptr;
+    cstate.erase(c.key);
   }
 
   // A record from the pool, as it was left: the caller fills every field.
@@ -95,12 +111,39 @@ class VANTREL_API FastState {
 
   // Ends a claim. With `unindex` its pending slot goes too, whatever record it points to; without, the caller
   // is about to overwrite the slot.
-  void clearPending(EntryPState_s& p, bool unindex);
+  void clearPending(EntryPState_s& p, bool unindex) {
+    if (unindex && p.ti != noIndex) unindexClaim(p.ti);
+    lostClaims_ -= p.lost;
+    p = {OpId(), noIndex, PendingType::None};
+  }
+  // The retry of a waiting entry failed: its claim may stand on a position that nobody holds.
+  void claimLost(EntryPState_s& p);
+  // Whether every claim on an occupied position has its occupant, and records and indexes agree: not while
+  // claims wait in the queue or were lost, nor after a hardware call that failed half-way.
+  bool settled() const { return workq.empty() && lostClaims_ == 0 && !disturbed_; }
+  void disturbedIs(bool disturbed) { disturbed_ = disturbed; }
   // Queues whoever waits for ti, unless it is queued already. The claim stays.
-  void addToWorkq(U32 ti);
+  void addToWorkq(U32 ti) {
+    if (CState_s const* const waiter = pending.at(ti)) queue(*waiter);
+  }
 
  private:
+  // The key asked for last, and its record: always what cstate has.
+  struct Asked {
+    EntryKey key;
+    CState_s* record = nullptr;
+  };
+  CState_s* find(EntryKey const& key) const {
+    auto const at = cstate.find(key);
+    return at == cstate.end() ? nullptr : at->second;
+  }
+  void unindexClaim(U32 ti);
+  void queue(CState_s const& waiter);
+
+  Asked asked_;
   U32 lgId_ = 0;
+  U32 lostClaims_ = 0;
+  bool disturbed_ = false;
 };
 
 // The pool's figures.

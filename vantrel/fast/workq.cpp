@@ -12,22 +12,21 @@
 
 namespace Vantrel {
 
-void FastState::clearPending(EntryPState_s& p, bool unindex) {
-  p.opId = OpId();
-  if (unindex && p.ti != noIndex) {
-    bool const removed = pending.remove(p.ti);
-    FAST_ASSERT_AS(removed, "rc == 1");
-  }
-  p.ti = noIndex;
-  p.type = PendingType::None;
+void FastState::unindexClaim(U32 ti) {
+  bool const removed = pending.remove(ti);
+  FAST_ASSERT_AS(removed, "rc == 1");
 }
 
-void FastState::addToWorkq(U32 ti) {
-  CState_s const* const waiter = pending.at(ti);
-  if (!waiter) return;
-  VANTREL_TRACE(vantrelFastImplTrace(), 9, "adding ", waiter->key, " to workq");
-  VANTREL_RECORD(9, lgId(), "adding key:", waiter->key, " to workq");
-  if (workqSet.insert(waiter->key.value())) workq.push_back(waiter->key);
+void FastState::claimLost(EntryPState_s& p) {
+  if (p.ti == noIndex || p.lost) return;
+  p.lost = true;
+  ++lostClaims_;
+}
+
+void FastState::queue(CState_s const& waiter) {
+  VANTREL_TRACE(vantrelFastImplTrace(), 9, "adding ", waiter.key, " to workq");
+  VANTREL_RECORD(9, lgId(), "adding key:", waiter.key, " to workq");
+  if (workqSet.insert(waiter.key.value())) workq.push_back(waiter.key);
 }
 
 void FastVantrelImpl::processPending() {
@@ -40,8 +39,13 @@ void FastVantrelImpl::processPending() {
     FAST_ASSERT_AS(removed, "rc");
     VANTREL_TRACE(vantrelFastImplTrace(), 8, "trying pending ", key);
     VANTREL_RECORD(9, lgId(), "pending key:", key);
-    handleEntryHelper(key);
+    retry(key);
   }
+}
+
+void FastVantrelImpl::retry(EntryKey const& key) try { handleEntryHelper(key); } catch (...) {
+  if (CState_s* const c = state()->record(key)) state()->claimLost(c->p);
+  throw;
 }
 
 }  // namespace Vantrel

@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: Apache-2.0
+// Long chains: what a key costs that joins one, and that the short way there finds the same rings.
+#include <numeric>
+#include <random>
+
+#include "tests/support/fast_world.h"
+
+using namespace TestSupport;
+using testing::IsEmpty;
+
+namespace {
+
+class Chain : public FastWorld {
+ protected:
+  void row(U32 entries) {
+    for (U32 k = 1; k <= entries; ++k) put({.key = k, .ti = k});
+  }
+  // Written and dispatched, then searched for rings.
+  void want(U64 key, U32 ti) { put({.key = key, .ti = ti}); }
+  void wantQuietly(U64 key, U32 ti) { write({.key = key, .ti = ti}); }
+};
+
+class CountingTable : public Shoal::LocalTable<EntryConfig> {
+ public:
+  EntryConfig entry(EntryKey const& key) const override {
+    ++reads;
+    return LocalTable::entry(key);
+  }
+  mutable U64 reads = 0;
+};
+
+}  // namespace
+
+TEST_F(Chain, JoiningALongOneReadsTwoRecords) {
+  auto const counting = make<CountingTable>();
+  auto const own = make<FastVantrelImpl>("own", counting, debugConfig, debugStatus, client, 1U);
+  constexpr U32 entries = 1000;
+  for (U32 k = 1; k <= entries + 1; ++k) {
+    counting->entryQuietlyIs(config({.key = k, .ti = k}));
+    own->handleEntry(EntryKey(k));
+  }
+  for (int again = 0; again < 3; ++again)
+    for (U32 k = entries; k > 0; --k) {
+      counting->entryQuietlyIs(config({.key = k, .ti = k + 1}));
+      U64 const before = counting->reads;
+      own->handleEntry(EntryKey(k));
+      EXPECT_EQ(counting->reads - before, 2U) << k;
+    }
+  EXPECT_EQ(own->numPending(), entries);
+  EXPECT_EQ(own->deadlockCount(), 0U);
+}
+
+// The claims of 1, 2 and 3 close a ring while the configuration of 2 names another position.
+TEST_F(Chain, ARingThatAConfigurationHeldOpenIsFoundFromAnyMemberLater) {
+  row(3);
+  want(1, 2);
+  want(2, 3);
+  wantQuietly(2, 9);
+  want(3, 1);
+  EXPECT_EQ(engine->deadlockCount(), 0U);
+  wantQuietly(2, 3);
+  want(1, 2);
+  EXPECT_EQ(engine->deadlockCount(), 1U);
+  EXPECT_EQ(record(1).sti, 2U);
+  EXPECT_EQ(record(2).sti, 3U);
+  EXPECT_EQ(record(3).sti, 1U);
+}
+
+TEST_F(Chain, AClaimThatIsMadeAnewIsFollowedAnew) {
+  row(4);
+  want(1, 2);  // followed, open
+  want(2, 4);
+  want(1, 3);
+  want(3, 1);  // closes the ring of 1 and 3
+  EXPECT_EQ(engine->deadlockCount(), 1U);
+  EXPECT_EQ(record(1).sti, 3U);
+  EXPECT_EQ(record(3).sti, 1U);
+}
+
+// With the facility trace on, every chain is read step by step.
+TEST_F(Chain, TheShortWayDoesWhatTheLongWayDoes) {
+  auto const played = [this](U32 seed, char const* trace) {
+    auto const wanted = make<Shoal::LocalTable<EntryConfig>>();
+    auto const own = make<FastVantrelImpl>("own", wanted, debugConfig, debugStatus, client, 1U);
+    FacilityLines lines(trace);
+    constexpr U32 entries = 12;
+    std::mt19937 random(seed);
+    auto const below = [&random](U32 n) { return static_cast<U32>(random() % n); };
+    U64 version = 0;
+    auto const write = [&](U32 k, U32 ti) {
+      EntryConfig e(EntryKey(k), OpId(++version << 16), k, 0, 0);
+      e.tableIndexIs(TableKey(0), ti);
+      wanted->entryQuietlyIs(e);
+    };
+    auto const handle = [&](U32 k) { own->handleEntry(EntryKey(k)); };
+    for (U32 k = 1; k <= entries; ++k) write(k, k), handle(k);
+    client->take();
+    for (int step = 0; step < 60; ++step) {
+      U32 const k = below(entries) + 1;
+      write(k, below(entries) + 1);
+      if (below(4)) handle(below(3) ? k : below(entries) + 1);
+    }
+    Calls calls = client->take();
+    calls.push_back(std::to_string(own->deadlockCount()) + " rings");
+    own->keyToHandleDelAll();
+    return calls;
+  };
+  U64 rings = 0;
+  for (U32 seed = 1; seed <= 300; ++seed) {
+    Calls const quick = played(seed, "VantrelFastImpl/0");
+    EXPECT_EQ(quick, played(seed, "VantrelFastImpl/7")) << "seed " << seed;
+    rings += std::stoul(quick.back());
+  }
+  EXPECT_GT(rings, 100U);
+}
