@@ -168,8 +168,10 @@ void Floor::withdraw(CState& c) {
   auto const* const before = previous ? static_cast<CState*>(*previous) : nullptr;
   auto const* const after = next ? static_cast<CState*>(*next) : nullptr;
   Word_t lo = 0, hi = noIndex;
-  if (before && before->pg == c.pg) lo = before->prio == c.prio ? c.sti : (below & mask) + 1;
-  if (after && after->pg == c.pg) hi = after->prio == c.prio ? c.sti : above & mask;
+  if (before && before->pg == c.pg) lo = (below & mask) + 1;
+  if (after && after->pg == c.pg) hi = above & mask;
+  if (after && after->samePriority(c)) lo = c.sti + 1;
+  if (before && before->samePriority(c)) hi = c.sti;
   if (lo < hi) wakeBetween(c, lo, hi);
   cstate_.erase(c.key);
   free_.push_back(&c);
@@ -253,7 +255,8 @@ void Floor::closeRing(EntryKey first) {
 }
 
 void Floor::walk() {
-  for (auto place = table_->LocalTable::first(); place; place = table_->LocalTable::next(*place)) add(place->key);
+  Table const& table = *table_;
+  for (auto place = table.LocalTable::first(); place; place = table.LocalTable::next(*place)) add(place->key);
 }
 
 }  // namespace Bench

@@ -39,6 +39,11 @@ class Timed {
   U64 own_ = 0, judy_ = 0, keys_ = 0;
 };
 
+// Ends a key: no instruction behind it begins before all in front of it are done. Keys arrive one by one; a
+// processor that sees a batch of them works on the next one's cache misses while it waits for this one's, the
+// more the less there is to do for each.
+inline void keyDone() { __builtin_ia32_lfence(); }
+
 // Switches the process's trace file. It lies in a temporary directory, is opened once, and goes with the
 // program. Returns false when it could not be opened.
 bool traceFileIs(bool on);
