@@ -21,7 +21,9 @@ demo: build ## an agent under a live rule set, edited under way; RULES=FILE take
 	$(SAY) "demo: agent and producer on a temporary directory"
 	@scripts/demo
 
-check: configured ## every test: under the sanitizers first, then optimised
+check: ## every test: under the sanitizers first, then optimised, and each benchmark once, briefly
+	@scripts/bootstrap build bench
+	@$(call configure,release)
 	$(SAY) "check: optimised build in build/"
 	@$(call compile,release) --target all benches
 	$(SAY) "check: sanitized build in build-asan-ubsan/"
