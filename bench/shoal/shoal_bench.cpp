@@ -1,16 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 // A shared table beside LMDB and beside its floor: reads, walks, writes.
 //
-//   read       the floor finds the record's image in the same mapped file by a plain hash probe and copies it
-//              into a record, field by field and the elements that count: the same bytes to the same object,
-//              without a check of anything. "Read, bytes alone" has a harder floor: the probe and one copy of
-//              the 136 bytes in use, whose number the compiler knows.
+//   read       one at a time: a fence stands between two, on all sides, so that what is measured is what a
+//              caller waits. "Read, overlapping" is without the fence: the processor then works on the cache
+//              misses of the next reads during this one's, the more the less there is around them. The floor
+//              finds the record's image in the same mapped file by a plain hash probe and copies it into a
+//              record, field by field and the elements that count: the same bytes to the same object, without
+//              a check of anything. "Bytes alone" has a harder floor: the probe and one copy of the 136 bytes
+//              in use, whose number the compiler knows.
 //   walk       the floor copies every record's whole image, in the order in which they lie in memory.
 //   writes     LMDB commits each, without synchronisation to disk.
 //
 // Times are of the processor, in slices so short that most are not interrupted; a slice's median.
 #include <benchmark/benchmark.h>
 
+#include <atomic>
 #include <cstring>
 #include <ctime>
 #include <exception>
@@ -61,7 +65,18 @@ LmdbStore& lmdb(benchmark::State const& state) {
 
 // ---- Reads
 
-template <class Read>
+enum class Manner { oneByOne, overlapping };
+
+template <Manner manner>
+void betweenReads() {
+#ifdef __x86_64__
+  if constexpr (manner == Manner::oneByOne) asm volatile("lfence" : : : "memory");
+#else
+  if constexpr (manner == Manner::oneByOne) std::atomic_thread_fence(std::memory_order_seq_cst);
+#endif
+}
+
+template <Manner manner, class Read>
 void reads(benchmark::State& state, std::vector<U64> const& order, Read read) {
   constexpr std::size_t slice = 500;
   std::vector<double> all;
@@ -69,14 +84,18 @@ void reads(benchmark::State& state, std::vector<U64> const& order, Read read) {
   for (auto _ : state)
     for (std::size_t from = 0; from + slice <= order.size(); from += slice)
       all.push_back(timed(slice, [&] {
-        for (std::size_t i = from; i < from + slice; ++i) read(order[i]);
+        for (std::size_t i = from; i < from + slice; ++i) {
+          read(order[i]);
+          betweenReads<manner>();
+        }
       }));
   state.counters["ns"] = Bench::median(std::move(all));
 }
 
+template <Manner manner>
 void read(benchmark::State& state) {
   World& world = toRead(state);
-  reads(state, world.order, [&](U64 key) {
+  reads<manner>(state, world.order, [&](U64 key) {
     Config const r = world.reader.entry(EntryKey(key));
     benchmark::DoNotOptimize(&r);
     benchmark::ClobberMemory();
@@ -84,17 +103,19 @@ void read(benchmark::State& state) {
   state.counters["bytes a record"] =
       static_cast<double>(world.view.mapping().fileBytes()) / static_cast<double>(records(state));
 }
+template <Manner manner>
 void readFloor(benchmark::State& state) {
   World& world = toRead(state);
-  reads(state, world.order, [&](U64 key) {
+  reads<manner>(state, world.order, [&](U64 key) {
     Config const r = Traits::decode(world.plain.find(key));
     benchmark::DoNotOptimize(&r);
     benchmark::ClobberMemory();
   });
 }
+template <Manner manner>
 void readFloorBytes(benchmark::State& state) {
   World& world = toRead(state);
-  reads(state, world.order, [&](U64 key) {
+  reads<manner>(state, world.order, [&](U64 key) {
     std::byte copy[inUse];
     std::memcpy(copy, world.plain.find(key), inUse);
     benchmark::DoNotOptimize(&copy);
@@ -178,9 +199,10 @@ void coming(benchmark::State& state) {
 }
 
 #ifdef SHOAL_BENCH_LMDB
+template <Manner manner>
 void lmdbRead(benchmark::State& state) {
   LmdbStore& store = lmdb(state);
-  reads(state, toRead(state).order, [&](U64 key) {
+  reads<manner>(state, toRead(state).order, [&](U64 key) {
     Config const r = store.entry(key);
     benchmark::DoNotOptimize(&r);
     benchmark::ClobberMemory();
@@ -195,6 +217,7 @@ void lmdbComing(benchmark::State& state) {
 }
 #else
 void noLmdb(benchmark::State& state) { state.SkipWithError("skipped: LMDB is not installed"); }
+template <Manner>
 constexpr auto lmdbRead = noLmdb;
 constexpr auto lmdbReplace = noLmdb;
 template <Half>
@@ -203,11 +226,19 @@ constexpr auto lmdbComing = noLmdb;
 
 void sizes(benchmark::internal::Benchmark* one) { one->Arg(10000)->Arg(100000)->Arg(1000000); }
 
-BENCHMARK(read)->Name("read/ours")->Apply(sizes);
-BENCHMARK(readFloor)->Name("read/floor")->Apply(sizes);
-BENCHMARK(lmdbRead)->Name("read/peer")->Apply(sizes);
-BENCHMARK(read)->Name("read, bytes alone/ours")->Apply(sizes);
-BENCHMARK(readFloorBytes)->Name("read, bytes alone/floor")->Apply(sizes);
+constexpr Manner oneByOne = Manner::oneByOne;
+constexpr Manner overlapping = Manner::overlapping;
+
+BENCHMARK(read<oneByOne>)->Name("read/ours")->Apply(sizes);
+BENCHMARK(readFloor<oneByOne>)->Name("read/floor")->Apply(sizes);
+BENCHMARK(lmdbRead<oneByOne>)->Name("read/peer")->Apply(sizes);
+BENCHMARK(read<oneByOne>)->Name("read, bytes alone/ours")->Apply(sizes);
+BENCHMARK(readFloorBytes<oneByOne>)->Name("read, bytes alone/floor")->Apply(sizes);
+BENCHMARK(read<overlapping>)->Name("read, overlapping/ours")->Apply(sizes);
+BENCHMARK(readFloor<overlapping>)->Name("read, overlapping/floor")->Apply(sizes);
+BENCHMARK(lmdbRead<overlapping>)->Name("read, overlapping/peer")->Apply(sizes);
+BENCHMARK(read<overlapping>)->Name("read, overlapping, bytes alone/ours")->Apply(sizes);
+BENCHMARK(readFloorBytes<overlapping>)->Name("read, overlapping, bytes alone/floor")->Apply(sizes);
 BENCHMARK(walk)->Name("walk/ours")->Apply(sizes);
 BENCHMARK(walkFloor)->Name("walk/floor")->Apply(sizes);
 BENCHMARK(coming<Half::inserts>)->Name("insert/ours")->Apply(sizes);
