@@ -28,7 +28,7 @@ bool FastVantrelImpl::isConflicting(EntryConfig const& entry) {
 // good.
 CState_s& FastVantrelImpl::recordOf(EntryConfig const& entry) {
   FastState& s = *state();
-  if (CState_s* const known = s.record(entry.key())) return *known;
+  if (CState_s* const known = s.expected(entry.key())) return *known;
   CState_s& c = *s.cstateAlloc();
   c.key = entry.key();
   c.opId = OpId();

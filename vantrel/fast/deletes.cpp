@@ -24,7 +24,7 @@ bool FastVantrelImpl::processDelete(EntryKey const& key, bool delAck) {
 bool FastVantrelImpl::processDeleteHelper(EntryKey const& key, bool deadlock, bool delAck) {
   FAST_ASSERT(initialized());
   VANTREL_TRACE(vantrelFastImplTrace(), 8, "trying to delete ", key);
-  CState_s* const c = state()->record(key);
+  CState_s* const c = state()->expected(key);
   return c ? deleteKnown(*c, deadlock, delAck) : deleteUnknown(key, delAck);
 }
 

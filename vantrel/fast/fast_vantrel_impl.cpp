@@ -48,7 +48,7 @@ void FastVantrelImpl::handleInitialized() {
 }
 
 OpId FastVantrelImpl::currentOpId(EntryKey const& key) const {
-  CState_s const* const c = state()->record(key);
+  CState_s const* const c = state()->expected(key);
   return c ? c->opId : OpId();
 }
 

@@ -88,13 +88,18 @@ class VANTREL_API FastState {
   Keys blocked;
 
   // The key's record, null when the key is unknown.
-  CState_s* record(EntryKey const& key) const { return key == asked_.key ? asked_.record : find(key); }
+  CState_s* record(EntryKey const& key) const {
+    auto const at = cstate.find(key);
+    return at == cstate.end() ? nullptr : at->second;
+  }
   // The key is about to be handled. What is known of it is looked up once, and fetched while other data of
   // the key are.
   void expect(EntryKey const& key) {
-    asked_ = {key, find(key)};
+    asked_ = {key, record(key)};
     __builtin_prefetch(asked_.record);
   }
+  // The same as record(), at once when it is the key that is being handled.
+  CState_s* expected(EntryKey const& key) const { return key == asked_.key ? asked_.record : record(key); }
   // Enters a record under its key, which is unknown; takes one out.
   void enter(CState_s& c) {
     cstate.emplace(c.key, &c);
@@ -128,15 +133,11 @@ class VANTREL_API FastState {
   }
 
  private:
-  // The key asked for last, and its record: always what cstate has.
+  // The key that expect() was told of last, and its record: what cstate has, through enter() and erase().
   struct Asked {
     EntryKey key;
     CState_s* record = nullptr;
   };
-  CState_s* find(EntryKey const& key) const {
-    auto const at = cstate.find(key);
-    return at == cstate.end() ? nullptr : at->second;
-  }
   void unindexClaim(U32 ti);
   void queue(CState_s const& waiter);
 
