@@ -125,10 +125,11 @@ void Peer::takeRequests() {
   for (int n = 0; n < requestsAtOnce && !acted_ && !ending_ && !reading_ && backlog() < fullBuffer; ++n) {
     std::optional<std::string_view> const line = in_.next();
     waiting_ = line.has_value();
-    if (!waiting_) {
-      if (in_.overlong()) refuse(fmt::format("a line is longer than {} bytes", longestRequest));
-      return;
+    if (waiting_ ? line->size() > longestRequest : in_.overlong()) {
+      waiting_ = false;
+      return refuse(fmt::format("a line is longer than {} bytes", longestRequest));
     }
+    if (!waiting_) return;
     if (!line->empty()) handle(*line);
   }
   waiting_ = !ending_ && in_.hasLine();

@@ -28,7 +28,7 @@ using Ostra::make;
 using Ostra::Ptr;
 
 constexpr U64 keys = 1000000;
-constexpr U32 abortAtCall = 300000;
+constexpr U32 abortAtCall = 840000;
 
 // Memory that the parent still has when the child is gone: what the recorder wrote, ended by zeros.
 class SharedText : public std::streambuf {

@@ -302,6 +302,17 @@ TEST_F(PublishTest, APeerThatSaysNoMoreGetsItsAnswersFirst) {
   EXPECT_EQ(0u, publisher_->peers());
 }
 
+TEST_F(PublishTest, AWholeLineThatIsTooLongIsRefusedToo) {
+  RawPeer peer(path_);
+  peer.write(R"({"verb":"list","x":")" + std::string(70000, 'x') + "\"}\n");
+  for (int i = 0; i < 20 && !peer.closed(); ++i) {
+    publisher_->dispatch();
+    peer.read();
+  }
+  EXPECT_TRUE(peer.closed());
+  EXPECT_THAT(peer.lines(), ElementsAre(R"({"error":"a line is longer than 65536 bytes"})"));
+}
+
 TEST_F(PublishTest, ALineOfAHundredMegabytesIsCutOffEarly) {
   RawPeer peer(path_);
   std::string const piece(megabyte, 'x');

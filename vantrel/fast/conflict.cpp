@@ -36,7 +36,7 @@ CState_s& FastVantrelImpl::recordOf(EntryConfig const& entry) {
   c.hdl = entry.hdl();
   c.prio = entry.prio();
   c.pg = entry.pg();
-  s.clearPending(c.p, false);
+  c.p = {OpId(), noIndex, PendingType::None};
   s.enter(c);
   VANTREL_TRACE(vantrelFastImplTrace(), 8, "entry ", c.key, " entry opid ", entry.opId(), " current opId ",
                 c.opId);
@@ -127,6 +127,7 @@ void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 t
     *found = &c;
   }
   c.p = {entry.opId(), ti, PendingType::Occupied, open};
+  claimsComeBack(c);
 }
 
 bool FastVantrelImpl::conflictFound(EntryConfig const& entry, CState_s const& c) {

@@ -11,8 +11,9 @@
 // members; a chain that leads into it from outside marks its members visited, and it stays until a later run.
 //
 // A chain is read member by member, configurations included, when the claims say that it comes back. That is
-// found out from both ends at once, so that a key costs no more than the shorter side of the chain it joins;
-// and not again while its claim stays, because a ring is closed by the claim that comes last.
+// found out from both ends at once when a claim is made, so that a key costs no more than the shorter side of
+// the chain it joins; and not again while its claim stays, because the claim that comes last closes the ring,
+// and tells every member.
 #include <boost/container/small_vector.hpp>
 #include <utility>
 
@@ -38,11 +39,11 @@ class FastVantrelImpl::Visited {
 };
 
 void FastVantrelImpl::checkDeadlock() {
-  FastState::Keys& blocked = state()->blocked;
-  if (blocked.empty()) return;
+  if (state()->blocked.empty()) return;
   VANTREL_TRACE(vantrelFastImplTrace(), 7, "checking deadlock");
   Visited visited;
-  while (!blocked.empty()) {
+  while (!state()->blocked.empty()) {
+    FastState::Keys& blocked = state()->blocked;
     EntryKey const start = *blocked.begin();
     blocked.erase(blocked.begin());
     VANTREL_RECORD(9, lgId(), "deadlock check key:", start);
@@ -68,8 +69,8 @@ bool FastVantrelImpl::closesRing(EntryKey const& start, Visited& visited) {
 }
 
 // Whether the claims alone lead from `c` back to it. When they do not, that stays so until another entry
-// makes a claim, which is then asked itself. When they do, the configurations say whether the ring is one,
-// and every member is asked again whenever it blocks.
+// makes a claim, which is asked there and then: before any run starts from a member. When they do, the
+// configurations say whether the ring is one, and every member is asked again whenever it blocks.
 bool FastVantrelImpl::claimsComeBack(CState_s& c) {
   if (c.p.open) return false;
   c.p.open = !claimsMeet(c);

@@ -46,7 +46,7 @@ struct EntryPState_s {
   // The claims were followed from here and did not come back; false: they may. deadlock.cpp keeps it, from
   // the making of a claim to its end.
   bool open = false;
-  bool lost = false;  // its retry failed: the position may have nobody who will wake it
+  bool lost = false;  // its retry began and did not end: the position may have nobody who will wake it
 };
 using EntryPState_t = EntryPState_s;
 
@@ -121,7 +121,7 @@ class VANTREL_API FastState {
     lostClaims_ -= p.lost;
     p = {OpId(), noIndex, PendingType::None};
   }
-  // The retry of a waiting entry failed: its claim may stand on a position that nobody holds.
+  // A waiting entry is retried: its claim may stand on a position that nobody holds.
   void claimLost(EntryPState_s& p);
   // Whether every claim on an occupied position has its occupant, and records and indexes agree: not while
   // claims wait in the queue or were lost, nor after a hardware call that failed half-way.

@@ -43,9 +43,11 @@ void FastVantrelImpl::processPending() {
   }
 }
 
-void FastVantrelImpl::retry(EntryKey const& key) try { handleEntryHelper(key); } catch (...) {
+// Until the retry has made or ended it, the claim may stand on a position that nobody holds; when the retry
+// fails, it stays so.
+void FastVantrelImpl::retry(EntryKey const& key) {
   if (CState_s* const c = state()->record(key)) state()->claimLost(c->p);
-  throw;
+  handleEntryHelper(key);
 }
 
 }  // namespace Vantrel
