@@ -36,7 +36,7 @@ class SocketView : public AgentView {
     if (!agent_->dispatchUntil([this] { return agent_->live(*config_) && agent_->live(*status_); }, seconds))
       return fail(whyNoAnswer());
     config_->versionInc(1);
-    if (!agent_->dispatchUntil([this] { return status_->version() == config_->version(); }, seconds))
+    if (!agent_->dispatchUntil([this] { return answered(); }, seconds))
       return fail("the agent took no snapshot in time");
     Snapshot snapshot;
     collect(status_->status(), status_->statusOpId(), snapshot.programmed);
@@ -59,6 +59,12 @@ class SocketView : public AgentView {
   std::string problem() const override { return problem_; }
 
  private:
+  // An agent that took another's place has not been asked yet.
+  bool answered() {
+    if (!agent_->live(*config_) || !agent_->live(*status_)) return false;
+    if (config_->version() == 0) config_->versionInc(1);
+    return status_->version() == config_->version();
+  }
   bool connect() {
     if (!agent_ && !listens()) {
       fail("no agent listens on " + path_);

@@ -127,6 +127,19 @@ TEST_F(OperatorTest, WhatWouldBreakARunningEngineIsRefused) {
   EXPECT_EQ("true\n", said({"attr", "get", "frontEnd", "initialized"}));
 }
 
+TEST_F(OperatorTest, ARecordOutsideTheMappingThatAnOperatorSetIsReportedAndTheAgentGoesOn) {
+  table = Ostra::make<Shoal::WriterTable<EntryConfig>>(dir / "config.shoal", Shoal::WriterOptions{});
+  start();
+  said({"attr", "set", "engine", "prioGrpShift", "4"});
+  want(7, 100, 10);
+  want(8, 3, 10);
+  EXPECT_TRUE(eventually([&] {
+    return said({"snapshot", "--json"}).find("\"key\":8") != std::string::npos;
+  }));
+  EXPECT_THAT(said({"snapshot", "--json"}), testing::Not(HasSubstr("\"key\":7")));
+  EXPECT_THAT(agent->err(), HasSubstr("record of key 7: position 100 is not below 2^4"));
+}
+
 TEST_F(OperatorTest, TraceLevelsAreReadAtTheStart) {
   want(1, 5, 10);
   agent =
