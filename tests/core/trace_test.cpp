@@ -16,7 +16,7 @@
 
 #include "lumelog/reader.h"
 #include "tests/lumelog/temp_dir.h"
-#include "vantrel/core/entry.h"
+#include "vantrel/vantrel.h"
 
 namespace Vantrel {
 namespace {
@@ -71,6 +71,35 @@ TEST_F(TraceFile, IsOpenedOnceAProcess) {
   EXPECT_THAT(dir_.names(), ElementsAre(perProcess(), "err"));
   EXPECT_THAT(messages(perProcess()), ElementsAre("[3] notify on key:5", "[4] handling key:5 hdl:6 opId:7"));
   EXPECT_EQ(readFile(dir_ / "err"), "");
+}
+
+TEST_F(TraceFile, OfTwoEnginesIsOne) {
+  EXPECT_EQ(inChild([] {
+              auto const config = Ostra::make<Shoal::LocalTable<EntryConfig>>();
+              auto const hardware = Ostra::make<VantrelHelper>("hardware", nullptr);
+              for (U32 id : {3, 4})
+                Ostra::make<FastVantrelImpl>("engine", config, nullptr, nullptr, hardware, id)
+                    ->handleEntry(EntryKey(70));
+            }),
+            0);
+  EXPECT_THAT(dir_.names(), ElementsAre(perProcess(), "err"));
+  std::vector<std::string> const said = messages(perProcess());
+  EXPECT_THAT(said, testing::IsSupersetOf({"[3] notify on key:70", "[4] notify on key:70"}));
+}
+
+TEST_F(TraceFile, TwoEnginesThatHaveNoneSaySoOnceAndRunOn) {
+  EXPECT_EQ(inChild([] {
+              setenv("LUMELOGDIR", "/nonexistent", 1);
+              auto const config = Ostra::make<Shoal::LocalTable<EntryConfig>>();
+              auto const hardware = Ostra::make<VantrelHelper>("hardware", nullptr);
+              for (U32 id : {3, 4})
+                Ostra::make<FastVantrelImpl>("engine", config, nullptr, nullptr, hardware, id)
+                    ->handleEntry(EntryKey(70));
+            }),
+            0);
+  std::string const said = readFile(dir_ / "err");
+  EXPECT_THAT(said, testing::HasSubstr("running without it"));
+  EXPECT_EQ(std::ranges::count(said, '\n'), 1);
 }
 
 TEST_F(TraceFile, HasItsRingSizesAndStringLimit) {

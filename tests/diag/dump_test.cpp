@@ -32,7 +32,27 @@ class Dump : public FastWorld {
 };
 using DumpDeathTest = Dump;
 
+class Oversize : public Shoal::LocalTable<EntryConfig> {
+ public:
+  EntryConfig entry(EntryKey const& key) const override {
+    if (!oversize) return LocalTable::entry(key);
+    throw Pallo::InvalidSizeException("too large");
+  }
+  bool oversize = false;
+};
+
 }  // namespace
+
+TEST_F(Dump, AnOversizeRecordLeavesAsTheSizeError) {
+  auto const big = make<Oversize>();
+  auto const own = make<FastVantrelImpl>("own", big, debugConfig, debugStatus, client, 1U);
+  big->entryQuietlyIs(config({.key = 1, .ti = 1}));
+  own->handleEntry(EntryKey(1));
+  EXPECT_NO_THROW(own->dumpState());
+  big->oversize = true;
+  EXPECT_THROW(own->dumpState(), Pallo::InvalidSizeException);
+  big->oversize = false;
+}
 
 TEST_F(Dump, OneEntrysLineHasEveryPart) {
   CState_s r{EntryKey(77), OpId(11), {OpId(12), 9, PendingType::Occupied}, 5, 4, 30, 1};
