@@ -96,3 +96,18 @@ TEST_F(Drain, AnotherExceptionOfTheHardwareLeavesTheIndexesAsTheyWereUpdated) {
   EXPECT_EQ(state().current.at(1), &record(1));
   EXPECT_THAT(failed(), IsEmpty());
 }
+
+// The entry is out of the indexes, its record still says where it was.
+TEST_F(Drain, AnExceptionOfAHardwareDeleteLeavesTheIndexesAsTheyWereUpdated) {
+  forge();
+  tell({.key = 1, .ti = 1});
+  client->onCall = [](std::string const& call) {
+    if (call.starts_with("del")) throw std::runtime_error("bus error");
+  };
+  table->entryQuietlyDel(EntryKey(1));
+  EXPECT_THROW(table->notifyEntry(EntryKey(1)), std::runtime_error);
+  client->onCall = nullptr;
+  EXPECT_EQ(state().current.at(1), nullptr);
+  EXPECT_EQ(record(1).sti, 1U);
+  EXPECT_FALSE(state().settled());
+}

@@ -103,7 +103,9 @@ TEST_F(EngineState, AWatcherNeedsNoHandler) {
   FastState* const own = engine->state();
   engine->prioGrpShiftIs(20);
   engine->deadlockCountIs(1);
-  engine->stateIs(nullptr);
+  FastState other;
+  engine->stateIs(&other);
+  EXPECT_EQ(engine->numPending(), 0U);
   engine->stateIs(own);
   EXPECT_EQ(engine->deadlockCount(), 1U);
 }
