@@ -34,8 +34,12 @@ void Mount::openFile() {
   position_ = head;
 }
 
+// The file may have been replaced between its mounting and the beginning of the watch.
 int Mount::fd() {
-  if (!watch_) watch_ = std::make_unique<Watch>(path_);
+  if (!watch_) {
+    watch_ = std::make_unique<Watch>(path_);
+    followOwed_ = true;
+  }
   return watch_->fd();
 }
 

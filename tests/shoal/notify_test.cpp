@@ -92,6 +92,21 @@ TEST(Notification, AKeyThatCameBackWhileItsRemovalWasToldIsMissedWhenItVanishes)
   EXPECT_EQ(watcher.seen, contents(*reader));
 }
 
+TEST(Notification, AFileThatWasReplacedBeforeTheWatchBeganIsFollowed) {
+  Directory dir;
+  { Writer(dir / "t").entryIs(record(1, 1)); }
+  auto const reader = Ostra::make<Reader>(dir / "t");
+  Watcher watcher;
+  watcher.notifierIs(Ostra::Ptr<Shoal::Table<Config> const>(reader.get()));
+  watcher.hasNotificationActiveIs(true);
+  ASSERT_TRUE(watcher.seen.contains(1));
+  Writer writer(dir / "t", {.replace = true});
+  writer.entryIs(record(2, 1));
+  settle(*reader, 10);
+  EXPECT_EQ(watcher.seen, contents(*reader));
+  EXPECT_TRUE(watcher.seen.contains(2));
+}
+
 TEST(Notification, NothingIsSentWhileTheReaderIsAwake) {
   Directory dir;
   Writer writer(dir / "t");
