@@ -93,6 +93,8 @@ TEST(EntryConfig, SeventeenTableIndexesAndSixtyFourDataWordsCopy) {
   std::byte image[Traits::bytes];
   Traits::encode(c, image);
   EXPECT_EQ(Traits::decode(image), c);
+  Traits::encode(EntryConfig(EntryKey(7), OpId(8), 9, 1, 10), image);
+  EXPECT_EQ(Traits::decode(image), EntryConfig(EntryKey(7), OpId(8), 9, 1, 10)) << "no element at all";
 }
 
 TEST(EntryConfig, ImageFollowsTheFieldOrder) {
@@ -187,6 +189,7 @@ TEST(EntryKey, OrdersAndHashesByValue) {
   EXPECT_EQ(EntryKey(5).hash(), EntryKey(5).hash());
   EXPECT_NE(EntryKey(5).hash(), EntryKey(6).hash());
   EXPECT_EQ(hash_value(EntryKey(5)), EntryKey(5).hash());
+  EXPECT_EQ(std::hash<EntryKey>{}(EntryKey(5)), EntryKey(5).hash());
   std::ostringstream out;
   out << EntryKey(18446744073709551615U) << ' ' << OpId(65537);
   EXPECT_EQ(out.str(), "18446744073709551615 65537");
