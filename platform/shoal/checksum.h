@@ -1,48 +1,60 @@
 // SPDX-License-Identifier: Apache-2.0
-// The checksum of a slot: the two running sums of Fletcher's, over 64-bit words in two columns, and at the
-// end one number of the four.
+// The checksum of a slot: the two running sums of Fletcher's, over 64-bit words in four columns, and at the
+// end one number of the eight.
 //
-//   place     0         1        2        3     ...
-//   word   checksum   state     key    image 0  ...   the checksum counts as zero
-//   column   left     right    left     right
+//   row 0   checksum   state     key       image 0     the checksum counts as zero
+//   row 1   image 1    image 2   image 3   image 4
+//   ...
 //
-// A word w is added as w ^ w >> 32 to its column's first sum, and that to the second, which so gives each
-// place a weight of its own. The four multipliers make every weight odd, so that no damage to one word goes
-// unseen, whatever it is; and without the fold two highest bits would cancel each other.
+// A word w is added as w ^ w >> 32 to its column's first sum, and that to the second, which so gives each row
+// a weight of its own: 3 the last one, 5 the one before it, and so on. A column has its weight from the
+// number that is made of them at the end. All weights are odd, so that no damage to one word goes unseen,
+// whatever it is; and without the fold two highest bits would cancel each other.
 //
 // Invariants: any damage inside one word, and any two damaged bits wherever they are, change it. All zeroes
 //   do not have the checksum zero.
-// Cost: additions only while the words pass by; no step needs a load that the copy does not need anyway.
+// Cost: additions only while the words pass by, four columns at once where the processor has vectors; no
+//   step needs a load that the copy does not need anyway.
 #pragma once
+
+#include <array>
 
 #include "pallo/types.h"
 
 namespace Shoal::Checksum {
 
+inline constexpr unsigned columns = 4;
+inline constexpr int columnShift = 17;  // column c + 2 weighs 1 + 2^columnShift times what column c does
+
 struct Sums {
-  U64 left = 0;  // first sums
-  U64 right = 0;
-  U64 leftSums = 0;  // sums of the first sums
-  U64 rightSums = 0;
+  std::array<U64, columns> first{};
+  std::array<U64, columns> second{};  // sums of the first sums
 };
 
 constexpr U64 fold(U64 word) { return word ^ word >> 32; }
 
-constexpr void add(Sums& sums, U64 left, U64 right) {
-  sums.leftSums += sums.left += fold(left);
-  sums.rightSums += sums.right += fold(right);
+constexpr void addRow(Sums& sums, U64 const* row) {
+  for (unsigned c = 0; c < columns; ++c) sums.second[c] += sums.first[c] += fold(row[c]);
 }
 
+// Of the even and of the odd columns' sums.
+constexpr U64 value(U64 even, U64 odd) {
+  return 0x5348'4F41'4C21 + even * 0x9E3779B97F4A7C15U + odd * 0xC2B2AE3D27D4EB4FU;
+}
 constexpr U64 value(Sums const& sums) {
-  return 0x5348'4F41'4C21 + sums.left * 0x9E3779B97F4A7C15U + sums.right * 0xC2B2AE3D27D4EB4FU +
-         sums.leftSums * (2 * 0x2545F4914F6CDD1DU) + sums.rightSums * (2 * 0x165667B19E3779F9U);
+  auto const column = [&sums](unsigned c) { return sums.first[c] + 2 * sums.second[c]; };
+  auto const two = [column](unsigned c) {
+    return column(c) + column(c + 2) + (column(c + 2) << columnShift);
+  };
+  return value(two(0), two(1));
 }
 
-// Of the slot's first `pairs` times two words.
-constexpr U64 of(U64 const* slot, U64 pairs) {
+// Of the slot's first rows.
+constexpr U64 of(U64 const* slot, U64 rows) {
   Sums sums;
-  add(sums, 0, slot[1]);
-  for (U64 i = 1; i < pairs; ++i) add(sums, slot[2 * i], slot[2 * i + 1]);
+  std::array const head{U64{0}, slot[1], slot[2], slot[3]};
+  addRow(sums, head.data());
+  for (U64 i = 1; i < rows; ++i) addRow(sums, slot + i * columns);
   return value(sums);
 }
 

@@ -26,7 +26,7 @@
 namespace Shoal::Format {
 
 inline constexpr U64 magic = 0x314C424154485353U;  // "SSHTABL1"
-inline constexpr U32 version = 2;
+inline constexpr U32 version = 3;
 
 inline constexpr U64 unitBytes = 64;             // what an index entry or a link counts in
 inline constexpr U64 chunkBytes = 256U * 1024U;  // what the file grows by
@@ -36,6 +36,7 @@ inline constexpr U64 maxBuckets = directoryEntries * linesPerChunk;
 inline constexpr U64 firstBuckets = 64;     // of an empty table
 inline constexpr U64 recordsPerBucket = 3;  // above this mean a bucket is split
 inline constexpr unsigned entriesPerLine = 7;
+inline constexpr unsigned everyEntry = (1U << entriesPerLine) - 1;  // a bit for each
 inline constexpr U64 windowBytes = 1ULL << 37;  // address space of one mapping
 inline constexpr U64 maxImageBytes = 64U * 1024U;
 
@@ -74,7 +75,7 @@ constexpr U64 chunkStart(U64 ringEntries) {
 }
 
 // A slot: 0 checksum 8 | 8 state 8 | 16 key 8 | 24 image. The checksum (checksum.h) is of the words up to the
-// image's last one that is not zero, and of one more, zero, where they are an odd number.
+// image's last one that is not zero, and of the zeroes that make them rows of four.
 inline constexpr U64 slotKeyAt = 16;
 inline constexpr U64 slotStateAt = 8;
 inline constexpr U64 slotImageAt = 24;
@@ -85,7 +86,8 @@ constexpr U64 slotBytes(U64 imageBytes) { return roundUp(slotImageAt + imageByte
 constexpr U64 state(U64 generation, U64 words) { return (generation & 0xFFFFFFFFFFFFU) | words << 48; }
 constexpr U64 generation(U64 state) { return state & 0xFFFFFFFFFFFFU; }
 constexpr U64 words(U64 state) { return state >> 48; }
-constexpr U64 wordPairs(U64 state) { return (3 + words(state) + 1) / 2; }  // of the slot, in use
+inline constexpr U64 rowWords = 4;
+constexpr U64 rows(U64 state) { return (3 + words(state) + rowWords - 1) / rowWords; }  // of the slot, in use
 
 // A bijective mix: every bit of x reaches every bit of the result.
 constexpr U64 mix(U64 x) {
@@ -143,14 +145,17 @@ constexpr U64 bucketOf(U64 hash, U64 buckets, U64 level) {
 }
 constexpr U64 bucketOf(U64 hash, U64 buckets) { return bucketOf(hash, buckets, std::bit_floor(buckets)); }
 
-// Strongly universal: multiply-add in 128 bits, of which the high half is kept, then mixed. Whoever does not
-// know the file's random multiplier and addend cannot choose two keys that collide with more than their fair
-// chance.
+// Strongly universal: multiply-add in 128 bits, of which the high half is kept. Whoever does not know the
+// file's random multiplier and addend cannot choose two keys that collide with more than their fair chance.
+// What follows maps one number to one number, so that this holds on; it parts keys that lie in a pattern,
+// which alone would lie in a pattern of buckets.
 constexpr U64 hash(std::array<U64, 4> const& seed, U64 key) {
   __extension__ using U128 = unsigned __int128;
   U128 const multiplier = (U128{seed[1]} << 64) | seed[0];
   U128 const addend = (U128{seed[3]} << 64) | seed[2];
-  return mix(static_cast<U64>((multiplier * key + addend) >> 64));
+  U64 const high = static_cast<U64>((multiplier * key + addend) >> 64);
+  U64 const spread = (high ^ high >> 32) * 0x9E3779B97F4A7C15U;
+  return spread ^ spread >> 32;
 }
 
 }  // namespace Shoal::Format

@@ -4,6 +4,8 @@
 // Instructions that wait for a word that is not in the cache fill the processor's window, and the next
 // look-up begins the later: the fewer they are, the further look-ups that follow each other overlap.
 //
+// Words is for every processor, WideWords for those with AVX2, and what they return is the same.
+//
 // Invariants: each single word is read whole; two words may be of different times. Who reads a slot sees by
 //   its state and its checksum whether it holds together; an entry is read again by itself before it is
 //   used. What is read here is read after all that was read before and before all that is read after.
@@ -17,63 +19,148 @@
 #include "shoal/format.h"
 
 #if defined(__SSE2__) && !defined(__SANITIZE_THREAD__)
-#define SHOAL_WORD_PAIRS 1
-#include <emmintrin.h>
+#define SHOAL_VECTORS 1
+#include <immintrin.h>
 #endif
 
 namespace Shoal {
 
-// Copies the slot's first `pairs` times two words to `to`, aligned to 16 bytes. Returns the checksum of the
-// copy.
-inline U64 copySlotWords(std::atomic<U64> const* slot, U64* to, U64 pairs) {
-#ifdef SHOAL_WORD_PAIRS
-  auto const* from = reinterpret_cast<__m128i const*>(slot);
-  auto* target = reinterpret_cast<__m128i*>(to);
-  __m128i const first = _mm_load_si128(from);
-  _mm_store_si128(target, first);
-  auto const folded = [](__m128i words) { return _mm_xor_si128(words, _mm_srli_epi64(words, 32)); };
-  __m128i sum = folded(_mm_unpackhi_epi64(_mm_setzero_si128(), first));
-  __m128i sums = sum;
-#pragma GCC unroll 3
-  for (U64 i = 1; i < pairs; ++i) {
-    __m128i const words = _mm_load_si128(from + i);
-    _mm_store_si128(target + i, words);
-    sum = _mm_add_epi64(sum, folded(words));
-    sums = _mm_add_epi64(sums, sum);
-  }
-  std::atomic_thread_fence(std::memory_order_acquire);
-  auto const left = [](__m128i words) { return static_cast<U64>(_mm_cvtsi128_si64(words)); };
-  auto const right = [left](__m128i words) { return left(_mm_unpackhi_epi64(words, words)); };
-  return Checksum::value({left(sum), right(sum), left(sums), right(sums)});
-#else
-  for (U64 i = 0; i < 2 * pairs; ++i) to[i] = slot[i].load(std::memory_order_acquire);
-  return Checksum::of(to, pairs);
-#endif
-}
+#ifdef SHOAL_VECTORS
 
-// One bit for each entry of the line that carries the tag, told without a branch at each, which would be
-// guessed wrong every other time and cost more than the rest of a look-up.
-inline unsigned entriesOfTag(std::atomic<U64> const* line, U64 tag) {
-  unsigned found = 0;
-#ifdef SHOAL_WORD_PAIRS
-  // The upper halves of four words beside each other; what is above the tag in them is shifted out.
-  auto const upper = [line](int i) {
-    auto const* pair = reinterpret_cast<float const*>(line + i);
-    return _mm_castps_si128(_mm_shuffle_ps(_mm_load_ps(pair), _mm_load_ps(pair + 4), 0xDD));
-  };
-  __m128i const pattern = _mm_set1_epi32(static_cast<int>(tag << 8));
-  __m128i const first = _mm_cmpeq_epi32(_mm_slli_epi32(upper(0), 8), pattern);
-  __m128i const second = _mm_cmpeq_epi32(_mm_slli_epi32(upper(4), 8), pattern);
-  found = static_cast<unsigned>(_mm_movemask_ps(_mm_castsi128_ps(first))) |
-          static_cast<unsigned>(_mm_movemask_ps(_mm_castsi128_ps(second))) << 4;
-  std::atomic_thread_fence(std::memory_order_acquire);
-#else
-  for (unsigned i = 0; i < Format::entriesPerLine; ++i) {
-    U64 const entry = line[i].load(std::memory_order_acquire);
-    found |= unsigned{Format::entryTag(entry) == tag} << i;
+struct Words {
+  // Copies the slot's first rows to `to`, aligned like a slot. Returns the checksum of the copy.
+  static U64 copyRows(std::atomic<U64> const* slot, U64* to, U64 rows) {
+    auto const* from = reinterpret_cast<__m128i const*>(slot);
+    auto* target = reinterpret_cast<__m128i*>(to);
+    __m128i low = _mm_load_si128(from);
+    __m128i high = _mm_load_si128(from + 1);
+    _mm_store_si128(target, low);
+    _mm_store_si128(target + 1, high);
+    low = folded(_mm_unpackhi_epi64(_mm_setzero_si128(), low));
+    high = folded(high);
+    __m128i lows = low;
+    __m128i highs = high;
+    for (U64 i = 2; i < 2 * rows; i += 2) {
+      __m128i const left = _mm_load_si128(from + i);
+      __m128i const right = _mm_load_si128(from + i + 1);
+      _mm_store_si128(target + i, left);
+      _mm_store_si128(target + i + 1, right);
+      low = _mm_add_epi64(low, folded(left));
+      high = _mm_add_epi64(high, folded(right));
+      lows = _mm_add_epi64(lows, low);
+      highs = _mm_add_epi64(highs, high);
+    }
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return checksum(_mm_add_epi64(low, _mm_slli_epi64(lows, 1)),
+                    _mm_add_epi64(high, _mm_slli_epi64(highs, 1)));
   }
+
+  // One bit for each entry of the line that carries the tag, told without a branch at each, which would be
+  // guessed wrong every other time and cost more than the rest of a look-up.
+  static unsigned entriesOfTag(std::atomic<U64> const* line, U64 tag) {
+    // What is above the tag in an entry's upper half is shifted out.
+    __m128i const pattern = _mm_set1_epi32(static_cast<int>(tag << 8));
+    unsigned const found = lanes(_mm_cmpeq_epi32(_mm_slli_epi32(halves<upper>(line), 8), pattern),
+                                 _mm_cmpeq_epi32(_mm_slli_epi32(halves<upper>(line + 4), 8), pattern));
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return found & Format::everyEntry;
+  }
+
+  // One bit for each entry of the line that there is.
+  static unsigned entriesPresent(std::atomic<U64> const* line) {
+    unsigned const absent = lanes(areZero(line), areZero(line + 4));
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return ~absent & Format::everyEntry;
+  }
+
+ private:
+  friend struct WideWords;
+  static constexpr int upper = 0xDD;
+  static constexpr int lower = 0x88;
+
+  [[gnu::always_inline]] static __m128i folded(__m128i words) {
+    return _mm_xor_si128(words, _mm_srli_epi64(words, 32));
+  }
+  // Of the sums of columns 0 and 1, and of columns 2 and 3.
+  [[gnu::always_inline]] static U64 checksum(__m128i low, __m128i high) {
+    __m128i const both = _mm_add_epi64(_mm_add_epi64(low, high), _mm_slli_epi64(high, Checksum::columnShift));
+    return Checksum::value(static_cast<U64>(_mm_cvtsi128_si64(both)),
+                           static_cast<U64>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(both, both))));
+  }
+  // The halves of four words, beside each other.
+  template <int which>
+  [[gnu::always_inline]] static __m128i halves(std::atomic<U64> const* words) {
+    auto const* pair = reinterpret_cast<float const*>(words);
+    return _mm_castps_si128(_mm_shuffle_ps(_mm_load_ps(pair), _mm_load_ps(pair + 4), which));
+  }
+  [[gnu::always_inline]] static __m128i areZero(std::atomic<U64> const* words) {
+    return _mm_cmpeq_epi32(_mm_or_si128(halves<upper>(words), halves<lower>(words)), _mm_setzero_si128());
+  }
+  // One bit for each of eight comparisons that held.
+  [[gnu::always_inline]] static unsigned lanes(__m128i first, __m128i second) {
+    return static_cast<unsigned>(_mm_movemask_ps(_mm_castsi128_ps(first))) |
+           static_cast<unsigned>(_mm_movemask_ps(_mm_castsi128_ps(second))) << 4;
+  }
+};
+
+struct WideWords {
+  [[gnu::target("avx2")]] static U64 copyRows(std::atomic<U64> const* slot, U64* to, U64 rows) {
+    auto const* from = reinterpret_cast<__m256i const*>(slot);
+    auto* target = reinterpret_cast<__m256i*>(to);
+    __m256i const head = _mm256_load_si256(from);
+    _mm256_store_si256(target, head);
+    __m256i first = folded(_mm256_blend_epi32(head, _mm256_setzero_si256(), 3));
+    __m256i second = first;
+    for (U64 i = 1; i < rows; ++i) {
+      __m256i const row = _mm256_load_si256(from + i);
+      _mm256_store_si256(target + i, row);
+      first = _mm256_add_epi64(first, folded(row));
+      second = _mm256_add_epi64(second, first);
+    }
+    std::atomic_thread_fence(std::memory_order_acquire);
+    __m256i const sums = _mm256_add_epi64(first, _mm256_slli_epi64(second, 1));
+    return Words::checksum(_mm256_castsi256_si128(sums), _mm256_extracti128_si256(sums, 1));
+  }
+
+  [[gnu::target("avx2")]] static unsigned entriesOfTag(std::atomic<U64> const* line, U64 tag) {
+    auto const* four = reinterpret_cast<float const*>(line);
+    // Upper halves of words 0 1 4 5 2 3 6 7, then in order.
+    __m256 const mixed = _mm256_shuffle_ps(_mm256_load_ps(four), _mm256_load_ps(four + 8), Words::upper);
+    __m256i const uppers = _mm256_permute4x64_epi64(_mm256_castps_si256(mixed), 0xD8);
+    __m256i const equal =
+        _mm256_cmpeq_epi32(_mm256_slli_epi32(uppers, 8), _mm256_set1_epi32(static_cast<int>(tag << 8)));
+    unsigned const found = static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(equal)));
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return found & Format::everyEntry;
+  }
+
+ private:
+  [[gnu::target("avx2"), gnu::always_inline]] static __m256i folded(__m256i words) {
+    return _mm256_xor_si256(words, _mm256_srli_epi64(words, 32));
+  }
+};
+
+#else
+
+struct Words {
+  static U64 copyRows(std::atomic<U64> const* slot, U64* to, U64 rows) {
+    for (U64 i = 0; i < Format::rowWords * rows; ++i) to[i] = slot[i].load(std::memory_order_acquire);
+    return Checksum::of(to, rows);
+  }
+  static unsigned entriesOfTag(std::atomic<U64> const* line, U64 tag) {
+    unsigned found = 0;
+    for (unsigned i = 0; i < Format::entriesPerLine; ++i)
+      found |= unsigned{Format::entryTag(line[i].load(std::memory_order_acquire)) == tag} << i;
+    return found;
+  }
+  static unsigned entriesPresent(std::atomic<U64> const* line) {
+    unsigned found = 0;
+    for (unsigned i = 0; i < Format::entriesPerLine; ++i)
+      found |= unsigned{line[i].load(std::memory_order_acquire) != 0} << i;
+    return found;
+  }
+};
+
 #endif
-  return found & ((1U << Format::entriesPerLine) - 1);
-}
 
 }  // namespace Shoal

@@ -39,12 +39,16 @@ U64 packWalk(U64 bucket, U64 depth, unsigned at) { return bucket << 16 | depth <
 }  // namespace
 
 TableView::TableView(std::shared_ptr<Mapping const> mapping)
-    : mapping_(std::move(mapping)), base_(mapping_->base()) {
+    : straight_(readNarrow), mapping_(std::move(mapping)), base_(mapping_->base()) {
+#ifdef SHOAL_VECTORS
+  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi")) straight_ = readWide;
+#endif
   checkHeader();
   seed_ = {header_.hash[0], header_.hash[1], header_.hash[2], header_.hash[3]};
   maxWords_ = (header_.imageBytes + 7) / 8;
-  scratchSpace_.assign(header_.slotBytes / 8 + 1, 0);
-  scratch_ = scratchSpace_.data() + (reinterpret_cast<std::uintptr_t>(scratchSpace_.data()) & 15) / 8;
+  scratchSpace_.assign((header_.slotBytes + unitBytes) / 8, 0);
+  auto const space = reinterpret_cast<std::uintptr_t>(scratchSpace_.data());
+  scratch_ = reinterpret_cast<U64*>(roundUp(space, unitBytes));
   indexChunks_.assign(directoryEntries, nullptr);
   limitIs(chunkOffset(chunks()));
 }
@@ -154,6 +158,11 @@ std::optional<U64> TableView::changedKey(U64 sequence) const {
   return key;
 }
 
+U64 TableView::announcedKey(U64 sequence) const {
+  U64 const at = ringAt + (sequence & (header_.ringEntries - 1)) * 16;
+  return word(at + 8)->load(std::memory_order_relaxed);
+}
+
 void TableView::limitIs(U64 limit) {
   limit_ = limit;
   firstUnit_ = header_.chunkStart / unitBytes;
@@ -187,22 +196,31 @@ std::atomic<U64>* TableView::overflowLine(U64 unit) {
   return insideChunks(unit * unitBytes, unitBytes) ? word(unit * unitBytes) : nullptr;
 }
 
-// The state is read first and again last, so that a slot that was recycled meanwhile shows.
-[[gnu::always_inline]] inline TableView::Copy TableView::copyWords(std::atomic<U64> const* slot) {
-  U64 const before = acquire(slot[1]);
-  if ((before & 1) != 0 || words(before) > maxWords_) [[unlikely]]
-    return before & 1 ? Copy::changing : Copy::damaged;
-  U64 const pairs = wordPairs(before);
-  U64 const checksum = copySlotWords(slot, scratch_, pairs);
-  if (pairs < pairsCopied_) [[unlikely]]
-    std::fill(scratch_ + 2 * pairs, scratch_ + 2 * pairsCopied_, 0);
-  pairsCopied_ = pairs;
-  if (acquire(slot[1]) != before || scratch_[1] != before) [[unlikely]]
-    return Copy::changing;
-  return checksum == scratch_[0] ? Copy::whole : Copy::damaged;
+// The rows of a slot at rest, and the scratch area made ready for them: the words of a longer record that was
+// copied before are cleared. Zero when the slot is not at rest, or damaged.
+[[gnu::always_inline]] inline U64 TableView::rowsToCopy(U64 state) {
+  if ((state & 1) != 0 || words(state) > maxWords_) [[unlikely]]
+    return 0;
+  U64 const wanted = rows(state);
+  if (wanted < rowsCopied_) [[unlikely]] {
+    for (U64 i = wanted * rowWords; i < rowsCopied_ * rowWords; ++i) {
+      scratch_[i] = 0;
+      asm volatile("");  // a few words: what clears many takes longer to begin
+    }
+  }
+  return rowsCopied_ = wanted;
 }
 
-TableView::Copy TableView::copySlot(U64 unit) { return copyWords(word(unit * unitBytes)); }
+// The state is read first and again last, so that a slot that was recycled meanwhile shows.
+TableView::Copy TableView::copySlot(U64 unit) {
+  std::atomic<U64> const* const slot = word(unit * unitBytes);
+  U64 const state = acquire(slot[1]);
+  U64 const count = rowsToCopy(state);
+  if (count == 0) return state & 1 ? Copy::changing : Copy::damaged;
+  U64 const checksum = Words::copyRows(slot, scratch_, count);
+  if (acquire(slot[1]) != state) return Copy::changing;
+  return checksum == scratch_[0] ? Copy::whole : Copy::damaged;
+}
 
 bool TableView::tailIsZero(U64 unit) const {
   std::atomic<U64> const* const slot = word(unit * unitBytes);
@@ -247,7 +265,7 @@ TableView::Scan TableView::scan(U64 key, U64 hash, U64 bucket, bool copy) {
   U64 const wanted = tag(hash);
   Scan worst = Scan::absent;
   for (U64 depth = 0;; ++depth) {
-    for (unsigned left = entriesOfTag(at, wanted); left != 0; left &= left - 1) {
+    for (unsigned left = Words::entriesOfTag(at, wanted); left != 0; left &= left - 1) {
       std::atomic<U64> const& word = at[std::countr_zero(left)];
       U64 const entry = acquire(word);
       if (entryTag(entry) != wanted || entry == 0) continue;
@@ -295,33 +313,69 @@ std::atomic<U64> const* TableView::entryWord(U64 key) {
   return nullptr;
 }
 
-bool TableView::readRemembered(U64 key) {
-  if (visited_.key != key || acquire(*visited_.word) != visited_.entry) return false;
-  return copySlot(entryUnit(visited_.entry)) == Copy::whole && scratchKey() == key &&
-         acquire(*visited_.word) == visited_.entry;
+// The lines that a record of a few words lies in. An address that leads nowhere is no harm here.
+[[gnu::always_inline]] inline void TableView::prefetchSlot(U64 entry) const {
+  std::byte const* const slot = base_ + entryUnit(entry) * unitBytes;
+  __builtin_prefetch(slot);
+  if (header_.slotBytes > unitBytes) {
+    __builtin_prefetch(slot + unitBytes);
+    __builtin_prefetch(slot + 2 * unitBytes);
+  }
 }
 
-// The common case in one straight line: the key is in its bucket's first line, and at rest. Whatever else may
-// be the case, lookup() finds out.
-[[gnu::always_inline]] inline bool TableView::readStraight(U64 key) {
-  if (acquire(*word(bucketsAt)) != bucketsWord_) return false;
-  U64 const hashed = hash(key);
+// The first line of a hash's bucket, as far as it is known without a look at what may have changed.
+[[gnu::always_inline]] inline std::atomic<U64> const* TableView::firstLine(U64 hashed) const {
   U64 const bucket = bucketOf(hashed, bucketsSeen_, levelSeen_);
   std::atomic<U64> const* const chunk = indexChunks_[bucket / linesPerChunk];
-  if (!chunk) return false;
-  std::atomic<U64> const* const line = chunk + bucket % linesPerChunk * 8;
-  unsigned const candidates = entriesOfTag(line, tag(hashed));
-  if (candidates == 0) return false;
-  std::atomic<U64> const& named = line[std::countr_zero(candidates)];
-  U64 const entry = acquire(named);
-  if (!entryIntact(entry) || entryUnit(entry) - firstUnit_ > unitSpan_) return false;
-  return copyWords(word(entryUnit(entry) * unitBytes)) == Copy::whole && scratchKey() == key &&
-         acquire(named) == entry;
+  return chunk ? chunk + bucket % linesPerChunk * 8 : nullptr;
+}
+
+// The slot of the entry at which the walk stands, or of the first entry of the key's tag in its bucket's
+// line. The copy is of one time, and the entry still names the slot when it is complete.
+template <class W>
+[[gnu::always_inline]] inline std::byte const* TableView::straightRead(U64 key) {
+  std::atomic<U64> const* named = visited_.word;
+  if (!named || visited_.key != key) {
+    if (acquire(*word(bucketsAt)) != bucketsWord_) return nullptr;
+    U64 const hashed = hash(key);
+    std::atomic<U64> const* const line = firstLine(hashed);
+    unsigned const candidates = line ? W::entriesOfTag(line, tag(hashed)) : 0;
+    if (candidates == 0) return nullptr;
+    named = line + std::countr_zero(candidates);
+  }
+  U64 const entry = acquire(*named);
+  if (!entryIntact(entry) || entryUnit(entry) - firstUnit_ > unitSpan_) return nullptr;
+  std::atomic<U64> const* const slot = word(entryUnit(entry) * unitBytes);
+  U64 const state = acquire(slot[1]);
+  U64 const count = rowsToCopy(state);
+  if (count == 0) return nullptr;
+  U64 const checksum = W::copyRows(slot, scratch_, count);
+  bool const stands = acquire(slot[1]) == state && checksum == scratch_[0] && scratchKey() == key &&
+                      acquire(*named) == entry;
+  return stands ? scratchImage() : nullptr;
+}
+
+std::byte const* TableView::readNarrow(TableView& view, U64 key) { return view.straightRead<Words>(key); }
+#ifdef SHOAL_VECTORS
+[[gnu::target("avx2,bmi")]] std::byte const* TableView::readWide(TableView& view, U64 key) {
+  return view.straightRead<WideWords>(key);
+}
+#endif
+
+void TableView::prefetchLine(U64 key) const {
+  if (std::atomic<U64> const* const line = firstLine(hash(key))) __builtin_prefetch(line);
+}
+
+void TableView::prefetchRecord(U64 key) const {
+  U64 const hashed = hash(key);
+  std::atomic<U64> const* const line = firstLine(hashed);
+  unsigned const candidates = line ? Words::entriesOfTag(line, tag(hashed)) : 0;
+  if (candidates != 0) prefetchSlot(line[std::countr_zero(candidates)].load(std::memory_order_relaxed));
 }
 
 std::byte const* TableView::read(U64 key) {
-  if (visited_.word && readRemembered(key)) return scratchImage();
-  return readStraight(key) || lookup(key, true) ? scratchImage() : nullptr;
+  if (std::byte const* const image = readStraight(key)) return image;
+  return lookup(key, true) ? scratchImage() : nullptr;
 }
 
 bool TableView::contains(U64 key) {
@@ -378,26 +432,16 @@ std::optional<TableView::Place> TableView::walkLine(std::atomic<U64>* line, Walk
   return std::nullopt;
 }
 
-// The slots of a bucket that the walk will come to, asked for before they are needed.
-void TableView::prefetchBucket(U64 bucket) {
-  std::atomic<U64> const* const at = line(bucket);
-  if (!at) return;
-  for (unsigned i = 0; i < entriesPerLine; ++i) {
-    U64 const entry = at[i].load(std::memory_order_relaxed);
-    if (entry == 0) continue;
-    std::byte const* const slot = base_ + entryUnit(entry) * unitBytes;
-    __builtin_prefetch(slot);
-    if (header_.slotBytes > 64) {
-      __builtin_prefetch(slot + 64);
-      __builtin_prefetch(slot + 128);
-    }
-  }
+// The slots of a line that the walk will come to, asked for before they are needed.
+[[gnu::always_inline]] inline void TableView::prefetchSlots(std::atomic<U64> const* line) const {
+  for (unsigned left = Words::entriesPresent(line); left != 0; left &= left - 1)
+    prefetchSlot(line[std::countr_zero(left)].load(std::memory_order_relaxed));
 }
 
 std::optional<TableView::Place> TableView::walkBuckets(Walk place) {
   for (; place.bucket < buckets(); place = {place.bucket + 1, 0, 0}) {
     if (place.at == 0 && place.depth == 0 && place.bucket + prefetchBuckets < maxBuckets)
-      prefetchBucket(place.bucket + prefetchBuckets);
+      if (std::atomic<U64> const* const ahead = line(place.bucket + prefetchBuckets)) prefetchSlots(ahead);
     std::atomic<U64>* at = lineAt(place);
     if (!at && place.depth == 0) {
       place.bucket = roundUp(place.bucket + 1, linesPerChunk) - 1;  // none of the chunk's buckets is readable
@@ -419,21 +463,31 @@ void TableView::endWalk() {
   throw Pallo::CorruptionDetectedException(std::exchange(walkDamage_, {}));
 }
 
-// The rest of the line in which the walk stands, when it is a bucket's first: those never move.
+// The next entry in the buckets' first lines, which lie one after the other in a chunk and never move.
+// Nothing at the chunk's end, at an overflow line, and wherever else walkBuckets() is to find out.
 std::optional<TableView::Place> TableView::walkOn(U64 hint) {
-  auto const at = static_cast<unsigned>(hint & 7);
-  std::atomic<U64> const* const line = visited_.word + 1 - at;
-  for (unsigned i = at; i < entriesPerLine; ++i) {
-    U64 const entry = acquire(line[i]);
-    if (entry == 0) continue;
-    U64 key = 0;
-    bool const sound = entryIntact(entry) && entryUnit(entry) - firstUnit_ <= unitSpan_ &&
-                       peekKey(entryUnit(entry), key) && tag(hash(key)) == entryTag(entry);
-    if (!sound) return std::nullopt;
-    visited_ = {line + i, entry, key, (hint & ~U64{7}) + i + 1};
-    return Place{key, visited_.hint};
+  unsigned at = hint & 7;
+  U64 bucket = hint >> 16;
+  std::atomic<U64> const* line = visited_.word + 1 - at;
+  unsigned left = Words::entriesPresent(line) >> at << at;
+  while (left == 0) {
+    if (acquire(line[7]) != link(0, bucket, 0)) return std::nullopt;
+    ++bucket;
+    bool const known = acquire(*word(bucketsAt)) == bucketsWord_ && bucket < bucketsSeen_;
+    if (!known || bucket % linesPerChunk == 0) return std::nullopt;
+    line += 8;
+    bool const inChunk = (bucket + prefetchBuckets) % linesPerChunk >= prefetchBuckets;
+    if (inChunk) prefetchSlots(line + prefetchBuckets * 8);
+    left = Words::entriesPresent(line);
   }
-  return std::nullopt;
+  at = static_cast<unsigned>(std::countr_zero(left));
+  U64 const entry = acquire(line[at]);
+  U64 key = 0;
+  bool const sound = entryIntact(entry) && entryUnit(entry) - firstUnit_ <= unitSpan_ &&
+                     peekKey(entryUnit(entry), key) && tag(hash(key)) == entryTag(entry);
+  if (!sound) return std::nullopt;
+  visited_ = {line + at, entry, key, packWalk(bucket, 0, at + 1)};
+  return Place{key, visited_.hint};
 }
 
 std::optional<TableView::Place> TableView::walk(U64 hint) {

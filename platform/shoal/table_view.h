@@ -51,6 +51,9 @@ class VANTREL_API TableView {
 
   // The record's image, valid until the next call; null when the key is absent.
   std::byte const* read(U64 key);
+  // The common case of it in one straight line: the key is in its bucket's first line, and at rest. Null
+  // when anything else may be the case, which read() finds out.
+  std::byte const* readStraight(U64 key) { return straight_(*this, key); }
   bool contains(U64 key);
   // The first present key at or after a position; position 0 begins a walk. Damage of the index that a walk
   // met is raised where the walk ends, so that it costs no intact record its visit.
@@ -66,6 +69,12 @@ class VANTREL_API TableView {
   // The ring of changed keys.
   U64 head() const;                                   // changes announced so far
   std::optional<U64> changedKey(U64 sequence) const;  // empty: overwritten, or not written yet
+  U64 announcedKey(U64 sequence) const;               // whatever lies there: a hint
+
+  // Asks for what a look-up of the key will need: its index line, and when that is there, the record it
+  // names. Nothing is checked, and nothing harmful comes of a wrong key.
+  void prefetchLine(U64 key) const;
+  void prefetchRecord(U64 key) const;
 
   // The guarded words, for those who check and repair.
   U64 buckets() const;
@@ -103,20 +112,25 @@ class VANTREL_API TableView {
   bool insideChunks(U64 offset, U64 bytes);
   Scan scan(U64 key, U64 hash, U64 bucket, bool copy);
   Scan tryEntry(std::atomic<U64> const& word, U64 entry, U64 key, U64 hash, bool copy);
-  Copy copyWords(std::atomic<U64> const* slot);
+  std::atomic<U64> const* firstLine(U64 hashed) const;
+  void prefetchSlot(U64 entry) const;
+  U64 rowsToCopy(U64 state);
+  template <class W>
+  std::byte const* straightRead(U64 key);
+  static std::byte const* readNarrow(TableView& view, U64 key);
+  static std::byte const* readWide(TableView& view, U64 key);
   bool peekKey(U64 unit, U64& key) const;
   bool lookup(U64 key, bool copy);
-  bool readRemembered(U64 key);
-  bool readStraight(U64 key);
   std::optional<Place> walkLine(std::atomic<U64>* line, Walk& place);
   std::optional<Place> visit(std::atomic<U64> const& word, Walk const& place);
   std::atomic<U64>* lineAt(Walk const& place);
   std::atomic<U64>* nextLine(std::atomic<U64>* line, U64 bucket, U64 depth);
   std::optional<Place> walkBuckets(Walk place);
   std::optional<Place> walkOn(U64 hint);
-  void prefetchBucket(U64 bucket);
+  void prefetchSlots(std::atomic<U64> const* line) const;
   void endWalk();
 
+  std::byte const* (*straight_)(TableView&, U64);  // the one for this processor
   std::shared_ptr<Mapping const> mapping_;
   std::byte* base_;
   Format::Header header_{};
@@ -126,13 +140,13 @@ class VANTREL_API TableView {
   U64 firstUnit_ = 0;  // where slots may lie, as last seen
   U64 unitSpan_ = 0;
   // The guarded word that was last found intact, what it holds, and the greatest power of two in that.
-  mutable U64 bucketsWord_ = 0;
-  mutable U64 bucketsSeen_ = 0;
-  mutable U64 levelSeen_ = 0;
+  mutable U64 bucketsWord_ = Format::guard(1, Format::bucketsAt);
+  mutable U64 bucketsSeen_ = 1;
+  mutable U64 levelSeen_ = 1;
   std::vector<std::atomic<U64>*> indexChunks_;
   std::vector<U64> scratchSpace_;
-  U64* scratch_;         // aligned to 16 bytes: a slot's copy; image words beyond the record are zero
-  U64 pairsCopied_ = 0;  // of words
+  U64* scratch_;        // aligned like a slot, of which it holds a copy; zero beyond
+  U64 rowsCopied_ = 0;
   struct {
     std::atomic<U64> const* word = nullptr;
     U64 entry = 0;

@@ -221,7 +221,7 @@ void TableWriter::writeSlot(U64 unit, U64 key, std::byte const* image) {
   U64 const writing = generation(before) | 1;
   scratch_[1] = state(writing + 1, used);
   scratch_[2] = key;
-  scratch_[0] = Checksum::of(scratch_.data(), wordPairs(scratch_[1]));
+  scratch_[0] = Checksum::of(scratch_.data(), rows(scratch_[1]));
   store(slot[1], state(writing, 0));
   store(slot[0], scratch_[0]);
   for (U64 i = 2; i < 3 + used; ++i) store(slot[i], scratch_[i]);
@@ -294,7 +294,7 @@ TableWriter::Spot TableWriter::locate(U64 key, U64 hash) {
 }
 
 void TableWriter::locateInLine(Spot& spot, std::atomic<U64>* line, U64 key, U64 hash) const {
-  for (unsigned found = entriesOfTag(line, tag(hash)); found != 0; found &= found - 1) {
+  for (unsigned found = Words::entriesOfTag(line, tag(hash)); found != 0; found &= found - 1) {
     std::atomic<U64>& word = line[std::countr_zero(found)];
     U64 const entry = word.load(std::memory_order_relaxed);
     if (!isOf(entry, key, hash)) continue;

@@ -62,9 +62,9 @@ TEST(Damage, AFileThatIsNoSuchTableIsRefusedInOneSentence) {
   write(dir / "stub", whole.substr(0, 100));
   expectRefused(dir / "stub", Reason::truncated, "is cut short");
   std::string changed = whole;
-  changed[8] = 3;
+  changed[8] = 9;
   write(dir / "newer", changed);
-  expectRefused(dir / "newer", Reason::otherVersion, "format version 3, expected 2");
+  expectRefused(dir / "newer", Reason::otherVersion, "format version 9, expected 3");
   changed = whole;
   changed[20] = 'x';
   write(dir / "bent", changed);
@@ -155,6 +155,20 @@ TEST(Damage, ADamagedIndexIsSaidAtTheEndOfTheWalk) {
       },
       Pallo::CorruptionDetectedException);
   EXPECT_EQ(visited, 49U);
+}
+
+// The words that a reader remembers are not taken for what it remembers before it has seen them.
+TEST(Damage, ANumberOfBucketsThatIsZeroIsDamage) {
+  using namespace Shoal::Format;
+  U64 const intactZero = guard(0, bucketsAt);
+  for (U64 const word : {U64{0}, intactZero}) {
+    Directory dir;
+    { Writer(dir / "t").entryIs(record(7, 1)); }
+    poke(dir / "t", bucketsAt, {reinterpret_cast<char const*>(&word), sizeof word});
+    Reader const reader(dir / "t");
+    EXPECT_THROW(reader.entry(EntryKey(7)), Pallo::CorruptionDetectedException) << word;
+    EXPECT_THROW(reader.first(), Pallo::CorruptionDetectedException) << word;
+  }
 }
 
 TEST(Damage, AFileCutShortUnderARunningReaderIsDamageAndNoMore) {

@@ -81,13 +81,13 @@ std::vector<U64> someSlot() {
 
 TEST(Checksum, AnyDamageToOneWordIsSeen) {
   std::vector<U64> slot = someSlot();
-  U64 const intact = Shoal::Checksum::of(slot.data(), 40);
+  U64 const intact = Shoal::Checksum::of(slot.data(), 20);
   std::mt19937_64 random(2);
   for (std::size_t i = 1; i < slot.size(); ++i) {
     U64 const word = slot[i];
     for (int n = 0; n < 2000; ++n) {
       slot[i] = n < 64 ? word ^ U64 { 1 } << n : n == 64 ? ~word : n == 65 ? 0 : random();
-      ASSERT_TRUE(slot[i] == word || Shoal::Checksum::of(slot.data(), 40) != intact) << i << " " << n;
+      ASSERT_TRUE(slot[i] == word || Shoal::Checksum::of(slot.data(), 20) != intact) << i << " " << n;
     }
     slot[i] = word;
   }
@@ -97,11 +97,11 @@ TEST(Checksum, AnyDamageToOneWordIsSeen) {
 // bit goes up or down. No two of these changes may cancel.
 TEST(Checksum, AnyTwoDamagedBitsAreSeen) {
   std::vector<U64> slot(80, 0);
-  U64 const empty = Shoal::Checksum::of(slot.data(), 40);
+  U64 const empty = Shoal::Checksum::of(slot.data(), 20);
   std::unordered_map<U64, std::size_t> changes;  // to the bit's number
   for (std::size_t i = 1; i < slot.size(); ++i) {
     slot[i] = 1;
-    U64 const weight = Shoal::Checksum::of(slot.data(), 40) - empty;
+    U64 const weight = Shoal::Checksum::of(slot.data(), 20) - empty;
     slot[i] = 0;
     EXPECT_EQ(weight & 1, 1U);
     for (unsigned bit = 0; bit < 64; ++bit) {
@@ -120,31 +120,84 @@ TEST(Checksum, AnyTwoDamagedBitsAreSeen) {
 
 TEST(Checksum, ZeroesAreNotIntact) {
   std::vector<U64> const slot(80, 0);
-  for (U64 pairs = 1; pairs <= 40; ++pairs) EXPECT_NE(Shoal::Checksum::of(slot.data(), pairs), 0U);
+  for (U64 rows = 1; rows <= 20; ++rows) EXPECT_NE(Shoal::Checksum::of(slot.data(), rows), 0U);
 }
 
-TEST(Checksum, TheCopyComputesTheSame) {
-  alignas(16) std::array<std::atomic<U64>, 80> slot;
-  alignas(16) std::array<U64, 80> copy;
+using CopyRows = U64 (*)(std::atomic<U64> const*, U64*, U64);
+
+void expectCopyAndChecksum(CopyRows copyRows) {
+  alignas(64) std::array<std::atomic<U64>, 80> slot;
+  alignas(64) std::array<U64, 80> copy;
   auto const words = someSlot();
   std::copy(words.begin(), words.end(), slot.begin());
-  for (U64 pairs = 1; pairs <= 40; ++pairs) {
+  for (U64 rows = 1; rows <= 20; ++rows) {
     copy.fill(0);
-    EXPECT_EQ(Shoal::copySlotWords(slot.data(), copy.data(), pairs),
-              Shoal::Checksum::of(words.data(), pairs));
-    EXPECT_TRUE(std::equal(copy.begin(), copy.begin() + 2 * pairs, words.begin()));
-    EXPECT_TRUE(std::all_of(copy.begin() + 2 * pairs, copy.end(), [](U64 word) { return word == 0; }));
+    EXPECT_EQ(copyRows(slot.data(), copy.data(), rows), Shoal::Checksum::of(words.data(), rows));
+    EXPECT_TRUE(std::equal(copy.begin(), copy.begin() + 4 * rows, words.begin()));
+    EXPECT_TRUE(std::all_of(copy.begin() + 4 * rows, copy.end(), [](U64 word) { return word == 0; }));
   }
 }
 
-TEST(Line, EntriesOfATagAreFoundWhereverTheyAre) {
+TEST(Checksum, TheCopyComputesTheSame) { expectCopyAndChecksum(Shoal::Words::copyRows); }
+
+#ifdef SHOAL_VECTORS
+TEST(Checksum, SoDoesTheCopyInWideVectors) {
+  if (!__builtin_cpu_supports("avx2")) GTEST_SKIP() << "this processor has no AVX2";
+  expectCopyAndChecksum(Shoal::WideWords::copyRows);
+}
+#endif
+
+// Keys that producers make: counted, shifted, in fields. In each index line there is room for seven.
+TEST(Hash, KeysInAPatternSpreadLikeRandomOnes) {
+  std::mt19937_64 random(3);
+  using Pattern = U64 (*)(U64);
+  std::array const patterns{Pattern{[](U64 i) { return i; }}, Pattern{[](U64 i) { return i << 20; }},
+                            Pattern{[](U64 i) { return i << 44; }},
+                            Pattern{[](U64 i) { return i % 300 | i / 300 << 32; }},
+                            Pattern{[](U64 i) { return i % 20 | i / 20 % 20 << 24 | i / 400 << 48; }}};
+  constexpr U64 keys = 10000;
+  constexpr U64 buckets = keys / Shoal::Format::recordsPerBucket;
+  for (Pattern const pattern : patterns) {
+    for (int file = 0; file < 50; ++file) {
+      std::array<U64, 4> const seed{random(), random(), random(), random()};
+      std::vector<U64> held(buckets);
+      U64 beside = 0;  // keys for which their bucket's line has no room
+      for (U64 i = 0; i < keys; ++i)
+        if (++held[Shoal::Format::bucketOf(Shoal::Format::hash(seed, pattern(i)), buckets)] > 7) ++beside;
+      ASSERT_LT(beside, keys / 30) << pattern(2) << " file " << file;  // of random keys, one in fifty
+    }
+  }
+}
+
+using EntriesOfTag = unsigned (*)(std::atomic<U64> const*, U64);
+
+void expectEntriesOfATag(EntriesOfTag entriesOfTag) {
   alignas(64) std::array<std::atomic<U64>, 8> line;
   for (unsigned set = 0; set < 128; ++set) {
     U64 const hash = 0xABCDEF0000000000U | set;
     for (unsigned i = 0; i < 7; ++i)
       line[i] = set >> i & 1 ? Shoal::Format::entry(1000 + i, hash) : Shoal::Format::entry(i, ~hash);
     line[7] = U64{0xABCDEF} << 32;  // a link is no entry
-    EXPECT_EQ(Shoal::entriesOfTag(line.data(), 0xABCDEF), set);
+    EXPECT_EQ(entriesOfTag(line.data(), 0xABCDEF), set);
+  }
+}
+
+TEST(Line, EntriesOfATagAreFoundWhereverTheyAre) { expectEntriesOfATag(Shoal::Words::entriesOfTag); }
+
+#ifdef SHOAL_VECTORS
+TEST(Line, SoTheyAreInWideVectors) {
+  if (!__builtin_cpu_supports("avx2")) GTEST_SKIP() << "this processor has no AVX2";
+  expectEntriesOfATag(Shoal::WideWords::entriesOfTag);
+}
+#endif
+
+// An entry counts whose either half is something.
+TEST(Line, EntriesThereAreCount) {
+  alignas(64) std::array<std::atomic<U64>, 8> line;
+  for (unsigned set = 0; set < 128; ++set) {
+    for (unsigned i = 0; i < 7; ++i) line[i] = set >> i & 1 ? U64{1} << (i * 9) : 0;
+    line[7] = ~U64{0};
+    EXPECT_EQ(Shoal::Words::entriesPresent(line.data()), set);
   }
 }
 
