@@ -13,6 +13,10 @@ namespace Shoal {
 namespace {
 // Changes told of in one dispatch, so that a busy writer does not hold the watcher's event loop.
 constexpr int slice = 1024;
+// How many changes ahead an index line is asked for, and then the record it names: each early enough for the
+// memory, and late enough to be still there.
+constexpr U64 lineAhead = 8;
+constexpr U64 recordAhead = 4;
 }  // namespace
 
 class Mount::KnownKeys : public boost::unordered_flat_set<U64> {};
@@ -43,7 +47,13 @@ int Mount::fd() {
   return watch_->fd();
 }
 
-void Mount::toldOf(U64 key) { known_->insert(key); }
+void Mount::lookedUp(U64 key, bool present) {
+  lookedUp_ = key;
+  if (present)
+    known_->insert(key);
+  else
+    known_->erase(key);
+}
 
 bool Mount::mend() { return mapping_->cutShort() && mapping_->mend(view_->extent()); }
 
@@ -123,9 +133,16 @@ bool Mount::deliverNext(U64 head) {
     fellBehind(head);
     return readHead() != position_;
   }
+  lookAhead(head);
   ++position_;
   tell(*key);
   return true;
+}
+
+void Mount::lookAhead(U64 head) {
+  U64 const queued = head - position_;
+  if (queued > lineAhead) view_->prefetchLine(view_->announcedKey(position_ + lineAhead));
+  if (queued > recordAhead) view_->prefetchRecord(view_->announcedKey(position_ + recordAhead));
 }
 
 // A writer that died may have published a change that it did not come to count.
@@ -157,12 +174,21 @@ void Mount::tellOfTheVanished() {
   }
 }
 
+// A watcher that looks the key up says so; otherwise it is to be found out whether there is still something
+// of the key's to be told of.
 void Mount::tell(U64 key) {
-  if (view_->contains(key))
-    known_->insert(key);
-  else
-    known_->erase(key);
-  sink_.changed(key);
+  lookedUp_.reset();
+  try {
+    sink_.changed(key);
+  } catch (...) {
+    learn(key);
+    throw;
+  }
+  learn(key);
+}
+
+void Mount::learn(U64 key) {
+  if (lookedUp_ != key) lookedUp(key, view_->contains(key));
 }
 
 }  // namespace Shoal

@@ -5,13 +5,15 @@
 //   again, whatever was missed in between. A file that was replaced by another is followed.
 // Ownership: owns view and watch.
 // Threading: one thread.
-// Cost: nothing while nothing changes. Watched, eight bytes and a little a key; falling behind costs one
-//   look-up for each key told of.
+// Cost: nothing while nothing changes. Watched, eight bytes and a little a key, and a probe of a hash set a
+//   look-up; falling behind costs one look-up for each key told of. Where changes queue, the next keys'
+//   records are on their way into the cache while this key's watchers are at work.
 // Errors: those of TableView and Watch.
 #pragma once
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "shoal/table_view.h"
@@ -44,8 +46,9 @@ class VANTREL_API Mount {
   int fd();
   // Handles what made the descriptor readable, a slice at a time.
   void dispatch();
-  // A watcher's walk or look-up met this key: it may have come back since its removal was told of.
-  void toldOf(U64 key);
+  // A watcher's walk or look-up found this key, or found it absent: it may have come back since its removal
+  // was told of.
+  void lookedUp(U64 key, bool present);
   // The file was cut short; true when it has its length again and was mapped anew.
   bool mend();
 
@@ -61,6 +64,8 @@ class VANTREL_API Mount {
   void tellWhole();
   void tellOfTheVanished();
   void tell(U64 key);
+  void learn(U64 key);
+  void lookAhead(U64 head);
   std::optional<U64> readHead();
 
   std::string const path_;
@@ -70,6 +75,7 @@ class VANTREL_API Mount {
   std::unique_ptr<TableView> view_;
   std::unique_ptr<Watch> watch_;
   std::unique_ptr<KnownKeys> known_;
+  std::optional<U64> lookedUp_;  // the last key, since the last notification
   U64 position_ = 0;  // the next change to tell of
   bool damagedHead_ = false;
   bool writerWent_ = false;

@@ -92,6 +92,32 @@ TEST(Notification, AKeyThatCameBackWhileItsRemovalWasToldIsMissedWhenItVanishes)
   EXPECT_EQ(watcher.seen, contents(*reader));
 }
 
+// Notes keys and looks nothing up.
+class Listener : public Shoal::Table<Config>::Notifiee {
+ public:
+  void onEntry(EntryKey const& key) override { keys.push_back(key.value()); }
+  std::vector<U64> keys;
+};
+
+TEST(Notification, AWatcherThatLooksNothingUpIsToldOfWhatVanishedToo) {
+  Directory dir;
+  Writer writer(dir / "t", {.ringEntries = 16});
+  auto const reader = Ostra::make<Reader>(dir / "t");
+  Listener listener;
+  listener.notifierIs(reader);
+  listener.hasNotificationActiveIs(true);
+  settle(*reader, 10);
+  for (U64 const key : {5, 6}) writer.entryIs(record(key, 1));
+  writer.entryDel(EntryKey(6));
+  settle(*reader, 10);
+  ASSERT_EQ(listener.keys, (std::vector<U64>{5, 6, 6}));
+  listener.keys.clear();
+  writer.entryDel(EntryKey(5));
+  for (U64 key = 100; key < 140; ++key) writer.entryIs(record(key, 1));
+  settle(*reader, 10);
+  EXPECT_EQ(listener.keys, std::vector<U64>{5}) << "what it was told of and is gone";
+}
+
 TEST(Notification, AFileThatWasReplacedBeforeTheWatchBeganIsFollowed) {
   Directory dir;
   { Writer(dir / "t").entryIs(record(1, 1)); }
