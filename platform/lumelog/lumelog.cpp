@@ -200,7 +200,7 @@ void Log::beginBlock(Ring& ring) {
   ring.block = reinterpret_cast<Format::BlockHeader*>(at);
   std::atomic_ref(ring.block->sequence).store(0, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
-  takeAnchor(stamp());
+  takeAnchor(readClock());
   Format::Anchor const& now = live().anchor[live().anchors % 2];
   Format::BlockHeader const header{++ring.sequence, now.ticks, now.ns, 0, 0};
   ring.block->ticks = header.ticks;

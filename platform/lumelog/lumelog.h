@@ -13,7 +13,7 @@
 //   records nothing.
 // Ownership: the opener's, by close(); a log that stays open to the end of the process loses nothing.
 // Threading: Single: one thread, plain stores.
-// Cost: reading the processor's time stamp and a few stores, no system call; every hundred records or so a
+// Cost: reading the processor's time stamp, most of it, and a few stores, no system call; every hundred records or so a
 //   new block, and after each quiet hundredth of a second one reading of the system's clock. A null log is
 //   one predictable branch.
 // Errors: what cannot be opened is said on stderr, and the caller runs without; a record never fails.
@@ -30,6 +30,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "lumelog/format.h"
@@ -84,6 +85,8 @@ class Ticks {
 };
 
 class VANTREL_API Log {
+  enum class Reading : U8 { each, next, held, passed };  // which records read the clock
+
  public:
   // A log without a file: its records reach the tap only.
   static std::unique_ptr<Log> inMemory(Tap tap);
@@ -97,6 +100,31 @@ class VANTREL_API Log {
   void recordText(U8 level, char const* file, int line, U32 identifier, std::string_view text);
   // Null takes it off.
   void tapIs(Tap tap);
+
+  // While it lives, records share one reading of the clock, each a tick after the one before, until
+  // momentPassed(): for steps so short that reading the clock would be the larger part of them.
+  class Moments {
+   public:
+    explicit Moments(Log* log) : log_(log) {
+      if (log_) outer_ = std::exchange(log_->reading_, Reading::next);
+    }
+    ~Moments() {
+      if (log_) log_->reading_ = outer_;
+    }
+    Moments(Moments const&) = delete;
+    Moments& operator=(Moments const&) = delete;
+
+   private:
+    Log* log_;
+    Reading outer_{};
+  };
+  // The next record reads the clock; unless nothing happened after all.
+  void momentPassed() {
+    if (reading_ == Reading::held) reading_ = Reading::passed;
+  }
+  void momentStands() {
+    if (reading_ == Reading::passed) reading_ = Reading::held;
+  }
 
   // The file's path; empty without a file.
   std::string const& path() const { return path_; }
@@ -130,6 +158,11 @@ class VANTREL_API Log {
   Format::LiveHeader& live();
 
   U64 stamp() {
+    if (reading_ == Reading::held) return ++last_;
+    if (reading_ != Reading::each) reading_ = Reading::held;
+    return readClock();
+  }
+  U64 readClock() {
     U64 const now = ticks_.now();
     last_ = now > last_ ? now : last_ + 1;
     if (last_ >= nextAnchor_) [[unlikely]]
@@ -141,6 +174,7 @@ class VANTREL_API Log {
   Ticks ticks_;
   U32 serial_;  // of this log among those of the process
   bool tapped_ = false;
+  Reading reading_ = Reading::each;
   U64 last_ = 0;  // newest time stamp
   U64 nextAnchor_ = ~U64{0};
   std::size_t maxString_ = 80;

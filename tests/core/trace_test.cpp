@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "lumelog/reader.h"
@@ -100,6 +102,55 @@ TEST_F(TraceFile, TwoEnginesThatHaveNoneSaySoOnceAndRunOn) {
   std::string const said = readFile(dir_ / "err");
   EXPECT_THAT(said, testing::HasSubstr("running without it"));
   EXPECT_EQ(std::ranges::count(said, '\n'), 1);
+}
+
+constexpr auto slow = std::chrono::milliseconds(3);
+
+// Both the hardware and the tables that an entry depends on take their time.
+class SlowHardware : public VantrelHelper {
+ public:
+  using VantrelHelper::VantrelHelper;
+  void moveEntry(EntryConfig const&) override { std::this_thread::sleep_for(slow); }
+};
+class SlowDependants : public FastVantrelImpl {
+ public:
+  using FastVantrelImpl::FastVantrelImpl;
+  bool processDependantTables(EntryConfig const& entry, EntryKey const&) override {
+    if (entry.hdl() == 7) std::this_thread::sleep_for(slow);
+    return true;
+  }
+};
+
+// The records of one key share a reading of the clock, except where something took time of its own.
+TEST_F(TraceFile, ShowsWhatTookTime) {
+  EXPECT_EQ(inChild([] {
+              auto const config = Ostra::make<Shoal::LocalTable<EntryConfig>>();
+              auto const hardware = Ostra::make<SlowHardware>("hardware", nullptr);
+              auto const engine =
+                  Ostra::make<SlowDependants>("engine", config, nullptr, nullptr, hardware, 3u);
+              for (U32 const ti : {4, 5}) {
+                EntryConfig entry(EntryKey(1), OpId(ti), ti == 4 ? 6 : 7, 0, 10);
+                entry.tableIndexIs(TableKey(0), ti);
+                config->entryIs(entry);
+                engine->handleEntry(EntryKey(1));
+              }
+            }),
+            0);
+  Lumelog::Reader reader(dir_ / perProcess());
+  std::vector<std::string> shared;
+  std::vector<std::string> late;
+  U64 ticks = 0;
+  U64 realNs = 0;
+  for (Lumelog::Record record; reader.next(record);) {
+    std::string const what = record.message().substr(0, record.message().find(':'));
+    if (record.ticks == ticks + 1) shared.push_back(what);
+    if (realNs != 0 && record.realNs - realNs >= U64{slow / std::chrono::nanoseconds(1)} * 9 / 10)
+      late.push_back(what);
+    ticks = record.ticks;
+    realNs = record.realNs;
+  }
+  EXPECT_THAT(shared, testing::IsSupersetOf({"new entry key", "not conflicting key", "add key", "mov key"}));
+  EXPECT_THAT(late, ElementsAre("handling key", "adding key"));
 }
 
 TEST_F(TraceFile, HasItsRingSizesAndStringLimit) {

@@ -41,6 +41,15 @@ extern VANTREL_API Lumelog::Log* lg;
 // current one.
 VANTREL_API void initLg();
 
+// While a key is handled, records share one reading of the clock. What takes time of its own says so, and the
+// next record reads the clock again; momentStands() takes that back.
+inline void momentPassed() {
+  if (lg) lg->momentPassed();
+}
+inline void momentStands() {
+  if (lg) lg->momentStands();
+}
+
 // Changes the facility levels at run time: sets TRACE to `settings` and reads the environment again.
 VANTREL_API void traceSettingIs(char const* settings);
 

@@ -12,6 +12,7 @@ namespace Vantrel {
 EntryConfig VantrelImpl::readAndProcessDeps(EntryKey const& key) {
   for (U32 attempts = 1;; ++attempts) {
     EntryConfig entry = readEntry(*tableConfig(), key);
+    momentPassed();
     bool const programmed = processDependantTables(entry, key);
     if (programmed || entry.empty() || entry.isDel()) return entry;
     if (attempts >= retryDepsMaxCnt()) giveUpOnDependants(entry, key);

@@ -29,6 +29,7 @@ void VantrelImpl::handleInitialized() {
 
 void VantrelImpl::handleEntry(EntryKey const& key) {
   if (!initialized()) return;
+  Lumelog::Log::Moments const moments(lg);
   VANTREL_TRACE(vantrelImplTrace(), 9, "Notify on key=", key);
   bool const changed = handleEntryHelper(key);
   if (changed || alwaysProcessPending()) processPending();
@@ -41,7 +42,10 @@ void VantrelImpl::dumpPending() {}
 void VantrelImpl::dumpState() {}
 void VantrelImpl::handleDebug() {}
 
-bool VantrelImpl::processDependantTables(EntryConfig const&, EntryKey const&) { return true; }
+bool VantrelImpl::processDependantTables(EntryConfig const&, EntryKey const&) {
+  momentStands();
+  return true;
+}
 
 void VantrelImpl::processPending() { ENGINE_ASSERT(false); }
 

@@ -14,6 +14,7 @@
 
 #include "ostra/entity.h"
 #include "vantrel/core/tables.h"
+#include "vantrel/core/trace.h"
 #include "vantrel/engine/debug_entities.h"
 #include "vantrel/engine/vantrel_helper.h"
 
@@ -70,8 +71,9 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   virtual void dumpPending();
   virtual void dumpState();
   virtual void handleDebug();
-  // Programs what the entry depends on; true on success. Nothing to do here. `entry` is empty or
-  // delete-marked when the key is being deleted; the result is ignored then.
+  // Programs what the entry depends on; true on success. Nothing to do here, and no time passed: an override
+  // that calls this one has its own time shown at a later record. `entry` is empty or delete-marked when the
+  // key is being deleted; the result is ignored then.
   virtual bool processDependantTables(EntryConfig const& entry, EntryKey const& key);
   // Opens the trace file and ends construction.
   virtual void handleInitialized();
@@ -80,6 +82,11 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   Ostra::Ptr<DebugConfig const> const& debugConfig() const { return debugConfig_; }
   Ostra::Ptr<DebugStatus> const& debugStatus() const { return debugStatus_; }
   Ostra::Ptr<VantrelHelper> const& helper() const { return helper_; }
+  // The same, to be called now: hardware takes its time, which the trace file shows.
+  VantrelHelper& hardware() const {
+    momentPassed();
+    return *helper_;
+  }
   U32 lgId() const { return lgId_; }
 
   // How many times dependant tables are tried for one key before it is given up for now.

@@ -17,9 +17,9 @@ void FastVantrelImpl::doCleanup() {
   // The deletes change the engine's state, never keyToHandle.
   for (auto const& [key, handle] : keyToHandle()) {
     processDelete(key, false);
-    if (helper()) helper()->delStatus(key);
+    if (helper()) hardware().delStatus(key);
   }
-  if (helper()) helper()->flush();
+  if (helper()) hardware().flush();
 }
 
 // A destructor runs the clean-up while the object still is what it was: its pti is the one it programmed

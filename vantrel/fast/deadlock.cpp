@@ -46,6 +46,7 @@ void FastVantrelImpl::checkDeadlock() {
     FastState::Keys& blocked = state()->blocked;
     EntryKey const start = *blocked.begin();
     blocked.erase(blocked.begin());
+    momentPassed();
     VANTREL_RECORD(9, lgId(), "deadlock check key:", start);
     if (closesRing(start, visited)) breakRing(start);
   }
@@ -153,6 +154,7 @@ CState_s const* FastVantrelImpl::occupantWaitedFor(CState_s const& c) const {
 // while the entry that waited for its position moves in.
 void FastVantrelImpl::breakRing(EntryKey const& victim) {
   VANTREL_TRACE(vantrelFastImplTrace(), 1, "found deadlock ", victim);
+  momentPassed();
   VANTREL_RECORD(1, lgId(), "found deadlock key:", victim);
   processDeleteHelper(victim, true, false);
   handleEntryHelper(victim);

@@ -40,7 +40,7 @@ bool FastVantrelImpl::deleteKnown(CState_s& c, bool deadlock, bool delAck) {
     withdraw(c, record, deadlock);
   } else if (delAck) {
     VANTREL_RECORD(9, lgId(), "pending only delAck key:", c.key);
-    helper()->delAck(c.key);
+    hardware().delAck(c.key);
   }
   forget(c);
   return true;
@@ -55,9 +55,9 @@ void FastVantrelImpl::withdraw(CState_s const& c, EntryConfig& record, bool dead
   wakeRange(c.pg, rangeOpenedByDelete(c));
   VANTREL_RECORD(9, lgId(), "del helper key:", c.key, " hdl:", c.hdl, " deadlock:", deadlock);
   if (deadlock)
-    helper()->deleteEntryDeadlock(record);
+    hardware().deleteEntryDeadlock(record);
   else
-    helper()->deleteEntry(record);
+    hardware().deleteEntry(record);
 } catch (...) {
   state()->disturbedIs(true);
   throw;
@@ -95,10 +95,10 @@ bool FastVantrelImpl::deleteUnknown(EntryKey const& key, bool delAck) {
   VANTREL_RECORD(9, lgId(), "del not found key:", key);
   if (delAck) {
     VANTREL_RECORD(9, lgId(), "never added delAck key:", key);
-    helper()->delAck(key);
+    hardware().delAck(key);
   } else {
     VANTREL_RECORD(9, lgId(), "never added delStatus key:", key);
-    helper()->delStatus(key);
+    hardware().delStatus(key);
   }
   return false;
 }

@@ -52,11 +52,11 @@ void FastVantrelImpl::program(EntryConfig const& entry, CState_s& c, U32 ti) try
     bool const same = unchanged(entry.opId(), c.opId);
     if (same && ti == c.sti) {
       VANTREL_RECORD(9, lgId(), "noopAck key:", c.key, " hdl:", entry.hdl(), " opId:", entry.opId());
-      helper()->noopAck(c.key, entry.opId());
+      hardware().noopAck(c.key, entry.opId());
     }
     if (!same) {
       VANTREL_RECORD(9, lgId(), "update key:", c.key, " hdl:", entry.hdl());
-      helper()->updateEntry(entry);
+      hardware().updateEntry(entry);
     }
     if (ti != c.sti) move(entry, c, ti);
   }
@@ -70,7 +70,7 @@ void FastVantrelImpl::program(EntryConfig const& entry, CState_s& c, U32 ti) try
 void FastVantrelImpl::add(EntryConfig const& entry, CState_s& c, U32 ti) {
   enterAt(c, ti);
   VANTREL_RECORD(9, lgId(), "add key:", c.key, " hdl:", entry.hdl());
-  helper()->addEntry(entry);
+  hardware().addEntry(entry);
 }
 
 void FastVantrelImpl::move(EntryConfig const& entry, CState_s& c, U32 ti) {
@@ -82,7 +82,7 @@ void FastVantrelImpl::move(EntryConfig const& entry, CState_s& c, U32 ti) {
   FAST_ASSERT_AS(removed, "rc");
   enterAt(c, ti);
   VANTREL_RECORD(9, lgId(), "mov key:", c.key, " hdl:", entry.hdl(), " ", old, " prio:", c.prio, " to:", ti);
-  helper()->moveEntry(entry);
+  hardware().moveEntry(entry);
   s.addToWorkq(old);
   wakeRange(c.pg, rangeOpenedByMove(c, old, ti));
 }

@@ -38,6 +38,7 @@ void FastVantrelImpl::processPending() {
     bool const removed = state()->workqSet.remove(key.value());
     FAST_ASSERT_AS(removed, "rc");
     VANTREL_TRACE(vantrelFastImplTrace(), 8, "trying pending ", key);
+    momentPassed();
     VANTREL_RECORD(9, lgId(), "pending key:", key);
     retry(key);
   }
