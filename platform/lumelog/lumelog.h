@@ -13,9 +13,9 @@
 //   records nothing.
 // Ownership: the opener's, by close(); a log that stays open to the end of the process loses nothing.
 // Threading: Single: one thread, plain stores.
-// Cost: reading the processor's time stamp, most of it, and a few stores, no system call; every hundred records or so a
-//   new block, and after each quiet hundredth of a second one reading of the system's clock. A null log is
-//   one predictable branch.
+// Cost: reading the processor's time stamp, which is most of it (see Moments), and a few stores, no system
+//   call; every hundred records or so a new block, and after each quiet hundredth of a second one reading of
+//   the system's clock. A null log is one predictable branch.
 // Errors: what cannot be opened is said on stderr, and the caller runs without; a record never fails.
 #pragma once
 

@@ -116,23 +116,25 @@ class SlowDependants : public FastVantrelImpl {
  public:
   using FastVantrelImpl::FastVantrelImpl;
   bool processDependantTables(EntryConfig const& entry, EntryKey const&) override {
-    if (entry.hdl() == 7) std::this_thread::sleep_for(slow);
+    if (entry.tableIndex(TableKey(0)) == 5) std::this_thread::sleep_for(slow);
     return true;
   }
 };
 
-// The records of one key share a reading of the clock, except where something took time of its own.
+// The records of one key share a reading of the clock, except where something took time of its own: key 1
+// moves away from the position that key 2 waits for.
 TEST_F(TraceFile, ShowsWhatTookTime) {
   EXPECT_EQ(inChild([] {
               auto const config = Ostra::make<Shoal::LocalTable<EntryConfig>>();
               auto const hardware = Ostra::make<SlowHardware>("hardware", nullptr);
               auto const engine =
                   Ostra::make<SlowDependants>("engine", config, nullptr, nullptr, hardware, 3u);
-              for (U32 const ti : {4, 5}) {
-                EntryConfig entry(EntryKey(1), OpId(ti), ti == 4 ? 6 : 7, 0, 10);
+              U64 version = 0;
+              for (auto const [key, ti] : {std::pair{1U, 4U}, {2U, 4U}, {1U, 5U}}) {
+                EntryConfig entry(EntryKey(key), OpId(++version << 16), key, 0, 10);
                 entry.tableIndexIs(TableKey(0), ti);
                 config->entryIs(entry);
-                engine->handleEntry(EntryKey(1));
+                engine->handleEntry(EntryKey(key));
               }
             }),
             0);
