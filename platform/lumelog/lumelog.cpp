@@ -183,15 +183,15 @@ void Log::recordText(U8 level, char const* file, int line, U32 identifier, std::
   record(site, identifier);
 }
 
-// Null when there is no room for the record at all.
-std::byte* Log::nextBlock(Ring& ring, std::size_t bytes) {
-  if (!ring.first || ring.blocks == 0) return nullptr;
+// False when there is no room for the record at all.
+bool Log::nextBlock(Ring& ring, std::size_t bytes) {
+  if (!ring.first || ring.blocks == 0) return false;
   if (bytes > Format::blockRoom) {
     ++live().dropped;
-    return nullptr;
+    return false;
   }
   beginBlock(ring);
-  return ring.cursor;
+  return true;
 }
 
 // Whoever reads meanwhile, or after a crash in between, sees no sequence and leaves the block out.
@@ -200,7 +200,7 @@ void Log::beginBlock(Ring& ring) {
   ring.block = reinterpret_cast<Format::BlockHeader*>(at);
   std::atomic_ref(ring.block->sequence).store(0, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
-  takeAnchor(readClock());
+  takeAnchor();
   Format::Anchor const& now = live().anchor[live().anchors % 2];
   Format::BlockHeader const header{++ring.sequence, now.ticks, now.ns, 0, 0};
   ring.block->ticks = header.ticks;
@@ -213,7 +213,8 @@ void Log::beginBlock(Ring& ring) {
 }
 
 // The older anchor is overwritten first and counts only when it is whole.
-void Log::takeAnchor(U64 ticks) {
+void Log::takeAnchor() {
+  U64 const ticks = readClock();
   U64 const next = live().anchors + 1;
   live().anchor[next % 2] = {ticks, clockNs(CLOCK_MONOTONIC), clockNs(CLOCK_REALTIME)};
   std::atomic_ref(live().anchors).store(next, std::memory_order_release);

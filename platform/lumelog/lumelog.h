@@ -150,9 +150,13 @@ class VANTREL_API Log {
   Log(std::string path, int fd, std::byte* map, Format::FixedHeader const& header);
   bool registerSite(Site& site, Detail::Shape const& shape);
   bool writeSite(U32 id, Site const& site, Detail::Shape const& shape);
-  std::byte* nextBlock(Ring& ring, std::size_t bytes);
+  template <class... Parts>
+  void recordRarely(Site& site, U32 identifier, std::size_t bytes, Parts const&... parts);
+  template <class... Parts>
+  void write(Ring& ring, Site const& site, U32 identifier, std::size_t bytes, Parts const&... parts);
+  bool nextBlock(Ring& ring, std::size_t bytes);
   void beginBlock(Ring& ring);
-  void takeAnchor(U64 ticks);
+  void takeAnchor();
   void callTap(Site const& site, std::span<U64 const> values);
   void detach();
   Format::LiveHeader& live();
@@ -164,10 +168,7 @@ class VANTREL_API Log {
   }
   U64 readClock() {
     U64 const now = ticks_.now();
-    last_ = now > last_ ? now : last_ + 1;
-    if (last_ >= nextAnchor_) [[unlikely]]
-      takeAnchor(last_);
-    return last_;
+    return last_ = now > last_ ? now : last_ + 1;
   }
 
   std::array<Ring, levels> rings_;
@@ -198,27 +199,41 @@ VANTREL_API void directoryIs(std::string path);
 VANTREL_API Log* open(std::string const& name, Options const& options);
 VANTREL_API void close(Log* log);
 
+// The common case calls nothing, so that it saves no register for it.
 template <class... Parts>
 inline void Log::record(Site& site, U32 identifier, Parts const&... parts) {
-  if (site.log != serial_) [[unlikely]] {
+  std::size_t const bytes = Format::align8(sizeof(Format::RecordHeader) + sizeof(U32) +
+                                           (Detail::bytesOf(parts, maxString_) + ... + 0));
+  Ring& ring = rings_[site.level];
+  bool const fits = bytes <= static_cast<std::size_t>(ring.end - ring.cursor);
+  if (site.log != serial_ || tapped_ || !fits) [[unlikely]]
+    return recordRarely(site, identifier, bytes, parts...);
+  write(ring, site, identifier, bytes, parts...);
+}
+
+template <class... Parts>
+[[gnu::noinline, gnu::cold]] void Log::recordRarely(Site& site, U32 identifier, std::size_t bytes,
+                                                    Parts const&... parts) {
+  if (site.log != serial_) {
     Detail::Shape shape;
     (Detail::describe(shape, parts), ...);
     if (!registerSite(site, shape)) return;
   }
-  if (tapped_) [[unlikely]] {
+  if (tapped_) {
     U64 values[1 + sizeof...(Parts)] = {identifier};
     U64* end = values + 1;
     (Detail::tapped(end, parts), ...);
     callTap(site, {values, end});
   }
-  std::size_t const bytes = Format::align8(sizeof(Format::RecordHeader) + sizeof(U32) +
-                                           (Detail::bytesOf(parts, maxString_) + ... + 0));
   Ring& ring = rings_[site.level];
-  std::byte* at = ring.cursor;
-  if (bytes > static_cast<std::size_t>(ring.end - at)) [[unlikely]] {
-    at = nextBlock(ring, bytes);
-    if (!at) return;
-  }
+  bool const fits = bytes <= static_cast<std::size_t>(ring.end - ring.cursor);
+  if (fits || nextBlock(ring, bytes)) write(ring, site, identifier, bytes, parts...);
+}
+
+template <class... Parts>
+[[gnu::always_inline]] inline void Log::write(Ring& ring, Site const& site, U32 identifier, std::size_t bytes,
+                                              Parts const&... parts) {
+  std::byte* const at = ring.cursor;
   U64 const now = stamp();
   auto const size = static_cast<U16>(bytes);
   Format::RecordHeader const header{now, site.id, size, Format::recordCheck(now, site.id, size)};
@@ -232,6 +247,8 @@ inline void Log::record(Site& site, U32 identifier, Parts const&... parts) {
   std::atomic_ref(ring.block->used)
       .store(static_cast<U32>(ring.cursor - reinterpret_cast<std::byte*>(ring.block + 1)),
              std::memory_order_release);
+  if (now >= nextAnchor_) [[unlikely]]
+    takeAnchor();
 }
 
 }  // namespace Lumelog
