@@ -180,7 +180,7 @@ void Log::recordText(U8 level, char const* file, int line, U32 identifier, std::
   for (char c : text) shape.text.append(c == '%' ? 2 : 1, c);
   if (!registerSite(site, shape)) return;
   known_.erase(&site);  // it goes out of scope
-  record(site, identifier);
+  recordRarely(site, identifier, Format::align8(sizeof(Format::RecordHeader) + sizeof(U32)));
 }
 
 // False when there is no room for the record at all.

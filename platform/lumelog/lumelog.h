@@ -94,7 +94,8 @@ class VANTREL_API Log {
   Log(Log const&) = delete;
   Log& operator=(Log const&) = delete;
 
-  template <class... Parts>
+  // The site is of this level.
+  template <std::size_t level, class... Parts>
   void record(Site& site, U32 identifier, Parts const&... parts);
   // The same with a text that is only known at run time: for the rare message that must not be cut.
   void recordText(U8 level, char const* file, int line, U32 identifier, std::string_view text);
@@ -200,11 +201,11 @@ VANTREL_API Log* open(std::string const& name, Options const& options);
 VANTREL_API void close(Log* log);
 
 // The common case calls nothing, so that it saves no register for it.
-template <class... Parts>
+template <std::size_t level, class... Parts>
 inline void Log::record(Site& site, U32 identifier, Parts const&... parts) {
   std::size_t const bytes = Format::align8(sizeof(Format::RecordHeader) + sizeof(U32) +
                                            (Detail::bytesOf(parts, maxString_) + ... + 0));
-  Ring& ring = rings_[site.level];
+  Ring& ring = rings_[level];
   bool const fits = bytes <= static_cast<std::size_t>(ring.end - ring.cursor);
   if (site.log != serial_ || tapped_ || !fits) [[unlikely]]
     return recordRarely(site, identifier, bytes, parts...);
@@ -258,6 +259,6 @@ template <class... Parts>
     static_assert((level_) < ::Lumelog::levels, "levels are 0 to 9");     \
     if ((log) != nullptr) {                                               \
       static constinit ::Lumelog::Site site_{level_, __FILE__, __LINE__}; \
-      (log)->record(site_, identifier, __VA_ARGS__);                      \
+      (log)->template record<(level_)>(site_, identifier, __VA_ARGS__);   \
     }                                                                     \
   } while (false)

@@ -53,7 +53,7 @@ class Page : public testing::Test {
     U64 const key = 1024;
     U32 const hdl = 33;
     static constinit Site site{9, "a.cpp", 27};
-    log->record(site, 7, "handling key:", key, " hdl:", hdl);
+    log->record<9>(site, 7, "handling key:", key, " hdl:", hdl);
     bytes_ = readFile(dir_ / "a.lg");
     std::memcpy(&header_, bytes_.data(), sizeof header_);
   }

@@ -9,14 +9,17 @@
 
 namespace Vantrel {
 
+// One variable, returned at one place: the record is never copied on its way.
 EntryConfig VantrelImpl::readAndProcessDeps(EntryKey const& key) {
+  EntryConfig entry = readEntry(*tableConfig(), key);
   for (U32 attempts = 1;; ++attempts) {
-    EntryConfig entry = readEntry(*tableConfig(), key);
     momentPassed();
     bool const programmed = processDependantTables(entry, key);
-    if (programmed || entry.empty() || entry.isDel()) return entry;
+    if (programmed || entry.empty() || entry.isDel()) break;
     if (attempts >= retryDepsMaxCnt()) giveUpOnDependants(entry, key);
+    entry = readEntry(*tableConfig(), key);
   }
+  return entry;
 }
 
 void VantrelImpl::giveUpOnDependants(EntryConfig const& entry, EntryKey const& key) {
