@@ -193,18 +193,22 @@ SimulatedTcam::Entry* SimulatedTcam::find(char const* call, EntryConfig const& r
 
 void SimulatedTcam::checkOrder(char const* call, Entry const& entry) {
   auto const here = order_.find({entry.pg, entry.ti});
-  if (here != order_.begin()) checkPair(call, *std::prev(here)->second, entry);
-  if (auto const next = std::next(here); next != order_.end()) checkPair(call, entry, *next->second);
+  if (here != order_.begin())
+    if (auto const& [place, prio] = *std::prev(here); place.first == entry.pg && prio > entry.prio)
+      outOfOrder(call, place.second, entry.ti);
+  if (auto const next = std::next(here); next != order_.end())
+    if (auto const& [place, prio] = *next; place.first == entry.pg && prio < entry.prio)
+      outOfOrder(call, entry.ti, place.second);
 }
 
-void SimulatedTcam::checkPair(char const* call, Entry const& left, Entry const& right) {
-  if (left.pg != right.pg || left.prio <= right.prio) return;
-  broken(Rule::PrioritiesAscend, fmt::format("{}: {} lies before {}", call, describe(left), describe(right)));
+void SimulatedTcam::outOfOrder(char const* call, U32 left, U32 right) {
+  broken(Rule::PrioritiesAscend,
+         fmt::format("{}: {} lies before {}", call, describe(*at(left)), describe(*at(right))));
 }
 
 void SimulatedTcam::place(Entry& entry, U32 ti) {
   entry.ti = ti;
-  order_[{entry.pg, ti}] = &entry;
+  order_[{entry.pg, ti}] = entry.prio;
   memberIs("positions", positions_, ti, entry.key, &Notifiee::onPosition);
 }
 
@@ -222,10 +226,12 @@ std::string SimulatedTcam::audit() const {
     if (!e || e->ti != ti)
       return fmt::format("position {} names key {}, which is not there", ti, key.value());
   }
-  Entry const* left = nullptr;
-  for (auto const& [place, e] : order_) {
-    if (place != std::pair(e->pg, e->ti))
-      return fmt::format("{} is listed at position {}", describe(*e), place.second);
+  std::optional<Entry> left;
+  for (auto const& [place, prio] : order_) {
+    auto const e = at(place.second);
+    if (!e || place != std::pair(e->pg, e->ti) || prio != e->prio)
+      return fmt::format("position {} of group {} is listed with priority {}, which no entry there has",
+                         place.second, place.first, prio);
     if (left && left->pg == e->pg && left->prio > e->prio)
       return fmt::format("{} lies before {}", describe(*left), describe(*e));
     left = e;

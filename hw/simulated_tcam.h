@@ -24,12 +24,12 @@
 //   the order is carried out and acknowledged, as hardware would do.
 #pragma once
 
+#include <boost/unordered/unordered_flat_map.hpp>
 #include <functional>
 #include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <unordered_map>
 
 #include "vantrel/engine/vantrel_helper.h"
 
@@ -149,7 +149,7 @@ class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
   Entry* find(char const* call, EntryConfig const& record);
   bool namesOnePosition(char const* call, EntryConfig const& record);
   void checkOrder(char const* call, Entry const& entry);
-  void checkPair(char const* call, Entry const& left, Entry const& right);
+  void outOfOrder(char const* call, U32 left, U32 right);
   void place(Entry& entry, U32 ti);
   void clear(Entry const& entry, U32 ti);
   void remove(char const* call, EntryConfig const& record);
@@ -160,9 +160,9 @@ class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
   Count count_;
   std::string lastViolation_;
   ViolationHandler handler_;
-  std::unordered_map<EntryKey, Entry> entries_;
+  boost::unordered_flat_map<EntryKey, Entry> entries_;
   std::map<U32, EntryKey> positions_;
-  std::map<std::pair<U16, U32>, Entry*> order_;  // by group, then position
+  std::map<std::pair<U16, U32>, U32> order_;  // by group, then position: the entry's priority
 };
 
 }  // namespace Hw
