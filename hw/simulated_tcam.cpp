@@ -8,6 +8,7 @@
 #include <chrono>
 #include <iterator>
 #include <thread>
+#include <utility>
 
 namespace Hw {
 
@@ -98,8 +99,9 @@ void SimulatedTcam::addEntry(EntryConfig const& record) {
   if (!canPlace("add", record)) return;
   Entry& made = entries_[record.key()];
   made = {record.key(), record.opId(), record.pg(), record.prio(), positionOf(record)};
-  place(made, made.ti);
-  checkOrder("add", made);
+  auto const here = order_.try_emplace({made.pg, made.ti}, made.prio).first;
+  memberIs("positions", positions_, made.ti, made.key, &Notifiee::onPosition);
+  checkOrder("add", here);
   acknowledge(record.key(), record.opId());
 }
 
@@ -108,11 +110,12 @@ void SimulatedTcam::moveEntry(EntryConfig const& record) {
   Duration const duration(latency_.move);
   Entry* const moved = find("move", record);
   if (!moved || !canPlace("move", record)) return;
-  U32 const old = moved->ti;
-  place(*moved, positionOf(record));  // made before it is broken
-  clear(*moved, old);
+  U32 const old = std::exchange(moved->ti, positionOf(record));
   moved->opId = record.opId();
-  checkOrder("move", *moved);
+  auto const here = reordered(*moved, old);
+  memberIs("positions", positions_, moved->ti, moved->key, &Notifiee::onPosition);  // made,
+  memberDel("positions", positions_, old, &Notifiee::onPosition);                   // then broken
+  checkOrder("move", here);
   acknowledge(record.key(), record.opId());
 }
 
@@ -145,7 +148,8 @@ void SimulatedTcam::remove(char const* call, EntryConfig const& record) {
     broken(Rule::PositionOfEntry, fmt::format("{} at {}: {}", call, positionOf(record), describe(*gone)));
     return;
   }
-  clear(*gone, gone->ti);
+  order_.erase({gone->pg, gone->ti});
+  memberDel("positions", positions_, gone->ti, &Notifiee::onPosition);
   entries_.erase(record.key());
   if (!tableStatus()) return;
   if (record.opId() == OpId::deleteAcknowledge())
@@ -191,14 +195,14 @@ SimulatedTcam::Entry* SimulatedTcam::find(char const* call, EntryConfig const& r
   return nullptr;
 }
 
-void SimulatedTcam::checkOrder(char const* call, Entry const& entry) {
-  auto const here = order_.find({entry.pg, entry.ti});
+void SimulatedTcam::checkOrder(char const* call, Order::const_iterator here) {
+  auto const& [place, prio] = *here;
   if (here != order_.begin())
-    if (auto const& [place, prio] = *std::prev(here); place.first == entry.pg && prio > entry.prio)
-      outOfOrder(call, place.second, entry.ti);
+    if (auto const& [left, above] = *std::prev(here); left.first == place.first && above > prio)
+      outOfOrder(call, left.second, place.second);
   if (auto const next = std::next(here); next != order_.end())
-    if (auto const& [place, prio] = *next; place.first == entry.pg && prio < entry.prio)
-      outOfOrder(call, entry.ti, place.second);
+    if (auto const& [right, below] = *next; right.first == place.first && below < prio)
+      outOfOrder(call, place.second, right.second);
 }
 
 void SimulatedTcam::outOfOrder(char const* call, U32 left, U32 right) {
@@ -206,15 +210,13 @@ void SimulatedTcam::outOfOrder(char const* call, U32 left, U32 right) {
          fmt::format("{}: {} lies before {}", call, describe(*at(left)), describe(*at(right))));
 }
 
-void SimulatedTcam::place(Entry& entry, U32 ti) {
-  entry.ti = ti;
-  order_[{entry.pg, ti}] = entry.prio;
-  memberIs("positions", positions_, ti, entry.key, &Notifiee::onPosition);
-}
-
-void SimulatedTcam::clear(Entry const& entry, U32 ti) {
-  order_.erase({entry.pg, ti});
-  memberDel("positions", positions_, ti, &Notifiee::onPosition);
+// Most moves lead to the next free position: close to where the entry was, there is its place to be found.
+SimulatedTcam::Order::iterator SimulatedTcam::reordered(Entry const& entry, U32 from) {
+  auto const was = order_.find({entry.pg, from});
+  auto const near = std::next(was);
+  auto node = order_.extract(was);
+  node.key().second = entry.ti;
+  return order_.insert(near, std::move(node));
 }
 
 std::string SimulatedTcam::audit() const {

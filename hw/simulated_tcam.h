@@ -148,10 +148,10 @@ class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
   bool canPlace(char const* call, EntryConfig const& record);
   Entry* find(char const* call, EntryConfig const& record);
   bool namesOnePosition(char const* call, EntryConfig const& record);
-  void checkOrder(char const* call, Entry const& entry);
+  using Order = std::map<std::pair<U16, U32>, U32>;
+  void checkOrder(char const* call, Order::const_iterator here);
   void outOfOrder(char const* call, U32 left, U32 right);
-  void place(Entry& entry, U32 ti);
-  void clear(Entry const& entry, U32 ti);
+  Order::iterator reordered(Entry const& entry, U32 from);
   void remove(char const* call, EntryConfig const& record);
   void acknowledge(EntryKey const& key, OpId const& opId);
 
@@ -162,7 +162,7 @@ class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
   ViolationHandler handler_;
   boost::unordered_flat_map<EntryKey, Entry> entries_;
   std::map<U32, EntryKey> positions_;
-  std::map<std::pair<U16, U32>, U32> order_;  // by group, then position: the entry's priority
+  Order order_;  // by group, then position: the entry's priority
 };
 
 }  // namespace Hw
