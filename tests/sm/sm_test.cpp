@@ -519,11 +519,12 @@ class OwnFrontEnd : public VantrelSm {
   void handleEntry(EntryKey const& key) override { keys.push_back(key.value()); }
   void handleEntry() override {
     ++walks;
-    VantrelSm::handleEntry();
+    if (walksOn) VantrelSm::handleEntry();
   }
   void handleInitialized() override { ++initializations; }
   std::vector<U64> keys;
   int walks = 0, initializations = 0;
+  bool walksOn = true;
 };
 }  // namespace
 
@@ -542,6 +543,32 @@ TEST_F(FrontEnd, ASubclassMayOverrideTheHandlers) {
   own->handleRetry();
   EXPECT_THAT(own->keys, IsEmpty()) << "a retry pass calls the front end's own handler";
   EXPECT_THAT(keyEngine->take(), ElementsAre(4));
+}
+
+// Of the three, whoever calls: watchers, an input that is replaced, and an operator, who knows names.
+TEST_F(FrontEnd, OverriddenHandlersAreReachedThroughTheirSlots) {
+  auto const own =
+      OwnFrontEnd::create(table, status, debugConfig, debugStatus, keyEngine, flushStatus, wheel);
+  own->walksOn = false;
+  own->walks = 0;
+  tell(7);
+  EXPECT_THAT(std::exchange(own->keys, {}), ElementsAre(7));
+  table->notifyEntryColl();
+  EXPECT_EQ(std::exchange(own->walks, 0), 1);
+  own->tableConfigIs(make<Shoal::LocalTable<EntryConfig>>("other"));
+  EXPECT_EQ(std::exchange(own->walks, 0), 1);
+
+  auto const& type = own->typeInfo();
+  type.invoke(*own, "handleEntry", {U64{8}});
+  EXPECT_THAT(std::exchange(own->keys, {}), ElementsAre(8));
+  type.invoke(*own, "handleEntryCollNotify");
+  EXPECT_EQ(own->walks, 1);
+  type.invoke(*own, "handleInitialized");
+  EXPECT_EQ(own->initializations, 1);
+  static_cast<VantrelSm&>(*own).handleInitialized();
+  EXPECT_EQ(own->initializations, 2);
+  EXPECT_EQ(flushStatus->tableCounter(), 1) << "the base's was not called again";
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
 }
 
 TEST_F(FrontEnd, ConstructorThatThrowsReleasesItsInputs) {

@@ -1,0 +1,166 @@
+// SPDX-License-Identifier: Apache-2.0
+// What goes when a front end goes, and in which order: its watchers fall silent, the failed keys go, then the
+// inputs in the reverse order of construction.
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <new>
+
+#include "keel/virtual_wheel.h"
+#include "ostra/exception.h"
+#include "tests/support/engine_world.h"
+
+using namespace TestSupport;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+// The block of memory to be looked after, and whether it was given back.
+struct Guarded {
+  void const* within = nullptr;
+  bool freed = false;
+} guarded;
+
+// Memory comes with its size before it, so that a block can be known by any place inside it.
+constexpr std::size_t header = alignof(std::max_align_t);
+
+void* allocate(std::size_t size) {
+  auto* const block = static_cast<std::byte*>(std::malloc(header + size));
+  if (!block) throw std::bad_alloc();
+  *reinterpret_cast<std::size_t*>(block) = size;
+  return block + header;
+}
+
+void release(void* memory) noexcept {
+  if (!memory) return;
+  auto* const begin = static_cast<std::byte*>(memory);
+  auto const size = *reinterpret_cast<std::size_t*>(begin - header);
+  std::less<void const*> const before;
+  if (guarded.within && !before(guarded.within, begin) && before(guarded.within, begin + size))
+    guarded.freed = true;
+  std::free(begin - header);
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) { return allocate(size); }
+void operator delete(void* memory) noexcept { release(memory); }
+void operator delete(void* memory, std::size_t) noexcept { release(memory); }
+
+namespace {
+
+// What went, in order, and what is to be tried when something goes.
+struct Witness {
+  void saw(std::string what) {
+    gone.push_back(std::move(what));
+    if (gone.size() == 1 && atFirst) atFirst();
+  }
+  std::vector<std::string> gone;
+  std::function<void()> atFirst;
+};
+
+// A kind of input that says when it goes.
+template <class T>
+class Leaving : public T {
+ public:
+  template <class... Args>
+  explicit Leaving(Witness& witness, std::string what, Args&&... args)
+      : T(std::forward<Args>(args)...), witness_(witness), what_(std::move(what)) {}
+  ~Leaving() override { witness_.saw(what_); }
+
+ private:
+  Witness& witness_;
+  std::string const what_;
+};
+
+class Engine : public VantrelImpl {
+ public:
+  explicit Engine(std::vector<std::string>& heard)
+      : VantrelImpl("engine", nullptr, nullptr, nullptr, nullptr, 1U), heard_(heard) {}
+  void handleEntry(EntryKey const& key) override {
+    heard_.push_back("key " + std::to_string(key.value()));
+    throw Ostra::InternalException("Failed to program dependant tables");
+  }
+  void handleDebug() override { heard_.push_back("debug"); }
+
+ private:
+  std::vector<std::string>& heard_;
+};
+
+class Destruction : public testing::Test {
+ protected:
+  Destruction() { setenv("LUMELOG_DISABLE", "1", 1); }
+  // Everything is held by the front end alone.
+  void create() {
+    auto const tableMade = make<Leaving<Table>>(witness, "tableConfig");
+    auto const debugMade = make<Leaving<DebugConfig>>(witness, "debugConfig", "debugConfig");
+    auto const wheelMade = make<Leaving<Keel::VirtualWheel>>(witness, "retryFailedTimer");
+    table = tableMade.get();
+    debug = debugMade.get();
+    wheel = wheelMade.get();
+    sm = vantrelSmFactory(
+        tableMade, make<Leaving<Shoal::LocalTable<EntryStatus>>>(witness, "tableStatus"), debugMade,
+        make<Leaving<DebugStatus>>(witness, "debugStatus", "debugStatus"),
+        make<Leaving<Engine>>(witness, "vantrelImpl", heard),
+        make<Leaving<VantrelFlushStatus>>(witness, "flushStatus", "flushStatus"), wheelMade);
+  }
+
+  using Table = Shoal::LocalTable<EntryConfig>;
+  Witness witness;
+  std::vector<std::string> heard;
+  Table* table = nullptr;
+  DebugConfig* debug = nullptr;
+  Keel::VirtualWheel* wheel = nullptr;
+  Ptr<VantrelSm> sm;
+};
+
+}  // namespace
+
+TEST_F(Destruction, InputsGoInTheReverseOrderOfConstruction) {
+  create();
+  EXPECT_THAT(witness.gone, IsEmpty());
+  sm = nullptr;
+  EXPECT_THAT(witness.gone, ElementsAre("retryFailedTimer", "flushStatus", "vantrelImpl", "debugStatus",
+                                        "debugConfig", "tableStatus", "tableConfig"));
+}
+
+TEST_F(Destruction, EveryWatcherIsSilentBeforeTheFirstInputGoes) {
+  create();
+  table->notifyEntry(EntryKey(1));
+  debug->versionInc(1);
+  EXPECT_THAT(heard, ElementsAre("key 1", "debug")) << "they are not silent before";
+  heard.clear();
+  witness.atFirst = [this] {
+    table->notifyEntry(EntryKey(2));
+    table->notifyEntryColl();
+    debug->versionInc(1);
+  };
+  sm = nullptr;
+  EXPECT_EQ(witness.gone.size(), 7U);
+  EXPECT_THAT(heard, IsEmpty());
+}
+
+TEST_F(Destruction, TheTimerIsSilentWhenItOutlivesTheFrontEnd) {
+  create();
+  table->notifyEntry(EntryKey(1));
+  heard.clear();
+  Ptr<Keel::VirtualWheel> const kept(wheel);
+  witness.atFirst = [&] { kept->advance(100); };  // the wake-up that was armed comes between two steps
+  sm = nullptr;
+  EXPECT_EQ(witness.gone.front(), "flushStatus");
+  EXPECT_EQ(witness.gone.size(), 6U);
+  EXPECT_THAT(heard, IsEmpty());
+}
+
+TEST_F(Destruction, FailedKeysGoBeforeTheFirstInput) {
+  create();
+  table->notifyEntry(EntryKey(1));
+  ASSERT_EQ(sm->failedKey().size(), 1U);
+  guarded = {&*sm->failedKey().begin(), false};
+  bool before = false;
+  witness.atFirst = [&] { before = guarded.freed; };
+  sm = nullptr;
+  guarded.within = nullptr;
+  EXPECT_TRUE(before);
+}
