@@ -159,7 +159,9 @@ void invoke(Request const& request) {
              {"entity", request.entity},
              {"operation", request.attribute},
              {"arguments", std::move(arguments)}},
-            [](Json const&) { fmt::print("done\n"); });
+            [](Json const& answer) {
+              fmt::print("{}\n", answer.contains("result") ? shown(answer["result"]) : "done");
+            });
 }
 
 using Work = void (*)(Request const&);

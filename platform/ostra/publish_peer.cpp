@@ -382,7 +382,8 @@ Peer::Json Peer::invoke(Json const& request) {
     for (Json const& a : *at) arguments.push_back(scalar(a, "arguments"));
   }
   type.checkOutsider(*object, operation);
-  type.invoke(*object, operation, arguments);
+  Value const result = type.invoke(*object, operation, arguments);
+  if (result != Value()) reply["result"] = Wire::toJson(result);
   return reply;
 }
 

@@ -70,7 +70,9 @@ void TypeInfo::write(PtrInterface& object, std::string_view name, Value const& v
 void TypeInfo::checkOutsider(PtrInterface const& object, std::string_view name) const {
   Attribute const& a = at(name);
   std::string const why = a.refusal ? a.refusal(object) : std::string();
-  if (!why.empty()) throw AttributeException(fmt::format("{} of {} cannot be written: {}", name, name_, why));
+  char const* const what = a.kind == AttributeKind::Operation ? "invoked" : "written";
+  if (!why.empty())
+    throw AttributeException(fmt::format("{} of {} cannot be {}: {}", name, name_, what, why));
 }
 
 void TypeInfo::writeFromOutside(PtrInterface& object, std::string_view name, Value const& value) const {
@@ -105,11 +107,11 @@ void TypeInfo::memberDel(PtrInterface& object, std::string_view name, Value cons
   a.memberDel(object, key);
 }
 
-void TypeInfo::invoke(PtrInterface& object, std::string_view name,
-                      std::vector<Value> const& arguments) const {
+Value TypeInfo::invoke(PtrInterface& object, std::string_view name,
+                       std::vector<Value> const& arguments) const {
   Attribute const& a = at(name);
   if (!a.invoke) throw AttributeException(fmt::format("{} of {} cannot be invoked", name, name_));
-  a.invoke(object, arguments);
+  return a.invoke(object, arguments);
 }
 
 }  // namespace Ostra

@@ -136,8 +136,8 @@ struct Attribute {
   std::function<std::optional<Value>(PtrInterface const&, Value const&)> member;
   std::function<void(PtrInterface&, Value const&, Value const&)> memberIs;
   std::function<void(PtrInterface&, Value const&)> memberDel;
-  std::function<void(PtrInterface&, std::vector<Value> const&)> invoke;
-  // Why outsiders may not write it now (empty text: they may). The process itself may always.
+  std::function<Value(PtrInterface&, std::vector<Value> const&)> invoke;
+  // Why outsiders may not write or invoke it now (empty text: they may). The process itself may always.
   std::function<std::string(PtrInterface const&)> refusal;
   bool toldLast = false;  // a scalar: other processes hear of it behind everything that changed before it
 };
@@ -172,9 +172,10 @@ class VANTREL_API TypeInfo {
   void memberIs(PtrInterface& object, std::string_view name, Value const& key, Value const& value) const;
   void memberDel(PtrInterface& object, std::string_view name, Value const& key) const;
 
-  void invoke(PtrInterface& object, std::string_view name, std::vector<Value> const& arguments = {}) const;
+  // What the operation returned; nothing when it returns nothing that a Value can hold.
+  Value invoke(PtrInterface& object, std::string_view name, std::vector<Value> const& arguments = {}) const;
 
-  // Throws with the reason when someone outside the process may not write the attribute now.
+  // Throws with the reason when someone outside the process may not write or invoke the attribute now.
   void checkOutsider(PtrInterface const& object, std::string_view name) const;
   // write on behalf of someone outside the process: refusals hold.
   void writeFromOutside(PtrInterface& object, std::string_view name, Value const& value) const;
@@ -355,18 +356,15 @@ class TypeInfo::Builder {
     };
     return *this;
   }
-  // An operation, its result dropped.
   template <class R, class... Params>
   Builder& operation(std::string name, R (C::*method)(Params...)) {
-    Attribute& a = add(name, AttributeKind::Operation, Detail::signature<Params...>());
-    a.invoke = [method, name = std::move(name)](PtrInterface& o, std::vector<Value> const& arguments) {
-      if (arguments.size() != sizeof...(Params))
-        Detail::throwArgumentCount(name, sizeof...(Params), arguments.size());
-      call(static_cast<C&>(o), method, name, arguments, std::index_sequence_for<Params...>{});
-    };
-    return *this;
+    return operationOf<Params...>(std::move(name), method);
   }
-  // Outsiders may not write the attribute declared last while `why` gives a reason.
+  template <class R, class... Params>
+  Builder& operation(std::string name, R (C::*method)(Params...) const) {
+    return operationOf<Params...>(std::move(name), method);
+  }
+  // Outsiders may not write or invoke the attribute declared last while `why` gives a reason.
   Builder& refusedBecause(std::string (*why)(C const&)) {
     info_.own_.back().refusal = [why](PtrInterface const& o) { return why(static_cast<C const&>(o)); };
     return *this;
@@ -379,11 +377,30 @@ class TypeInfo::Builder {
   }
 
  private:
-  template <class R, class... Params, std::size_t... I>
-  static void call(C& object, R (C::*method)(Params...), [[maybe_unused]] std::string_view name,
-                   std::vector<Value> const& arguments, std::index_sequence<I...>) {
-    static_cast<void>(
-        (object.*method)(Detail::fromValue<std::remove_cvref_t<Params>>(name, arguments[I])...));
+  template <class... Params, class Method>
+  Builder& operationOf(std::string name, Method method) {
+    Attribute& a = add(name, AttributeKind::Operation, Detail::signature<Params...>());
+    a.invoke = [method, name = std::move(name)](PtrInterface& o, std::vector<Value> const& arguments) {
+      if (arguments.size() != sizeof...(Params))
+        Detail::throwArgumentCount(name, sizeof...(Params), arguments.size());
+      return call<Params...>(static_cast<C&>(o), method, name, arguments,
+                             std::index_sequence_for<Params...>{});
+    };
+    return *this;
+  }
+  template <class... Params, class Method, std::size_t... I>
+  static Value call(C& object, Method method, [[maybe_unused]] std::string_view name,
+                    [[maybe_unused]] std::vector<Value> const& arguments, std::index_sequence<I...>) {
+    auto const result = [&]() -> decltype(auto) {
+      return (object.*method)(Detail::fromValue<std::remove_cvref_t<Params>>(name, arguments[I])...);
+    };
+    using R = std::remove_cvref_t<decltype(result())>;
+    if constexpr (requires(R const& r) { ValueOf<R>::to(r); }) {
+      return ValueOf<R>::to(result());
+    } else {
+      static_cast<void>(result());
+      return {};
+    }
   }
   Attribute& add(std::string name, AttributeKind kind, std::string type) {
     Attribute& a = info_.own_.emplace_back();

@@ -32,15 +32,6 @@ class Dump : public FastWorld {
 };
 using DumpDeathTest = Dump;
 
-class Oversize : public Shoal::LocalTable<EntryConfig> {
- public:
-  EntryConfig entry(EntryKey const& key) const override {
-    if (!oversize) return LocalTable::entry(key);
-    throw Pallo::InvalidSizeException("too large");
-  }
-  bool oversize = false;
-};
-
 }  // namespace
 
 TEST_F(Dump, AnOversizeRecordLeavesAsTheSizeError) {

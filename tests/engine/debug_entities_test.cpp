@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/engine_world.h"
+
 using namespace Vantrel;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -142,6 +144,33 @@ TEST(DebugEntities, ARequestCanBeMadeByName) {
   c->typeInfo().write(*c, "version", U64{4});
   c->typeInfo().invoke(*c, "versionInc", {U64{2}});
   EXPECT_EQ(c->version(), 6U);
+}
+
+TEST(DebugEntities, WhatTheyOfferByName) {
+  using TestSupport::offered;
+  EXPECT_THAT(offered(DebugConfig::staticType()), ElementsAre("version U32", "versionInc (U32)"));
+  EXPECT_THAT(offered(DebugStatus::staticType()),
+              ElementsAre("pending U32 -> U64", "pendingOpId U64 -> U64", "status U32 -> U64",
+                          "statusOpId U64 -> U64", "version U32", "pendingDelAll ()", "pendingOpIdDelAll ()",
+                          "statusDelAll ()", "statusOpIdDelAll ()"));
+}
+
+TEST(DebugEntities, TheAnswerIsEmptiedByNameFromInsideOnly) {
+  auto const s = debugStatusFactory("status");
+  Ostra::TypeInfo const& type = s->typeInfo();
+  s->pendingIs(1, EntryKey(2));
+  s->pendingOpIdIs(EntryKey(2), OpId(3));
+  s->statusIs(4, EntryKey(5));
+  s->statusOpIdIs(EntryKey(5), OpId(6));
+  for (char const* name : {"pendingDelAll", "pendingOpIdDelAll", "statusDelAll", "statusOpIdDelAll"}) {
+    EXPECT_THROW(type.checkOutsider(*s, name), Ostra::AttributeException) << name;
+    std::size_t const before =
+        s->pending().size() + s->pendingOpId().size() + s->status().size() + s->statusOpId().size();
+    type.invoke(*s, name);
+    EXPECT_EQ(s->pending().size() + s->pendingOpId().size() + s->status().size() + s->statusOpId().size(),
+              before - 1)
+        << name;
+  }
 }
 
 TEST(DebugEntities, OutsidersDoNotWriteTheAnswer) {

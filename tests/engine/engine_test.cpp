@@ -175,6 +175,38 @@ TEST_F(EngineBase, EveryAttributeCanBeReachedByName) {
   EXPECT_TRUE(probe->initialized());
 }
 
+TEST_F(EngineBase, WhatItOffersByName) {
+  EXPECT_THAT(
+      offered(VantrelImpl::staticType()),
+      ElementsAre("tableConfig reference", "debugConfig reference", "debugStatus reference",
+                  "helper reference", "lgId U32", "retryDepsMaxCnt U32", "failedDepCnt U64",
+                  "debugEnabled bool", "dirty bool", "alwaysProcessPending bool", "handleToKey U64 -> U64",
+                  "keyToHandle U64 -> U64", "initialized bool", "handleToKeyDelAll ()",
+                  "keyToHandleDelAll ()", "failedDepCntInc (U64)", "handleEntry (U64)",
+                  "handleEntryHelper (U64)", "checkDeadlock ()", "processPending ()",
+                  "processDelete (U64, bool)", "currentOpId (U64)", "numPending U32", "numDeadlock U32",
+                  "dumpPending ()", "dumpState ()", "handleDebug ()", "handleInitialized ()"));
+  EXPECT_THAT(offered(VantrelHelper::staticType()),
+              ElementsAre("tableStatus reference", "delAck (U64)", "delStatus (U64)", "noopAck (U64, U64)",
+                          "flush ()"));
+}
+
+TEST_F(EngineBase, OperationsByNameAreTheConcreteEngines) {
+  Ostra::TypeInfo const& type = probe->typeInfo();
+  probe->deleteResult = true;
+  EXPECT_EQ(type.invoke(*probe, "processDelete", {U64{4}, true}), Ostra::Value(true));
+  type.invoke(*probe, "processPending");
+  EXPECT_THAT(probe->take(), ElementsAre("processDelete 4 ack", "processPending"));
+  probe->handleToKeyIs(1, EntryKey(2));
+  probe->keyToHandleIs(EntryKey(2), 1);
+  type.invoke(*probe, "handleToKeyDelAll");
+  type.invoke(*probe, "keyToHandleDelAll");
+  EXPECT_THAT(probe->handleToKey(), IsEmpty());
+  EXPECT_THAT(probe->keyToHandle(), IsEmpty());
+  type.invoke(*probe, "failedDepCntInc", {U64{3}});
+  EXPECT_EQ(probe->failedDepCnt(), 3U);
+}
+
 TEST_F(EngineBase, AWatcherNeedsNoHandler) {
   VantrelImpl::Notifiee watcher;
   watcher.notifierIs(Ptr<VantrelImpl const>(probe.get()));
@@ -191,7 +223,7 @@ TEST_F(EngineBase, AWatcherNeedsNoHandler) {
 }
 
 TEST_F(EngineBase, OutsidersDoNotWriteWhoOwnsWhichHandle) {
-  for (char const* name : {"handleToKey", "keyToHandle"}) {
+  for (char const* name : {"handleToKey", "keyToHandle", "handleToKeyDelAll", "keyToHandleDelAll"}) {
     try {
       probe->typeInfo().checkOutsider(*probe, name);
       FAIL() << name;
@@ -439,7 +471,7 @@ TEST_F(EngineBase, ACorruptRecordIsReportedAndReadsAsADelete) {
 }
 
 TEST_F(EngineBase, AnOversizeRecordLeavesAsTheSizeErrorNotAsAGiveUp) {
-  class Oversize : public Shoal::LocalTable<EntryConfig> {
+  class EighteenPositions : public Shoal::LocalTable<EntryConfig> {
    public:
     EntryConfig entry(EntryKey const&) const override {
       std::byte image[616] = {};
@@ -447,7 +479,7 @@ TEST_F(EngineBase, AnOversizeRecordLeavesAsTheSizeErrorNotAsAGiveUp) {
       return Shoal::RecordTraits<EntryConfig>::decode(image);
     }
   };
-  auto const engineOnIt = make<Probe>("p", make<Oversize>(), debugConfig, debugStatus, client, 1U);
+  auto const engineOnIt = make<Probe>("p", make<EighteenPositions>(), debugConfig, debugStatus, client, 1U);
   EXPECT_THROW(engineOnIt->handleEntry(EntryKey(4)), Pallo::InvalidSizeException);
   EXPECT_EQ(engineOnIt->failedDepCnt(), 0U);
 }

@@ -221,14 +221,6 @@ TEST_F(Deadlock, TheCheckAndTheCleanUpCanBeInvokedByName) {
 }
 
 TEST_F(Deadlock, AnOversizeRecordMetInAChainLeavesAsTheSizeError) {
-  class Oversize : public Shoal::LocalTable<EntryConfig> {
-   public:
-    EntryConfig entry(EntryKey const& key) const override {
-      if (!oversize) return LocalTable::entry(key);
-      throw Pallo::InvalidSizeException("too large");
-    }
-    bool oversize = false;
-  };
   auto const big = make<Oversize>();
   auto const own = make<FastVantrelImpl>("own", big, debugConfig, debugStatus, client, 1U);
   for (U64 key : {1, 2}) {

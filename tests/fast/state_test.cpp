@@ -97,6 +97,32 @@ TEST_F(EngineState, EveryAttributeCanBeReachedByName) {
   EXPECT_THAT(client->take(), testing::ElementsAre("deadlock 1@1"));
 }
 
+TEST_F(EngineState, WhatItOffersByNameBeyondTheBase) {
+  std::vector<std::string> const base = offered(VantrelImpl::staticType());
+  std::vector<std::string> fast = offered(FastVantrelImpl::staticType());
+  ASSERT_TRUE(std::equal(base.begin(), base.end(), fast.begin()));
+  std::vector<std::string> const atcam = offered(FastVantrelAtcamImpl::staticType());
+  ASSERT_TRUE(std::equal(fast.begin(), fast.end(), atcam.begin()));
+  EXPECT_THAT(std::vector(atcam.begin() + static_cast<std::ptrdiff_t>(fast.size()), atcam.end()),
+              testing::ElementsAre("maxPartitions U32"));
+  fast.erase(fast.begin(), fast.begin() + static_cast<std::ptrdiff_t>(base.size()));
+  EXPECT_THAT(fast, testing::ElementsAre("prioGrpShift U32", "state reference", "deadlockCount U32",
+                                         "deadlockCountInc (U32)", "processDeleteHelper (U64, bool, bool)",
+                                         "doCleanup ()"));
+}
+
+TEST_F(EngineState, OperationsByNameAnswer) {
+  Ostra::TypeInfo const& type = engine->typeInfo();
+  put({.key = 1, .ti = 1, .opId = 70000});
+  EXPECT_EQ(type.invoke(*engine, "currentOpId", {U64{1}}), Ostra::Value(U64{70000}));
+  EXPECT_EQ(type.invoke(*engine, "currentOpId", {U64{2}}), Ostra::Value(U64{0}));
+  EXPECT_EQ(type.invoke(*engine, "deadlockCountInc", {U64{2}}), Ostra::Value(U64{2}));
+  EXPECT_EQ(engine->deadlockCount(), 2U);
+  EXPECT_EQ(type.invoke(*engine, "processDelete", {U64{1}, false}), Ostra::Value(true));
+  EXPECT_THAT(client->take(), testing::ElementsAre("del 1@1"));
+  EXPECT_EQ(type.invoke(*engine, "currentOpId", {U64{1}}), Ostra::Value(U64{0}));
+}
+
 TEST_F(EngineState, AWatcherNeedsNoHandler) {
   FastVantrelImpl::Notifiee watcher;
   watcher.notifierIs(Ptr<FastVantrelImpl const>(engine.get()));

@@ -38,7 +38,7 @@ TEST_F(ByNameTest, AreListedInTheOrderOfDeclaration) {
   for (Ostra::Attribute const* a : type_.attributes()) listed.push_back(a->name + " " + a->type);
   EXPECT_THAT(listed, ElementsAre("level U8", "title text", "ratio double", "locked bool", "fixed U32",
                                   "ordered U32 -> text", "hashed U64 -> U64", "flat U64 -> U64", "add (U8)",
-                                  "fail ()", "version U32"));
+                                  "above (U64)", "reached ()", "fail ()", "version U32"));
 }
 
 TEST_F(ByNameTest, AreReadAndWritten) {
@@ -114,6 +114,22 @@ TEST_F(ByNameTest, OperationsTakeTheirArguments) {
   EXPECT_EQ("add expects a value of type U8, got \"5\"",
             errorOf([&] { type_.invoke(*sample_, "add", {std::string("5")}); }));
   EXPECT_THROW(type_.invoke(*sample_, "fail"), std::runtime_error);
+}
+
+TEST_F(ByNameTest, AnOperationsResultComesBack) {
+  sample_->levelIs(5);
+  EXPECT_EQ(Value(U64{12}), type_.invoke(*sample_, "above", {U64{7}}));
+  EXPECT_EQ(Value(), type_.invoke(*sample_, "add", {U64{1}})) << "it returns nothing";
+  EXPECT_EQ(Value(), type_.invoke(*sample_, "reached")) << "it returns what no value can hold";
+  EXPECT_EQ(6, sample_->level());
+}
+
+TEST_F(ByNameTest, AnOperationMayBeRefusedToOutsiders) {
+  EXPECT_EQ("no exception", errorOf([&] { type_.checkOutsider(*sample_, "above"); }));
+  sample_->lockedIs(true);
+  EXPECT_EQ("above of OstraTest::Sample cannot be invoked: it is locked",
+            errorOf([&] { type_.checkOutsider(*sample_, "above"); }));
+  EXPECT_EQ(Value(U64{1}), type_.invoke(*sample_, "above", {U64{1}})) << "the process itself may";
 }
 
 TEST_F(ByNameTest, MembersAreReadAndWrittenOneByOneAndAll) {

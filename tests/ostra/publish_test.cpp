@@ -121,6 +121,10 @@ TEST_F(PublishTest, ReadsWritesDeletesAndInvokes) {
   EXPECT_EQ(R"({"answer":"invoke","entity":"sample","operation":"add"})",
             ask(peer, R"({"verb":"invoke","entity":"sample","operation":"add","arguments":[3]})"));
   EXPECT_EQ(10, sample_->level());
+  std::string const above = R"({"verb":"invoke","entity":"sample","operation":"above","arguments":[5]})";
+  EXPECT_EQ(R"({"answer":"invoke","entity":"sample","operation":"above","result":15})", ask(peer, above));
+  sample_->lockedIs(true);
+  EXPECT_EQ(R"({"error":"above of OstraTest::Sample cannot be invoked: it is locked"})", ask(peer, above));
 }
 
 TEST_F(PublishTest, TheReadOfALongCollectionTakesSeveralLines) {

@@ -60,6 +60,8 @@ class Sample : public Ostra::Entity {
   U64 flatDel(U64 k) { return memberDel("flat", flat_, k, &Notifiee::onFlat); }
 
   void add(U8 n) { levelIs(static_cast<U8>(level_ + n)); }
+  U64 above(U64 n) const { return n + level_; }
+  Ordered& reached() { return ordered_; }
   void fail() { throw std::runtime_error("the sample failed"); }
 
   static Ostra::TypeInfo const& staticType() {
@@ -76,6 +78,9 @@ class Sample : public Ostra::Entity {
             .collection("hashed", &S::hashed, &S::hashedIs, &S::hashedDel)
             .collection("flat", &S::flat, &S::flatIs, &S::flatDel)
             .operation("add", &S::add)
+            .operation("above", &S::above)
+            .refusedBecause(+[](S const& s) { return std::string(s.locked() ? "it is locked" : ""); })
+            .operation("reached", &S::reached)
             .operation("fail", &S::fail)
             .attribute("version", &S::version, &S::versionIs)
             .toldLast();

@@ -3,8 +3,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <spdlog/sinks/ostream_sink.h>
-#include <spdlog/spdlog.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -13,6 +11,8 @@
 #include <memory>
 #include <sstream>
 #include <string>
+
+#include "tests/support/facility_text.h"
 
 namespace Ostra {
 namespace {
@@ -26,23 +26,13 @@ constinit TraceHandle global("Global");
 // What the handles write, without the time.
 class Traces : public testing::Test {
  protected:
-  Traces() {
-    auto logger = std::make_shared<spdlog::logger>(
-        "test", std::make_shared<spdlog::sinks::ostream_sink_st>(out_, true));
-    logger->set_pattern("%v");
-    manager_.loggerIs(logger);
-  }
-  ~Traces() override {
-    manager_.settingsAre("");
-    manager_.loggerIs(nullptr);
-  }
   std::string said(std::string const& settings) {
     testing::internal::CaptureStderr();
     manager_.settingsAre(settings);
     return testing::internal::GetCapturedStderr();
   }
 
-  std::ostringstream out_;
+  TestSupport::FacilityText out_;
   TraceManager& manager_ = TraceManager::instance();
 };
 

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // What goes when a front end goes, and in which order: its watchers fall silent, the failed keys go, then the
 // inputs in the reverse order of construction.
-#include <algorithm>
-#include <array>
+#include <malloc.h>
+
 #include <cstdlib>
+#include <functional>
 #include <new>
 
 #include "keel/virtual_wheel.h"
@@ -22,31 +23,24 @@ struct Guarded {
   bool freed = false;
 } guarded;
 
-// Memory comes with its size before it, so that a block can be known by any place inside it.
-constexpr std::size_t header = alignof(std::max_align_t);
-
-void* allocate(std::size_t size) {
-  auto* const block = static_cast<std::byte*>(std::malloc(header + size));
-  if (!block) throw std::bad_alloc();
-  *reinterpret_cast<std::size_t*>(block) = size;
-  return block + header;
-}
-
 void release(void* memory) noexcept {
-  if (!memory) return;
-  auto* const begin = static_cast<std::byte*>(memory);
-  auto const size = *reinterpret_cast<std::size_t*>(begin - header);
+  auto const* const begin = static_cast<std::byte const*>(memory);
+  auto const* const end = begin + malloc_usable_size(memory);
   std::less<void const*> const before;
-  if (guarded.within && !before(guarded.within, begin) && before(guarded.within, begin + size))
-    guarded.freed = true;
-  std::free(begin - header);
+  if (guarded.within && !before(guarded.within, begin) && before(guarded.within, end)) guarded.freed = true;
+  std::free(memory);
 }
 
 }  // namespace
 
-void* operator new(std::size_t size) { return allocate(size); }
+void* operator new(std::size_t size) {
+  if (void* const memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void* operator new(std::size_t size, std::nothrow_t const&) noexcept { return std::malloc(size); }
 void operator delete(void* memory) noexcept { release(memory); }
 void operator delete(void* memory, std::size_t) noexcept { release(memory); }
+void operator delete(void* memory, std::nothrow_t const&) noexcept { release(memory); }
 
 namespace {
 
@@ -99,11 +93,11 @@ class Destruction : public testing::Test {
     table = tableMade.get();
     debug = debugMade.get();
     wheel = wheelMade.get();
-    sm = vantrelSmFactory(
-        tableMade, make<Leaving<Shoal::LocalTable<EntryStatus>>>(witness, "tableStatus"), debugMade,
-        make<Leaving<DebugStatus>>(witness, "debugStatus", "debugStatus"),
-        make<Leaving<Engine>>(witness, "vantrelImpl", heard),
-        make<Leaving<VantrelFlushStatus>>(witness, "flushStatus", "flushStatus"), wheelMade);
+    sm =
+        vantrelSmFactory(tableMade, make<Leaving<Shoal::LocalTable<EntryStatus>>>(witness, "tableStatus"),
+                         debugMade, make<Leaving<DebugStatus>>(witness, "debugStatus", "debugStatus"),
+                         make<Leaving<Engine>>(witness, "vantrelImpl", heard),
+                         make<Leaving<VantrelFlushStatus>>(witness, "flushStatus", "flushStatus"), wheelMade);
   }
 
   using Table = Shoal::LocalTable<EntryConfig>;

@@ -599,6 +599,29 @@ TEST_F(FrontEnd, AttributesCanBeReachedByName) {
   EXPECT_THROW(type.writeFromOutside(*sm, "initialized", false), Ostra::AttributeException);
 }
 
+TEST_F(FrontEnd, WhatItOffersByName) {
+  EXPECT_THAT(
+      offered(VantrelSm::staticType()),
+      ElementsAre("tableConfig reference", "tableStatus reference", "debugConfig reference",
+                  "debugStatus reference", "vantrelImpl reference", "flushStatus reference",
+                  "retryFailedTimer reference", "initialFlushed bool", "handleEntry (U64)",
+                  "handleEntryCollNotify ()", "handleDebug ()", "doScheduleRetry (U64)", "retryPeriod double",
+                  "retryTimerSet bool", "failedKey U64 -> bool", "failedKeyDelAll ()", "handleRetry ()",
+                  "initialized bool", "handleInitialized ()"));
+  EXPECT_THAT(offered(VantrelFlushStatus::staticType()), ElementsAre("tableCounter U8", "flushCounter U8"));
+}
+
+TEST_F(FrontEnd, FailedKeysAreKeptAndDroppedByName) {
+  create();
+  auto const& type = sm->typeInfo();
+  for (U64 key : {1, 2, 3}) type.memberIs(*sm, "failedKey", key, true);
+  EXPECT_THAT(failed(), ElementsAre(1, 2, 3));
+  type.memberDel(*sm, "failedKey", U64{2});
+  EXPECT_THAT(failed(), ElementsAre(1, 3));
+  type.invoke(*sm, "failedKeyDelAll");
+  EXPECT_THAT(failed(), IsEmpty());
+}
+
 TEST_F(FrontEnd, OutsidersAreToldWhyTheyMayNotWrite) {
   create();
   auto const why = [&](auto const& entity, char const* name, Ostra::Value const& value) -> std::string {

@@ -5,8 +5,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <spdlog/sinks/ostream_sink.h>
-#include <spdlog/spdlog.h>
 
 #include <functional>
 #include <memory>
@@ -14,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "pallo/exception.h"
+#include "tests/support/facility_text.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/vantrel.h"
 
@@ -74,31 +74,36 @@ class Scripted : public Base {
   int dependantCalls = 0;
 };
 
+// What a class offers by name: "version U32", "versionInc (U32)", ...
+inline std::vector<std::string> offered(Ostra::TypeInfo const& type) {
+  std::vector<std::string> names;
+  for (Ostra::Attribute const* a : type.attributes()) names.push_back(a->name + " " + a->type);
+  return names;
+}
+
 // Facility lines, "HANDLE/LEVEL text", while it lives.
 class FacilityLines {
  public:
-  explicit FacilityLines(char const* settings) {
-    auto sink = std::make_shared<spdlog::sinks::ostream_sink_st>(out_);
-    auto logger = std::make_shared<spdlog::logger>("test", sink);
-    logger->set_pattern("%v");
-    logger->set_level(spdlog::level::trace);
-    Ostra::TraceManager::instance().loggerIs(logger);
-    Ostra::TraceManager::instance().settingsAre(settings);
-  }
-  ~FacilityLines() {
-    Ostra::TraceManager::instance().settingsAre("");
-    Ostra::TraceManager::instance().loggerIs(nullptr);
-  }
+  explicit FacilityLines(char const* settings) { Ostra::TraceManager::instance().settingsAre(settings); }
   std::vector<std::string> take() {
     std::vector<std::string> lines;
-    std::istringstream in(out_.str());
+    std::istringstream in(text_.take());
     for (std::string line; std::getline(in, line);) lines.push_back(line);
-    out_.str("");
     return lines;
   }
 
  private:
-  std::ostringstream out_;
+  FacilityText text_;
+};
+
+// A table whose every record is, when it is told to be, one of impossible array sizes.
+class Oversize : public Shoal::LocalTable<EntryConfig> {
+ public:
+  EntryConfig entry(EntryKey const& key) const override {
+    if (oversize) throw Pallo::InvalidSizeException("too large");
+    return LocalTable::entry(key);
+  }
+  bool oversize = false;
 };
 
 // Ring-buffer records, "text [id, values...]", while it lives.

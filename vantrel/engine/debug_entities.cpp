@@ -29,7 +29,15 @@ Ostra::TypeInfo const& DebugStatus::staticType() {
           .refusedBecause(&engineWrites)
           .attribute("version", &D::version, &D::versionIs)
           .refusedBecause(&engineWrites)
-          .toldLast();
+          .toldLast()
+          .operation("pendingDelAll", &D::pendingDelAll)
+          .refusedBecause(&engineWrites)
+          .operation("pendingOpIdDelAll", &D::pendingOpIdDelAll)
+          .refusedBecause(&engineWrites)
+          .operation("statusDelAll", &D::statusDelAll)
+          .refusedBecause(&engineWrites)
+          .operation("statusOpIdDelAll", &D::statusOpIdDelAll)
+          .refusedBecause(&engineWrites);
   return type;
 }
 

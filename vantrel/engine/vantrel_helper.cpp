@@ -33,6 +33,8 @@ void VantrelHelper::noopAck(EntryKey const& key, OpId const& opId) {
   tableStatus_->entryIs(EntryStatus(key, opId));
 }
 
+// Without the hardware operations: they take whole records, and an entry that reaches the hardware past the
+// engine is one that the engine does not know.
 Ostra::TypeInfo const& VantrelHelper::staticType() {
   static Ostra::TypeInfo const type = Ostra::TypeInfo::of<VantrelHelper>("Vantrel::VantrelHelper")
                                           .reference("tableStatus", &VantrelHelper::tableStatus)

@@ -81,6 +81,8 @@ std::string keysWouldBeLost(VantrelImpl const&) {
 std::string ownersWouldBeLost(VantrelImpl const&) { return "the engine keeps who owns which handle itself"; }
 }  // namespace
 
+// Without processEntry, processDependantTables and readAndProcessDeps: they take or give whole records, which
+// no line can say; handleEntry does the same with the record that is in the table.
 Ostra::TypeInfo const& VantrelImpl::staticType() {
   using I = VantrelImpl;
   static Ostra::TypeInfo const type =
@@ -101,11 +103,17 @@ Ostra::TypeInfo const& VantrelImpl::staticType() {
           .refusedBecause(&ownersWouldBeLost)
           .attribute("initialized", &I::initialized, &I::initializedIs)
           .refusedBecause(&keysWouldBeLost)
+          .operation("handleToKeyDelAll", &I::handleToKeyDelAll)
+          .refusedBecause(&ownersWouldBeLost)
+          .operation("keyToHandleDelAll", &I::keyToHandleDelAll)
+          .refusedBecause(&ownersWouldBeLost)
           .operation("failedDepCntInc", &I::failedDepCntInc)
           .operation("handleEntry", &I::handleEntry)
           .operation("handleEntryHelper", &I::handleEntryHelper)
           .operation("checkDeadlock", &I::checkDeadlock)
           .operation("processPending", &I::processPending)
+          .operation("processDelete", &I::processDelete)
+          .operation("currentOpId", &I::currentOpId)
           .attribute("numPending", &I::numPending)
           .attribute("numDeadlock", &I::numDeadlock)
           .operation("dumpPending", &I::dumpPending)

@@ -69,6 +69,8 @@ std::string stateWouldBeLost(FastVantrelImpl const&) {
 
 }  // namespace
 
+// Without pti and lti, which are for the engine's own positions: others fail an assertion, and an operator's
+// typing error would end the agent. Without isConflicting, which takes a record and leaves a claim.
 Ostra::TypeInfo const& FastVantrelImpl::staticType() {
   using F = FastVantrelImpl;
   static Ostra::TypeInfo const type =
@@ -78,6 +80,7 @@ Ostra::TypeInfo const& FastVantrelImpl::staticType() {
           .reference("state", &F::state)
           .refusedBecause(&stateWouldBeLost)
           .attribute("deadlockCount", &F::deadlockCount, &F::deadlockCountIs)
+          .operation("deadlockCountInc", &F::deadlockCountInc)
           .operation("processDeleteHelper", &F::processDeleteHelper)
           .operation("doCleanup", &F::doCleanup);
   return type;

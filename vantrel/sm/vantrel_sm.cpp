@@ -191,6 +191,8 @@ std::string flushesWouldBeMiscounted(VantrelSm const&) {
 }
 }  // namespace
 
+// Without tableConfigDel, debugConfigDel and retryFailedTimerDel: nobody could give the front end its input
+// back by name.
 Ostra::TypeInfo const& VantrelSm::staticType() {
   using S = VantrelSm;
   static Ostra::TypeInfo const type =
