@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
@@ -18,6 +19,7 @@
 
 #include "lumelog/reader.h"
 #include "tests/lumelog/temp_dir.h"
+#include "tests/support/in_child.h"
 #include "vantrel/vantrel.h"
 
 namespace Vantrel {
@@ -32,20 +34,15 @@ using testing::IsEmpty;
 // The trace file is the process's: each test has a process of its own, in a directory of its own.
 class TraceFile : public testing::Test {
  protected:
-  // Its exit status or, negative, the signal that ended it.
   int inChild(std::function<void()> const& work) {
-    pid_ = fork();
-    if (pid_ == 0) {
-      if (chdir(dir_.path().c_str()) != 0 || !freopen("err", "w", stderr)) _exit(99);
-      unsetenv("LUMELOGDIR");
-      unsetenv("LUMELOG_DISABLE");
-      work();
-      fflush(nullptr);
-      _exit(0);
-    }
-    int status;
-    waitpid(pid_, &status, 0);
-    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+    return TestSupport::inChild(
+        [&] {
+          if (chdir(dir_.path().c_str()) != 0 || !freopen("err", "w", stderr)) _exit(99);
+          unsetenv("LUMELOGDIR");
+          unsetenv("LUMELOG_DISABLE");
+          work();
+        },
+        &pid_);
   }
   std::vector<std::string> messages(std::string const& name) {
     Lumelog::Reader reader(dir_ / name);
@@ -73,6 +70,7 @@ TEST_F(TraceFile, IsOpenedOnceAProcess) {
   EXPECT_THAT(dir_.names(), ElementsAre(perProcess(), "err"));
   EXPECT_THAT(messages(perProcess()), ElementsAre("[3] notify on key:5", "[4] handling key:5 hdl:6 opId:7"));
   EXPECT_EQ(readFile(dir_ / "err"), "");
+  EXPECT_EQ(std::filesystem::file_size(dir_ / perProcess()), 17637376U) << "what its page says";
 }
 
 TEST_F(TraceFile, OfTwoEnginesIsOne) {

@@ -18,6 +18,7 @@
 
 #include "lumelog/reader.h"
 #include "tests/lumelog/temp_dir.h"
+#include "tests/support/in_child.h"
 
 namespace Lumelog {
 namespace {
@@ -27,6 +28,7 @@ using Test::readFile;
 using Test::TempDir;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using TestSupport::inChild;
 
 struct Close {
   void operator()(Log* log) const { close(log); }
@@ -46,19 +48,6 @@ std::vector<std::string> messages(std::string const& path) {
   std::vector<std::string> result;
   for (Record record; reader.next(record);) result.push_back(record.message());
   return result;
-}
-
-// Runs in a child; its exit status or, negative, the signal that ended it.
-int inChild(std::function<void()> const& work) {
-  pid_t const child = fork();
-  if (child == 0) {
-    work();
-    fflush(nullptr);
-    _exit(0);
-  }
-  int status;
-  waitpid(child, &status, 0);
-  return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 struct Tapped {
