@@ -43,7 +43,11 @@ int request(std::string const& socket, std::size_t entries) {
   auto const status = mounter.mount<DebugStatus>();
   if (!mounter.dispatchUntil([&] { return mounter.live(*config) && mounter.live(*status); }, 60)) return 1;
   config->versionInc(1);
-  if (!mounter.dispatchUntil([&] { return status->version() == config->version(); }, 300)) return 1;
+  auto const answered = [&] {
+    return mounter.live(*config) && mounter.live(*status) && config->version() != 0 &&
+           status->version() == config->version();
+  };
+  if (!mounter.dispatchUntil(answered, 300)) return 1;
   return status->status().size() == entries ? 0 : 1;
 }
 

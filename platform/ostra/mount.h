@@ -9,7 +9,11 @@
 //   agent.dispatchUntil([&] { return agent.live(*config) && agent.live(*status); }, 5.0);
 //
 //   config->versionInc(1);  // asks the agent for a snapshot
-//   agent.dispatchUntil([&] { return status->version() == config->version(); }, 30.0);
+//   agent.dispatchUntil([&] {
+//     if (!agent.live(*config) || !agent.live(*status)) return false;
+//     if (config->version() == 0) config->versionInc(1);  // another agent took its place: asked anew
+//     return status->version() == config->version();
+//   }, 30.0);
 //
 //   loop.onReadable(agent.fd(), [&] { agent.dispatch(); });  // or, in an event loop
 //

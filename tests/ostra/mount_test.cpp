@@ -31,9 +31,9 @@ class MountTest : public testing::Test {
     std::string const remove = "rm -rf " + dir_;
     EXPECT_EQ(0, ::system(remove.c_str()));
   }
-  void restart() {
+  void restart(Ostra::Publisher::Options options = {}) {
     publisher_.reset();
-    publisher_ = std::make_unique<Ostra::Publisher>(path_);
+    publisher_ = std::make_unique<Ostra::Publisher>(path_, options);
     publisher_->exportObject("sample", sample_);
   }
   // Lets both ends work until `done`.
@@ -202,6 +202,50 @@ TEST_F(MountTest, ADeadAgentIsReportedAndItsSuccessorComparedWithWhatIsHere) {
   EXPECT_THAT(diary.take(), UnorderedElementsAre("hashed 1", "hashed 3"));
   EXPECT_EQ(sample_->hashed(), mounted->hashed());
   EXPECT_THAT(reports, ElementsAre("the agent closed the connection", "up"));
+}
+
+// It was dropped in the middle of a long answer, comes back by itself, and holds what is there then.
+TEST_F(MountTest, WhoWasDroppedForNotReadingComesBackToAFreshSnapshot) {
+  restart({.stallSeconds = 0.1});
+  for (U64 k = 0; k < 50000; ++k) sample_->hashedIs(k, k);
+  sample_->levelIs(1);
+  Ostra::Mounter mounter(path_, 0.01);
+  std::vector<std::string> reports;
+  mounter.onConnection([&](bool up, std::string const& why) { reports.push_back(up ? "up" : why); });
+  auto const mounted = mounter.mount<Sample>();
+  ASSERT_TRUE(live(mounter, *mounted));
+  Diary diary;
+  diary.notifierIs(Ostra::Ptr<Sample const>(mounted));
+
+  // More than the socket takes; this end does not read.
+  for (U64 k = 0; k < 50000; ++k) sample_->hashedIs(k, k + 1);
+  auto const served = [&] {
+    pollfd p{publisher_->fd(), POLLIN, 0};
+    ::poll(&p, 1, 10);
+    publisher_->dispatch();
+    return publisher_->peers();
+  };
+  for (int i = 0; i < 20000 && served() > 0;) ++i;
+  ASSERT_EQ(0u, publisher_->peers()) << "it was dropped";
+  for (U64 k = 0; k < 1000; ++k) sample_->hashedDel(k);
+  for (U64 k = 60000; k < 61000; ++k) sample_->hashedIs(k, k);
+  sample_->levelIs(2);
+  sample_->versionIs(9);
+
+  ASSERT_TRUE(until(mounter, [&] { return !mounter.connected(); }));
+  EXPECT_FALSE(mounter.live(*mounted));
+  bool complete = false;
+  diary.then = [&] {
+    if (diary.lines().back() == "version 9") complete = mounted->hashed() == sample_->hashed();
+  };
+  ASSERT_TRUE(live(mounter, *mounted));
+  EXPECT_THAT(reports, ElementsAre("the agent closed the connection", "up"));
+  EXPECT_EQ(1u, publisher_->peers());
+  EXPECT_EQ(sample_->hashed(), mounted->hashed());
+  EXPECT_EQ(2, mounted->level());
+  EXPECT_TRUE(complete) << "the version is told last again";
+  sample_->hashedIs(7, 7);
+  ASSERT_TRUE(until(mounter, [&] { return mounted->hashed().contains(7); }));
 }
 
 TEST_F(MountTest, AnEntityThatComesLaterIsMountedThen) {
