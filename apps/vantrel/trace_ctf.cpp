@@ -41,12 +41,21 @@ std::string identifier(std::string_view label) {
   return name.empty() || std::isdigit(static_cast<unsigned char>(name.front())) ? "value_" + name : name;
 }
 
+// The language in which a CTF trace describes itself keeps these words for itself.
+std::string unreserved(std::string name) {
+  static std::set<std::string_view> const reserved{
+      "align",  "callsite",       "char",      "clock",   "const",    "double",  "enum",   "env",    "event",
+      "float",  "floating_point", "int",       "integer", "long",     "short",   "signed", "stream", "string",
+      "struct", "trace",          "typealias", "typedef", "unsigned", "variant", "void"};
+  return reserved.contains(name) ? name + "_value" : name;
+}
+
 // "handling key:" names the field key; a second " blocked by key:" blocked_by_key; a third gets a number.
 std::string fieldName(std::string const& label, std::set<std::string>& taken) {
   std::string const whole = identifier(label);
-  std::string const last = identifier(std::string_view(whole).substr(whole.rfind('_') + 1));
+  std::string const last = unreserved(identifier(std::string_view(whole).substr(whole.rfind('_') + 1)));
   if (taken.insert(last).second) return last;
-  std::string unique = whole;
+  std::string unique = unreserved(whole);
   for (unsigned n = 2; !taken.insert(unique).second; ++n) unique = fmt::format("{}_{}", whole, n);
   return unique;
 }

@@ -3,13 +3,19 @@
 #include "lumelog/format.h"
 
 #include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "lumelog/lumelog.h"
 #include "lumelog/parse.h"
@@ -21,6 +27,7 @@ namespace {
 
 using Test::readFile;
 using Test::TempDir;
+using testing::ElementsAre;
 
 struct Close {
   void operator()(Log* log) const { close(log); }
@@ -95,23 +102,151 @@ TEST_F(Page, IsWhatTheReaderUnderstands) {
             "9 a.cpp:27 [7] handling key:1024 hdl:33");
 }
 
-// The offsets of the page's tables.
-TEST_F(Page, SaysWhereTheHeaderHasWhat) {
-  using Format::FileHeader;
+// Where something lies, and how large it is.
+using Place = std::pair<std::size_t, std::size_t>;
+#define PLACE(Struct, member) \
+  Place { offsetof(Struct, member), sizeof(Struct::member) }
+
+// The places that the table of a section of the page names by two numbers.
+std::vector<Place> placesOf(std::string const& section) {
+  std::istringstream page(readFile(VANTREL_SOURCE_DIR "/docs/formats/trace-file.md"));
+  std::string line;
+  while (std::getline(page, line) && line != "## " + section) continue;
+  std::vector<Place> places;
+  while (std::getline(page, line) && !line.starts_with("## ")) {
+    std::size_t offset = 0, size = 0;
+    int end = 0;
+    if (std::sscanf(line.c_str(), "| %zu | %zu |%n", &offset, &size, &end) == 2 && end > 0)
+      places.emplace_back(offset, size);
+  }
+  return places;
+}
+
+TEST(PlacesOnThePage, AreThoseOfTheHeader) {
   using Format::FixedHeader;
+  using Format::LiveHeader;
+  auto const live = [](Place place) {
+    return Place(offsetof(Format::FileHeader, live) + place.first, place.second);
+  };
+  std::size_t const anchors = offsetof(LiveHeader, anchor);
+  EXPECT_THAT(
+      placesOf("Header"),
+      ElementsAre(PLACE(FixedHeader, magic), PLACE(FixedHeader, version), PLACE(FixedHeader, byteOrder),
+                  PLACE(FixedHeader, check), PLACE(FixedHeader, blockBytes), PLACE(FixedHeader, fileBytes),
+                  PLACE(FixedHeader, pid), PLACE(FixedHeader, maxString), PLACE(FixedHeader, clock),
+                  PLACE(FixedHeader, threading), PLACE(FixedHeader, ticksPerSecond),
+                  PLACE(FixedHeader, siteOffset), PLACE(FixedHeader, siteBytes),
+                  PLACE(FixedHeader, openTicks), PLACE(FixedHeader, openNs), PLACE(FixedHeader, openRealNs),
+                  PLACE(FixedHeader, ring), PLACE(FixedHeader, program), live(PLACE(LiveHeader, siteUsed)),
+                  live(PLACE(LiveHeader, dropped)), live(PLACE(LiveHeader, anchors)),
+                  live({anchors, sizeof(Format::Anchor)}),
+                  live({anchors + sizeof(Format::Anchor), sizeof(Format::Anchor)})));
+}
+
+TEST(PlacesOnThePage, AreThoseOfSitesBlocksAndRecords) {
+  using Format::BlockHeader;
+  using Format::RecordHeader;
+  using Format::SiteHeader;
+  EXPECT_THAT(
+      placesOf("Message site"),
+      ElementsAre(PLACE(SiteHeader, check), PLACE(SiteHeader, bytes), PLACE(SiteHeader, id),
+                  PLACE(SiteHeader, line), PLACE(SiteHeader, textBytes), PLACE(SiteHeader, fileBytes),
+                  PLACE(SiteHeader, typeBytes), PLACE(SiteHeader, level), PLACE(SiteHeader, reserved)));
+  EXPECT_THAT(placesOf("Block"),
+              ElementsAre(PLACE(BlockHeader, sequence), PLACE(BlockHeader, ticks), PLACE(BlockHeader, ns),
+                          PLACE(BlockHeader, used), PLACE(BlockHeader, check)));
+  EXPECT_THAT(placesOf("Record"), ElementsAre(PLACE(RecordHeader, ticks), PLACE(RecordHeader, site),
+                                              PLACE(RecordHeader, bytes), PLACE(RecordHeader, check)));
+}
+
+// The numbers of a file by the page's offsets alone.
+template <class Number>
+Number at(std::string const& bytes, std::size_t offset) {
+  Number number{};
+  std::memcpy(&number, bytes.data() + offset, sizeof number);
+  return number;
+}
+
+TEST_F(Page, SaysWhatTheHeaderHasWhere) {
   EXPECT_EQ(bytes_.substr(0, 8), "LUMELOG1");
-  EXPECT_EQ(offsetof(FixedHeader, check), 16U);
-  EXPECT_EQ(offsetof(FixedHeader, fileBytes), 24U);
-  EXPECT_EQ(offsetof(FixedHeader, clock), 40U);
-  EXPECT_EQ(offsetof(FixedHeader, siteOffset), 56U);
-  EXPECT_EQ(offsetof(FixedHeader, openRealNs), 88U);
-  EXPECT_EQ(offsetof(FixedHeader, ring), 96U);
-  EXPECT_EQ(offsetof(FixedHeader, program), 256U);
-  EXPECT_EQ(offsetof(FileHeader, live) + offsetof(Format::LiveHeader, anchor), 536U);
-  EXPECT_EQ(bytes_.substr(0, 288), bytes_.substr(bytes_.size() - 4096, 288));
+  EXPECT_EQ(at<U32>(bytes_, 8), 1U);
+  EXPECT_EQ(at<U32>(bytes_, 12), 0x01020304U);
   std::string fixed = bytes_.substr(0, 288);
   std::fill_n(fixed.begin() + 16, 4, '\0');
-  EXPECT_EQ(Format::fnv(std::as_bytes(std::span(fixed))), header_.fixed.check);
+  EXPECT_EQ(at<U32>(bytes_, 16), Format::fnv(std::as_bytes(std::span(fixed))));
+  EXPECT_EQ(at<U32>(bytes_, 20), 4096U);
+  EXPECT_EQ(at<U64>(bytes_, 24), bytes_.size());
+  EXPECT_EQ(at<U32>(bytes_, 32), static_cast<U32>(getpid()));
+  EXPECT_EQ(at<U32>(bytes_, 36), Options().maxString);
+  EXPECT_THAT(at<U32>(bytes_, 40), testing::AnyOf(1U, 2U));
+  EXPECT_EQ(at<U32>(bytes_, 44), 0U);
+  EXPECT_GT(at<U64>(bytes_, 48), 1'000'000U);
+  EXPECT_EQ(at<U64>(bytes_, 56), 4096U);
+  EXPECT_EQ(at<U64>(bytes_, 64), 262144U);
+  EXPECT_GT(at<U64>(bytes_, 72), 0U);
+  timespec monotonic{}, real{};
+  clock_gettime(CLOCK_MONOTONIC, &monotonic);
+  clock_gettime(CLOCK_REALTIME, &real);
+  EXPECT_NEAR(static_cast<double>(at<U64>(bytes_, 80)) / 1e9, static_cast<double>(monotonic.tv_sec), 600);
+  EXPECT_NEAR(static_cast<double>(at<U64>(bytes_, 88)) / 1e9, static_cast<double>(real.tv_sec), 600);
+  U64 offset = 4096 + 262144;
+  for (std::size_t level = 0; level < 10; ++level, offset += 8192) {
+    EXPECT_EQ(at<U64>(bytes_, 96 + 16 * level), offset) << level;
+    EXPECT_EQ(at<U64>(bytes_, 104 + 16 * level), 8192U) << level;
+  }
+  EXPECT_EQ(offset + 4096, bytes_.size()) << "behind the rings lies only the copy";
+  EXPECT_EQ(bytes_.substr(0, 288), bytes_.substr(bytes_.size() - 4096, 288));
+  std::string const name = program_invocation_short_name;
+  EXPECT_EQ(bytes_.substr(256, 32), name + std::string(32 - name.size(), '\0'));
+  EXPECT_EQ(at<U64>(bytes_, 512), example("site").size());
+  EXPECT_EQ(at<U64>(bytes_, 520), 0U);
+  U64 const anchors = at<U64>(bytes_, 528);
+  ASSERT_GT(anchors, 0U);
+  std::size_t const newest = 536 + 24 * (anchors % 2);
+  EXPECT_GE(at<U64>(bytes_, newest), at<U64>(bytes_, 72));
+  EXPECT_GE(at<U64>(bytes_, newest + 8), at<U64>(bytes_, 80));
+  EXPECT_NEAR(static_cast<double>(at<U64>(bytes_, newest + 16)) / 1e9, static_cast<double>(real.tv_sec), 600);
+  EXPECT_EQ(bytes_.substr(288, 224), std::string(224, '\0')) << "what is not listed";
+  EXPECT_EQ(bytes_.substr(584, 4096 - 584), std::string(4096 - 584, '\0')) << "what is not listed";
+}
+
+TEST_F(Page, SaysWhatABlockHasWhere) {
+  std::size_t const ring = at<U64>(bytes_, 96 + 16 * 9);
+  std::string const block = bytes_.substr(ring, 4096);
+  EXPECT_EQ(at<U64>(block, 0), 1U);
+  EXPECT_GE(at<U64>(block, 8), at<U64>(bytes_, 72));
+  EXPECT_LE(at<U64>(block, 8), at<U64>(block, 32)) << "it was begun before its record was written";
+  EXPECT_GE(at<U64>(block, 16), at<U64>(bytes_, 80));
+  EXPECT_EQ(at<U32>(block, 24), example("record").size());
+  std::string checked = block.substr(0, 32);
+  std::fill_n(checked.begin() + 24, 8, '\0');
+  EXPECT_EQ(at<U32>(block, 28), Format::fnv(std::as_bytes(std::span(checked))));
+  EXPECT_EQ(block.substr(64), std::string(4096 - 64, '\0')) << "nothing more was written";
+  std::string const next = bytes_.substr(ring + 4096, 4096);
+  EXPECT_EQ(next, std::string(4096, '\0')) << "nobody began it";
+}
+
+// Two blocks a ring here: the third takes the place of the first.
+TEST_F(Page, SaysWhichBlockIsNext) {
+  Options options;
+  options.kib.fill(8);
+  std::unique_ptr<Log, Close> const log(open(dir_ / "b.lg", options));
+  static constinit Site site{9, "a.cpp", 27};
+  constexpr std::size_t recordsABlock = (4096 - 32) / 32;
+  auto const sequences = [&] {
+    std::string const bytes = readFile(dir_ / "b.lg");
+    std::size_t const ring = at<U64>(bytes, 96 + 16 * 9);
+    return std::pair(at<U64>(bytes, ring), at<U64>(bytes, ring + 4096));
+  };
+  auto const fill = [&] {
+    for (std::size_t i = 0; i < recordsABlock; ++i)
+      log->record(site, 7, "handling key:", U64{i}, " hdl:", U32{33});
+    return sequences();
+  };
+  EXPECT_EQ(fill(), std::pair(U64{1}, U64{0}));
+  EXPECT_EQ(fill(), std::pair(U64{1}, U64{2}));
+  EXPECT_EQ(fill(), std::pair(U64{3}, U64{2}));
+  EXPECT_EQ(fill(), std::pair(U64{3}, U64{4}));
 }
 
 }  // namespace

@@ -71,6 +71,16 @@ class Verb : public testing::Test {
     return linesOf(readFile(dir_ / "out"));
   }
 
+  // What another reader shows of the trace that is written of a.lg.
+  std::vector<std::string> readBack() {
+    run("a.lg --ctf ctf");
+    EXPECT_EQ(status_, 0) << err_;
+    EXPECT_EQ(std::system("command -v babeltrace2 >/dev/null"), 0) << "babeltrace2 is not installed";
+    EXPECT_EQ(std::system(fmt::format("babeltrace2 {0}/ctf >{0}/read 2>{0}/err", dir_.path()).c_str()), 0)
+        << readFile(dir_ / "err");
+    return linesOf(readFile(dir_ / "read"));
+  }
+
   TempDir dir_;
   LogPtr log_;
   int status_ = -1;
@@ -185,12 +195,7 @@ TEST_F(Verb, WritesATraceThatOthersRead) {
   std::string const text = "with \"quotes\"";
   LUMELOG_RECORD(log_.get(), 1, 7u, "said \"", text, "\" key:", U64{3}, " blocked by key:", U64{4},
                  " prio:", 5u, " prio:", 6u);
-  run("a.lg --ctf ctf");
-  ASSERT_EQ(status_, 0) << err_;
-  ASSERT_EQ(std::system("command -v babeltrace2 >/dev/null"), 0) << "babeltrace2 is not installed";
-  ASSERT_EQ(std::system(fmt::format("babeltrace2 {0}/ctf >{0}/read 2>{0}/err", dir_.path()).c_str()), 0)
-      << readFile(dir_ / "err");
-  std::vector<std::string> const lines = linesOf(readFile(dir_ / "read"));
+  std::vector<std::string> const lines = readBack();
   ASSERT_THAT(lines, SizeIs(3));
   EXPECT_THAT(lines[0], HasSubstr(fmt::format("process = {}, id = 7, key = 18446744073709551614, hdl = 100",
                                               getpid())));
@@ -204,6 +209,45 @@ TEST_F(Verb, WritesATraceThatOthersRead) {
   run("a.lg --ctf ctf");
   EXPECT_EQ(status_, 1);
   EXPECT_EQ(err_, "vantrel: ctf is not empty, expected a new directory for the CTF trace\n");
+}
+
+// Words of the language in which a CTF trace describes itself; what reads one takes them for no names.
+TEST_F(Verb, WritesATraceThatOthersReadWhateverALabelSays) {
+  U64 n = 0;
+#define RECORD_LABEL(word) LUMELOG_RECORD(log_.get(), 9, 7u, "a " word ":", ++n)
+  RECORD_LABEL("align");
+  RECORD_LABEL("callsite");
+  RECORD_LABEL("char");
+  RECORD_LABEL("clock");
+  RECORD_LABEL("const");
+  RECORD_LABEL("double");
+  RECORD_LABEL("enum");
+  RECORD_LABEL("env");
+  RECORD_LABEL("event");
+  RECORD_LABEL("float");
+  RECORD_LABEL("floating_point");
+  RECORD_LABEL("int");
+  RECORD_LABEL("integer");
+  RECORD_LABEL("long");
+  RECORD_LABEL("short");
+  RECORD_LABEL("signed");
+  RECORD_LABEL("stream");
+  RECORD_LABEL("string");
+  RECORD_LABEL("struct");
+  RECORD_LABEL("trace");
+  RECORD_LABEL("typealias");
+  RECORD_LABEL("typedef");
+  RECORD_LABEL("unsigned");
+  RECORD_LABEL("variant");
+  RECORD_LABEL("void");
+  RECORD_LABEL("_Bool");
+  RECORD_LABEL("_Complex");
+  RECORD_LABEL("_Imaginary");
+#undef RECORD_LABEL
+  std::vector<std::string> const lines = readBack();
+  ASSERT_THAT(lines, SizeIs(n));
+  for (std::size_t i = 0; i < lines.size(); ++i)
+    EXPECT_THAT(lines[i], HasSubstr(fmt::format(" = {} }}", i + 1)));
 }
 
 TEST_F(Verb, ShowsTheRestWhenAFileIsWrong) {
