@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/vantrel/agent_view.h"
 
+#include <poll.h>
+
 #include <filesystem>
 #include <utility>
 
@@ -54,6 +56,12 @@ class SocketView : public AgentView {
     if (agent_->dispatchUntil(done, seconds)) return true;
     fail(agent_->live(*flush_) ? "the agent has not flushed the table" : whyNoAnswer());
     return false;
+  }
+  bool reached() override {
+    if (!connect()) return false;
+    for (pollfd p{agent_->fd(), POLLIN, 0}; ::poll(&p, 1, 0) > 0;) agent_->dispatch();
+    if (!agent_->connected()) fail(whyNoAnswer());
+    return agent_->connected();
   }
   bool listens() const override { return std::filesystem::exists(path_); }
   std::string problem() const override { return problem_; }

@@ -31,6 +31,8 @@ class AgentView {
   // Waits until every table that the agent has attached was walked and flushed; false when that was not so
   // within `seconds`. A table that nobody has attached yet is not flushed.
   virtual bool flushed(double seconds) = 0;
+  // True while the agent can be reached. Waits for nothing; problem() says why not.
+  virtual bool reached() = 0;
   // There is a socket to ask on.
   virtual bool listens() const = 0;
   // Why there was none, or not.

@@ -4,9 +4,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <utility>
 
-#include "apps/vantrel/agent_view.h"
 #include "apps/vantrel/explain.h"
 
 namespace VantrelCommand {
@@ -37,7 +37,8 @@ Awaiting::Awaiting(std::string dir, Vantrel::SharedTables& tables, std::optional
       tables_(tables),
       acknowledgements_(tables.status()),
       timeout_(timeout),
-      progress_(quiet) {}
+      progress_(quiet),
+      agent_(agentViewOf(dir_)) {}
 
 double Awaiting::secondsLeft() const {
   if (!timeout_) return tick;
@@ -49,6 +50,7 @@ void Awaiting::untilDone(std::string const& what) {
   while (!acknowledgements_.done()) {
     double const left = secondsLeft();
     if (left <= 0) late();
+    sayWhenUnreachable();
     tables_.wait(std::min(left, tick));
     all = std::max(all, acknowledgements_.outstanding());
     progress_.show(what, all - acknowledgements_.outstanding(), all);
@@ -57,13 +59,26 @@ void Awaiting::untilDone(std::string const& what) {
 }
 
 bool Awaiting::untilFlushed() {
-  auto const agent = agentViewOf(dir_);
-  while (!agent->flushed(std::clamp(secondsLeft(), 0.0, tick))) {
-    if (!agent->listens()) return false;
+  while (!agent_->flushed(std::clamp(secondsLeft(), 0.0, tick))) {
+    if (!agent_->listens()) return false;
     if (secondsLeft() <= 0)
-      throw Late(fmt::format("the table is not flushed within {} s; {}", *timeout_, agent->problem()));
+      throw Late(fmt::format("the table is not flushed within {} s; {}", *timeout_, agent_->problem()));
+    sayWhenUnreachable();
   }
   return true;
+}
+
+// With a deadline the end says it.
+void Awaiting::sayWhenUnreachable() {
+  auto const now = Clock::now();
+  if (timeout_ || now - lookedFor_ < std::chrono::duration<double>(tick)) return;
+  lookedFor_ = now;
+  bool const unreachable = !agent_->reached();
+  if (unreachable && !unreachableSaid_) {
+    progress_.clear();
+    fmt::print(stderr, "vantrel: {}; waiting for it\n", agent_->problem());
+  }
+  unreachableSaid_ = unreachable;
 }
 
 void Awaiting::late() {
@@ -74,9 +89,8 @@ void Awaiting::late() {
   std::string noSnapshot = fmt::format("no agent has made {}", Vantrel::SharedTables::statusPath(dir_));
   std::optional<Snapshot> snapshot;
   if (tables_.hasStatus()) {
-    auto const agent = agentViewOf(dir_);
-    snapshot = agent->snapshot(snapshotSeconds);
-    noSnapshot = agent->problem();
+    snapshot = agent_->snapshot(snapshotSeconds);
+    noSnapshot = agent_->problem();
   }
   if (!snapshot) text += fmt::format("; {}", noSnapshot);
   Explainer const explainer(*tables_.config(), std::move(snapshot), noSnapshot);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Awaiting: waits for acknowledgements as a verb does: with a deadline, showing progress, and saying which
-// keys are late and why.
+// keys are late and why. Without a deadline it says, each time once, that the agent cannot be reached.
 //
 // Ownership: refers to the tables.
 // Threading: one thread.
@@ -8,10 +8,12 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 
+#include "apps/vantrel/agent_view.h"
 #include "apps/vantrel/progress.h"
 #include "producer/acknowledgements.h"
 #include "producer/shared_tables.h"
@@ -44,6 +46,7 @@ class Awaiting {
  private:
   using Clock = std::chrono::steady_clock;
   double secondsLeft() const;
+  void sayWhenUnreachable();
   [[noreturn]] void late();
 
   std::string const dir_;
@@ -52,6 +55,9 @@ class Awaiting {
   std::optional<double> timeout_;
   Clock::time_point const started_ = Clock::now();
   Progress progress_;
+  std::unique_ptr<AgentView> const agent_;
+  Clock::time_point lookedFor_ = started_;
+  bool unreachableSaid_ = false;
 };
 
 }  // namespace VantrelCommand

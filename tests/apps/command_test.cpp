@@ -21,6 +21,7 @@ using nlohmann::json;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 using TestSupport::contents;
 using TestSupport::eventually;
@@ -334,6 +335,57 @@ TEST_F(CommandTest, AWaitingLoadHearsFromTheAgentThatTheTableIsFlushed) {
   daemon = agent();
   EXPECT_EQ(waiting->wait(), 0) << waiting->err();
   EXPECT_EQ(json::parse(waiting->out())["flushed"], true);
+  stop(*daemon);
+}
+
+// Once a death; whoever takes over is waited for, in the order in which a load waits: for acknowledgements,
+// then for the flush.
+TEST_F(CommandTest, AWaitingLoadSaysThatTheAgentDiedAndGoesOnWithTheNext) {
+  auto daemon = agent({"--hw-latency-us", "20000"});  // too slow to finish
+  auto const killed = [&] {
+    daemon->signal(SIGKILL);
+    daemon->wait();
+  };
+  auto const waiting = start({"load", writeRules(Acl::generateRules(6, 200)), "--wait", "--dir", tables()});
+  ASSERT_TRUE(eventually([&] { return std::filesystem::exists(config()); }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));  // more than twice as often as it looks
+  EXPECT_THAT(waiting->err(), Not(HasSubstr("waiting for it")));
+  auto const said = [&] {
+    std::string const text = waiting->err();
+    int times = 0;
+    for (std::size_t at = text.find("; waiting for it\n"); at != std::string::npos;
+         at = text.find("; waiting for it\n", at + 1))
+      ++times;
+    return times;
+  };
+  killed();
+  ASSERT_TRUE(eventually([&] { return said() == 1; })) << waiting->err();
+  EXPECT_THAT(waiting->err(), HasSubstr("vantrel: "));
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));
+  EXPECT_EQ(said(), 1) << waiting->err();
+  daemon = agent({"--hw-latency-us", "20000"});
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));
+  killed();
+  ASSERT_TRUE(eventually([&] { return said() == 2; })) << waiting->err();
+  daemon = agent();
+  EXPECT_EQ(waiting->wait(), 0) << waiting->err();
+  EXPECT_EQ(said(), 2) << waiting->err();
+  stop(*daemon);
+}
+
+// Everything is acknowledged by an agent that is gone; only the flush is waited for.
+TEST_F(CommandTest, AWaitingLoadSaysThatNobodyIsThereToFlush) {
+  std::string const rules = writeRules(Acl::generateRules(6, 100));
+  auto daemon = agent();
+  ASSERT_EQ(at({"load", rules, "--wait", "--timeout", "60"}).status, 0);
+  daemon->signal(SIGKILL);
+  daemon->wait();
+  auto const waiting = start({"load", rules, "--wait", "--dir", tables()});
+  ASSERT_TRUE(eventually([&] { return waiting->err().ends_with("; waiting for it\n"); })) << waiting->err();
+  EXPECT_THAT(waiting->err(), StartsWith("vantrel: cannot reach the agent at " + tables() + "/mgmt.sock: "));
+  daemon = agent();
+  EXPECT_EQ(waiting->wait(), 0) << waiting->err();
+  EXPECT_THAT(waiting->out(), HasSubstr("and the table flushed"));
   stop(*daemon);
 }
 

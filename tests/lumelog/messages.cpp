@@ -27,7 +27,7 @@ namespace fs = std::filesystem;
 // How a call is written: which of its arguments is the level, and where the text starts.
 struct Form {
   std::string_view call;
-  enum class Kind { Ring, Facility, Entry, Assertion, Exception } kind;
+  enum class Kind { Ring, Facility, Entry, Assertion, Exception, Printed } kind;
   int level;    // argument number, -1: none
   int text;     // argument number
   int channel;  // argument number of the handle or the model file, -1: `fixed` says it
@@ -50,6 +50,7 @@ constexpr Form forms[] = {
     {"throw Pallo::NoPermissionException(", Form::Kind::Exception, -1, 0, -1, "Pallo::NoPermissionException"},
     {"throw Pallo::UnimplementedException(", Form::Kind::Exception, -1, 0, -1,
      "Pallo::UnimplementedException"},
+    {"fmt::print(", Form::Kind::Printed, -1, 1, -1, "stderr"},
 };
 
 // What the sources do not say of a message.
@@ -139,7 +140,17 @@ std::string replaced(std::string text, std::string_view what, std::string_view w
   return text;
 }
 
+// A format string with each argument where it goes.
+std::string printed(std::vector<std::string> const& parts, std::size_t format) {
+  std::string text = parts[format];
+  if (text.ends_with("\\n\"")) text.erase(text.size() - 3, 2);
+  text = unquoted(text);
+  for (std::size_t i = format + 1; i < parts.size(); ++i) text = replaced(text, "{}", "{" + parts[i] + "}");
+  return text;
+}
+
 std::string textOf(Form const& form, std::vector<std::string> const& parts) {
+  if (form.kind == Form::Kind::Printed) return printed(parts, static_cast<std::size_t>(form.text));
   if (form.kind == Form::Kind::Assertion) {
     std::string text;
     for (std::size_t i = static_cast<std::size_t>(form.text); i < parts.size(); ++i)
@@ -160,6 +171,7 @@ std::string channelOf(Form const& form, std::vector<std::string> const& parts) {
   if (form.kind == Form::Kind::Ring) return "trace file";
   if (form.kind == Form::Kind::Assertion) return "assertion, " + (isLiteral(name) ? unquoted(name) : name);
   if (form.kind == Form::Kind::Exception) return "exception, " + name;
+  if (form.kind == Form::Kind::Printed) return name;
   if (name == "vantrelSmTrace()") name = "VantrelSm";
   if (name == "vantrelImplTrace()") name = "VantrelImpl";
   if (name == "vantrelFastImplTrace()") name = "VantrelFastImpl";
@@ -215,6 +227,7 @@ void collect(fs::path const& path, std::string const& name, std::vector<Message>
       std::vector<std::string> const parts = arguments(text, at + form.call.size() - 1);
       // A wrapper that passes its own arguments on is not a message; its calls are.
       if (parts.back().ends_with("...") || parts.back() == "operation") continue;
+      if (form.kind == Form::Kind::Printed && parts.front() != form.fixed) continue;
       std::string const function = functionAround(text, at);
       std::string const said =
           replaced(textOf(form, parts), "{__func__}", function.substr(function.rfind(':') + 1));
@@ -319,11 +332,12 @@ std::string page(fs::path const& root) {
   std::ostringstream out;
   Notes notes = readNotes(root / "docs/messages.notes");
   out << "# Messages\n\n"
-         "Every message of the library, generated from its sources and `docs/messages.notes` by `ninja -C "
-         "build\n"
-         "messages`; a test fails when this page is not what they say. Values stand between braces as the "
-         "source names\n"
-         "them. One fatal condition can be reached from several places: each is a line.\n\n"
+         "Every message of the library, and what a waiting command says, generated from the sources and\n"
+         "`docs/messages.notes` by `ninja -C build messages`; a test fails when this page is not what they "
+         "say. Values\n"
+         "stand between braces as the source names them. One fatal condition can be reached from several "
+         "places: each\n"
+         "is a line.\n\n"
          "- *trace file*: a record of the ring-buffer file, in the ring of its level; `vantrel trace` shows "
          "it with the\n"
          "  engine's identifier before the text. Levels below 9 are for what is rare and must outlive the "
@@ -334,7 +348,8 @@ std::string page(fs::path const& root) {
          "- *assertion*: `assertion failed: TEXT, model file FILE, line N, function SIGNATURE` on stderr,\n"
          "  the same as the last record of the trace file at level 0, then the process aborts.\n"
          "- *exception*: the text of what is thrown. Only `Ostra::InternalException` is caught in the "
-         "library.\n";
+         "library.\n"
+         "- *stderr*: what `vantrel` says while it waits and goes on.\n";
   auto const add = [&](std::string const& title, std::vector<fs::path> const& files) {
     std::vector<Message> messages = messagesOf(root, files);
     annotate(messages, notes);
@@ -342,7 +357,9 @@ std::string page(fs::path const& root) {
   };
   for (std::string const room : {"core", "engine", "fast", "diag", "sm"})
     add("vantrel/" + room, sourcesIn(root / "vantrel" / room));
-  add("platform", {root / "platform/ostra/pod_array.cpp", root / "platform/shoal/reader_table.h"});
+  add("platform", {root / "platform/ostra/pod_array.cpp", root / "platform/ostra/pod_array.h",
+                   root / "platform/shoal/reader_table.h"});
+  add("apps/vantrel", {root / "apps/vantrel/awaiting.cpp", root / "apps/vantrel/verb_watch.cpp"});
   checkAllUsed(notes);
   return out.str();
 }
