@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <regex>
 
+#include "ostra/publish.h"
 #include "shoal/writer_table.h"
 #include "tests/ostra/raw_peer.h"
 #include "tests/support/process.h"
@@ -92,6 +93,8 @@ TEST_F(OperatorTest, AttrListsGetsSetsAndInvokes) {
   EXPECT_EQ("1\n", said({"attr", "get", "engine", "keyToHandle", "--key", "1"}));
   EXPECT_EQ("done\n", said({"attr", "invoke", "frontEnd", "handleEntryCollNotify"}));
   EXPECT_EQ("2\n", said({"attr", "get", "hardware", "flushes"})) << "one for the first walk, one for this";
+  EXPECT_EQ("65537\n", said({"attr", "invoke", "engine", "currentOpId", "1"}));
+  EXPECT_EQ("0\n", said({"attr", "invoke", "engine", "currentOpId", "2"}));
   EXPECT_EQ("1\n", said({"attr", "get", "flushStatus", "flushCounter"}));
 }
 
@@ -123,6 +126,12 @@ TEST_F(OperatorTest, WhatWouldBreakARunningEngineIsRefused) {
       {"attr", "set", "engine", "initialized", "false"},
       "initialized" + cannot + "a running engine that is not initialized would drop every key it is told of");
   EXPECT_THAT(run({"attr", "set", "frontEnd", "initialized", "false"}).err, HasSubstr("cannot be written: "));
+  expectRefused({"attr", "invoke", "engine", "keyToHandleDelAll"},
+                "keyToHandleDelAll of Vantrel::FastVantrelImpl cannot be invoked: the engine keeps who owns "
+                "which handle itself");
+  EXPECT_EQ("1\n", said({"attr", "get", "engine", "keyToHandle", "--key", "1"}));
+  expectRefused({"attr", "invoke", "debugStatus", "statusDelAll"},
+                "statusDelAll of Vantrel::DebugStatus cannot be invoked: the engine writes it");
   EXPECT_EQ("true\n", said({"attr", "get", "engine", "initialized"}));
   EXPECT_EQ("true\n", said({"attr", "get", "frontEnd", "initialized"}));
 }
@@ -210,6 +219,96 @@ TEST_F(OperatorTest, WatchRefusesAnEntityThatIsNotThereAndWaitsForThatOfASuccess
       << watch->out() << watch->err();
   want(3, 7, 30);
   ASSERT_TRUE(eventually([&] { return watch->out().find("keyToHandle[3] = 3\n") != std::string::npos; }));
+}
+
+// Two keys wait for position 6, which is free: one is too low for what lies before it, the other too high for
+// what lies behind; a third waits for a position that is held.
+TEST_F(OperatorTest, SnapshotSaysWhichNeighbourWouldBeOnTheWrongSide) {
+  want(1, 5, 10);
+  want(2, 8, 20);
+  start();
+  want(3, 6, 5);
+  want(4, 7, 25);
+  want(5, 5, 10);
+  auto const lines = [&] { return said({"snapshot", "--json"}); };
+  ASSERT_TRUE(eventually([&] {
+    std::string const text = lines();
+    return std::ranges::count(text, '\n') == 5;
+  })) << lines();
+  std::vector<std::string> rows;
+  std::istringstream in(lines());
+  for (std::string line; std::getline(in, line);) rows.push_back(line);
+  EXPECT_THAT(
+      rows,
+      ElementsAre(
+          R"({"position":5,"state":"programmed","key":1,"opId":65537})",
+          R"({"position":5,"state":"waiting","key":5,"opId":327685,"heldBy":1,)"
+          R"("why":"it waits for position 5, held by key 1, which is to stay there"})",
+          R"({"position":6,"state":"waiting","key":3,"opId":196611,"wrongSideOf":1,)"
+          R"("why":"it waits for position 6, which is free, but key 1 at position 5 would be on its wrong )"
+          R"(side"})",
+          R"({"position":7,"state":"waiting","key":4,"opId":262148,"wrongSideOf":2,)"
+          R"("why":"it waits for position 7, which is free, but key 2 at position 8 would be on its wrong )"
+          R"(side"})",
+          R"({"position":8,"state":"programmed","key":2,"opId":131074})"));
+  EXPECT_THAT(said({"snapshot"}),
+              HasSubstr("         6 waiting                       3               196611  it waits for "
+                        "position 6, which is free, but key 1 at position 5 would be on its wrong side\n"));
+}
+
+// The agent stands still while it is asked, and never answers; the one that takes its place does.
+TEST_F(OperatorTest, ASnapshotAskedOfAnAgentThatDiesIsTheSuccessors) {
+  want(1, 5, 10);
+  start();
+  agent->signal(SIGSTOP);
+  auto const asking = begin({"snapshot", "--json"});
+  auto const connected = [&] {
+    std::error_code ignored;
+    for (auto const& fd :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(asking->pid()) + "/fd", ignored))
+      if (std::filesystem::read_symlink(fd, ignored).string().starts_with("socket:")) return true;
+    return false;
+  };
+  ASSERT_TRUE(eventually(connected));
+  kill();
+  want(2, 6, 20);
+  start();
+  EXPECT_EQ(0, asking->wait()) << asking->err();
+  EXPECT_EQ(
+      "{\"position\":5,\"state\":\"programmed\",\"key\":1,\"opId\":65537}\n"
+      "{\"position\":6,\"state\":\"programmed\",\"key\":2,\"opId\":131074}\n",
+      asking->out());
+}
+
+// This one takes the question and goes before it answers. Its successor knows of no question.
+TEST_F(OperatorTest, ASnapshotThatAnAgentOwedWhenItWentIsTheSuccessors) {
+  want(1, 5, 10);
+  auto const config = debugConfigFactory("debugConfig");
+  auto owing = std::make_unique<Ostra::Publisher>(dir / "mgmt.sock");
+  owing->exportObject("debugConfig", config);
+  owing->exportObject("debugStatus", debugStatusFactory("debugStatus"));
+  auto const asking = begin({"snapshot", "--json"});
+  ASSERT_TRUE(eventually([&] {
+    owing->dispatch();
+    return config->version() == 1;
+  }));
+  owing.reset();
+  start();
+  EXPECT_EQ(0, asking->wait()) << asking->err();
+  EXPECT_EQ("{\"position\":5,\"state\":\"programmed\",\"key\":1,\"opId\":65537}\n", asking->out());
+}
+
+TEST_F(OperatorTest, WatchSaysThatAnEntityCannotBeWatched) {
+  want(1, 5, 10);
+  start();
+  for (char const* entity : {"frontEnd", "configTable", "statusTable"}) {
+    Ended const ended = run({"watch", entity});
+    EXPECT_EQ(1, ended.status);
+    EXPECT_EQ("", ended.out);
+    EXPECT_EQ("vantrel: " + std::string(entity) +
+                  " does not tell its changes and cannot be mounted; read it instead\n",
+              ended.err);
+  }
 }
 
 TEST_F(OperatorTest, BadLinesDoTheAgentNoHarm) {
