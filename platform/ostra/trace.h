@@ -48,9 +48,10 @@ class VANTREL_API TraceHandle {
   void levelIs(int level);
   bool enabled(int level) { return level <= level_ && (level_ != unused || level <= firstUse()); }
 
-  // One line made of the arguments, printed one behind the other.
+  // One line made of the arguments, printed one behind the other. Apart from its caller, who has mostly
+  // nothing to say and should save no register for it.
   template <class... Args>
-  void write(int level, Args const&... args) const {
+  [[gnu::noinline, gnu::cold]] void write(int level, Args const&... args) const {
     std::ostringstream line;
     line << std::boolalpha;
     (line << ... << printable(args));

@@ -39,7 +39,11 @@ class FastVantrelImpl::Visited {
 };
 
 void FastVantrelImpl::checkDeadlock() {
-  if (state()->blocked.empty()) return;
+  if (!state()->blocked.empty()) checkBlocked();
+}
+
+// Apart from the test for it, which mostly says no.
+[[gnu::noinline]] void FastVantrelImpl::checkBlocked() {
   VANTREL_TRACE(vantrelFastImplTrace(), 7, "checking deadlock");
   Visited visited;
   while (!state()->blocked.empty()) {

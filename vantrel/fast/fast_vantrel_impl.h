@@ -110,6 +110,7 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   void wakeRange(U16 pg, Range range);
 
   // workq.cpp
+  void retryNext();
   void retry(EntryKey const& key);
 
   // deletes.cpp
@@ -121,6 +122,7 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
 
   // deadlock.cpp
   class Visited;
+  void checkBlocked();
   bool closesRing(EntryKey const& start, Visited& visited);
   bool claimsComeBack(CState_s& c);
   bool claimsMeet(CState_s const& c) const;

@@ -32,16 +32,19 @@ void FastState::queue(CState_s const& waiter) {
 void FastVantrelImpl::processPending() {
   FAST_ASSERT(initialized());
   VANTREL_TRACE(vantrelFastImplTrace(), 8, __func__);
-  while (!state()->workq.empty()) {
-    EntryKey const key = state()->workq.front();
-    state()->workq.pop_front();
-    bool const removed = state()->workqSet.remove(key.value());
-    FAST_ASSERT_AS(removed, "rc");
-    VANTREL_TRACE(vantrelFastImplTrace(), 8, "trying pending ", key);
-    momentPassed();
-    VANTREL_RECORD(9, lgId(), "pending key:", key);
-    retry(key);
-  }
+  while (!state()->workq.empty()) retryNext();
+}
+
+// Apart from its loop, which mostly does not begin.
+[[gnu::noinline]] void FastVantrelImpl::retryNext() {
+  EntryKey const key = state()->workq.front();
+  state()->workq.pop_front();
+  bool const removed = state()->workqSet.remove(key.value());
+  FAST_ASSERT_AS(removed, "rc");
+  VANTREL_TRACE(vantrelFastImplTrace(), 8, "trying pending ", key);
+  momentPassed();
+  VANTREL_RECORD(9, lgId(), "pending key:", key);
+  retry(key);
 }
 
 // Until the retry has made or ended it, the claim may stand on a position that nobody holds; when the retry
