@@ -240,7 +240,7 @@ TEST_F(Page, SaysWhichBlockIsNext) {
   };
   auto const fill = [&] {
     for (std::size_t i = 0; i < recordsABlock; ++i)
-      log->record(site, 7, "handling key:", U64{i}, " hdl:", U32{33});
+      log->record<9>(site, 7, "handling key:", U64{i}, " hdl:", U32{33});
     return sequences();
   };
   EXPECT_EQ(fill(), std::pair(U64{1}, U64{0}));

@@ -367,38 +367,86 @@ TEST(Notification, AHandlerThatThrowsCostsNoLaterNotification) {
   EXPECT_FALSE(readable(reader->fd()));
 }
 
-// A writer without a descriptor to spare meets the watcher as soon as it has one again.
+// No more descriptors for this process than it has, and `more`, while it lives.
+class FewDescriptors {
+ public:
+  explicit FewDescriptors(int more) {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    int const lowestFree = dup(0);
+    close(lowestFree);
+    rlimit const few{static_cast<rlim_t>(lowestFree + more), before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+  }
+  ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_{};
+};
+
+// A writer meets the watcher as soon as it has the descriptors for it, whichever of them it lacked: to list
+// the directory, to connect, for the page, for the event.
 TEST(Notification, AWriterShortOfDescriptorsMeetsItsWatcherLater) {
+  for (int spare = 0; spare < 3; ++spare) {
+    Directory dir;
+    Writer writer(dir / "t");
+    int more[2];  // tells the parent to go on
+    ASSERT_EQ(pipe(more), 0);
+    pid_t const child = fork();
+    if (child == 0) {
+      auto const watch = Ostra::make<Reader>(dir / "t");
+      Watcher watcher;
+      watcher.notifierIs(Ostra::Ptr<Shoal::Table<Config> const>(watch.get()));
+      watcher.hasNotificationActiveIs(true);
+      settle(*watch);
+      if (write(more[1], "w", 1) != 1) _exit(2);
+      for (int i = 0; i < 50 && !watcher.seen.contains(2); ++i) settle(*watch, 100);
+      _exit(watcher.seen.contains(1) && watcher.seen.contains(2) ? 0 : 1);
+    }
+    char byte;
+    ASSERT_EQ(read(more[0], &byte, 1), 1);
+    {
+      FewDescriptors const few(spare);
+      writer.entryIs(record(1, 1));
+    }
+    usleep(50000);
+    writer.entryIs(record(2, 1));
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << spare;
+    close(more[0]);
+    close(more[1]);
+  }
+}
+
+// A reader that cannot open the file that replaced its own says so, and follows when it can.
+TEST(Notification, AReaderShortOfDescriptorsFollowsLater) {
   Directory dir;
-  Writer writer(dir / "t");
-  int more[2];  // tells the child to go on
-  ASSERT_EQ(pipe(more), 0);
+  { Writer(dir / "t").entryIs(record(1, 1)); }
+  Watched w(dir / "t");
+  settle(*w.reader, 10);
+  int done[2];
+  ASSERT_EQ(pipe(done), 0);
   pid_t const child = fork();
   if (child == 0) {
-    auto const watch = Ostra::make<Reader>(dir / "t");
-    Watcher watcher;
-    watcher.notifierIs(Ostra::Ptr<Shoal::Table<Config> const>(watch.get()));
-    watcher.hasNotificationActiveIs(true);
-    settle(*watch);
-    if (write(more[1], "w", 1) != 1) _exit(2);
-    for (int i = 0; i < 50 && !watcher.seen.contains(2); ++i) settle(*watch, 100);
-    _exit(watcher.seen.contains(1) && watcher.seen.contains(2) ? 0 : 1);
+    Writer writer(dir / "t", {.replace = true});
+    writer.entryIs(record(2, 1));
+    if (write(done[1], "w", 1) != 1) _exit(2);
+    pause();
   }
   char byte;
-  ASSERT_EQ(read(more[0], &byte, 1), 1);
-  rlimit before{};
-  getrlimit(RLIMIT_NOFILE, &before);
-  rlimit const none{3, before.rlim_max};
-  setrlimit(RLIMIT_NOFILE, &none);
-  writer.entryIs(record(1, 1));
-  setrlimit(RLIMIT_NOFILE, &before);
-  usleep(50000);
-  writer.entryIs(record(2, 1));
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
-  close(more[0]);
-  close(more[1]);
+  ASSERT_EQ(read(done[0], &byte, 1), 1);
+  {
+    FewDescriptors const few(0);
+    for (int i = 0; i < 3; ++i) w.reader->dispatch();
+    EXPECT_EQ(w.watcher.seen, (std::map<U64, U64>{{1, 1}}));
+    EXPECT_THAT(w.reader->lastCorruption(), testing::HasSubstr("cannot be opened"));
+  }
+  settle(*w.reader, 10);
+  EXPECT_EQ(w.watcher.seen, (std::map<U64, U64>{{2, 1}}));
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  close(done[0]);
+  close(done[1]);
 }
 
 }  // namespace
