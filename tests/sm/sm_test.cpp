@@ -29,11 +29,15 @@ class KeyEngine : public VantrelImpl {
     if (internal.contains(key.value())) throw Ostra::InternalException("Failed to program dependant tables");
     if (other.contains(key.value())) throw std::runtime_error("other");
   }
-  void handleDebug() override { ++debugs; }
+  void handleDebug() override {
+    ++debugs;
+    if (onDebug) onDebug();
+  }
   std::vector<U64> take() { return std::exchange(keys, {}); }
   std::vector<U64> keys;
   std::set<U64> internal, other;
   std::function<void(U64)> onKey;
+  std::function<void()> onDebug;
   int debugs = 0;
 };
 
@@ -141,8 +145,12 @@ TEST_F(FrontEnd, WithoutInputsItIsInert) {
   EXPECT_EQ(flushStatus->flushCounter(), 0);
   tell(1);
   debugConfig->versionInc(1);
+  sm->handleEntryCollNotify();
   EXPECT_THAT(keyEngine->take(), IsEmpty());
   EXPECT_EQ(keyEngine->debugs, 0);
+  EXPECT_THAT(client->take(), IsEmpty()) << "there was nothing to walk";
+  EXPECT_FALSE(sm->initialFlushed());
+  EXPECT_EQ(flushStatus->flushCounter(), 0);
 }
 
 TEST_F(FrontEnd, KeyNotificationReachesTheEngine) {
@@ -218,6 +226,61 @@ TEST_F(FrontEnd, SwitchedOffItHearsNothingAndSwitchingOnWalksOnce) {
   EXPECT_THAT(client->take(), ElementsAre("flush"));
   sm->hasNotificationActiveIs(true);
   EXPECT_THAT(client->take(), IsEmpty());
+}
+
+TEST_F(FrontEnd, AWatcherMadeWhileSwitchedOffIsOffToo) {
+  create();
+  sm->hasNotificationActiveIs(false);
+  sm->tableConfigDel();
+  sm->tableConfigIs(table);
+  sm->debugConfigDel();
+  sm->debugConfigIs(debugConfig);
+  sm->retryFailedTimerDel();
+  sm->retryFailedTimerIs(wheel);
+  EXPECT_EQ(std::exchange(keyEngine->debugs, 0), 1) << "an input that is set is handled at once";
+  tell(1);
+  table->notifyEntryColl();
+  debugConfig->versionInc(1);
+  sm->doScheduleRetry(EntryKey(7));
+  wheel->advance(20);
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+  EXPECT_EQ(keyEngine->debugs, 0);
+  sm->hasNotificationActiveIs(true);
+  wheel->advance(1);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1, 7));
+}
+
+// Setting it walks it, but what comes until notification is on again is missed.
+TEST_F(FrontEnd, ATableSetWhileSwitchedOffIsOwedOneWalk) {
+  create();
+  sm->hasNotificationActiveIs(false);
+  auto const other = make<Shoal::LocalTable<EntryConfig>>("other");
+  for (bool const made : {false, true}) {
+    if (made) sm->tableConfigDel();
+    sm->tableConfigIs(made ? table : other);
+    client->take();
+    keyEngine->take();
+    (made ? table : other)->entryIs(config({.key = 5, .ti = 5}));
+    EXPECT_THAT(keyEngine->take(), IsEmpty());
+    sm->hasNotificationActiveIs(true);
+    EXPECT_THAT(keyEngine->take(), ElementsAre(5)) << made;
+    EXPECT_THAT(client->take(), ElementsAre("flush")) << made;
+    sm->hasNotificationActiveIs(true);
+    EXPECT_THAT(client->take(), IsEmpty()) << made;
+    sm->hasNotificationActiveIs(false);
+  }
+}
+
+TEST_F(FrontEnd, ATableSetWhileMarkedForDeletionIsOwedItsWalk) {
+  create();
+  client->take();
+  sm->markedForDeletionIs(true);
+  sm->tableConfigIs(make<Shoal::LocalTable<EntryConfig>>("other"));
+  sm->hasNotificationActiveIs(true);
+  EXPECT_THAT(client->take(), IsEmpty());
+  sm->markedForDeletionIs(false);
+  sm->hasNotificationActiveIs(true);
+  EXPECT_THAT(client->take(), ElementsAre("flush"));
 }
 
 TEST_F(FrontEnd, MarkedForDeletionItIgnoresEveryNotificationAndReactorsInheritTheMark) {
@@ -353,6 +416,26 @@ TEST_F(FrontEnd, DamageInAWalkIsReportedAndTheWalkCountsAsComplete) {
   EXPECT_THAT(client->take(), ElementsAre("flush"));
   EXPECT_EQ(flushStatus->flushCounter(), 1);
   EXPECT_TRUE(sm->initialFlushed());
+}
+
+TEST_F(FrontEnd, OnlyDamageIsTheTablesOwnToReport) {
+  class BrokenWalk : public Shoal::LocalTable<EntryConfig> {
+   public:
+    std::optional<Place> next(Place const&) const override {
+      if (isSize) throw Pallo::InvalidSizeException("too large");
+      throw std::runtime_error("not damage");
+    }
+    bool isSize = false;
+  };
+  auto const broken = make<BrokenWalk>();
+  broken->entryQuietlyIs(config({.key = 5, .ti = 5}));
+  EXPECT_NO_THROW(create());
+  client->take();
+  EXPECT_THROW(sm->tableConfigIs(broken), std::runtime_error);
+  broken->isSize = true;
+  EXPECT_THROW(broken->notifyEntryColl(), Pallo::InvalidSizeException);
+  EXPECT_EQ(broken->corruptions(), 0U);
+  EXPECT_THAT(client->take(), IsEmpty()) << "a walk that was broken off is not flushed";
 }
 
 TEST_F(FrontEnd, HandlersAreTracedWithSignatureModelFileLineAndName) {
@@ -664,25 +747,65 @@ TEST_F(FrontEnd, AProducerThatAnswersTheTableCounterDuringConstructionIsHeardByT
   EXPECT_EQ(keyEngine->debugs, 0) << "inert until the constructor is through";
 }
 
+// Called directly, by somebody who holds no reference of his own: the front end lives to the handler's end,
+// and no longer.
 TEST_F(FrontEnd, TheLastReferenceMayGoInsideAnyHandler) {
   write({.key = 1, .ti = 1});
   write({.key = 2, .ti = 2});
-  create();
-  keyEngine->take();
-  keyEngine->onKey = [this](U64) { sm = nullptr; };
-  VantrelSm& walked = *sm;
-  walked.handleEntry();
-  EXPECT_THAT(keyEngine->take(), testing::UnorderedElementsAre(1, 2));
+  std::vector<U32> held;  // references to the flush status when the engine is called
+  U32 const unheld = flushStatus->references();
+  auto const letGo = [&] {
+    sm = nullptr;
+    held.push_back(flushStatus->references() - unheld);
+  };
+  auto const tryOut = [&](char const* what, std::vector<U32> const& expected, auto call) {
+    keyEngine->onKey = nullptr;
+    keyEngine->onDebug = nullptr;
+    create();
+    sm->failedKeyIs(EntryKey(1), true);
+    sm->failedKeyIs(EntryKey(2), true);
+    keyEngine->onKey = [&](U64) { letGo(); };
+    keyEngine->onDebug = letGo;
+    call(*sm);
+    EXPECT_EQ(std::exchange(held, {}), expected) << what;
+    EXPECT_EQ(flushStatus->references(), unheld) << what;
+  };
+  tryOut("one key", {1}, [](VantrelSm& called) { called.handleEntry(EntryKey(1)); });
+  tryOut("a walk", {1, 1}, [](VantrelSm& called) { called.handleEntry(); });
+  tryOut("a walk by name", {1, 1}, [](VantrelSm& called) { called.handleEntryCollNotify(); });
+  tryOut("a retry pass", {1, 1}, [](VantrelSm& called) { called.handleRetry(); });
+  tryOut("a debug request", {1}, [](VantrelSm& called) { called.handleDebug(); });
+}
 
-  keyEngine->onKey = nullptr;
+// The walk is the table's watcher's; the timer's is switched on after it, and asks for the wake-up it missed.
+TEST_F(FrontEnd, TheLastReferenceMayGoInTheWalkAtSwitchingOn) {
+  class Asked : public Keel::VirtualWheel {
+   public:
+    std::function<void()> onAsked;
+
+   private:
+    void earliestChanged() const override {
+      if (onAsked) onAsked();
+    }
+  };
+  write({.key = 1, .ti = 1});
+  auto const asked = make<Asked>();
+  wheel = asked;
+  U32 const unheld = flushStatus->references();
   create();
-  sm->failedKeyIs(EntryKey(1), true);
-  sm->failedKeyIs(EntryKey(2), true);
-  keyEngine->take();
+  sm->doScheduleRetry(EntryKey(1));
+  sm->hasNotificationActiveIs(false);
+  wheel->advance(20);
   keyEngine->onKey = [this](U64) { sm = nullptr; };
-  VantrelSm& retried = *sm;
-  retried.handleRetry();
-  EXPECT_THAT(keyEngine->take(), ElementsAre(1, 2));
+  std::vector<std::optional<double>> wakeUps;
+  asked->onAsked = [&] {
+    wakeUps.push_back(wheel->earliest());
+    EXPECT_EQ(flushStatus->references(), unheld + 1);
+  };
+  VantrelSm& switched = *sm;
+  switched.hasNotificationActiveIs(true);
+  EXPECT_THAT(wakeUps, ElementsAre(20.0, std::nullopt)) << "asked for, then dropped with the front end";
+  EXPECT_EQ(flushStatus->references(), unheld);
 }
 
 TEST_F(FrontEnd, AWalkThatThrewAtSwitchingOnIsStillOwed) {

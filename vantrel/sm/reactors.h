@@ -19,7 +19,6 @@ template <class NotifieeT, class Input>
 class VantrelSm::Reactor : public NotifieeT, public Ostra::PtrInterface {
  public:
   Reactor(VantrelSm* owner, Ostra::Ptr<Input> input) : owner_(owner) {
-    this->markedForDeletionIs(owner->marked_);
     this->notifierIs(std::move(input));
   }
   void ownerIsGone() {

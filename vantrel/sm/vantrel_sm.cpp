@@ -78,13 +78,12 @@ template <class ReactorT, class Input>
 void VantrelSm::inputIs(Ostra::Ptr<ReactorT>& reactor, Ostra::Ptr<Input> input) {
   if (!input) return drop(reactor);
   if (reactor && reactor->notifier() == input) return;
-  if (reactor) {
+  if (reactor)
     reactor->notifierIs(std::move(input));
-    reactor->markedForDeletionIs(marked_);
-  } else {
+  else
     reactor = makeReactor<ReactorT>(std::move(input));
-    reactor->Ostra::NotifieeBase::hasNotificationActiveIs(notificationActive_);
-  }
+  reactor->markedForDeletionIs(marked_);
+  reactor->Ostra::NotifieeBase::hasNotificationActiveIs(notificationActive_);
   Ostra::Ptr<ReactorT> const keep = reactor;
   keep->inputReplaced();
 }
@@ -178,6 +177,7 @@ void VantrelSm::handleInitialized() {
 void VantrelSm::handleDebug() {
   SM_TRACE_ENTRY("handleDebug");
   if (!initialized()) return;
+  auto const keep = Ostra::keepAlive(this);
   vantrelImpl()->handleDebug();
 }
 

@@ -117,7 +117,7 @@ class VANTREL_API VantrelSm : public Ostra::Described {
   void walk(TableConfig const& table);
   void firstFlushDone();
 
-  // What a reactor takes over when it is made.
+  // What a reactor takes over when it is made or re-pointed.
   bool notificationActive_ = true;
   bool marked_ = false;
   // In the order of construction; destruction releases them in reverse.
