@@ -182,6 +182,46 @@ TYPED_TEST(Contract, inactiveAndMarkedOnesSleepOn) {
   EXPECT_THAT(this->log_, IsEmpty());
 }
 
+TYPED_TEST(Contract, whatCameWhileSwitchedOffComesOnceItIsSwitchedOn) {
+  auto const a = this->sleeper(1);
+  a->timeMinIs(this->in(0.005));
+  a->hasNotificationActiveIs(false);
+  this->time_.pass(0.02);
+  a->hasNotificationActiveIs(true);
+  this->time_.pass(0.02);
+  EXPECT_THAT(this->log_, ElementsAre(1));
+  a->hasNotificationActiveIs(false);
+  a->hasNotificationActiveIs(true);
+  this->time_.pass(0.02);
+  EXPECT_THAT(this->log_, ElementsAre(1)) << "it was missed once";
+}
+
+TYPED_TEST(Contract, pointedElsewhereItForgetsWhatItMissed) {
+  auto const a = this->sleeper(1);
+  a->timeMinIs(this->in(0.005));
+  a->hasNotificationActiveIs(false);
+  this->time_.pass(0.02);
+  a->notifierIs(nullptr);
+  a->notifierIs(this->time_.wheel);
+  a->hasNotificationActiveIs(true);
+  EXPECT_FALSE(a->timeMin());
+  this->time_.pass(0.02);
+  EXPECT_THAT(this->log_, IsEmpty());
+}
+
+TYPED_TEST(Contract, askingAgainReplacesWhatWasMissed) {
+  auto const a = this->sleeper(1);
+  a->timeMinIs(this->in(0.005));
+  a->hasNotificationActiveIs(false);
+  this->time_.pass(0.02);
+  double const later = this->in(60);
+  a->timeMinIs(later);
+  a->hasNotificationActiveIs(true);
+  EXPECT_EQ(a->timeMin(), later);
+  this->time_.pass(0.02);
+  EXPECT_THAT(this->log_, IsEmpty());
+}
+
 TEST(VirtualWheel, timeStandsStillBetweenAdvances) {
   auto const wheel = Ostra::make<VirtualWheel>(5.0);
   EXPECT_EQ(Ostra::now(), 5.0);
