@@ -112,6 +112,74 @@ TEST_F(DebugRequest, AWatcherThatThrowsLeavesTheRequestUnansweredUntilTheNextCha
   EXPECT_EQ(debugStatus->status().size(), 1U);
 }
 
+// The inner request is answered whole, and then the outer goes on with what it had begun: its version is the
+// last that is written, so the inner request counts as unanswered until the trigger changes again.
+TEST_F(DebugRequest, ARequestFromInsideASnapshotIsAnsweredAndThenTakenBack) {
+  class Asking : public Order {
+   public:
+    void onPending(U32 const& ti) override {
+      Order::onPending(ti);
+      askOnce(Moment::emptying);
+    }
+    void onStatus(U32 const& ti) override {
+      Order::onStatus(ti);
+      askOnce(Moment::filling);
+    }
+    void onVersion() override { versions.push_back(notifier()->version()); }
+    enum class Moment { never, emptying, filling } moment = Moment::never;
+    std::function<void()> ask;
+    std::vector<U32> versions;
+
+   private:
+    void askOnce(Moment now) {
+      if (moment == now && std::exchange(moment, Moment::never) == now) ask();
+    }
+  };
+  auto const sm = vantrelSmFactory(table, status, debugConfig, debugStatus, engine, nullptr, nullptr);
+  put({.key = 1, .ti = 1});
+  put({.key = 2, .ti = 2});
+  put({.key = 3, .ti = 1});
+  debugConfig->versionIs(1);
+  Asking watcher;
+  watcher.notifierIs(debugStatus);
+  watcher.ask = [this] { debugConfig->versionInc(1); };
+  auto const whole = [this](U32 version) {
+    EXPECT_EQ(debugStatus->version(), version);
+    EXPECT_THAT(debugStatus->pending(), UnorderedElementsAre(Pair(1, EntryKey(3))));
+    EXPECT_THAT(debugStatus->pendingOpId(), testing::SizeIs(1));
+    EXPECT_THAT(debugStatus->status(), UnorderedElementsAre(Pair(1, EntryKey(1)), Pair(2, EntryKey(2))));
+    EXPECT_THAT(debugStatus->statusOpId(), testing::SizeIs(2));
+  };
+  for (auto const moment : {Asking::Moment::filling, Asking::Moment::emptying}) {
+    U32 const asked = debugConfig->version() + 1;
+    watcher.moment = moment;
+    watcher.versions.clear();
+    debugConfig->versionIs(asked);
+    EXPECT_THAT(watcher.versions, ElementsAre(asked + 1, asked));
+    EXPECT_EQ(debugConfig->version(), asked + 1) << "not answered, and nothing is under way that would";
+    whole(asked);
+    debugConfig->versionInc(1);
+    whole(asked + 2);
+  }
+}
+
+// Without a front end nobody hears of it: what is answered is what was read at the beginning.
+TEST_F(DebugRequest, ARequestFromInsideASnapshotThatNobodyHearsWaitsForTheNextCall) {
+  class Asking : public DebugStatus::Notifiee {
+   public:
+    void onStatus(U32 const&) override { ask(); }
+    std::function<void()> ask;
+  };
+  put({.key = 1, .ti = 1});
+  Asking watcher;
+  watcher.notifierIs(debugStatus);
+  watcher.ask = [this] { debugConfig->versionIs(9); };
+  request(1);
+  EXPECT_EQ(debugStatus->version(), 1U);
+  engine->handleDebug();
+  EXPECT_EQ(debugStatus->version(), 9U);
+}
+
 TEST_F(DebugRequestDeathTest, WithoutTheDebugEntitiesItsAssertionsFail) {
   auto const noConfig = make<FastVantrelImpl>("e", table, nullptr, debugStatus, client, 1U);
   EXPECT_DEATH(noConfig->handleDebug(),
