@@ -150,6 +150,7 @@ int Agent::run() {
     } catch (Shoal::FileException const&) {
       throw;  // the configuration table cannot be mounted
     } catch (std::exception const& e) {
+      if (config_ && !frontEnd_) throw;  // the first walk failed: nobody would hear of the table
       say(stderr, "{}", e.what());
     }
     sayDamage();

@@ -8,8 +8,8 @@
 //   DIR/status.shoal is empty at the start: what this agent has not programmed is not acknowledged.
 // Ownership: owns everything.
 // Threading: run() is the one thread.
-// Errors: what stands in the way of a start is thrown, one sentence each. At work, what one key's handling
-//   throws is said on stderr and the loop goes on.
+// Errors: what stands in the way of a start, the first walk of the table included, is thrown, one sentence
+//   each. At work, what one key's handling throws is said on stderr and the loop goes on.
 #pragma once
 
 #include <boost/asio/io_context.hpp>

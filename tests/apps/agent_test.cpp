@@ -206,6 +206,40 @@ TEST_F(AgentProcess, ATableThatIsNoneIsSaidInOneSentence) {
   EXPECT_EQ(std::ranges::count(agent->err(), '\n'), 1);
 }
 
+// A limit on a file's size stands for the full file system: the statuses cannot all be written. Whether the
+// table was there first or the agent, one that cannot follow it does not stay.
+TEST_F(AgentProcess, AFirstWalkThatFailsEndsItWithTheReason) {
+  auto const startCramped = [&] {
+    std::string const n = std::to_string(++started);
+    return std::make_unique<Process>(
+        std::vector<std::string>{"/bin/sh", "-c",
+                                 "trap '' XFSZ; ulimit -f 2048; LUMELOG_DISABLE=1 exec \"$0\" --dir \"$1\"",
+                                 VANTREL_BIN_DIR "/vantreld", dir.path()},
+        dir / ("out" + n), dir / ("err" + n));
+  };
+  auto const waiting = startCramped();
+  ASSERT_TRUE(eventually([&] { return waiting->out().find("waiting for") != std::string::npos; }))
+      << waiting->err();
+  {
+    auto const made = Ostra::make<ConfigWriter>(dir / "made", Shoal::WriterOptions{});
+    for (U64 key = 1; key <= 60000; ++key) made->entryIs(entry(key, static_cast<U32>(key)));
+  }
+  std::filesystem::rename(dir / "made", dir / "config.shoal");
+  ASSERT_TRUE(eventually([&] { return waiting->err().find("cannot grow") != std::string::npos; }))
+      << waiting->err();
+  auto const ended = [](Process const& agent) {
+    return contents("/proc/" + std::to_string(agent.pid()) + "/stat").find(") Z ") != std::string::npos;
+  };
+  ASSERT_TRUE(eventually([&] { return ended(*waiting); }, 10)) << "it goes on without a table";
+  auto const late = startCramped();
+  EXPECT_EQ(late->wait(), 1);
+  EXPECT_EQ(waiting->wait(), 1);
+  for (auto const& agent : {&waiting, &late}) {
+    EXPECT_THAT((*agent)->err(), HasSubstr("status.shoal: the table cannot grow"));
+    EXPECT_EQ(std::ranges::count((*agent)->err(), '\n'), 1);
+  }
+}
+
 TEST_F(AgentProcess, RecordsThatWouldStopTheEngineAreReportedAndReadAsEmpty) {
   auto const agent = startReady({"--size", "1000"});
   auto const table = producer();
