@@ -75,9 +75,37 @@ void info(Request const& request) {
   print(facts(view), request.json);
 }
 
+// What only who knows the record type can tell of a record that is otherwise whole.
+template <class R>
+void checkRecords(Shoal::TableView& view, std::vector<std::string>& damage) {
+  using Traits = Shoal::RecordTraits<R>;
+  try {
+    for (auto place = view.walk(0); place; place = view.walk(place->hint)) {
+      try {
+        std::byte const* const image = view.read(place->key);
+        if (!image) continue;
+        U64 const key = Traits::key(Traits::decode(image)).value();
+        if (key != place->key)
+          damage.push_back(fmt::format("the record of key {} carries key {}", place->key, key));
+      } catch (Pallo::InvalidSizeException const& error) {
+        std::string const text = error.what();
+        damage.push_back(fmt::format("the record of key {}: {}", place->key, text.substr(0, text.find('\n'))));
+      } catch (Pallo::CorruptionDetectedException const&) {
+        continue;  // the inspection has met it too
+      }
+    }
+  } catch (Pallo::CorruptionDetectedException const&) {
+    return;
+  }
+}
+
 void check(Request const& request) {
   Shoal::TableView view = open(request.file);
-  Shoal::Inspection const found = Shoal::inspect(view);
+  Shoal::Inspection found = Shoal::inspect(view);
+  if (view.typeName() == Shoal::RecordTraits<EntryConfig>::typeName)
+    checkRecords<EntryConfig>(view, found.damage);
+  else if (view.typeName() == Shoal::RecordTraits<EntryStatus>::typeName)
+    checkRecords<EntryStatus>(view, found.damage);
   if (!request.json) {
     for (std::string const& text : found.damage) fmt::print("damaged: {}\n", text);
     for (std::string const& text : found.unfinished) fmt::print("half-done: {}\n", text);
@@ -120,7 +148,7 @@ void dumpRecords(Shoal::TableView& view) {
     for (auto place = view.walk(0); place; place = view.walk(place->hint)) {
       try {
         R const record = Shoal::recordOf<R>(view, typename Shoal::RecordTraits<R>::Key(place->key));
-        if (record == Shoal::RecordTraits<R>::empty()) continue;  // removed meanwhile
+        if (record == Shoal::RecordTraits<R>::empty() && !view.contains(place->key)) continue;
         fmt::print("{}\n", toJson(record).dump());
       } catch (Pallo::Exception const& error) {
         complain(error.what());

@@ -41,7 +41,10 @@ int takeOver(int socket, bool& ended) {
   ended = bytes == 0 || (bytes < 0 && errno != EAGAIN && errno != EINTR);
   if (bytes != 1) return -1;
   cmsghdr const* const rights = CMSG_FIRSTHDR(&message.header);
-  if (!rights || rights->cmsg_type != SCM_RIGHTS || rights->cmsg_len != CMSG_LEN(sizeof(int))) return -1;
+  if (!rights || rights->cmsg_type != SCM_RIGHTS || rights->cmsg_len != CMSG_LEN(sizeof(int))) {
+    ended = true;
+    return -1;
+  }
   int descriptor;
   std::memcpy(&descriptor, CMSG_DATA(rights), sizeof descriptor);
   return descriptor;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "shoal/mount.h"
 
+#include <atomic>
 #include <boost/unordered/unordered_flat_set.hpp>
 #include <utility>
 #include <vector>
@@ -38,21 +39,23 @@ void Mount::openFile() {
   position_ = head;
 }
 
-// The file may have been replaced between its mounting and the beginning of the watch.
+// Between its mounting and the beginning of the watch the file may have been replaced, and its writer may
+// have died.
 int Mount::fd() {
   if (!watch_) {
     watch_ = std::make_unique<Watch>(path_);
     followOwed_ = true;
+    writerWent_ = true;
   }
   return watch_->fd();
 }
 
+// What is found is known. What is found absent stays known: whoever looked may not be the one who believes in
+// it, and is told of its removal.
 void Mount::lookedUp(U64 key, bool present) {
-  lookedUp_ = key;
-  if (present)
-    known_->insert(key);
-  else
-    known_->erase(key);
+  if (present) known_->insert(key);
+  for (Telling* told = telling_; told; told = told->outer)
+    if (told->key == key) (present ? told->present : told->absent) = true;
 }
 
 bool Mount::mend() { return mapping_->cutShort() && mapping_->mend(view_->extent()); }
@@ -80,6 +83,7 @@ void Mount::dispatchSlice() {
   bool more = deliver();
   if (!more) {
     watch_->asleepIs(true);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
     auto const head = readHead();
     more = head && *head != position_;
     if (more) watch_->asleepIs(false);
@@ -128,7 +132,10 @@ bool Mount::deliver() {
 
 bool Mount::deliverNext(U64 head) {
   bool const inRing = position_ < head && head - position_ < view_->header().ringEntries;
-  auto const key = inRing ? view_->changedKey(position_) : std::nullopt;
+  auto key = inRing ? view_->changedKey(position_) : std::nullopt;
+  // Whose place was taken meanwhile is not the key it was.
+  auto const since = readHead();
+  if (!since || *since - position_ >= view_->header().ringEntries) key.reset();
   if (!key) {
     fellBehind(head);
     return readHead() != position_;
@@ -174,21 +181,26 @@ void Mount::tellOfTheVanished() {
   }
 }
 
-// A watcher that looks the key up says so; otherwise it is to be found out whether there is still something
-// of the key's to be told of.
 void Mount::tell(U64 key) {
-  lookedUp_.reset();
+  Telling told{key, telling_};
+  telling_ = &told;
   try {
     sink_.changed(key);
   } catch (...) {
-    learn(key);
+    learn(told);
     throw;
   }
-  learn(key);
+  learn(told);
 }
 
-void Mount::learn(U64 key) {
-  if (lookedUp_ != key) lookedUp(key, view_->contains(key));
+// A key that every watcher who looked found absent is nobody's any more. Where nobody looked, the mount does.
+void Mount::learn(Telling const& told) {
+  telling_ = told.outer;
+  if (told.present) return;
+  if (told.absent || !view_->contains(told.key))
+    known_->erase(told.key);
+  else
+    known_->insert(told.key);
 }
 
 }  // namespace Shoal

@@ -46,14 +46,14 @@ class VANTREL_API Mount {
   int fd();
   // Handles what made the descriptor readable, a slice at a time.
   void dispatch();
-  // A watcher's walk or look-up found this key, or found it absent: it may have come back since its removal
-  // was told of.
+  // A walk or a look-up found this key, or found it absent.
   void lookedUp(U64 key, bool present);
   // The file was cut short; true when it has its length again and was mapped anew.
   bool mend();
 
  private:
   class KnownKeys;
+  struct Telling;
   void openFile();
   void dispatchSlice();
   void follow();
@@ -64,7 +64,7 @@ class VANTREL_API Mount {
   void tellWhole();
   void tellOfTheVanished();
   void tell(U64 key);
-  void learn(U64 key);
+  void learn(Telling const& told);
   void lookAhead(U64 head);
   std::optional<U64> readHead();
 
@@ -75,7 +75,14 @@ class VANTREL_API Mount {
   std::unique_ptr<TableView> view_;
   std::unique_ptr<Watch> watch_;
   std::unique_ptr<KnownKeys> known_;
-  std::optional<U64> lookedUp_;  // the last key, since the last notification
+  // A key while its watchers are told of it, and what they found.
+  struct Telling {
+    U64 key;
+    Telling* outer;  // a watcher may dispatch
+    bool present = false;
+    bool absent = false;
+  };
+  Telling* telling_ = nullptr;
   U64 position_ = 0;  // the next change to tell of
   bool damagedHead_ = false;
   bool writerWent_ = false;

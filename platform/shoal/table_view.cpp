@@ -43,14 +43,14 @@ TableView::TableView(std::shared_ptr<Mapping const> mapping)
 #ifdef SHOAL_VECTORS
   if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi")) straight_ = readWide;
 #endif
-  checkHeader();
+  U64 const inUse = checkHeader();
   seed_ = {header_.hash[0], header_.hash[1], header_.hash[2], header_.hash[3]};
   maxWords_ = (header_.imageBytes + 7) / 8;
   scratchSpace_.assign((header_.slotBytes + unitBytes) / 8, 0);
   auto const space = reinterpret_cast<std::uintptr_t>(scratchSpace_.data());
   scratch_ = reinterpret_cast<U64*>(roundUp(space, unitBytes));
   indexChunks_.assign(directoryEntries, nullptr);
-  limitIs(chunkOffset(chunks()));
+  limitIs(chunkOffset(inUse));
 }
 
 TableView::TableView(std::shared_ptr<Mapping const> mapping, Shape const& shape)
@@ -62,7 +62,8 @@ std::string_view TableView::typeName() const {
   return {header_.typeName, strnlen(header_.typeName, sizeof header_.typeName)};
 }
 
-void TableView::checkHeader() {
+// Returns the number of chunks in use.
+U64 TableView::checkHeader() {
   using Reason = FileException::Reason;
   std::string const& path = mapping_->path();
   U64 const bytes = mapping_->fileBytes();
@@ -99,6 +100,7 @@ void TableView::checkHeader() {
     throw FileException(
         Reason::notAllowed,
         fmt::format("{}: {} bytes do not fit into this process's address space", path, bytes));
+  return *inUse;
 }
 
 void TableView::checkShape(Shape const& shape) const {
@@ -137,7 +139,7 @@ U64 TableView::buckets() const {
     return bucketsSeen_;
   U64 const seen = acquire(*word(bucketsAt));
   U64 const value = guarded(bucketsAt, "number of buckets");
-  if (value == 0 || value > maxBuckets)
+  if (value == 0 || value > maxBuckets || value > chunks() * linesPerChunk)
     throw Pallo::CorruptionDetectedException(damage("the header's number of buckets is out of range"));
   if (unguard(seen, bucketsAt) == value) {
     bucketsWord_ = seen;
@@ -164,9 +166,10 @@ U64 TableView::announcedKey(U64 sequence) const {
 }
 
 void TableView::limitIs(U64 limit) {
-  limit_ = limit;
+  limit_ = std::min(limit, mapping_->window());
   firstUnit_ = header_.chunkStart / unitBytes;
-  unitSpan_ = (std::min(limit_, mapping_->window()) - header_.slotBytes) / unitBytes - firstUnit_;
+  U64 const lastSlot = limit_ - std::min<U64>(limit_, header_.slotBytes);
+  unitsInside_ = lastSlot < header_.chunkStart ? 0 : lastSlot / unitBytes - firstUnit_ + 1;
 }
 
 bool TableView::insideChunks(U64 offset, U64 bytes) {
@@ -175,7 +178,7 @@ bool TableView::insideChunks(U64 offset, U64 bytes) {
     return true;
   auto const inUse = unguard(acquire(*word(chunksAt)), chunksAt);
   if (inUse && *inUse <= windowBytes / chunkBytes) limitIs(std::max(limit_, chunkOffset(*inUse)));
-  return offset + bytes <= limit_ && offset + bytes <= mapping_->window();
+  return offset + bytes <= limit_;
 }
 
 bool TableView::slotInside(U64 unit) { return insideChunks(unit * unitBytes, header_.slotBytes); }
@@ -344,7 +347,7 @@ template <class W>
     named = line + std::countr_zero(candidates);
   }
   U64 const entry = acquire(*named);
-  if (!entryIntact(entry) || entryUnit(entry) - firstUnit_ > unitSpan_) return nullptr;
+  if (!entryIntact(entry) || entryUnit(entry) - firstUnit_ >= unitsInside_) return nullptr;
   std::atomic<U64> const* const slot = word(entryUnit(entry) * unitBytes);
   U64 const state = acquire(slot[1]);
   U64 const count = rowsToCopy(state);
@@ -386,22 +389,28 @@ bool TableView::contains(U64 key) {
   }
 }
 
-// The overflow line after `line`, the line's own bucket and depth given; null at the chain's end.
+// The overflow line after `line`, the line's own bucket and depth given; null at the chain's end. A line that
+// another bucket took over meanwhile leads nowhere: then the way begins anew at the bucket.
 std::atomic<U64>* TableView::nextLine(std::atomic<U64>* line, U64 bucket, U64 depth) {
-  for (int attempt = 0; attempt < maxIndexAttempts; ++attempt) {
-    auto const unit = linkUnit(acquire(line[7]), bucket, depth);
-    if (unit && *unit == 0) return nullptr;
-    if (std::atomic<U64>* next = unit ? overflowLine(*unit) : nullptr; next && depth < maxDepth) return next;
-  }
-  walkDamage_ = damage(fmt::format("the index is damaged: the link of bucket {}", bucket));
-  return nullptr;
+  auto const unit = linkUnit(acquire(line[7]), bucket, depth);
+  if (unit && *unit == 0) return nullptr;
+  std::atomic<U64>* const next = unit ? overflowLine(*unit) : nullptr;
+  return next && depth < maxDepth ? next : lineAt(bucket, depth + 1);
 }
 
-std::atomic<U64>* TableView::lineAt(Walk const& place) {
-  std::atomic<U64>* at = line(place.bucket);
-  if (!at) walkDamage_ = damage(fmt::format("the index is damaged: no chunk holds bucket {}", place.bucket));
-  for (U64 depth = 0; at && depth < place.depth; ++depth) at = nextLine(at, place.bucket, depth);
-  return at;
+// Null beyond the chain's end.
+std::atomic<U64>* TableView::lineAt(U64 bucket, U64 depth) {
+  for (int attempt = 0; attempt < maxIndexAttempts; ++attempt) {
+    std::atomic<U64>* at = line(bucket);
+    for (U64 d = 0; at && d < depth && d < maxDepth; ++d) {
+      auto const unit = linkUnit(acquire(at[7]), bucket, d);
+      if (unit && *unit == 0) return nullptr;
+      at = unit ? overflowLine(*unit) : nullptr;
+    }
+    if (at && depth <= maxDepth) return at;
+  }
+  walkDamage_ = damage(fmt::format("the index is damaged: the lines of bucket {}", bucket));
+  return nullptr;
 }
 
 // The key of the entry, unless the entry went away or its key is unreadable.
@@ -442,7 +451,7 @@ std::optional<TableView::Place> TableView::walkBuckets(Walk place) {
   for (; place.bucket < buckets(); place = {place.bucket + 1, 0, 0}) {
     if (place.at == 0 && place.depth == 0 && place.bucket + prefetchBuckets < maxBuckets)
       if (std::atomic<U64> const* const ahead = line(place.bucket + prefetchBuckets)) prefetchSlots(ahead);
-    std::atomic<U64>* at = lineAt(place);
+    std::atomic<U64>* at = lineAt(place.bucket, place.depth);
     if (!at && place.depth == 0) {
       place.bucket = roundUp(place.bucket + 1, linesPerChunk) - 1;  // none of the chunk's buckets is readable
       continue;
@@ -483,7 +492,7 @@ std::optional<TableView::Place> TableView::walkOn(U64 hint) {
   at = static_cast<unsigned>(std::countr_zero(left));
   U64 const entry = acquire(line[at]);
   U64 key = 0;
-  bool const sound = entryIntact(entry) && entryUnit(entry) - firstUnit_ <= unitSpan_ &&
+  bool const sound = entryIntact(entry) && entryUnit(entry) - firstUnit_ < unitsInside_ &&
                      peekKey(entryUnit(entry), key) && tag(hash(key)) == entryTag(entry);
   if (!sound) return std::nullopt;
   visited_ = {line + at, entry, key, packWalk(bucket, 0, at + 1)};

@@ -105,7 +105,7 @@ class VANTREL_API TableView {
     U64 depth;
     unsigned at;
   };
-  void checkHeader();
+  U64 checkHeader();
   void checkShape(Shape const& shape) const;
   U64 guarded(U64 offset, std::string_view what) const;
   void limitIs(U64 limit);
@@ -123,7 +123,7 @@ class VANTREL_API TableView {
   bool lookup(U64 key, bool copy);
   std::optional<Place> walkLine(std::atomic<U64>* line, Walk& place);
   std::optional<Place> visit(std::atomic<U64> const& word, Walk const& place);
-  std::atomic<U64>* lineAt(Walk const& place);
+  std::atomic<U64>* lineAt(U64 bucket, U64 depth);
   std::atomic<U64>* nextLine(std::atomic<U64>* line, U64 bucket, U64 depth);
   std::optional<Place> walkBuckets(Walk place);
   std::optional<Place> walkOn(U64 hint);
@@ -138,7 +138,7 @@ class VANTREL_API TableView {
   U64 maxWords_ = 0;
   U64 limit_ = 0;      // end of the chunks in use, as last seen
   U64 firstUnit_ = 0;  // where slots may lie, as last seen
-  U64 unitSpan_ = 0;
+  U64 unitsInside_ = 0;
   // The guarded word that was last found intact, what it holds, and the greatest power of two in that.
   mutable U64 bucketsWord_ = Format::guard(1, Format::bucketsAt);
   mutable U64 bucketsSeen_ = 1;

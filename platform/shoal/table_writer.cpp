@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <exception>
 
 #include "shoal/error.h"
 #include "shoal/shared_words.h"
@@ -168,7 +169,8 @@ void TableWriter::make(std::string const& path, Shape const& shape, WriterOption
 void TableWriter::open(std::string const& path, Shape const& shape, WriterOptions const&) {
   mapping_ = std::make_shared<Mapping>(path, Mapping::Access::write);
   view_ = std::make_unique<TableView>(mapping_, shape);
-  scratch_.assign(slotBytes(shape.imageBytes) / 8, 0);
+  slotWords_ = slotBytes(shape.imageBytes) / 8;
+  scratch_.assign(slotWords_, 0);
   takeOver();
 }
 
@@ -211,17 +213,19 @@ U64 TableWriter::takeImage(std::byte const* image) {
 }
 
 // The generation is odd from before the first store until after the last. What the slot held before says how
-// far it is to be cleared; a slot whose writer was killed does not say, and is cleared to its end.
+// far it is to be cleared; one whose writer was killed, and a damaged one, do not say, and are cleared to
+// their end. The record's last row is cleared in any case: no read sees damage behind a record.
 void TableWriter::writeSlot(U64 unit, U64 key, std::byte const* image) {
   std::atomic<U64>* const slot = view_->word(unit * unitBytes);
   U64 const used = takeImage(image);
   U64 const before = slot[1].load(std::memory_order_relaxed);
-  U64 const slotWords = view_->header().slotBytes / 8;
-  U64 const dirty = before & 1 ? slotWords : std::min(3 + words(before), slotWords);
+  bool const trusted = before == 0 || view_->copySlot(unit) == TableView::Copy::whole;
+  U64 const wasInUse = trusted ? 3 + words(before) : slotWords_;
   U64 const writing = generation(before) | 1;
   scratch_[1] = state(writing + 1, used);
   scratch_[2] = key;
   scratch_[0] = Checksum::of(scratch_.data(), rows(scratch_[1]));
+  U64 const dirty = std::max(wasInUse, rows(scratch_[1]) * rowWords);
   store(slot[1], state(writing, 0));
   store(slot[0], scratch_[0]);
   for (U64 i = 2; i < 3 + used; ++i) store(slot[i], scratch_[i]);
@@ -449,19 +453,32 @@ bool TableWriter::remove(U64 key) {
   return true;
 }
 
+// Damage is raised when all that can be removed is.
 void TableWriter::removeAll() {
   std::vector<U64> keys;
-  for (auto place = view_->walk(0); place; place = view_->walk(place->hint)) keys.push_back(place->key);
-  for (U64 const key : keys) remove(key);
+  std::exception_ptr damage;
+  auto const orDamage = [&damage](auto work) {
+    try {
+      work();
+    } catch (Pallo::CorruptionDetectedException const&) {
+      damage = std::current_exception();
+    }
+  };
+  orDamage([&] {
+    for (auto place = view_->walk(0); place; place = view_->walk(place->hint)) keys.push_back(place->key);
+  });
+  for (U64 const key : keys) orDamage([&] { remove(key); });
+  if (damage) std::rethrow_exception(damage);
 }
 
 // ---- Growth
 
-// Longer chains are better than a refused write: a split that finds no room is put off.
+// Longer chains are better than a refused write: a split that finds no room, or a damaged bucket, is put off.
 void TableWriter::splitWhileFull() {
   try {
     while (count_ > buckets_ * recordsPerBucket && buckets_ < maxBuckets) split();
   } catch (NoSpaceException const&) {
+  } catch (Pallo::CorruptionDetectedException const&) {
   }
 }
 

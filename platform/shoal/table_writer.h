@@ -141,6 +141,7 @@ class VANTREL_API TableWriter {
   std::deque<U32> restingSlots_;
   std::vector<U32> idleSlots_;
   std::vector<U32> freeLines_;
+  U64 slotWords_ = 0;
   std::vector<U64> scratch_;  // checksum, state, key, image
   U64 imageWords_ = 0;        // of the image, in use there
   WriterCounters counters_;

@@ -98,9 +98,7 @@ void Wakers::sweep(std::string const& name) const {
 void Wakers::forgetTheGone(std::vector<std::string> const& names) {
   std::erase_if(watchers_, [&](auto const& watcher) {
     bool const listed = std::ranges::find(names, watcher->name) != names.end();
-    if (listed && !watcher->gone()) return false;
-    sweep(watcher->name);
-    return true;
+    return !listed || watcher->gone();
   });
 }
 
@@ -124,14 +122,15 @@ bool Wakers::meet(std::string const& name) {
   return true;
 }
 
-// False when somebody could not be met for want of means, and is to be tried again with the next change.
+// False when somebody could not be met, for want of means or of room, and is to be tried again with the next
+// change. Who hung up may have been short of means itself: the socket in its name tells who is gone.
 bool Wakers::rescan() {
   auto const names = pageNames(directory_.fd());
   if (!names) return false;
   forgetTheGone(*names);
   bool complete = true;
   for (std::string const& name : *names)
-    if (watchers_.size() < maxWatchers && !known(name)) complete &= meet(name);
+    if (!known(name)) complete &= watchers_.size() < maxWatchers && meet(name);
   return complete;
 }
 

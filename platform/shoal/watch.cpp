@@ -46,23 +46,37 @@ void closeIf(int fd) {
 
 }  // namespace
 
-Watch::Watch(std::string const& tablePath)
-    : fileName_(fileNameOf(tablePath)), directory_(tablePath, false), poll_(epoll_create1(EPOLL_CLOEXEC)) {
+Watch::Watch(std::string const& tablePath) : fileName_(fileNameOf(tablePath)), directory_(tablePath, false) {
+  try {
+    begin(tablePath);
+  } catch (...) {
+    end();
+    throw;
+  }
+}
+
+Watch::~Watch() { end(); }
+
+void Watch::begin(std::string const& tablePath) {
   U64 random = 0;
-  if (getrandom(&random, sizeof random, 0) != sizeof random || poll_ < 0) throwUnwatchable(tablePath);
+  if (getrandom(&random, sizeof random, 0) != sizeof random) throwUnwatchable(tablePath);
   name_ = fmt::format("{}-{:016x}", getpid(), random);
-  self_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if ((poll_ = epoll_create1(EPOLL_CLOEXEC)) < 0) throwUnwatchable(tablePath);
+  if ((self_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) < 0) throwUnwatchable(tablePath);
   add(self_, selfTag, EPOLLIN);
   watchDirectory(tablePath);
   listen();
   page_ = directory_.page(name_ + ".page", true);
-  directory_.bell()->word().fetch_add(1, std::memory_order_seq_cst);
+  bell_ = directory_.bell();
+  bell_->word().fetch_add(1, std::memory_order_seq_cst);
   wakeSelf();
 }
 
-Watch::~Watch() {
-  unlinkat(directory_.fd(), (name_ + ".page").c_str(), 0);
-  unlinkat(directory_.fd(), (name_ + ".sock").c_str(), 0);
+void Watch::end() {
+  if (!name_.empty()) {
+    unlinkat(directory_.fd(), (name_ + ".page").c_str(), 0);
+    unlinkat(directory_.fd(), (name_ + ".sock").c_str(), 0);
+  }
   for (Writer const& writer : writers_) {
     closeIf(writer.socket);
     closeIf(writer.event);
@@ -80,7 +94,7 @@ void Watch::add(int fd, U64 tag, U32 events) {
 // The table's directory tells of a file that replaced the table. The side directory tells of a writer's end,
 // also of one that this watcher was never met by: the kernel closes what the writer had locked.
 void Watch::watchDirectory(std::string const& tablePath) {
-  directoryNews_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  if ((directoryNews_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) < 0) throwUnwatchable(tablePath);
   tableWatch_ = inotify_add_watch(directoryNews_, parentOf(tablePath).c_str(), IN_CREATE | IN_MOVED_TO);
   sideWatch_ = inotify_add_watch(directoryNews_, directory_.path().c_str(), IN_CLOSE_WRITE);
   if (tableWatch_ < 0 || sideWatch_ < 0) throwUnwatchable(tablePath);
@@ -89,6 +103,7 @@ void Watch::watchDirectory(std::string const& tablePath) {
 
 void Watch::listen() {
   listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (listener_ < 0) throwUnwatchable(directory_.path());
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::string const path = directory_.shortPath(name_ + ".sock");
@@ -125,7 +140,7 @@ void Watch::forget(std::vector<Writer>::iterator writer) {
 }
 
 // A writer's socket says one of two things: here is the event, or the end. Edge-triggered, the event need not
-// be read.
+// be read. A writer whose event was lost is to meet this watcher anew.
 bool Watch::hear(int socket) {
   auto const writer = std::ranges::find(writers_, socket, &Writer::socket);
   if (writer == writers_.end()) return false;
@@ -139,6 +154,7 @@ bool Watch::hear(int socket) {
   }
   if (!ended) return false;
   forget(writer);
+  bell_->word().fetch_add(1, std::memory_order_seq_cst);
   return true;
 }
 

@@ -41,6 +41,8 @@ class Watch {
     int socket;
     int event;
   };
+  void begin(std::string const& tablePath);
+  void end();
   void watchDirectory(std::string const& tablePath);
   void listen();
   void add(int fd, U64 tag, U32 events);
@@ -60,6 +62,7 @@ class Watch {
   int sideWatch_ = -1;
   int listener_ = -1;
   std::unique_ptr<SharedPage> page_;
+  std::unique_ptr<SharedPage> bell_;
   std::vector<Writer> writers_;  // usually one; a successor may be met before the end of the last is seen
 };
 

@@ -20,6 +20,7 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
+using testing::UnorderedElementsAre;
 using TestSupport::contents;
 using TestSupport::Process;
 using TestSupport::TempDir;
@@ -130,6 +131,35 @@ TEST_F(TableVerbs, ADamagedRecordFailsTheCheckAndIsMissingFromTheDump) {
   EXPECT_THAT(dump.err, AllOf(StartsWith("vantrel: "), HasSubstr("the record of key 123 is damaged")));
   EXPECT_EQ(std::ranges::count(dump.out, '\n'), 299);
   EXPECT_THAT(dump.out, testing::Not(HasSubstr("\"key\":123,")));
+}
+
+// Whole by its checksum, and yet no record of its type.
+TEST_F(TableVerbs, ARecordThatMakesNoSenseFailsTheCheck) {
+  using Traits = Shoal::RecordTraits<EntryConfig>;
+  std::string const path = dir / "t";
+  {
+    Shoal::TableWriter writer(path, Shoal::shapeOf<EntryConfig>(), {});
+    std::array<std::byte, Traits::bytes> image{};
+    Traits::encode(EntryConfig(EntryKey(6), OpId(1), 1, 1, 1), image.data());
+    writer.put(5, image.data());
+    writer.put(6, image.data());
+    U32 const tooMany = 65;
+    std::memcpy(image.data() + 100, &tooMany, sizeof tooMany);
+    U64 const seven = 7;
+    std::memcpy(image.data(), &seven, sizeof seven);
+    writer.put(7, image.data());
+  }
+  Ended const object = run({"check", path, "--json"});
+  EXPECT_EQ(object.status, 1);
+  auto const damage = object.object()["damage"].get<std::vector<std::string>>();
+  EXPECT_THAT(damage, UnorderedElementsAre("the record of key 5 carries key 6",
+                                           AllOf(StartsWith("the record of key 7: "), HasSubstr("65"))));
+}
+
+TEST_F(TableVerbs, ARecordOfZeroesIsDumpedToo) {
+  std::string const path = dir / "t";
+  { Shoal::WriterTable<EntryConfig>(path).entryIs(EntryConfig()); }
+  EXPECT_THAT(run({"dump", path}).out, StartsWith("{\"data\":[],\"del\":false,\"hdl\":0,\"key\":0,"));
 }
 
 TEST_F(TableVerbs, WhatIsNoTableIsRefusedByEveryVerb) {

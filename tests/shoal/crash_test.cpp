@@ -106,7 +106,14 @@ TEST_P(StorePoints, EveryOneLeavesTheTableWhole) {
     watcher.notifierIs(Ostra::Ptr<Shoal::Table<Config> const>(reader.get()));
     watcher.hasNotificationActiveIs(true);
     settle(*reader);
+    // Walked the table, and begins its watch when all is over.
+    auto lateReader = Ostra::make<Reader>(path);
+    Watcher late;
+    late.notifierIs(Ostra::Ptr<Shoal::Table<Config> const>(lateReader.get()));
+    late.hasNotificationActiveIs(true);
     ended = endedAtStore(path, GetParam(), stores);
+    settle(*lateReader);
+    ASSERT_EQ(late.seen, contents(Reader(path))) << "at store " << stores;
     ASSERT_NO_FATAL_FAILURE(checkAfter(path, *reader, watcher, before, after)) << "at store " << stores;
     std::filesystem::remove(path);
   }

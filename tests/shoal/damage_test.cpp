@@ -3,6 +3,7 @@
 // read in bounded time, through every operation a reader has.
 #include <gmock/gmock.h>
 #include <sys/resource.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -169,6 +170,123 @@ TEST(Damage, ANumberOfBucketsThatIsZeroIsDamage) {
     EXPECT_THROW(reader.entry(EntryKey(7)), Pallo::CorruptionDetectedException) << word;
     EXPECT_THROW(reader.first(), Pallo::CorruptionDetectedException) << word;
   }
+}
+
+void pokeWord(std::string const& path, U64 offset, U64 word) {
+  poke(path, offset, {reinterpret_cast<char const*>(&word), sizeof word});
+}
+
+// Whoever writes the file under a running reader, with every guard right, leads it nowhere but to damage: a
+// file of as many chunks as there can be, and an entry beyond the window that this process could afford.
+void readAll(Reader const& reader) {
+  try {
+    EXPECT_EQ(reader.entry(EntryKey(7)), Config());
+  } catch (Pallo::CorruptionDetectedException const&) {
+  }
+  try {
+    for (auto place = reader.first(); place; place = reader.next(*place)) continue;
+  } catch (Pallo::CorruptionDetectedException const&) {
+  }
+}
+
+TEST(Damage, NoValueBehindARightGuardLeadsOutOfTheWindow) {
+  using namespace Shoal::Format;
+  Directory dir;
+  std::string const path = dir / "t";
+  { Writer(path).entryIs(record(7, 1)); }
+  U64 const at = slotOf(path, 7);
+  U64 const entry = wordAt(bytesOf(path), at);
+  auto const mislead = [&](U64 chunks, U64 unit, bool cramped) {
+    rlimit const small{U64{4} << 30, U64{4} << 30};
+    if (cramped) setrlimit(RLIMIT_AS, &small);
+    Reader const reader(path);
+    EXPECT_EQ(reader.entry(EntryKey(7)), record(7, 1));  // it remembers what it saw
+    pokeWord(path, chunksAt, guard(chunks, chunksAt));
+    U64 const body = unit | entryTag(entry) << 32;
+    pokeWord(path, at, body | foldBytes(body) << 56);
+    readAll(reader);
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  };
+  U64 const most = windowBytes / chunkBytes;
+  for (U64 const chunks : {U64{0}, most, most + 1, (U64{1} << 48) - 1}) {
+    for (U64 const unit : {U64{0}, U64{1} << 25, U64{1} << 31, (U64{1} << 32) - 1}) {
+      for (bool const cramped : {false, true}) {
+        EXPECT_EXIT(mislead(chunks, unit, cramped), testing::ExitedWithCode(0), "") << chunks << " " << unit;
+        pokeWord(path, chunksAt, guard(2, chunksAt));
+        pokeWord(path, at, entry);
+      }
+    }
+  }
+}
+
+// An index of more buckets than the file's chunks could hold is not walked.
+TEST(Damage, MoreBucketsThanTheFileHoldsAreDamageAtOnce) {
+  using namespace Shoal::Format;
+  Directory dir;
+  { Writer(dir / "t").entryIs(record(7, 1)); }
+  pokeWord(dir / "t", bucketsAt, guard(maxBuckets, bucketsAt));
+  Reader const reader(dir / "t");
+  EXPECT_THROW(reader.first(), Pallo::CorruptionDetectedException);
+  EXPECT_THROW(reader.entry(EntryKey(7)), Pallo::CorruptionDetectedException);
+}
+
+// A bucket that cannot be split keeps nobody from writing elsewhere.
+TEST(Damage, ADamagedLinkCostsItsBucketAlone) {
+  Directory dir;
+  Writer writer(dir / "t");
+  for (U64 key = 1; key <= 150; ++key) writer.entryIs(record(key, 1));
+  U64 const link = 8 * 7 + Shoal::Format::chunkStart(16384);
+  poke(dir / "t", link + 4, std::string(1, static_cast<char>(bytesOf(dir / "t")[link + 4] ^ 1)));
+  std::set<U64> written;
+  for (U64 key = 1000; key < 1300; ++key) {
+    try {
+      writer.entryIs(record(key, 1));
+      written.insert(key);
+    } catch (Pallo::CorruptionDetectedException const&) {
+    }
+  }
+  EXPECT_GT(written.size(), 280U) << "only the damaged bucket's own keys are refused";
+  Reader const reader(dir / "t");
+  for (U64 key = 1000; key < 1300; ++key) {
+    if (written.contains(key))
+      EXPECT_EQ(reader.entry(EntryKey(key)), record(key, 1));
+    else
+      EXPECT_THROW(reader.entry(EntryKey(key)), Pallo::CorruptionDetectedException) << "refused and applied";
+  }
+}
+
+// What a slot says of its last record decides how much of it is cleared.
+TEST(Damage, ADamagedSlotCostsNoLaterRecord) {
+  Config full(EntryKey(1), OpId(1), ~0U, 7, ~0U);
+  for (unsigned i = 0; i < 17; ++i) full.tableIndexIs(TableKey(i), ~0U);
+  for (unsigned i = 0; i < 64; ++i) full.dataIs(DataKey(i), ~U64{0});
+  for (bool const shortened : {true, false}) {
+    Directory dir;
+    Writer writer(dir / "t");
+    Reader const reader(dir / "t");
+    writer.entryIs(shortened ? full : record(1, 1));
+    U64 const slot = Shoal::Format::entryUnit(wordAt(bytesOf(dir / "t"), slotOf(dir / "t", 1))) * 64;
+    U64 const state = wordAt(bytesOf(dir / "t"), slot + 8);
+    if (shortened)
+      pokeWord(dir / "t", slot + 8, Shoal::Format::state(state, 1));
+    else
+      pokeWord(dir / "t", slot + 8 * (3 + Shoal::Format::words(state)), 4);  // behind the record
+    writer.entryDel(EntryKey(1));
+    for (U64 version = 1; version < 1000; ++version) {
+      writer.entryIs(record(2, version % 8));
+      ASSERT_EQ(reader.entry(EntryKey(2)), record(2, version % 8)) << shortened;
+    }
+  }
+}
+
+TEST(Damage, CleaningUpRemovesWhatItCanAndSaysWhatItCouldNot) {
+  Directory dir;
+  Writer writer(dir / "t");
+  for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
+  U64 const at = slotOf(dir / "t", 7);
+  poke(dir / "t", at, std::string(1, static_cast<char>(bytesOf(dir / "t")[at] ^ 4)));
+  EXPECT_THROW(writer.cleanup(), Pallo::CorruptionDetectedException);
+  EXPECT_EQ(writer.size(), 1U);
 }
 
 TEST(Damage, AFileCutShortUnderARunningReaderIsDamageAndNoMore) {

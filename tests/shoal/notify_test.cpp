@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <atomic>
 #include <chrono>
 #include <random>
 #include <thread>
+#include <utility>
 
 #include "fixture.h"
 #include "shoal/file_wait.h"
@@ -116,6 +118,56 @@ TEST(Notification, AWatcherThatLooksNothingUpIsToldOfWhatVanishedToo) {
   for (U64 key = 100; key < 140; ++key) writer.entryIs(record(key, 1));
   settle(*reader, 10);
   EXPECT_EQ(listener.keys, std::vector<U64>{5}) << "what it was told of and is gone";
+}
+
+// Whoever else looks a key up and finds it gone has not told its watcher.
+TEST(Notification, AKeyThatAnotherFoundGoneIsMissedByItsWatcher) {
+  Directory dir;
+  Writer writer(dir / "t", {.ringEntries = 16});
+  Watched w(dir / "t");
+  for (U64 const key : {1, 2}) writer.entryIs(record(key, 1));
+  settle(*w.reader, 10);
+  w.watcher.keys.clear();
+  writer.entryDel(EntryKey(2));
+  ASSERT_EQ(w.reader->entry(EntryKey(2)), Config());
+  for (U64 key = 100; key < 140; ++key) writer.entryIs(record(key, 1));
+  settle(*w.reader, 10);
+  EXPECT_EQ(w.watcher.keys, std::vector<U64>{2});
+  EXPECT_EQ(w.watcher.seen, contents(*w.reader));
+}
+
+// Does something of its own when it is told of a key.
+class Meddler : public Shoal::Table<Config>::Notifiee {
+ public:
+  void onEntry(EntryKey const& key) override {
+    if (then) then(key.value());
+  }
+  std::function<void(U64)> then;
+};
+
+// One watcher has read the record, then it goes, then the next is told of the same change, looks or does not.
+TEST(Notification, AKeyThatGoesBetweenTwoWatchersIsMissedByTheFirst) {
+  for (bool const looks : {true, false}) {
+    Directory dir;
+    Writer writer(dir / "t", {.ringEntries = 16});
+    Watched w(dir / "t");
+    Meddler second;
+    second.notifierIs(w.reader);
+    second.hasNotificationActiveIs(true);
+    settle(*w.reader, 10);
+    bool done = false;
+    second.then = [&](U64 key) {
+      if (key != 2 || std::exchange(done, true)) return;
+      writer.entryDel(EntryKey(2));
+      EXPECT_EQ(w.reader->entry(EntryKey(looks ? 2 : 1)), Config());
+      for (U64 other = 100; other < 140; ++other) writer.entryIs(record(other, 1));
+    };
+    writer.entryIs(record(2, 1));
+    settle(*w.reader, 10);
+    EXPECT_TRUE(done);
+    EXPECT_EQ(w.watcher.seen, contents(*w.reader)) << looks;
+    EXPECT_EQ(w.watcher.keys, (std::vector<U64>{2, 2})) << looks;
+  }
 }
 
 TEST(Notification, AFileThatWasReplacedBeforeTheWatchBeganIsFollowed) {
@@ -416,6 +468,70 @@ TEST(Notification, AWriterShortOfDescriptorsMeetsItsWatcherLater) {
     close(more[0]);
     close(more[1]);
   }
+}
+
+// A watcher that has no room for the event that it is handed hangs up, and is met anew.
+TEST(Notification, AWatcherShortOfDescriptorsIsMetAgain) {
+  for (int spare = 0; spare < 3; ++spare) {
+    Directory dir;
+    Writer writer(dir / "t");
+    int toParent[2];
+    int toChild[2];
+    ASSERT_EQ(pipe(toParent) | pipe(toChild), 0);
+    auto const hear = [](int fd) {
+      char byte;
+      return read(fd, &byte, 1) == 1;
+    };
+    pid_t const child = fork();
+    if (child == 0) {
+      Watched w(dir / "t");
+      settle(*w.reader);
+      if (write(toParent[1], "w", 1) != 1 || !hear(toChild[0])) _exit(2);
+      {
+        FewDescriptors const few(spare);
+        for (int i = 0; i < 10 && readable(w.reader->fd(), 20); ++i) w.reader->dispatch();
+      }
+      settle(*w.reader, 50);
+      if (write(toParent[1], "w", 1) != 1) _exit(2);
+      for (int i = 0; i < 50 && !w.watcher.seen.contains(3); ++i) settle(*w.reader, 100);
+      _exit(w.watcher.seen.size() == 3 ? 0 : 1);
+    }
+    ASSERT_TRUE(hear(toParent[0]));
+    writer.entryIs(record(1, 1));
+    ASSERT_EQ(::write(toChild[1], "w", 1), 1);
+    ASSERT_TRUE(hear(toParent[0]));
+    for (U64 const key : {2, 3}) {
+      writer.entryIs(record(key, 1));
+      usleep(20000);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << spare;
+    for (int const fd : {toParent[0], toParent[1], toChild[0], toChild[1]}) close(fd);
+  }
+}
+
+// A watch that cannot begin leaves nothing behind, and says what was missing.
+TEST(Notification, AWatchThatFailsKeepsNoDescriptor) {
+  Directory dir;
+  Writer const writer(dir / "t");
+  Reader reader(dir / "t");
+  int const before = dup(0);
+  close(before);
+  for (int spare = 0; spare < 7; ++spare) {
+    FewDescriptors const few(spare);
+    try {
+      reader.fd();
+      ADD_FAILURE() << "it began with " << spare;
+    } catch (Shoal::FileException const& error) {
+      EXPECT_THAT(error.what(), testing::HasSubstr("Too many open files")) << spare;
+    }
+    int const after = dup(0);
+    close(after);
+    EXPECT_TRUE(after == before || (after < 0 && spare == 0)) << spare;
+  }
+  for (auto const& item : std::filesystem::directory_iterator(dir / "t.watch"))
+    EXPECT_THAT(item.path().filename(), testing::AnyOf("bell", "writer"));
 }
 
 // A reader that cannot open the file that replaced its own says so, and follows when it can.
