@@ -89,7 +89,8 @@ void checkRecords(Shoal::TableView& view, std::vector<std::string>& damage) {
           damage.push_back(fmt::format("the record of key {} carries key {}", place->key, key));
       } catch (Pallo::InvalidSizeException const& error) {
         std::string const text = error.what();
-        damage.push_back(fmt::format("the record of key {}: {}", place->key, text.substr(0, text.find('\n'))));
+        std::string const sentence = text.substr(0, text.find('\n'));
+        damage.push_back(fmt::format("the record of key {}: {}", place->key, sentence));
       } catch (Pallo::CorruptionDetectedException const&) {
         continue;  // the inspection has met it too
       }
