@@ -39,13 +39,12 @@ double processorMilliseconds() {
 // The other process: asks for one snapshot and waits until it has all of it.
 int request(std::string const& socket, std::size_t entries) {
   Ostra::Mounter mounter(socket);
-  auto const config = mounter.mount<DebugConfig>({}, Ostra::Mounter::Access::Writable);
+  auto const config = mounter.mount<DebugConfig>();
   auto const status = mounter.mount<DebugStatus>();
   if (!mounter.dispatchUntil([&] { return mounter.live(*config) && mounter.live(*status); }, 60)) return 1;
-  config->versionInc(1);
+  auto const asked = mounter.invoke(*config, "versionInc", {U64{1}});
   auto const answered = [&] {
-    return mounter.live(*config) && mounter.live(*status) && config->version() != 0 &&
-           status->version() == config->version();
+    return mounter.live(*status) && asked->result && status->answers(std::get<U64>(*asked->result));
   };
   if (!mounter.dispatchUntil(answered, 300)) return 1;
   return status->status().size() == entries ? 0 : 1;

@@ -32,14 +32,15 @@ class SocketView : public AgentView {
   std::optional<Snapshot> snapshot(double seconds) override {
     if (!connect()) return std::nullopt;
     if (!config_) {
-      config_ = agent_->mount<DebugConfig>({}, Ostra::Mounter::Access::Writable);
+      config_ = agent_->mount<DebugConfig>();
       status_ = agent_->mount<DebugStatus>();
     }
     if (!agent_->dispatchUntil([this] { return agent_->live(*config_) && agent_->live(*status_); }, seconds))
       return fail(whyNoAnswer());
-    config_->versionInc(1);
-    if (!agent_->dispatchUntil([this] { return answered(); }, seconds))
+    ask();
+    if (!agent_->dispatchUntil([this] { return answered() || !asked_->refusal.empty(); }, seconds))
       return fail("the agent took no snapshot in time");
+    if (!asked_->refusal.empty()) return fail(asked_->refusal);
     Snapshot snapshot;
     collect(status_->status(), status_->statusOpId(), snapshot.programmed);
     collect(status_->pending(), status_->pendingOpId(), snapshot.waiting);
@@ -70,9 +71,10 @@ class SocketView : public AgentView {
   // An agent that took another's place has not been asked yet.
   bool answered() {
     if (!agent_->live(*config_) || !agent_->live(*status_)) return false;
-    if (config_->version() == 0) config_->versionInc(1);
-    return status_->version() == config_->version();
+    if (asked_->lost) ask();
+    return asked_->result && status_->answers(std::get<U64>(*asked_->result));
   }
+  void ask() { asked_ = agent_->invoke(*config_, "versionInc", {U64{1}}); }
   bool connect() {
     if (!agent_ && !listens()) {
       fail("no agent listens on " + path_);
@@ -94,6 +96,7 @@ class SocketView : public AgentView {
   Ostra::Ptr<DebugConfig> config_;
   Ostra::Ptr<DebugStatus> status_;
   Ostra::Ptr<VantrelFlushStatus> flush_;
+  std::shared_ptr<Ostra::Invocation const> asked_;
   std::unique_ptr<Ostra::Mounter> agent_;
 };
 

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
 
@@ -12,6 +13,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <exception>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <unordered_set>
@@ -26,6 +28,24 @@ using Wire::Json;
 
 constexpr std::size_t longestLine = 4 * 1024 * 1024;
 constexpr std::size_t readAtOnce = 64 * 1024;
+
+// A watcher here threw. Not to be mistaken for what the agent did wrong, whatever type it threw.
+struct WatcherThrew {
+  std::exception_ptr exception;
+};
+
+// Changes a mounted object. What is thrown when the change is in place comes from one of its watchers.
+template <class Change, class InPlace>
+void change(Change make, InPlace inPlace) {
+  try {
+    make();
+  } catch (AttributeException const&) {
+    if (!inPlace()) throw;
+    throw WatcherThrew{std::current_exception()};
+  } catch (...) {
+    throw WatcherThrew{std::current_exception()};
+  }
+}
 
 // One mounted object: applies what the agent tells and notices what is set here.
 class Mounted final : public AttributeWatcher {
@@ -53,12 +73,9 @@ class Mounted final : public AttributeWatcher {
   }
 
   // The connection or the agent's entity is gone; the values stay.
-  void lost() {
-    live_ = false;
-    entity_.clear();
-    scalars_.clear();
-    unseen_.clear();
-  }
+  void lost();
+  std::shared_ptr<Invocation> invocation();
+  // Told again after a watcher threw, a line does what it had not done yet.
   void event(Json const& line);
   // The agent's answer to a write made here.
   void written(std::string const& attribute, Json const* value);
@@ -75,6 +92,8 @@ class Mounted final : public AttributeWatcher {
   void onAttribute(std::string_view name) override;
   void beginSnapshot();
   void sweep();
+  void snapshotIsComplete();
+  void memberDel(std::string const& attribute, Value const& key);
   void setScalar(std::string const& attribute, Value value);
   void apply(std::string const& attribute, Scalar& scalar);
   void setMembers(std::string const& attribute, Json const& members);
@@ -88,7 +107,26 @@ class Mounted final : public AttributeWatcher {
   std::map<std::string, Scalar, std::less<>> scalars_;
   // Members that were here before the snapshot and that it has not mentioned.
   std::map<std::string, std::unordered_set<Value>, std::less<>> unseen_;
+  std::vector<std::weak_ptr<Invocation>> invocations_;  // answered or not
 };
+
+void Mounted::lost() {
+  live_ = false;
+  entity_.clear();
+  scalars_.clear();
+  unseen_.clear();
+  for (auto const& invocation : std::exchange(invocations_, {}))
+    if (auto const i = invocation.lock()) i->lost = true;
+}
+
+// One that is lost from the beginning when there is nobody to ask.
+std::shared_ptr<Invocation> Mounted::invocation() {
+  auto const made = std::make_shared<Invocation>();
+  made->lost = !live_;
+  std::erase_if(invocations_, [](auto const& old) { return old.expired(); });
+  if (live_) invocations_.push_back(made);
+  return made;
+}
 
 Value valueFrom(Json const& json) {
   std::optional<Value> value = Wire::fromJson(json);
@@ -99,11 +137,7 @@ Value valueFrom(Json const& json) {
 void Mounted::event(Json const& line) {
   std::string const event = line.at("event").get<std::string>();
   if (event == "snapshot") return beginSnapshot();
-  if (event == "live") {
-    sweep();
-    live_ = true;
-    return;
-  }
+  if (event == "live") return snapshotIsComplete();
   if (event == "gone") return lost();
   std::string const attribute = line.at("attribute").get<std::string>();
   if (event == "set" && line.contains("members")) return setMembers(attribute, line["members"]);
@@ -126,9 +160,29 @@ void Mounted::beginSnapshot() {
 }
 
 void Mounted::sweep() {
-  auto const unseen = std::exchange(unseen_, {});
-  for (auto const& [attribute, keys] : unseen)
-    for (Value const& key : keys) object_->typeInfo().memberDel(*object_, attribute, key);
+  while (!unseen_.empty()) {
+    auto const unseen = unseen_.begin();
+    if (unseen->second.empty()) {
+      unseen_.erase(unseen);
+      continue;
+    }
+    std::string const attribute = unseen->first;
+    Value const key = unseen->second.extract(unseen->second.begin()).value();
+    memberDel(attribute, key);
+  }
+}
+
+// What was set here meanwhile was not sent: the agent's values replace it.
+void Mounted::snapshotIsComplete() {
+  sweep();
+  live_ = true;
+  std::vector<std::string> told;
+  for (auto const& [attribute, scalar] : scalars_)
+    if (scalar.unanswered == 0) told.push_back(attribute);
+  for (std::string const& attribute : told) {
+    auto const at = scalars_.find(attribute);
+    if (at != scalars_.end() && at->second.unanswered == 0) apply(attribute, at->second);
+  }
 }
 
 void Mounted::setScalar(std::string const& attribute, Value value) {
@@ -141,7 +195,10 @@ void Mounted::setScalar(std::string const& attribute, Value value) {
 void Mounted::apply(std::string const& attribute, Scalar& scalar) {
   scalar.here = scalar.agents;
   Value const value = scalar.agents;
-  if (object_->typeInfo().at(attribute).write) object_->typeInfo().write(*object_, attribute, value);
+  TypeInfo const& type = object_->typeInfo();
+  if (!type.at(attribute).write) return;
+  change([&] { type.write(*object_, attribute, value); },
+         [&] { return type.read(*object_, attribute) == value; });
 }
 
 void Mounted::setMembers(std::string const& attribute, Json const& members) {
@@ -151,23 +208,30 @@ void Mounted::setMembers(std::string const& attribute, Json const& members) {
   for (Json const& member : members) {
     Value const key = valueFrom(member.at(0));
     if (unseen != unseen_.end()) unseen->second.erase(key);
-    type.memberIs(*object_, attribute, key, valueFrom(member.at(1)));
+    Value const value = valueFrom(member.at(1));
+    change([&] { type.memberIs(*object_, attribute, key, value); },
+           [&] { return type.member(*object_, attribute, key) == value; });
   }
 }
 
 void Mounted::delMembers(std::string const& attribute, Json const& keys) {
-  TypeInfo const& type = object_->typeInfo();
-  if (!type.at(attribute).memberDel) return;
+  if (!object_->typeInfo().at(attribute).memberDel) return;
   auto const unseen = unseen_.find(attribute);
   for (Json const& k : keys) {
     Value const key = valueFrom(k);
     if (unseen != unseen_.end()) unseen->second.erase(key);
-    type.memberDel(*object_, attribute, key);
+    memberDel(attribute, key);
   }
 }
 
+void Mounted::memberDel(std::string const& attribute, Value const& key) {
+  TypeInfo const& type = object_->typeInfo();
+  change([&] { type.memberDel(*object_, attribute, key); },
+         [&] { return !type.member(*object_, attribute, key); });
+}
+
 void Mounted::onAttribute(std::string_view name) {
-  if (entity_.empty()) return;  // not mounted now: the snapshot to come decides
+  if (!live_) return;  // the snapshot to come decides
   Value const value = object_->typeInfo().read(*object_, name);
   std::string const attribute(name);
   Scalar& scalar = scalars_[attribute];
@@ -212,6 +276,8 @@ class Mounter::Impl {
   void dispatch();
   bool connected() const { return static_cast<bool>(socket_); }
   bool live(Entity const& object) const;
+  std::shared_ptr<Invocation const> invoke(Entity const& object, std::string_view operation,
+                                           std::vector<Value> const& arguments);
 
   std::string problem_;
   std::function<void(bool, std::string const&)> onConnection_;
@@ -219,19 +285,25 @@ class Mounter::Impl {
  private:
   // What an answer answers.
   struct Asked {
-    std::shared_ptr<Mounted> mounted;
-    std::string written;  // the attribute; empty: the mount itself
+    std::shared_ptr<Mounted> mounted = {};
+    std::string written = {};                     // an attribute
+    std::shared_ptr<Invocation> invocation = {};  // of an operation; neither: the mount itself
   };
   using Mounts = std::vector<std::shared_ptr<Mounted>>;
 
   void connect();
   void disconnect(std::string const& why);
   void report(bool connected, std::string const& why);
-  void ask(std::shared_ptr<Mounted> const& mounted, Json request, std::string written);
+  void ask(Json request, Asked asked);
+  void wakeSelf() { ::eventfd_write(wakeUp_.get(), 1); }
+  void handle(int fd, U32 events);
   void send();
   void receive();
-  void takeLine(std::string_view line);
+  void takeLines();
+  std::optional<Json> nextLine();
+  void takeLine(Json const& line);
   void takeAnswer(Json const& line);
+  void invoked(Invocation& invocation, Json const& line);
   void askAgain();
   void retryIn(double seconds);
   Mounts::const_iterator find(Entity const& object) const;
@@ -240,8 +312,10 @@ class Mounter::Impl {
   double const retrySeconds_;
   Wire::Descriptor epoll_;
   Wire::Descriptor timer_;
+  Wire::Descriptor wakeUp_;
   Wire::Descriptor socket_;
   Wire::LineBuffer in_{longestLine};
+  std::optional<Json> owed_;  // the line at which a watcher threw
   std::string out_;
   Mounts mounts_;
   std::map<U64, Asked> asked_;  // by tag
@@ -253,10 +327,12 @@ Mounter::Impl::Impl(std::string path, double retrySeconds)
     : path_(std::move(path)),
       retrySeconds_(retrySeconds),
       epoll_(::epoll_create1(EPOLL_CLOEXEC)),
-      timer_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
+      timer_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)),
+      wakeUp_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
   static_cast<void>(Wire::address(path_));
-  if (!epoll_ || !timer_) throw std::runtime_error(path_ + ": no more file descriptors");
+  if (!epoll_ || !timer_ || !wakeUp_) throw std::runtime_error(path_ + ": no more file descriptors");
   poll(epoll_.get(), EPOLL_CTL_ADD, timer_.get(), EPOLLIN);
+  poll(epoll_.get(), EPOLL_CTL_ADD, wakeUp_.get(), EPOLLIN);
   connect();
 }
 
@@ -270,14 +346,17 @@ void Mounter::Impl::connect() {
   problem_.clear();
   ++connection_;
   poll(epoll_.get(), EPOLL_CTL_ADD, socket_.get(), EPOLLIN);
-  for (auto const& mounted : mounts_) ask(mounted, mounted->request(), {});
+  for (auto const& mounted : mounts_) ask(mounted->request(), {.mounted = mounted});
   report(true, {});
 }
 
+// Closing is not enough: while a forked child holds the socket too, the kernel would go on reporting its end.
 void Mounter::Impl::disconnect(std::string const& why) {
   if (!socket_) return;
+  poll(epoll_.get(), EPOLL_CTL_DEL, socket_.get(), 0);
   socket_.reset();
   in_.clear();
+  owed_.reset();
   out_.clear();
   asked_.clear();
   problem_ = why;
@@ -294,10 +373,10 @@ void Mounter::Impl::mount(Ptr<Entity> object, std::string entity, bool writable)
   auto mounted = std::make_shared<Mounted>(std::move(object), std::move(entity));
   if (writable)
     mounted->writableIs([this, self = std::weak_ptr(mounted)](Json request, std::string const& attribute) {
-      if (auto const m = self.lock()) ask(m, std::move(request), attribute);
+      if (auto const m = self.lock()) ask(std::move(request), {.mounted = m, .written = attribute});
     });
   mounts_.push_back(mounted);
-  if (socket_) ask(mounted, mounted->request(), {});
+  if (socket_) ask(mounted->request(), {.mounted = mounted});
 }
 
 void Mounter::Impl::unmount(Entity const& object) {
@@ -308,8 +387,10 @@ void Mounter::Impl::unmount(Entity const& object) {
   mounted->notifierIs(nullptr);
   bool const other =
       std::ranges::any_of(mounts_, [&](auto const& m) { return m->entity() == mounted->entity(); });
-  if (!socket_ || mounted->entity().empty() || other) return;
-  out_ += Wire::line({{"verb", "unmount"}, {"entity", mounted->entity()}});
+  std::string const entity = mounted->entity();
+  mounted->lost();
+  if (!socket_ || entity.empty() || other) return;
+  out_ += Wire::line({{"verb", "unmount"}, {"entity", entity}});
   send();
 }
 
@@ -322,9 +403,25 @@ bool Mounter::Impl::live(Entity const& object) const {
   return at != mounts_.end() && (*at)->live();
 }
 
-void Mounter::Impl::ask(std::shared_ptr<Mounted> const& mounted, Json request, std::string written) {
+std::shared_ptr<Invocation const> Mounter::Impl::invoke(Entity const& object, std::string_view operation,
+                                                        std::vector<Value> const& arguments) {
+  auto const at = find(object);
+  if (at == mounts_.end()) throw std::invalid_argument(object.name() + " is not mounted");
+  auto const invocation = (*at)->invocation();
+  if (invocation->lost) return invocation;
+  Json values = Json::array();
+  for (Value const& a : arguments) values.push_back(Wire::toJson(a));
+  ask({{"verb", "invoke"},
+       {"entity", (*at)->entity()},
+       {"operation", operation},
+       {"arguments", std::move(values)}},
+      {.invocation = invocation});
+  return invocation;
+}
+
+void Mounter::Impl::ask(Json request, Asked asked) {
   request["tag"] = ++lastTag_;
-  asked_.emplace(lastTag_, Asked{mounted, std::move(written)});
+  asked_.emplace(lastTag_, std::move(asked));
   out_ += Wire::line(request);
   send();
 }
@@ -339,17 +436,28 @@ void Mounter::Impl::send() {
   poll(epoll_.get(), EPOLL_CTL_MOD, socket_.get(), out_.empty() ? EPOLLIN : EPOLLIN | EPOLLOUT);
 }
 
+// A watcher that throws ends the dispatch, and what is left is handled in the next.
 void Mounter::Impl::dispatch() {
-  epoll_event events[2];
-  int const n = ::epoll_wait(epoll_.get(), events, 2, 0);
-  for (int i = 0; i < n; ++i) {
-    if (events[i].data.fd == timer_.get()) {
-      U64 count = 0;
-      if (::read(timer_.get(), &count, sizeof count) > 0) socket_ ? askAgain() : connect();
-    } else if (socket_ && events[i].data.fd == socket_.get()) {
-      if (events[i].events & EPOLLOUT) send();
-      if (events[i].events & (EPOLLIN | EPOLLHUP | EPOLLERR)) receive();
-    }
+  try {
+    takeLines();
+    epoll_event events[3];
+    int const n = ::epoll_wait(epoll_.get(), events, 3, 0);
+    for (int i = 0; i < n; ++i) handle(events[i].data.fd, events[i].events);
+  } catch (...) {
+    wakeSelf();
+    throw;
+  }
+}
+
+void Mounter::Impl::handle(int fd, U32 events) {
+  U64 count = 0;
+  if (fd == wakeUp_.get()) {
+    ::eventfd_read(fd, &count);
+  } else if (fd == timer_.get()) {
+    if (::read(fd, &count, sizeof count) > 0) socket_ ? askAgain() : connect();
+  } else if (socket_ && fd == socket_.get()) {
+    if (events & EPOLLOUT) send();
+    if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) receive();
   }
 }
 
@@ -359,17 +467,31 @@ void Mounter::Impl::receive() {
   if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (n <= 0) return disconnect(n == 0 ? "the agent closed the connection" : std::strerror(errno));
   in_.append(bytes.data(), static_cast<std::size_t>(n));
+  takeLines();
+}
+
+void Mounter::Impl::takeLines() {
   U64 const connection = connection_;
   while (socket_ && connection == connection_) {
-    std::optional<std::string_view> const line = in_.next();
+    std::optional<Json> line = nextLine();
     if (!line) break;
-    takeLine(*line);
+    try {
+      takeLine(*line);
+    } catch (WatcherThrew const& e) {
+      if (socket_ && connection == connection_) owed_ = std::move(line);
+      std::rethrow_exception(e.exception);
+    }
   }
   if (in_.overlong()) disconnect("the agent sent a line that is too long");
 }
 
-void Mounter::Impl::takeLine(std::string_view text) {
-  Json const line = Json::parse(text, nullptr, false);
+std::optional<Json> Mounter::Impl::nextLine() {
+  if (owed_) return std::exchange(owed_, std::nullopt);
+  auto const text = in_.next();
+  return text ? std::optional(Json::parse(*text, nullptr, false)) : std::nullopt;
+}
+
+void Mounter::Impl::takeLine(Json const& line) {
   if (!line.is_object()) return disconnect("the agent sent a line that is not a JSON object");
   try {
     if (!line.contains("event")) return takeAnswer(line);
@@ -391,7 +513,9 @@ void Mounter::Impl::takeAnswer(Json const& line) {
   if (at == asked_.end()) return;
   Asked const asked = std::move(at->second);
   asked_.erase(at);
-  if (!asked.written.empty())
+  if (asked.invocation)
+    invoked(*asked.invocation, line);
+  else if (!asked.written.empty())
     asked.mounted->written(asked.written, failed ? nullptr : &line.at("value"));
   else if (!failed)
     asked.mounted->entityIs(line.at("entity").get<std::string>());
@@ -399,12 +523,19 @@ void Mounter::Impl::takeAnswer(Json const& line) {
     retryIn(5 * retrySeconds_);
 }
 
+void Mounter::Impl::invoked(Invocation& invocation, Json const& line) {
+  if (line.contains("error"))
+    invocation.refusal = line["error"].get<std::string>();
+  else
+    invocation.result = line.contains("result") ? valueFrom(line["result"]) : Value();
+}
+
 // What the agent does not have (yet, or any more) is asked for now and then.
 void Mounter::Impl::askAgain() {
   for (auto const& mounted : Mounts(mounts_)) {
     auto const waits = [&](auto const& asked) { return asked.second.mounted == mounted; };
     if (mounted->entity().empty() && std::ranges::none_of(asked_, waits))
-      ask(mounted, mounted->request(), {});
+      ask(mounted->request(), {.mounted = mounted});
   }
 }
 
@@ -424,6 +555,10 @@ int Mounter::fd() const { return impl_->fd(); }
 void Mounter::dispatch() { impl_->dispatch(); }
 bool Mounter::connected() const { return impl_->connected(); }
 bool Mounter::live(Entity const& object) const { return impl_->live(object); }
+std::shared_ptr<Invocation const> Mounter::invoke(Entity const& object, std::string_view operation,
+                                                  std::vector<Value> const& arguments) {
+  return impl_->invoke(object, operation, arguments);
+}
 std::string const& Mounter::problem() const { return impl_->problem_; }
 void Mounter::onConnection(std::function<void(bool, std::string const&)> handler) {
   impl_->onConnection_ = std::move(handler);

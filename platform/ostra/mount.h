@@ -4,15 +4,15 @@
 //
 //   Ostra::Mounter agent(dir + "/mgmt.sock");
 //   auto flushStatus = agent.mount<Vantrel::VantrelFlushStatus>();  // the agent's only one of that type
-//   auto config = agent.mount<Vantrel::DebugConfig>("debugConfig", Ostra::Mounter::Access::Writable);
-//   auto status = agent.mount<Vantrel::DebugStatus>("debugStatus");
+//   auto config = agent.mount<Vantrel::DebugConfig>();
+//   auto status = agent.mount<Vantrel::DebugStatus>();
 //   agent.dispatchUntil([&] { return agent.live(*config) && agent.live(*status); }, 5.0);
 //
-//   config->versionInc(1);  // asks the agent for a snapshot
+//   auto asked = agent.invoke(*config, "versionInc", {U64{1}});  // for a snapshot; the result is its version
 //   agent.dispatchUntil([&] {
 //     if (!agent.live(*config) || !agent.live(*status)) return false;
-//     if (config->version() == 0) config->versionInc(1);  // another agent took its place: asked anew
-//     return status->version() == config->version();
+//     if (asked->lost) asked = agent.invoke(*config, "versionInc", {U64{1}});  // of the agent that came next
+//     return asked->result && status->answers(std::get<U64>(*asked->result));
 //   }, 30.0);
 //
 //   loop.onReadable(agent.fd(), [&] { agent.dispatch(); });  // or, in an event loop
@@ -20,22 +20,34 @@
 // Invariants: what its type wants told last (the version of DebugStatus) arrives behind everything that was
 //   written before it; other scalars may overtake members. While the agent is away the objects keep their
 //   values; when it is back they are compared with a fresh snapshot, and watchers hear what differs. What is
-//   set here before the object is live is not sent: the agent's snapshot replaces it.
+//   set here before the object is live is not sent: the agent's snapshot replaces it. A value that is set is
+//   written as it stands, whatever others wrote meanwhile: to count up at the agent, invoke.
 // Ownership: holds a reference to each mounted object. Not to be destroyed from inside a notification.
 // Threading: the thread that calls dispatch(). A handler may mount and unmount.
 // Cost: one dispatch() reads at most 64 KB.
 // Errors: the constructor throws std::runtime_error for a path that cannot be a socket's. An agent that is
 //   away, refuses or sends nonsense is told by connected() and problem(); the connection is tried again until
-//   there is one.
+//   there is one. What a watcher throws leaves dispatch(), and fd() is readable: the next dispatch() goes on
+//   behind the change that it threw at. invoke() throws std::invalid_argument for what is not mounted.
 #pragma once
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "ostra/entity.h"
 
 namespace Ostra {
+
+// An operation that was invoked at the agent.
+struct Invocation {
+  std::optional<Value> result;  // once it was carried out; an empty Value: the operation returns none
+  std::string refusal;          // why it was not
+  bool lost = false;  // not sent, as the object was not live; or the agent's object is gone since
+};
 
 class VANTREL_API Mounter {
  public:
@@ -55,6 +67,9 @@ class VANTREL_API Mounter {
   }
   void mount(Ptr<Entity> object, std::string entity, Access access);
   void unmount(Entity const& object);
+  // Invokes an operation of the agent's object. dispatch() receives the answer.
+  std::shared_ptr<Invocation const> invoke(Entity const& object, std::string_view operation,
+                                           std::vector<Value> const& arguments = {});
 
   // Readable when dispatch() has something to do.
   int fd() const;

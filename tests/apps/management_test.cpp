@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The agent's entities in other processes: mounted, watched by many, and when one side stops or dies.
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "ostra/mount.h"
+#include "ostra/mount_ask.h"
 #include "shoal/writer_table.h"
 #include "tests/support/process.h"
 #include "vantrel/vantrel.h"
@@ -35,6 +37,17 @@ class ManagementTest : public testing::Test {
     c.tableIndexIs(TableKey(0), ti);
     table->entryIs(c);
   }
+  // The engine knows the key.
+  bool hasTaken(U64 key) const {
+    try {
+      Ostra::Asker(socket()).ask(
+          fmt::format(R"({{"verb":"read","entity":"engine","attribute":"keyToHandle","key":{}}})", key),
+          [](std::string_view) {});
+      return true;
+    } catch (std::runtime_error const&) {
+      return false;
+    }
+  }
   std::string socket() const { return dir / "mgmt.sock"; }
 
   TempDir dir;
@@ -55,15 +68,16 @@ struct Requester {
         [this] { return mounter.live(*config) && mounter.live(*status) && mounter.live(*flush); }, seconds);
   }
   bool snapshot(double seconds = 30) {
-    config->versionInc(1);
+    ask();
     return answered(seconds);
   }
+  void ask() { asked = mounter.invoke(*config, "versionInc", {U64{1}}); }
   bool answered(double seconds = 30) {
     return mounter.dispatchUntil(
         [this] {
           if (!mounter.live(*config) || !mounter.live(*status)) return false;
-          if (config->version() == 0) config->versionInc(1);  // another agent took its place
-          return status->version() == config->version();
+          if (asked->lost) ask();  // another agent took its place
+          return asked->result && status->answers(std::get<U64>(*asked->result));
         },
         seconds);
   }
@@ -75,6 +89,7 @@ struct Requester {
   Ostra::Ptr<DebugConfig> config;
   Ostra::Ptr<DebugStatus> status;
   Ostra::Ptr<VantrelFlushStatus> flush;
+  std::shared_ptr<Ostra::Invocation const> asked;
 };
 
 class CountsFlushes : public VantrelFlushStatus::Notifiee {
@@ -154,6 +169,24 @@ TEST_F(ManagementTest, TheSnapshotProtocolWorksAcrossProcessesAsBetweenObjects) 
   EXPECT_TRUE(one.status->pending().empty());
 }
 
+// The second's mount has not heard of the first's request when it asks.
+TEST_F(ManagementTest, EachOfTwoRequestersGetsASnapshotOfItsOwnMoment) {
+  want(1, 1, 10);
+  start();
+  Requester one(socket()), other(socket());
+  ASSERT_TRUE(one.live());
+  ASSERT_TRUE(other.live());
+  ASSERT_TRUE(one.mounter.dispatchUntil([&] { return one.flush->flushCounter() == 1; }, 30));
+  ASSERT_TRUE(one.snapshot());
+  EXPECT_THAT(one.status->status(), testing::SizeIs(1));
+  EXPECT_EQ(1u, one.status->version());
+  want(2, 2, 10);
+  ASSERT_TRUE(eventually([&] { return hasTaken(2); }));
+  ASSERT_EQ(0u, other.config->version());
+  ASSERT_TRUE(other.snapshot());
+  EXPECT_EQ(2u, other.status->status().size() + other.status->pending().size());
+}
+
 // How long anything takes is the machine's affair, with a hundred processes that all read; `patience` only
 // ends a test that hangs. What must hold while one of them stands still: everybody else sees every request
 // answered before it goes on, what the agent keeps for it does not grow, and waiting for it costs nothing.
@@ -183,7 +216,7 @@ TEST_F(ManagementTest, OfAHundredWatchersAStoppedOneDisturbsNobody) {
     table->entryDel(EntryKey(key));
     want(key, static_cast<U32>(key), 10);
     ASSERT_TRUE(requester.snapshot(patience)) << n;
-    ASSERT_EQ(n, requester.config->version());
+    ASSERT_EQ(n, requester.status->version());
     ASSERT_TRUE(other.seen(n, patience)) << n;
     if (n == filled) resident = agent->residentKib();
   }
@@ -237,7 +270,7 @@ TEST_F(ManagementTest, ASnapshotThatADyingAgentOwedIsTheSuccessors) {
   ASSERT_TRUE(requester.snapshot());
   agent->signal(SIGSTOP);
   EXPECT_FALSE(requester.snapshot(0.2));
-  EXPECT_EQ(2u, requester.config->version());
+  EXPECT_EQ(1u, requester.status->version());
   agent->signal(SIGKILL);
   agent->wait();
   want(2, 2, 10);

@@ -5,8 +5,13 @@
 #include <gmock/gmock.h>
 #include <poll.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
 
 #include "ostra/publish.h"
+#include "raw_peer.h"
 #include "sample.h"
 
 namespace OstraTest {
@@ -274,6 +279,271 @@ TEST_F(MountTest, TwoMountsOfOneEntityBothHear) {
   sample_->levelIs(9);
   ASSERT_TRUE(until(mounter, [&] { return other->level() == 9; }));
   EXPECT_EQ(8, one->level());
+}
+
+// Lets both ends work, without changing anything, until both rest. Counts what left dispatch().
+class MountThrowTest : public MountTest {
+ protected:
+  void rest(Ostra::Mounter& mounter) {
+    for (int i = 0; i < 20000; ++i) {
+      pollfd fds[] = {{mounter.fd(), POLLIN, 0}, {publisher_->fd(), POLLIN, 0}};
+      if (::poll(fds, 2, 0) == 0) return;
+      publisher_->dispatch();
+      try {
+        mounter.dispatch();
+      } catch (std::exception const& e) {
+        thrown_.push_back(e.what());
+      }
+    }
+    FAIL() << "there is no end of it";
+  }
+  // Throws at the third and the eighth change that the diary hears.
+  template <class Exception>
+  void throwsAtTimes(Diary& diary) {
+    diary.then = [&diary] {
+      if (diary.lines().size() % 5 == 3) throw Exception("enough");
+    };
+  }
+  // What changes in one line and in several, and while something else is asked for.
+  void changeAndSee(Ostra::Mounter& mounter, Sample const& mounted, Diary& diary) {
+    for (U32 k = 1; k <= 10; ++k) sample_->orderedIs(k, "one");
+    rest(mounter);
+    EXPECT_EQ(sample_->ordered(), mounted.ordered());
+    EXPECT_EQ(10u, diary.take().size());
+    for (U32 k = 1; k <= 10; ++k) sample_->orderedDel(k);
+    rest(mounter);
+    EXPECT_THAT(mounted.ordered(), IsEmpty());
+    EXPECT_EQ(10u, diary.take().size());
+    sample_->levelIs(3);
+    sample_->titleIs("three");
+    sample_->orderedIs(7, "seven");
+    sample_->hashedIs(7, 7);
+    sample_->hashedDel(1);
+    sample_->versionIs(9);
+    rest(mounter);
+    EXPECT_EQ("seven", mounted.ordered().at(7));
+    EXPECT_EQ(7u, mounted.hashed().at(7));
+    EXPECT_EQ("three", mounted.title());
+    EXPECT_EQ(9u, mounted.version());
+    EXPECT_EQ(5u, diary.take().size());
+    EXPECT_TRUE(mounter.live(mounted));
+  }
+  std::vector<std::string> thrown_;
+};
+
+TEST_F(MountThrowTest, AWatcherThatThrowsLosesNothing) {
+  Ostra::Mounter mounter(path_);
+  auto const mounted = mounter.mount<Sample>();
+  ASSERT_TRUE(live(mounter, *mounted));
+  Diary diary;
+  diary.notifierIs(Ostra::Ptr<Sample const>(mounted));
+  throwsAtTimes<std::runtime_error>(diary);
+  changeAndSee(mounter, *mounted, diary);
+  EXPECT_EQ(std::vector<std::string>(5, "enough"), thrown_);
+}
+
+// What the mounter takes for the agent's mistakes when it comes from the agent.
+TEST_F(MountThrowTest, WhateverItThrows) {
+  Ostra::Mounter mounter(path_);
+  auto const mounted = mounter.mount<Sample>();
+  ASSERT_TRUE(live(mounter, *mounted));
+  Diary diary;
+  diary.notifierIs(Ostra::Ptr<Sample const>(mounted));
+  throwsAtTimes<Ostra::AttributeException>(diary);
+  changeAndSee(mounter, *mounted, diary);
+  EXPECT_EQ(std::vector<std::string>(5, "enough"), thrown_);
+  diary.then = [] { throw Json::out_of_range::create(401, "enough of it", nullptr); };
+  sample_->levelIs(200);
+  sample_->titleIs("last");
+  rest(mounter);
+  EXPECT_EQ("last", mounted->title());
+  EXPECT_THAT(thrown_.back(), HasSubstr("enough of it"));
+  EXPECT_TRUE(mounter.connected());
+  EXPECT_EQ("", mounter.problem());
+}
+
+TEST_F(MountThrowTest, ASnapshotIsCompletedToo) {
+  for (U32 k = 1; k <= 10; ++k) sample_->orderedIs(k, "one");
+  Ostra::Mounter mounter(path_, 0.01);
+  auto const mounted = mounter.mount<Sample>();
+  Diary diary;
+  diary.notifierIs(Ostra::Ptr<Sample const>(mounted));
+  throwsAtTimes<std::runtime_error>(diary);
+  rest(mounter);
+  EXPECT_EQ(sample_->ordered(), mounted->ordered());
+  publisher_.reset();
+  ASSERT_TRUE(until(mounter, [&] { return !mounter.connected(); }));
+  for (U32 k = 1; k <= 10; ++k) sample_->orderedDel(k);
+  restart();
+  diary.take();
+  for (int i = 0; i < 2000 && !mounter.live(*mounted); ++i) {
+    ::usleep(1000);
+    rest(mounter);
+  }
+  EXPECT_TRUE(mounter.live(*mounted));
+  EXPECT_THAT(mounted->ordered(), IsEmpty());
+  EXPECT_EQ(10u, diary.take().size());
+  EXPECT_EQ(std::vector<std::string>(4, "enough"), thrown_);
+}
+
+TEST_F(MountTest, AnOperationIsInvokedAtTheAgent) {
+  sample_->levelIs(4);
+  Ostra::Mounter mounter(path_, 0.01);
+  auto const mounted = mounter.mount<Sample>();
+  EXPECT_TRUE(mounter.invoke(*mounted, "add", {U64{1}})->lost) << "it is not live yet";
+  EXPECT_THROW(mounter.invoke(*sample_, "add", {U64{1}}), std::invalid_argument);
+  ASSERT_TRUE(live(mounter, *mounted));
+  auto const added = mounter.invoke(*mounted, "add", {U64{3}});
+  auto const above = mounter.invoke(*mounted, "above", {U64{10}});
+  auto const failed = mounter.invoke(*mounted, "fail");
+  EXPECT_FALSE(above->result);
+  ASSERT_TRUE(until(mounter, [&] { return !failed->refusal.empty(); }));
+  EXPECT_EQ(Ostra::Value(), added->result);
+  EXPECT_EQ(Ostra::Value(U64{17}), above->result);
+  EXPECT_EQ("the sample failed", failed->refusal);
+  EXPECT_FALSE(failed->result);
+  EXPECT_EQ(7, sample_->level());
+  EXPECT_FALSE(above->lost);
+  auto const unanswered = mounter.invoke(*mounted, "add", {U64{3}});
+  restart();
+  ASSERT_TRUE(until(mounter, [&] { return above->lost; }));
+  EXPECT_TRUE(unanswered->lost);
+  ASSERT_TRUE(live(mounter, *mounted));
+  settle(mounter, *mounted);
+  EXPECT_FALSE(unanswered->result);
+  auto const last = mounter.invoke(*mounted, "add", {U64{3}});
+  mounter.unmount(*mounted);
+  EXPECT_TRUE(last->lost);
+}
+
+TEST_F(MountTest, WhatIsSetBeforeTheObjectIsLiveGivesWayToTheAgents) {
+  sample_->levelIs(4);
+  sample_->titleIs("the agent's");
+  Ostra::Mounter mounter(path_);
+  auto const mounted = mounter.mount<Sample>("sample", Access::Writable);
+  mounted->titleIs("before it is mounted");
+  Diary diary;
+  diary.notifierIs(Ostra::Ptr<Sample const>(mounted));
+  diary.then = [&] {
+    if (mounted->level() == 4 && !mounter.live(*mounted)) mounted->levelIs(5);  // in the snapshot
+  };
+  ASSERT_TRUE(live(mounter, *mounted));
+  EXPECT_EQ("level 4", diary.lines().at(0));
+  EXPECT_EQ("level 5", diary.lines().at(1));
+  settle(mounter, *mounted);
+  EXPECT_EQ(4, sample_->level());
+  EXPECT_EQ(4, mounted->level());
+  EXPECT_EQ("the agent's", mounted->title());
+  mounted->levelIs(6);
+  ASSERT_TRUE(until(mounter, [&] { return sample_->level() == 6; }));
+}
+
+// What was written and not answered is not waited for at the next agent.
+TEST_F(MountTest, AWriteThatADeadAgentDidNotAnswerIsForgotten) {
+  Ostra::Mounter mounter(path_, 0.01);
+  auto const mounted = mounter.mount<Sample>("sample", Access::Writable);
+  ASSERT_TRUE(live(mounter, *mounted));
+  mounted->levelIs(5);
+  restart();
+  ASSERT_TRUE(until(mounter, [&] { return !mounter.connected(); }));
+  sample_->levelIs(7);
+  ASSERT_TRUE(live(mounter, *mounted));
+  EXPECT_EQ(7, mounted->level());
+  sample_->levelIs(8);
+  settle(mounter, *mounted);
+  EXPECT_EQ(8, mounted->level());
+  mounted->levelIs(9);
+  ASSERT_TRUE(until(mounter, [&] { return sample_->level() == 9; }));
+}
+
+TEST_F(MountTest, AnEntityThatIsExportedAgainIsMountedAgain) {
+  sample_->levelIs(3);
+  Ostra::Mounter mounter(path_, 0.01);
+  auto const mounted = mounter.mount<Sample>("sample");
+  ASSERT_TRUE(live(mounter, *mounted));
+  publisher_->withdraw("sample");
+  ASSERT_TRUE(until(mounter, [&] { return !mounter.live(*mounted); }));
+  EXPECT_TRUE(mounter.connected());
+  EXPECT_EQ(3, mounted->level()) << "values stay while the entity is away";
+  auto const next = Ostra::make<Sample>("sample");
+  next->levelIs(4);
+  publisher_->exportObject("sample", next);
+  ASSERT_TRUE(live(mounter, *mounted));
+  EXPECT_EQ(4, mounted->level());
+}
+
+// Another mount of it makes the agent begin afresh: until that is through, the first one is not complete.
+TEST_F(MountTest, AnObjectIsNotLiveWhileAFreshSnapshotArrives) {
+  for (U64 k = 0; k < 20000; ++k) sample_->hashedIs(k, k);
+  Ostra::Mounter mounter(path_);
+  auto const one = mounter.mount<Sample>("sample");
+  ASSERT_TRUE(live(mounter, *one));
+  auto const other = mounter.mount<Sample>("sample");
+  ASSERT_TRUE(until(mounter, [&] { return other->hashed().size() > 100; }));
+  ASSERT_LT(other->hashed().size(), 20000u);
+  EXPECT_FALSE(mounter.live(*one));
+  EXPECT_FALSE(mounter.live(*other));
+  ASSERT_TRUE(live(mounter, *one));
+  EXPECT_EQ(20000u, other->hashed().size());
+}
+
+// An agent that says what the test wants.
+class FakeAgent {
+ public:
+  explicit FakeAgent(std::string const& path)
+      : listener_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un const address = Ostra::Wire::address(path);
+    EXPECT_EQ(0, ::bind(listener_.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address));
+    EXPECT_EQ(0, ::listen(listener_.get(), 4));
+  }
+  void accept() {
+    peer_ = Ostra::Wire::Descriptor(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK));
+  }
+  std::size_t say(std::string_view bytes) {
+    ssize_t const n = ::send(peer_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    return n < 0 ? 0 : static_cast<std::size_t>(n);
+  }
+  void hangUp() {
+    ::shutdown(peer_.get(), SHUT_RDWR);
+    peer_.reset();
+  }
+
+ private:
+  Ostra::Wire::Descriptor listener_, peer_;
+};
+
+TEST_F(MountTest, ALineThatIsTooLongEndsTheConnection) {
+  FakeAgent agent(dir_ + "/fake.sock");
+  Ostra::Mounter mounter(dir_ + "/fake.sock", 60);
+  agent.accept();
+  std::string const piece(64 * 1024, 'x');
+  std::size_t said = 0;
+  while (mounter.connected() && said < 16 * 1024 * 1024) {
+    said += agent.say(piece);
+    mounter.dispatch();
+  }
+  EXPECT_FALSE(mounter.connected());
+  EXPECT_EQ("the agent sent a line that is too long", mounter.problem());
+  EXPECT_GT(said, 4u * 1024 * 1024);
+}
+
+// The child's copy keeps the socket open; its end must not be reported for ever.
+TEST_F(MountTest, AProcessThatForkedRestsWhenTheAgentIsGone) {
+  FakeAgent agent(dir_ + "/fake.sock");
+  Ostra::Mounter mounter(dir_ + "/fake.sock", 60);
+  agent.accept();
+  pid_t const child = ::fork();
+  if (child == 0) {
+    ::pause();
+    ::_exit(0);
+  }
+  agent.hangUp();
+  for (int i = 0; i < 1000 && mounter.connected(); ++i) mounter.dispatch();
+  EXPECT_FALSE(mounter.connected());
+  pollfd p{mounter.fd(), POLLIN, 0};
+  EXPECT_EQ(0, ::poll(&p, 1, 0)) << "there is nothing to do before it connects again";
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
 }
 
 TEST_F(MountTest, AnotherTypeIsRefused) {

@@ -128,6 +128,26 @@ TEST_F(PublishProcessTest, WhoeverAsksWaitsForItsTurnToConnect) {
   EXPECT_THAT(elsewhere([&] { return answer(path_, reading); }), HasSubstr(R"("value":0})"));
 }
 
+// The child's copy keeps the peer's socket open; its end must not be reported for ever.
+TEST_F(PublishProcessTest, AnAgentThatForkedRestsWhenAPeerIsGone) {
+  publish();
+  RawPeer peer(path_);
+  for (int i = 0; i < 100 && publisher_->peers() == 0; ++i) publisher_->dispatch();
+  ASSERT_EQ(1u, publisher_->peers());
+  pid_t const child = ::fork();
+  if (child == 0) {
+    ::pause();
+    ::_exit(0);
+  }
+  ::shutdown(peer.fd(), SHUT_RDWR);
+  for (int i = 0; i < 100 && publisher_->peers() > 0; ++i) publisher_->dispatch();
+  EXPECT_EQ(0u, publisher_->peers());
+  pollfd p{publisher_->fd(), POLLIN, 0};
+  EXPECT_EQ(0, ::poll(&p, 1, 0)) << "there is nothing to do";
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+}
+
 TEST_F(PublishProcessTest, TheSocketOfAKilledAgentIsReplaced) {
   int ends[2];
   ASSERT_EQ(0, ::pipe(ends));

@@ -125,6 +125,12 @@ TEST_F(PublishTest, ReadsWritesDeletesAndInvokes) {
   EXPECT_EQ(R"({"answer":"invoke","entity":"sample","operation":"above","result":15})", ask(peer, above));
   sample_->lockedIs(true);
   EXPECT_EQ(R"({"error":"above of OstraTest::Sample cannot be invoked: it is locked"})", ask(peer, above));
+  sample_->flatIs(4, 5);
+  for (char const* verb : {"delete", "write"})
+    EXPECT_EQ(R"({"error":"flat of OstraTest::Sample cannot be written: it is locked"})",
+              ask(peer, fmt::format(
+                            R"({{"verb":"{}","entity":"sample","attribute":"flat","key":4,"value":6}})", verb)));
+  EXPECT_EQ(5u, sample_->flat().at(4));
 }
 
 TEST_F(PublishTest, TheReadOfALongCollectionTakesSeveralLines) {
@@ -641,6 +647,23 @@ TEST_F(PublishTest, OnlyAPeerThatReadsNothingIsDropped) {
   EXPECT_TRUE(picture.live) << "the slow one got it all";
   EXPECT_EQ(200000u, picture.collections["hashed"].size());
   EXPECT_THAT(ask(idle, R"({"verb":"list"})"), HasSubstr("entities"));
+}
+
+// Its socket takes no more for many ticks on end, as it empties only when most of it was read.
+TEST_F(PublishTest, APeerThatReadsALittleAtEachTickIsKept) {
+  publish({.stallSeconds = 0.2});
+  for (U64 k = 0; k < 200000; ++k) sample_->hashedIs(k, k);
+  RawPeer slow(path_);
+  slow.write("{\"verb\":\"mount\",\"entity\":\"sample\"}\n");
+  pump(100);
+  for (int tick = 0; tick < 40; ++tick) {
+    pollfd p{publisher_->fd(), POLLIN, 0};
+    ASSERT_EQ(1, ::poll(&p, 1, 10000));
+    publisher_->dispatch();
+    slow.read(14000);
+  }
+  EXPECT_EQ(1u, publisher_->peers());
+  EXPECT_FALSE(slow.closed());
 }
 
 TEST_F(PublishTest, TheSocketIsForOwnerAndGroup) {

@@ -77,6 +77,7 @@ class Sample : public Ostra::Entity {
             .collection("ordered", &S::ordered, &S::orderedIs, &S::orderedDel)
             .collection("hashed", &S::hashed, &S::hashedIs, &S::hashedDel)
             .collection("flat", &S::flat, &S::flatIs, &S::flatDel)
+            .refusedBecause(+[](S const& s) { return std::string(s.locked() ? "it is locked" : ""); })
             .operation("add", &S::add)
             .operation("above", &S::above)
             .refusedBecause(+[](S const& s) { return std::string(s.locked() ? "it is locked" : ""); })

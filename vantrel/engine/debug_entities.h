@@ -31,7 +31,12 @@ class VANTREL_API DebugConfig : public Ostra::Entity {
   // The request counter; 0: no request was ever made.
   U32 version() const { return version_; }
   void versionIs(U32 version) { scalarIs("version", version_, version, &Notifiee::onVersion); }
-  void versionInc(U32 n) { versionIs(version_ + n); }
+  // Returns the version that was asked for, whatever others ask for by the time this returns.
+  U32 versionInc(U32 n) {
+    U32 const asked = version_ + n;
+    versionIs(asked);
+    return asked;
+  }
 
   static Ostra::TypeInfo const& staticType();
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
@@ -101,6 +106,8 @@ class VANTREL_API DebugStatus : public Ostra::Entity {
   // The DebugConfig version that the collections answer.
   U32 version() const { return version_; }
   void versionIs(U32 version) { scalarIs("version", version_, version, &Notifiee::onVersion); }
+  // The collections were filled for the request that got this version, or for a later one.
+  bool answers(U64 version) const { return static_cast<U32>(version_ - version) <= ~0u / 2; }
 
   static Ostra::TypeInfo const& staticType();
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
