@@ -128,8 +128,8 @@ TEST_F(PublishTest, ReadsWritesDeletesAndInvokes) {
   sample_->flatIs(4, 5);
   for (char const* verb : {"delete", "write"})
     EXPECT_EQ(R"({"error":"flat of OstraTest::Sample cannot be written: it is locked"})",
-              ask(peer, fmt::format(
-                            R"({{"verb":"{}","entity":"sample","attribute":"flat","key":4,"value":6}})", verb)));
+              ask(peer, R"({"verb":")" + std::string(verb) +
+                            R"(","entity":"sample","attribute":"flat","key":4,"value":6})"));
   EXPECT_EQ(5u, sample_->flat().at(4));
 }
 

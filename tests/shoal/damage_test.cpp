@@ -208,9 +208,14 @@ TEST(Damage, NoValueBehindARightGuardLeadsOutOfTheWindow) {
     _exit(testing::Test::HasFailure() ? 1 : 0);
   };
   U64 const most = windowBytes / chunkBytes;
+#ifdef __SANITIZE_ADDRESS__
+  auto const windows = {false};  // the sanitizer needs more address space than a small one leaves
+#else
+  auto const windows = {false, true};
+#endif
   for (U64 const chunks : {U64{0}, most, most + 1, (U64{1} << 48) - 1}) {
     for (U64 const unit : {U64{0}, U64{1} << 25, U64{1} << 31, (U64{1} << 32) - 1}) {
-      for (bool const cramped : {false, true}) {
+      for (bool const cramped : windows) {
         EXPECT_EXIT(mislead(chunks, unit, cramped), testing::ExitedWithCode(0), "") << chunks << " " << unit;
         pokeWord(path, chunksAt, guard(2, chunksAt));
         pokeWord(path, at, entry);
