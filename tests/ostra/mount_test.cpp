@@ -328,30 +328,29 @@ class MountThrowTest : public MountTest {
     EXPECT_EQ(5u, diary.take().size());
     EXPECT_TRUE(mounter.live(mounted));
   }
+  template <class Exception>
+  void losesNothing(Ostra::Mounter& mounter, Ostra::Ptr<Sample> const& mounted, Diary& diary) {
+    ASSERT_TRUE(live(mounter, *mounted));
+    diary.notifierIs(Ostra::Ptr<Sample const>(mounted));
+    throwsAtTimes<Exception>(diary);
+    changeAndSee(mounter, *mounted, diary);
+    EXPECT_EQ(std::vector<std::string>(5, "enough"), thrown_);
+  }
   std::vector<std::string> thrown_;
 };
 
 TEST_F(MountThrowTest, AWatcherThatThrowsLosesNothing) {
   Ostra::Mounter mounter(path_);
-  auto const mounted = mounter.mount<Sample>();
-  ASSERT_TRUE(live(mounter, *mounted));
   Diary diary;
-  diary.notifierIs(Ostra::Ptr<Sample const>(mounted));
-  throwsAtTimes<std::runtime_error>(diary);
-  changeAndSee(mounter, *mounted, diary);
-  EXPECT_EQ(std::vector<std::string>(5, "enough"), thrown_);
+  losesNothing<std::runtime_error>(mounter, mounter.mount<Sample>(), diary);
 }
 
 // What the mounter takes for the agent's mistakes when it comes from the agent.
 TEST_F(MountThrowTest, WhateverItThrows) {
   Ostra::Mounter mounter(path_);
   auto const mounted = mounter.mount<Sample>();
-  ASSERT_TRUE(live(mounter, *mounted));
   Diary diary;
-  diary.notifierIs(Ostra::Ptr<Sample const>(mounted));
-  throwsAtTimes<Ostra::AttributeException>(diary);
-  changeAndSee(mounter, *mounted, diary);
-  EXPECT_EQ(std::vector<std::string>(5, "enough"), thrown_);
+  losesNothing<Ostra::AttributeException>(mounter, mounted, diary);
   diary.then = [] { throw Json::out_of_range::create(401, "enough of it", nullptr); };
   sample_->levelIs(200);
   sample_->titleIs("last");
