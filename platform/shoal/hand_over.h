@@ -9,8 +9,8 @@ namespace Shoal {
 
 // False when the message could not be sent now.
 bool handOver(int socket, int descriptor);
-// The descriptor that came, -1 when none did. `ended` says that nothing more will come: the other side is gone,
-// or the descriptor was lost for want of room for it.
+// The descriptor that came, -1 when none did. `ended` says that nothing more will come: the other side is
+// gone, or the descriptor was lost for want of room for it.
 int takeOver(int socket, bool& ended);
 
 }  // namespace Shoal
