@@ -11,6 +11,8 @@
 //              and a copy of the 136 bytes in use, whose number the compiler knows.
 //   walk       the floor copies every record's whole image, in the order in which they lie in memory.
 //   writes     LMDB commits each, without synchronisation to disk.
+//   growing    from an empty table to one of this size, each write timed by itself, the clock's reading
+//              included: the mean, and what the slowest cost, which took chunks of the file.
 //
 // Times are of the processor, in slices so short that most are not interrupted; a slice's median.
 #include <benchmark/benchmark.h>
@@ -19,6 +21,8 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <filesystem>
+#include <numeric>
 
 #include "bench/report/report.h"
 #include "bench/report/table.h"
@@ -191,6 +195,22 @@ void comings(benchmark::State& state, World& world, Store& store, Remove remove,
   state.counters["ns"] = Bench::median(std::move(all));
 }
 
+void grow(benchmark::State& state) {
+  std::string const path = directory() + "/growing";
+  std::vector<double> all;
+  for (auto _ : state) {
+    all.clear();
+    Shoal::WriterTable<Config> writer(path, {.replace = true});
+    for (U64 k = 0; k < records(state); ++k)
+      all.push_back(timed(1, [&] { writer.entryIs(record(freshKey(k), 1)); }));
+  }
+  std::filesystem::remove_all(path);
+  state.counters["ns"] = std::accumulate(all.begin(), all.end(), 0.0) / static_cast<double>(all.size());
+  std::ranges::sort(all);
+  state.counters["also:p99.9"] = all[all.size() - all.size() / 1000 - 1];
+  state.counters["also:longest write"] = all.back();
+}
+
 void replace(benchmark::State& state) { replaces(state, toWrite(state), toWrite(state).writer); }
 template <Half half>
 void coming(benchmark::State& state) {
@@ -250,6 +270,7 @@ BENCHMARK(walk)->Name("walk/ours")->Apply(sizes);
 BENCHMARK(walkFloor)->Name("walk/floor")->Apply(sizes);
 BENCHMARK(coming<Half::inserts>)->Name("insert/ours")->Apply(sizes);
 BENCHMARK(lmdbComing<Half::inserts>)->Name("insert/peer")->Apply(sizes);
+BENCHMARK(grow)->Name("growing/ours")->Apply(sizes)->Iterations(1);
 BENCHMARK(replace)->Name("replace/ours")->Apply(sizes);
 BENCHMARK(lmdbReplace)->Name("replace/peer")->Apply(sizes);
 BENCHMARK(coming<Half::removes>)->Name("remove/ours")->Apply(sizes);

@@ -121,8 +121,8 @@ TEST(SharedTable, RefusesASecondWriterNamingTheFirst) {
 // A table may go with the process's statics, whatever went before it.
 TEST(SharedTable, MayBeAStatic) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process of its own, in which nothing was made yet
-  Directory dir;
-  auto const leave = [&] {
+  auto const leave = [] {
+    static Directory dir;
     static std::unique_ptr<Writer> table;  // made before all that the table makes on its way
     table = std::make_unique<Writer>(dir / "t");
     std::exit(0);
