@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <map>
 #include <random>
 #include <thread>
@@ -55,8 +56,8 @@ double nanosecondsSince(Clock::time_point begin) {
 
 // The smallest value that at least `share` of all do not exceed.
 double quantile(std::vector<double> const& sorted, double share) {
-  auto const rank = static_cast<std::size_t>(share * static_cast<double>(sorted.size()));
-  return sorted[std::min(rank, sorted.size() - 1)];
+  auto const rank = static_cast<std::size_t>(std::ceil(share * static_cast<double>(sorted.size())));
+  return sorted[std::clamp<std::size_t>(rank, 1, sorted.size()) - 1];
 }
 
 class Keys {
