@@ -46,6 +46,7 @@ Counts counted(Workload const& work, Make make) {
   work.run(*programmer, row, true);
   if (row.contents() != work.final) throw std::logic_error("the final table is not the one that is wanted");
   return {{"also:hardware operations", static_cast<double>(row.operations())},
+          {"also:operations with a rule absent", static_cast<double>(row.gaps())},
           {"also:rules absent, summed over operations", static_cast<double>(row.absences())},
           {"also:rules absent at once", static_cast<double>(row.mostAbsent())},
           {"also:operations that broke the order", static_cast<double>(row.disorders())}};

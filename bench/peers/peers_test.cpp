@@ -105,12 +105,14 @@ TEST(Row, CountsRulesThatShouldBeThereAndAreNot) {
   row.add(entry(3, 3, 10, 3));  // what key 1 matches, twice now
   row.remove(1);
   EXPECT_EQ(row.absences(), 0U);
+  EXPECT_EQ(row.gaps(), 0U);
   row.remove(2);
   row.remove(3);
   EXPECT_EQ(row.absences(), 3U);  // one after the first, two after the second
   EXPECT_EQ(row.mostAbsent(), 2U);
   row.add(entry(2, 4, 10, 2));
   EXPECT_EQ(row.absences(), 4U);
+  EXPECT_EQ(row.gaps(), 3U);
 }
 
 TEST(Row, NoticesABrokenOrderAndRefusesAHeldPosition) {

@@ -58,6 +58,7 @@ void Row::remove(U64 key) {
 void Row::done(Entry const* changed, U32 ti) {
   ++operations_;
   absences_ += absentNow_;
+  gaps_ += absentNow_ != 0;
   mostAbsent_ = std::max(mostAbsent_, absentNow_);
   if (!checked_ || !changed) return;
   auto const here = order_.find({changed->pg, ti});

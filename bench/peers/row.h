@@ -51,6 +51,7 @@ class Row {
   U64 operations() const { return operations_; }
   U64 absences() const { return absences_; }      // absent rules, summed over operations
   U64 mostAbsent() const { return mostAbsent_; }  // at one time
+  U64 gaps() const { return gaps_; }              // operations after which some rule was absent
   U64 disorders() const { return disorders_; }    // operations after which an order was broken
 
  private:
@@ -67,7 +68,7 @@ class Row {
   std::vector<U64> keys_;
   bool const checked_;
   std::map<std::pair<U16, U32>, U32> order_;  // (group, position) -> priority, when checked
-  U64 operations_ = 0, absences_ = 0, mostAbsent_ = 0, absentNow_ = 0, disorders_ = 0;
+  U64 operations_ = 0, absences_ = 0, mostAbsent_ = 0, gaps_ = 0, absentNow_ = 0, disorders_ = 0;
   boost::unordered_flat_map<U64, Match> const* matchOf_ = nullptr;
   std::vector<U32> present_;   // entries of each match
   std::vector<bool> guarded_;  // by match
