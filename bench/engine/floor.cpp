@@ -3,6 +3,9 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <functional>
+
 namespace Bench {
 
 using Vantrel::EntryStatus;
@@ -11,7 +14,9 @@ using Vantrel::PendingType;
 
 namespace {
 
+// An empty array is not asked, here as in the engine.
 Vantrel::CState_s* at(Pcvoid_t array, Word_t index) {
+  if (!array) return nullptr;
   PPvoid_t const slot = JudyLGet(array, index, PJE0);
   return slot ? static_cast<Vantrel::CState_s*>(*slot) : nullptr;
 }
@@ -19,27 +24,50 @@ void put(Pvoid_t& array, Word_t index, void* value) { *JudyLIns(&array, index, P
 
 }  // namespace
 
+// The pool gets the records back in the order in which a fresh one has them.
 Floor::~Floor() {
+  std::vector<CState*> records;
+  for (auto const& [key, record] : cstate_) records.push_back(record);
+  std::ranges::sort(records, std::greater<>());
+  for (CState* record : records) pool_.cstateFree(record);
   for (Pvoid_t* array : {&pending_, &current_, &precedence_}) JudyLFreeArray(array, PJE0);
   Judy1FreeArray(&workqSet_, PJE0);
 }
 
-Vantrel::CState_s* Floor::newRecord() {
-  if (free_.empty()) return &records_.emplace_back();
-  CState* const c = free_.back();
-  free_.pop_back();
-  return c;
+Places Floor::placesIn(Pcvoid_t array) {
+  Places all;
+  Word_t ti = 0;
+  for (PPvoid_t slot = JudyLFirst(array, &ti, PJE0); slot; slot = JudyLNext(array, &ti, PJE0)) {
+    auto const* const c = static_cast<CState*>(*slot);
+    all.emplace_back(static_cast<U32>(ti), c->key, c->opId);
+  }
+  return all;
 }
 
-EntryConfig Floor::head(EntryKey key) {
+// All of it is read, as whoever programs it would, and not what its version and handle take alone.
+EntryConfig Floor::read(EntryKey key) const {
   EntryConfig entry = table_->LocalTable::entry(key);
-  benchmark::DoNotOptimize(handleToKey_.find(entry.hdl()));
+  benchmark::DoNotOptimize(&entry);
+  benchmark::ClobberMemory();
+  return entry;
+}
+
+// On its way while other data of the key are read.
+Vantrel::CState_s& Floor::find(EntryKey key) {
+  CState* const c = cstate_.find(key)->second;
+  __builtin_prefetch(c);
+  return *c;
+}
+
+EntryConfig Floor::head(EntryKey key) const {
+  EntryConfig entry = read(key);
+  benchmark::DoNotOptimize(handleToKey_.find(entry.hdl())->second);
   return entry;
 }
 
 Vantrel::CState_s& Floor::enter(EntryConfig const& entry) {
   CState*& slot = cstate_.try_emplace(entry.key(), nullptr).first->second;
-  slot = newRecord();
+  slot = pool_.cstateAlloc();
   *slot = {entry.key(),  OpId(),    {OpId(), noIndex, PendingType::None}, entry.hdl(), noIndex,
            entry.prio(), entry.pg()};
   return *slot;
@@ -66,7 +94,7 @@ void Floor::leave(CState const& c) {
 }
 
 void Floor::add(EntryKey key) {
-  EntryConfig const entry = table_->LocalTable::entry(key);
+  EntryConfig const entry = read(key);
   handleToKey_.try_emplace(entry.hdl(), key);
   keyToHandle_.try_emplace(key, entry.hdl());
   CState& c = enter(entry);
@@ -79,23 +107,23 @@ void Floor::add(EntryKey key) {
 }
 
 void Floor::update(EntryKey key) {
+  CState& c = find(key);
   EntryConfig const entry = head(key);
-  CState& c = *cstate_.find(key)->second;
   benchmark::DoNotOptimize(at(pending_, c.sti));
   c.opId = entry.opId();
 }
 
 void Floor::acknowledge(EntryKey key) {
+  CState& c = find(key);
   EntryConfig const entry = head(key);
-  CState& c = *cstate_.find(key)->second;
   benchmark::DoNotOptimize(at(pending_, c.sti));
   status_->entryQuietlyIs(EntryStatus(key, entry.opId()));
   c.opId = entry.opId();
 }
 
 void Floor::move(EntryKey key) {
+  CState& c = find(key);
   EntryConfig const entry = head(key);
-  CState& c = *cstate_.find(key)->second;
   U32 const ti = entry.tableIndex(TableKey(0));
   U32 const old = c.sti;
   benchmark::DoNotOptimize(at(current_, ti));
@@ -119,11 +147,11 @@ void Floor::blockedAndFollowed(CState& c) {
   blocked_.insert(c.key);
   blocked_.erase(blocked_.begin());
   benchmark::DoNotOptimize(cstate_.find(c.key)->second->p.ti);
-  benchmark::DoNotOptimize(table_->LocalTable::entry(c.key));
+  read(c.key);
 }
 
 void Floor::block(EntryKey key) {
-  EntryConfig const entry = table_->LocalTable::entry(key);
+  EntryConfig const entry = read(key);
   handleToKey_.try_emplace(entry.hdl(), key);
   keyToHandle_.try_emplace(key, entry.hdl());
   CState& c = enter(entry);
@@ -132,8 +160,8 @@ void Floor::block(EntryKey key) {
 }
 
 void Floor::blockMove(EntryKey key) {
+  CState& c = find(key);
   EntryConfig const entry = head(key);
-  CState& c = *cstate_.find(key)->second;
   claim(c, entry);
   blockedAndFollowed(c);
   benchmark::DoNotOptimize(at(current_, c.p.ti));
@@ -153,6 +181,7 @@ EntryKey Floor::takeQueued() {
 
 // Claims of other groups are met and passed over.
 void Floor::wakeBetween(CState const& c, Word_t lo, Word_t hi) {
+  if (!pending_) return;
   for (PPvoid_t slot = JudyLFirst(pending_, &lo, PJE0); slot && lo < hi;
        slot = JudyLNext(pending_, &lo, PJE0))
     if (static_cast<CState*>(*slot)->pg == c.pg) queue(static_cast<U32>(lo));
@@ -174,7 +203,7 @@ void Floor::withdraw(CState& c) {
   if (before && before->samePriority(c)) hi = c.sti;
   if (lo < hi) wakeBetween(c, lo, hi);
   cstate_.erase(c.key);
-  free_.push_back(&c);
+  pool_.cstateFree(&c);
 }
 
 void Floor::forgetHandles(EntryKey key) {
@@ -184,8 +213,9 @@ void Floor::forgetHandles(EntryKey key) {
 }
 
 void Floor::remove(EntryKey key) {
-  benchmark::DoNotOptimize(table_->LocalTable::entry(key));
-  withdraw(*cstate_.find(key)->second);
+  CState& c = find(key);
+  read(key);
+  withdraw(c);
   forgetHandles(key);
 }
 
@@ -193,14 +223,14 @@ void Floor::unblock(EntryKey key) {
   CState& c = *cstate_.find(key)->second;
   JudyLDel(&pending_, c.p.ti, PJE0);
   cstate_.erase(key);
-  free_.push_back(&c);
+  pool_.cstateFree(&c);
   forgetHandles(key);
 }
 
 void Floor::programWoken() {
   EntryKey const key = takeQueued();
+  CState& c = find(key);
   EntryConfig const entry = head(key);
-  CState& c = *cstate_.find(key)->second;
   U32 const ti = entry.tableIndex(TableKey(0));
   benchmark::DoNotOptimize(at(current_, ti));
   neighbours(pti(c, ti));
@@ -208,6 +238,7 @@ void Floor::programWoken() {
   JudyLDel(&pending_, ti, PJE0);
   enterAt(c, ti);
   c.opId = entry.opId();
+  c.p = {OpId(), noIndex, PendingType::None};
 }
 
 void Floor::removeWaking(EntryKey key) {
@@ -217,8 +248,8 @@ void Floor::removeWaking(EntryKey key) {
 
 void Floor::moveWoken() {
   EntryKey const key = takeQueued();
+  CState& c = find(key);
   EntryConfig const entry = head(key);
-  CState& c = *cstate_.find(key)->second;
   U32 const ti = entry.tableIndex(TableKey(0));
   U32 const old = c.sti;
   benchmark::DoNotOptimize(at(current_, ti));
@@ -240,7 +271,7 @@ void Floor::closeRing(EntryKey first) {
   Vantrel::FastState::Keys seen;
   for (EntryKey key = first; seen.insert(key).second;) {
     CState const& c = *cstate_.find(key)->second;
-    EntryConfig const entry = table_->LocalTable::entry(key);
+    EntryConfig const entry = read(key);
     key = at(current_, entry.tableIndex(TableKey(0)))->key;
     benchmark::DoNotOptimize(c.p.ti);
   }

@@ -6,27 +6,29 @@
 //
 // What each key costs, in the order of the work:
 //
-//   head        read the record; look its handle up
+//   find        find the key's record, and have it fetched
+//   head        find; read the record of the table; look its handle up
 //   add         read; enter the handle in both maps; enter the key's record; look the position up; neighbours
 //               below and above; look the claim up; enter the position in both orders
-//   update      head; find the key's record; look the claim up
+//   update      head; look the claim up
 //   acknowledge update, and one status written
-//   move        head; find; look the position up; neighbours; look the claim up; leave both orders at the old
+//   move        head; look the position up; neighbours; look the claim up; leave both orders at the old
 //               position, enter them at the new one; look the old position's claim up; its neighbours
 //   block       read; handles; record; look the position up; enter the claim; into the blocked keys and out
 //               again; find; read the record afresh (does its claim still hold?)
-//   remove      read (nothing there); find; leave both orders; look the claim up; neighbours; look for the
+//   remove      find; read (nothing there); leave both orders; look the claim up; neighbours; look for the
 //               first claim between them; forget the key's record; find its handle; leave both handle maps
 //   removeWaking  remove, where the claim is found and queued, met again between the neighbours, and the one
-//               behind it looked for; then, of who claimed: off the queue; head; find; look the position up;
+//               behind it looked for; then, of who claimed: off the queue; head; look the position up;
 //               neighbours; look its own claim up and end it; enter both orders
-//   blockMove   head; find; look the position up; enter the claim; into the blocked keys and out; find; read
+//   blockMove   head; look the position up; enter the claim; into the blocked keys and out; find; read
 //               afresh; look the occupant up
 //   closeRing   blockMove; then for each member of the ring: has it been seen? find; read; look its occupant
 //               up. The first one is deleted (claim, both orders, who claims its position, neighbours,
-//               record), handled again (head; record; look the position up; claim; blocked), and the others
-//               move one by one (off the queue; head; find; look the position up; neighbours; own claim found
-//               and ended; both orders left and entered; who claims the old position, queued; neighbours).
+//               record), handled again (read; its handle; record; look the position up; claim; blocked), and
+//               the others move one by one (off the queue; head; look the position up; neighbours; own claim
+//               found and ended; both orders left and entered; who claims the old position, queued;
+//               neighbours).
 #pragma once
 
 #include <Judy.h>
@@ -36,6 +38,7 @@
 #include <boost/unordered_map.hpp>
 #include <boost/unordered_set.hpp>
 #include <deque>
+#include <tuple>
 #include <vector>
 
 #include "bench/engine/layout.h"
@@ -45,6 +48,9 @@
 #include "vantrel/fast/state.h"
 
 namespace Bench {
+
+// Position, key, and the version that is programmed, in the order of positions.
+using Places = std::vector<std::tuple<U32, EntryKey, OpId>>;
 
 class Floor {
  public:
@@ -69,10 +75,17 @@ class Floor {
   void closeRing(EntryKey key);
   void walk();
 
+  // Not measured: for comparison with the engine.
+  Places programmed() const { return placesIn(current_); }
+  Places waiting() const { return placesIn(pending_); }
+
  private:
   using CState = Vantrel::CState_s;
 
-  EntryConfig head(EntryKey key);
+  static Places placesIn(Pcvoid_t array);
+  EntryConfig read(EntryKey key) const;
+  EntryConfig head(EntryKey key) const;
+  CState& find(EntryKey key);
   CState& enter(EntryConfig const& entry);
   void neighbours(U32 pti);
   void enterAt(CState& c, U32 ti);
@@ -87,7 +100,6 @@ class Floor {
   void queue(U32 ti);
   EntryKey takeQueued();
   U32 pti(CState const& c, U32 ti) const { return static_cast<U32>(c.pg) << shift_ | ti; }
-  CState* newRecord();
 
   U32 const shift_;
   Ostra::Ptr<Table> table_;
@@ -98,8 +110,7 @@ class Floor {
   Vantrel::FastState::Records cstate_{16};
   Vantrel::FastState::Keys blocked_{16};
   std::deque<EntryKey> workq_;
-  std::deque<CState> records_;
-  std::vector<CState*> free_;
+  Vantrel::FastState pool_;  // for its records alone, which come from where the engine's do
   Pvoid_t pending_ = nullptr;
   Pvoid_t current_ = nullptr;
   Pvoid_t precedence_ = nullptr;
