@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <map>
 #include <stdexcept>
 
@@ -60,6 +61,9 @@ Counts const& countsOf(std::string const& path, Make make) {
 }
 
 void programming(benchmark::State& state, std::string const& path, Make make) {
+  if (std::filesystem::path const file(path); !std::filesystem::exists(file))
+    return state.SkipWithError(
+        ("skipped: no " + file.filename().string() + " in ../shared/data/acl").c_str());
   try {
     Workload const& work = workloadOf(path);
     for (auto _ : state) state.counters["ns"] = nanosecondsOfAWrite(work, make);

@@ -43,7 +43,7 @@ struct Workload {
 // Of the rule file at `path`.
 Workload workload(std::string const& path);
 
-// The rule sets at hand, name and path: "edge_filter" always, the others where the files are.
+// The rule sets, name and path: "edge_filter" is always there, the others need not be.
 std::vector<std::pair<std::string, std::string>> ruleSets();
 
 }  // namespace Bench
