@@ -119,12 +119,12 @@ void lttng(benchmark::State& state) {
   }
 }
 
-BENCHMARK(record)->Name("a record of two values/ours/beside spdlog to a file");
-BENCHMARK(copy)->Name("a record of two values/floor/beside spdlog to a file");
-BENCHMARK(spdlogToAFile)->Name("a record of two values/peer/beside spdlog to a file");
-BENCHMARK(record)->Name("a record of two values/ours/beside LTTng-UST");
-BENCHMARK(copy)->Name("a record of two values/floor/beside LTTng-UST");
-BENCHMARK(lttng)->Name("a record of two values/peer/beside LTTng-UST")->Iterations(1);
+BENCHMARK(record)->Name("a record beside spdlog to a file/ours/two values");
+BENCHMARK(copy)->Name("a record beside spdlog to a file/floor/two values");
+BENCHMARK(spdlogToAFile)->Name("a record beside spdlog to a file/peer/two values");
+BENCHMARK(record)->Name("a record beside LTTng-UST/ours/two values");
+BENCHMARK(copy)->Name("a record beside LTTng-UST/floor/two values");
+BENCHMARK(lttng)->Name("a record beside LTTng-UST/peer/two values")->Iterations(1);
 
 // A page of the file that is touched for the first time.
 void firstTurn(benchmark::State& state) {
@@ -141,14 +141,14 @@ void firstTurn(benchmark::State& state) {
   Lumelog::close(log);
 }
 BENCHMARK(firstTurn)
-    ->Name("a record of two values/ours/in the first turn of its ring")
+    ->Name("a record in the first turn of its ring/ours/two values")
     ->Iterations(ringBytes / recordBytes);
 
 void nullLog(benchmark::State& state) {
   Lumelog::Log* volatile none = nullptr;
-  for (auto _ : state) LUMELOG_RECORD(none, 9, 1u, "key:", EntryKey(5));
+  for (auto _ : state) LUMELOG_RECORD(none, 9, 1u, "key:", EntryKey(5), " hdl:", 5U);
 }
-BENCHMARK(nullLog)->Name("a record of two values/ours/without a trace file");
+BENCHMARK(nullLog)->Name("a record without a trace file/ours/two values");
 
 void emptyLoop(benchmark::State& state) {
   for (auto _ : state) benchmark::ClobberMemory();
@@ -163,8 +163,8 @@ void facilityOff(benchmark::State& state) {
     benchmark::ClobberMemory();
   }
 }
-BENCHMARK(facilityOff)->Name("a facility trace of two values/ours/off");
-BENCHMARK(emptyLoop)->Name("a facility trace of two values/floor/off");
+BENCHMARK(facilityOff)->Name("a facility trace that is off/ours/two values");
+BENCHMARK(emptyLoop)->Name("a facility trace that is off/floor/two values");
 
 void processorsClock(benchmark::State& state) {
   Lumelog::Ticks const ticks;
@@ -175,8 +175,8 @@ void systemsClock(benchmark::State& state) {
   timespec t;
   for (auto _ : state) benchmark::DoNotOptimize(clock_gettime(CLOCK_MONOTONIC, &t));
 }
-BENCHMARK(processorsClock)->Name("reading the clock/ours/beside clock_gettime");
-BENCHMARK(systemsClock)->Name("reading the clock/peer/beside clock_gettime");
+BENCHMARK(processorsClock)->Name("reading the clock beside clock_gettime/ours/once");
+BENCHMARK(systemsClock)->Name("reading the clock beside clock_gettime/peer/once");
 
 bool const titled = Bench::titleIs("Traces", "nanoseconds");
 
