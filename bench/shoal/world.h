@@ -3,6 +3,8 @@
 // in a directory of shared memory that goes with the program.
 #pragma once
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <bit>
 #include <cstdlib>
@@ -81,11 +83,11 @@ class PlainTable {
 // Random odd keys; even ones are free for those who insert.
 class World {
  public:
-  enum class Use { read, write };
+  enum class Use { read, write, readHuge };
   static World& of(U64 records, Use use) {
     static std::map<std::pair<U64, Use>, std::unique_ptr<World>> all;
     auto& world = all[{records, use}];
-    if (!world) world.reset(new World(records, use == Use::read ? "read" : "write"));
+    if (!world) world.reset(new World(records, use));
     return *world;
   }
 
@@ -99,13 +101,13 @@ class World {
   U64 nextKey = 2;   // of a new record
 
  private:
-  World(U64 records, std::string const& use)
-      : writer(path(records, use), {.replace = true}),
+  World(U64 records, Use use)
+      : writer(path(records, use), {.replace = true, .hugePages = use == Use::readHuge}),
         reader((fill(records), path(records, use))),
         view(std::make_shared<Shoal::Mapping>(path(records, use), Shoal::Mapping::Access::read)),
         plain(view, records) {}
-  static std::string path(U64 records, std::string const& use) {
-    return directory() + "/" + use + std::to_string(records);
+  static std::string path(U64 records, Use use) {
+    return fmt::format("{}/{}-{}", directory(), static_cast<int>(use), records);
   }
   void fill(U64 records) {
     std::mt19937_64 random(records);

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "shoal/error.h"
 #include "shoal/format.h"
@@ -62,18 +63,34 @@ Mapping::~Mapping() {
 // A process whose address space is limited gets a smaller window; growth beyond it is refused where it
 // happens.
 void Mapping::map() {
-  int const protection = access_ == Access::write ? PROT_READ | PROT_WRITE : PROT_READ;
-  for (window_ = Format::windowBytes;; window_ /= 2) {
-    void* const at = mmap(nullptr, window_, protection, MAP_SHARED | MAP_NORESERVE, fd_, 0);
-    if (at != MAP_FAILED) {
-      base_ = static_cast<std::byte*>(at);
-      madvise(at, window_, MADV_DONTDUMP);
-      return;
-    }
+  for (window_ = Format::windowBytes; !mapWindow(); window_ /= 2)
     if (window_ / 2 < fileBytes() || window_ < 2 * Format::chunkBytes)
       throw FileException(FileException::Reason::notAllowed,
                           fmt::format("{}: cannot be mapped: {}", path_, std::strerror(errno)));
-  }
+  madvise(base_, window_, MADV_DONTDUMP);
+}
+
+// At an address of which a huge page of the file can be a huge page of the process.
+bool Mapping::mapWindow() {
+  int const nothing = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
+  void* const wider = mmap(nullptr, window_ + hugePageBytes, PROT_NONE, nothing, -1, 0);
+  if (wider == MAP_FAILED) return false;
+  auto const begin = reinterpret_cast<std::uintptr_t>(wider);
+  U64 const before = Format::roundUp(begin, hugePageBytes) - begin;
+  base_ = static_cast<std::byte*>(wider) + before;
+  if (before != 0) munmap(wider, before);
+  munmap(base_ + window_, hugePageBytes - before);
+  if (mapFile()) return true;
+  int const error = errno;
+  munmap(std::exchange(base_, nullptr), window_);
+  errno = error;
+  return false;
+}
+
+bool Mapping::mapFile() {
+  int const protection = access_ == Access::write ? PROT_READ | PROT_WRITE : PROT_READ;
+  int const flags = MAP_SHARED | MAP_NORESERVE | MAP_FIXED;
+  return mmap(base_, window_, protection, flags, fd_, 0) == base_;
 }
 
 U64 Mapping::fileBytes() const {
@@ -85,9 +102,17 @@ bool Mapping::cutShort() const { return guard_.hit(); }
 
 bool Mapping::mend(U64 bytes) {
   if (fileBytes() < bytes) return false;
-  int const protection = access_ == Access::write ? PROT_READ | PROT_WRITE : PROT_READ;
   guard_.reset();
-  return mmap(base_, window_, protection, MAP_SHARED | MAP_NORESERVE | MAP_FIXED, fd_, 0) == base_;
+  return mapFile();
+}
+
+bool Mapping::hugePageIs(U64 offset) {
+#ifdef MADV_COLLAPSE
+  constexpr int collapse = MADV_COLLAPSE;
+#else
+  constexpr int collapse = 25;  // of Linux 6.1
+#endif
+  return madvise(base_ + offset, hugePageBytes, collapse) == 0;
 }
 
 bool Mapping::isCurrent() const {

@@ -40,9 +40,14 @@ class VANTREL_API Mapping {
   bool mend(U64 bytes);
   // The file at the path is this one.
   bool isCurrent() const;
+  // Asks the kernel to hold 2 MB, from a multiple of that on, in one page. False when it does not.
+  static constexpr U64 hugePageBytes = 2U * 1024U * 1024U;
+  bool hugePageIs(U64 offset);
 
  private:
   void map();
+  bool mapWindow();
+  bool mapFile();
   std::string path_;
   int fd_ = -1;
   Access access_;

@@ -166,12 +166,14 @@ void TableWriter::make(std::string const& path, Shape const& shape, WriterOption
   }
 }
 
-void TableWriter::open(std::string const& path, Shape const& shape, WriterOptions const&) {
+void TableWriter::open(std::string const& path, Shape const& shape, WriterOptions const& options) {
   mapping_ = std::make_shared<Mapping>(path, Mapping::Access::write);
   view_ = std::make_unique<TableView>(mapping_, shape);
   slotWords_ = slotBytes(shape.imageBytes) / 8;
   scratch_.assign(slotWords_, 0);
   takeOver();
+  if (options.hugePages) hugePagesTo_ = 0;
+  makeHugePages();
 }
 
 WriterCounters TableWriter::counters() const {
@@ -324,6 +326,14 @@ U64 TableWriter::addChunk(Kind kind) {
   return chunks_++;
 }
 
+// Of the file's stretches before the newest chunk. One that the kernel refused is not asked for again.
+void TableWriter::makeHugePages() {
+  constexpr U64 bytes = Mapping::hugePageBytes;
+  U64 const full = view_->chunkOffset(chunks_ - 1);
+  for (; hugePagesTo_ < full && full - hugePagesTo_ >= bytes; hugePagesTo_ += bytes)
+    counters_.hugePages += mapping_->hugePageIs(hugePagesTo_);
+}
+
 void TableWriter::reserveSlot() {
   if (!idleSlots_.empty()) [[likely]]
     return;
@@ -413,6 +423,7 @@ void TableWriter::put(U64 key, std::byte const* image) {
   publish(spot, entry(unit, hash));
   endChange();
   splitWhileFull();
+  makeHugePages();
 }
 
 void TableWriter::publish(Spot const& spot, U64 entry) {

@@ -32,6 +32,8 @@ namespace Shoal {
 struct WriterOptions {
   bool replace = false;      // begin with an empty table in a new file, whatever table is there
   bool worldAccess = false;  // a new file may be read by everyone, not by its owner and group alone
+  bool hugePages = false;  // each 2 MB that is full becomes one page: reads of a large table take less, and
+                           // the write that fills them, or the opening, some milliseconds more
   U32 ringEntries =
       16384;  // changes a reader may lag behind before it is told to walk; of a new file; a power of 2
 };
@@ -43,6 +45,7 @@ struct WriterCounters {
   U64 removes = 0;
   U64 splits = 0;    // of index buckets
   U64 chunks = 0;    // added to the file
+  U64 hugePages = 0;
   U64 wakeUps = 0;   // sent
   U64 repaired = 0;  // entries, lines and announcements put right at opening
 };
@@ -75,6 +78,7 @@ class VANTREL_API TableWriter {
 
   void make(std::string const& path, Shape const& shape, WriterOptions const& options);
   void open(std::string const& path, Shape const& shape, WriterOptions const& options);
+  void makeHugePages();
 
   void store(std::atomic<U64>& word, U64 value);
   void storeGuarded(U64 offset, U64 value);
@@ -141,6 +145,7 @@ class VANTREL_API TableWriter {
   std::deque<U32> restingSlots_;
   std::vector<U32> idleSlots_;
   std::vector<U32> freeLines_;
+  U64 hugePagesTo_ = ~U64{0};  // where in the file the next huge page is to begin, if there are to be any
   U64 slotWords_ = 0;
   std::vector<U64> scratch_;  // checksum, state, key, image
   U64 imageWords_ = 0;        // of the image, in use there

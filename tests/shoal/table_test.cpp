@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <random>
 
@@ -116,6 +117,45 @@ TEST(SharedTable, RefusesASecondWriterNamingTheFirst) {
     EXPECT_EQ(error.holder(), getpid());
     EXPECT_THAT(error.what(), HasSubstr("process " + std::to_string(getpid())));
   }
+}
+
+U64 kilobytesInHugePages() {
+  std::ifstream maps("/proc/self/smaps");
+  U64 sum = 0;
+  for (std::string word; maps >> word;)
+    if (U64 here; word == "ShmemPmdMapped:" && maps >> here) sum += here;
+  return sum;
+}
+
+// Each stretch that is full, as the table grows and for the next writer; nothing of what readers see changes.
+TEST(SharedTable, MayLieInHugePages) {
+  Directory dir;
+  std::map<U64, U64> model;
+  constexpr U64 huge = Shoal::Mapping::hugePageBytes;
+  auto writer = Ostra::make<Writer>(dir / "t", Shoal::WriterOptions{.hugePages = true});
+  Reader early(dir / "t");
+  for (U64 key = 1; key <= 30000; ++key) {
+    writer->entryIs(record(key, key));
+    model[key] = key;
+    if (key % 10000 != 0) continue;
+    EXPECT_EQ(contents(early), model);
+  }
+  Shoal::Mapping const mapping(dir / "t", Shoal::Mapping::Access::read);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(mapping.base()) % huge, 0U);
+  U64 const made = writer->writerCounters().hugePages;
+  if (made == 0) GTEST_SKIP() << "this kernel makes no huge pages of shared memory";
+  U64 const fileBytes = std::filesystem::file_size(dir / "t");
+  EXPECT_GT(fileBytes, 8 * huge);
+  EXPECT_LE(made * huge, fileBytes);
+  EXPECT_EQ(contents(Reader(dir / "t")), model);
+  EXPECT_GT(kilobytesInHugePages(), made * huge / 1024);  // the writer's and the reader's
+  writer = nullptr;
+  writer = Ostra::make<Writer>(dir / "t", Shoal::WriterOptions{.hugePages = true});
+  EXPECT_GT(writer->writerCounters().hugePages, 0U);
+  EXPECT_EQ(contents(*writer), model);
+  writer = Ostra::make<Writer>(dir / "other");
+  for (U64 key = 1; key <= 10000; ++key) writer->entryIs(record(key, key));
+  EXPECT_EQ(writer->writerCounters().hugePages, 0U);
 }
 
 // A table may go with the process's statics, whatever went before it.
