@@ -35,7 +35,7 @@ class VANTREL_API FileException : public Pallo::Exception {
 class VANTREL_API WriterLockedException : public Pallo::Exception {
  public:
   WriterLockedException(std::string const& text, int holder) : Exception(text), holder_(holder) {}
-  int holder() const { return holder_; }  // its process id
+  int holder() const { return holder_; }  // its process id; 0: in a namespace of its own
 
  private:
   int holder_;

@@ -9,8 +9,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <mutex>
-#include <set>
+#include <optional>
 #include <utility>
 
 #include "shoal/error.h"
@@ -21,10 +22,11 @@ namespace {
 
 constexpr U64 pageBytes = 4096;
 
-// A process's own locks do not exclude each other, so the process remembers what it holds.
+// A process's own locks do not exclude each other, so the process remembers what it holds: by device and
+// inode, and as which process, for a child inherits the memory and not the lock.
 std::mutex heldMutex;
-std::set<std::pair<U64, U64>>& held() {
-  static auto& locks = *new std::set<std::pair<U64, U64>>;  // a table may be a static that goes after it
+std::map<std::pair<U64, U64>, pid_t>& held() {
+  static auto& locks = *new std::map<std::pair<U64, U64>, pid_t>;  // a table may be a static that goes after
   return locks;
 }
 
@@ -33,12 +35,14 @@ std::set<std::pair<U64, U64>>& held() {
                       fmt::format("{}: {}: {}", path, what, std::strerror(errno)));
 }
 
-// The process that holds a lock on the whole file, 0 when none does.
-pid_t lockHolder(int fd) {
+// The process that holds a lock on the whole file, nothing when none does. Zero is one of another namespace,
+// which has no number here.
+std::optional<pid_t> lockHolder(int fd) {
   struct flock lock {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
-  if (fcntl(fd, F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return 0;
+  if (fcntl(fd, F_GETLK, &lock) != 0) return 0;
+  if (lock.l_type == F_UNLCK) return std::nullopt;
   return lock.l_pid;
 }
 
@@ -126,18 +130,19 @@ std::unique_ptr<SharedPage> SideDirectory::page(std::string const& name, bool ma
 std::unique_ptr<SharedPage> SideDirectory::bell() const { return page("bell", true); }
 
 [[noreturn]] static void throwLocked(std::string const& tablePath, pid_t holder) {
+  std::string const who = holder > 0 ? fmt::format("process {}", holder)
+                                     : std::string("a process that is not visible from here");
   throw WriterLockedException(
-      fmt::format("{}: process {} is writing this table, and a table has one writer", tablePath, holder),
-      holder);
+      fmt::format("{}: {} is writing this table, and a table has one writer", tablePath, who), holder);
 }
 
 // Closing any descriptor of a file drops the process's locks on it, so a file locked here is not opened
 // again.
 static void refuseIfOurs(SideDirectory const& directory, std::string const& tablePath) {
   struct stat status {};
-  if (fstatat(directory.fd(), "writer", &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-      held().contains({status.st_dev, status.st_ino}))
-    throwLocked(tablePath, getpid());
+  if (fstatat(directory.fd(), "writer", &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+  auto const ours = held().find({status.st_dev, status.st_ino});
+  if (ours != held().end() && ours->second == getpid()) throwLocked(tablePath, getpid());
 }
 
 WriterLock::WriterLock(SideDirectory const& directory, std::string const& tablePath) {
@@ -149,14 +154,18 @@ WriterLock::WriterLock(SideDirectory const& directory, std::string const& tableP
   fstat(fd_, &status);
   if (status.st_uid == geteuid()) fchmod(fd_, static_cast<mode_t>(directory.fileMode()));
   while (!tryLock(fd_)) {
-    pid_t const holder = lockHolder(fd_);
-    if (holder == 0) continue;  // it went away in between
+    int const error = errno;
+    auto const holder = lockHolder(fd_);
+    bool const refused = error == EACCES || error == EAGAIN;
+    if (refused && !holder) continue;  // it went away in between
     ::close(fd_);
-    throwLocked(tablePath, holder);
+    if (refused) throwLocked(tablePath, *holder);
+    errno = error;
+    throwUnwatchable(directory.path() + "/writer", "cannot be locked");
   }
   device_ = status.st_dev;
   inode_ = status.st_ino;
-  held().insert({device_, inode_});
+  held()[{device_, inode_}] = getpid();
 }
 
 WriterLock::~WriterLock() {
