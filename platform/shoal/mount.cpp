@@ -78,6 +78,7 @@ void Mount::dispatchSlice() {
   if (!mapping_->cutShort()) deliver();
   Watch::News const news = watch_->drain();
   writerWent_ |= news.writerWent;
+  if (!news.problem.empty()) sink_.damaged(news.problem);
   if (news.fileMayBeAnother || news.writerWent || followOwed_) follow();
   if (mapping_->cutShort()) mend();
   bool more = deliver();

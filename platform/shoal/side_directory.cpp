@@ -95,6 +95,13 @@ SideDirectory::~SideDirectory() {
   if (fd_ >= 0) ::close(fd_);
 }
 
+bool SideDirectory::isAnother() const {
+  struct stat here {};
+  struct stat there {};
+  return fstat(fd_, &here) == 0 && lstat(path_.c_str(), &there) == 0 &&
+         (here.st_ino != there.st_ino || here.st_dev != there.st_dev);
+}
+
 std::string SideDirectory::shortPath(std::string const& name) const {
   return fmt::format("/proc/self/fd/{}/{}", fd_, name);
 }

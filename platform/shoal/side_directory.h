@@ -42,6 +42,8 @@ class SideDirectory {
 
   std::string const& path() const { return path_; }
   int fd() const { return fd_; }
+  // The directory at the path is another than this one, which has gone.
+  bool isAnother() const;
   // A path of at most a few dozen characters, as a socket's address wants it.
   std::string shortPath(std::string const& name) const;
   std::unique_ptr<SharedPage> bell() const;

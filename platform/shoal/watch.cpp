@@ -16,6 +16,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "shoal/error.h"
 #include "shoal/hand_over.h"
@@ -46,9 +47,41 @@ void closeIf(int fd) {
 
 }  // namespace
 
-Watch::Watch(std::string const& tablePath) : fileName_(fileNameOf(tablePath)), directory_(tablePath, false) {
+Watch::Seat::Seat(std::string const& tablePath) : directory(tablePath, false) {
+  U64 random = 0;
+  if (getrandom(&random, sizeof random, 0) != sizeof random) throwUnwatchable(tablePath);
+  name = fmt::format("{}-{:016x}", getpid(), random);
+}
+
+Watch::Seat::~Seat() {
+  unlinkat(directory.fd(), (name + ".page").c_str(), 0);
+  unlinkat(directory.fd(), (name + ".sock").c_str(), 0);
+  closeIf(listener);
+}
+
+// The bell is rung, by the watch, when the rest is there.
+void Watch::Seat::take() {
+  listen();
+  page = directory.page(name + ".page", true);
+  bell = directory.bell();
+}
+
+void Watch::Seat::listen() {
+  listener = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (listener < 0) throwUnwatchable(directory.path());
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::string const path = directory.shortPath(name + ".sock");
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(listener, 64) != 0)
+    throwUnwatchable(directory.path());
+  fchmodat(directory.fd(), (name + ".sock").c_str(), static_cast<mode_t>(directory.fileMode()), 0);
+}
+
+Watch::Watch(std::string const& tablePath) : tablePath_(tablePath), fileName_(fileNameOf(tablePath)) {
   try {
-    begin(tablePath);
+    begin();
   } catch (...) {
     end();
     throw;
@@ -57,31 +90,56 @@ Watch::Watch(std::string const& tablePath) : fileName_(fileNameOf(tablePath)), d
 
 Watch::~Watch() { end(); }
 
-void Watch::begin(std::string const& tablePath) {
-  U64 random = 0;
-  if (getrandom(&random, sizeof random, 0) != sizeof random) throwUnwatchable(tablePath);
-  name_ = fmt::format("{}-{:016x}", getpid(), random);
-  if ((poll_ = epoll_create1(EPOLL_CLOEXEC)) < 0) throwUnwatchable(tablePath);
-  if ((self_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) < 0) throwUnwatchable(tablePath);
+// The table's directory tells of a file that replaced the table, and of a side directory that was made anew.
+void Watch::begin() {
+  if ((poll_ = epoll_create1(EPOLL_CLOEXEC)) < 0) throwUnwatchable(tablePath_);
+  if ((self_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) < 0) throwUnwatchable(tablePath_);
   add(self_, selfTag, EPOLLIN);
-  watchDirectory(tablePath);
-  listen();
-  page_ = directory_.page(name_ + ".page", true);
-  bell_ = directory_.bell();
-  bell_->word().fetch_add(1, std::memory_order_seq_cst);
+  if ((directoryNews_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) < 0) throwUnwatchable(tablePath_);
+  tableWatch_ = inotify_add_watch(directoryNews_, parentOf(tablePath_).c_str(), IN_CREATE | IN_MOVED_TO);
+  if (tableWatch_ < 0) throwUnwatchable(tablePath_);
+  add(directoryNews_, directoryTag, EPOLLIN);
+  sit();
   wakeSelf();
 }
 
 void Watch::end() {
-  if (!name_.empty()) {
-    unlinkat(directory_.fd(), (name_ + ".page").c_str(), 0);
-    unlinkat(directory_.fd(), (name_ + ".sock").c_str(), 0);
-  }
+  seat_.reset();
   for (Writer const& writer : writers_) {
     closeIf(writer.socket);
     closeIf(writer.event);
   }
-  for (int const fd : {listener_, directoryNews_, self_, poll_}) closeIf(fd);
+  for (int const fd : {directoryNews_, self_, poll_}) closeIf(fd);
+}
+
+// The side directory tells of a writer's end, also of one that this watcher was never met by: the kernel
+// closes what the writer had locked. Told of before the bell is rung, no end is missed.
+void Watch::sit() {
+  auto seat = std::make_unique<Seat>(tablePath_);
+  seat->take();
+  int const ends = inotify_add_watch(directoryNews_, seat->directory.shortPath(".").c_str(), IN_CLOSE_WRITE);
+  if (ends < 0) throwUnwatchable(tablePath_);
+  if (sideWatch_ >= 0 && sideWatch_ != ends) inotify_rm_watch(directoryNews_, sideWatch_);
+  sideWatch_ = ends;
+  seat_ = std::move(seat);
+  add(seat_->listener, listenerTag, EPOLLIN);
+  ring();
+}
+
+// The writer of the new side directory may have come, written and gone already.
+void Watch::move(News& news) {
+  if (!seat_->directory.isAnother()) {
+    moveOwed_ = false;
+    return;
+  }
+  try {
+    sit();
+    moveOwed_ = false;
+    news.writerWent = true;
+    news.fileMayBeAnother = true;
+  } catch (FileException const& error) {
+    news.problem = error.what();
+  }
 }
 
 void Watch::add(int fd, U64 tag, U32 events) {
@@ -89,30 +147,6 @@ void Watch::add(int fd, U64 tag, U32 events) {
   event.events = events;
   event.data.u64 = tag;
   if (fd >= 0) epoll_ctl(poll_, EPOLL_CTL_ADD, fd, &event);
-}
-
-// The table's directory tells of a file that replaced the table. The side directory tells of a writer's end,
-// also of one that this watcher was never met by: the kernel closes what the writer had locked.
-void Watch::watchDirectory(std::string const& tablePath) {
-  if ((directoryNews_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) < 0) throwUnwatchable(tablePath);
-  tableWatch_ = inotify_add_watch(directoryNews_, parentOf(tablePath).c_str(), IN_CREATE | IN_MOVED_TO);
-  sideWatch_ = inotify_add_watch(directoryNews_, directory_.path().c_str(), IN_CLOSE_WRITE);
-  if (tableWatch_ < 0 || sideWatch_ < 0) throwUnwatchable(tablePath);
-  add(directoryNews_, directoryTag, EPOLLIN);
-}
-
-void Watch::listen() {
-  listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (listener_ < 0) throwUnwatchable(directory_.path());
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::string const path = directory_.shortPath(name_ + ".sock");
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  if (bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(listener_, 64) != 0)
-    throwUnwatchable(directory_.path());
-  fchmodat(directory_.fd(), (name_ + ".sock").c_str(), static_cast<mode_t>(directory_.fileMode()), 0);
-  add(listener_, listenerTag, EPOLLIN);
 }
 
 void Watch::wakeSelf() {
@@ -123,7 +157,7 @@ void Watch::wakeSelf() {
 // A table has one writer at a time: where there are too many, the oldest went, and its end is still to be
 // heard.
 void Watch::welcome(News& news) {
-  for (int socket; (socket = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
+  for (int socket; (socket = accept4(seat_->listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
     if (writers_.size() >= maxWriters) {
       forget(writers_.begin());
       news.writerWent = true;
@@ -154,7 +188,7 @@ bool Watch::hear(int socket) {
   }
   if (!ended) return false;
   forget(writer);
-  bell_->word().fetch_add(1, std::memory_order_seq_cst);
+  ring();
   return true;
 }
 
@@ -165,7 +199,9 @@ void Watch::readDirectoryNews(News& news) {
       auto const* const event = reinterpret_cast<inotify_event const*>(buffer.data() + at);
       std::string_view const name = event->len ? event->name : "";
       bool const missed = event->mask & IN_Q_OVERFLOW;
+      bool const beside = event->wd == tableWatch_ && name == fileName_ + ".watch";
       news.fileMayBeAnother |= missed || (event->wd == tableWatch_ && name == fileName_);
+      moveOwed_ |= missed || beside;
       news.writerWent |= missed || (event->wd == sideWatch_ && name == "writer");
       at += static_cast<ssize_t>(sizeof *event + event->len);
     }
@@ -190,6 +226,7 @@ Watch::News Watch::drain() {
       news.writerWent |= hear(static_cast<int>(tag));
     }
   }
+  if (moveOwed_) move(news);
   return news;
 }
 

@@ -4,7 +4,8 @@
 //
 // Invariants: asleepIs(true) before the last look at the table: then whoever changes it afterwards wakes this
 //   watcher.
-// Ownership: owns its files in the side directory, which go with it.
+// Ownership: owns its files in the side directory, which go with it. Where that directory is another's that was
+//   made anew, the watch moves there; its descriptor stays the same.
 // Threading: one thread.
 // Cost: asleep, nothing; awake, the writer sends nothing.
 // Errors: FileException when the side directory cannot be used.
@@ -26,12 +27,13 @@ class Watch {
   Watch& operator=(Watch const&) = delete;
 
   int fd() const { return poll_; }
-  void asleepIs(bool asleep) { page_->word().store(asleep ? 1 : 0, std::memory_order_seq_cst); }
+  void asleepIs(bool asleep) { seat_->page->word().store(asleep ? 1 : 0, std::memory_order_seq_cst); }
   // Makes the descriptor readable until the next drain().
   void wakeSelf();
   struct News {
     bool fileMayBeAnother = false;  // something of the table's name appeared
     bool writerWent = false;        // a writer closed the table, or died
+    std::string problem;            // why the watch could not move; it is tried again with the next news
   };
   // Takes what made the descriptor readable.
   News drain();
@@ -41,10 +43,26 @@ class Watch {
     int socket;
     int event;
   };
-  void begin(std::string const& tablePath);
+  // What it has in the side directory.
+  struct Seat {
+    explicit Seat(std::string const& tablePath);
+    ~Seat();
+    Seat(Seat const&) = delete;
+    Seat& operator=(Seat const&) = delete;
+    void take();
+    void listen();
+
+    SideDirectory directory;
+    std::string name;  // of its page and socket, without the suffix
+    int listener = -1;
+    std::unique_ptr<SharedPage> page;
+    std::unique_ptr<SharedPage> bell;
+  };
+  void begin();
   void end();
-  void watchDirectory(std::string const& tablePath);
-  void listen();
+  void sit();
+  void move(News& news);
+  void ring() { seat_->bell->word().fetch_add(1, std::memory_order_seq_cst); }
   void add(int fd, U64 tag, U32 events);
   void welcome(News& news);
   void forget(std::vector<Writer>::iterator writer);
@@ -52,17 +70,15 @@ class Watch {
   void readDirectoryNews(News& news);
 
   static constexpr std::size_t maxWriters = 8;
-  std::string fileName_;
-  SideDirectory directory_;
-  std::string name_;  // of its page and socket, without the suffix
+  std::string const tablePath_;
+  std::string const fileName_;
   int poll_ = -1;
   int self_ = -1;
   int directoryNews_ = -1;
   int tableWatch_ = -1;
   int sideWatch_ = -1;
-  int listener_ = -1;
-  std::unique_ptr<SharedPage> page_;
-  std::unique_ptr<SharedPage> bell_;
+  std::unique_ptr<Seat> seat_;
+  bool moveOwed_ = false;
   std::vector<Writer> writers_;  // usually one; a successor may be met before the end of the last is seen
 };
 

@@ -371,6 +371,32 @@ TEST(Notification, AWatcherThatSleptThroughManyWritersIsWokenByTheLast) {
   }
 }
 
+// Somebody tidied up: the table, the directory beside it, or both are gone, and made anew by the next writer,
+// who rings another bell. The watcher goes with it, and its descriptor stays the same.
+TEST(Notification, AWatcherFollowsToAnotherSideDirectory) {
+  for (bool const tableToo : {true, false}) {
+    Directory dir;
+    { Writer(dir / "t").entryIs(record(1, 1)); }
+    Watched w(dir / "t");
+    settle(*w.reader, 10);
+    int const fd = w.reader->fd();
+    std::filesystem::remove_all(dir / "t.watch");
+    if (tableToo) std::filesystem::remove(dir / "t");
+    settle(*w.reader, 10);
+    for (U64 version = 2; version < 5; ++version) {
+      Writer writer(dir / "t");
+      settle(*w.reader, 10);
+      for (U64 key = 1; key < 4; ++key) {
+        writer.entryIs(record(key, version));
+        ASSERT_TRUE(readable(fd, 2000)) << "key " << key << " of " << version << ", " << tableToo;
+        settle(*w.reader);
+        ASSERT_EQ(w.watcher.seen, contents(writer));
+      }
+    }
+    EXPECT_EQ(w.reader->fd(), fd);
+  }
+}
+
 class Thrower : public Watcher {
  public:
   void onEntry(EntryKey const& key) override {
