@@ -92,7 +92,8 @@ void Mount::dispatchSlice() {
   if (more) watch_->wakeSelf();
 }
 
-// What cannot be opened now, for want of descriptors perhaps, is tried again when something else happens.
+// What cannot be opened now, for want of descriptors perhaps, is tried again soon; what is no such table, when
+// something else happens.
 void Mount::follow() {
   followOwed_ = !mapping_->isCurrent();
   if (!followOwed_) return;
@@ -100,11 +101,18 @@ void Mount::follow() {
     openFile();
     followOwed_ = false;
     wholeOwed_ = true;
+    complaint_.clear();
   } catch (FileException const& error) {
-    if (error.reason() != FileException::Reason::missing) sink_.damaged(error.what());
+    if (error.reason() == FileException::Reason::notAllowed) watch_->wakeSelfSoon();
+    if (error.reason() != FileException::Reason::missing) complain(error.what());
   } catch (Pallo::CorruptionDetectedException const& error) {
     sink_.damaged(error.what());
   }
+}
+
+// Once, however often it is tried.
+void Mount::complain(std::string const& what) {
+  if (std::exchange(complaint_, what) != what) sink_.damaged(what);
 }
 
 // Nothing when the word is damaged, which is reported once.

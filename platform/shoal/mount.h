@@ -57,6 +57,7 @@ class VANTREL_API Mount {
   void openFile();
   void dispatchSlice();
   void follow();
+  void complain(std::string const& what);
   bool deliver();
   bool deliverNext(U64 head);
   void tellUnfinished();
@@ -88,6 +89,7 @@ class VANTREL_API Mount {
   bool writerWent_ = false;
   bool wholeOwed_ = false;   // those who vanished, and the whole-collection notification
   bool followOwed_ = false;  // the file at the path could not be opened
+  std::string complaint_;    // why not
 };
 
 }  // namespace Shoal

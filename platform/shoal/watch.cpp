@@ -9,6 +9,7 @@
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -29,6 +30,9 @@ constexpr U64 selfTag = ~U64{0};
 constexpr U64 directoryTag = selfTag - 1;
 constexpr U64 listenerTag = selfTag - 2;
 constexpr U64 eventTag = selfTag - 3;
+constexpr U64 timerTag = selfTag - 4;
+
+constexpr long soon = 100'000'000;  // nanoseconds
 
 std::string parentOf(std::string const& path) {
   auto const slash = path.rfind('/');
@@ -95,6 +99,9 @@ void Watch::begin() {
   if ((poll_ = epoll_create1(EPOLL_CLOEXEC)) < 0) throwUnwatchable(tablePath_);
   if ((self_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) < 0) throwUnwatchable(tablePath_);
   add(self_, selfTag, EPOLLIN);
+  timer_ = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+  if (timer_ < 0) throwUnwatchable(tablePath_);
+  add(timer_, timerTag, EPOLLIN);
   if ((directoryNews_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) < 0) throwUnwatchable(tablePath_);
   tableWatch_ = inotify_add_watch(directoryNews_, parentOf(tablePath_).c_str(), IN_CREATE | IN_MOVED_TO);
   if (tableWatch_ < 0) throwUnwatchable(tablePath_);
@@ -109,7 +116,7 @@ void Watch::end() {
     closeIf(writer.socket);
     closeIf(writer.event);
   }
-  for (int const fd : {directoryNews_, self_, poll_}) closeIf(fd);
+  for (int const fd : {directoryNews_, timer_, self_, poll_}) closeIf(fd);
 }
 
 // The side directory tells of a writer's end, also of one that this watcher was never met by: the kernel
@@ -123,6 +130,7 @@ void Watch::sit() {
   sideWatch_ = ends;
   seat_ = std::move(seat);
   add(seat_->listener, listenerTag, EPOLLIN);
+  deaf_ = false;
   ring();
 }
 
@@ -135,10 +143,12 @@ void Watch::move(News& news) {
   try {
     sit();
     moveOwed_ = false;
+    moveFailed_ = false;
     news.writerWent = true;
     news.fileMayBeAnother = true;
   } catch (FileException const& error) {
-    news.problem = error.what();
+    if (!std::exchange(moveFailed_, true)) news.problem = error.what();
+    wakeSelfSoon();
   }
 }
 
@@ -146,7 +156,7 @@ void Watch::add(int fd, U64 tag, U32 events) {
   epoll_event event{};
   event.events = events;
   event.data.u64 = tag;
-  if (fd >= 0) epoll_ctl(poll_, EPOLL_CTL_ADD, fd, &event);
+  if (fd >= 0 && epoll_ctl(poll_, EPOLL_CTL_ADD, fd, &event) != 0) epoll_ctl(poll_, EPOLL_CTL_MOD, fd, &event);
 }
 
 void Watch::wakeSelf() {
@@ -154,8 +164,15 @@ void Watch::wakeSelf() {
   [[maybe_unused]] auto const written = write(self_, &one, sizeof one);
 }
 
+void Watch::wakeSelfSoon() {
+  itimerspec in{};
+  in.it_value.tv_nsec = soon;
+  timerfd_settime(timer_, 0, &in, nullptr);
+}
+
 // A table has one writer at a time: where there are too many, the oldest went, and its end is still to be
-// heard.
+// heard. A writer for which there is no descriptor would leave the listener readable without end: it is heard
+// again when time has passed.
 void Watch::welcome(News& news) {
   for (int socket; (socket = accept4(seat_->listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
     if (writers_.size() >= maxWriters) {
@@ -165,6 +182,10 @@ void Watch::welcome(News& news) {
     writers_.push_back({socket, -1});
     add(socket, static_cast<U64>(socket), EPOLLIN | EPOLLRDHUP);
   }
+  bool const deaf = errno != EAGAIN && errno != EINTR && errno != ECONNABORTED;
+  if (deaf) wakeSelfSoon();
+  if (deaf != deaf_) add(seat_->listener, listenerTag, deaf ? 0U : U32{EPOLLIN});
+  deaf_ = deaf;
 }
 
 void Watch::forget(std::vector<Writer>::iterator writer) {
@@ -217,6 +238,10 @@ Watch::News Watch::drain() {
     if (tag == selfTag) {
       U64 count;
       [[maybe_unused]] auto const taken = read(self_, &count, sizeof count);
+    } else if (tag == timerTag) {
+      U64 count;
+      [[maybe_unused]] auto const taken = read(timer_, &count, sizeof count);
+      if (deaf_) welcome(news);
     } else if (tag == directoryTag) {
       readDirectoryNews(news);
     } else if (tag == listenerTag) {

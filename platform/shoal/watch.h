@@ -7,7 +7,7 @@
 // Ownership: owns its files in the side directory, which go with it. Where that directory is another's that was
 //   made anew, the watch moves there; its descriptor stays the same.
 // Threading: one thread.
-// Cost: asleep, nothing; awake, the writer sends nothing.
+// Cost: asleep, nothing; awake, the writer sends nothing. For want of descriptors, a look ten times a second.
 // Errors: FileException when the side directory cannot be used.
 #pragma once
 
@@ -30,10 +30,12 @@ class Watch {
   void asleepIs(bool asleep) { seat_->page->word().store(asleep ? 1 : 0, std::memory_order_seq_cst); }
   // Makes the descriptor readable until the next drain().
   void wakeSelf();
+  // The same in a tenth of a second, for what is wanting now: descriptors, perhaps.
+  void wakeSelfSoon();
   struct News {
     bool fileMayBeAnother = false;  // something of the table's name appeared
     bool writerWent = false;        // a writer closed the table, or died
-    std::string problem;            // why the watch could not move; it is tried again with the next news
+    std::string problem;            // why the watch could not move; it is tried again soon
   };
   // Takes what made the descriptor readable.
   News drain();
@@ -74,11 +76,14 @@ class Watch {
   std::string const fileName_;
   int poll_ = -1;
   int self_ = -1;
+  int timer_ = -1;
   int directoryNews_ = -1;
   int tableWatch_ = -1;
   int sideWatch_ = -1;
   std::unique_ptr<Seat> seat_;
   bool moveOwed_ = false;
+  bool moveFailed_ = false;  // and it was said
+  bool deaf_ = false;  // to the listener, while there is no descriptor for who knocks
   std::vector<Writer> writers_;  // usually one; a successor may be met before the end of the last is seen
 };
 

@@ -541,6 +541,43 @@ TEST(Notification, AWatcherShortOfDescriptorsIsMetAgain) {
   }
 }
 
+// A process without a descriptor to spare hears of each change all the same, and is not woken without end.
+TEST(Notification, AWatcherWithoutADescriptorToSpareHearsOfEachChangeAndRests) {
+  Directory dir;
+  Writer writer(dir / "t");
+  int toParent[2];
+  int toChild[2];
+  ASSERT_EQ(pipe(toParent) | pipe(toChild), 0);
+  pid_t const child = fork();
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    Watched w(dir / "t");
+    settle(*w.reader);
+    FewDescriptors const few(0);
+    for (U64 key = 1; key <= 5; ++key) {
+      char byte = 'w';
+      if (write(toParent[1], &byte, 1) != 1 || read(toChild[0], &byte, 1) != 1) _exit(2);
+      int dispatches = 0;
+      for (; readable(w.reader->fd(), dispatches ? 50 : 2000) && dispatches < 10; ++dispatches)
+        w.reader->dispatch();
+      if (!w.watcher.seen.contains(key)) _exit(3);
+      if (dispatches == 10) _exit(4);
+    }
+    _exit(0);
+  }
+  close(toParent[1]);
+  for (U64 key = 1; key <= 5; ++key) {
+    char byte;
+    if (read(toParent[0], &byte, 1) != 1) break;
+    writer.entryIs(record(key, 1));
+    ASSERT_EQ(::write(toChild[1], "w", 1), 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0) << "3 in the upper byte: never woken; 4: woken without end";
+  for (int const fd : {toParent[0], toChild[0], toChild[1]}) close(fd);
+}
+
 // A watch that cannot begin leaves nothing behind, and says what was missing.
 TEST(Notification, AWatchThatFailsKeepsNoDescriptor) {
 #ifdef __SANITIZE_ADDRESS__
@@ -551,7 +588,7 @@ TEST(Notification, AWatchThatFailsKeepsNoDescriptor) {
   Reader reader(dir / "t");
   int const before = dup(0);
   close(before);
-  int const needed = 6;
+  int const needed = 7;
   for (int spare = 0; spare < needed; ++spare) {
     std::exception_ptr error;
     {
@@ -578,39 +615,86 @@ TEST(Notification, AWatchThatFailsKeepsNoDescriptor) {
   EXPECT_GE(reader.fd(), 0);
 }
 
-// A reader that cannot open the file that replaced its own says so, and follows when it can.
-TEST(Notification, AReaderShortOfDescriptorsFollowsLater) {
+// A reader that cannot open the file that replaced its own, or that directory's, says so once, and follows when
+// it can, without another change.
+class Follows : public testing::TestWithParam<bool> {};
+
+TEST_P(Follows, LaterWhenShortOfDescriptors) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "without a descriptor the sanitizer takes an exception's type for damaged";
 #endif
+  bool const sideDirectoryToo = GetParam();
   Directory dir;
   { Writer(dir / "t").entryIs(record(1, 1)); }
   Watched w(dir / "t");
   settle(*w.reader, 10);
-  int done[2];
-  ASSERT_EQ(pipe(done), 0);
+  if (sideDirectoryToo) std::filesystem::remove_all(dir / "t.watch");
+  int fromChild[2];
+  int toChild[2];
+  ASSERT_EQ(pipe(fromChild) | pipe(toChild), 0);
   pid_t const child = fork();
   if (child == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     Writer writer(dir / "t", {.replace = true});
-    writer.entryIs(record(2, 1));
-    if (write(done[1], "w", 1) != 1) _exit(2);
-    pause();
+    char byte = 'w';
+    for (U64 key = 2;; ++key) {
+      writer.entryIs(record(key, 1));
+      if (write(fromChild[1], &byte, 1) != 1 || read(toChild[0], &byte, 1) != 1) _exit(2);
+    }
   }
   char byte;
-  ASSERT_EQ(read(done[0], &byte, 1), 1);
+  ASSERT_EQ(read(fromChild[0], &byte, 1), 1);
   {
     FewDescriptors const few(0);
     for (int i = 0; i < 3; ++i) w.reader->dispatch();
     EXPECT_EQ(w.watcher.seen, (std::map<U64, U64>{{1, 1}}));
     EXPECT_THAT(w.reader->lastCorruption(), testing::HasSubstr("cannot be opened"));
+    EXPECT_EQ(w.reader->corruptions(), sideDirectoryToo ? 2U : 1U) << "each is said once";
   }
-  settle(*w.reader, 10);
+  settle(*w.reader, 500);
   EXPECT_EQ(w.watcher.seen, (std::map<U64, U64>{{2, 1}}));
+  ASSERT_EQ(::write(toChild[1], "w", 1), 1);
+  ASSERT_EQ(read(fromChild[0], &byte, 1), 1);
+  settle(*w.reader, 500);
+  EXPECT_EQ(w.watcher.seen, (std::map<U64, U64>{{2, 1}, {3, 1}}));
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
-  close(done[0]);
-  close(done[1]);
+  for (int const fd : {fromChild[0], fromChild[1], toChild[0], toChild[1]}) close(fd);
+}
+
+INSTANTIATE_TEST_SUITE_P(Notification, Follows, testing::Bool(), [](auto const& sideDirectoryToo) {
+  return sideDirectoryToo.param ? "FileAndSideDirectory" : "File";
+});
+
+// The same where no writer comes that would wake the reader.
+TEST(Notification, AReaderShortOfDescriptorsFollowsByItself) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "without a descriptor the sanitizer takes an exception's type for damaged";
+#endif
+  for (bool const file : {true, false}) {
+    Directory dir;
+    { Writer(dir / "t").entryIs(record(1, 1)); }
+    { Writer(dir / "other").entryIs(record(2, 1)); }
+    Watched w(dir / "t");
+    settle(*w.reader, 10);
+    if (file) {
+      std::filesystem::rename(dir / "other", dir / "t");
+    } else {
+      std::filesystem::remove_all(dir / "t.watch");
+      std::filesystem::create_directory(dir / "t.watch");
+    }
+    {
+      FewDescriptors const few(0);
+      for (int i = 0; i < 3; ++i) w.reader->dispatch();
+      EXPECT_EQ(w.reader->corruptions(), 1U);
+    }
+    settle(*w.reader, 500);
+    EXPECT_TRUE(w.watcher.seen.contains(file ? 2 : 1));
+    Writer writer(dir / "t");
+    writer.entryIs(record(3, 1));
+    settle(*w.reader, 500);
+    EXPECT_EQ(w.watcher.seen, contents(writer)) << file;
+  }
 }
 
 }  // namespace
