@@ -58,7 +58,20 @@ void Mount::lookedUp(U64 key, bool present) {
     if (told->key == key) (present ? told->present : told->absent) = true;
 }
 
-bool Mount::mend() { return mapping_->cutShort() && mapping_->mend(view_->extent()); }
+// What was read meanwhile was damage, and may not be what is there now.
+bool Mount::mend() {
+  if (!mapping_->cutShort() || !mapping_->mend(view_->extent())) return false;
+  wholeOwed_ = true;
+  followOwed_ = true;
+  if (watch_) watch_->wakeSelf();
+  return !view_->isWrittenOver();
+}
+
+// Neither another file at the path, nor one that was cut and may be whole again, nor another table in it. An
+// older state of this one has fewer changes, and is taken for falling behind.
+bool Mount::isCurrent() const {
+  return mapping_->isCurrent() && !mapping_->cutShort() && !view_->isWrittenOver();
+}
 
 // A watcher that throws ends the dispatch, and what is left is told in the next.
 void Mount::dispatch() {
@@ -92,13 +105,14 @@ void Mount::dispatchSlice() {
   if (more) watch_->wakeSelf();
 }
 
-// What cannot be opened now, for want of descriptors perhaps, is tried again soon; what is no such table, when
-// something else happens.
+// What cannot be opened now, for want of descriptors perhaps, is tried again soon; what is no such table,
+// when something else happens.
 void Mount::follow() {
-  followOwed_ = !mapping_->isCurrent();
+  followOwed_ = !isCurrent();
   if (!followOwed_) return;
   try {
     openFile();
+    watch_->fileIsNew();
     followOwed_ = false;
     wholeOwed_ = true;
     complaint_.clear();

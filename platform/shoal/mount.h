@@ -2,7 +2,8 @@
 // A table file mounted read-only: the view, and what keeps its watcher informed.
 //
 // Invariants: a key that was told of (announced, met in a walk, or found by a look-up) and is gone is told of
-//   again, whatever was missed in between. A file that was replaced by another is followed.
+//   again, whatever was missed in between. A file that was replaced by another is followed, and so is one
+//   that something else was written over.
 // Ownership: owns view and watch.
 // Threading: one thread.
 // Cost: nothing while nothing changes. Watched, eight bytes and a little a key, and a probe of a hash set a
@@ -48,7 +49,7 @@ class VANTREL_API Mount {
   void dispatch();
   // A walk or a look-up found this key, or found it absent.
   void lookedUp(U64 key, bool present);
-  // The file was cut short; true when it has its length again and was mapped anew.
+  // The file was cut short; true when it has its length again, was mapped anew and begins as it did.
   bool mend();
 
  private:
@@ -56,6 +57,7 @@ class VANTREL_API Mount {
   struct Telling;
   void openFile();
   void dispatchSlice();
+  bool isCurrent() const;
   void follow();
   void complain(std::string const& what);
   bool deliver();

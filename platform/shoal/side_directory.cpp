@@ -137,8 +137,8 @@ std::unique_ptr<SharedPage> SideDirectory::page(std::string const& name, bool ma
 std::unique_ptr<SharedPage> SideDirectory::bell() const { return page("bell", true); }
 
 [[noreturn]] static void throwLocked(std::string const& tablePath, pid_t holder) {
-  std::string const who = holder > 0 ? fmt::format("process {}", holder)
-                                     : std::string("a process that is not visible from here");
+  std::string const who =
+      holder > 0 ? fmt::format("process {}", holder) : std::string("a process that is not visible from here");
   throw WriterLockedException(
       fmt::format("{}: {} is writing this table, and a table has one writer", tablePath, who), holder);
 }

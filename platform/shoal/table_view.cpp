@@ -62,6 +62,13 @@ std::string_view TableView::typeName() const {
   return {header_.typeName, strnlen(header_.typeName, sizeof header_.typeName)};
 }
 
+bool TableView::isWrittenOver() const {
+  auto const asOpened = std::bit_cast<std::array<U64, sizeof(Header) / 8>>(header_);
+  for (std::size_t i = 0; i < asOpened.size(); ++i)
+    if (acquire(*word(i * 8)) != asOpened[i]) return true;
+  return false;
+}
+
 // Returns the number of chunks in use.
 U64 TableView::checkHeader() {
   using Reason = FileException::Reason;

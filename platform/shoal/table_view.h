@@ -48,6 +48,8 @@ class VANTREL_API TableView {
   Format::Header const& header() const { return header_; }
   Mapping const& mapping() const { return *mapping_; }
   std::string_view typeName() const;
+  // What is mapped begins otherwise than when it was opened: something else was written over it.
+  bool isWrittenOver() const;
 
   // The record's image, valid until the next call; null when the key is absent.
   std::byte const* read(U64 key);

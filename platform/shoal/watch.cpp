@@ -106,6 +106,7 @@ void Watch::begin() {
   tableWatch_ = inotify_add_watch(directoryNews_, parentOf(tablePath_).c_str(), IN_CREATE | IN_MOVED_TO);
   if (tableWatch_ < 0) throwUnwatchable(tablePath_);
   add(directoryNews_, directoryTag, EPOLLIN);
+  fileIsNew();
   sit();
   wakeSelf();
 }
@@ -124,7 +125,8 @@ void Watch::end() {
 void Watch::sit() {
   auto seat = std::make_unique<Seat>(tablePath_);
   seat->take();
-  int const ends = inotify_add_watch(directoryNews_, seat->directory.shortPath(".").c_str(), IN_CLOSE_WRITE);
+  std::string const here = seat->directory.shortPath(".");
+  int const ends = inotify_add_watch(directoryNews_, here.c_str(), IN_CLOSE_WRITE);
   if (ends < 0) throwUnwatchable(tablePath_);
   if (sideWatch_ >= 0 && sideWatch_ != ends) inotify_rm_watch(directoryNews_, sideWatch_);
   sideWatch_ = ends;
@@ -156,12 +158,20 @@ void Watch::add(int fd, U64 tag, U32 events) {
   epoll_event event{};
   event.events = events;
   event.data.u64 = tag;
-  if (fd >= 0 && epoll_ctl(poll_, EPOLL_CTL_ADD, fd, &event) != 0) epoll_ctl(poll_, EPOLL_CTL_MOD, fd, &event);
+  if (fd < 0) return;
+  if (epoll_ctl(poll_, EPOLL_CTL_ADD, fd, &event) != 0) epoll_ctl(poll_, EPOLL_CTL_MOD, fd, &event);
 }
 
 void Watch::wakeSelf() {
   U64 const one = 1;
   [[maybe_unused]] auto const written = write(self_, &one, sizeof one);
+}
+
+// Whoever copies something onto the file closes it afterwards; a writer does too when it goes.
+void Watch::fileIsNew() {
+  int const file = inotify_add_watch(directoryNews_, tablePath_.c_str(), IN_CLOSE_WRITE | IN_DONT_FOLLOW);
+  if (fileWatch_ >= 0 && fileWatch_ != file) inotify_rm_watch(directoryNews_, fileWatch_);
+  fileWatch_ = file;
 }
 
 void Watch::wakeSelfSoon() {
@@ -174,7 +184,8 @@ void Watch::wakeSelfSoon() {
 // heard. A writer for which there is no descriptor would leave the listener readable without end: it is heard
 // again when time has passed.
 void Watch::welcome(News& news) {
-  for (int socket; (socket = accept4(seat_->listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
+  for (int socket;
+       (socket = accept4(seat_->listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
     if (writers_.size() >= maxWriters) {
       forget(writers_.begin());
       news.writerWent = true;
@@ -221,7 +232,8 @@ void Watch::readDirectoryNews(News& news) {
       std::string_view const name = event->len ? event->name : "";
       bool const missed = event->mask & IN_Q_OVERFLOW;
       bool const beside = event->wd == tableWatch_ && name == fileName_ + ".watch";
-      news.fileMayBeAnother |= missed || (event->wd == tableWatch_ && name == fileName_);
+      bool const tableNamed = event->wd == tableWatch_ && name == fileName_;
+      news.fileMayBeAnother |= missed || tableNamed || event->wd == fileWatch_;
       moveOwed_ |= missed || beside;
       news.writerWent |= missed || (event->wd == sideWatch_ && name == "writer");
       at += static_cast<ssize_t>(sizeof *event + event->len);

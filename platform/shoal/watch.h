@@ -4,8 +4,8 @@
 //
 // Invariants: asleepIs(true) before the last look at the table: then whoever changes it afterwards wakes this
 //   watcher.
-// Ownership: owns its files in the side directory, which go with it. Where that directory is another's that was
-//   made anew, the watch moves there; its descriptor stays the same.
+// Ownership: owns its files in the side directory, which go with it. Where that directory was made anew, the
+//   watch moves there; its descriptor stays the same.
 // Threading: one thread.
 // Cost: asleep, nothing; awake, the writer sends nothing. For want of descriptors, a look ten times a second.
 // Errors: FileException when the side directory cannot be used.
@@ -33,10 +33,12 @@ class Watch {
   // The same in a tenth of a second, for what is wanting now: descriptors, perhaps.
   void wakeSelfSoon();
   struct News {
-    bool fileMayBeAnother = false;  // something of the table's name appeared
+    bool fileMayBeAnother = false;  // something of the table's name appeared, or was written and closed
     bool writerWent = false;        // a writer closed the table, or died
     std::string problem;            // why the watch could not move; it is tried again soon
   };
+  // From now on it is the file that is at the path now.
+  void fileIsNew();
   // Takes what made the descriptor readable.
   News drain();
 
@@ -80,10 +82,11 @@ class Watch {
   int directoryNews_ = -1;
   int tableWatch_ = -1;
   int sideWatch_ = -1;
+  int fileWatch_ = -1;
   std::unique_ptr<Seat> seat_;
   bool moveOwed_ = false;
-  bool moveFailed_ = false;  // and it was said
-  bool deaf_ = false;  // to the listener, while there is no descriptor for who knocks
+  bool moveFailed_ = false;      // and it was said
+  bool deaf_ = false;            // to the listener, while there is no descriptor for who knocks
   std::vector<Writer> writers_;  // usually one; a successor may be met before the end of the last is seen
 };
 

@@ -9,12 +9,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 #include <atomic>
 #include <chrono>
 #include <exception>
+#include <fstream>
+#include <functional>
 #include <random>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 #include "fixture.h"
@@ -397,6 +399,87 @@ TEST(Notification, AWatcherFollowsToAnotherSideDirectory) {
   }
 }
 
+std::string bytesOf(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+// As a copy onto it does: the file is cut to nothing first, and stays the same file.
+void writeOver(std::string const& path, std::string const& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+// Another table, an older state of the same, or the same again, copied onto a watched file: the watcher has
+// what is in it before and after a writer comes. Whether it looked while the file was cut is the same.
+TEST(Notification, AFileThatWasWrittenOverIsFollowed) {
+  for (bool const looked : {true, false}) {
+    Directory dir;
+    for (auto const& [name, from, to] : {std::tuple{"t", 1, 100}, {"u", 50, 3000}}) {
+      Writer writer(dir / name);
+      for (int key = from; key < to; ++key) writer.entryIs(record(static_cast<U64>(key), 1));
+    }
+    std::string const early = bytesOf(dir / "t");
+    {
+      Writer writer(dir / "t");
+      for (U64 key = 1; key < 3000; ++key) writer.entryIs(record(key, 2));
+    }
+    std::string const late = bytesOf(dir / "t");
+    Watched w(dir / "t");
+    settle(*w.reader, 10);
+    U64 version = 10;
+    for (std::string const& bytes : {late, bytesOf(dir / "u"), late, early}) {
+      settle(*w.reader, 10);  // of the last writer's end, too
+      std::filesystem::resize_file(dir / "t", 0);
+      if (looked) {
+        EXPECT_THROW(w.reader->entry(EntryKey(60)), Pallo::CorruptionDetectedException);
+      }
+      writeOver(dir / "t", bytes);
+      int const collections = w.watcher.collections;
+      settle(*w.reader, 10);
+      ASSERT_EQ(w.watcher.seen, contents(Reader(dir / "t"))) << looked;
+      Writer writer(dir / "t");
+      // An older state grows on, and not as it did before.
+      for (U64 key = 7000; bytes == early && key < 20000; ++key) writer.entryIs(record(key, 3));
+      settle(*w.reader, 10);
+      ASSERT_EQ(w.watcher.seen, contents(writer)) << looked;
+      EXPECT_TRUE(!looked || w.watcher.collections > collections) << "what it found damaged is whole";
+      writer.entryIs(record(60, ++version));
+      settle(*w.reader, 100);
+      ASSERT_EQ(w.watcher.seen, contents(writer)) << looked;
+      EXPECT_EQ(contents(*w.reader), w.watcher.seen);
+    }
+    std::filesystem::rename(dir / "u", dir / "t");
+    settle(*w.reader, 10);
+    writeOver(dir / "t", late);
+    settle(*w.reader, 10);
+    EXPECT_EQ(w.watcher.seen, contents(Reader(dir / "t")));
+  }
+}
+
+// A look-up may be the first to find the file's bytes back. What others found damaged before is to be told of
+// again; and another table's bytes are not read as if they were this one's.
+TEST(Notification, AFileThatALookUpFindsWholeAgainIsToldOfAsAWhole) {
+  Directory dir;
+  { Writer(dir / "t").entryIs(record(60, 1)); }
+  { Writer(dir / "u").entryIs(record(60, 2)); }
+  std::string const bytes = bytesOf(dir / "t");
+  Watched w(dir / "t");
+  settle(*w.reader, 10);
+  std::filesystem::resize_file(dir / "t", 0);
+  EXPECT_THROW(w.reader->entry(EntryKey(60)), Pallo::CorruptionDetectedException);
+  writeOver(dir / "t", bytes);
+  EXPECT_EQ(w.reader->entry(EntryKey(60)), record(60, 1));
+  int const collections = w.watcher.collections;
+  settle(*w.reader, 10);
+  EXPECT_EQ(w.watcher.collections, collections + 1);
+  std::filesystem::resize_file(dir / "t", 0);
+  EXPECT_THROW(w.reader->entry(EntryKey(60)), Pallo::CorruptionDetectedException);
+  writeOver(dir / "t", bytesOf(dir / "u"));
+  EXPECT_THROW(w.reader->entry(EntryKey(60)), Pallo::CorruptionDetectedException);
+  settle(*w.reader, 10);
+  EXPECT_EQ(w.reader->entry(EntryKey(60)), record(60, 2));
+  EXPECT_EQ(w.watcher.seen, (std::map<U64, U64>{{60, 2}}));
+}
+
 class Thrower : public Watcher {
  public:
   void onEntry(EntryKey const& key) override {
@@ -615,8 +698,8 @@ TEST(Notification, AWatchThatFailsKeepsNoDescriptor) {
   EXPECT_GE(reader.fd(), 0);
 }
 
-// A reader that cannot open the file that replaced its own, or that directory's, says so once, and follows when
-// it can, without another change.
+// A reader that cannot open the file that replaced its own, or the new directory beside it, says so once, and
+// follows when it can, without another change.
 class Follows : public testing::TestWithParam<bool> {};
 
 TEST_P(Follows, LaterWhenShortOfDescriptors) {
