@@ -3,10 +3,13 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -158,6 +161,7 @@ void dumpRecords(Shoal::TableView& view) {
   } catch (Pallo::CorruptionDetectedException const& error) {
     complain(error.what());
   }
+  if (std::fflush(stdout) != 0) throw std::runtime_error(fmt::format("the dump: {}", std::strerror(errno)));
   if (damaged) throw Exit{1};
 }
 
@@ -199,6 +203,9 @@ std::vector<T> numbers(Json const& object, char const* name, std::size_t most) {
 
 EntryConfig configOf(Json const& object) {
   if (!object.is_object()) throw std::runtime_error("expected an object");
+  static std::set<std::string> const fields{"key", "opId", "hdl", "pg", "prio", "ti", "data", "del"};
+  for (auto const& [name, value] : object.items())
+    if (!fields.contains(name)) throw std::runtime_error(fmt::format("a record has no \"{}\"", name));
   EntryConfig r{EntryKey(number<U64>(object, "key")), OpId(number<U64>(object, "opId")),
                 number<U32>(object, "hdl"), number<U16>(object, "pg"), number<U32>(object, "prio")};
   auto const ti = numbers<U32>(object, "ti", TableKey::max + 1);
@@ -222,6 +229,7 @@ std::vector<EntryConfig> readLines(std::istream& in, std::string const& name) {
       throw std::runtime_error(fmt::format("{}:{}: {}; nothing was written", name, number, error.what()));
     }
   }
+  if (in.bad()) throw std::runtime_error(fmt::format("{}: cannot be read; nothing was written", name));
   return records;
 }
 

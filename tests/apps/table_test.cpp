@@ -209,6 +209,17 @@ TEST_F(TableVerbs, ADumpLoadsToTheSameTable) {
   EXPECT_EQ(run({"check", dir / "copy"}).status, 0);
 }
 
+// Long enough to be written in pieces, and short enough not to be.
+TEST_F(TableVerbs, ADumpThatCouldNotBeWrittenSaysSo) {
+  for (U64 const records : {1, 300}) {
+    std::string const path = filled("t" + std::to_string(records), records);
+    Process process({VANTREL_BIN_DIR "/vantrel", "table", "dump", path}, "/dev/full", dir / "err");
+    EXPECT_EQ(process.wait(), 1) << records;
+    EXPECT_THAT(process.err(), AllOf(StartsWith("vantrel: "), HasSubstr("No space left on device")));
+    EXPECT_EQ(std::ranges::count(process.err(), '\n'), 1) << process.err();
+  }
+}
+
 TEST_F(TableVerbs, LoadReadsTheStandardInputAndReplacesWhatIsThere) {
   std::string const path = filled("t", 10);
   file("lines", "{\"key\":3,\"opId\":9,\"hdl\":1,\"pg\":2,\"prio\":3}\n\n");
@@ -235,7 +246,9 @@ TEST_F(TableVerbs, ALineThatIsNoRecordLoadsNothing) {
                                        "\"pg\" is 65536, expected a number from 0 to 65535"},
                                   Case{"{\"key\":2,\"opId\":1,\"hdl\":1,\"pg\":1,\"prio\":1,\"ti\":"
                                        "[0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0]}",
-                                       "\"ti\" is not a list of at most 17 numbers"}}) {
+                                       "\"ti\" is not a list of at most 17 numbers"},
+                                  Case{"{\"key\":2,\"opId\":1,\"hdl\":1,\"pg\":1,\"prio\":1,\"dta\":[1]}",
+                                       "a record has no \"dta\""}}) {
     std::string const lines = file("lines", good + line + "\n");
     Ended const ended = run({"load", dir / "t", "--from", lines});
     EXPECT_EQ(ended.status, 1);
@@ -245,6 +258,10 @@ TEST_F(TableVerbs, ALineThatIsNoRecordLoadsNothing) {
   }
   Ended const none = run({"load", dir / "t", "--from", dir / "none"});
   expectRefused(none, dir / "none", "cannot be read, expected JSON lines");
+  std::string const folder = dir / "folder";
+  std::filesystem::create_directory(folder);
+  expectRefused(run({"load", dir / "t", "--from", folder}), folder, "cannot be read; nothing was written");
+  EXPECT_FALSE(std::filesystem::exists(dir / "t"));
 }
 
 TEST_F(TableVerbs, ATableThatIsBeingWrittenIsNotLoaded) {
