@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "shoal/mount.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <boost/unordered/unordered_flat_set.hpp>
+#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -20,7 +23,22 @@ constexpr U64 lineAhead = 8;
 constexpr U64 recordAhead = 4;
 }  // namespace
 
-class Mount::KnownKeys : public boost::unordered_flat_set<U64> {};
+// In many small sets, so that one which grows moves few keys.
+class Mount::KnownKeys {
+ public:
+  void insert(U64 key) { setOf(key).insert(key); }
+  void erase(U64 key) { setOf(key).erase(key); }
+  std::vector<U64> those(auto const& wanted) const {
+    std::vector<U64> found;
+    for (Set const& set : sets_) std::ranges::copy_if(set, std::back_inserter(found), wanted);
+    return found;
+  }
+
+ private:
+  using Set = boost::unordered_flat_set<U64>;
+  Set& setOf(U64 key) { return sets_[Format::mix(key) >> 56]; }
+  std::array<Set, 256> sets_;
+};
 
 Mount::Mount(std::string path, Shape const& shape, Sink& sink)
     : path_(std::move(path)), shape_(shape), sink_(sink), known_(std::make_unique<KnownKeys>()) {
@@ -195,9 +213,7 @@ void Mount::tellWhole() {
 }
 
 void Mount::tellOfTheVanished() {
-  std::vector<U64> vanished;
-  for (U64 const key : *known_)
-    if (!view_->contains(key)) vanished.push_back(key);
+  auto const vanished = known_->those([this](U64 key) { return !view_->contains(key); });
   for (U64 const key : vanished) {
     known_->erase(key);
     sink_.changed(key);

@@ -143,8 +143,9 @@ class VANTREL_API TableWriter {
   // A slot that was freed rests a while, first in, first out, so that whoever reads it may finish; then it is
   // the first to be taken, while the caches have it.
   std::deque<U32> restingSlots_;
-  std::vector<U32> idleSlots_;
-  std::vector<U32> freeLines_;
+  // In pieces, so that no write pays for moving them all.
+  std::deque<U32> idleSlots_;
+  std::deque<U32> freeLines_;
   U64 hugePagesTo_ = ~U64{0};  // where in the file the next huge page is to begin, if there are to be any
   U64 slotWords_ = 0;
   std::vector<U64> scratch_;  // checksum, state, key, image
