@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
@@ -23,7 +24,7 @@ struct Options {
   bool json = false;
   bool brief = false;
   std::string filter = ".";
-  std::string repetitions = "9";
+  int repetitions = 9;
   std::vector<std::string> further;  // Google Benchmark's own
 };
 
@@ -88,7 +89,7 @@ void flagsAre(std::vector<std::string> words) {
 
 void prepare(Options const& o) {
   std::vector<std::string> words{"--benchmark_enable_random_interleaving=true",
-                                 "--benchmark_repetitions=" + (o.brief ? "1" : o.repetitions),
+                                 "--benchmark_repetitions=1",
                                  fmt::format("--benchmark_min_time={}", o.brief ? "0.001" : "0.1")};
   words.insert(words.end(), o.further.begin(), o.further.end());
   flagsAre(words);
@@ -156,12 +157,22 @@ void progress(std::string const& text) {
   if (terminal) fmt::print(stderr, "\r\x1b[K{}", text);
 }
 
-void run(std::vector<Match> const& all, Gatherer& gatherer) {
+// In rounds: what is compared with one another stands beside one another in time.
+void run(std::vector<Match> const& all, Gatherer& gatherer, int rounds) {
   for (std::size_t i = 0; i < all.size(); ++i) {
     progress(fmt::format("{} of {}: {}, {}", i + 1, all.size(), all[i].name.what, all[i].name.size));
-    benchmark::RunSpecifiedBenchmarks(&gatherer, exactly(all[i].benchmarks));
+    std::string const sides = exactly(all[i].benchmarks);
+    for (int round = 0; round < rounds; ++round) benchmark::RunSpecifiedBenchmarks(&gatherer, sides);
   }
   progress("");
+}
+
+int positive(std::string const& flag, std::string const& text) {
+  int value = 0;
+  auto const end = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (end.ec != std::errc() || end.ptr != text.data() + text.size() || value < 1)
+    throw std::invalid_argument(fmt::format("{}: expected a positive number", flag));
+  return value;
 }
 
 Options parsed(int argc, char** argv) {
@@ -175,7 +186,7 @@ Options parsed(int argc, char** argv) {
     else if (word.starts_with("--filter="))
       o.filter = word.substr(9);
     else if (word.starts_with("--repetitions="))
-      o.repetitions = word.substr(14);
+      o.repetitions = positive(word, word.substr(14));
     else
       o.further.push_back(word);
   }
@@ -201,7 +212,7 @@ int work(int argc, char** argv) {
   std::vector<Match> all = matches(namesMatching(o.filter));
   if (o.brief) all = smallest(all);
   if (all.empty()) throw std::invalid_argument(fmt::format("no benchmark matches --filter={}", o.filter));
-  run(all, gatherer);
+  run(all, gatherer, o.brief ? 1 : o.repetitions);
   for (auto const& work : endings()) work();
   std::cout << (o.json ? table.json().dump(2) + '\n' : table.text());
   return gatherer.failed() ? 1 : 0;

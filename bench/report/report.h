@@ -17,9 +17,10 @@
 //   columns    every other counter (allocs, bytes, ...) becomes a column, one for each side that sets it.
 //   lines      a counter `also:TEXT` becomes a line of its own, "CASE, TEXT", with the same sides and
 //              ratios. Its unit is what TEXT says (`also:p99`, `also:hardware operations`).
-//   median     each side of a line is run `--repetitions` times (9), in random order with the other sides
-//              of its case and size, so that a drift of the machine meets all; what is shown is the median.
-//   ratios     ours/floor: how far from what is possible. peer/ours: how far ahead.
+//   median     a line is run in `--repetitions` rounds (9), in each of which every side has its turn, in
+//              random order. What is shown is the median of the rounds.
+//   ratios     ours/floor: how far from what is possible. peer/ours: how far ahead. The median of the rounds'
+//              own ratios: what drifts from one round to the next meets all sides of it.
 //   growth     ours at this size over ours at 10,000, in lines of larger sizes.
 //   trouble    SkipWithError("skipped: WHY") is a note below the table; any other error is one too and ends
 //              the program with status 1.

@@ -36,6 +36,17 @@ TEST(BenchTable, ShowsMediansAndTheirRatios) {
   EXPECT_THAT(table.text(), testing::HasSubstr("add  1,000   150    105        1.43  1,500       10.0\n"));
 }
 
+// A machine that is half as fast in one round is so for both sides.
+TEST(BenchTable, TakesARatioRoundByRound) {
+  Table table("road", "The road", "ns");
+  for (double const ns : {300.0, 100.0, 160.0}) table.add({"add", "ours", "1000"}, {{"ns", ns}});
+  for (double const ns : {200.0, 100.0, 40.0}) table.add({"add", "floor", "1000"}, {{"ns", ns}});
+  auto const row = table.json()["rows"][0];
+  EXPECT_EQ(row["ours"], 160.0);
+  EXPECT_EQ(row["floor"], 100.0);
+  EXPECT_DOUBLE_EQ(row["ours/floor"], 1.5);
+}
+
 TEST(BenchTable, CountsGrowthFromTenThousand) {
   Table table("road", "The road", "ns");
   for (auto const& [size, ns] : {std::pair{"1000", 50.0}, {"10000", 80.0}, {"1000000", 200.0}})

@@ -36,7 +36,7 @@ std::string shown(std::optional<double> value) { return value ? shown(*value) : 
 
 std::string shownSize(std::string const& size) { return isNumber(size) ? grouped(size) : size; }
 
-std::optional<double> ratio(std::optional<double> a, std::optional<double> b) {
+std::optional<double> quotient(std::optional<double> a, std::optional<double> b) {
   if (!a || !b || *b == 0) return std::nullopt;
   return *a / *b;
 }
@@ -111,10 +111,23 @@ std::optional<double> Table::figure(Line const& line, std::string const& side) c
   return median(at->second);
 }
 
+// Of each round by itself, and of those the median: a drift from one round to the next meets both sides.
+std::optional<double> Table::ratio(Line const& line, std::string const& side, std::string const& to) const {
+  auto const a = line.figure.find(side);
+  auto const b = line.figure.find(to);
+  if (a == line.figure.end() || b == line.figure.end()) return std::nullopt;
+  if (a->second.size() != b->second.size()) return quotient(figure(line, side), figure(line, to));
+  Values all;
+  for (std::size_t round = 0; round < a->second.size(); ++round)
+    if (auto const one = quotient(a->second[round], b->second[round])) all.push_back(*one);
+  if (all.empty()) return std::nullopt;
+  return median(all);
+}
+
 std::optional<double> Table::growth(Line const& line) const {
   if (!isNumber(line.size) || std::stod(line.size) <= std::stod(base)) return std::nullopt;
   Line const* const from = find(line.what, base);
-  return from ? ratio(figure(line, "ours"), figure(*from, "ours")) : std::nullopt;
+  return from ? quotient(figure(line, "ours"), figure(*from, "ours")) : std::nullopt;
 }
 
 bool Table::has(std::string const& side) const {
@@ -148,8 +161,8 @@ std::vector<std::string> Table::heads() const {
 std::vector<std::string> Table::cells(Line const& line) const {
   auto const ours = figure(line, "ours"), floor = figure(line, "floor"), peer = figure(line, "peer");
   std::vector<std::string> all{line.what, shownSize(line.size), shown(ours)};
-  if (has("floor")) all.insert(all.end(), {shown(floor), shown(ratio(ours, floor))});
-  if (has("peer")) all.insert(all.end(), {shown(peer), shown(ratio(peer, ours))});
+  if (has("floor")) all.insert(all.end(), {shown(floor), shown(ratio(line, "ours", "floor"))});
+  if (has("peer")) all.insert(all.end(), {shown(peer), shown(ratio(line, "peer", "ours"))});
   if (grows()) all.push_back(shown(growth(line)));
   for (auto const& [side, counter] : columns()) {
     auto const at = line.counters.find(side);
@@ -179,9 +192,9 @@ nlohmann::ordered_json Table::json(Line const& line) const {
   auto const ours = figure(line, "ours"), floor = figure(line, "floor"), peer = figure(line, "peer");
   put("ours", ours);
   put("floor", floor);
-  put("ours/floor", ratio(ours, floor));
+  put("ours/floor", ratio(line, "ours", "floor"));
   put("peer", peer);
-  put("peer/ours", ratio(peer, ours));
+  put("peer/ours", ratio(line, "peer", "ours"));
   put("growth", growth(line));
   for (auto const& [side, counters] : line.counters)
     for (auto const& [name, values] : counters) j["counters"][heading(side, name)] = median(values);

@@ -47,6 +47,7 @@ class Table {
   Line& line(std::string const& what, std::string const& size);
   Line const* find(std::string const& what, std::string const& size) const;
   std::optional<double> figure(Line const& line, std::string const& side) const;
+  std::optional<double> ratio(Line const& line, std::string const& side, std::string const& to) const;
   std::optional<double> growth(Line const& line) const;
   bool has(std::string const& side) const;
   bool grows() const;
