@@ -205,17 +205,26 @@ void Reader::scan(Level& level) {
   }
 }
 
-// Looks whether the writer has begun another block since.
+// Looks whether the writer has begun another block since. Where the next one is in preparation, it may be the
+// one after that, or one of a later round: then others were written in between.
 bool Reader::followingBlocks(Level& level) {
   if (!level.plan.empty()) return true;
   BlockHeader header;
-  if (level.blocks == 0 || !readBlockHeader(level, level.newest % level.blocks, header)) return false;
-  if (header.sequence <= level.newest) return false;
-  if (header.sequence == level.newest + 1)
+  if (level.blocks == 0) return false;
+  bool const begun = readBlockHeader(level, level.newest % level.blocks, header);
+  if (begun ? header.sequence <= level.newest : !cameRound(level)) return false;
+  if (begun && header.sequence == level.newest + 1)
     level.plan.push_back(++level.newest);
   else
     scan(level);
   return !level.plan.empty();
+}
+
+// The newest block known is another one by now.
+bool Reader::cameRound(Level const& level) const {
+  BlockHeader last;
+  return level.newest != 0 && (!readBlockHeader(level, (level.newest - 1) % level.blocks, last) ||
+                               last.sequence != level.newest);
 }
 
 // False when the writer reused the block meanwhile.

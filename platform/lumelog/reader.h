@@ -141,6 +141,7 @@ class VANTREL_API Reader {
   bool readBlockHeader(Level const& level, U64 index, Format::BlockHeader& header) const;
   void scan(Level& level);
   bool followingBlocks(Level& level);
+  bool cameRound(Level const& level) const;
   bool copyBlock(Level& level, U64 sequence);
   bool load(Level& level);
   bool grow(Level& level);

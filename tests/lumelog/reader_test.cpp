@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <random>
 #include <string>
@@ -178,6 +179,34 @@ TEST(Reader, CountsBlocksThatTheWriterReusedMeanwhile) {
   EXPECT_EQ(last, 9999U);
   EXPECT_GT(count, 300U);
   EXPECT_GT(reader.damage().overwritten, 50U);
+}
+
+// The writer came round and is just beginning a block where the reader expects the next one. What it wrote in
+// between is older than what came afterwards in another level.
+TEST(Reader, LooksBehindABlockInPreparation) {
+  TempDir dir;
+  LogPtr log = make(dir / "a.lg");
+  LUMELOG_RECORD(log.get(), 9, 1u, "n:", U64{0});
+  Reader reader(dir / "a.lg");
+  Record record;
+  ASSERT_TRUE(reader.next(record));
+  for (U64 i = 1; i < 2000; ++i) LUMELOG_RECORD(log.get(), 9, 1u, "n:", i);
+  LUMELOG_RECORD(log.get(), 2, 1u, "late");
+  std::fstream file(dir / "a.lg", std::ios::binary | std::ios::in | std::ios::out);
+  Format::FixedHeader header;
+  file.read(reinterpret_cast<char*>(&header), sizeof header);
+  file.seekp(static_cast<std::streamoff>(header.ring[9].offset + Format::blockBytes));
+  U64 const inPreparation = 0;
+  file.write(reinterpret_cast<char const*>(&inPreparation), sizeof inPreparation);
+  ASSERT_TRUE(file.flush());
+  U64 count = 0, last = 0;
+  for (; reader.next(record) && record.message() != "late"; ++count) {
+    ASSERT_GT(numberOf(record), last);
+    last = numberOf(record);
+  }
+  EXPECT_GT(count, 200U);
+  EXPECT_EQ(record.message(), "late");
+  EXPECT_FALSE(reader.next(record));
 }
 
 // The writer races ahead in another process: whatever is delivered is in order, and what is missing is
