@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // PodArray<T, Capacity>: a count and a fixed capacity of plain elements, no heap.
 //
+// Layout: the count in the first four bytes, the elements right behind it, as in a record's image. Whoever
+//   holds an array places it so that its elements are aligned.
 // Invariants: count <= Capacity; elements at and beyond the count have no value.
 // Cost: a copy touches only the elements that count.
 #pragma once
@@ -27,25 +29,30 @@ class PodArray {
 
  public:
   static constexpr std::size_t capacity = Capacity;
+  static constexpr std::size_t elementsAt = sizeof(U32);  // the first one's offset
 
-  PodArray() {}
-  PodArray(PodArray const& other) : count_(other.count_) { copy(other.elements_); }
+  // For an array whose bytes are written before they are read.
+  struct Unset {};
+
+  PodArray() : count_(0) {}
+  explicit PodArray(Unset) {}
+  PodArray(PodArray const& other) : count_(other.count_) { copy(other); }
   PodArray& operator=(PodArray const& other) {
     count_ = other.count_;
-    if (this != &other) copy(other.elements_);
+    if (this != &other) copy(other);
     return *this;
   }
 
   U32 count() const { return count_; }
   // Zero at and beyond the count.
-  T operator[](std::size_t i) const { return i < count_ ? elements_[i] : T{}; }
-  std::span<T const> elements() const { return {elements_, count_}; }
+  T operator[](std::size_t i) const { return i < count_ ? data()[i] : T{}; }
+  std::span<T const> elements() const { return {data(), count_}; }
 
   // Element i becomes value; the count grows to i + 1 when i is at or beyond it, zeroes between.
   void elementIs(std::size_t i, T value) {
     PALLO_ASSERT("PodArray", i < Capacity);
-    for (; count_ < i; ++count_) elements_[count_] = T{};
-    elements_[i] = value;
+    for (; count_ < i; ++count_) data()[count_] = T{};
+    data()[i] = value;
     count_ = std::max(count_, static_cast<U32>(i + 1));
   }
 
@@ -54,7 +61,7 @@ class PodArray {
   void set(void const* source, std::size_t offered, std::size_t readable) {
     if (offered > Capacity) [[unlikely]]
       throwPodArraySize(Capacity, offered, source, sizeof(T), readable);
-    std::memcpy(elements_, source, offered * sizeof(T));
+    std::memcpy(bytes_, source, offered * sizeof(T));
     count_ = static_cast<U32>(offered);
   }
   void set(std::span<T const> source) { set(source.data(), source.size(), source.size_bytes()); }
@@ -64,10 +71,12 @@ class PodArray {
   }
 
  private:
-  void copy(T const* from) { std::copy_n(from, count_, elements_); }
+  T* data() { return reinterpret_cast<T*>(bytes_); }
+  T const* data() const { return reinterpret_cast<T const*>(bytes_); }
+  void copy(PodArray const& from) { std::copy_n(from.data(), count_, data()); }
 
-  U32 count_ = 0;
-  T elements_[Capacity];
+  U32 count_;
+  alignas(U32) std::byte bytes_[Capacity * sizeof(T)];
 };
 
 }  // namespace Ostra

@@ -2,7 +2,7 @@
 // The checksum of a slot: the two running sums of Fletcher's, over 64-bit words in four columns, and at the
 // end one number of the eight.
 //
-//   row 0   checksum   state     key       image 0     the checksum counts as zero
+//   row 0   checksum   state     key       image 0     the checksum counts as `start`
 //   row 1   image 1    image 2   image 3   image 4
 //   ...
 //
@@ -24,7 +24,10 @@
 namespace Shoal::Checksum {
 
 inline constexpr unsigned columns = 4;
-inline constexpr int columnShift = 17;  // column c + 2 weighs 1 + 2^columnShift times what column c does
+// Columns 2 and 3 weigh 1 + 2^17 times what 0 and 1 do, and then the odd ones 1 + 2^29 times.
+inline constexpr int upperShift = 17;
+inline constexpr int oddShift = 29;
+inline constexpr U64 start = 0x5348'4F41'4C21;
 
 struct Sums {
   std::array<U64, columns> first{};
@@ -37,22 +40,18 @@ constexpr void addRow(Sums& sums, U64 const* row) {
   for (unsigned c = 0; c < columns; ++c) sums.second[c] += sums.first[c] += fold(row[c]);
 }
 
-// Of the even and of the odd columns' sums.
-constexpr U64 value(U64 even, U64 odd) {
-  return 0x5348'4F41'4C21 + even * 0x9E3779B97F4A7C15U + odd * 0xC2B2AE3D27D4EB4FU;
-}
 constexpr U64 value(Sums const& sums) {
   auto const column = [&sums](unsigned c) { return sums.first[c] + 2 * sums.second[c]; };
   auto const two = [column](unsigned c) {
-    return column(c) + column(c + 2) + (column(c + 2) << columnShift);
+    return column(c) + column(c + 2) + (column(c + 2) << upperShift);
   };
-  return value(two(0), two(1));
+  return two(0) + two(1) + (two(1) << oddShift);
 }
 
 // Of the slot's first rows.
 constexpr U64 of(U64 const* slot, U64 rows) {
   Sums sums;
-  std::array const head{U64{0}, slot[1], slot[2], slot[3]};
+  std::array const head{start, slot[1], slot[2], slot[3]};
   addRow(sums, head.data());
   for (U64 i = 1; i < rows; ++i) addRow(sums, slot + i * columns);
   return value(sums);

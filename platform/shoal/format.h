@@ -12,7 +12,7 @@
 // Invariants: a guarded word carries 16 bits that depend on its value and its place; an index entry carries
 //   the exclusive-or of its bytes; a line's link carries 32 bits that depend on bucket and depth; a slot
 //   carries a 64-bit checksum. Whatever does not agree with its guard is damage, and is not followed.
-// Cost: 64 bytes of index for three records, and slotBytes a record.
+// Cost: 26 bytes of index and slotBytes a record.
 #pragma once
 
 #include <array>
@@ -26,7 +26,7 @@
 namespace Shoal::Format {
 
 inline constexpr U64 magic = 0x314C424154485353U;  // "SSHTABL1"
-inline constexpr U32 version = 3;
+inline constexpr U32 version = 4;
 
 inline constexpr U64 unitBytes = 64;             // what an index entry or a link counts in
 inline constexpr U64 chunkBytes = 256U * 1024U;  // what the file grows by
@@ -34,7 +34,7 @@ inline constexpr U64 linesPerChunk = chunkBytes / unitBytes;
 inline constexpr U64 directoryEntries = 8192;
 inline constexpr U64 maxBuckets = directoryEntries * linesPerChunk;
 inline constexpr U64 firstBuckets = 64;     // of an empty table
-inline constexpr U64 recordsPerBucket = 3;  // above this mean a bucket is split
+inline constexpr U64 recordsPerTwoBuckets = 5;  // above this mean a bucket is split
 inline constexpr unsigned entriesPerLine = 7;
 inline constexpr unsigned everyEntry = (1U << entriesPerLine) - 1;  // a bit for each
 inline constexpr U64 windowBytes = 1ULL << 37;  // address space of one mapping
@@ -86,8 +86,14 @@ constexpr U64 slotBytes(U64 imageBytes) { return roundUp(slotImageAt + imageByte
 constexpr U64 state(U64 generation, U64 words) { return (generation & 0xFFFFFFFFFFFFU) | words << 48; }
 constexpr U64 generation(U64 state) { return state & 0xFFFFFFFFFFFFU; }
 constexpr U64 words(U64 state) { return state >> 48; }
+// The length when the slot is at rest; above every length when it is not.
+constexpr U64 wordsAtRest(U64 state) { return std::rotr(state, 48) & 0x1FFFF; }
 inline constexpr U64 rowWords = 4;
 constexpr U64 rows(U64 state) { return (3 + words(state) + rowWords - 1) / rowWords; }  // of the slot, in use
+constexpr U64 fewestWords(U64 rows) { return (rows - 1) * rowWords - 2; }  // that take so many
+constexpr U64 imageWordsInRows(U64 rows) { return rows * rowWords - slotImageAt / 8; }
+constexpr U64 imageBytesInRows(U64 rows) { return imageWordsInRows(rows) * 8; }
+constexpr U64 rowsOfImage(U64 bytes) { return roundUp(slotImageAt + bytes, rowWords * 8) / (rowWords * 8); }
 
 // A bijective mix: every bit of x reaches every bit of the result.
 constexpr U64 mix(U64 x) {
@@ -106,22 +112,21 @@ constexpr std::optional<U64> unguard(U64 word, U64 place) {
   return value;
 }
 
-// An index entry: 32 bits slot (offset / 64) | 24 bits of the key's hash | 8 bits, so that the exclusive-or
-// of the eight bytes is zero. Zero: no entry.
-constexpr U64 foldBytes(U64 x) {
-  x ^= x >> 32;
-  x ^= x >> 16;
-  x ^= x >> 8;
-  return x & 0xFF;
+// An index entry: 32 bits slot (offset / 64) | 16 bits, so that the exclusive-or of the word's four quarters
+// is zero | the upper 16 bits of the key's hash. Zero: no entry.
+constexpr U64 foldQuarters(U64 x) {
+  x ^= std::rotr(x, 32);
+  x ^= std::rotr(x, 16);
+  return x & 0xFFFF;
 }
-constexpr U64 tag(U64 hash) { return hash >> 40; }
+constexpr U64 tag(U64 hash) { return hash >> 48; }
 constexpr U64 entry(U64 unit, U64 hash) {
-  U64 const body = (unit & 0xFFFFFFFFU) | tag(hash) << 32;
-  return body | foldBytes(body) << 56;
+  U64 const body = (unit & 0xFFFFFFFFU) | tag(hash) << 48;
+  return body | foldQuarters(body) << 32;
 }
 constexpr U64 entryUnit(U64 entry) { return entry & 0xFFFFFFFFU; }
-constexpr U64 entryTag(U64 entry) { return entry >> 32 & 0xFFFFFFU; }
-constexpr bool entryIntact(U64 entry) { return foldBytes(entry) == 0; }
+constexpr U64 entryTag(U64 entry) { return tag(entry); }
+constexpr bool entryIntact(U64 entry) { return foldQuarters(entry) == 0; }
 
 // The eighth word of a line: the unit of the next overflow line (0: none), guarded by the line's bucket and
 // depth.
@@ -141,7 +146,8 @@ constexpr U64 stamp(U64 sequence, U64 key) { return guard(sequence, mix(key) | 1
 // without a branch, which would be guessed wrong.
 constexpr U64 bucketOf(U64 hash, U64 buckets, U64 level) {
   U64 const bucket = hash & (2 * level - 1);
-  return bucket ^ (level & -U64{bucket >= buckets});
+  U64 const stands = -U64{bucket < buckets};
+  return bucket & (stands | ~level);
 }
 constexpr U64 bucketOf(U64 hash, U64 buckets) { return bucketOf(hash, buckets, std::bit_floor(buckets)); }
 

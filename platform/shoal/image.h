@@ -15,10 +15,10 @@ constexpr Shape shapeOf() {
 
 // A copy of the record, or the empty record. A slot that holds another key's record is damage.
 template <class R>
-[[gnu::always_inline]] inline R recordOf(TableView& view, typename RecordTraits<R>::Key const& key) {
+R recordOf(TableView& view, typename RecordTraits<R>::Key const& key) {
   std::byte const* const image = view.read(key.value());
   R record = image ? RecordTraits<R>::decode(image) : RecordTraits<R>::empty();
-  if (image && RecordTraits<R>::key(record).value() != key.value()) [[unlikely]]
+  if (image && RecordTraits<R>::key(record) != key)
     throw Pallo::CorruptionDetectedException(view.damage("a record carries the key of another"));
   return record;
 }

@@ -25,6 +25,7 @@
 #include "shoal/error.h"
 #include "shoal/image.h"
 #include "shoal/mount.h"
+#include "shoal/straight_read.h"
 #include "shoal/table.h"
 
 namespace Shoal {
@@ -50,11 +51,10 @@ class ReaderTable : public Table<R>, private Mount::Sink {
   }
 
   R entry(Key const& key) const override {
-    std::byte const* const image = validator_ ? nullptr : mount_.view().readStraight(key.value());
-    R record = image ? Traits::decode(image) : carefully(key);
-    if (image && Traits::key(record) != key) [[unlikely]]
-      record = carefully(key);
-    if (!this->notifieeList().empty()) mount_.lookedUp(key.value(), !(record == Traits::empty()));
+    R record = StraightRead<R>::blank();
+    bool const straight = straight_(mount_.view(), record, key.value());
+    if (!straight || validator_ || !this->notifieeList().empty()) [[unlikely]]
+      finishRead(key, record, straight);
     return record;
   }
   std::optional<Place> first() const override { return walk(0); }
@@ -71,8 +71,13 @@ class ReaderTable : public Table<R>, private Mount::Sink {
   }
 
  private:
+  [[gnu::noinline]] void finishRead(Key const& key, R& record, bool straight) const {
+    bool const found = straight || StraightRead<R>::overCopy(mount_.view(), record, key.value());
+    if (!found || (validator_ && validator_(record))) record = carefully(key);
+    if (!this->notifieeList().empty()) mount_.lookedUp(key.value(), !(record == Traits::empty()));
+  }
   // Whatever may be the case: an absent key, a record in motion, damage, a file that was replaced.
-  [[gnu::noinline]] R carefully(Key const& key) const {
+  R carefully(Key const& key) const {
     try {
       return validated(key);
     } catch (Pallo::CorruptionDetectedException const&) {
@@ -101,6 +106,7 @@ class ReaderTable : public Table<R>, private Mount::Sink {
   void anythingChanged() override { this->notifyEntryColl(); }
   void damaged(std::string_view what) override { this->corruptionDetected(what); }
 
+  typename StraightRead<R>::Function const straight_ = StraightRead<R>::forThisProcessor();
   mutable Mount mount_;
   Validator validator_;
 };

@@ -13,7 +13,10 @@
 //   other processors, one word at a time.
 #pragma once
 
+#include <array>
 #include <atomic>
+#include <cstddef>
+#include <cstring>
 
 #include "shoal/checksum.h"
 #include "shoal/format.h"
@@ -28,28 +31,39 @@ namespace Shoal {
 #ifdef SHOAL_VECTORS
 
 struct Words {
-  // Copies the slot's first rows to `to`, aligned like a slot. Returns the checksum of the copy.
-  static U64 copyRows(std::atomic<U64> const* slot, U64* to, U64 rows) {
+  // Whether a word has this value now. What is read later may be read before it unless a fence() lies
+  // between. (An atomic load would not be part of the comparison, but an instruction of its own.)
+  [[gnu::always_inline]] static bool is(std::atomic<U64> const* word, U64 value) {
+    return *reinterpret_cast<U64 const*>(word) == value;
+  }
+  [[gnu::always_inline]] static void fence() { std::atomic_thread_fence(std::memory_order_acquire); }
+
+  // Copies a slot's rows but for the first, that is, its image from the second word on. Returns the checksum
+  // of all. There are at least so many.
+  template <U64 atLeast = 1>
+  static U64 copyRows(std::atomic<U64> const* slot, std::byte* to, U64 rows) {
     auto const* from = reinterpret_cast<__m128i const*>(slot);
-    auto* target = reinterpret_cast<__m128i*>(to);
     __m128i low = _mm_load_si128(from);
     __m128i high = _mm_load_si128(from + 1);
-    _mm_store_si128(target, low);
-    _mm_store_si128(target + 1, high);
-    low = folded(_mm_unpackhi_epi64(_mm_setzero_si128(), low));
+    low = folded(_mm_castpd_si128(
+        _mm_move_sd(_mm_castsi128_pd(low), _mm_castsi128_pd(_mm_cvtsi64_si128(Checksum::start)))));
     high = folded(high);
     __m128i lows = low;
     __m128i highs = high;
-    for (U64 i = 2; i < 2 * rows; i += 2) {
-      __m128i const left = _mm_load_si128(from + i);
-      __m128i const right = _mm_load_si128(from + i + 1);
-      _mm_store_si128(target + i, left);
-      _mm_store_si128(target + i + 1, right);
+    auto* const target = reinterpret_cast<__m128i*>(to);
+    auto const copyRow = [&](U64 i) {
+      __m128i const left = _mm_load_si128(from + 2 * i);
+      __m128i const right = _mm_load_si128(from + 2 * i + 1);
+      _mm_storeu_si128(target + 2 * i - 2, left);
+      _mm_storeu_si128(target + 2 * i - 1, right);
       low = _mm_add_epi64(low, folded(left));
       high = _mm_add_epi64(high, folded(right));
       lows = _mm_add_epi64(lows, low);
       highs = _mm_add_epi64(highs, high);
-    }
+    };
+#pragma GCC unroll 8
+    for (U64 i = 1; i < atLeast; ++i) copyRow(i);
+    for (U64 i = atLeast; i < rows; ++i) copyRow(i);
     std::atomic_thread_fence(std::memory_order_acquire);
     return checksum(_mm_add_epi64(low, _mm_slli_epi64(lows, 1)),
                     _mm_add_epi64(high, _mm_slli_epi64(highs, 1)));
@@ -58,10 +72,10 @@ struct Words {
   // One bit for each entry of the line that carries the tag, told without a branch at each, which would be
   // guessed wrong every other time and cost more than the rest of a look-up.
   static unsigned entriesOfTag(std::atomic<U64> const* line, U64 tag) {
-    // What is above the tag in an entry's upper half is shifted out.
-    __m128i const pattern = _mm_set1_epi32(static_cast<int>(tag << 8));
-    unsigned const found = lanes(_mm_cmpeq_epi32(_mm_slli_epi32(halves<upper>(line), 8), pattern),
-                                 _mm_cmpeq_epi32(_mm_slli_epi32(halves<upper>(line + 4), 8), pattern));
+    // What is below the tag in an entry's upper half is shifted out.
+    __m128i const pattern = _mm_set1_epi32(static_cast<int>(tag));
+    unsigned const found = lanes(_mm_cmpeq_epi32(_mm_srli_epi32(halves<upper>(line), 16), pattern),
+                                 _mm_cmpeq_epi32(_mm_srli_epi32(halves<upper>(line + 4), 16), pattern));
     std::atomic_thread_fence(std::memory_order_acquire);
     return found & Format::everyEntry;
   }
@@ -83,9 +97,10 @@ struct Words {
   }
   // Of the sums of columns 0 and 1, and of columns 2 and 3.
   [[gnu::always_inline]] static U64 checksum(__m128i low, __m128i high) {
-    __m128i const both = _mm_add_epi64(_mm_add_epi64(low, high), _mm_slli_epi64(high, Checksum::columnShift));
-    return Checksum::value(static_cast<U64>(_mm_cvtsi128_si64(both)),
-                           static_cast<U64>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(both, both))));
+    __m128i const both = _mm_add_epi64(_mm_add_epi64(low, high), _mm_slli_epi64(high, Checksum::upperShift));
+    __m128i const odd = _mm_unpackhi_epi64(both, both);
+    __m128i const all = _mm_add_epi64(_mm_add_epi64(both, odd), _mm_slli_epi64(odd, Checksum::oddShift));
+    return static_cast<U64>(_mm_cvtsi128_si64(all));
   }
   // The halves of four words, beside each other.
   template <int which>
@@ -104,19 +119,24 @@ struct Words {
 };
 
 struct WideWords {
-  [[gnu::target("avx2")]] static U64 copyRows(std::atomic<U64> const* slot, U64* to, U64 rows) {
+  static bool areSupported() {
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2");
+  }
+  [[gnu::always_inline]] static bool is(std::atomic<U64> const* word, U64 value) {
+    return Words::is(word, value);
+  }
+  [[gnu::always_inline]] static void fence() { Words::fence(); }
+
+  template <U64 atLeast = 1>
+  [[gnu::target("avx2")]] static U64 copyRows(std::atomic<U64> const* slot, std::byte* to, U64 rows) {
     auto const* from = reinterpret_cast<__m256i const*>(slot);
-    auto* target = reinterpret_cast<__m256i*>(to);
+    auto* const target = reinterpret_cast<__m256i*>(to);
     __m256i const head = _mm256_load_si256(from);
-    _mm256_store_si256(target, head);
-    __m256i first = folded(_mm256_blend_epi32(head, _mm256_setzero_si256(), 3));
+    __m256i first = folded(_mm256_blend_epi32(head, _mm256_set1_epi64x(Checksum::start), 3));
     __m256i second = first;
-    for (U64 i = 1; i < rows; ++i) {
-      __m256i const row = _mm256_load_si256(from + i);
-      _mm256_store_si256(target + i, row);
-      first = _mm256_add_epi64(first, folded(row));
-      second = _mm256_add_epi64(second, first);
-    }
+#pragma GCC unroll 8
+    for (U64 i = 1; i < atLeast; ++i) copyRow(from + i, target + i - 1, first, second);
+    for (U64 i = atLeast; i < rows; ++i) copyRow(from + i, target + i - 1, first, second);
     std::atomic_thread_fence(std::memory_order_acquire);
     __m256i const sums = _mm256_add_epi64(first, _mm256_slli_epi64(second, 1));
     return Words::checksum(_mm256_castsi256_si128(sums), _mm256_extracti128_si256(sums, 1));
@@ -128,13 +148,20 @@ struct WideWords {
     __m256 const mixed = _mm256_shuffle_ps(_mm256_load_ps(four), _mm256_load_ps(four + 8), Words::upper);
     __m256i const uppers = _mm256_permute4x64_epi64(_mm256_castps_si256(mixed), 0xD8);
     __m256i const equal =
-        _mm256_cmpeq_epi32(_mm256_slli_epi32(uppers, 8), _mm256_set1_epi32(static_cast<int>(tag << 8)));
+        _mm256_cmpeq_epi32(_mm256_srli_epi32(uppers, 16), _mm256_set1_epi32(static_cast<int>(tag)));
     unsigned const found = static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(equal)));
     std::atomic_thread_fence(std::memory_order_acquire);
     return found & Format::everyEntry;
   }
 
  private:
+  [[gnu::target("avx2"), gnu::always_inline]] static void copyRow(__m256i const* from, __m256i* to,
+                                                                  __m256i& first, __m256i& second) {
+    __m256i const row = _mm256_load_si256(from);
+    _mm256_storeu_si256(to, row);
+    first = _mm256_add_epi64(first, folded(row));
+    second = _mm256_add_epi64(second, first);
+  }
   [[gnu::target("avx2"), gnu::always_inline]] static __m256i folded(__m256i words) {
     return _mm256_xor_si256(words, _mm256_srli_epi64(words, 32));
   }
@@ -143,9 +170,23 @@ struct WideWords {
 #else
 
 struct Words {
-  static U64 copyRows(std::atomic<U64> const* slot, U64* to, U64 rows) {
-    for (U64 i = 0; i < Format::rowWords * rows; ++i) to[i] = slot[i].load(std::memory_order_acquire);
-    return Checksum::of(to, rows);
+  static bool is(std::atomic<U64> const* word, U64 value) {
+    return word->load(std::memory_order_acquire) == value;
+  }
+  static void fence() {}
+  template <U64 = 1>
+  static U64 copyRows(std::atomic<U64> const* slot, std::byte* to, U64 rows) {
+    Checksum::Sums sums;
+    for (U64 i = 0; i < rows; ++i) {
+      std::array<U64, Format::rowWords> row;
+      for (U64 j = 0; j < row.size(); ++j) row[j] = slot[i * row.size() + j].load(std::memory_order_acquire);
+      if (i == 0)
+        row[0] = Checksum::start;
+      else
+        std::memcpy(to + (i - 1) * sizeof row, row.data(), sizeof row);
+      Checksum::addRow(sums, row.data());
+    }
+    return Checksum::value(sums);
   }
   static unsigned entriesOfTag(std::atomic<U64> const* line, U64 tag) {
     unsigned found = 0;

@@ -33,6 +33,15 @@ namespace Shoal {
 //   static R empty();                                    what an absent key reads as
 //   static void encode(R const&, std::byte* image);      writes `bytes` bytes
 //   static R decode(std::byte const* image);             reads `bytes` bytes; Pallo::InvalidSizeException
+//
+// An image's first 8 bytes are the key's value. A type that lies in memory as its image may add what spares
+// a reader the way over an image of its own:
+//
+//   static R unset();                                    its bytes are written before they are read
+//   static std::byte* inPlace(R&);                       its bytes
+//   static constexpr std::size_t fixedBytes = ...;       the first ones, which count in every record
+//   static bool isComplete(R const&, U64 words);         whether it is a record once so many 8-byte words
+//                                                        are written; false: decode() is to look at it
 template <class R>
 struct RecordTraits;
 

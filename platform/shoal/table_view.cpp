@@ -30,7 +30,7 @@ U64 acquire(std::atomic<U64> const& word) { return word.load(std::memory_order_a
 
 bool lineIntact(std::atomic<U64> const* line) {
   U64 folded = 0;
-  for (unsigned i = 0; i < entriesPerLine; ++i) folded |= foldBytes(acquire(line[i]));
+  for (unsigned i = 0; i < entriesPerLine; ++i) folded |= foldQuarters(acquire(line[i]));
   return folded == 0;
 }
 
@@ -39,16 +39,11 @@ U64 packWalk(U64 bucket, U64 depth, unsigned at) { return bucket << 16 | depth <
 }  // namespace
 
 TableView::TableView(std::shared_ptr<Mapping const> mapping)
-    : straight_(readNarrow), mapping_(std::move(mapping)), base_(mapping_->base()) {
-#ifdef SHOAL_VECTORS
-  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi")) straight_ = readWide;
-#endif
+    : mapping_(std::move(mapping)), base_(mapping_->base()) {
   U64 const inUse = checkHeader();
   seed_ = {header_.hash[0], header_.hash[1], header_.hash[2], header_.hash[3]};
   maxWords_ = (header_.imageBytes + 7) / 8;
-  scratchSpace_.assign((header_.slotBytes + unitBytes) / 8, 0);
-  auto const space = reinterpret_cast<std::uintptr_t>(scratchSpace_.data());
-  scratch_ = reinterpret_cast<U64*>(roundUp(space, unitBytes));
+  scratch_.assign(imageBytesInRows(rowsOfImage(header_.imageBytes)), {});
   indexChunks_.assign(directoryEntries, nullptr);
   limitIs(chunkOffset(inUse));
 }
@@ -129,11 +124,6 @@ std::string TableView::damage(std::string_view what) const {
   return fmt::format("{}: {}", mapping_->path(), what);
 }
 
-std::atomic<U64>* TableView::word(U64 offset) const {
-  static_assert(sizeof(std::atomic<U64>) == 8 && std::atomic<U64>::is_always_lock_free);
-  return reinterpret_cast<std::atomic<U64>*>(base_ + offset);
-}
-
 U64 TableView::guarded(U64 offset, std::string_view what) const {
   auto const value = unguard(acquire(*word(offset)), offset);
   if (!value)
@@ -174,9 +164,7 @@ U64 TableView::announcedKey(U64 sequence) const {
 
 void TableView::limitIs(U64 limit) {
   limit_ = std::min(limit, mapping_->window());
-  firstUnit_ = header_.chunkStart / unitBytes;
-  U64 const lastSlot = limit_ - std::min<U64>(limit_, header_.slotBytes);
-  unitsInside_ = lastSlot < header_.chunkStart ? 0 : lastSlot / unitBytes - firstUnit_ + 1;
+  unitsEnd_ = limit_ < header_.slotBytes ? 0 : (limit_ - header_.slotBytes) / unitBytes + 1;
 }
 
 bool TableView::insideChunks(U64 offset, U64 bytes) {
@@ -206,30 +194,25 @@ std::atomic<U64>* TableView::overflowLine(U64 unit) {
   return insideChunks(unit * unitBytes, unitBytes) ? word(unit * unitBytes) : nullptr;
 }
 
-// The rows of a slot at rest, and the scratch area made ready for them: the words of a longer record that was
-// copied before are cleared. Zero when the slot is not at rest, or damaged.
-[[gnu::always_inline]] inline U64 TableView::rowsToCopy(U64 state) {
-  if ((state & 1) != 0 || words(state) > maxWords_) [[unlikely]]
-    return 0;
-  U64 const wanted = rows(state);
-  if (wanted < rowsCopied_) [[unlikely]] {
-    for (U64 i = wanted * rowWords; i < rowsCopied_ * rowWords; ++i) {
-      scratch_[i] = 0;
-      asm volatile("");  // a few words: what clears many takes longer to begin
-    }
-  }
-  return rowsCopied_ = wanted;
-}
-
 // The state is read first and again last, so that a slot that was recycled meanwhile shows.
 TableView::Copy TableView::copySlot(U64 unit) {
   std::atomic<U64> const* const slot = word(unit * unitBytes);
   U64 const state = acquire(slot[1]);
-  U64 const count = rowsToCopy(state);
-  if (count == 0) return state & 1 ? Copy::changing : Copy::damaged;
-  U64 const checksum = Words::copyRows(slot, scratch_, count);
+  if ((state & 1) != 0) return Copy::changing;
+  if (words(state) > maxWords_) return Copy::damaged;
+  scratchRows_ = rows(state);
+  U64 const first = acquire(slot[3]);
+  std::memcpy(scratch_.data(), &first, sizeof first);
+  U64 const checksum = Words::copyRows(slot, scratch_.data() + sizeof first, scratchRows_);
+  U64 const expected = acquire(slot[0]);
+  scratchKey_ = acquire(slot[2]);
   if (acquire(slot[1]) != state) return Copy::changing;
-  return checksum == scratch_[0] ? Copy::whole : Copy::damaged;
+  return checksum == expected ? Copy::whole : Copy::damaged;
+}
+
+void TableView::clearScratchBehind(U64 rows) {
+  std::size_t const copied = imageBytesInRows(rows);
+  std::memset(scratch_.data() + copied, 0, scratch_.size() - copied);
 }
 
 bool TableView::tailIsZero(U64 unit) const {
@@ -333,45 +316,6 @@ std::atomic<U64> const* TableView::entryWord(U64 key) {
   }
 }
 
-// The first line of a hash's bucket, as far as it is known without a look at what may have changed.
-[[gnu::always_inline]] inline std::atomic<U64> const* TableView::firstLine(U64 hashed) const {
-  U64 const bucket = bucketOf(hashed, bucketsSeen_, levelSeen_);
-  std::atomic<U64> const* const chunk = indexChunks_[bucket / linesPerChunk];
-  return chunk ? chunk + bucket % linesPerChunk * 8 : nullptr;
-}
-
-// The slot of the entry at which the walk stands, or of the first entry of the key's tag in its bucket's
-// line. The copy is of one time, and the entry still names the slot when it is complete.
-template <class W>
-[[gnu::always_inline]] inline std::byte const* TableView::straightRead(U64 key) {
-  std::atomic<U64> const* named = visited_.word;
-  if (!named || visited_.key != key) {
-    if (acquire(*word(bucketsAt)) != bucketsWord_) return nullptr;
-    U64 const hashed = hash(key);
-    std::atomic<U64> const* const line = firstLine(hashed);
-    unsigned const candidates = line ? W::entriesOfTag(line, tag(hashed)) : 0;
-    if (candidates == 0) return nullptr;
-    named = line + std::countr_zero(candidates);
-  }
-  U64 const entry = acquire(*named);
-  if (!entryIntact(entry) || entryUnit(entry) - firstUnit_ >= unitsInside_) return nullptr;
-  std::atomic<U64> const* const slot = word(entryUnit(entry) * unitBytes);
-  U64 const state = acquire(slot[1]);
-  U64 const count = rowsToCopy(state);
-  if (count == 0) return nullptr;
-  U64 const checksum = W::copyRows(slot, scratch_, count);
-  bool const stands = acquire(slot[1]) == state && checksum == scratch_[0] && scratchKey() == key &&
-                      acquire(*named) == entry;
-  return stands ? scratchImage() : nullptr;
-}
-
-std::byte const* TableView::readNarrow(TableView& view, U64 key) { return view.straightRead<Words>(key); }
-#ifdef SHOAL_VECTORS
-[[gnu::target("avx2,bmi")]] std::byte const* TableView::readWide(TableView& view, U64 key) {
-  return view.straightRead<WideWords>(key);
-}
-#endif
-
 void TableView::prefetchLine(U64 key) const {
   if (std::atomic<U64> const* const line = firstLine(hash(key))) __builtin_prefetch(line);
 }
@@ -384,8 +328,9 @@ void TableView::prefetchRecord(U64 key) const {
 }
 
 std::byte const* TableView::read(U64 key) {
-  if (std::byte const* const image = readStraight(key)) return image;
-  return lookup(key, true) ? scratchImage() : nullptr;
+  if (!lookup(key, true)) return nullptr;
+  clearScratchBehind(scratchRows_);
+  return scratch_.data();
 }
 
 bool TableView::contains(U64 key) {
@@ -499,7 +444,7 @@ std::optional<TableView::Place> TableView::walkOn(U64 hint) {
   at = static_cast<unsigned>(std::countr_zero(left));
   U64 const entry = acquire(line[at]);
   U64 key = 0;
-  bool const sound = entryIntact(entry) && entryUnit(entry) - firstUnit_ < unitsInside_ &&
+  bool const sound = entryIntact(entry) && entryUnit(entry) < unitsEnd_ &&
                      peekKey(entryUnit(entry), key) && tag(hash(key)) == entryTag(entry);
   if (!sound) return std::nullopt;
   visited_ = {line + at, entry, key, packWalk(bucket, 0, at + 1)};

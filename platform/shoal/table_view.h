@@ -32,6 +32,9 @@ struct Shape {
   std::size_t imageBytes;
 };
 
+template <class R>
+class StraightRead;
+
 class VANTREL_API TableView {
  public:
   struct Place {
@@ -53,9 +56,6 @@ class VANTREL_API TableView {
 
   // The record's image, valid until the next call; null when the key is absent.
   std::byte const* read(U64 key);
-  // The common case of it in one straight line: the key is in its bucket's first line, and at rest. Null
-  // when anything else may be the case, which read() finds out.
-  std::byte const* readStraight(U64 key) { return straight_(*this, key); }
   bool contains(U64 key);
   // The first present key at or after a position; position 0 begins a walk. Damage of the index that a walk
   // met is raised where the walk ends, so that it costs no intact record its visit.
@@ -87,20 +87,21 @@ class VANTREL_API TableView {
   // Null when the directory or the place is damaged.
   std::atomic<U64>* line(U64 bucket);
   std::atomic<U64>* overflowLine(U64 unit);
-  std::atomic<U64>* word(U64 offset) const;
+  std::atomic<U64>* word(U64 offset) const { return reinterpret_cast<std::atomic<U64>*>(base_ + offset); }
   bool slotInside(U64 unit);
   // The index word that names the key's slot; null when the key is absent.
   std::atomic<U64> const* entryWord(U64 key);
   enum class Copy { whole, changing, damaged };
-  // Copies a slot into the scratch area: checksum, state, key, image.
+  // Copies a slot's key and image into the scratch area.
   Copy copySlot(U64 unit);
-  U64 scratchKey() const { return scratch_[2]; }
-  std::byte const* scratchImage() const { return reinterpret_cast<std::byte const*>(scratch_ + 3); }
+  U64 scratchKey() const { return scratchKey_; }
   // The image's words beyond the record are zero in the file, as they are in every copy.
   bool tailIsZero(U64 unit) const;
   std::string damage(std::string_view what) const;
 
  private:
+  template <class R>
+  friend class StraightRead;
   enum class Scan { found, absent, changing, damagedRecord, damagedIndex };
   struct Walk {
     U64 bucket;
@@ -114,13 +115,14 @@ class VANTREL_API TableView {
   bool insideChunks(U64 offset, U64 bytes);
   Scan scan(U64 key, U64 hash, U64 bucket, bool copy);
   Scan tryEntry(std::atomic<U64> const& word, U64 entry, U64 key, U64 hash, bool copy);
-  std::atomic<U64> const* firstLine(U64 hashed) const;
+  // The first line of a hash's bucket, as far as it is known without a look at what may have changed.
+  [[gnu::always_inline]] std::atomic<U64> const* firstLine(U64 hashed) const {
+    U64 const bucket = Format::bucketOf(hashed, bucketsSeen_, levelSeen_);
+    std::atomic<U64> const* const chunk = indexChunks_[bucket / Format::linesPerChunk];
+    return chunk ? chunk + bucket % Format::linesPerChunk * 8 : nullptr;
+  }
   void prefetchSlot(U64 entry) const;
-  U64 rowsToCopy(U64 state);
-  template <class W>
-  std::byte const* straightRead(U64 key);
-  static std::byte const* readNarrow(TableView& view, U64 key);
-  static std::byte const* readWide(TableView& view, U64 key);
+  void clearScratchBehind(U64 rows);
   bool peekKey(U64 unit, U64& key) const;
   bool lookup(U64 key, bool copy);
   std::optional<Place> walkLine(std::atomic<U64>* line, Walk& place);
@@ -132,23 +134,21 @@ class VANTREL_API TableView {
   void prefetchSlots(std::atomic<U64> const* line) const;
   void endWalk();
 
-  std::byte const* (*straight_)(TableView&, U64);  // the one for this processor
   std::shared_ptr<Mapping const> mapping_;
   std::byte* base_;
   Format::Header header_{};
   std::array<U64, 4> seed_;
   U64 maxWords_ = 0;
   U64 limit_ = 0;      // end of the chunks in use, as last seen
-  U64 firstUnit_ = 0;  // where slots may lie, as last seen
-  U64 unitsInside_ = 0;
+  U64 unitsEnd_ = 0;   // the last slot begins before it; what lies before the chunks is no slot, but mapped
   // The guarded word that was last found intact, what it holds, and the greatest power of two in that.
   mutable U64 bucketsWord_ = Format::guard(1, Format::bucketsAt);
   mutable U64 bucketsSeen_ = 1;
   mutable U64 levelSeen_ = 1;
   std::vector<std::atomic<U64>*> indexChunks_;
-  std::vector<U64> scratchSpace_;
-  U64* scratch_;        // aligned like a slot, of which it holds a copy; zero beyond
-  U64 rowsCopied_ = 0;
+  std::vector<std::byte> scratch_;  // an image, in whole rows
+  U64 scratchRows_ = 0;
+  U64 scratchKey_ = 0;
   struct {
     std::atomic<U64> const* word = nullptr;
     U64 entry = 0;

@@ -487,7 +487,7 @@ void TableWriter::removeAll() {
 // Longer chains are better than a refused write: a split that finds no room, or a damaged bucket, is put off.
 void TableWriter::splitWhileFull() {
   try {
-    while (count_ > buckets_ * recordsPerBucket && buckets_ < maxBuckets) split();
+    while (2 * count_ > recordsPerTwoBuckets * buckets_ && buckets_ < maxBuckets) split();
   } catch (NoSpaceException const&) {
   } catch (Pallo::CorruptionDetectedException const&) {
   }

@@ -15,6 +15,7 @@
 #include "shoal/error.h"
 #include "shoal/image.h"
 #include "shoal/table.h"
+#include "shoal/straight_read.h"
 #include "shoal/table_writer.h"
 
 namespace Shoal {
@@ -32,7 +33,13 @@ class WriterTable : public Table<R> {
     writer_.view().damageSinkIs([this](std::string_view what) { this->corruptionDetected(what); });
   }
 
-  R entry(Key const& key) const override { return recordOf<R>(writer_.view(), key); }
+  R entry(Key const& key) const override {
+    R record = StraightRead<R>::blank();
+    bool const found = straight_(writer_.view(), record, key.value()) ||
+                       StraightRead<R>::overCopy(writer_.view(), record, key.value());
+    if (!found) record = recordOf<R>(writer_.view(), key);
+    return record;
+  }
   std::optional<Place> first() const override { return walk(0); }
   std::optional<Place> next(Place const& place) const override { return walk(place.hint); }
   U64 size() const override { return writer_.view().size(); }
@@ -62,6 +69,7 @@ class WriterTable : public Table<R> {
     return Place{Key(place->key), place->hint};
   }
 
+  typename StraightRead<R>::Function const straight_ = StraightRead<R>::forThisProcessor();
   mutable TableWriter writer_;
 };
 

@@ -65,7 +65,7 @@ TEST(Damage, AFileThatIsNoSuchTableIsRefusedInOneSentence) {
   std::string changed = whole;
   changed[8] = 9;
   write(dir / "newer", changed);
-  expectRefused(dir / "newer", Reason::otherVersion, "format version 9, expected 3");
+  expectRefused(dir / "newer", Reason::otherVersion, "format version 9, expected 4");
   changed = whole;
   changed[20] = 'x';
   write(dir / "bent", changed);
@@ -202,8 +202,7 @@ TEST(Damage, NoValueBehindARightGuardLeadsOutOfTheWindow) {
     Reader const reader(path);
     EXPECT_EQ(reader.entry(EntryKey(7)), record(7, 1));  // it remembers what it saw
     pokeWord(path, chunksAt, guard(chunks, chunksAt));
-    U64 const body = unit | entryTag(entry) << 32;
-    pokeWord(path, at, body | foldBytes(body) << 56);
+    pokeWord(path, at, Shoal::Format::entry(unit, entry));  // of the same tag
     readAll(reader);
     _exit(testing::Test::HasFailure() ? 1 : 0);
   };

@@ -123,27 +123,34 @@ TEST(Checksum, ZeroesAreNotIntact) {
   for (U64 rows = 1; rows <= 20; ++rows) EXPECT_NE(Shoal::Checksum::of(slot.data(), rows), 0U);
 }
 
-using CopyRows = U64 (*)(std::atomic<U64> const*, U64*, U64);
+using CopyRows = U64 (*)(std::atomic<U64> const*, std::byte*, U64);
 
-void expectCopyAndChecksum(CopyRows copyRows) {
+void expectCopyAndChecksum(CopyRows copyRows, U64 fewest) {
   alignas(64) std::array<std::atomic<U64>, 80> slot;
-  alignas(64) std::array<U64, 80> copy;
+  std::array<U64, 80> copy;  // of what lies behind the first row, anywhere
   auto const words = someSlot();
   std::copy(words.begin(), words.end(), slot.begin());
-  for (U64 rows = 1; rows <= 20; ++rows) {
+  for (U64 rows = fewest; rows <= 20; ++rows) {
     copy.fill(0);
-    EXPECT_EQ(copyRows(slot.data(), copy.data(), rows), Shoal::Checksum::of(words.data(), rows));
-    EXPECT_TRUE(std::equal(copy.begin(), copy.begin() + 4 * rows, words.begin()));
-    EXPECT_TRUE(std::all_of(copy.begin() + 4 * rows, copy.end(), [](U64 word) { return word == 0; }));
+    EXPECT_EQ(copyRows(slot.data(), reinterpret_cast<std::byte*>(&copy[1]), rows),
+              Shoal::Checksum::of(words.data(), rows));
+    auto const end = copy.begin() + 1 + 4 * (rows - 1);
+    EXPECT_TRUE(std::equal(copy.begin() + 1, end, words.begin() + 4)) << rows;
+    EXPECT_EQ(copy[0], 0U);
+    EXPECT_TRUE(std::all_of(end, copy.end(), [](U64 word) { return word == 0; })) << rows;
   }
 }
 
-TEST(Checksum, TheCopyComputesTheSame) { expectCopyAndChecksum(Shoal::Words::copyRows); }
+TEST(Checksum, TheCopyComputesTheSame) {
+  expectCopyAndChecksum(Shoal::Words::copyRows<1>, 1);
+  expectCopyAndChecksum(Shoal::Words::copyRows<4>, 4);
+}
 
 #ifdef SHOAL_VECTORS
 TEST(Checksum, SoDoesTheCopyInWideVectors) {
   if (!__builtin_cpu_supports("avx2")) GTEST_SKIP() << "this processor has no AVX2";
-  expectCopyAndChecksum(Shoal::WideWords::copyRows);
+  expectCopyAndChecksum(Shoal::WideWords::copyRows<1>, 1);
+  expectCopyAndChecksum(Shoal::WideWords::copyRows<4>, 4);
 }
 #endif
 
@@ -156,7 +163,7 @@ TEST(Hash, KeysInAPatternSpreadLikeRandomOnes) {
                             Pattern{[](U64 i) { return i % 300 | i / 300 << 32; }},
                             Pattern{[](U64 i) { return i % 20 | i / 20 % 20 << 24 | i / 400 << 48; }}};
   constexpr U64 keys = 10000;
-  constexpr U64 buckets = keys / Shoal::Format::recordsPerBucket;
+  constexpr U64 buckets = keys * 2 / Shoal::Format::recordsPerTwoBuckets;
   for (Pattern const pattern : patterns) {
     for (int file = 0; file < 50; ++file) {
       std::array<U64, 4> const seed{random(), random(), random(), random()};
@@ -164,7 +171,7 @@ TEST(Hash, KeysInAPatternSpreadLikeRandomOnes) {
       U64 beside = 0;  // keys for which their bucket's line has no room
       for (U64 i = 0; i < keys; ++i)
         if (++held[Shoal::Format::bucketOf(Shoal::Format::hash(seed, pattern(i)), buckets)] > 7) ++beside;
-      ASSERT_LT(beside, keys / 30) << pattern(2) << " file " << file;  // of random keys, one in fifty
+      ASSERT_LT(beside, keys / 100) << pattern(2) << " file " << file;  // of random keys, one in 200
     }
   }
 }
@@ -174,11 +181,11 @@ using EntriesOfTag = unsigned (*)(std::atomic<U64> const*, U64);
 void expectEntriesOfATag(EntriesOfTag entriesOfTag) {
   alignas(64) std::array<std::atomic<U64>, 8> line;
   for (unsigned set = 0; set < 128; ++set) {
-    U64 const hash = 0xABCDEF0000000000U | set;
+    U64 const hash = 0xABCD000000000000U | set;
     for (unsigned i = 0; i < 7; ++i)
       line[i] = set >> i & 1 ? Shoal::Format::entry(1000 + i, hash) : Shoal::Format::entry(i, ~hash);
-    line[7] = U64{0xABCDEF} << 32;  // a link is no entry
-    EXPECT_EQ(entriesOfTag(line.data(), 0xABCDEF), set);
+    line[7] = U64{0xABCD} << 48;  // a link is no entry
+    EXPECT_EQ(entriesOfTag(line.data(), 0xABCD), set);
   }
 }
 

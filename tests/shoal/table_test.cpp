@@ -5,7 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -60,6 +63,86 @@ TEST(SharedTable, AgreesWithAMapThroughGrowthAndReuse) {
   }
   EXPECT_EQ(contents(Reader(dir / "t")), model);
   EXPECT_EQ(contents(*writer), model);
+}
+
+// A record is read to where it is wanted; what lies there before must not show.
+void dirtyTheStack() {
+  std::array<std::byte, 8192> bytes;
+  bytes.fill(std::byte{0xEE});
+  asm volatile("" : : "r"(bytes.data()) : "memory");
+}
+
+TEST(SharedTable, ReadsRecordsOfEveryLength) {
+  Directory dir;
+  Writer writer(dir / "t");
+  Reader reader(dir / "t");
+  Shoal::TableView view(std::make_shared<Shoal::Mapping>(dir / "t", Shoal::Mapping::Access::read));
+  EXPECT_EQ(view.buckets(), Shoal::Format::firstBuckets);  // a straight read goes by what it saw of these
+  using Straight = Shoal::StraightRead<Config>;
+  U64 version = 0;
+  auto const expectRead = [&](Config const& written) {
+    writer.entryIs(written);
+    dirtyTheStack();
+    ASSERT_EQ(reader.entry(written.key()), written);
+    dirtyTheStack();
+    ASSERT_EQ(writer.entry(written.key()), written);
+    view.contains(written.key().value());  // finds the chunk
+    std::array<U64, Shoal::RecordTraits<Config>::bytes / 8> image;
+    Shoal::RecordTraits<Config>::encode(written, reinterpret_cast<std::byte*>(image.data()));
+    auto const used = std::find_if(image.rbegin(), image.rend(), [](U64 word) { return word != 0; });
+    U64 const copied = (3 + static_cast<U64>(image.rend() - used) + 3) / 4 * 4 - 3;
+    bool const isUsual = copied >= 13 && 13 + written.datas() <= copied;
+    for (auto const read : {Straight::forThisProcessor(), &Straight::narrow, &Straight::overCopy}) {
+      Config record = ShoalTest::record(77, 77);
+      bool const reads = isUsual || read == &Straight::overCopy;
+      ASSERT_EQ(read(view, record, written.key().value()), reads);
+      ASSERT_TRUE(!reads || record == written);
+    }
+  };
+  for (unsigned indexes = 0; indexes <= 17; ++indexes) {
+    for (unsigned words = 0; words <= 64; ++words) {
+      for (unsigned zeroes = 0; zeroes <= words; zeroes = 2 * zeroes + 1) {  // at the end
+        Config r(EntryKey(1 + words % 5), OpId(++version), 1, 2, 3);
+        for (unsigned i = 0; i < indexes; ++i) r.tableIndexIs(TableKey(i), i % 3 == 0 ? 0 : i);
+        for (unsigned i = 0; i < words; ++i) r.dataIs(DataKey(i), i < words - zeroes ? ~U64{i} : 0);
+        expectRead(r);
+        if (HasFatalFailure()) return;
+      }
+    }
+  }
+}
+
+// Another program may leave anything in an image whose checksum is right.
+TEST(SharedTable, ReadsImagesOfAnotherProgramWithCare) {
+  Directory dir;
+  Shoal::TableWriter writer(dir / "t", Shoal::shapeOf<Config>(), {});
+  Reader reader(dir / "t");
+  auto const write = [&](U64 key, std::size_t at, U32 value) {
+    std::array<std::byte, Shoal::RecordTraits<Config>::bytes> image;
+    Shoal::RecordTraits<Config>::encode(record(key, 3), image.data());
+    std::memcpy(image.data() + at, &value, sizeof value);
+    writer.put(key, image.data());
+  };
+  U32 const pg = record(1, 3).pg();
+  write(1, 20, pg | 0xFFFE0000U);  // flags without a meaning
+  EXPECT_EQ(reader.entry(EntryKey(1)), record(1, 3));
+  write(1, 20, pg | 0xFFFF0000U);
+  EXPECT_TRUE(reader.entry(EntryKey(1)).isDel());
+  Config deleted = record(1, 3);
+  deleted.isDelIs(true);
+  EXPECT_EQ(reader.entry(EntryKey(1)), deleted);
+  for (std::size_t const countAt : {std::size_t{28}, std::size_t{100}}) {
+    write(2, countAt, 65);
+    EXPECT_THROW(reader.entry(EntryKey(2)), Pallo::InvalidSizeException);
+  }
+  write(3, 0, 4);
+  try {
+    reader.entry(EntryKey(3));
+    ADD_FAILURE() << "a record with another's key was returned";
+  } catch (Pallo::CorruptionDetectedException const& error) {
+    EXPECT_THAT(error.what(), HasSubstr("a record carries the key of another"));
+  }
+  EXPECT_EQ(reader.entry(EntryKey(4)), Config());
 }
 
 TEST(SharedTable, NotifiesByKeyAndSleepsBetween) {

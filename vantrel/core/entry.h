@@ -17,6 +17,11 @@
 #include "ostra/pod_array.h"
 #include "pallo/types.h"
 
+namespace Shoal {
+template <class R>
+struct RecordTraits;
+}
+
 namespace Vantrel {
 
 // The identity of one entry; what the producer packs into the 64 bits is its own affair. Prints as a decimal
@@ -88,7 +93,7 @@ class BoundedIndex {
 using TableKey = BoundedIndex<16, &Detail::throwTableKeyRange>;
 using DataKey = BoundedIndex<63, &Detail::throwDataKeyRange>;
 
-// The desired state of one entry.
+// The desired state of one entry. It lies in memory as in a table's file (RecordTraits<EntryConfig>).
 class EntryConfig {
  public:
   using TableIndexes = Ostra::PodArray<U32, TableKey::max + 1>;
@@ -97,10 +102,10 @@ class EntryConfig {
   // The empty configuration: what a key that is absent from the table reads as.
   EntryConfig() : EntryConfig(EntryKey(0), OpId(0), 0, 0, 0) {}
   EntryConfig(EntryKey const& key, OpId const& opId, U32 hdl, U16 pg, U32 prio)
-      : key_(key), opId_(opId), hdl_(hdl), pg_(pg), isDel_(false), prio_(prio) {}
+      : key_(key.value()), opId_(opId.value()), hdl_(hdl), pg_(pg), isDel_(0), prio_(prio) {}
 
-  EntryKey key() const { return key_; }
-  OpId opId() const { return opId_; }
+  EntryKey key() const { return EntryKey(key_); }
+  OpId opId() const { return OpId(opId_); }
   U32 hdl() const { return hdl_; }  // the producer's number of the entry's hardware resource
   U16 pg() const { return pg_; }    // priority group
   U32 prio() const { return prio_; }  // must not decrease along the precedence order of the group
@@ -118,21 +123,24 @@ class EntryConfig {
   Data const& dataWords() const { return data_; }
 
   // The producer's delete marker: remove this entry and acknowledge the removal.
-  bool isDel() const { return isDel_; }
+  bool isDel() const { return isDel_ != 0; }
   void isDelIs(bool isDel) { isDel_ = isDel; }
 
   // The empty configuration in one test: key 0, nothing set.
-  bool empty() const { return key_.value() == 0 && *this == EntryConfig(); }
+  bool empty() const { return key_ == 0 && *this == EntryConfig(); }
 
   friend bool operator==(EntryConfig const&, EntryConfig const&) = default;
 
  private:
-  friend struct EntryConfigImageAccess;
-  EntryKey key_;
-  OpId opId_;
+  friend struct Shoal::RecordTraits<EntryConfig>;
+  struct Unset {};
+  explicit EntryConfig(Unset) : tableIndex_(TableIndexes::Unset()), data_(Data::Unset()) {}
+
+  U64 key_;
+  U64 opId_;
   U32 hdl_;
   U16 pg_;
-  bool isDel_;
+  U16 isDel_;  // 0 or 1
   U32 prio_;
   TableIndexes tableIndex_;
   Data data_;

@@ -9,11 +9,13 @@
 //
 // Invariants: decode(encode(r)) == r, and equal records have equal images.
 // Threading: none of its own; a table belongs to its thread.
-// Cost: what is copied is what counts, not the capacity of the arrays; an image is zero beyond.
+// Cost: what is copied is what counts, not the capacity of the arrays; an image is zero beyond. An
+//   EntryConfig is read from a file straight to where it is wanted.
 // Errors: Pallo::InvalidSizeException from decode() for a count beyond its array. readEntry() reports damage
 //   to the table and throws nothing for it.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 #include "shoal/table.h"
@@ -31,7 +33,31 @@ struct RecordTraits<Vantrel::EntryConfig> {
   static Vantrel::EntryConfig empty() { return {}; }
   static VANTREL_API void encode(Vantrel::EntryConfig const& record, std::byte* image);
   static VANTREL_API Vantrel::EntryConfig decode(std::byte const* image);
+
+  static constexpr std::size_t fixedBytes = 104;  // all but the data words
+  static Vantrel::EntryConfig unset() { return Vantrel::EntryConfig(Vantrel::EntryConfig::Unset()); }
+  static std::byte* inPlace(Vantrel::EntryConfig& r) { return reinterpret_cast<std::byte*>(&r); }
+  static bool isComplete(Vantrel::EntryConfig const& r, U64 words) {
+    return r.isDel_ <= deleteMarker && r.tableIndex_.count() <= r.tableIndex_.capacity &&
+           r.data_.count() <= words - fixedBytes / sizeof(U64);
+  }
+
+ private:
+  static constexpr U16 deleteMarker = 1;
+  static constexpr std::size_t tableIndexAt = 28;
+  static constexpr std::size_t dataAt = 100;
+  static constexpr bool liesAsItsImage();
 };
+
+constexpr bool RecordTraits<Vantrel::EntryConfig>::liesAsItsImage() {
+  using Vantrel::EntryConfig;
+  return offsetof(EntryConfig, key_) == 0 && offsetof(EntryConfig, opId_) == 8 &&
+         offsetof(EntryConfig, hdl_) == 16 && offsetof(EntryConfig, pg_) == 20 &&
+         offsetof(EntryConfig, isDel_) == 22 && offsetof(EntryConfig, prio_) == 24 &&
+         offsetof(EntryConfig, tableIndex_) == tableIndexAt && offsetof(EntryConfig, data_) == dataAt &&
+         dataAt + EntryConfig::Data::elementsAt == fixedBytes && fixedBytes % alignof(U64) == 0 &&
+         alignof(EntryConfig) == alignof(U64) && sizeof(EntryConfig) == bytes;
+}
 
 template <>
 struct RecordTraits<Vantrel::EntryStatus> {
