@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "pallo/exception.h"
 #include "shoal/format.h"
 #include "shoal/shared_words.h"
 #include "shoal/table.h"
@@ -60,9 +61,14 @@ class StraightRead {
     std::byte* const image = view.scratch_.data();
     std::memcpy(image, &key, sizeof key);
     U64 const checksum = Words::copyRows(found.slot, image + sizeof key, rows);
-    if (!stands<Words>(found, checksum, key)) return false;
+    bool const slotKeyIs = Words::is(found.slot + 2, key);
+    if (!stands<Words>(found, checksum, key) || !slotKeyIs) return false;
     view.clearScratchBehind(rows);
-    record = Traits::decode(image);
+    try {
+      record = Traits::decode(image);
+    } catch (Pallo::InvalidSizeException const&) {
+      return false;
+    }
     return true;
   }
 
@@ -107,7 +113,7 @@ class StraightRead {
     return true;
   }
 
-  // What was copied is of one time and the key's, and the index still names the slot.
+  // What was copied is of one time, and by its first word the key's; and the index still names the slot.
   template <class W>
   [[gnu::always_inline]] static bool stands(Found const& found, U64 checksum, U64 key) {
     if (!W::is(found.slot + 3, key) || !W::is(found.slot, checksum)) return false;

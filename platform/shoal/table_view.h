@@ -3,7 +3,7 @@
 //
 // Invariants: a record is returned whole, as one write left it, or not at all. A damaged record is never
 //   returned; a walk goes on past it. No offset, count or length from the file is used before it agreed with
-//   its guard and lies inside the file's chunks.
+//   its guard and lies inside what is mapped and in use.
 // Ownership: shares the mapping.
 // Threading: one thread a view; any number of views of one file, beside its writer.
 // Cost: a look-up touches one index line (rarely two) and the record's lines. It starts again only when the
@@ -87,7 +87,10 @@ class VANTREL_API TableView {
   // Null when the directory or the place is damaged.
   std::atomic<U64>* line(U64 bucket);
   std::atomic<U64>* overflowLine(U64 unit);
-  std::atomic<U64>* word(U64 offset) const { return reinterpret_cast<std::atomic<U64>*>(base_ + offset); }
+  std::atomic<U64>* word(U64 offset) const {
+    static_assert(sizeof(std::atomic<U64>) == 8 && std::atomic<U64>::is_always_lock_free);
+    return reinterpret_cast<std::atomic<U64>*>(base_ + offset);
+  }
   bool slotInside(U64 unit);
   // The index word that names the key's slot; null when the key is absent.
   std::atomic<U64> const* entryWord(U64 key);

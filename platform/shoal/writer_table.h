@@ -14,8 +14,8 @@
 
 #include "shoal/error.h"
 #include "shoal/image.h"
-#include "shoal/table.h"
 #include "shoal/straight_read.h"
+#include "shoal/table.h"
 #include "shoal/table_writer.h"
 
 namespace Shoal {
@@ -36,7 +36,8 @@ class WriterTable : public Table<R> {
   R entry(Key const& key) const override {
     R record = StraightRead<R>::blank();
     bool const found = straight_(writer_.view(), record, key.value()) ||
-                       StraightRead<R>::overCopy(writer_.view(), record, key.value());
+                       (LiesAsItsImage<R> &&
+                        StraightRead<R>::overCopy(writer_.view(), record, key.value()));
     if (!found) record = recordOf<R>(writer_.view(), key);
     return record;
   }

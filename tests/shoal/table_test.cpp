@@ -134,6 +134,10 @@ TEST(SharedTable, ReadsImagesOfAnotherProgramWithCare) {
   for (std::size_t const countAt : {std::size_t{28}, std::size_t{100}}) {
     write(2, countAt, 65);
     EXPECT_THROW(reader.entry(EntryKey(2)), Pallo::InvalidSizeException);
+    Reader validating(dir / "t");
+    validating.validatorIs([](Config const&) -> std::optional<std::string> { return std::nullopt; });
+    EXPECT_TRUE(validating.entry(EntryKey(1)).isDel());
+    EXPECT_THROW(validating.entry(EntryKey(2)), Pallo::CorruptionDetectedException);
   }
   write(3, 0, 4);
   try {

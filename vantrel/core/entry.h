@@ -120,6 +120,7 @@ class EntryConfig {
   U32 datas() const { return data_.count(); }
   U64 data(DataKey k) const { return data_[k.value()]; }
   void dataIs(DataKey k, U64 value) { data_.elementIs(k.value(), value); }
+  // Refer to it where it is: an array of its own would not be aligned (Ostra::PodArray).
   Data const& dataWords() const { return data_; }
 
   // The producer's delete marker: remove this entry and acknowledge the removal.
