@@ -24,7 +24,7 @@ namespace {
 constexpr int maxAttempts = 1000;
 constexpr int maxIndexAttempts = 8;
 constexpr U64 maxDepth = 4096;
-constexpr U64 prefetchBuckets = 3;  // how far a walk looks ahead
+constexpr U64 prefetchBuckets = 4;  // how far a walk looks ahead
 
 U64 acquire(std::atomic<U64> const& word) { return word.load(std::memory_order_acquire); }
 
