@@ -94,9 +94,9 @@ class StraightRead {
   template <class W>
   [[gnu::always_inline]] static bool find(TableView& view, U64 key, Found& found) {
     std::atomic<U64> const* named = nullptr;
-    if (view.visited_.key == key) [[unlikely]]
+    if (view.visited_.key == key && view.visited_.word) [[unlikely]] {
       named = view.visited_.word;
-    if (!named) {
+    } else {
       if (!W::is(view.word(Format::bucketsAt), view.bucketsWord_)) return false;
       W::fence();
       U64 const hashed = view.hash(key);
