@@ -31,6 +31,9 @@ namespace Shoal {
 #ifdef SHOAL_VECTORS
 
 struct Words {
+  [[gnu::always_inline]] static U64 load(std::atomic<U64> const* word) {
+    return word->load(std::memory_order_acquire);
+  }
   // Whether a word has this value now. What is read later may be read before it unless a fence() lies
   // between. (An atomic load would not be part of the comparison, but an instruction of its own.)
   [[gnu::always_inline]] static bool is(std::atomic<U64> const* word, U64 value) {
@@ -122,6 +125,7 @@ struct WideWords {
   static bool areSupported() {
     return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2");
   }
+  [[gnu::always_inline]] static U64 load(std::atomic<U64> const* word) { return Words::load(word); }
   [[gnu::always_inline]] static bool is(std::atomic<U64> const* word, U64 value) {
     return Words::is(word, value);
   }
@@ -170,6 +174,7 @@ struct WideWords {
 #else
 
 struct Words {
+  static U64 load(std::atomic<U64> const* word) { return word->load(std::memory_order_acquire); }
   static bool is(std::atomic<U64> const* word, U64 value) {
     return word->load(std::memory_order_acquire) == value;
   }

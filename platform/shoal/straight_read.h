@@ -46,6 +46,24 @@ class StraightRead {
     if constexpr (LiesAsItsImage<R>) return inPlace<Words>(view, record, key);
     return overCopy(view, record, key);
   }
+  // The same by a given way to look at words (shared_words.h).
+  template <class W>
+  [[gnu::always_inline]] static bool inPlace(TableView& view, R& record, U64 key) {
+    constexpr U64 fixedRows = Format::rowsOfImage(Traits::fixedBytes);
+    static_assert(Format::imageBytesInRows(fixedRows) == Traits::fixedBytes);
+    static_assert(Format::imageBytesInRows(Format::rowsOfImage(Traits::bytes)) == sizeof(R));
+    Found found;
+    if (!find<W>(view, key, found)) return false;
+    // At rest, not too short and not too long, in one comparison.
+    constexpr U64 fewest = Format::fewestWords(fixedRows);
+    U64 const above = Format::wordsAtRest(found.state) - fewest;
+    if (above > imageWords - fewest) return false;
+    U64 const rows = fixedRows + above / Format::rowWords;
+    std::byte* const image = Traits::inPlace(record);
+    std::memcpy(image, &key, sizeof key);
+    U64 const checksum = W::template copyRows<fixedRows>(found.slot, image + sizeof key, rows);
+    return stands<W>(found, checksum, key) && Traits::isComplete(record, Format::imageWordsInRows(rows));
+  }
   // What to read to.
   static R blank() {
     if constexpr (LiesAsItsImage<R>) return Traits::unset();
@@ -105,11 +123,11 @@ class StraightRead {
       if (candidates == 0) return false;
       named = line + std::countr_zero(candidates);
     }
-    U64 const entry = named->load(std::memory_order_acquire);
+    U64 const entry = W::load(named);
     U64 const unit = Format::entryUnit(entry);
     if (!Format::entryIntact(entry) || unit >= view.unitsEnd_) return false;
     std::atomic<U64> const* const slot = view.word(unit * Format::unitBytes);
-    found = {named, entry, slot, slot[1].load(std::memory_order_acquire)};
+    found = {named, entry, slot, W::load(slot + 1)};
     return true;
   }
 
@@ -119,24 +137,6 @@ class StraightRead {
     if (!W::is(found.slot + 3, key) || !W::is(found.slot, checksum)) return false;
     W::fence();
     return W::is(found.slot + 1, found.state) && W::is(found.named, found.entry);
-  }
-
-  template <class W>
-  [[gnu::always_inline]] static bool inPlace(TableView& view, R& record, U64 key) {
-    constexpr U64 fixedRows = Format::rowsOfImage(Traits::fixedBytes);
-    static_assert(Format::imageBytesInRows(fixedRows) == Traits::fixedBytes);
-    static_assert(Format::imageBytesInRows(Format::rowsOfImage(Traits::bytes)) == sizeof(R));
-    Found found;
-    if (!find<W>(view, key, found)) return false;
-    // At rest, not too short and not too long, in one comparison.
-    constexpr U64 fewest = Format::fewestWords(fixedRows);
-    U64 const above = Format::wordsAtRest(found.state) - fewest;
-    if (above > imageWords - fewest) return false;
-    U64 const rows = fixedRows + above / Format::rowWords;
-    std::byte* const image = Traits::inPlace(record);
-    std::memcpy(image, &key, sizeof key);
-    U64 const checksum = W::template copyRows<fixedRows>(found.slot, image + sizeof key, rows);
-    return stands<W>(found, checksum, key) && Traits::isComplete(record, Format::imageWordsInRows(rows));
   }
 };
 
