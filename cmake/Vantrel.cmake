@@ -10,6 +10,18 @@ find_package(Boost 1.81 REQUIRED)
 find_path(JUDY_INCLUDE_DIR Judy.h REQUIRED)
 find_library(JUDY_LIBRARY Judy REQUIRED)
 find_path(XXHASH_INCLUDE_DIR xxhash.h REQUIRED)
+find_package(PkgConfig REQUIRED)
+
+# vantrel_optional(NAME): looks through pkg-config for a package without which something is left out. Sets
+# NAME_FOUND, and makes PkgConfig::NAME. A packager can name those to do without, whether installed or not.
+set(VANTREL_WITHOUT "" CACHE STRING "Optional packages to do without: benchmark, hiredis, lmdb, lttng-ust")
+macro(vantrel_optional name)
+  if("${name}" IN_LIST VANTREL_WITHOUT)
+    set(${name}_FOUND FALSE)
+  else()
+    pkg_check_modules(${name} QUIET IMPORTED_TARGET ${name})
+  endif()
+endmacro()
 
 add_library(vantrel_flags INTERFACE)
 target_compile_options(vantrel_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
