@@ -22,7 +22,9 @@ demo: build ## an agent under a live rule set, edited under way; RULES=FILE take
 	@scripts/demo
 
 check: ## every test: under the sanitizers first, then optimised, and each benchmark once, briefly
-	@scripts/bootstrap build bench
+	@scripts/bootstrap build check bench
+	$(SAY) "check: layout of the sources"
+	@scripts/format --check
 	@$(call configure,release)
 	$(SAY) "check: optimised build in build/"
 	@$(call compile,release) --target all benches

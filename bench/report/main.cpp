@@ -88,8 +88,7 @@ void flagsAre(std::vector<std::string> words) {
 }
 
 void prepare(Options const& o) {
-  std::vector<std::string> words{"--benchmark_enable_random_interleaving=true",
-                                 "--benchmark_repetitions=1",
+  std::vector<std::string> words{"--benchmark_enable_random_interleaving=true", "--benchmark_repetitions=1",
                                  fmt::format("--benchmark_min_time={}", o.brief ? "0.001" : "0.1")};
   words.insert(words.end(), o.further.begin(), o.further.end());
   flagsAre(words);

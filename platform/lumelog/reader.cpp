@@ -223,8 +223,8 @@ bool Reader::followingBlocks(Level& level) {
 // The newest block known is another one by now.
 bool Reader::cameRound(Level const& level) const {
   BlockHeader last;
-  return level.newest != 0 && (!readBlockHeader(level, (level.newest - 1) % level.blocks, last) ||
-                               last.sequence != level.newest);
+  return level.newest != 0 &&
+         (!readBlockHeader(level, (level.newest - 1) % level.blocks, last) || last.sequence != level.newest);
 }
 
 // False when the writer reused the block meanwhile.

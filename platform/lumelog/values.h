@@ -15,8 +15,7 @@
 namespace Lumelog::Detail {
 
 template <class T>
-concept Text = std::is_array_v<T> && std::same_as < std::remove_cv_t<std::remove_extent_t<T>>,
-char > ;
+concept Text = std::is_array_v<T> && std::same_as<std::remove_cv_t<std::remove_extent_t<T>>, char>;
 template <class T>
 concept String = !Text<T> && std::convertible_to<T const&, std::string_view>;
 template <class T>

@@ -310,10 +310,10 @@ class Mounter::Impl {
 
   std::string const path_;
   double const retrySeconds_;
-  Wire::Descriptor epoll_;
-  Wire::Descriptor timer_;
-  Wire::Descriptor wakeUp_;
-  Wire::Descriptor socket_;
+  Pallo::Descriptor epoll_;
+  Pallo::Descriptor timer_;
+  Pallo::Descriptor wakeUp_;
+  Pallo::Descriptor socket_;
   Wire::LineBuffer in_{longestLine};
   std::optional<Json> owed_;  // the line at which a watcher threw
   std::string out_;

@@ -46,7 +46,7 @@ namespace Ostra {
 struct Invocation {
   std::optional<Value> result;  // once it was carried out; an empty Value: the operation returns none
   std::string refusal;          // why it was not
-  bool lost = false;  // not sent, as the object was not live; or the agent's object is gone since
+  bool lost = false;            // not sent, as the object was not live; or the agent's object is gone since
 };
 
 class VANTREL_API Mounter {

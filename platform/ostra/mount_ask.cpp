@@ -79,7 +79,7 @@ class Asker::Impl {
 
   std::string const path_;
   double const seconds_;
-  Wire::Descriptor socket_;
+  Pallo::Descriptor socket_;
   Wire::LineBuffer in_{longestLine};
   std::vector<char> bytes_;
 };

@@ -66,7 +66,10 @@ class Ptr {
   Ptr(Ptr const& other) : object_(other.object_) { take(); }
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
   template <class U>
-  requires std::convertible_to<U*, T*> Ptr(Ptr<U> const& other) : object_(other.get()) { take(); }
+    requires std::convertible_to<U*, T*>
+  Ptr(Ptr<U> const& other) : object_(other.get()) {
+    take();
+  }
   ~Ptr() {
     if (object_) object_->deleteRef();
   }

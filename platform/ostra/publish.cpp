@@ -36,8 +36,8 @@ constexpr int mostWaiting = 512;  // to be accepted
 }
 
 // Held as long as the publisher lives; the kernel gives it back when the process ends, however it ends.
-Wire::Descriptor lockFor(std::string const& path) {
-  Wire::Descriptor lock(::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+Pallo::Descriptor lockFor(std::string const& path) {
+  Pallo::Descriptor lock(::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!lock) failErrno(path, "cannot create the lock file beside it");
   if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) fail(path, "a live agent serves it already");
   return lock;
@@ -51,10 +51,10 @@ void checkReplaceable(std::string const& path) {
 }
 
 // The socket appears under its name when it is complete: with its mode, and listening.
-Wire::Descriptor listenAt(std::string const& path) {
+Pallo::Descriptor listenAt(std::string const& path) {
   std::string const coming = path + ".new";
   sockaddr_un const address = Wire::address(coming);
-  Wire::Descriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  Pallo::Descriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!fd) failErrno(path, "cannot make a socket");
   ::unlink(coming.c_str());
   if (::bind(fd.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0)
@@ -103,11 +103,11 @@ class Publisher::Impl {
 
   std::string const path_;
   Options const options_;
-  Wire::Descriptor lock_;
-  Wire::Descriptor epoll_;
-  Wire::Descriptor listener_;
-  Wire::Descriptor wakeUp_;
-  Wire::Descriptor ticks_;
+  Pallo::Descriptor lock_;
+  Pallo::Descriptor epoll_;
+  Pallo::Descriptor listener_;
+  Pallo::Descriptor wakeUp_;
+  Pallo::Descriptor ticks_;
   bool woken_ = false;
   bool accepting_ = true;
   Exports exports_;
@@ -194,7 +194,7 @@ void Publisher::Impl::handle(epoll_event const& event) {
 
 void Publisher::Impl::accept() {
   for (int i = 0; i < acceptsAtOnce; ++i) {
-    Wire::Descriptor socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    Pallo::Descriptor socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket) {
       if (errno == EMFILE || errno == ENFILE) {  // tried again at the next tick
         accepting_ = false;

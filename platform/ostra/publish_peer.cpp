@@ -58,7 +58,7 @@ bool writable(Attribute const& a) { return a.write || a.memberIs; }
 
 }  // namespace
 
-Peer::Peer(Wire::Descriptor socket, bool mayWrite, Exports& exports)
+Peer::Peer(Pallo::Descriptor socket, bool mayWrite, Exports& exports)
     : socket_(std::move(socket)), mayWrite_(mayWrite), exports_(exports), in_(longestRequest) {}
 
 Peer::~Peer() {

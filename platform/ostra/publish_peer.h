@@ -27,7 +27,7 @@ using Exports = std::map<std::string, std::unique_ptr<Export>, std::less<>>;
 
 class Peer {
  public:
-  Peer(Wire::Descriptor socket, bool mayWrite, Exports& exports);
+  Peer(Pallo::Descriptor socket, bool mayWrite, Exports& exports);
   Peer(Peer const&) = delete;
   Peer& operator=(Peer const&) = delete;
   ~Peer();
@@ -76,7 +76,7 @@ class Peer {
 
   std::size_t backlog() const { return out_.size() - sent_; }
 
-  Wire::Descriptor socket_;
+  Pallo::Descriptor socket_;
   bool const mayWrite_;
   Exports& exports_;
   Wire::LineBuffer in_;

@@ -3,9 +3,7 @@
 
 #include <fmt/format.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <iterator>
@@ -14,10 +12,6 @@
 namespace Ostra::Wire {
 namespace {
 constexpr int deepestRequest = 8;
-}
-
-void Descriptor::reset() {
-  if (fd_ >= 0) ::close(std::exchange(fd_, -1));
 }
 
 void LineBuffer::append(char const* bytes, std::size_t n) {
@@ -133,13 +127,10 @@ sockaddr_un address(std::string const& path) {
   return a;
 }
 
-Descriptor connectTo(std::string const& path) {
+Pallo::Descriptor connectTo(std::string const& path) {
   sockaddr_un const a = address(path);
-  Descriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (!fd || ::connect(fd.get(), reinterpret_cast<sockaddr const*>(&a), sizeof a) == 0) return fd;
-  int const error = errno;
-  fd.reset();
-  errno = error;
+  Pallo::Descriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (fd && ::connect(fd.get(), reinterpret_cast<sockaddr const*>(&a), sizeof a) != 0) fd.reset();
   return fd;
 }
 

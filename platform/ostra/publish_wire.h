@@ -14,29 +14,11 @@
 #include <string_view>
 
 #include "ostra/type_info.h"
+#include "pallo/descriptor.h"
 
 namespace Ostra::Wire {
 
 using Json = nlohmann::ordered_json;
-
-// A file descriptor, closed at the end of its owner.
-class Descriptor {
- public:
-  Descriptor() = default;
-  explicit Descriptor(int fd) : fd_(fd) {}
-  Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~Descriptor() { reset(); }
-  void reset();
-  int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-
- private:
-  int fd_ = -1;
-};
 
 // Cuts a stream of bytes into lines. Holds at most one unfinished line and what was appended last.
 class LineBuffer {
@@ -75,6 +57,6 @@ Json parseObject(std::string_view line);
 
 sockaddr_un address(std::string const& path);
 // A connected, non-blocking socket, or none with errno set.
-Descriptor connectTo(std::string const& path);
+Pallo::Descriptor connectTo(std::string const& path);
 
 }  // namespace Ostra::Wire

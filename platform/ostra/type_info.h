@@ -86,10 +86,10 @@ struct ValueOf<std::string> {
 };
 // Strong 64-bit types (keys, operation identifiers) travel as their value.
 template <class T>
-requires requires(T const& t) {
-  { t.value() } -> std::same_as<U64>;
-  T{U64{}};
-}
+  requires requires(T const& t) {
+    { t.value() } -> std::same_as<U64>;
+    T{U64{}};
+  }
 struct ValueOf<T> {
   static constexpr std::string_view name = "U64";
   static Value to(T const& v) { return v.value(); }
@@ -101,7 +101,7 @@ struct ValueOf<T> {
 
 // Enumerations travel as their number.
 template <class T>
-requires std::is_enum_v<T>
+  requires std::is_enum_v<T>
 struct ValueOf<T> {
   using Number = std::make_unsigned_t<std::underlying_type_t<T>>;
   static constexpr std::string_view name = ValueOf<Number>::name;

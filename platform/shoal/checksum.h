@@ -42,9 +42,7 @@ constexpr void addRow(Sums& sums, U64 const* row) {
 
 constexpr U64 value(Sums const& sums) {
   auto const column = [&sums](unsigned c) { return sums.first[c] + 2 * sums.second[c]; };
-  auto const two = [column](unsigned c) {
-    return column(c) + column(c + 2) + (column(c + 2) << upperShift);
-  };
+  auto const two = [column](unsigned c) { return column(c) + column(c + 2) + (column(c + 2) << upperShift); };
   return two(0) + two(1) + (two(1) << oddShift);
 }
 

@@ -33,11 +33,11 @@ inline constexpr U64 chunkBytes = 256U * 1024U;  // what the file grows by
 inline constexpr U64 linesPerChunk = chunkBytes / unitBytes;
 inline constexpr U64 directoryEntries = 8192;
 inline constexpr U64 maxBuckets = directoryEntries * linesPerChunk;
-inline constexpr U64 firstBuckets = 64;     // of an empty table
+inline constexpr U64 firstBuckets = 64;         // of an empty table
 inline constexpr U64 recordsPerTwoBuckets = 5;  // above this mean a bucket is split
 inline constexpr unsigned entriesPerLine = 7;
 inline constexpr unsigned everyEntry = (1U << entriesPerLine) - 1;  // a bit for each
-inline constexpr U64 windowBytes = 1ULL << 37;  // address space of one mapping
+inline constexpr U64 windowBytes = 1ULL << 37;                      // address space of one mapping
 inline constexpr U64 maxImageBytes = 64U * 1024U;
 
 // The first bytes of the file, written once.
@@ -90,7 +90,7 @@ constexpr U64 words(U64 state) { return state >> 48; }
 constexpr U64 wordsAtRest(U64 state) { return std::rotr(state, 48) & 0x1FFFF; }
 inline constexpr U64 rowWords = 4;
 constexpr U64 rows(U64 state) { return (3 + words(state) + rowWords - 1) / rowWords; }  // of the slot, in use
-constexpr U64 fewestWords(U64 rows) { return (rows - 1) * rowWords - 2; }  // that take so many
+constexpr U64 fewestWords(U64 rows) { return (rows - 1) * rowWords - 2; }               // that take so many
 constexpr U64 imageWordsInRows(U64 rows) { return rows * rowWords - slotImageAt / 8; }
 constexpr U64 imageBytesInRows(U64 rows) { return imageWordsInRows(rows) * 8; }
 constexpr U64 rowsOfImage(U64 bytes) { return roundUp(slotImageAt + bytes, rowWords * 8) / (rowWords * 8); }

@@ -13,8 +13,8 @@
 #include <cstddef>
 #include <string>
 
+#include "pallo/guard.h"
 #include "pallo/types.h"
-#include "shoal/guard.h"
 
 namespace Shoal {
 
@@ -53,7 +53,7 @@ class VANTREL_API Mapping {
   Access access_;
   std::byte* base_ = nullptr;
   U64 window_ = 0;
-  GuardedWindow guard_;
+  Pallo::GuardedWindow guard_;
 };
 
 // Opens a file without following a link; the FileException says what is wrong with it.

@@ -72,8 +72,8 @@ class ReaderTable : public Table<R>, private Mount::Sink {
 
  private:
   [[gnu::noinline]] void finishRead(Key const& key, R& record, bool straight) const {
-    bool const found = straight || (LiesAsItsImage<R> &&
-                                    StraightRead<R>::overCopy(mount_.view(), record, key.value()));
+    bool const found =
+        straight || (LiesAsItsImage<R> && StraightRead<R>::overCopy(mount_.view(), record, key.value()));
     if (!found || (validator_ && validator_(record))) record = carefully(key);
     if (!this->notifieeList().empty()) mount_.lookedUp(key.value(), !(record == Traits::empty()));
   }

@@ -14,8 +14,8 @@
 #include <optional>
 #include <utility>
 
+#include "pallo/guard.h"
 #include "shoal/error.h"
-#include "shoal/guard.h"
 
 namespace Shoal {
 namespace {
@@ -57,7 +57,7 @@ bool tryLock(int fd) {
 
 struct SharedPage::Guarded {
   void* base = nullptr;
-  GuardedWindow window;
+  Pallo::GuardedWindow window;
 };
 
 SharedPage::SharedPage(int fd) : guarded_(std::make_unique<Guarded>()) {

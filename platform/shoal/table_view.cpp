@@ -444,8 +444,8 @@ std::optional<TableView::Place> TableView::walkOn(U64 hint) {
   at = static_cast<unsigned>(std::countr_zero(left));
   U64 const entry = acquire(line[at]);
   U64 key = 0;
-  bool const sound = entryIntact(entry) && entryUnit(entry) < unitsEnd_ &&
-                     peekKey(entryUnit(entry), key) && tag(hash(key)) == entryTag(entry);
+  bool const sound = entryIntact(entry) && entryUnit(entry) < unitsEnd_ && peekKey(entryUnit(entry), key) &&
+                     tag(hash(key)) == entryTag(entry);
   if (!sound) return std::nullopt;
   visited_ = {line + at, entry, key, packWalk(bucket, 0, at + 1)};
   return Place{key, visited_.hint};

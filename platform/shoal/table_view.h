@@ -142,8 +142,8 @@ class VANTREL_API TableView {
   Format::Header header_{};
   std::array<U64, 4> seed_;
   U64 maxWords_ = 0;
-  U64 limit_ = 0;      // end of the chunks in use, as last seen
-  U64 unitsEnd_ = 0;   // the last slot begins before it; what lies before the chunks is no slot, but mapped
+  U64 limit_ = 0;     // end of the chunks in use, as last seen
+  U64 unitsEnd_ = 0;  // the last slot begins before it; what lies before the chunks is no slot, but mapped
   // The guarded word that was last found intact, what it holds, and the greatest power of two in that.
   mutable U64 bucketsWord_ = Format::guard(1, Format::bucketsAt);
   mutable U64 bucketsSeen_ = 1;

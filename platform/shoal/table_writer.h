@@ -32,8 +32,8 @@ namespace Shoal {
 struct WriterOptions {
   bool replace = false;      // begin with an empty table in a new file, whatever table is there
   bool worldAccess = false;  // a new file may be read by everyone, not by its owner and group alone
-  bool hugePages = false;  // each 2 MB that is full becomes one page: reads of a large table take less, and
-                           // the write that fills them, or the opening, some milliseconds more
+  bool hugePages = false;    // each 2 MB that is full becomes one page: reads of a large table take less, and
+                             // the write that fills them, or the opening, some milliseconds more
   U32 ringEntries =
       16384;  // changes a reader may lag behind before it is told to walk; of a new file; a power of 2
 };
@@ -43,8 +43,8 @@ struct WriterCounters {
   U64 inserts = 0;
   U64 replaces = 0;
   U64 removes = 0;
-  U64 splits = 0;    // of index buckets
-  U64 chunks = 0;    // added to the file
+  U64 splits = 0;  // of index buckets
+  U64 chunks = 0;  // added to the file
   U64 hugePages = 0;
   U64 wakeUps = 0;   // sent
   U64 repaired = 0;  // entries, lines and announcements put right at opening

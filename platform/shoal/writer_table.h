@@ -36,8 +36,7 @@ class WriterTable : public Table<R> {
   R entry(Key const& key) const override {
     R record = StraightRead<R>::blank();
     bool const found = straight_(writer_.view(), record, key.value()) ||
-                       (LiesAsItsImage<R> &&
-                        StraightRead<R>::overCopy(writer_.view(), record, key.value()));
+                       (LiesAsItsImage<R> && StraightRead<R>::overCopy(writer_.view(), record, key.value()));
     if (!found) record = recordOf<R>(writer_.view(), key);
     return record;
   }

@@ -489,15 +489,12 @@ TEST_F(MountTest, AnObjectIsNotLiveWhileAFreshSnapshotArrives) {
 // An agent that says what the test wants.
 class FakeAgent {
  public:
-  explicit FakeAgent(std::string const& path)
-      : listener_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  explicit FakeAgent(std::string const& path) : listener_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_un const address = Ostra::Wire::address(path);
     EXPECT_EQ(0, ::bind(listener_.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address));
     EXPECT_EQ(0, ::listen(listener_.get(), 4));
   }
-  void accept() {
-    peer_ = Ostra::Wire::Descriptor(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK));
-  }
+  void accept() { peer_ = Pallo::Descriptor(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK)); }
   std::size_t say(std::string_view bytes) {
     ssize_t const n = ::send(peer_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     return n < 0 ? 0 : static_cast<std::size_t>(n);
@@ -508,7 +505,7 @@ class FakeAgent {
   }
 
  private:
-  Ostra::Wire::Descriptor listener_, peer_;
+  Pallo::Descriptor listener_, peer_;
 };
 
 TEST_F(MountTest, ALineThatIsTooLongEndsTheConnection) {

@@ -67,7 +67,7 @@ class RawPeer {
   std::vector<std::string> take() { return std::exchange(lines_, {}); }
 
  private:
-  Ostra::Wire::Descriptor socket_;
+  Pallo::Descriptor socket_;
   Ostra::Wire::LineBuffer in_{1 << 30};
   std::vector<std::string> lines_;
   bool closed_ = false;

@@ -3,7 +3,6 @@
 // read in bounded time, through every operation a reader has.
 #include <gmock/gmock.h>
 #include <sys/resource.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

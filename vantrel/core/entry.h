@@ -106,8 +106,8 @@ class EntryConfig {
 
   EntryKey key() const { return EntryKey(key_); }
   OpId opId() const { return OpId(opId_); }
-  U32 hdl() const { return hdl_; }  // the producer's number of the entry's hardware resource
-  U16 pg() const { return pg_; }    // priority group
+  U32 hdl() const { return hdl_; }    // the producer's number of the entry's hardware resource
+  U16 pg() const { return pg_; }      // priority group
   U32 prio() const { return prio_; }  // must not decrease along the precedence order of the group
 
   // Element 0 is the entry's position in its own table.

@@ -18,9 +18,7 @@ namespace Vantrel {
 template <class NotifieeT, class Input>
 class VantrelSm::Reactor : public NotifieeT, public Ostra::PtrInterface {
  public:
-  Reactor(VantrelSm* owner, Ostra::Ptr<Input> input) : owner_(owner) {
-    this->notifierIs(std::move(input));
-  }
+  Reactor(VantrelSm* owner, Ostra::Ptr<Input> input) : owner_(owner) { this->notifierIs(std::move(input)); }
   void ownerIsGone() {
     this->markedForDeletionIs(true);
     owner_ = nullptr;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "shoal/guard.h"
+#include "pallo/guard.h"
 
 #include <fmt/format.h>
 #include <signal.h>
@@ -13,9 +13,9 @@
 #include <cerrno>
 #include <mutex>
 
-#include "shoal/error.h"
+#include "pallo/exception.h"
 
-namespace Shoal {
+namespace Pallo {
 namespace {
 
 struct Window {
@@ -92,8 +92,7 @@ void GuardedWindow::watch(void* base, U64 bytes, bool writable) {
   auto const free =
       std::find_if(windows.begin(), windows.end(), [](Window const& w) { return w.base.load() == 0; });
   if (free == windows.end())
-    throw FileException(
-        FileException::Reason::notAllowed,
+    throw Exception(
         fmt::format("this process has {} files mapped already, the most it can guard", maxWindows));
   free->bytes = bytes;
   free->writable = writable;
@@ -115,4 +114,4 @@ bool GuardedWindow::hit() const {
 }
 void GuardedWindow::reset() { windows[static_cast<unsigned>(place_)].hits = 0; }
 
-}  // namespace Shoal
+}  // namespace Pallo
