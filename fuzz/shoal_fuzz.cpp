@@ -79,15 +79,13 @@ void useEverything(std::string const& path) {
     });
     surviving([&] { reader->dispatch(); });
   });
-  surviving([&] {
-    Shoal::TableView view(std::make_shared<Shoal::Mapping>(path, Shoal::Mapping::Access::read));
-    Shoal::inspect(view);
-  });
+  surviving([&] { Shoal::inspect(path); });
   surviving([&] {
     Shoal::WriterTable<Config> writer(path);
     writer.entryIs(Config(EntryKey(3), Vantrel::OpId(9), 1, 2, 3));
     writer.entryDel(EntryKey(4));
   });
+  surviving([&] { Shoal::repair(path); });
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 //   that file's contents, also when another agent replaces it; whoever watches it is told of all of that.
 // Ownership: holds both tables; the configuration table has no other writer meanwhile.
 // Threading: one thread.
-// Cost: at rest, nothing.
+// Cost: at rest, one look a second.
 // Errors: Shoal::FileException and Shoal::WriterLockedException, one sentence each.
 #pragma once
 
@@ -42,17 +42,17 @@ class VANTREL_API SharedTables {
   // The agent has made its status table.
   bool hasStatus() const;
 
-  // For an event loop: readable when dispatch() has something to tell. Ask again after each dispatch().
+  // For an event loop: readable when dispatch() has something to tell.
   int fd() const;
   void dispatch();
   // Sleeps until there was something to tell, and tells it; false when `seconds` passed before.
   bool wait(double seconds);
 
  private:
-  class LateStatus;
   class ConfigFile;
+  class StatusFile;
   Ostra::Ptr<ConfigFile> config_;
-  Ostra::Ptr<LateStatus> status_;
+  Ostra::Ptr<StatusFile> status_;
 };
 
 }  // namespace Vantrel

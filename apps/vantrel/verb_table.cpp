@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// vantrel table: a table's file, looked at, verified, exported and imported.
+// vantrel table: a table's file, looked at, verified, repaired, exported and imported.
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "apps/vantrel/command.h"
-#include "shoal/image.h"
 #include "shoal/inspect.h"
+#include "shoal/reader_table.h"
 #include "shoal/writer_table.h"
 #include "vantrel/core/tables.h"
 
@@ -37,31 +37,26 @@ struct Request {
   bool json = false;
 };
 
-Shoal::TableView open(std::string const& path) {
-  return Shoal::TableView(std::make_shared<Shoal::Mapping>(path, Shoal::Mapping::Access::read));
-}
-
 // ---- info and check
 
-Json facts(Shoal::TableView& view) {
-  Shoal::Format::Header const& header = view.header();
-  U64 const records = view.size();
-  U64 const bytes = view.mapping().fileBytes();
-  return {{"file", view.mapping().path()},
-          {"recordType", view.typeName()},
-          {"recordVersion", header.recordVersion},
-          {"formatVersion", header.version},
-          {"imageBytes", header.imageBytes},
-          {"slotBytes", header.slotBytes},
-          {"madeAt", header.madeAt},
-          {"records", records},
-          {"bytes", bytes},
-          {"bytesPerRecord", records ? static_cast<double>(bytes) / static_cast<double>(records) : 0.0},
-          {"buckets", view.buckets()},
-          {"recordsPerBucket", static_cast<double>(records) / static_cast<double>(view.buckets())},
-          {"chunks", view.chunks()},
-          {"ringEntries", header.ringEntries},
-          {"changes", view.head()}};
+Json facts(std::string const& path) {
+  Shoal::TableInfo const info = Shoal::tableInfo(path);
+  auto const per = [](U64 a, U64 b) { return b ? static_cast<double>(a) / static_cast<double>(b) : 0.0; };
+  return {{"file", path},
+          {"recordType", info.recordType},
+          {"recordVersion", info.recordVersion},
+          {"formatVersion", info.formatVersion},
+          {"imageBytes", info.imageBytes},
+          {"slotBytes", info.slotBytes},
+          {"madeAt", info.madeAt},
+          {"records", info.records},
+          {"bytes", info.bytes},
+          {"bytesPerRecord", per(info.bytes, info.records)},
+          {"buckets", info.buckets},
+          {"recordsPerBucket", per(info.records, info.buckets)},
+          {"chunks", info.chunks},
+          {"ringEntries", info.ringEntries},
+          {"changes", info.changes}};
 }
 
 void print(Json const& object, bool json) {
@@ -73,43 +68,50 @@ void print(Json const& object, bool json) {
     fmt::print("{:<18}{}\n", name, value.is_string() ? value.get<std::string>() : value.dump());
 }
 
-void info(Request const& request) {
-  Shoal::TableView view = open(request.file);
-  print(facts(view), request.json);
+void info(Request const& request) { print(facts(request.file), request.json); }
+
+template <class R>
+bool holds(std::string const& path) {
+  return Shoal::tableInfo(path).recordType == Shoal::RecordTraits<R>::typeName;
+}
+
+// Every record, or what is wrong with it; damage that the walk met at its end.
+template <class R, class Visit, class Damage>
+void forRecords(std::string const& path, Visit visit, Damage damage) {
+  Shoal::ReaderTable<R> const table(path);
+  U64 const before = table.corruptions();
+  try {
+    for (auto place = table.first(); place; place = table.next(*place)) {
+      try {
+        if (R const record = table.entry(place->key); !(record == Shoal::RecordTraits<R>::empty()))
+          visit(record);
+      } catch (Pallo::Exception const& error) {
+        damage(fmt::format("the record of key {}: {}", place->key.value(), error.what()));
+      }
+    }
+  } catch (Pallo::CorruptionDetectedException const& error) {
+    damage(error.what());
+  }
+  if (table.corruptions() != before) damage(table.lastCorruption());
 }
 
 // What only who knows the record type can tell of a record that is otherwise whole.
 template <class R>
-void checkRecords(Shoal::TableView& view, std::vector<std::string>& damage) {
-  using Traits = Shoal::RecordTraits<R>;
-  try {
-    for (auto place = view.walk(0); place; place = view.walk(place->hint)) {
-      try {
-        std::byte const* const image = view.read(place->key);
-        if (!image) continue;
-        U64 const key = Traits::key(Traits::decode(image)).value();
-        if (key != place->key)
-          damage.push_back(fmt::format("the record of key {} carries key {}", place->key, key));
-      } catch (Pallo::InvalidSizeException const& error) {
-        std::string const text = error.what();
-        std::string const sentence = text.substr(0, text.find('\n'));
-        damage.push_back(fmt::format("the record of key {}: {}", place->key, sentence));
-      } catch (Pallo::CorruptionDetectedException const&) {
-        continue;  // the inspection has met it too
-      }
-    }
-  } catch (Pallo::CorruptionDetectedException const&) {
-    return;
-  }
+void checkRecords(std::string const& path, std::vector<std::string>& damage) {
+  forRecords<R>(
+      path, [](R const&) {},
+      [&](std::string const& text) {
+        bool const isOfTheRecord = text.find("its checksum") == std::string::npos;
+        if (isOfTheRecord) damage.push_back(text);
+      });
 }
 
 void check(Request const& request) {
-  Shoal::TableView view = open(request.file);
-  Shoal::Inspection found = Shoal::inspect(view);
-  if (view.typeName() == Shoal::RecordTraits<EntryConfig>::typeName)
-    checkRecords<EntryConfig>(view, found.damage);
-  else if (view.typeName() == Shoal::RecordTraits<EntryStatus>::typeName)
-    checkRecords<EntryStatus>(view, found.damage);
+  Shoal::Inspection found = Shoal::inspect(request.file);
+  if (found.damage.empty()) {
+    if (holds<EntryConfig>(request.file)) checkRecords<EntryConfig>(request.file, found.damage);
+    if (holds<EntryStatus>(request.file)) checkRecords<EntryStatus>(request.file, found.damage);
+  }
   if (!request.json) {
     for (std::string const& text : found.damage) fmt::print("damaged: {}\n", text);
     for (std::string const& text : found.unfinished) fmt::print("half-done: {}\n", text);
@@ -124,6 +126,18 @@ void check(Request const& request) {
   }
   print(result, request.json);
   if (!found.damage.empty()) throw Exit{1};
+}
+
+// ---- repair
+
+void repair(Request const& request) {
+  Shoal::Repair const repaired = Shoal::repair(request.file);
+  if (!request.json)
+    for (std::string const& text : repaired.lost) fmt::print("lost: {}\n", text);
+  Json result{{"file", request.file}, {"records", repaired.records}, {"lost", repaired.lost.size()}};
+  if (request.json) result["lostRecords"] = repaired.lost;
+  print(result, request.json);
+  if (!repaired.lost.empty()) throw Exit{1};
 }
 
 // ---- dump
@@ -141,39 +155,26 @@ Json toJson(EntryStatus const& r) { return {{"key", r.key().value()}, {"opId", r
 
 // One line a record. What cannot be read is said on the standard error, and costs the exit status.
 template <class R>
-void dumpRecords(Shoal::TableView& view) {
+void dumpRecords(std::string const& path) {
   bool damaged = false;
-  auto const complain = [&](std::string_view text) {
-    fmt::print(stderr, "vantrel: {}\n", text);
-    damaged = true;
-  };
-  view.damageSinkIs(complain);
-  try {
-    for (auto place = view.walk(0); place; place = view.walk(place->hint)) {
-      try {
-        R const record = Shoal::recordOf<R>(view, typename Shoal::RecordTraits<R>::Key(place->key));
-        if (record == Shoal::RecordTraits<R>::empty() && !view.contains(place->key)) continue;
-        fmt::print("{}\n", toJson(record).dump());
-      } catch (Pallo::Exception const& error) {
-        complain(error.what());
-      }
-    }
-  } catch (Pallo::CorruptionDetectedException const& error) {
-    complain(error.what());
-  }
+  forRecords<R>(
+      path, [](R const& record) { fmt::print("{}\n", toJson(record).dump()); },
+      [&](std::string const& text) {
+        fmt::print(stderr, "vantrel: {}\n", text);
+        damaged = true;
+      });
   if (std::fflush(stdout) != 0) throw std::runtime_error(fmt::format("the dump: {}", std::strerror(errno)));
   if (damaged) throw Exit{1};
 }
 
 void dump(Request const& request) {
-  Shoal::TableView view = open(request.file);
-  if (view.typeName() == Shoal::RecordTraits<EntryConfig>::typeName)
-    dumpRecords<EntryConfig>(view);
-  else if (view.typeName() == Shoal::RecordTraits<EntryStatus>::typeName)
-    dumpRecords<EntryStatus>(view);
+  if (holds<EntryConfig>(request.file))
+    dumpRecords<EntryConfig>(request.file);
+  else if (holds<EntryStatus>(request.file))
+    dumpRecords<EntryStatus>(request.file);
   else
-    throw std::runtime_error(
-        fmt::format("{} holds {} records, which cannot be shown as text", request.file, view.typeName()));
+    throw std::runtime_error(fmt::format("{} holds {} records, which cannot be shown as text", request.file,
+                                         Shoal::tableInfo(request.file).recordType));
 }
 
 // ---- load
@@ -252,7 +253,8 @@ void load(Request const& request) {
 
 void addTable(CLI::App& app) {
   auto const request = std::make_shared<Request>();
-  CLI::App* const table = app.add_subcommand("table", "Look at a table's file, verify, export or import it");
+  CLI::App* const table =
+      app.add_subcommand("table", "Look at a table's file, verify, repair, export or import it");
   table->require_subcommand(1);
   auto const add = [&](char const* name, char const* help, void (*run)(Request const&), char const* example) {
     CLI::App* const verb = table->add_subcommand(name, help);
@@ -265,6 +267,8 @@ void addTable(CLI::App& app) {
   add("info", "The header and how full the table is", info, "vantrel table info /dev/shm/v/config.shoal");
   add("check", "Verify every record and every line of the index; exit 1 when something is damaged", check,
       "vantrel table check /dev/shm/v/config.shoal");
+  add("repair", "Make the table anew from its intact records, naming what is lost; exit 1 when something is",
+      repair, "vantrel table repair /dev/shm/v/config.shoal");
   add("dump", "Every record as one JSON object a line", dump,
       "vantrel table dump /dev/shm/v/config.shoal > entries.jsonl");
   add("load", "Write records from JSON lines into an EntryConfig table; makes it when there is none", load,

@@ -110,26 +110,28 @@ void Agent::whenReadable(int fd, std::function<void()> dispatch) {
   watched_.push_back(std::make_unique<Watched>(loop_, fd, std::move(dispatch)));
 }
 
+// The engine exists from the start; the front end, which counts tables, from the moment on at which there is one.
 void Agent::awaitConfig() {
-  wait_ = std::make_unique<Shoal::FileWait>(options_.dir + "/config.shoal");
-  if (wait_->ready()) return attach();
-  whenReadable(wait_->fd(), [this] {
-    wait_->dispatch();
-    if (!config_ && wait_->ready()) attach();
+  config_ = Ostra::make<Config>(options_.dir + "/config.shoal", Config::Presence::awaited);
+  makeEngine();
+  config_->validatorIs([this](Vantrel::EntryKey const&, Vantrel::EntryConfig& r, char const* damage) {
+    if (damage) throw Pallo::CorruptionDetectedException(damage);
+    if (auto const why = fault(r, options_, *engine_)) throw Pallo::CorruptionDetectedException(*why);
   });
+  publisher_->exportObject("engine", engine_);
+  publisher_->exportObject("configTable",
+                           Ostra::make<TableReport>(config_, [this] { return config_->size(); }));
+  whenReadable(config_->fd(), [this] {
+    config_->dispatch();
+    if (!frontEnd_ && config_->mounted()) attach();
+  });
+  if (config_->mounted()) attach();
 }
 
 void Agent::attach() {
-  config_ = Ostra::make<Config>(wait_->path());
-  makeEngine();
-  config_->validatorIs([this](Vantrel::EntryConfig const& r) { return fault(r, options_, *engine_); });
   frontEnd_ =
       Vantrel::vantrelSmFactory(config_, status_, debugConfig_, debugStatus_, engine_, flushStatus_, wheel_);
-  publisher_->exportObject("engine", engine_);
   publisher_->exportObject("frontEnd", frontEnd_);
-  publisher_->exportObject("configTable",
-                           Ostra::make<TableReport>(config_, [this] { return config_->size(); }));
-  whenReadable(config_->fd(), [this] { config_->dispatch(); });
   sayDamage();
 }
 
@@ -150,7 +152,7 @@ int Agent::run() {
     } catch (Shoal::FileException const&) {
       throw;  // the configuration table cannot be mounted
     } catch (std::exception const& e) {
-      if (config_ && !frontEnd_) throw;  // the first walk failed: nobody would hear of the table
+      if (config_->mounted() && !frontEnd_) throw;  // the first walk failed: nobody would hear of the table
       say(stderr, "{}", e.what());
     }
     sayDamage();

@@ -23,7 +23,6 @@
 #include "apps/vantreld/reports.h"
 #include "hw/simulated_tcam.h"
 #include "ostra/publish.h"
-#include "shoal/file_wait.h"
 #include "shoal/reader_table.h"
 #include "shoal/writer_table.h"
 #include "vantrel/vantrel.h"
@@ -67,7 +66,6 @@ class Agent {
   Ostra::Ptr<Vantrel::VantrelFlushStatus> flushStatus_;
   Ostra::Ptr<Keel::TimerfdWheel> wheel_;
   std::unique_ptr<Ostra::Publisher> publisher_;
-  std::unique_ptr<Shoal::FileWait> wait_;
   Ostra::Ptr<Config> config_;
   Ostra::Ptr<Vantrel::FastVantrelImpl> engine_;
   Ostra::Ptr<Vantrel::VantrelSm> frontEnd_;

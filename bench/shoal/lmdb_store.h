@@ -9,15 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "vantrel/core/tables.h"
+#include "bench/shoal/world.h"
 
 namespace ShoalBench {
 
 class LmdbStore {
  public:
-  using Config = Vantrel::EntryConfig;
-  using Traits = Shoal::RecordTraits<Config>;
-
   LmdbStore(std::string const& path, U64 records) {
     must(mdb_env_create(&env_));
     must(mdb_env_set_mapsize(env_, (records + 100000) * 2048));
@@ -50,7 +47,7 @@ class LmdbStore {
     MDB_val k{sizeof key, &key};
     MDB_val value;
     must(mdb_get(reading_, dbi_, &k, &value));
-    Config const record = Traits::decode(static_cast<std::byte const*>(value.mv_data));
+    Config const record = decoded(static_cast<std::byte const*>(value.mv_data));
     mdb_txn_reset(reading_);
     return record;
   }
@@ -67,7 +64,7 @@ class LmdbStore {
     must(mdb_txn_commit(txn));
   }
   void put(MDB_txn* txn, Config const& record) {
-    std::byte image[Traits::bytes];
+    std::byte image[Traits::bytes] = {};
     Traits::encode(record, image);
     U64 key = record.key().value();
     MDB_val k{sizeof key, &key};

@@ -9,7 +9,7 @@
 //              a check of anything. "Whole images" has the floor of a table that knows nothing of what is in
 //              a record: the probe and a copy of all its 616 bytes. "Bytes alone" has the hardest: the probe
 //              and a copy of the 136 bytes in use, whose number the compiler knows.
-//              "Huge pages" is a table that asked for them, for the floor as well; LMDB does not ask.
+//              "Watched and validated" is a table that somebody watches, with a validator, as an agent's is.
 //   walk       the floor copies every record's whole image, in the order in which they lie in memory.
 //   writes     LMDB commits each, without synchronisation to disk.
 //   growing    from an empty table to one of this size, each write timed by itself, the clock's reading
@@ -98,9 +98,9 @@ void reads(benchmark::State& state, std::vector<U64> const& order, Read read) {
   state.counters["ns"] = Bench::median(std::move(all));
 }
 
-template <Manner manner, World::Use use = World::Use::read>
+template <Manner manner>
 void read(benchmark::State& state) {
-  World& world = World::of(records(state), use);
+  World& world = toRead(state);
   reads<manner>(state, world.order, [&](U64 key) {
     Config const r = world.reader.entry(EntryKey(key));
     benchmark::DoNotOptimize(&r);
@@ -109,11 +109,20 @@ void read(benchmark::State& state) {
   state.counters["bytes a record"] =
       static_cast<double>(world.view.mapping().fileBytes()) / static_cast<double>(records(state));
 }
-template <Manner manner, World::Use use = World::Use::read>
-void readFloor(benchmark::State& state) {
-  World& world = World::of(records(state), use);
+template <Manner manner>
+void readWatched(benchmark::State& state) {
+  World& world = toRead(state);
   reads<manner>(state, world.order, [&](U64 key) {
-    Config const r = Traits::decode(world.plain.find(key));
+    Config const r = world.watched->entry(EntryKey(key));
+    benchmark::DoNotOptimize(&r);
+    benchmark::ClobberMemory();
+  });
+}
+template <Manner manner>
+void readFloor(benchmark::State& state) {
+  World& world = toRead(state);
+  reads<manner>(state, world.order, [&](U64 key) {
+    Config const r = decoded(world.plain.find(key));
     benchmark::DoNotOptimize(&r);
     benchmark::ClobberMemory();
   });
@@ -196,13 +205,12 @@ void comings(benchmark::State& state, World& world, Store& store, Remove remove,
   state.counters["ns"] = Bench::median(std::move(all));
 }
 
-template <bool hugePages>
 void grow(benchmark::State& state) {
   std::string const path = directory() + "/growing";
   std::vector<double> all;
   for (auto _ : state) {
     all.clear();
-    Shoal::WriterTable<Config> writer(path, {.replace = true, .hugePages = hugePages});
+    Shoal::WriterTable<Config> writer(path, {.replace = true});
     for (U64 k = 0; k < records(state); ++k)
       all.push_back(timed(1, [&] { writer.entryIs(record(freshKey(k), 1)); }));
   }
@@ -262,11 +270,12 @@ BENCHMARK(readFloorBytes<oneByOne, inUse>)->Name("read, bytes alone/floor")->App
 BENCHMARK(read<overlapping>)->Name("read, overlapping/ours")->Apply(sizes);
 BENCHMARK(readFloor<overlapping>)->Name("read, overlapping/floor")->Apply(sizes);
 BENCHMARK(lmdbRead<overlapping>)->Name("read, overlapping/peer")->Apply(sizes);
-BENCHMARK(read<overlapping, World::Use::readHuge>)->Name("read, overlapping, huge pages/ours")->Apply(sizes);
-BENCHMARK(readFloor<overlapping, World::Use::readHuge>)
-    ->Name("read, overlapping, huge pages/floor")
-    ->Apply(sizes);
-BENCHMARK(lmdbRead<overlapping>)->Name("read, overlapping, huge pages/peer")->Apply(sizes);
+BENCHMARK(readWatched<oneByOne>)->Name("read, watched and validated/ours")->Apply(sizes);
+BENCHMARK(readFloor<oneByOne>)->Name("read, watched and validated/floor")->Apply(sizes);
+BENCHMARK(lmdbRead<oneByOne>)->Name("read, watched and validated/peer")->Apply(sizes);
+BENCHMARK(readWatched<overlapping>)->Name("read, overlapping, watched and validated/ours")->Apply(sizes);
+BENCHMARK(readFloor<overlapping>)->Name("read, overlapping, watched and validated/floor")->Apply(sizes);
+BENCHMARK(lmdbRead<overlapping>)->Name("read, overlapping, watched and validated/peer")->Apply(sizes);
 BENCHMARK(read<overlapping>)->Name("read, overlapping, whole images/ours")->Apply(sizes);
 BENCHMARK(readFloorBytes<overlapping, Traits::bytes>)
     ->Name("read, overlapping, whole images/floor")
@@ -277,8 +286,7 @@ BENCHMARK(walk)->Name("walk/ours")->Apply(sizes);
 BENCHMARK(walkFloor)->Name("walk/floor")->Apply(sizes);
 BENCHMARK(coming<Half::inserts>)->Name("insert/ours")->Apply(sizes);
 BENCHMARK(lmdbComing<Half::inserts>)->Name("insert/peer")->Apply(sizes);
-BENCHMARK(grow<false>)->Name("growing/ours")->Apply(sizes)->Iterations(1);
-BENCHMARK(grow<true>)->Name("growing, huge pages/ours")->Apply(sizes)->Iterations(1);
+BENCHMARK(grow)->Name("growing/ours")->Apply(sizes)->Iterations(1);
 BENCHMARK(replace)->Name("replace/ours")->Apply(sizes);
 BENCHMARK(lmdbReplace)->Name("replace/peer")->Apply(sizes);
 BENCHMARK(coming<Half::removes>)->Name("remove/ours")->Apply(sizes);

@@ -28,6 +28,7 @@ class PodArray {
   static_assert(std::is_trivially_copyable_v<T>);
 
  public:
+  using Element = T;
   static constexpr std::size_t capacity = Capacity;
   static constexpr std::size_t elementsAt = sizeof(U32);  // the first one's offset
 

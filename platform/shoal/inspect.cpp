@@ -6,6 +6,8 @@
 #include <unordered_map>
 
 #include "pallo/exception.h"
+#include "shoal/table_view.h"
+#include "shoal/table_writer.h"
 
 namespace Shoal {
 
@@ -15,7 +17,7 @@ namespace {
 
 class Inspector {
  public:
-  explicit Inspector(TableView& view) : view_(view) {}
+  explicit Inspector(TableView& view) : view_(view), image_(view.imageWords()) {}
 
   Inspection run() {
     try {
@@ -44,7 +46,7 @@ class Inspector {
     for (U64 depth = 0;; ++depth) {
       found_.longestChain = std::max(found_.longestChain, depth + 1);
       for (unsigned i = 0; i < entriesPerLine; ++i) inspectEntry(bucket, depth, i, line[i].load());
-      auto const unit = linkUnit(line[7].load(), bucket, depth);
+      auto const unit = linkUnit(line[linkInLine].load(), bucket, depth);
       if (unit && *unit == 0) return;
       line = unit ? view_.overflowLine(*unit) : nullptr;
       if (!line || depth > found_.chunks * linesPerChunk)
@@ -58,23 +60,26 @@ class Inspector {
     std::string const where = fmt::format("bucket {}, line {}, entry {}", bucket, depth, at);
     if (!entryIntact(entry) || !view_.slotInside(entryUnit(entry)))
       return damage(fmt::format("{}: the entry {:016x} is damaged", where, entry));
-    TableView::Copy const copy = view_.copySlot(entryUnit(entry));
-    if (copy == TableView::Copy::changing)
-      return unfinished(fmt::format("{}: its slot is being written", where));
-    if (copy == TableView::Copy::damaged)
-      return damage(
-          fmt::format("{}: the record at offset {} is damaged", where, entryUnit(entry) * unitBytes));
-    inspectRecord(where, bucket, depth, entry);
+    Extent extent;
+    switch (Slot::copy(view_.slot(entryUnit(entry)), view_.room(), image_.data(), extent)) {
+      case Slot::Copy::overtaken:
+        return unfinished(fmt::format("{}: its slot is being written", where));
+      case Slot::Copy::freed:
+        return unfinished(fmt::format("{}: its record was removed, the entry is still here", where));
+      case Slot::Copy::damaged:
+        return damage(
+            fmt::format("{}: the record at offset {} is damaged", where, entryUnit(entry) * unitBytes));
+      case Slot::Copy::whole:
+        return inspectRecord(where, bucket, depth, entry);
+    }
   }
 
   void inspectRecord(std::string const& where, U64 bucket, U64 depth, U64 entry) {
-    U64 const key = view_.scratchKey();
+    U64 const key = image_[0];
     U64 const hash = view_.hash(key);
     if (tag(hash) != entryTag(entry))
       return damage(fmt::format("{}: the entry's tag is not that of key {}", where, key));
     if (bucketOf(hash, found_.buckets) != bucket) return misplaced(where, bucket, key);
-    if (!view_.tailIsZero(entryUnit(entry)))
-      damage(fmt::format("{}: key {}: bytes behind its record", where, key));
     if (auto const [at, fresh] = slots_.emplace(entryUnit(entry), key); !fresh)
       damage(fmt::format("{}: its slot is also that of key {}", where, at->second));
     ++found_.records;
@@ -99,12 +104,38 @@ class Inspector {
   }
 
   TableView& view_;
+  std::vector<U64> image_;
   Inspection found_;
   std::unordered_map<U64, U64> slots_;  // unit to key
 };
 
 }  // namespace
 
-Inspection inspect(TableView& view) { return Inspector(view).run(); }
+TableInfo tableInfo(std::string const& path) {
+  TableView const view(std::make_shared<Mapping>(path, Access::read));
+  Header const& h = view.header();
+  return {std::string(typeName(h)),
+          h.recordVersion,
+          h.version,
+          h.imageBytes,
+          h.slotBytes,
+          h.ringEntries,
+          h.madeAt,
+          view.size(),
+          view.mapping().fileBytes(),
+          view.buckets(),
+          view.chunks(),
+          view.head()};
+}
+
+Inspection inspect(std::string const& path) {
+  TableView view(std::make_shared<Mapping>(path, Access::read));
+  return Inspector(view).run();
+}
+
+Repair repair(std::string const& path) {
+  Salvaged found = TableWriter::rebuild(path);
+  return {found.records.size(), std::move(found.damage)};
+}
 
 }  // namespace Shoal

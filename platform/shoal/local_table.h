@@ -5,13 +5,29 @@
 // Cost: one hash probe and one copy a read; a walk visits slots in order.
 #pragma once
 
-#include <boost/unordered/unordered_flat_map.hpp>
 #include <deque>
+#include <memory>
+#include <optional>
 #include <vector>
 
 #include "shoal/table.h"
 
 namespace Shoal {
+
+// A hash map from a key to the number of a slot.
+class VANTREL_API KeyIndex {
+ public:
+  KeyIndex();
+  ~KeyIndex();
+  std::optional<U32> find(U64 key) const;
+  void insert(U64 key, U32 slot);
+  void erase(U64 key);
+  U64 size() const;
+
+ private:
+  struct Map;
+  std::unique_ptr<Map> map_;
+};
 
 template <class R>
 class LocalTable : public Table<R> {
@@ -24,7 +40,7 @@ class LocalTable : public Table<R> {
 
   R entry(Key const& key) const override {
     auto const at = index_.find(key.value());
-    return at == index_.end() ? Traits::empty() : slots_[at->second].record;
+    return at ? slots_[*at].record : Traits::empty();
   }
   std::optional<Place> first() const override { return from(0); }
   std::optional<Place> next(Place const& place) const override { return from(place.hint + 1); }
@@ -40,17 +56,18 @@ class LocalTable : public Table<R> {
 
   // The change alone; nobody is told.
   void entryQuietlyIs(R const& record) {
-    auto const [at, inserted] = index_.try_emplace(Traits::key(record).value(), 0);
-    if (inserted) at->second = takeSlot();
-    slots_[at->second] = {record, true};
+    U64 const key = Traits::key(record).value();
+    auto at = index_.find(key);
+    if (!at) index_.insert(key, *(at = takeSlot()));
+    slots_[*at] = {record, true};
   }
   // False when the key was absent.
   bool entryQuietlyDel(Key const& key) {
     auto const at = index_.find(key.value());
-    if (at == index_.end()) return false;
-    slots_[at->second].used = false;
-    free_.push_back(at->second);
-    index_.erase(at);
+    if (!at) return false;
+    slots_[*at].used = false;
+    free_.push_back(*at);
+    index_.erase(key.value());
     return true;
   }
   // The notification alone.
@@ -78,7 +95,7 @@ class LocalTable : public Table<R> {
     return slot;
   }
 
-  boost::unordered_flat_map<U64, U32> index_;
+  KeyIndex index_;
   std::deque<Slot> slots_;
   std::vector<U32> free_;
 };

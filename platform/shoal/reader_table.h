@@ -3,18 +3,17 @@
 //
 // Poll fd(); when it is readable, call dispatch(), which notifies. A watcher that kept up is notified key by
 // key; one that fell behind the ring of changes, or whose file was replaced by another, is notified of each
-// key it knew that vanished, and then of the whole collection.
+// key that it was told of or met in a walk and that vanished, and then of the whole collection.
 //
 // Invariants: no change is ever lost: when dispatch() has nothing more to tell, the watchers have been told
-//   of the last change of every key. The first call of fd() or dispatch() begins the watch; what was
-//   announced since the table was mounted is told then.
+//   of the last change of every key. The first call of fd() or dispatch() begins the watch; what was announced
+//   since the table was mounted is told then.
 // Ownership: the watch goes with the object.
 // Threading: one thread.
-// Cost: a read is a look-up and a copy of the words in use. At rest, nothing.
-// Errors: FileException at construction and in fd(). A damaged record, and one that the validator rejects,
-//   raises Pallo::CorruptionDetectedException; with a validator a record of impossible array sizes does so
-//   too, without one Pallo::InvalidSizeException passes through. Whatever writes raises
-//   Pallo::NoPermissionException.
+// Cost: a read is a look-up and a copy of the words in use. At rest, one look a second.
+// Errors: FileException at construction unless the table is awaited. A damaged record throws
+//   Pallo::CorruptionDetectedException, one of impossible array sizes Pallo::InvalidSizeException, unless a
+//   validator deals with it. Whatever writes throws Pallo::NoPermissionException.
 #pragma once
 
 #include <functional>
@@ -22,44 +21,63 @@
 #include <string>
 #include <utility>
 
+#include "pallo/exception.h"
 #include "shoal/error.h"
-#include "shoal/image.h"
-#include "shoal/mount.h"
-#include "shoal/straight_read.h"
 #include "shoal/table.h"
+#include "shoal/table_file.h"
 
 namespace Shoal {
 
 template <class R>
-class ReaderTable : public Table<R>, private Mount::Sink {
+class ReaderTable : public Table<R>, private FileReader::Sink {
  public:
   using Traits = RecordTraits<R>;
   using typename Table<R>::Key;
   using typename Table<R>::Place;
-  // What is wrong with a record that is otherwise whole; nothing when it may be used.
-  using Validator = std::function<std::optional<std::string>(R const&)>;
+  using Presence = FileReader::Presence;
+  // Called with each record that was read; an absent key's is empty. It may change the record, or throw
+  // Pallo::CorruptionDetectedException. `damage` says what was wrong with a record that could not be read, and
+  // is null otherwise; what the validator then makes of the record, which is empty, is returned.
+  using Validator = std::function<void(Key const&, R&, char const* damage)>;
 
-  explicit ReaderTable(std::string const& path) : Table<R>(path), mount_(path, shapeOf<R>(), *this) {}
+  explicit ReaderTable(std::string const& path, Presence presence = Presence::required)
+      : Table<R>(path), file_(path, shapeOf<R>(), *this, presence) {}
 
-  std::string const& path() const { return mount_.path(); }
   void validatorIs(Validator validator) { validator_ = std::move(validator); }
 
-  int fd() { return mount_.fd(); }
+  std::string const& path() const { return file_.path(); }
+  // There is a table at the path now; and why not, when something else is there.
+  bool mounted() const { return file_.mounted(); }
+  std::string const& problem() const { return file_.problem(); }
+
+  int fd() { return file_.fd(); }
   void dispatch() {
     auto const keep = Ostra::keepAlive(this);  // a watcher may drop the last reference
-    mount_.dispatch();
+    file_.dispatch();
   }
+  // How long one dispatch() may go on telling, seconds.
+  void sliceIs(double seconds) { file_.sliceIs(seconds); }
 
   R entry(Key const& key) const override {
-    R record = StraightRead<R>::blank();
-    bool const straight = straight_(mount_.view(), record, key.value());
-    if (!straight || validator_ || !this->notifieeList().empty()) [[unlikely]]
-      finishRead(key, record, straight);
+    R record = Traits::unset();
+    try {
+      Extent const extent = file_.read(key.value(), Traits::image(record));
+      if (!extent.isEmpty()) [[likely]]
+        Traits::accept(record, extent);
+      else
+        record = Traits::empty();
+    } catch (Pallo::Exception const& damage) {
+      if (!validator_) throw;
+      record = Traits::empty();
+      validator_(key, record, damage.what());
+      return record;
+    }
+    if (validator_) validator_(key, record, nullptr);
     return record;
   }
   std::optional<Place> first() const override { return walk(0); }
   std::optional<Place> next(Place const& place) const override { return walk(place.hint); }
-  U64 size() const override { return mount_.view().size(); }
+  U64 size() const override { return file_.size(); }
 
   void entryIs(R const&) override { throw Pallo::NoPermissionException("write to read-only Shoal table"); }
   void entryDel(Key const&) override {
@@ -71,44 +89,16 @@ class ReaderTable : public Table<R>, private Mount::Sink {
   }
 
  private:
-  [[gnu::noinline]] void finishRead(Key const& key, R& record, bool straight) const {
-    bool const found =
-        straight || (LiesAsItsImage<R> && StraightRead<R>::overCopy(mount_.view(), record, key.value()));
-    if (!found || (validator_ && validator_(record))) record = carefully(key);
-    if (!this->notifieeList().empty()) mount_.lookedUp(key.value(), !(record == Traits::empty()));
-  }
-  // Whatever may be the case: an absent key, a record in motion, damage, a file that was replaced.
-  R carefully(Key const& key) const {
-    try {
-      return validated(key);
-    } catch (Pallo::CorruptionDetectedException const&) {
-      if (!mount_.mend()) throw;
-    }
-    return validated(key);
-  }
-  R validated(Key const& key) const { return validator_ ? passed(key) : recordOf<R>(mount_.view(), key); }
-  R passed(Key const& key) const {
-    try {
-      R record = recordOf<R>(mount_.view(), key);
-      if (record == Traits::empty()) return record;
-      if (auto const fault = validator_(record)) throw Pallo::CorruptionDetectedException(*fault);
-      return record;
-    } catch (Pallo::InvalidSizeException const& error) {
-      throw Pallo::CorruptionDetectedException(error.what());
-    }
-  }
   std::optional<Place> walk(U64 hint) const {
-    auto const place = mount_.view().walk(hint);
+    auto const place = file_.walk(hint, !this->notifieeList().empty());
     if (!place) return std::nullopt;
-    if (!this->notifieeList().empty()) mount_.lookedUp(place->key, true);
     return Place{Key(place->key), place->hint};
   }
   void changed(U64 key) override { this->notifyEntry(Key(key)); }
   void anythingChanged() override { this->notifyEntryColl(); }
   void damaged(std::string_view what) override { this->corruptionDetected(what); }
 
-  typename StraightRead<R>::Function const straight_ = StraightRead<R>::forThisProcessor();
-  mutable Mount mount_;
+  mutable FileReader file_;
   Validator validator_;
 };
 

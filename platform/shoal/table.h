@@ -5,9 +5,9 @@
 // Invariants: a read returns one consistent record, or the empty record for a key that is absent. A watcher
 //   that handled its notifications has seen the final state of every key, removals included.
 // Ownership: reference-counted; a watcher holds its table.
-// Threading: one thread a table object. Shared records are the file's business, not the caller's.
-// Errors: a damaged record or index raises Pallo::CorruptionDetectedException; the reader reports it back
-//   with corruptionDetected() and goes on with the empty record. A write through a read-only mount raises
+// Threading: one thread a table object, whatever other processes do to the file.
+// Errors: a damaged record or index throws Pallo::CorruptionDetectedException; the caller reports it back with
+//   corruptionDetected() and goes on with the empty record. A write through a read-only mount throws
 //   Pallo::NoPermissionException.
 #pragma once
 
@@ -20,30 +20,35 @@
 #include "ostra/notifier.h"
 #include "ostra/ptr.h"
 #include "pallo/types.h"
+#include "shoal/table_file.h"
 
 namespace Shoal {
 
-// How a record type lies in a table; specialised beside each record type:
+// How a record type lies in a table; specialised beside each record type. A record lies in memory as in the
+// file: its image is its own first bytes, and the first eight of those are the key's value.
 //
 //   using Key = ...;                                     explicit from U64, value() gives it back
 //   static constexpr std::string_view typeName = "...";  names the record type in a file's header
 //   static constexpr U32 version = 1;                    of the record's layout
-//   static constexpr std::size_t bytes = ...;            of the record's image
+//   static constexpr std::size_t bytes = ...;            of the image, a multiple of 8
+//   static constexpr std::size_t tailAt = ...;           the word of the image that begins its tail (Shape)
 //   static Key key(R const&);
 //   static R empty();                                    what an absent key reads as
-//   static void encode(R const&, std::byte* image);      writes `bytes` bytes
-//   static R decode(std::byte const* image);             reads `bytes` bytes; Pallo::InvalidSizeException
+//   static R unset();                                    a record whose image is about to be written
+//   static std::byte* image(R&);                         where
+//   static void accept(R&, Extent);                      makes a record of what was written there; throws
+//                                                        Pallo::InvalidSizeException or
+//                                                        Pallo::CorruptionDetectedException for what is none
+//   static Extent encode(R const&, std::byte* image);    writes the image, and returns how much of it is in use
 //
-// An image's first 8 bytes are the key's value. A type that lies in memory as its image may add what spares
-// a reader the way over an image of its own:
-//
-//   static R unset();                                    its bytes are written before they are read
-//   static std::byte* inPlace(R&);                       its bytes
-//   static constexpr std::size_t fixedBytes = ...;       the first ones, which count in every record
-//   static bool isComplete(R const&, U64 words);         whether it is a record once so many 8-byte words
-//                                                        are written; false: decode() is to look at it
+// Equal records have equal images, as far as they are in use.
 template <class R>
 struct RecordTraits;
+
+template <class R>
+constexpr Shape shapeOf() {
+  return {RecordTraits<R>::typeName, RecordTraits<R>::version, RecordTraits<R>::bytes, RecordTraits<R>::tailAt};
+}
 
 // What a table knows of damage found in it: how often, and what was said last.
 class VANTREL_API TableBase : public Ostra::PtrInterface {

@@ -7,159 +7,200 @@
 // Ownership: shares the mapping.
 // Threading: one thread a view; any number of views of one file, beside its writer.
 // Cost: a look-up touches one index line (rarely two) and the record's lines. It starts again only when the
-//   writer recycled what it was reading, and gives up after a fixed number of attempts.
+//   writer overtook it, and gives up after a fixed number of attempts.
 // Errors: FileException at construction; Pallo::CorruptionDetectedException afterwards.
 #pragma once
 
 #include <array>
 #include <atomic>
+#include <bit>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "shoal/format.h"
 #include "shoal/mapping.h"
+#include "shoal/slot.h"
+#include "shoal/table_file.h"
 
 namespace Shoal {
 
-// What a record type is in a file's header.
-struct Shape {
-  std::string_view typeName;
-  U32 version;
-  std::size_t imageBytes;
-};
+// A header as a writer made it.
+bool isSound(Format::Header const& header);
+// A file's header. Both throw FileException.
+Format::Header checkedHeader(Mapping const& mapping);
+void checkShape(std::string const& path, Format::Header const& header, Shape const& shape);
+std::string_view typeName(Format::Header const& header);
 
-template <class R>
-class StraightRead;
-
-class VANTREL_API TableView {
+class TableView {
  public:
-  struct Place {
-    U64 key;
-    U64 hint;  // the position after it
-  };
+  using Word = std::atomic<U64>;
 
-  // Any table, or only one of this shape.
   explicit TableView(std::shared_ptr<Mapping const> mapping);
-  TableView(std::shared_ptr<Mapping const> mapping, Shape const& shape);
   TableView(TableView const&) = delete;
   TableView& operator=(TableView const&) = delete;
 
   Format::Header const& header() const { return header_; }
   Mapping const& mapping() const { return *mapping_; }
-  std::string_view typeName() const;
   // What is mapped begins otherwise than when it was opened: something else was written over it.
   bool isWrittenOver() const;
 
-  // The record's image, valid until the next call; null when the key is absent.
-  std::byte const* read(U64 key);
-  bool contains(U64 key);
-  // The first present key at or after a position; position 0 begins a walk. Damage of the index that a walk
-  // met is raised where the walk ends, so that it costs no intact record its visit.
-  std::optional<Place> walk(U64 hint);
-  U64 size() const;
+  // Reads a record's image into `image`, which has room for a whole one; returns what of it is in use, nothing
+  // when the key is absent.
+  Extent read(U64 key, U64* image);
+  bool contains(U64 key);  // true for a key that cannot be read: its look-up says what is wrong
+  // The first present key at or after a position; position 0 begins a walk. Damage of the index that a walk met
+  // is thrown where the walk ends, so that it costs no intact record its visit.
+  std::optional<FilePlace> walk(U64 hint);
+  U64 size() const { return guarded(Format::countAt, "number of records"); }
 
   // Told of a record whose key is unreadable when a walk passes it by.
   void damageSinkIs(std::function<void(std::string_view)> sink) { damageSink_ = std::move(sink); }
 
-  // The index entry of the key that the walk met last.
-  U64 visitedEntry() const { return visited_.entry; }
-
   // The ring of changed keys.
-  U64 head() const;                                   // changes announced so far
-  std::optional<U64> changedKey(U64 sequence) const;  // empty: overwritten, or not written yet
-  U64 announcedKey(U64 sequence) const;               // whatever lies there: a hint
+  U64 head() const { return guarded(Format::headAt, "number of changes"); }
+  std::optional<U64> changedKey(U64 sequence) const;  // nothing: overwritten, or not written yet
 
-  // Asks for what a look-up of the key will need: its index line, and when that is there, the record it
-  // names. Nothing is checked, and nothing harmful comes of a wrong key.
-  void prefetchLine(U64 key) const;
-  void prefetchRecord(U64 key) const;
+  // Prefetches what the look-up of change `sequence`'s key will need: first its index line, and when that is
+  // there, the record it names. Nothing is checked, and nothing harmful comes of a wrong key.
+  void prefetchLine(U64 sequence) const;
+  void prefetchRecord(U64 sequence) const;
 
-  // The guarded words, for those who check and repair.
+  // The guarded words and the places they lead to, for those who check and write.
   U64 buckets() const;
-  U64 chunks() const;
+  U64 chunks() const { return guarded(Format::chunksAt, "number of chunks"); }
   U64 hash(U64 key) const { return Format::hash(seed_, key); }
   U64 extent() const { return limit_; }  // bytes of the file in use, as last seen
   U64 chunkOffset(U64 chunk) const { return header_.chunkStart + chunk * Format::chunkBytes; }
+  Word* word(U64 offset) const { return reinterpret_cast<Word*>(base_ + offset); }
+  Word* slot(U64 unit) const { return word(unit * Format::unitBytes); }
   // Null when the directory or the place is damaged.
-  std::atomic<U64>* line(U64 bucket);
-  std::atomic<U64>* overflowLine(U64 unit);
-  std::atomic<U64>* word(U64 offset) const {
-    static_assert(sizeof(std::atomic<U64>) == 8 && std::atomic<U64>::is_always_lock_free);
-    return reinterpret_cast<std::atomic<U64>*>(base_ + offset);
-  }
+  Word* line(U64 bucket);
+  Word* overflowLine(U64 unit);
   bool slotInside(U64 unit);
-  // The index word that names the key's slot; null when the key is absent.
-  std::atomic<U64> const* entryWord(U64 key);
-  enum class Copy { whole, changing, damaged };
-  // Copies a slot's key and image into the scratch area.
-  Copy copySlot(U64 unit);
-  U64 scratchKey() const { return scratchKey_; }
-  // The image's words beyond the record are zero in the file, as they are in every copy.
-  bool tailIsZero(U64 unit) const;
+  Slot::Room room() const { return room_; }
+  U64 imageWords() const { return room_.head + room_.tail; }
+  // The entry of the key that the walk met last.
+  Word const* visited() const { return visited_.word; }
   std::string damage(std::string_view what) const;
 
  private:
-  template <class R>
-  friend class StraightRead;
-  enum class Scan { found, absent, changing, damagedRecord, damagedIndex };
-  struct Walk {
+  enum class Look { record, absent, overtaken, damagedRecord, damagedIndex };
+  struct Found {
+    Look look;
+    Extent extent;  // of the record
+  };
+  struct Position {
     U64 bucket;
     U64 depth;
     unsigned at;
   };
-  U64 checkHeader();
-  void checkShape(Shape const& shape) const;
   U64 guarded(U64 offset, std::string_view what) const;
-  void limitIs(U64 limit);
   bool insideChunks(U64 offset, U64 bytes);
-  Scan scan(U64 key, U64 hash, U64 bucket, bool copy);
-  Scan tryEntry(std::atomic<U64> const& word, U64 entry, U64 key, U64 hash, bool copy);
-  // The first line of a hash's bucket, as far as it is known without a look at what may have changed.
-  [[gnu::always_inline]] std::atomic<U64> const* firstLine(U64 hashed) const {
-    U64 const bucket = Format::bucketOf(hashed, bucketsSeen_, levelSeen_);
-    std::atomic<U64> const* const chunk = indexChunks_[bucket / Format::linesPerChunk];
-    return chunk ? chunk + bucket % Format::linesPerChunk * 8 : nullptr;
-  }
-  void prefetchSlot(U64 entry) const;
-  void clearScratchBehind(U64 rows);
-  bool peekKey(U64 unit, U64& key) const;
-  bool lookup(U64 key, bool copy);
-  std::optional<Place> walkLine(std::atomic<U64>* line, Walk& place);
-  std::optional<Place> visit(std::atomic<U64> const& word, Walk const& place);
-  std::atomic<U64>* lineAt(U64 bucket, U64 depth);
-  std::atomic<U64>* nextLine(std::atomic<U64>* line, U64 bucket, U64 depth);
-  std::optional<Place> walkBuckets(Walk place);
-  std::optional<Place> walkOn(U64 hint);
-  void prefetchSlots(std::atomic<U64> const* line) const;
-  void endWalk();
+  U64 lookLimit();
+  Extent readAgain(U64 key, U64* image);
+  Found look(U64 key, U64* image);
+  Found lookInLine(Word const* line, U64 key, U64 hash, U64* image);
+  Found copyRecord(Word const& word, U64 key, U64* image);
+  [[noreturn]] void throwDamage(U64 key, Look look) const;
+  Word const* firstLine(U64 hashed) const;
+  Word const* firstTagged(U64 hashed) const;
+  void prefetchSlots(Word const* line) const;
 
-  std::shared_ptr<Mapping const> mapping_;
-  std::byte* base_;
-  Format::Header header_{};
-  std::array<U64, 4> seed_;
-  U64 maxWords_ = 0;
-  U64 limit_ = 0;     // end of the chunks in use, as last seen
-  U64 unitsEnd_ = 0;  // the last slot begins before it; what lies before the chunks is no slot, but mapped
+  bool keyAt(U64 entry, U64& key);
+  std::optional<FilePlace> visit(Word const& word, Position const& position);
+  Word* nextLine(Word* line, Position const& position);
+  Word* lineAt(U64 bucket, U64 depth);
+  std::optional<FilePlace> walkBuckets(Position position);
+
+  std::shared_ptr<Mapping const> const mapping_;
+  std::byte* const base_;
+  Format::Header const header_;
+  std::array<U64, 4> const seed_;
+  Slot::Room const room_;
+  U64 const slotBytes_;
+  U64 const chunkStart_;
+  U64 limit_ = 0;  // end of the chunks in use, as last seen
   // The guarded word that was last found intact, what it holds, and the greatest power of two in that.
   mutable U64 bucketsWord_ = Format::guard(1, Format::bucketsAt);
   mutable U64 bucketsSeen_ = 1;
   mutable U64 levelSeen_ = 1;
-  std::vector<std::atomic<U64>*> indexChunks_;
-  std::vector<std::byte> scratch_;  // an image, in whole rows
-  U64 scratchRows_ = 0;
-  U64 scratchKey_ = 0;
+  std::vector<Word*> indexChunks_;
   struct {
-    std::atomic<U64> const* word = nullptr;
-    U64 entry = 0;
+    Word const* word = nullptr;
     U64 key = 0;
-    U64 hint = 0;
   } visited_;  // where the walk stands: the look-up that follows finds its key at once
   std::string walkDamage_;
   std::function<void(std::string_view)> damageSink_;
 };
+
+// ---- The look-up of nearly every key, in line
+
+// One bit for each entry of the line that `wanted` accepts, without a branch at each, which would be mispredicted
+// every other time.
+template <class Wanted>
+[[gnu::always_inline]] inline unsigned entriesWhere(TableView::Word const* line, Wanted wanted) {
+  return [=]<unsigned... i>(std::integer_sequence<unsigned, i...>) {
+    return ((unsigned{wanted(line[i].load(std::memory_order_relaxed))} << i) | ...);
+  }(std::make_integer_sequence<unsigned, Format::entriesPerLine>());
+}
+[[gnu::always_inline]] inline unsigned entriesTagged(TableView::Word const* line, U64 wanted) {
+  return entriesWhere(line, [wanted](U64 entry) { return Format::entryTag(entry) == wanted; });
+}
+[[gnu::always_inline]] inline bool TableView::insideChunks(U64 offset, U64 bytes) {
+  if (offset < chunkStart_) return false;
+  return offset + bytes <= limit_ || offset + bytes <= lookLimit();
+}
+
+[[gnu::always_inline]] inline bool TableView::slotInside(U64 unit) { return insideChunks(unit * Format::unitBytes, slotBytes_); }
+
+// As far as the bucket is known without a look at what may have changed.
+[[gnu::always_inline]] inline TableView::Word const* TableView::firstLine(U64 hashed) const {
+  U64 const bucket = Format::bucketOf(hashed, bucketsSeen_, levelSeen_);
+  Word const* const chunk = indexChunks_[bucket / Format::linesPerChunk];
+  return chunk ? chunk + bucket % Format::linesPerChunk * Format::wordsPerLine : nullptr;
+}
+
+// The first entry with the tag in a bucket's first line, as far as it is known without a look at what may have changed.
+[[gnu::always_inline]] inline TableView::Word const* TableView::firstTagged(U64 hashed) const {
+  Word const* const line = firstLine(hashed);
+  if (!line) return nullptr;
+  unsigned const found = entriesTagged(line, Format::tag(hashed));
+  return found != 0 ? line + std::countr_zero(found) : nullptr;
+}
+
+// A slot that was freed may hold another record by now, complete and not published yet: the entry must still name
+// it after the copy. A freed slot that it still names is that of a key that was removed.
+[[gnu::always_inline]] inline TableView::Found TableView::copyRecord(Word const& word, U64 key, U64* image) {
+  U64 const entry = word.load(std::memory_order_acquire);
+  U64 const unit = Format::entryUnit(entry);
+  if (!Format::entryIntact(entry) || !slotInside(unit)) return {entry == 0 ? Look::absent : Look::damagedIndex, {}};
+  Word const* const slot = this->slot(unit);
+  Extent extent;
+  Slot::Copy const copy = Slot::copy(slot, room_, image, extent);
+  if (copy == Slot::Copy::overtaken || word.load(std::memory_order_relaxed) != entry) return {Look::overtaken, {}};
+  if (copy == Slot::Copy::whole && image[0] == key) [[likely]]
+    return {Look::record, extent};
+  if (copy == Slot::Copy::freed) return {Look::absent, {}};
+  U64 const slotKey = slot[2].load(std::memory_order_relaxed);
+  bool const ofAnotherKey = slotKey != key && Format::tag(hash(slotKey)) == Format::entryTag(entry);
+  return {ofAnotherKey ? Look::absent : Look::damagedRecord, {}};
+}
+
+// Most often the first entry with the key's tag is the key's, and nobody is at work on its record.
+[[gnu::always_inline]] inline Extent TableView::read(U64 key, U64* image) {
+  U64 const hashed = hash(key);
+  Word const* const word = visited_.key == key ? visited_.word : firstTagged(hashed);
+  if (word) [[likely]] {
+    Found const found = copyRecord(*word, key, image);
+    if (found.look == Look::record) [[likely]]
+      return found.extent;
+  }
+  return readAgain(key, image);
+}
 
 }  // namespace Shoal

@@ -1,23 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
+// What a write stores, in this order (| is where a reader sees the change):
+//
+//   insert    slot; ring entry; index entry | ; count; head
+//   replace   slot; ring entry; index entry | ; old slot's state: freed; head
+//   remove    ring entry; slot's state: freed | ; index entry; count; head
+//
+// A writer that is killed leaves at most one change between the ring entry and the head, and the next writer
+// announces it. It never waits for a reader, and never writes what a reader could be left with half of.
 #include "shoal/table_writer.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <exception>
+#include <utility>
 
+#include "pallo/exception.h"
 #include "shoal/error.h"
-#include "shoal/shared_words.h"
-
-#define XXH_INLINE_ALL
-#include <xxhash.h>
+#include "shoal/new_file.h"
+#include "shoal/salvage.h"
 
 namespace Shoal {
 
@@ -31,78 +36,48 @@ namespace {
 
 // So many slots rest before one of them is written again, and the file rather grows by a chunk.
 constexpr std::size_t restingSlots = 128;
-constexpr U64 maxDepth = 4096;
 
 void atStorePoint() {
   if (Testing::storePoint) [[unlikely]]
     Testing::storePoint();
 }
 
-[[noreturn]] void throwNoSpace(std::string const& path, int error) {
-  throw NoSpaceException(
-      fmt::format("{}: the table cannot grow, and is as it was: {}", path, std::strerror(error)));
-}
-
-// Space is taken before it is written: a full file system answers here, not with a signal at some store.
-void allocate(int fd, std::string const& path, U64 offset, U64 bytes) {
-  struct stat before {};
-  fstat(fd, &before);
-  int error;
-  do error = posix_fallocate(fd, static_cast<off_t>(offset), static_cast<off_t>(bytes));
-  while (error == EINTR);
-  if (error == 0) return;
-  if (ftruncate(fd, before.st_size) != 0) error = errno;
-  throwNoSpace(path, error);
-}
-
-Header newHeader(Shape const& shape, WriterOptions const& options) {
-  Header header{};
-  header.magic = magic;
-  header.version = Format::version;
-  header.recordVersion = shape.version;
-  shape.typeName.copy(header.typeName, sizeof header.typeName - 1);
-  header.imageBytes = static_cast<U32>(shape.imageBytes);
-  header.slotBytes = static_cast<U32>(slotBytes(shape.imageBytes));
-  header.ringEntries = std::clamp<U32>(std::bit_ceil(options.ringEntries), 16, 1U << 20);
-  header.chunkStart = static_cast<U32>(chunkStart(header.ringEntries));
-  if (getrandom(header.hash, sizeof header.hash, 0) != sizeof header.hash ||
-      getrandom(&header.fileId, sizeof header.fileId, 0) != sizeof header.fileId)
-    throw Pallo::Exception("no random numbers to be had for a new table");
-  header.madeAt = static_cast<U64>(time(nullptr));
-  header.checksum = XXH3_64bits(&header, offsetof(Header, checksum));
-  return header;
-}
-
-// An empty table: the header, and one chunk of index of which the first buckets are in use.
-void writeEmptyTable(std::byte* base, Header const& header) {
-  std::memcpy(base, &header, sizeof header);
-  auto const put = [&](U64 offset, U64 value) { std::memcpy(base + offset, &value, sizeof value); };
-  for (U64 bucket = 0; bucket < firstBuckets; ++bucket)
-    put(header.chunkStart + bucket * unitBytes + 7 * 8, link(0, bucket, 0));
-  U64 const directory = indexDirectoryAt(header.ringEntries);
-  put(directory, guard(0, directory));
-  put(bucketsAt, guard(firstBuckets, bucketsAt));
-  put(chunksAt, guard(1, chunksAt));
-  put(countAt, guard(0, countAt));
-  put(headAt, guard(0, headAt));
-}
+U64 relaxed(TableView::Word const& word) { return word.load(std::memory_order_relaxed); }
 
 // What is not a table is never replaced by one.
-void refuseToReplace(std::string const& path) {
-  struct stat status {};
-  if (lstat(path.c_str(), &status) != 0) return;
-  int const fd = openTableFile(path, Mapping::Access::read);
+void refuseToReplace(std::string const& path, int file) {
   U64 first = 0;
-  ssize_t const bytes = read(fd, &first, sizeof first);
-  ::close(fd);
+  ssize_t const bytes = pread(file, &first, sizeof first, 0);
   if (bytes != 0 && first != magic)
     throw FileException(FileException::Reason::notATable,
                         fmt::format("{} is not a table file, and is not replaced by one", path));
 }
 
-bool isThere(std::string const& path) {
-  struct stat status {};
-  return lstat(path.c_str(), &status) == 0;
+// The table's file with the writer's lock; nothing when there is no file. One that was replaced while it was being
+// locked is not the table any more.
+Pallo::Descriptor lockedFile(std::string const& path, bool toReplace) {
+  for (;;) {
+    Pallo::Descriptor file;
+    try {
+      file = openTableFile(path, Access::write);
+    } catch (FileException const& error) {
+      if (error.reason() == FileException::Reason::missing) return {};
+      throw;
+    }
+    if (toReplace) refuseToReplace(path, file.get());
+    lockForWriting(path, file.get());
+    if (Mapping const here(path, Pallo::Descriptor(dup(file.get())), Access::read); here.isCurrent())
+      return file;
+  }
+}
+
+Header soundHeader(Mapping const& mapping) {
+  Header header{};
+  for (U64 const at : {U64{0}, headerCopyAt}) {
+    std::memcpy(&header, mapping.base() + at, sizeof header);
+    if (isSound(header) && header.version == Format::version) return header;
+  }
+  return checkedHeader(mapping);  // says what is wrong with it
 }
 
 }  // namespace
@@ -110,16 +85,11 @@ bool isThere(std::string const& path) {
 // Where a key is, or where it would go.
 struct TableWriter::Spot {
   U64 bucket = 0;
-  std::atomic<U64>* word = nullptr;  // its entry, null when absent
+  Word* word = nullptr;  // its entry, null when absent
   U64 entry = 0;
-  std::atomic<U64>* hole = nullptr;  // the first free entry of the chain
-  std::atomic<U64>* lastLine = nullptr;
+  Word* hole = nullptr;  // the first free entry of the chain
+  Word* lastLine = nullptr;
   U64 lastDepth = 0;
-};
-
-// The lines of one bucket.
-struct TableWriter::Chain {
-  std::vector<std::atomic<U64>*> lines;
 };
 
 // What a pass over the index found.
@@ -127,112 +97,123 @@ struct TableWriter::Survey {
   std::vector<bool> slots;  // in use, by chunk and place
   std::vector<bool> lines;  // overflow lines in use, by chunk and place
   U64 count = 0;
-  bool damaged = false;
 };
 
-TableWriter::TableWriter(std::string const& path, Shape const& shape, WriterOptions const& options) {
-  directory_ = std::make_unique<SideDirectory>(path, options.worldAccess);
-  lock_ = std::make_unique<WriterLock>(*directory_, path);
-  if (options.replace) refuseToReplace(path);
-  if (options.replace || !isThere(path)) make(path, shape, options);
-  open(path, shape, options);
-  wakers_ = std::make_unique<Wakers>(*directory_);
+// ---- Opening
+
+TableWriter::TableWriter(std::string const& path, Shape const& shape, WriterOptions const& options)
+    : path_(path) {
+  for (Pallo::Descriptor file; !file;) {
+    Pallo::Descriptor old = lockedFile(path, options.replace);
+    if (old && !options.replace) {
+      file = std::move(old);
+    } else {
+      NewFile fresh(path, newHeader(shape, options.ringEntries));
+      Sidecar::make(path, fresh.fd());
+      file = fresh.publish(options.replace);
+    }
+    if (!file) continue;
+    Mapping const mapping(path, Pallo::Descriptor(dup(file.get())), Access::read);
+    checkShape(path, checkedHeader(mapping), shape);
+    open(std::move(file));
+    break;
+  }
+  doorbells_.emplace(Sidecar::make(path, mapping_->fd()));
 }
 
-TableWriter::~TableWriter() = default;
+TableWriter::TableWriter(std::string path, Pallo::Descriptor file) : path_(std::move(path)) {
+  open(std::move(file));
+}
 
-// Made beside its place and moved there when it is complete: a file of the table's name is always a table.
-void TableWriter::make(std::string const& path, Shape const& shape, WriterOptions const& options) {
-  std::string const fresh = path + ".new";
-  ::unlink(fresh.c_str());  // a writer's that was killed here; this one has the lock
-  int const fd = ::open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0660);
-  if (fd < 0)
-    throw FileException(FileException::Reason::notAllowed,
-                        fmt::format("{}: cannot be made: {}", path, std::strerror(errno)));
+// An index that is damaged is made anew.
+void TableWriter::open(Pallo::Descriptor file) {
+  mapping_ = std::make_shared<Mapping>(path_, std::move(file), Access::write);
+  view_ = std::make_unique<TableView>(mapping_);
+  for (auto* const free : {&restingSlots_, &idleSlots_, &freeLines_}) free->clear();
   try {
-    Header const header = newHeader(shape, options);
-    Mapping const file(fresh, fd, Mapping::Access::write);
-    allocate(file.fd(), path, 0, header.chunkStart + chunkBytes);
-    writeEmptyTable(file.base(), header);
-    struct stat status {};
-    fstat(file.fd(), &status);
-    if (options.worldAccess) fchmod(file.fd(), (status.st_mode & 0777) | 0444);
-    if (rename(fresh.c_str(), path.c_str()) != 0)
-      throw FileException(FileException::Reason::notAllowed,
-                          fmt::format("{}: cannot be made: {}", path, std::strerror(errno)));
-  } catch (...) {
-    ::unlink(fresh.c_str());
-    throw;
+    takeOver();
+  } catch (Pallo::CorruptionDetectedException const&) {
+    heal();
   }
 }
 
-void TableWriter::open(std::string const& path, Shape const& shape, WriterOptions const& options) {
-  mapping_ = std::make_shared<Mapping>(path, Mapping::Access::write);
-  view_ = std::make_unique<TableView>(mapping_, shape);
-  slotWords_ = slotBytes(shape.imageBytes) / 8;
-  scratch_.assign(slotWords_, 0);
-  takeOver();
-  if (options.hugePages) hugePagesTo_ = 0;
-  makeHugePages();
+// Writes what the slots of a file hold into a new one, and puts that in its place. Owner and mode stay.
+Pallo::Descriptor TableWriter::remake(std::string const& path, Mapping const& old, Header const& header,
+                                      Salvaged const& found) {
+  NewFile fresh(path,
+                newHeader({typeName(header), header.recordVersion, header.imageBytes, header.tailAt},
+                          header.ringEntries));
+  struct stat status {};
+  fstat(old.fd(), &status);
+  if (fchown(fresh.fd(), status.st_uid, status.st_gid) != 0 || fchmod(fresh.fd(), status.st_mode & 0777) != 0)
+    throw FileException(FileException::Reason::notAllowed,
+                        fmt::format("{}: the index is damaged, and only user {} can make the table anew",
+                                    path, status.st_uid));
+  TableWriter into(path, Pallo::Descriptor(dup(fresh.fd())));
+  into.head_ = std::max(
+      found.newest, unguard(reinterpret_cast<Word const*>(old.base() + headAt)->load(), headAt).value_or(0));
+  std::vector<U64> image(header.imageBytes / 8);
+  for (Salvaged::Record const& record : found.records) {
+    Extent extent;
+    auto const* const slot = reinterpret_cast<Word const*>(old.base() + record.unit * unitBytes);
+    if (Slot::copy(slot, into.view_->room(), image.data(), extent) == Slot::Copy::whole)
+      into.put(record.key, image.data(), extent);
+  }
+  return fresh.publish(true);
+}
+
+void TableWriter::heal() {
+  Salvaged const found = salvage(*mapping_, view_->header());
+  open(remake(path_, *mapping_, view_->header(), found));
+  ++counters_.rebuilds;
+}
+
+Salvaged TableWriter::rebuild(std::string const& path) {
+  Pallo::Descriptor file = lockedFile(path, false);
+  if (!file) file = openTableFile(path, Access::write);  // says that it is missing
+  Mapping const old(path, std::move(file), Access::read);
+  Header const header = soundHeader(old);
+  Salvaged found = salvage(old, header);
+  remake(path, old, header, found);
+  return found;
 }
 
 WriterCounters TableWriter::counters() const {
   WriterCounters counters = counters_;
-  counters.wakeUps = wakers_->wakeUps();
+  counters.wakeUps = doorbells_ ? doorbells_->rung() : 0;
   return counters;
 }
 
 // ---- Stores
 
-void TableWriter::store(std::atomic<U64>& word, U64 value) {
+void TableWriter::store(Word& word, U64 value) {
   atStorePoint();
   word.store(value, std::memory_order_release);
 }
 
 void TableWriter::storeGuarded(U64 offset, U64 value) { store(*view_->word(offset), guard(value, offset)); }
 
-// Takes the record into the scratch area, where every word behind it is zero. Returns the words in use.
-U64 TableWriter::takeImage(std::byte const* image) {
-  U64 const bytes = view_->header().imageBytes;
-  U64 used = bytes / 8;
-  auto const word = [image](U64 i) {
-    U64 value;
-    std::memcpy(&value, image + 8 * i, sizeof value);
-    return value;
-  };
-  U64 rest = 0;
-  std::memcpy(&rest, image + 8 * used, bytes % 8);
-  if (rest != 0) {
-    ++used;
-  } else {
-    while (used >= 4 && (word(used - 1) | word(used - 2) | word(used - 3) | word(used - 4)) == 0) used -= 4;
-    while (used > 0 && word(used - 1) == 0) --used;
-  }
-  std::memcpy(&scratch_[3], image, std::min(8 * used, bytes));
-  if (used < imageWords_) std::fill(&scratch_[3 + used], &scratch_[3] + imageWords_, 0);
-  imageWords_ = used;
-  return used;
+// The generation is odd from before the first store until after the last.
+void TableWriter::writeSlot(U64 unit, U64 const* image, Extent extent) {
+  Word* const slot = view_->slot(unit);
+  U64 const complete = state(2 * (head_ + 1), extent);
+  store(slot[1], state(generation(complete) | 1, {}));
+  U64 const checksum = Slot::checksum(complete, view_->room().head, [&](U64 inSlot, U64 inImage) {
+    store(slot[2 + inSlot], image[inImage]);
+    return image[inImage];
+  });
+  store(slot[0], checksum);
+  store(slot[1], complete);
 }
 
-// The generation is odd from before the first store until after the last. What the slot held before says how
-// far it is to be cleared; one whose writer was killed, and a damaged one, do not say, and are cleared to
-// their end. The record's last row is cleared in any case: no read sees damage behind a record.
-void TableWriter::writeSlot(U64 unit, U64 key, std::byte const* image) {
-  std::atomic<U64>* const slot = view_->word(unit * unitBytes);
-  U64 const used = takeImage(image);
-  U64 const before = slot[1].load(std::memory_order_relaxed);
-  bool const trusted = before == 0 || view_->copySlot(unit) == TableView::Copy::whole;
-  U64 const wasInUse = trusted ? 3 + words(before) : slotWords_;
-  U64 const writing = generation(before) | 1;
-  scratch_[1] = state(writing + 1, used);
-  scratch_[2] = key;
-  scratch_[0] = Checksum::of(scratch_.data(), rows(scratch_[1]));
-  U64 const dirty = std::max(wasInUse, rows(scratch_[1]) * rowWords);
-  store(slot[1], state(writing, 0));
-  store(slot[0], scratch_[0]);
-  for (U64 i = 2; i < 3 + used; ++i) store(slot[i], scratch_[i]);
-  for (U64 i = 3 + used; i < dirty; ++i) store(slot[i], 0);
-  store(slot[1], scratch_[1]);
+void TableWriter::freeSlot(U64 entry) {
+  if (!isSlot(entryUnit(entry))) return;
+  Word& slotState = view_->slot(entryUnit(entry))[1];
+  store(slotState, state(generation(relaxed(slotState)), freed));
+  restingSlots_.push_back(static_cast<U32>(entryUnit(entry)));
+  if (restingSlots_.size() <= restingSlots) return;
+  idleSlots_.push_back(restingSlots_.front());
+  restingSlots_.pop_front();
 }
 
 // ---- Finding
@@ -246,11 +227,7 @@ bool TableWriter::isSlot(U64 unit) const {
          inside / view_->header().slotBytes < slotsPerChunk();
 }
 
-U64 TableWriter::slotsPerChunk() const { return chunkBytes / view_->header().slotBytes; }
-
-U64 TableWriter::keyOf(U64 entry) const {
-  return view_->word(entryUnit(entry) * unitBytes + slotKeyAt)->load(std::memory_order_relaxed);
-}
+U64 TableWriter::keyOf(U64 entry) const { return relaxed(view_->slot(entryUnit(entry))[2]); }
 
 // An entry that names a slot whose key has the entry's tag.
 bool TableWriter::isSound(U64 entry) const {
@@ -265,11 +242,10 @@ bool TableWriter::isOf(U64 entry, U64 key, U64 hash) const {
 }
 
 // The line after `line`, which is the bucket's at `depth`; null at the end.
-std::atomic<U64>* TableWriter::nextLine(std::atomic<U64> const* line, U64 bucket, U64 depth) {
-  auto const unit = linkUnit(line[7].load(std::memory_order_relaxed), bucket, depth);
+TableWriter::Word* TableWriter::nextLine(Word const* line, U64 bucket, U64 depth) {
+  auto const unit = linkUnit(relaxed(line[linkInLine]), bucket, depth);
   if (unit && *unit == 0) return nullptr;
-  if (std::atomic<U64>* const next = unit && depth < maxDepth ? view_->overflowLine(*unit) : nullptr)
-    return next;
+  if (Word* const next = unit && depth < maxDepth ? view_->overflowLine(*unit) : nullptr) return next;
   throwLinesDamage(bucket);
 }
 
@@ -280,58 +256,53 @@ void TableWriter::throwLinesDamage(U64 bucket) const {
 
 TableWriter::Chain TableWriter::gather(U64 bucket) {
   Chain chain;
-  std::atomic<U64>* at = view_->line(bucket);
+  Word* at = view_->line(bucket);
   if (!at) throwLinesDamage(bucket);
-  for (U64 depth = 0; at; at = nextLine(at, bucket, depth++)) chain.lines.push_back(at);
+  for (U64 depth = 0; at; at = nextLine(at, bucket, depth++)) chain.push_back(at);
   return chain;
 }
 
 TableWriter::Spot TableWriter::locate(U64 key, U64 hash) {
   Spot spot;
   spot.bucket = bucketOf(hash, buckets_);
-  std::atomic<U64>* line = view_->line(spot.bucket);
+  Word* line = view_->line(spot.bucket);
   if (!line) throwLinesDamage(spot.bucket);
   for (U64 depth = 0; line; line = nextLine(line, spot.bucket, depth++)) {
     spot.lastLine = line;
     spot.lastDepth = depth;
-    if (!spot.word) locateInLine(spot, line, key, hash);
+    for (unsigned i = 0; i < entriesPerLine && !spot.word; ++i) {
+      U64 const entry = relaxed(line[i]);
+      if (entry == 0 && !spot.hole) spot.hole = &line[i];
+      if (!isOf(entry, key, hash)) continue;
+      spot.word = &line[i];
+      spot.entry = entry;
+    }
   }
   return spot;
 }
 
-void TableWriter::locateInLine(Spot& spot, std::atomic<U64>* line, U64 key, U64 hash) const {
-  for (unsigned found = Words::entriesOfTag(line, tag(hash)); found != 0; found &= found - 1) {
-    std::atomic<U64>& word = line[std::countr_zero(found)];
-    U64 const entry = word.load(std::memory_order_relaxed);
-    if (!isOf(entry, key, hash)) continue;
-    spot.word = &word;
-    spot.entry = entry;
-    return;
+TableWriter::Spot TableWriter::locateOrHeal(U64 key) {
+  try {
+    return locate(key, view_->hash(key));
+  } catch (Pallo::CorruptionDetectedException const&) {
+    heal();
   }
-  if (spot.hole) return;
-  for (unsigned i = 0; i < entriesPerLine && !spot.hole; ++i)
-    if (line[i].load(std::memory_order_relaxed) == 0) spot.hole = &line[i];
+  return locate(key, view_->hash(key));
 }
 
 // ---- Space
 
 U64 TableWriter::addChunk(Kind kind) {
   U64 const offset = view_->chunkOffset(chunks_);
-  if (offset + chunkBytes > mapping_->window()) throwNoSpace(mapping_->path(), EFBIG);
+  if (offset + chunkBytes > mapping_->window())
+    throw NoSpaceException(fmt::format("{}: the table cannot grow beyond {} bytes, and is as it was", path_,
+                                       mapping_->window()));
   atStorePoint();
-  allocate(mapping_->fd(), mapping_->path(), offset, chunkBytes);
+  allocate(mapping_->fd(), path_, offset, chunkBytes);
   storeGuarded(chunksAt, chunks_ + 1);
   kinds_.push_back(kind);
   ++counters_.chunks;
   return chunks_++;
-}
-
-// Of the file's stretches before the newest chunk. One that the kernel refused is not asked for again.
-void TableWriter::makeHugePages() {
-  constexpr U64 bytes = Mapping::hugePageBytes;
-  U64 const full = view_->chunkOffset(chunks_ - 1);
-  for (; hugePagesTo_ < full && full - hugePagesTo_ >= bytes; hugePagesTo_ += bytes)
-    counters_.hugePages += mapping_->hugePageIs(hugePagesTo_);
 }
 
 void TableWriter::reserveSlot() {
@@ -345,13 +316,11 @@ void TableWriter::reserveSlot() {
   }
 }
 
-U32 TableWriter::nextSlot() const { return idleSlots_.empty() ? restingSlots_.front() : idleSlots_.back(); }
-
-void TableWriter::takeSlot() {
-  if (idleSlots_.empty())
-    restingSlots_.pop_front();
-  else
-    idleSlots_.pop_back();
+U32 TableWriter::takeSlot() {
+  bool const rested = idleSlots_.empty();
+  U32 const unit = rested ? restingSlots_.front() : idleSlots_.back();
+  rested ? restingSlots_.pop_front() : idleSlots_.pop_back();
+  return unit;
 }
 
 U32 TableWriter::slotUnit(U64 chunk, U64 place) const {
@@ -364,7 +333,8 @@ U32 TableWriter::lineUnit(U64 chunk, U64 place) const {
 
 void TableWriter::reserveLines(std::size_t count) {
   while (freeLines_.size() < count) {
-    if (overflowChunks_ == directoryEntries) throwNoSpace(mapping_->path(), EFBIG);
+    if (overflowChunks_ == directoryEntries)
+      throw NoSpaceException(fmt::format("{}: the index cannot grow, and is as it was", path_));
     U64 const chunk = addChunk(Kind::overflow);
     storeGuarded(overflowDirectoryAt(view_->header().ringEntries) + overflowChunks_ * 8, chunk);
     ++overflowChunks_;
@@ -376,14 +346,6 @@ U32 TableWriter::takeLine() {
   U32 const unit = freeLines_.back();
   freeLines_.pop_back();
   return unit;
-}
-
-void TableWriter::freeSlot(U64 entry) {
-  if (!isSlot(entryUnit(entry))) return;
-  restingSlots_.push_back(static_cast<U32>(entryUnit(entry)));
-  if (restingSlots_.size() <= restingSlots) return;
-  idleSlots_.push_back(restingSlots_.front());
-  restingSlots_.pop_front();
 }
 
 // ---- Announcing
@@ -399,7 +361,7 @@ void TableWriter::beginChange(U64 key) {
 void TableWriter::endChange() {
   atStorePoint();
   view_->word(headAt)->store(guard(++head_, headAt), std::memory_order_seq_cst);
-  wakers_->wake();
+  if (doorbells_) doorbells_->ring();
   refuseIfCutShort();
 }
 
@@ -410,20 +372,17 @@ void TableWriter::refuseIfCutShort() const {
 
 // ---- The operations
 
-void TableWriter::put(U64 key, std::byte const* image) {
+void TableWriter::put(U64 key, U64 const* image, Extent extent) {
   refuseIfCutShort();
-  U64 const hash = view_->hash(key);
+  Spot const spot = locateOrHeal(key);
   reserveSlot();
-  Spot const spot = locate(key, hash);
   if (!spot.word && !spot.hole) reserveLines(1);
-  U64 const unit = nextSlot();
-  writeSlot(unit, key, image);
-  takeSlot();
+  U64 const unit = takeSlot();
+  writeSlot(unit, image, extent);
   beginChange(key);
-  publish(spot, entry(unit, hash));
+  publish(spot, entry(unit, view_->hash(key)));
   endChange();
   splitWhileFull();
-  makeHugePages();
 }
 
 void TableWriter::publish(Spot const& spot, U64 entry) {
@@ -444,41 +403,36 @@ void TableWriter::publish(Spot const& spot, U64 entry) {
 // The line is complete before the link that publishes it.
 void TableWriter::appendLine(Spot const& spot, U64 entry) {
   U64 const unit = takeLine();
-  std::atomic<U64>* const line = view_->word(unit * unitBytes);
+  Word* const line = view_->word(unit * unitBytes);
   store(line[0], entry);
   for (unsigned i = 1; i < entriesPerLine; ++i) store(line[i], 0);
-  store(line[7], link(0, spot.bucket, spot.lastDepth + 1));
-  store(spot.lastLine[7], link(unit, spot.bucket, spot.lastDepth));
+  store(line[linkInLine], link(0, spot.bucket, spot.lastDepth + 1));
+  store(spot.lastLine[linkInLine], link(unit, spot.bucket, spot.lastDepth));
 }
 
 bool TableWriter::remove(U64 key) {
   refuseIfCutShort();
-  Spot const spot = locate(key, view_->hash(key));
+  Spot const spot = locateOrHeal(key);
   if (!spot.word) return false;
   beginChange(key);
+  freeSlot(spot.entry);
   store(*spot.word, 0);
   storeGuarded(countAt, --count_);
-  freeSlot(spot.entry);
   ++counters_.removes;
   endChange();
   return true;
 }
 
-// Damage is raised when all that can be removed is.
+// Damage is thrown when all that can be removed is.
 void TableWriter::removeAll() {
   std::vector<U64> keys;
   std::exception_ptr damage;
-  auto const orDamage = [&damage](auto work) {
-    try {
-      work();
-    } catch (Pallo::CorruptionDetectedException const&) {
-      damage = std::current_exception();
-    }
-  };
-  orDamage([&] {
+  try {
     for (auto place = view_->walk(0); place; place = view_->walk(place->hint)) keys.push_back(place->key);
-  });
-  for (U64 const key : keys) orDamage([&] { remove(key); });
+  } catch (Pallo::CorruptionDetectedException const&) {
+    damage = std::current_exception();
+  }
+  for (U64 const key : keys) remove(key);
   if (damage) std::rethrow_exception(damage);
 }
 
@@ -487,7 +441,7 @@ void TableWriter::removeAll() {
 // Longer chains are better than a refused write: a split that finds no room, or a damaged bucket, is put off.
 void TableWriter::splitWhileFull() {
   try {
-    while (2 * count_ > recordsPerTwoBuckets * buckets_ && buckets_ < maxBuckets) split();
+    while (4 * count_ > recordsPerFourBuckets * buckets_ && buckets_ < maxBuckets) split();
   } catch (NoSpaceException const&) {
   } catch (Pallo::CorruptionDetectedException const&) {
   }
@@ -506,10 +460,10 @@ void TableWriter::split() {
   ensureIndexChunk(fresh);
   Chain const chain = gather(old);
   std::vector<U64> moved;
-  std::vector<std::atomic<U64>*> cleared;
-  for (std::atomic<U64>* line : chain.lines) {
+  std::vector<Word*> cleared;
+  for (Word* line : chain) {
     for (unsigned i = 0; i < entriesPerLine; ++i) {
-      U64 const entry = line[i].load(std::memory_order_relaxed);
+      U64 const entry = relaxed(line[i]);
       if (entry == 0) continue;
       bool const sound = isSound(entry);
       if (sound && bucketOf(view_->hash(keyOf(entry)), fresh + 1) == old) continue;
@@ -520,29 +474,29 @@ void TableWriter::split() {
   reserveLines(moved.empty() ? 0 : (moved.size() - 1) / entriesPerLine);
   writeBucket(fresh, moved);
   storeGuarded(bucketsAt, ++buckets_);
-  for (std::atomic<U64>* word : cleared) store(*word, 0);
+  for (Word* word : cleared) store(*word, 0);
   dropEmptyLines(old, chain);
   ++counters_.splits;
 }
 
 void TableWriter::writeBucket(U64 bucket, std::vector<U64> const& entries) {
-  std::atomic<U64>* line = view_->line(bucket);
+  Word* line = view_->line(bucket);
   std::size_t at = 0;
   for (U64 depth = 0; line; ++depth) {
     for (unsigned i = 0; i < entriesPerLine; ++i, ++at) store(line[i], at < entries.size() ? entries[at] : 0);
     U64 const next = at < entries.size() ? takeLine() : 0;
-    store(line[7], link(next, bucket, depth));
+    store(line[linkInLine], link(next, bucket, depth));
     line = next ? view_->word(next * unitBytes) : nullptr;
   }
 }
 
 void TableWriter::dropEmptyLines(U64 bucket, Chain const& chain) {
-  for (U64 depth = chain.lines.size() - 1; depth > 0; --depth) {
-    std::atomic<U64>* const line = chain.lines[depth];
+  for (U64 depth = chain.size() - 1; depth > 0; --depth) {
+    Word* const line = chain[depth];
     for (unsigned i = 0; i < entriesPerLine; ++i)
-      if (line[i].load(std::memory_order_relaxed) != 0) return;
-    std::atomic<U64>& before = chain.lines[depth - 1][7];
-    U64 const unit = *linkUnit(before.load(std::memory_order_relaxed), bucket, depth - 1);
+      if (relaxed(line[i]) != 0) return;
+    Word& before = chain[depth - 1][linkInLine];
+    U64 const unit = *linkUnit(relaxed(before), bucket, depth - 1);
     store(before, link(0, bucket, depth - 1));
     freeLines_.push_back(static_cast<U32>(unit));
   }
@@ -554,42 +508,37 @@ void TableWriter::takeOver() {
   buckets_ = view_->buckets();
   chunks_ = view_->chunks();
   head_ = view_->head();
+  view_->size();  // throws when it is damaged
   kinds_.assign(chunks_, Kind::slots);
-  surveyDirectories();
+  readDirectories();
   undoLastSplit();
-  Survey survey;
-  surveyIndex(survey);
-  count_ = survey.count;
-  auto const counted = unguard(view_->word(countAt)->load(), countAt);
-  if (counted != count_) {
-    storeGuarded(countAt, count_);
-    ++counters_.repaired;
-  }
-  adoptFree(survey);
+  Survey const found = survey();
+  count_ = found.count;
+  adoptFree(found);
   finishAnnouncement();
+  if (count_ == view_->size()) return;
+  storeGuarded(countAt, count_);
+  ++counters_.repaired;
 }
 
 // Chunks that are in no directory hold slots.
-void TableWriter::surveyDirectories() {
+void TableWriter::readDirectories() {
   U64 const ring = view_->header().ringEntries;
-  surveyDirectory(indexDirectoryAt(ring), Kind::index);
-  overflowChunks_ = surveyDirectory(overflowDirectoryAt(ring), Kind::overflow);
+  readDirectory(indexDirectoryAt(ring), Kind::index);
+  overflowChunks_ = readDirectory(overflowDirectoryAt(ring), Kind::overflow);
   for (U64 bucket = 0; bucket < buckets_; bucket += linesPerChunk)
-    if (!view_->line(bucket)) throwDirectoryDamage();
+    if (!view_->line(bucket)) throwLinesDamage(bucket);
 }
 
-void TableWriter::throwDirectoryDamage() const {
-  throw Pallo::CorruptionDetectedException(view_->damage("the directory of the index is damaged"));
-}
-
-U64 TableWriter::surveyDirectory(U64 offset, Kind kind) {
+U64 TableWriter::readDirectory(U64 offset, Kind kind) {
   U64 entries = 0;
   for (; entries < directoryEntries; ++entries) {
     U64 const place = offset + entries * 8;
     U64 const word = view_->word(place)->load();
     if (word == 0) break;
     auto const chunk = unguard(word, place);
-    if (!chunk || *chunk >= chunks_ || kinds_[*chunk] != Kind::slots) throwDirectoryDamage();
+    if (!chunk || *chunk >= chunks_ || kinds_[*chunk] != Kind::slots)
+      throw Pallo::CorruptionDetectedException(view_->damage("the directory of the index is damaged"));
     kinds_[*chunk] = kind;
   }
   return entries;
@@ -600,15 +549,9 @@ void TableWriter::undoLastSplit() {
   if (buckets_ == firstBuckets) return;
   U64 const fresh = buckets_ - 1;
   U64 const old = fresh - std::bit_floor(fresh);
-  Chain chain;
-  try {
-    chain = gather(old);
-  } catch (Pallo::CorruptionDetectedException const&) {
-    return;
-  }
-  for (std::atomic<U64>* line : chain.lines) {
+  for (Word* line : gather(old)) {
     for (unsigned i = 0; i < entriesPerLine; ++i) {
-      U64 const entry = line[i].load(std::memory_order_relaxed);
+      U64 const entry = relaxed(line[i]);
       if (entry == 0 || !isSound(entry) || bucketOf(view_->hash(keyOf(entry)), buckets_) != fresh) continue;
       store(line[i], 0);
       ++counters_.repaired;
@@ -616,59 +559,87 @@ void TableWriter::undoLastSplit() {
   }
 }
 
-void TableWriter::surveyIndex(Survey& survey) {
+TableWriter::Survey TableWriter::survey() {
+  Survey survey;
   survey.slots.assign(chunks_ * slotsPerChunk(), false);
   survey.lines.assign(chunks_ * linesPerChunk, false);
   for (U64 bucket = 0; bucket < buckets_; ++bucket) surveyBucket(survey, bucket);
+  return survey;
 }
 
+// Throws when an entry or a link is damaged, or a line has two owners.
 void TableWriter::surveyBucket(Survey& survey, U64 bucket) {
-  std::atomic<U64>* line = view_->line(bucket);
-  for (U64 depth = 0; line; ++depth) {
-    surveyLine(survey, line);
-    auto const unit = linkUnit(line[7].load(std::memory_order_relaxed), bucket, depth);
-    if (unit && *unit == 0) return;
-    U64 const index = unit ? *unit - view_->header().chunkStart / unitBytes : 0;
-    bool const sound = unit && index < survey.lines.size() &&
-                       kinds_[index / linesPerChunk] == Kind::overflow && !survey.lines[index];
-    if (!sound) break;
-    survey.lines[index] = true;
-    line = view_->overflowLine(*unit);
-  }
-  survey.damaged = true;
-}
-
-void TableWriter::surveyLine(Survey& survey, std::atomic<U64> const* line) const {
-  for (unsigned i = 0; i < entriesPerLine; ++i) {
-    U64 const entry = line[i].load(std::memory_order_relaxed);
-    if (entry == 0) continue;
-    ++survey.count;
-    if (!entryIntact(entry) || !isSlot(entryUnit(entry))) {
-      survey.damaged = true;
-      continue;
+  U64 depth = 0;
+  for (Word* line = view_->line(bucket); line; line = nextLine(line, bucket, depth++)) {
+    if (depth > 0) {
+      U64 const index = static_cast<U64>(line - view_->word(view_->header().chunkStart)) / wordsPerLine;
+      if (kinds_[index / linesPerChunk] != Kind::overflow || survey.lines[index]) throwLinesDamage(bucket);
+      survey.lines[index] = true;
     }
-    U64 const inside = entryUnit(entry) * unitBytes - view_->header().chunkStart;
-    survey.slots[inside / chunkBytes * slotsPerChunk() + inside % chunkBytes / view_->header().slotBytes] =
-        true;
+    for (unsigned i = 0; i < entriesPerLine; ++i) {
+      U64 const entry = relaxed(line[i]);
+      if (entry == 0) continue;
+      if (!entryIntact(entry) || !isSlot(entryUnit(entry))) throwLinesDamage(bucket);
+      U64 const inside = entryUnit(entry) * unitBytes - view_->header().chunkStart;
+      U64 const place = inside % chunkBytes / view_->header().slotBytes;
+      survey.slots[inside / chunkBytes * slotsPerChunk() + place] = true;
+      ++survey.count;
+    }
   }
 }
 
-// Beside a damaged index nothing is reused: what seems free may be what the damage hides.
+// A slot in no line is free. What a killed writer wrote into one and did not publish is nobody's record.
 void TableWriter::adoptFree(Survey const& survey) {
-  if (survey.damaged) return;
   for (U64 chunk = 0; chunk < chunks_; ++chunk) {
-    for (U64 i = 0; kinds_[chunk] == Kind::slots && i < slotsPerChunk(); ++i)
-      if (!survey.slots[chunk * slotsPerChunk() + i]) idleSlots_.push_back(slotUnit(chunk, i));
+    for (U64 i = 0; kinds_[chunk] == Kind::slots && i < slotsPerChunk(); ++i) {
+      if (survey.slots[chunk * slotsPerChunk() + i]) continue;
+      U32 const unit = slotUnit(chunk, i);
+      Word& slotState = view_->slot(unit)[1];
+      if (U64 const found = relaxed(slotState); found != 0 && !isFreed(found))
+        store(slotState, state(generation(found), freed));
+      idleSlots_.push_back(unit);
+    }
     for (U64 i = 0; kinds_[chunk] == Kind::overflow && i < linesPerChunk; ++i)
       if (!survey.lines[chunk * linesPerChunk + i]) freeLines_.push_back(lineUnit(chunk, i));
   }
 }
 
-// The change that was under way may have been published; telling of one that was not does no harm.
+// The change that was under way may have been published; announcing one that was not does no harm. A removal that
+// was published still has its entry.
 void TableWriter::finishAnnouncement() {
-  if (!view_->changedKey(head_)) return;
+  auto const key = view_->changedKey(head_);
+  if (!key) return;
+  Spot const spot = locate(*key, view_->hash(*key));
+  if (spot.word && isFreed(relaxed(view_->slot(entryUnit(spot.entry))[1]))) {
+    store(*spot.word, 0);
+    idleSlots_.push_back(static_cast<U32>(entryUnit(spot.entry)));
+    --count_;
+  }
   storeGuarded(headAt, ++head_);
   ++counters_.repaired;
 }
+
+// ---- The face
+
+class FileWriter::State : public TableWriter {
+ public:
+  using TableWriter::TableWriter;
+};
+
+FileWriter::FileWriter(std::string const& path, Shape const& shape, WriterOptions const& options)
+    : state_(std::make_unique<State>(path, shape, options)) {}
+FileWriter::~FileWriter() = default;
+void FileWriter::put(U64 key, std::byte const* image, Extent extent) {
+  state_->put(key, reinterpret_cast<U64 const*>(image), extent);
+}
+bool FileWriter::remove(U64 key) { return state_->remove(key); }
+void FileWriter::removeAll() { state_->removeAll(); }
+Extent FileWriter::read(U64 key, std::byte* image) const {
+  return state_->view().read(key, reinterpret_cast<U64*>(image));
+}
+std::optional<FilePlace> FileWriter::walk(U64 hint) const { return state_->view().walk(hint); }
+U64 FileWriter::size() const { return state_->view().size(); }
+U64 FileWriter::changes() const { return state_->view().head(); }
+WriterCounters FileWriter::counters() const { return state_->counters(); }
 
 }  // namespace Shoal

@@ -1,93 +1,60 @@
 // SPDX-License-Identifier: Apache-2.0
-// The watcher's side of waking: a descriptor to poll, which becomes readable when there may be something to
-// handle.
+// Watch: a descriptor to poll, which becomes readable when there may be something new about a table at a path: a
+// change in it, another file, another writer.
+//
+// Three sources, the later ones for what the earlier ones cannot tell: the slot's FIFO, for changes and for a
+// writer's end; inotify on the table's directory, for a file that appears, replaces the table or was written over;
+// and a look once a second, for all else: a writer that had not noticed this watcher when it died, a wake-up that
+// somebody stole, a system without a descriptor to spare.
 //
 // Invariants: asleepIs(true) before the last look at the table: then whoever changes it afterwards wakes this
-//   watcher.
-// Ownership: owns its files in the side directory, which go with it. Where that directory was made anew, the
-//   watch moves there; its descriptor stays the same.
+//   watcher. Whatever happens, it wakes once a second.
+// Ownership: owns its descriptors and its slot.
 // Threading: one thread.
-// Cost: asleep, nothing; awake, the writer sends nothing. For want of descriptors, a look ten times a second.
-// Errors: FileException when the side directory cannot be used.
+// Cost: awake, the writer sends nothing.
+// Errors: FileException at construction when the process has no descriptors for it.
 #pragma once
 
-#include <memory>
+#include <optional>
 #include <string>
-#include <vector>
 
-#include "shoal/side_directory.h"
+#include "pallo/descriptor.h"
+#include "pallo/poller.h"
+#include "shoal/presence.h"
 
 namespace Shoal {
 
 class Watch {
  public:
-  explicit Watch(std::string const& tablePath);
-  ~Watch();
-  Watch(Watch const&) = delete;
-  Watch& operator=(Watch const&) = delete;
+  explicit Watch(std::string tablePath);
 
-  int fd() const { return poll_; }
-  void asleepIs(bool asleep) { seat_->page->word().store(asleep ? 1 : 0, std::memory_order_seq_cst); }
-  // Makes the descriptor readable until the next drain().
-  void wakeSelf();
-  // The same in a tenth of a second, for what is wanting now: descriptors, perhaps.
-  void wakeSelfSoon();
+  int fd() const { return poller_.fd(); }
+  void asleepIs(bool asleep);
+  // Makes the descriptor readable at once, or in a tenth of a second.
+  void lookAgain() { wakeIn(1); }
+  void lookAgainSoon() { wakeIn(100'000'000); }
+
   struct News {
-    bool fileMayBeAnother = false;  // something of the table's name appeared, or was written and closed
-    bool writerWent = false;        // a writer closed the table, or died
-    std::string problem;            // why the watch could not move; it is tried again soon
+    bool fileMayBeAnother = false;
+    bool writerMayHaveEnded = false;
+    std::string problem;  // why changes are told late from now on; said once
   };
-  // From now on it is the file that is at the path now.
-  void fileIsNew();
-  // Takes what made the descriptor readable.
-  News drain();
+  // Takes what made the descriptor readable. `table` is the table's file, -1 when there is none.
+  News drain(int table);
 
  private:
-  struct Writer {
-    int socket;
-    int event;
-  };
-  // What it has in the side directory.
-  struct Seat {
-    explicit Seat(std::string const& tablePath);
-    ~Seat();
-    Seat(Seat const&) = delete;
-    Seat& operator=(Seat const&) = delete;
-    void take();
-    void listen();
-
-    SideDirectory directory;
-    std::string name;  // of its page and socket, without the suffix
-    int listener = -1;
-    std::unique_ptr<SharedPage> page;
-    std::unique_ptr<SharedPage> bell;
-  };
-  void begin();
-  void end();
-  void sit();
-  void move(News& news);
-  void ring() { seat_->bell->word().fetch_add(1, std::memory_order_seq_cst); }
-  void add(int fd, U64 tag, U32 events);
-  void welcome(News& news);
-  void forget(std::vector<Writer>::iterator writer);
-  bool hear(int socket);
+  void wakeIn(long nanoseconds);
+  void watchDirectory();
   void readDirectoryNews(News& news);
+  void registerAnew(int table, News& news);
 
-  static constexpr std::size_t maxWriters = 8;
   std::string const tablePath_;
   std::string const fileName_;
-  int poll_ = -1;
-  int self_ = -1;
-  int timer_ = -1;
-  int directoryNews_ = -1;
-  int tableWatch_ = -1;
-  int sideWatch_ = -1;
-  int fileWatch_ = -1;
-  std::unique_ptr<Seat> seat_;
-  bool moveOwed_ = false;
-  bool moveFailed_ = false;      // and it was said
-  bool deaf_ = false;            // to the listener, while there is no descriptor for who knocks
-  std::vector<Writer> writers_;  // usually one; a successor may be met before the end of the last is seen
+  Pallo::Poller poller_;
+  Pallo::Descriptor timer_;
+  Pallo::Descriptor directoryNews_;
+  std::optional<Registration> registration_;
+  std::string problem_;
 };
 
 }  // namespace Shoal

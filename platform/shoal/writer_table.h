@@ -1,22 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 // WriterTable<R>: a table in a file, of which this object is the one writer.
 //
-// Invariants, Cost: those of TableWriter. Its own watchers are told at once, as a LocalTable's are.
+// Invariants, Cost: those of FileWriter. Its own watchers are told at once, as a LocalTable's are.
 // Ownership: the writer's lock goes with the object, or with the process.
 // Threading: one thread.
 // Errors: FileException when the file is not such a table; WriterLockedException, naming the process that
-//   holds it; NoSpaceException when the file system is full, and the table is as it was.
+//   holds it; NoSpaceException when the file system is full, and the table is as it was. Damage of the index is
+//   healed from the records; a damaged record is replaced by the next write of its key.
 #pragma once
 
 #include <array>
 #include <string>
-#include <utility>
 
+#include "pallo/exception.h"
 #include "shoal/error.h"
-#include "shoal/image.h"
-#include "shoal/straight_read.h"
 #include "shoal/table.h"
-#include "shoal/table_writer.h"
+#include "shoal/table_file.h"
 
 namespace Shoal {
 
@@ -29,48 +28,43 @@ class WriterTable : public Table<R> {
 
   // Opens the table at `path`, or makes it.
   explicit WriterTable(std::string const& path, WriterOptions const& options = {})
-      : Table<R>(path), writer_(path, shapeOf<R>(), options) {
-    writer_.view().damageSinkIs([this](std::string_view what) { this->corruptionDetected(what); });
-  }
+      : Table<R>(path), file_(path, shapeOf<R>(), options) {}
 
   R entry(Key const& key) const override {
-    R record = StraightRead<R>::blank();
-    bool const found = straight_(writer_.view(), record, key.value()) ||
-                       (LiesAsItsImage<R> && StraightRead<R>::overCopy(writer_.view(), record, key.value()));
-    if (!found) record = recordOf<R>(writer_.view(), key);
+    R record = Traits::unset();
+    Extent const extent = file_.read(key.value(), Traits::image(record));
+    if (extent.isEmpty()) return Traits::empty();
+    Traits::accept(record, extent);
     return record;
   }
-  std::optional<Place> first() const override { return walk(0); }
-  std::optional<Place> next(Place const& place) const override { return walk(place.hint); }
-  U64 size() const override { return writer_.view().size(); }
+  std::optional<Place> first() const override { return placeOf(file_.walk(0)); }
+  std::optional<Place> next(Place const& place) const override { return placeOf(file_.walk(place.hint)); }
+  U64 size() const override { return file_.size(); }
 
   void entryIs(R const& record) override {
-    std::array<std::byte, Traits::bytes> image;
-    Traits::encode(record, image.data());
-    writer_.put(Traits::key(record).value(), image.data());
+    alignas(U64) std::array<std::byte, Traits::bytes> image;
+    Extent const extent = Traits::encode(record, image.data());
+    file_.put(Traits::key(record).value(), image.data(), extent);
     this->notifyEntry(Traits::key(record));
   }
   void entryDel(Key const& key) override {
-    if (writer_.remove(key.value())) this->notifyEntry(key);
+    if (file_.remove(key.value())) this->notifyEntry(key);
   }
   // Removes every record.
   void cleanup() {
-    writer_.removeAll();
+    file_.removeAll();
     this->notifyEntryColl();
   }
-  WriterCounters writerCounters() const { return writer_.counters(); }
+  WriterCounters writerCounters() const { return file_.counters(); }
   // Changes that the file has ever seen, from all its writers.
-  U64 changes() const { return writer_.view().head(); }
+  U64 changes() const { return file_.changes(); }
 
  private:
-  std::optional<Place> walk(U64 hint) const {
-    auto const place = writer_.view().walk(hint);
+  static std::optional<Place> placeOf(std::optional<FilePlace> const& place) {
     if (!place) return std::nullopt;
     return Place{Key(place->key), place->hint};
   }
-
-  typename StraightRead<R>::Function const straight_ = StraightRead<R>::forThisProcessor();
-  mutable TableWriter writer_;
+  FileWriter file_;
 };
 
 }  // namespace Shoal

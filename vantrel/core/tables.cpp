@@ -1,50 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vantrel/core/tables.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include "pallo/exception.h"
-
-namespace {
-
-template <class T>
-T get(std::byte const* at) {
-  T value;
-  std::memcpy(&value, at, sizeof value);
-  return value;
-}
-template <class T>
-void put(std::byte* at, T value) {
-  std::memcpy(at, &value, sizeof value);
-}
-// The usual lengths are known when this is compiled, and their copies a few moves; what copies any length
-// takes longer to begin than they do.
-template <class Array>
-void getArray(std::byte const* image, std::size_t at, std::size_t imageBytes, Array& array) {
-  std::byte const* const elements = image + at + Array::elementsAt;
-  std::size_t const readable = imageBytes - at - Array::elementsAt;
-  switch (U32 const count = get<U32>(image + at)) {
-    case 0:
-      return array.set(elements, 0, readable);
-    case 1:
-      return array.set(elements, 1, readable);
-    case 2:
-      return array.set(elements, 2, readable);
-    case 3:
-      return array.set(elements, 3, readable);
-    case 4:
-      return array.set(elements, 4, readable);
-    default:
-      return array.set(elements, count, readable);
-  }
-}
-template <class Array>
-void putArray(std::byte* at, Array const& array) {
-  put(at, array.count());
-  std::memcpy(at + Array::elementsAt, array.elements().data(), array.elements().size_bytes());
-}
-
-}  // namespace
 
 namespace Vantrel {
 
@@ -62,32 +25,77 @@ EntryConfig readEntry(TableConfig const& table, EntryKey const& key) {
 namespace Shoal {
 
 using Vantrel::EntryConfig;
-using Vantrel::EntryKey;
 using Vantrel::EntryStatus;
-using Vantrel::OpId;
 
-void RecordTraits<EntryConfig>::encode(EntryConfig const& record, std::byte* image) {
-  static_assert(liesAsItsImage());
-  std::memset(image, 0, bytes);
-  std::memcpy(image, &record, tableIndexAt);
-  putArray(image + tableIndexAt, record.tableIndex_);
-  putArray(image + dataAt, record.data_);
-}
-EntryConfig RecordTraits<EntryConfig>::decode(std::byte const* image) {
-  EntryConfig r;
-  std::memcpy(inPlace(r), image, tableIndexAt);
-  r.isDel_ &= deleteMarker;
-  getArray(image, tableIndexAt, bytes, r.tableIndex_);
-  getArray(image, dataAt, bytes, r.data_);
-  return r;
+namespace {
+
+using Indexes = EntryConfig::TableIndexes;
+using Data = EntryConfig::Data;
+
+constexpr std::size_t tableIndexAt = 28;  // their count, and behind it the elements
+constexpr std::size_t dataAt = 100;
+constexpr std::size_t fewestHeadWords = (tableIndexAt + Indexes::elementsAt) / 8;
+constexpr std::size_t tailBegin = RecordTraits<EntryConfig>::tailAt * 8;
+constexpr std::size_t indexesInHead = Indexes::capacity - 1;
+constexpr U16 deleteMarker = 1;
+
+constexpr U32 headWords(U32 indexes) {
+  return static_cast<U32>(fewestHeadWords) + (std::min<U32>(indexes, indexesInHead) + 1) / 2;
 }
 
-void RecordTraits<EntryStatus>::encode(EntryStatus const& record, std::byte* image) {
-  put(image, record.key().value());
-  put(image + 8, record.opId().value());
+[[noreturn]] void throwTooShort(Extent extent) {
+  throw Pallo::CorruptionDetectedException(
+      fmt::format("a record has {} and {} words, too few for its counts", extent.head, extent.tail));
 }
-EntryStatus RecordTraits<EntryStatus>::decode(std::byte const* image) {
-  return {EntryKey(get<U64>(image)), OpId(get<U64>(image + 8))};
+
+// Throws the array's own error when the count is beyond its capacity.
+template <class Array>
+void checkCount(Array const& array, std::size_t readable) {
+  if (array.count() > Array::capacity) [[unlikely]]
+    Array().set(reinterpret_cast<std::byte const*>(&array) + Array::elementsAt, array.count(), readable);
+}
+
+}  // namespace
+
+// What it takes for EntryConfig to lie in memory as its image does.
+struct RecordTraits<EntryConfig>::Layout {
+  static_assert(offsetof(EntryConfig, key_) == 0 && offsetof(EntryConfig, opId_) == 8 &&
+                offsetof(EntryConfig, hdl_) == 16 && offsetof(EntryConfig, pg_) == 20 &&
+                offsetof(EntryConfig, isDel_) == 22 && offsetof(EntryConfig, prio_) == 24 &&
+                offsetof(EntryConfig, tableIndex_) == tableIndexAt &&
+                offsetof(EntryConfig, data_) == dataAt && dataAt + Data::elementsAt == tailBegin + 8 &&
+                alignof(EntryConfig) == alignof(U64) && sizeof(EntryConfig) == bytes);
+};
+
+void RecordTraits<EntryConfig>::accept(EntryConfig& record, Extent extent) {
+  if (extent.head < fewestHeadWords || extent.tail < 1) [[unlikely]]
+    throwTooShort(extent);
+  record.isDel_ &= deleteMarker;
+  checkCount(record.tableIndex_, (extent.head - fewestHeadWords) * 8);
+  checkCount(record.data_, (extent.tail - 1) * 8);
+  if (extent.head < headWords(record.tableIndexs()) || extent.tail < 1 + record.datas()) [[unlikely]]
+    throwTooShort(extent);
+}
+
+Extent RecordTraits<EntryConfig>::encode(EntryConfig const& record, std::byte* image) {
+  Extent const extent{headWords(record.tableIndexs()), 1 + record.datas()};
+  auto const* const from = reinterpret_cast<std::byte const*>(&record);
+  std::size_t const indexesEnd =
+      tableIndexAt + Indexes::elementsAt + record.tableIndex_.elements().size_bytes();
+  std::memset(image + tailBegin, 0, sizeof(U32));  // the seventeenth table index
+  std::memset(image + (extent.head - 1) * 8, 0, 8);
+  std::memcpy(image, from, indexesEnd);
+  std::memcpy(image + dataAt, from + dataAt, Data::elementsAt + record.data_.elements().size_bytes());
+  return extent;
+}
+
+void RecordTraits<EntryStatus>::accept(EntryStatus&, Extent extent) {
+  if (extent.head != tailAt) throwTooShort(extent);
+}
+
+Extent RecordTraits<EntryStatus>::encode(EntryStatus const& record, std::byte* image) {
+  std::memcpy(image, &record, bytes);
+  return {tailAt, 0};
 }
 
 }  // namespace Shoal

@@ -7,12 +7,15 @@
 // Bit 0 of flags is the delete marker; the other bits are zero. Elements beyond a count are zero.
 // Image of an EntryStatus, 16 bytes: 0 key 8 | 8 opId 8.
 //
-// Invariants: decode(encode(r)) == r, and equal records have equal images.
+// The file keeps of an image what counts: the head as far as the last table index, and the tail, which begins at 96
+// and holds the seventeenth table index, as far as the last data word.
+//
+// Invariants: a record lies in memory as its image does; equal records have equal images.
 // Threading: none of its own; a table belongs to its thread.
-// Cost: what is copied is what counts, not the capacity of the arrays; an image is zero beyond. An
-//   EntryConfig is read from a file straight to where it is wanted.
-// Errors: Pallo::InvalidSizeException from decode() for a count beyond its array. readEntry() reports damage
-//   to the table and throws nothing for it.
+// Cost: what is copied is what counts, not the capacity of the arrays. A record is read from a file straight to where
+//   it is wanted.
+// Errors: Pallo::InvalidSizeException for a count beyond its array, Pallo::CorruptionDetectedException for an image
+//   that ends too early. readEntry() reports damage to the table and throws nothing for it.
 #pragma once
 
 #include <cstddef>
@@ -29,35 +32,17 @@ struct RecordTraits<Vantrel::EntryConfig> {
   static constexpr std::string_view typeName = "EntryConfig";
   static constexpr U32 version = 1;
   static constexpr std::size_t bytes = 616;
+  static constexpr std::size_t tailAt = 12;
   static Key key(Vantrel::EntryConfig const& r) { return r.key(); }
   static Vantrel::EntryConfig empty() { return {}; }
-  static VANTREL_API void encode(Vantrel::EntryConfig const& record, std::byte* image);
-  static VANTREL_API Vantrel::EntryConfig decode(std::byte const* image);
-
-  static constexpr std::size_t fixedBytes = 104;  // all but the data words
   static Vantrel::EntryConfig unset() { return Vantrel::EntryConfig(Vantrel::EntryConfig::Unset()); }
-  static std::byte* inPlace(Vantrel::EntryConfig& r) { return reinterpret_cast<std::byte*>(&r); }
-  static bool isComplete(Vantrel::EntryConfig const& r, U64 words) {
-    return r.isDel_ <= deleteMarker && r.tableIndex_.count() <= r.tableIndex_.capacity &&
-           r.data_.count() <= words - fixedBytes / sizeof(U64);
-  }
+  static std::byte* image(Vantrel::EntryConfig& r) { return reinterpret_cast<std::byte*>(&r); }
+  static VANTREL_API void accept(Vantrel::EntryConfig& record, Extent extent);
+  static VANTREL_API Extent encode(Vantrel::EntryConfig const& record, std::byte* image);
 
  private:
-  static constexpr U16 deleteMarker = 1;
-  static constexpr std::size_t tableIndexAt = 28;
-  static constexpr std::size_t dataAt = 100;
-  static constexpr bool liesAsItsImage();
+  struct Layout;
 };
-
-constexpr bool RecordTraits<Vantrel::EntryConfig>::liesAsItsImage() {
-  using Vantrel::EntryConfig;
-  return offsetof(EntryConfig, key_) == 0 && offsetof(EntryConfig, opId_) == 8 &&
-         offsetof(EntryConfig, hdl_) == 16 && offsetof(EntryConfig, pg_) == 20 &&
-         offsetof(EntryConfig, isDel_) == 22 && offsetof(EntryConfig, prio_) == 24 &&
-         offsetof(EntryConfig, tableIndex_) == tableIndexAt && offsetof(EntryConfig, data_) == dataAt &&
-         dataAt + EntryConfig::Data::elementsAt == fixedBytes && fixedBytes % alignof(U64) == 0 &&
-         alignof(EntryConfig) == alignof(U64) && sizeof(EntryConfig) == bytes;
-}
 
 template <>
 struct RecordTraits<Vantrel::EntryStatus> {
@@ -65,10 +50,13 @@ struct RecordTraits<Vantrel::EntryStatus> {
   static constexpr std::string_view typeName = "EntryStatus";
   static constexpr U32 version = 1;
   static constexpr std::size_t bytes = 16;
+  static constexpr std::size_t tailAt = 2;
   static Key key(Vantrel::EntryStatus const& r) { return r.key(); }
   static Vantrel::EntryStatus empty() { return {}; }
-  static VANTREL_API void encode(Vantrel::EntryStatus const& record, std::byte* image);
-  static VANTREL_API Vantrel::EntryStatus decode(std::byte const* image);
+  static Vantrel::EntryStatus unset() { return {}; }
+  static std::byte* image(Vantrel::EntryStatus& r) { return reinterpret_cast<std::byte*>(&r); }
+  static VANTREL_API void accept(Vantrel::EntryStatus& record, Extent extent);
+  static VANTREL_API Extent encode(Vantrel::EntryStatus const& record, std::byte* image);
 };
 
 }  // namespace Shoal

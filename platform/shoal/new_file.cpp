@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "shoal/new_file.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/mman.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <utility>
+
+#include "pallo/file_lock.h"
+#include "shoal/error.h"
+#include "shoal/mapping.h"
+
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
+namespace Shoal {
+
+using namespace Format;
+
+namespace {
+
+[[noreturn]] void failToMake(std::string const& path, std::string_view why) {
+  throw FileException(FileException::Reason::notAllowed, fmt::format("{}: cannot be made: {}", path, why));
+}
+
+// The process's number space, so that another one's numbers are not taken for its own.
+U64 numberSpace() {
+  struct stat status {};
+  return stat("/proc/self/ns/pid", &status) == 0 ? status.st_ino & 0xFFFF'FFFFU : 0;
+}
+
+// An empty table: the header, and one chunk of index of which the first buckets are in use.
+void writeEmptyTable(std::byte* base, Header const& header) {
+  auto const put = [&](U64 offset, U64 value) { std::memcpy(base + offset, &value, sizeof value); };
+  for (U64 bucket = 0; bucket < firstBuckets; ++bucket)
+    put(header.chunkStart + bucket * unitBytes + linkInLine * 8, link(0, bucket, 0));
+  U64 const directory = indexDirectoryAt(header.ringEntries);
+  put(directory, guard(0, directory));
+  put(bucketsAt, guard(firstBuckets, bucketsAt));
+  put(chunksAt, guard(1, chunksAt));
+  put(countAt, guard(0, countAt));
+  put(headAt, guard(0, headAt));
+  for (U64 const at : {U64{0}, headerCopyAt}) std::memcpy(base + at, &header, sizeof header);
+}
+
+}  // namespace
+
+Header newHeader(Shape const& shape, U32 ringEntries) {
+  Header header{};
+  header.magic = magic;
+  header.version = Format::version;
+  header.recordVersion = shape.version;
+  shape.typeName.copy(header.typeName, sizeof header.typeName - 1);
+  header.imageBytes = static_cast<U32>(shape.imageBytes);
+  header.tailAt = shape.tailAt;
+  header.slotBytes = static_cast<U32>(slotBytes(shape.imageBytes));
+  header.ringEntries = std::clamp<U32>(std::bit_ceil(ringEntries), 16, 1U << 20);
+  header.chunkStart = static_cast<U32>(chunkStart(header.ringEntries));
+  if (getrandom(header.hash, sizeof header.hash, 0) != sizeof header.hash ||
+      getrandom(&header.fileId, sizeof header.fileId, 0) != sizeof header.fileId)
+    throw Pallo::Exception("no random numbers to be had for a new table");
+  header.madeAt = static_cast<U64>(time(nullptr));
+  header.checksum = XXH3_64bits(&header, offsetof(Header, checksum));
+  return header;
+}
+
+// The holder's number lies in the file, for this message alone.
+void lockForWriting(std::string const& path, int file) {
+  U64 holder = 0;
+  if (Pallo::FileLock::take(file, writerAt)) {
+    holder = static_cast<U64>(getpid()) | numberSpace() << 32;
+    if (pwrite(file, &holder, sizeof holder, writerAt) == sizeof holder) return;
+    failToMake(path, std::strerror(errno));
+  }
+  if (errno != EAGAIN && errno != EACCES)
+    throw FileException(FileException::Reason::notAllowed,
+                        fmt::format("{}: cannot be locked: {}", path, std::strerror(errno)));
+  bool const isSeen = pread(file, &holder, sizeof holder, writerAt) == sizeof holder &&
+                      holder >> 32 == numberSpace() && numberSpace() != 0;
+  int const pid = isSeen ? static_cast<int>(holder) : 0;
+  std::string const who =
+      pid > 0 ? fmt::format("process {}", pid) : std::string("a process that is not visible from here");
+  throw WriterLockedException(fmt::format("{}: {} is writing this table, and a table has one writer", path, who),
+                              pid);
+}
+
+void allocate(int file, std::string const& path, U64 offset, U64 bytes) {
+  struct stat before {};
+  fstat(file, &before);
+  int error;
+  do error = posix_fallocate(file, static_cast<off_t>(offset), static_cast<off_t>(bytes));
+  while (error == EINTR);
+  if (error == 0) return;
+  if (ftruncate(file, before.st_size) != 0) error = errno;
+  throw NoSpaceException(
+      fmt::format("{}: the table cannot grow, and is as it was: {}", path, std::strerror(error)));
+}
+
+NewFile::NewFile(std::string path, Header const& header) : path_(std::move(path)), fresh_(path_ + ".new") {
+  open();
+  try {
+    U64 const bytes = header.chunkStart + chunkBytes;
+    allocate(fd(), path_, 0, bytes);
+    void* const base = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd(), 0);
+    if (base == MAP_FAILED) failToMake(path_, std::strerror(errno));
+    writeEmptyTable(static_cast<std::byte*>(base), header);
+    munmap(base, bytes);
+  } catch (...) {
+    ::unlink(fresh_.c_str());
+    throw;
+  }
+}
+
+// Whoever made it last may have moved it to its place between the opening and the locking.
+void NewFile::open() {
+  for (;;) {
+    file_ = Pallo::Descriptor(
+        ::open(fresh_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0660));
+    if (!file_) failToMake(path_, std::strerror(errno));
+    struct stat here {};
+    struct stat there {};
+    fstat(fd(), &here);
+    if (!S_ISREG(here.st_mode) || here.st_uid != geteuid() || here.st_nlink > 1)
+      failToMake(path_, fmt::format("{} is in the way, which another made", fresh_));
+    lockForWriting(path_, fd());
+    if (lstat(fresh_.c_str(), &there) == 0 && here.st_ino == there.st_ino && here.st_dev == there.st_dev) break;
+  }
+  U64 const holder = static_cast<U64>(getpid()) | numberSpace() << 32;
+  if (ftruncate(fd(), 0) != 0 || pwrite(fd(), &holder, sizeof holder, writerAt) != sizeof holder)
+    failToMake(path_, std::strerror(errno));
+}
+
+NewFile::~NewFile() {
+  if (file_) ::unlink(fresh_.c_str());
+}
+
+Pallo::Descriptor NewFile::publish(bool replace) {
+  unsigned const how = replace ? 0U : RENAME_NOREPLACE;
+  if (::renameat2(AT_FDCWD, fresh_.c_str(), AT_FDCWD, path_.c_str(), how) == 0) return std::move(file_);
+  if (errno != EEXIST) failToMake(path_, std::strerror(errno));
+  return {};
+}
+
+}  // namespace Shoal

@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+// Presence: who watches a table, who of them sleeps, and how the writer wakes them.
+//
+//   FILE.watch/slots      | asleep 0 | asleep 1 | ... | asleep 255 |        | registrations |     one page, mapped
+//   FILE.watch/0 ... 255  a FIFO for each slot
+//
+//   watcher                                        writer
+//   locks a byte of `slots`: that is its slot      announces a change in the table
+//   registrations + 1                              registrations changed? look which bytes are locked
+//   asleep = 1                                     asleep? then asleep = 0, and a byte into the slot's FIFO
+//   last look at the table, then poll the FIFO
+//
+// The change is announced before registrations and flags are read, and a watcher registers and says that it sleeps
+// before its last look: one of the two sees the other. (testing/shoal/wake.pml is the model.) A watcher that died
+// has no lock any more. A writer that died has closed the FIFOs, which its watchers see as a hang-up.
+//
+// What it does not do: withstand members of the table's group. One who overwrites the flags or reads a FIFO that is
+// not his delays a wake-up until the watcher's next look, which Watch takes once a second.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "pallo/descriptor.h"
+#include "pallo/guard.h"
+#include "pallo/types.h"
+
+namespace Shoal {
+
+// The directory FILE.watch.
+//
+// Invariants: it and all in it belong to one user, who is the table's owner, root, or this process's; nobody else
+//   may write it. So nobody acts on what another put there: watchers make nothing, and a writer only in a directory
+//   of its own. Whoever may read the table may open what is inside.
+// Errors: FileException.
+class Sidecar {
+ public:
+  static constexpr unsigned slots = 256;
+
+  // The writer's: made, or completed when a writer was killed while it made it. `table` is the table's file.
+  static Sidecar make(std::string const& tablePath, int table);
+  // A watcher's.
+  static Sidecar open(std::string const& tablePath, int table);
+
+  // The page of flags, and a slot's FIFO.
+  Pallo::Descriptor openSlots() const;
+  Pallo::Descriptor openFifo(unsigned slot, int mode) const;
+  // The directory at the path is this one.
+  bool isCurrent() const;
+
+ private:
+  explicit Sidecar(std::string path);
+  void checkOwner(int table) const;
+  void complete(int table) const;
+
+  std::string path_;
+  Pallo::Descriptor directory_;
+};
+
+// The page of flags, mapped. Others may write anything into it, or truncate the file.
+//
+// Threading: one thread; other processes at the same time.
+class Flags {
+ public:
+  static constexpr U64 bytes = 4096;
+
+  explicit Flags(Pallo::Descriptor file);
+  ~Flags();
+  Flags(Flags const&) = delete;
+  Flags& operator=(Flags const&) = delete;
+
+  int fd() const { return file_.get(); }
+  std::atomic<U32>& asleep(unsigned slot) const { return words_[slot]; }
+  // Never 0, unless the file was truncated.
+  std::atomic<U32>& registrations() const { return words_[bytes / sizeof(U32) - 1]; }
+  // The page is no longer the file's.
+  bool isLost() const { return guard_.hit(); }
+  // Gives the file its length back, and maps it again.
+  void restore();
+
+ private:
+  Pallo::Descriptor file_;
+  std::atomic<U32>* words_;
+  Pallo::GuardedWindow guard_;
+};
+
+// The writer's side.
+//
+// Invariants: nothing is sent to a watcher that does not sleep. Nothing a watcher does makes the writer wait.
+// Cost: a change that wakes nobody costs one load, and one for each watcher. A watcher costs a descriptor.
+class Doorbells {
+ public:
+  explicit Doorbells(Sidecar sidecar);
+
+  // After a change was announced: wakes those who sleep.
+  void ring();
+  U64 rung() const { return rung_; }
+
+ private:
+  struct Watcher {
+    unsigned slot;
+    Pallo::Descriptor fifo;
+  };
+  void findWatchers();
+  void wake(Watcher const& watcher);
+
+  Sidecar const sidecar_;
+  Flags flags_;
+  std::vector<Watcher> watchers_;
+  U32 seen_ = 0;  // registrations, when the locks were looked at
+  U64 rung_ = 0;
+};
+
+// A watcher's side: its slot.
+//
+// Errors: FileException when there is no slot to be had now.
+class Registration {
+ public:
+  Registration(std::string const& tablePath, int table);
+  ~Registration();
+  Registration(Registration const&) = delete;
+  Registration& operator=(Registration const&) = delete;
+
+  // Readable, or hung up, when there may be something to do.
+  int fd() const { return fifo_.get(); }
+  // Takes what made it readable.
+  void drain() const;
+  void asleepIs(bool asleep) { flags_.asleep(slot_).store(asleep, std::memory_order_seq_cst); }
+  // Nobody will wake this watcher here: the page was truncated, or the directory is another by now.
+  bool isLost() const { return flags_.isLost() || !sidecar_.isCurrent(); }
+  bool isPageLost() const { return flags_.isLost(); }
+
+ private:
+  unsigned takeSlot() const;
+
+  Sidecar const sidecar_;
+  Flags flags_;
+  unsigned const slot_;
+  Pallo::Descriptor fifo_;
+};
+
+}  // namespace Shoal

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+// Salvage: what is in a table by the word of its slots alone, whatever became of the index.
+//
+// Invariants: changes nothing. A record is found when its slot is intact and was not freed; of several of one key,
+//   the newest.
+// Cost: one pass over the file; 24 bytes a record.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "shoal/format.h"
+#include "shoal/mapping.h"
+
+namespace Shoal {
+
+struct Salvaged {
+  struct Record {
+    U64 key;
+    U64 generation;
+    U64 unit;  // of the slot
+  };
+  std::vector<Record> records;
+  std::vector<std::string> damage;  // one sentence for each slot that is not intact
+  U64 newest = 0;                   // the greatest number of a change that left a slot
+};
+
+Salvaged salvage(Mapping const& mapping, Format::Header const& header);
+
+}  // namespace Shoal
