@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ostra/publish.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/timerfd.h>
 
 #include <cerrno>
@@ -18,7 +15,7 @@
 
 #include "ostra/publish_export.h"
 #include "ostra/publish_peer.h"
-#include "ostra/publish_wire.h"
+#include "ostra/publish_socket.h"
 
 namespace Ostra {
 namespace {
@@ -26,47 +23,9 @@ namespace {
 constexpr int eventsAtOnce = 8;
 constexpr int acceptsAtOnce = 16;
 constexpr int ticksAStall = 4;
-constexpr int mostWaiting = 512;  // to be accepted
 
-[[noreturn]] void fail(std::string const& path, std::string_view what) {
-  throw std::runtime_error(fmt::format("management socket {}: {}", path, what));
-}
 [[noreturn]] void failErrno(std::string const& path, std::string_view what) {
-  fail(path, fmt::format("{}: {}", what, std::strerror(errno)));
-}
-
-// Held as long as the publisher lives; the kernel gives it back when the process ends, however it ends.
-Pallo::Descriptor lockFor(std::string const& path) {
-  Pallo::Descriptor lock(::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-  if (!lock) failErrno(path, "cannot create the lock file beside it");
-  if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) fail(path, "a live agent serves it already");
-  return lock;
-}
-
-void checkReplaceable(std::string const& path) {
-  struct stat s {};
-  if (::lstat(path.c_str(), &s) != 0) return;
-  if (!S_ISSOCK(s.st_mode)) fail(path, "the path exists and is not a socket");
-  if (Wire::connectTo(path)) fail(path, "a live agent serves it already");
-}
-
-// The socket appears under its name when it is complete: with its mode, and listening.
-Pallo::Descriptor listenAt(std::string const& path) {
-  std::string const coming = path + ".new";
-  sockaddr_un const address = Wire::address(coming);
-  Pallo::Descriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (!fd) failErrno(path, "cannot make a socket");
-  ::unlink(coming.c_str());
-  if (::bind(fd.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0)
-    failErrno(path, "cannot bind");
-  if (::chmod(coming.c_str(), 0660) != 0 || ::listen(fd.get(), mostWaiting) != 0 ||
-      ::rename(coming.c_str(), path.c_str()) != 0) {
-    int const error = errno;
-    ::unlink(coming.c_str());
-    errno = error;
-    failErrno(path, "cannot listen");
-  }
-  return fd;
+  throw std::runtime_error(fmt::format("management socket {}: {}: {}", path, what, std::strerror(errno)));
 }
 
 itimerspec every(double seconds) {
@@ -81,7 +40,6 @@ itimerspec every(double seconds) {
 class Publisher::Impl {
  public:
   Impl(std::string path, Options const& options);
-  ~Impl();
 
   void exportObject(std::string name, Ptr<Described> object);
   void withdraw(std::string const& name);
@@ -103,9 +61,8 @@ class Publisher::Impl {
 
   std::string const path_;
   Options const options_;
-  Pallo::Descriptor lock_;
+  SocketFile listener_;
   Pallo::Descriptor epoll_;
-  Pallo::Descriptor listener_;
   Pallo::Descriptor wakeUp_;
   Pallo::Descriptor ticks_;
   bool woken_ = false;
@@ -121,20 +78,15 @@ class Publisher::Impl {
 Publisher::Impl::Impl(std::string path, Options const& options)
     : path_(std::move(path)),
       options_(options),
+      listener_(path_),
       epoll_(::epoll_create1(EPOLL_CLOEXEC)),
       wakeUp_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       ticks_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
   if (!epoll_ || !wakeUp_ || !ticks_) failErrno(path_, "no more file descriptors");
-  static_cast<void>(Wire::address(path_ + ".new"));
-  lock_ = lockFor(path_);
-  checkReplaceable(path_);
-  listener_ = listenAt(path_);
-  add(listener_.get(), EPOLLIN);
+  add(listener_.fd(), EPOLLIN);
   add(wakeUp_.get(), EPOLLIN);
   add(ticks_.get(), EPOLLIN);
 }
-
-Publisher::Impl::~Impl() { ::unlink(path_.c_str()); }
 
 void Publisher::Impl::add(int fd, U32 events) {
   epoll_event event{};
@@ -182,7 +134,7 @@ void Publisher::Impl::dispatch() {
 
 void Publisher::Impl::handle(epoll_event const& event) {
   int const fd = event.data.fd;
-  if (fd == listener_.get())
+  if (fd == listener_.fd())
     accept();
   else if (fd == wakeUp_.get())
     news();
@@ -194,11 +146,11 @@ void Publisher::Impl::handle(epoll_event const& event) {
 
 void Publisher::Impl::accept() {
   for (int i = 0; i < acceptsAtOnce; ++i) {
-    Pallo::Descriptor socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    Pallo::Descriptor socket(::accept4(listener_.fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket) {
       if (errno == EMFILE || errno == ENFILE) {  // tried again at the next tick
         accepting_ = false;
-        ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
+        ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.fd(), nullptr);
         itimerspec const pace = every(options_.stallSeconds / ticksAStall);
         ::timerfd_settime(ticks_.get(), 0, &pace, nullptr);
       }
@@ -254,7 +206,7 @@ void Publisher::Impl::news() {
 void Publisher::Impl::dropStalled() {
   U64 count = 0;
   if (::read(ticks_.get(), &count, sizeof count) < 0) return;
-  if (!std::exchange(accepting_, true)) add(listener_.get(), EPOLLIN);
+  if (!std::exchange(accepting_, true)) add(listener_.fd(), EPOLLIN);
   std::vector<int> stalled;
   for (auto& [fd, connection] : peers_)
     if (connection.peer->stalledFor(ticksAStall)) stalled.push_back(fd);
