@@ -266,17 +266,18 @@ bool copiedFrom(M const& map, MemberCursor& cursor, std::size_t& atMost, Members
   return true;
 }
 
-// A map of maps, among which a key's hash chooses: pieces() of them, piece(n). One piece's keys are copied at
-// a time.
+// A map that consists of pieces(), maps among which a key's hash chooses: one piece's keys are copied at a
+// time.
 template <class M>
 void piecesFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
-  while (cursor.part < map.pieces() && copiedFrom(map.piece(cursor.part), cursor, atMost, out)) ++cursor.part;
-  cursor.done = cursor.part >= map.pieces();
+  auto const& pieces = map.pieces();
+  while (cursor.part < pieces.size() && copiedFrom(pieces[cursor.part], cursor, atMost, out)) ++cursor.part;
+  cursor.done = cursor.part >= pieces.size();
 }
 
 template <class M>
 void membersFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
-  if constexpr (requires { map.piece(map.pieces()); })
+  if constexpr (requires { map.pieces()[0].begin(); })
     piecesFrom(map, cursor, atMost, out);
   else if constexpr (requires { map.begin(map.bucket_count()); })
     hashedFrom(map, cursor, atMost, out);

@@ -2,6 +2,7 @@
 // Attributes, collections and operations by their names.
 #include <gmock/gmock.h>
 
+#include <array>
 #include <set>
 
 #include "sample.h"
@@ -184,8 +185,7 @@ class Pieces {
     }
     int mutable walks = 0;
   };
-  std::size_t pieces() const { return std::size(pieces_); }
-  Piece const& piece(std::size_t n) const { return pieces_[n]; }
+  std::array<Piece, 16> const& pieces() const { return pieces_; }
   Piece& of(U64 key) { return pieces_[key % 16]; }
   auto find(U64 key) const { return pieces_[key % 16].find(key); }
   auto begin() const { return pieces_[0].begin(); }
@@ -197,7 +197,7 @@ class Pieces {
   }
 
  private:
-  Piece pieces_[16];
+  std::array<Piece, 16> pieces_;
 };
 
 class InPieces : public Ostra::Described {
