@@ -23,7 +23,7 @@ namespace {
 
 using OstraTest::Sample;
 
-constexpr U64 members = 300;  // more than a line holds
+constexpr U64 few = 20, many = 300;  // members; a line holds 256
 constexpr std::string_view requests[] = {
     R"({"verb":"list","tag":1})",
     R"({"verb":"list","entity":"sample"})",
@@ -63,7 +63,7 @@ class ServesMeanwhile : public Sample::Notifiee {
 class World {
  public:
   World() : meanwhile_(publisher_) {
-    for (U64 k = 0; k < members; ++k) {
+    for (U64 k = 0; k < few; ++k) {
       sample_->hashedIs(k, k);
       sample_->flatIs(k, k);
     }
@@ -135,10 +135,11 @@ class World {
       case 0:
         return sample_->titleIs(std::string(what, 'x'));
       case 1:
-        for (U64 k = what; k < members; k += 7) sample_->hashedIs(k, k * what);
+        for (U64 k = what % 8; k < (what < 24 ? few : many); k += 1 + what % 3)
+          sample_->hashedIs(k, k * what);
         return;
       case 2:
-        for (U64 k = what; k < members; k += 3) sample_->hashedDel(k);
+        for (U64 k = what; k < many; k += 3) sample_->hashedDel(k);
         return;
       default:
         return publisher_.exportObject("sample", sample_);

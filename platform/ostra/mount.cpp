@@ -85,7 +85,7 @@ class Mounted {
   // One that is lost from the beginning when there is nobody to ask.
   std::shared_ptr<Invocation> invocation();
   // Applied again after a watcher threw, an event does what it had not done yet.
-  void apply(Message const& event);
+  void apply(std::string const& event, Message const& line);
 
  private:
   void beginSnapshot();
@@ -125,8 +125,7 @@ std::shared_ptr<Invocation> Mounted::invocation() {
   return made;
 }
 
-void Mounted::apply(Message const& m) {
-  std::string const& event = text(m.event, "event");
+void Mounted::apply(std::string const& event, Message const& m) {
   if (event == "snapshot") return beginSnapshot();
   if (event == "gone") return lost();
   if (event == "live") {
@@ -320,19 +319,21 @@ std::optional<Message> Mounter::nextLine() {
 
 void Mounter::takeLine(Message const& line) try {
   if (!line.event.given()) return takeAnswer(line);
-  std::string const& entity = text(line.entity, "entity");
+  std::string const &event = text(line.event, "event"), &entity = text(line.entity, "entity");
   for (auto const& mounted : Mounts(mounts_))  // a handler may mount
-    if (mounted->entity() == entity) mounted->apply(line);
-  if (*line.event.text() == "gone") retry_.startIs(5 * retrySeconds_);
+    if (mounted->entity() == entity) mounted->apply(event, line);
+  if (event == "gone") retry_.startIs(5 * retrySeconds_);
 } catch (AttributeException const& e) {
   problem_ = e.what();  // a type that differs between the agent and this process
 } catch (Nonsense const& e) {
   disconnect(fmt::format("the agent sent a line that cannot be understood: {}", e.what()));
 }
 
+// An error that answers nothing says why the agent ends the connection.
 void Mounter::takeAnswer(Message const& line) {
   bool const failed = line.error.given();
   if (failed) problem_ = text(line.error, "error");
+  if (failed && !line.tag.given()) return disconnect("the agent ended the connection: " + problem_);
   U64 const* const tag = std::get_if<U64>(&line.tag.value);
   auto const at = tag ? asked_.find(*tag) : asked_.end();
   if (at == asked_.end()) return;

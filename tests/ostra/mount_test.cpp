@@ -426,6 +426,46 @@ class FakeAgent {
   Pallo::Descriptor listener_, peer_;
 };
 
+TEST_F(MountTest, NonsenseEndsTheConnection) {
+  std::vector<std::pair<std::string, std::string>> const lines{
+      {"good morning", "is not a JSON object"},
+      {"[]", "is not a JSON object"},
+      {R"({"event":3,"entity":"nobody"})", "cannot be understood: it needs a text \"event\""},
+      {R"({"event":"live"})", "cannot be understood: it needs a text \"entity\""},
+      {R"({"event":"set","entity":"sample"})", "cannot be understood: it needs a text \"attribute\""},
+      {R"({"event":"set","entity":"sample","attribute":"level"})", "cannot be understood: it needs a value"},
+      {R"({"event":"set","entity":"sample","attribute":"level","value":-1})", "it needs a value \"value\""},
+      {R"({"event":"set","entity":"sample","attribute":"hashed","members":[1]})",
+       "it needs a list \"members\""},
+      {R"({"event":"set","entity":"sample","attribute":"hashed","members":[[1,2],[3]]})", "it needs a list"},
+      {R"({"event":"del","entity":"sample","attribute":"hashed","keys":[[1,2]]})",
+       "it needs a list \"keys\""},
+      {R"({"error":3})", "cannot be understood: it needs a text \"error\""}};
+  FakeAgent agent(dir_ + "/fake.sock");
+  for (auto const& [line, problem] : lines) {
+    Ostra::Mounter mounter(dir_ + "/fake.sock", 60);
+    auto const mounted = mounter.mount<Sample>();
+    agent.accept();
+    agent.say(R"({"answer":"mount","entity":"sample","type":"OstraTest::Sample","tag":1})"
+              "\n" +
+              line + '\n');
+    for (int i = 0; i < 10; ++i) mounter.dispatch();
+    EXPECT_FALSE(mounter.connected()) << line;
+    EXPECT_THAT(mounter.problem(), HasSubstr(problem)) << line;
+  }
+}
+
+TEST_F(MountTest, KeepsWhatTheAgentSaidLast) {
+  FakeAgent agent(dir_ + "/fake.sock");
+  Ostra::Mounter mounter(dir_ + "/fake.sock", 60);
+  agent.accept();
+  agent.say("{\"error\":\"too many connections\"}\n");
+  agent.hangUp();
+  for (int i = 0; i < 10; ++i) mounter.dispatch();
+  EXPECT_FALSE(mounter.connected());
+  EXPECT_EQ("the agent ended the connection: too many connections", mounter.problem());
+}
+
 TEST_F(MountTest, ALineThatIsTooLongEndsTheConnection) {
   FakeAgent agent(dir_ + "/fake.sock");
   Ostra::Mounter mounter(dir_ + "/fake.sock", 60);
