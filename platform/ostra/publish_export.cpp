@@ -89,9 +89,9 @@ void Export::scalarChanged(std::size_t attribute) {
 void Export::memberChanged(Change change) {
   ++changes_;
   if (needing_ == 0) return;
-  forget(forgottenAChange);
   if (log_.size() >= longestLog_ && base_ == needed_) makeRoom();
   if (needing_ == 0) return;
+  forget(forgottenAChange);
   auto const [at, fresh] = latest_.try_emplace(change, head());
   if (!fresh && at->second >= consumed_) return;  // nobody was told yet: the value will be read later
   at->second = head();
