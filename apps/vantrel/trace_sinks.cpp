@@ -122,7 +122,7 @@ class Stats : public TraceSink {
   };
 
   static U64 wraps(Lumelog::RingState const& ring) {
-    return ring.blocks && ring.written ? (ring.written - 1) / ring.blocks : 0;
+    return ring.subBuffers && ring.written ? (ring.written - 1) / ring.subBuffers : 0;
   }
 
   static void printText(Reader const& reader, File const& file) {

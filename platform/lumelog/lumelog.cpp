@@ -94,7 +94,7 @@ Log::Log(std::string path, int fd, std::byte* map, Format::FixedHeader const& he
   nextAnchor_ = last_ + ticksPerSecond_ / anchorsASecond;
   for (std::size_t level = 0; level < levels; ++level) {
     rings_[level].first = map + header.ring[level].offset;
-    rings_[level].blocks = header.ring[level].bytes / Format::blockBytes;
+    rings_[level].subBuffers = header.ring[level].bytes / Format::subBufferBytes;
   }
   static bool const watching = pthread_atfork(nullptr, nullptr, &detachAfterFork) == 0;
   static_cast<void>(watching);
@@ -184,32 +184,32 @@ void Log::recordText(U8 level, char const* file, int line, U32 identifier, std::
 }
 
 // False when there is no room for the record at all.
-bool Log::nextBlock(Ring& ring, std::size_t bytes) {
-  if (!ring.first || ring.blocks == 0) return false;
-  if (bytes > Format::blockRoom) {
+bool Log::nextSubBuffer(Ring& ring, std::size_t bytes) {
+  if (!ring.first || ring.subBuffers == 0) return false;
+  if (bytes > Format::subBufferRoom) {
     ++live().dropped;
     return false;
   }
-  beginBlock(ring);
+  beginSubBuffer(ring);
   return true;
 }
 
-// Whoever reads meanwhile, or after a crash in between, sees no sequence and leaves the block out.
-void Log::beginBlock(Ring& ring) {
-  std::byte* const at = ring.first + ring.sequence % ring.blocks * Format::blockBytes;
-  ring.block = reinterpret_cast<Format::BlockHeader*>(at);
-  std::atomic_ref(ring.block->sequence).store(0, std::memory_order_relaxed);
+// Whoever reads meanwhile, or after a crash in between, sees no sequence and leaves the sub-buffer out.
+void Log::beginSubBuffer(Ring& ring) {
+  std::byte* const at = ring.first + ring.sequence % ring.subBuffers * Format::subBufferBytes;
+  ring.subBuffer = reinterpret_cast<Format::SubBufferHeader*>(at);
+  std::atomic_ref(ring.subBuffer->sequence).store(0, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
   takeAnchor();
   Format::Anchor const& now = live().anchor[live().anchors % 2];
-  Format::BlockHeader const header{++ring.sequence, now.ticks, now.ns, 0, 0};
-  ring.block->ticks = header.ticks;
-  ring.block->ns = header.ns;
-  std::atomic_ref(ring.block->used).store(0, std::memory_order_relaxed);
-  ring.block->check = Format::blockCheck(header);
-  std::atomic_ref(ring.block->sequence).store(header.sequence, std::memory_order_release);
-  ring.cursor = at + sizeof(Format::BlockHeader);
-  ring.end = at + Format::blockBytes;
+  Format::SubBufferHeader const header{++ring.sequence, now.ticks, now.ns, 0, 0};
+  ring.subBuffer->ticks = header.ticks;
+  ring.subBuffer->ns = header.ns;
+  std::atomic_ref(ring.subBuffer->used).store(0, std::memory_order_relaxed);
+  ring.subBuffer->check = Format::subBufferCheck(header);
+  std::atomic_ref(ring.subBuffer->sequence).store(header.sequence, std::memory_order_release);
+  ring.cursor = at + sizeof(Format::SubBufferHeader);
+  ring.end = at + Format::subBufferBytes;
 }
 
 // The older anchor is overwritten first and counts only when it is whole.
@@ -228,7 +228,7 @@ Format::FixedHeader layOut(Options const& options, Ticks const& ticks) {
   std::memcpy(header.magic, Format::magic, sizeof header.magic);
   header.version = Format::version;
   header.byteOrder = Format::byteOrder;
-  header.blockBytes = Format::blockBytes;
+  header.subBufferBytes = Format::subBufferBytes;
   header.pid = static_cast<U32>(::getpid());
   header.maxString = static_cast<U32>(std::min<std::size_t>(options.maxString, 1024));
   header.clock = ticks.clock();
@@ -236,8 +236,8 @@ Format::FixedHeader layOut(Options const& options, Ticks const& ticks) {
   header.siteBytes = Format::siteBytes;
   U64 offset = header.siteOffset + header.siteBytes;
   for (std::size_t level = 0; level < levels; ++level) {
-    U64 const bytes =
-        (U64{options.kib[level]} * 1024 + Format::blockBytes - 1) / Format::blockBytes * Format::blockBytes;
+    U64 const bytes = (U64{options.kib[level]} * 1024 + Format::subBufferBytes - 1) / Format::subBufferBytes *
+                      Format::subBufferBytes;
     header.ring[level] = {offset, bytes};
     offset += bytes;
   }

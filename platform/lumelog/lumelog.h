@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Lumelog: a memory-mapped ring a level in one file. A record is a timestamp, a message site and its values
+// Lumelog: a memory-mapped ring a level in one file. A record is a timestamp, a call site and its values
 // in binary.
 //
 //   LUMELOG_RECORD(log, 9, 1u, "handling key:", key, " hdl:", hdl);
@@ -14,8 +14,8 @@
 // Ownership: the opener's, by close(); a log that stays open to the end of the process loses nothing.
 // Threading: Single: one thread, plain stores.
 // Cost: reading the processor's time stamp, which is most of it (see Moments), and a few stores, no system
-//   call; every hundred records or so a new block, and after each quiet hundredth of a second one reading of
-//   the system's clock. A null log is one predictable branch.
+//   call; every hundred records or so a new sub-buffer, and after each quiet hundredth of a second one
+//   reading of the system's clock. A null log is one predictable branch.
 // Errors: what cannot be opened is said on stderr, and the caller runs without; a record never fails.
 #pragma once
 
@@ -45,7 +45,7 @@ enum class Threading { Single = 0 };
 
 struct Options {
   std::array<U32, levels>
-      kib{};  // size of each level's ring, KiB, rounded up to whole blocks; 0: the level is not kept
+      kib{};  // size of each level's ring, KiB, rounded up to whole sub-buffers; 0: the level is not kept
   std::size_t maxString = 80;  // longer strings are cut, bytes
   Threading threading = Threading::Single;
 };
@@ -137,14 +137,14 @@ class VANTREL_API Log {
   friend Log* open(std::string const& name, Options const& options);
   friend void detachAfterFork();
 
-  // The block that a level's records go to.
+  // The sub-buffer that a level's records go to.
   struct Ring {
     std::byte* cursor = nullptr;  // where the next record goes
-    std::byte* end = nullptr;     // end of the block
-    Format::BlockHeader* block = nullptr;
-    std::byte* first = nullptr;  // the ring's first block
-    U64 blocks = 0;              // in the ring
-    U64 sequence = 0;            // of `block`
+    std::byte* end = nullptr;     // end of the sub-buffer
+    Format::SubBufferHeader* subBuffer = nullptr;
+    std::byte* first = nullptr;  // the ring's first sub-buffer
+    U64 subBuffers = 0;          // in the ring
+    U64 sequence = 0;            // of `subBuffer`
   };
 
   Log();
@@ -155,8 +155,8 @@ class VANTREL_API Log {
   void recordRarely(Site& site, U32 identifier, std::size_t bytes, Parts const&... parts);
   template <class... Parts>
   void write(Ring& ring, Site const& site, U32 identifier, std::size_t bytes, Parts const&... parts);
-  bool nextBlock(Ring& ring, std::size_t bytes);
-  void beginBlock(Ring& ring);
+  bool nextSubBuffer(Ring& ring, std::size_t bytes);
+  void beginSubBuffer(Ring& ring);
   void takeAnchor();
   void callTap(Site const& site, std::span<U64 const> values);
   void detach();
@@ -228,7 +228,7 @@ template <class... Parts>
   }
   Ring& ring = rings_[site.level];
   bool const fits = bytes <= static_cast<std::size_t>(ring.end - ring.cursor);
-  if (fits || nextBlock(ring, bytes)) write(ring, site, identifier, bytes, parts...);
+  if (fits || nextSubBuffer(ring, bytes)) write(ring, site, identifier, bytes, parts...);
 }
 
 template <class... Parts>
@@ -245,8 +245,8 @@ template <class... Parts>
   ((to = Detail::put(to, parts, maxString_)), ...);
   ring.cursor = at + bytes;
   // The commit: a reader, and whoever comes after a crash, sees the record from here on.
-  std::atomic_ref(ring.block->used)
-      .store(static_cast<U32>(ring.cursor - reinterpret_cast<std::byte*>(ring.block + 1)),
+  std::atomic_ref(ring.subBuffer->used)
+      .store(static_cast<U32>(ring.cursor - reinterpret_cast<std::byte*>(ring.subBuffer + 1)),
              std::memory_order_release);
   if (now >= nextAnchor_) [[unlikely]]
     takeAnchor();

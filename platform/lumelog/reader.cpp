@@ -18,19 +18,19 @@
 namespace Lumelog {
 namespace {
 
-using Format::BlockHeader;
 using Format::RecordHeader;
 using Format::SiteHeader;
+using Format::SubBufferHeader;
 
 constexpr U64 second = 1000000000;
 
 bool sound(Format::FixedHeader const& header) {
   return std::memcmp(header.magic, Format::magic, sizeof header.magic) == 0 &&
          header.check == Format::headerCheck(header) && header.version == Format::version &&
-         header.byteOrder == Format::byteOrder && header.blockBytes == Format::blockBytes;
+         header.byteOrder == Format::byteOrder && header.subBufferBytes == Format::subBufferBytes;
 }
 
-bool blank(BlockHeader const& header) { return header.sequence == 0; }
+bool blank(SubBufferHeader const& header) { return header.sequence == 0; }
 
 }  // namespace
 
@@ -63,7 +63,7 @@ std::string Reader::program() const {
 std::array<RingState, Format::levels> Reader::rings() const {
   std::array<RingState, Format::levels> states;
   for (std::size_t i = 0; i < Format::levels; ++i)
-    states[i] = {levels_[i].blocks * Format::blockBytes, levels_[i].blocks, levels_[i].newest};
+    states[i] = {levels_[i].subBuffers * Format::subBufferBytes, levels_[i].subBuffers, levels_[i].newest};
   return states;
 }
 
@@ -93,9 +93,9 @@ void Reader::layOutLevels() {
   for (std::size_t i = 0; i < Format::levels; ++i) {
     Format::Ring const& ring = fixed_.ring[i];
     levels_[i].offset = ring.offset;
-    levels_[i].blocks = ring.bytes / Format::blockBytes;
-    U64 const behind = ring.offset < size_ ? (size_ - ring.offset) / Format::blockBytes : 0;
-    levels_[i].present = std::min(levels_[i].blocks, behind);
+    levels_[i].subBuffers = ring.bytes / Format::subBufferBytes;
+    U64 const behind = ring.offset < size_ ? (size_ - ring.offset) / Format::subBufferBytes : 0;
+    levels_[i].present = std::min(levels_[i].subBuffers, behind);
     scan(levels_[i]);
   }
 }
@@ -175,19 +175,20 @@ SiteInfo const* Reader::site(U32 id) {
   return found == sites_.end() ? nullptr : &found->second;
 }
 
-bool Reader::readBlockHeader(Level const& level, U64 index, BlockHeader& header) const {
-  return index < level.present && readAt(level.offset + index * Format::blockBytes, &header, sizeof header) &&
-         header.check == Format::blockCheck(header) && header.sequence != 0 &&
-         (header.sequence - 1) % level.blocks == index;
+bool Reader::readSubBufferHeader(Level const& level, U64 index, SubBufferHeader& header) const {
+  return index < level.present &&
+         readAt(level.offset + index * Format::subBufferBytes, &header, sizeof header) &&
+         header.check == Format::subBufferCheck(header) && header.sequence != 0 &&
+         (header.sequence - 1) % level.subBuffers == index;
 }
 
-// Plans every block that was written after the newest one known.
+// Plans every sub-buffer that was written after the newest one known.
 void Reader::scan(Level& level) {
   U64 const known = level.newest;
   std::vector<bool> good(level.present), empty(level.present);
   for (U64 i = 0; i < level.present; ++i) {
-    BlockHeader header{};
-    good[i] = readBlockHeader(level, i, header);
+    SubBufferHeader header{};
+    good[i] = readSubBufferHeader(level, i, header);
     empty[i] = blank(header);
     if (!good[i] || header.sequence <= known) continue;
     level.plan.push_back(header.sequence);
@@ -195,23 +196,23 @@ void Reader::scan(Level& level) {
   }
   std::sort(level.plan.rbegin(), level.plan.rend());
   if (known) {
-    if (!level.plan.empty()) damage_.overwritten += level.plan.back() - known - 1;
+    if (!level.plan.empty()) damage_.overrun += level.plan.back() - known - 1;
     return;
   }
   for (U64 i = 0; i < level.present; ++i) {
-    bool const expected = level.newest >= level.blocks || i < level.newest;
-    bool const inPreparation = empty[i] && i == level.newest % level.blocks;
-    if (!good[i] && !inPreparation && (expected || !empty[i])) ++damage_.blocks;
+    bool const expected = level.newest >= level.subBuffers || i < level.newest;
+    bool const inPreparation = empty[i] && i == level.newest % level.subBuffers;
+    if (!good[i] && !inPreparation && (expected || !empty[i])) ++damage_.subBuffers;
   }
 }
 
-// Looks whether the writer has begun another block since. Where the next one is in preparation, it may be the
-// one after that, or one of a later round: then others were written in between.
-bool Reader::followingBlocks(Level& level) {
+// Looks whether the writer has begun another sub-buffer since. Where the next one is in preparation, it may
+// be the one after that, or one of a later round: then others were written in between.
+bool Reader::followingSubBuffers(Level& level) {
   if (!level.plan.empty()) return true;
-  BlockHeader header;
-  if (level.blocks == 0) return false;
-  bool const begun = readBlockHeader(level, level.newest % level.blocks, header);
+  SubBufferHeader header;
+  if (level.subBuffers == 0) return false;
+  bool const begun = readSubBufferHeader(level, level.newest % level.subBuffers, header);
   if (begun ? header.sequence <= level.newest : !cameRound(level)) return false;
   if (begun && header.sequence == level.newest + 1)
     level.plan.push_back(++level.newest);
@@ -220,60 +221,62 @@ bool Reader::followingBlocks(Level& level) {
   return !level.plan.empty();
 }
 
-// The newest block known is another one by now.
+// The newest sub-buffer known is another one by now.
 bool Reader::cameRound(Level const& level) const {
-  BlockHeader last;
-  return level.newest != 0 &&
-         (!readBlockHeader(level, (level.newest - 1) % level.blocks, last) || last.sequence != level.newest);
+  SubBufferHeader last;
+  return level.newest != 0 && (!readSubBufferHeader(level, (level.newest - 1) % level.subBuffers, last) ||
+                               last.sequence != level.newest);
 }
 
-// False when the writer reused the block meanwhile.
-bool Reader::copyBlock(Level& level, U64 sequence) {
-  U64 const index = (sequence - 1) % level.blocks;
-  BlockHeader before, after;
-  level.block.resize(Format::blockBytes);
-  if (!readBlockHeader(level, index, before) || before.sequence != sequence ||
-      !readAt(level.offset + index * Format::blockBytes, level.block.data(), level.block.size()) ||
-      !readBlockHeader(level, index, after) || after.sequence != sequence)
+// False when the writer reused the sub-buffer meanwhile.
+bool Reader::copySubBuffer(Level& level, U64 sequence) {
+  U64 const index = (sequence - 1) % level.subBuffers;
+  SubBufferHeader before, after;
+  level.subBuffer.resize(Format::subBufferBytes);
+  if (!readSubBufferHeader(level, index, before) || before.sequence != sequence ||
+      !readAt(level.offset + index * Format::subBufferBytes, level.subBuffer.data(),
+              level.subBuffer.size()) ||
+      !readSubBufferHeader(level, index, after) || after.sequence != sequence)
     return false;
   level.header = before;
-  // A damaged length: what is older than the block shows itself by its time stamp.
-  if (before.used > Format::blockRoom || before.used % 8) level.header.used = Format::blockRoom;
+  // A damaged length: what is older than the sub-buffer shows itself by its time stamp.
+  if (before.used > Format::subBufferRoom || before.used % 8) level.header.used = Format::subBufferRoom;
   return true;
 }
 
-// Takes the next planned block in hand.
+// Takes the next planned sub-buffer in hand.
 bool Reader::load(Level& level) {
   level.found.clear();
   level.next = 0;
   level.header = {};
-  level.searched = sizeof(BlockHeader);
+  level.searched = sizeof(SubBufferHeader);
   U64 const sequence = level.plan.back();
   level.plan.pop_back();
-  if (!copyBlock(level, sequence)) {
+  if (!copySubBuffer(level, sequence)) {
     level.header = {};
-    ++damage_.overwritten;
+    ++damage_.overrun;
     return false;
   }
   findRecords(level);
   return true;
 }
 
-// Looks whether the block in hand has more records by now.
+// Looks whether the sub-buffer in hand has more records by now.
 bool Reader::grow(Level& level) {
-  BlockHeader now;
+  SubBufferHeader now;
   U64 const sequence = level.header.sequence;
-  if (sequence == 0 || level.end() == Format::blockBytes) return false;
-  if (!readBlockHeader(level, (sequence - 1) % level.blocks, now) || now.sequence != sequence) return false;
-  if (now.used <= level.header.used || !copyBlock(level, sequence)) return false;
+  if (sequence == 0 || level.end() == Format::subBufferBytes) return false;
+  if (!readSubBufferHeader(level, (sequence - 1) % level.subBuffers, now) || now.sequence != sequence)
+    return false;
+  if (now.used <= level.header.used || !copySubBuffer(level, sequence)) return false;
   findRecords(level);
   return true;
 }
 
-// A block may still have grown after the look for its successor, which is why that comes first.
+// A sub-buffer may still have grown after the look for its successor, which is why that comes first.
 bool Reader::fill(Level& level) {
   while (!level.ready()) {
-    bool const more = followingBlocks(level);
+    bool const more = followingSubBuffers(level);
     if (grow(level)) continue;
     if (!more) return false;
     load(level);
@@ -318,13 +321,14 @@ bool Reader::next(Record& record) {
   if (!level) return false;
   Found const found = level->found[level->next++];
   RecordHeader header;
-  std::memcpy(&header, level->block.data() + found.at, sizeof header);
+  std::memcpy(&header, level->subBuffer.data() + found.at, sizeof header);
   record.ticks = found.ticks;
   record.realNs = realTime(*level, found.ticks);
   record.bytes = header.bytes;
   record.site = &sites_.at(header.site);
   record.values.clear();
-  Parse::values(record.site->types, std::span(level->block).subspan(found.at, header.bytes), &record.values);
+  Parse::values(record.site->types, std::span(level->subBuffer).subspan(found.at, header.bytes),
+                &record.values);
   if (!level->ready()) horizon_ = 0;  // it may have more: look before anything newer is delivered
   return true;
 }
@@ -353,14 +357,14 @@ Reader::Verdict Reader::examine(Level& level, std::size_t at, std::size_t& bytes
   RecordHeader header;
   std::size_t const left = level.end() - at;
   if (left < sizeof header + sizeof(U32)) return Verdict::Damaged;
-  std::memcpy(&header, level.block.data() + at, sizeof header);
+  std::memcpy(&header, level.subBuffer.data() + at, sizeof header);
   U64 const after = level.found.empty() ? level.header.ticks : level.found.back().ticks;
   if (header.bytes > left || header.bytes % 8 || header.bytes < sizeof header + sizeof(U32) ||
       header.check != Format::recordCheck(header.ticks, header.site, header.bytes) || header.ticks <= after)
     return Verdict::Damaged;
   SiteInfo const* const info = site(header.site);
   if (info && (&level != &levels_[info->level] ||
-               !Parse::values(info->types, std::span(level.block).subspan(at, header.bytes), nullptr)))
+               !Parse::values(info->types, std::span(level.subBuffer).subspan(at, header.bytes), nullptr)))
     return Verdict::Damaged;
   bytes = header.bytes;
   ticks = header.ticks;

@@ -9,7 +9,7 @@
 //   by the file's size, each step goes forward.
 // Ownership: a record's site and strings belong to the reader; the strings until the next call of next().
 // Threading: one thread. The writer is never disturbed.
-// Cost: one block a level in memory.
+// Cost: one sub-buffer a level in memory.
 // Errors: Pallo::Exception for a file that cannot be read or is not a trace file.
 #pragma once
 
@@ -66,11 +66,11 @@ struct Record {
 struct Damage {
   bool header = false;   // the header at the start was damaged, its copy at the end served
   U64 missingBytes = 0;  // the file is shorter than it was made
-  U64 siteBytes = 0;     // of message sites that are damaged
-  U64 blocks = 0;        // blocks that are damaged as a whole
-  U64 recordBytes = 0;   // damaged bytes in other blocks
-  U64 unknownSites = 0;  // records whose message site is not there
-  U64 overwritten = 0;   // blocks that the writer reused before they were read
+  U64 siteBytes = 0;     // of call sites that are damaged
+  U64 subBuffers = 0;    // sub-buffers that are damaged as a whole
+  U64 recordBytes = 0;   // damaged bytes in other sub-buffers
+  U64 unknownSites = 0;  // records whose call site is not there
+  U64 overrun = 0;       // sub-buffers that the writer reused before they were read
   U64 dropped = 0;       // records that the writer itself could not keep
 
   VANTREL_API bool any() const;
@@ -80,9 +80,9 @@ struct Damage {
 
 // How one level's ring stands.
 struct RingState {
-  U64 bytes;    // its size
-  U64 blocks;   // in it
-  U64 written;  // blocks begun since the process opened the file: more than `blocks` means that it wrapped
+  U64 bytes;       // its size
+  U64 subBuffers;  // in it
+  U64 written;  // sub-buffers begun since the file was opened: more than `subBuffers` means that it wrapped
 };
 
 class VANTREL_API Reader {
@@ -108,24 +108,24 @@ class VANTREL_API Reader {
   std::unordered_map<U32, SiteInfo> const& sites() const { return sites_; }
 
  private:
-  // A record that was found intact in a level's block.
+  // A record that was found intact in a level's sub-buffer.
   struct Found {
     std::size_t at;
     U64 ticks;
   };
   struct Level {
-    U64 offset = 0;                // of the ring in the file
-    U64 blocks = 0;                // of it
-    U64 present = 0;               // of them that the file still has
-    std::vector<U64> plan;         // sequences still to be read, newest first
-    U64 newest = 0;                // highest sequence seen
-    Format::BlockHeader header{};  // of the block in hand; sequence 0: none
-    std::vector<std::byte> block;
-    std::size_t searched = 0;  // bytes of `block` that were looked at
+    U64 offset = 0;                    // of the ring in the file
+    U64 subBuffers = 0;                // of it
+    U64 present = 0;                   // of them that the file still has
+    std::vector<U64> plan;             // sequences still to be read, newest first
+    U64 newest = 0;                    // highest sequence seen
+    Format::SubBufferHeader header{};  // of the sub-buffer in hand; sequence 0: none
+    std::vector<std::byte> subBuffer;
+    std::size_t searched = 0;  // bytes of `subBuffer` that were looked at
     std::vector<Found> found;
     std::size_t next = 0;  // in `found`
     bool ready() const { return next < found.size(); }
-    std::size_t end() const { return sizeof(Format::BlockHeader) + header.used; }
+    std::size_t end() const { return sizeof(Format::SubBufferHeader) + header.used; }
   };
   enum class Verdict { Intact, UnknownSite, Damaged };
 
@@ -138,11 +138,11 @@ class VANTREL_API Reader {
   std::size_t readSite(std::vector<std::byte> const& area, std::size_t at);
   SiteInfo const* site(U32 id);
 
-  bool readBlockHeader(Level const& level, U64 index, Format::BlockHeader& header) const;
+  bool readSubBufferHeader(Level const& level, U64 index, Format::SubBufferHeader& header) const;
   void scan(Level& level);
-  bool followingBlocks(Level& level);
+  bool followingSubBuffers(Level& level);
   bool cameRound(Level const& level) const;
-  bool copyBlock(Level& level, U64 sequence);
+  bool copySubBuffer(Level& level, U64 sequence);
   bool load(Level& level);
   bool grow(Level& level);
   bool fill(Level& level);

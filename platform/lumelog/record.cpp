@@ -117,11 +117,11 @@ std::vector<std::string> Damage::lines() const {
   };
   if (header) result.push_back("the header is damaged, its copy at the end served");
   say(missingBytes, "bytes are missing at the end");
-  say(siteBytes, "bytes of the message sites are damaged");
-  say(blocks, "blocks are damaged");
+  say(siteBytes, "bytes of the call sites are damaged");
+  say(subBuffers, "sub-buffers are damaged");
   say(recordBytes, "bytes of records are damaged");
-  say(unknownSites, "records belong to a message site that is not there");
-  say(overwritten, "blocks were reused by the writer before they were read");
+  say(unknownSites, "records belong to a call site that is not there");
+  say(overrun, "sub-buffers were overrun by the writer before they were read");
   say(dropped, "records were dropped by the writer");
   return result;
 }

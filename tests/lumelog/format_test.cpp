@@ -82,7 +82,7 @@ TEST_F(Page, ShowsTheRecord) {
   std::memcpy(&shown, wanted.data(), sizeof shown);
   EXPECT_EQ(shown.ticks, 0x0000012345678900U);
   EXPECT_EQ(shown.check, Format::recordCheck(shown.ticks, shown.site, shown.bytes));
-  std::string written = bytes_.substr(header_.fixed.ring[9].offset + sizeof(Format::BlockHeader), 32);
+  std::string written = bytes_.substr(header_.fixed.ring[9].offset + sizeof(Format::SubBufferHeader), 32);
   std::memcpy(written.data(), &shown.ticks, sizeof shown.ticks);
   std::memcpy(written.data() + offsetof(Format::RecordHeader, check), &shown.check, sizeof shown.check);
   EXPECT_EQ(hex(written), hex(wanted));
@@ -132,29 +132,30 @@ TEST(PlacesOnThePage, AreThoseOfTheHeader) {
   EXPECT_THAT(
       placesOf("Header"),
       ElementsAre(PLACE(FixedHeader, magic), PLACE(FixedHeader, version), PLACE(FixedHeader, byteOrder),
-                  PLACE(FixedHeader, check), PLACE(FixedHeader, blockBytes), PLACE(FixedHeader, fileBytes),
-                  PLACE(FixedHeader, pid), PLACE(FixedHeader, maxString), PLACE(FixedHeader, clock),
-                  PLACE(FixedHeader, threading), PLACE(FixedHeader, ticksPerSecond),
-                  PLACE(FixedHeader, siteOffset), PLACE(FixedHeader, siteBytes),
-                  PLACE(FixedHeader, openTicks), PLACE(FixedHeader, openNs), PLACE(FixedHeader, openRealNs),
-                  PLACE(FixedHeader, ring), PLACE(FixedHeader, program), live(PLACE(LiveHeader, siteUsed)),
-                  live(PLACE(LiveHeader, dropped)), live(PLACE(LiveHeader, anchors)),
-                  live({anchors, sizeof(Format::Anchor)}),
+                  PLACE(FixedHeader, check), PLACE(FixedHeader, subBufferBytes),
+                  PLACE(FixedHeader, fileBytes), PLACE(FixedHeader, pid), PLACE(FixedHeader, maxString),
+                  PLACE(FixedHeader, clock), PLACE(FixedHeader, threading),
+                  PLACE(FixedHeader, ticksPerSecond), PLACE(FixedHeader, siteOffset),
+                  PLACE(FixedHeader, siteBytes), PLACE(FixedHeader, openTicks), PLACE(FixedHeader, openNs),
+                  PLACE(FixedHeader, openRealNs), PLACE(FixedHeader, ring), PLACE(FixedHeader, program),
+                  live(PLACE(LiveHeader, siteUsed)), live(PLACE(LiveHeader, dropped)),
+                  live(PLACE(LiveHeader, anchors)), live({anchors, sizeof(Format::Anchor)}),
                   live({anchors + sizeof(Format::Anchor), sizeof(Format::Anchor)})));
 }
 
-TEST(PlacesOnThePage, AreThoseOfSitesBlocksAndRecords) {
-  using Format::BlockHeader;
+TEST(PlacesOnThePage, AreThoseOfSitesSubBuffersAndRecords) {
   using Format::RecordHeader;
   using Format::SiteHeader;
+  using Format::SubBufferHeader;
   EXPECT_THAT(
-      placesOf("Message site"),
+      placesOf("Call site"),
       ElementsAre(PLACE(SiteHeader, check), PLACE(SiteHeader, bytes), PLACE(SiteHeader, id),
                   PLACE(SiteHeader, line), PLACE(SiteHeader, textBytes), PLACE(SiteHeader, fileBytes),
                   PLACE(SiteHeader, typeBytes), PLACE(SiteHeader, level), PLACE(SiteHeader, reserved)));
-  EXPECT_THAT(placesOf("Block"),
-              ElementsAre(PLACE(BlockHeader, sequence), PLACE(BlockHeader, ticks), PLACE(BlockHeader, ns),
-                          PLACE(BlockHeader, used), PLACE(BlockHeader, check)));
+  EXPECT_THAT(
+      placesOf("Sub-buffer"),
+      ElementsAre(PLACE(SubBufferHeader, sequence), PLACE(SubBufferHeader, ticks), PLACE(SubBufferHeader, ns),
+                  PLACE(SubBufferHeader, used), PLACE(SubBufferHeader, check)));
   EXPECT_THAT(placesOf("Record"), ElementsAre(PLACE(RecordHeader, ticks), PLACE(RecordHeader, site),
                                               PLACE(RecordHeader, bytes), PLACE(RecordHeader, check)));
 }
@@ -210,36 +211,36 @@ TEST_F(Page, SaysWhatTheHeaderHasWhere) {
   EXPECT_EQ(bytes_.substr(584, 4096 - 584), std::string(4096 - 584, '\0')) << "what is not listed";
 }
 
-TEST_F(Page, SaysWhatABlockHasWhere) {
+TEST_F(Page, SaysWhatASubBufferHasWhere) {
   std::size_t const ring = at<U64>(bytes_, 96 + 16 * 9);
-  std::string const block = bytes_.substr(ring, 4096);
-  EXPECT_EQ(at<U64>(block, 0), 1U);
-  EXPECT_GE(at<U64>(block, 8), at<U64>(bytes_, 72));
-  EXPECT_LE(at<U64>(block, 8), at<U64>(block, 32)) << "it was begun before its record was written";
-  EXPECT_GE(at<U64>(block, 16), at<U64>(bytes_, 80));
-  EXPECT_EQ(at<U32>(block, 24), example("record").size());
-  std::string checked = block.substr(0, 32);
+  std::string const subBuffer = bytes_.substr(ring, 4096);
+  EXPECT_EQ(at<U64>(subBuffer, 0), 1U);
+  EXPECT_GE(at<U64>(subBuffer, 8), at<U64>(bytes_, 72));
+  EXPECT_LE(at<U64>(subBuffer, 8), at<U64>(subBuffer, 32)) << "it was begun before its record was written";
+  EXPECT_GE(at<U64>(subBuffer, 16), at<U64>(bytes_, 80));
+  EXPECT_EQ(at<U32>(subBuffer, 24), example("record").size());
+  std::string checked = subBuffer.substr(0, 32);
   std::fill_n(checked.begin() + 24, 8, '\0');
-  EXPECT_EQ(at<U32>(block, 28), Format::fnv(std::as_bytes(std::span(checked))));
-  EXPECT_EQ(block.substr(64), std::string(4096 - 64, '\0')) << "nothing more was written";
+  EXPECT_EQ(at<U32>(subBuffer, 28), Format::fnv(std::as_bytes(std::span(checked))));
+  EXPECT_EQ(subBuffer.substr(64), std::string(4096 - 64, '\0')) << "nothing more was written";
   std::string const next = bytes_.substr(ring + 4096, 4096);
   EXPECT_EQ(next, std::string(4096, '\0')) << "nobody began it";
 }
 
-// Two blocks a ring here: the third takes the place of the first.
-TEST_F(Page, SaysWhichBlockIsNext) {
+// Two sub-buffers a ring here: the third takes the place of the first.
+TEST_F(Page, SaysWhichSubBufferIsNext) {
   Options options;
   options.kib.fill(8);
   std::unique_ptr<Log, Close> const log(open(dir_ / "b.lg", options));
   static constinit Site site{9, "a.cpp", 27};
-  constexpr std::size_t recordsABlock = (4096 - 32) / 32;
+  constexpr std::size_t recordsASubBuffer = (4096 - 32) / 32;
   auto const sequences = [&] {
     std::string const bytes = readFile(dir_ / "b.lg");
     std::size_t const ring = at<U64>(bytes, 96 + 16 * 9);
     return std::pair(at<U64>(bytes, ring), at<U64>(bytes, ring + 4096));
   };
   auto const fill = [&] {
-    for (std::size_t i = 0; i < recordsABlock; ++i)
+    for (std::size_t i = 0; i < recordsASubBuffer; ++i)
       log->record<9>(site, 7, "handling key:", U64{i}, " hdl:", U32{33});
     return sequences();
   };

@@ -117,7 +117,7 @@ TEST(Log, ALevelOfSizeZeroKeepsNothing) {
   EXPECT_THAT(messages(dir / "a.lg"), ElementsAre("kept"));
 }
 
-TEST(Log, ARecordThatFitsNoBlockIsCounted) {
+TEST(Log, ARecordThatFitsNoSubBufferIsCounted) {
   TempDir dir;
   Options options = small();
   options.maxString = 1000;
