@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "lumelog/format.h"
 #include "lumelog/reader.h"
 #include "pallo/exception.h"
 

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "lumelog/format.h"
 #include "lumelog/reader.h"
 
 namespace Lumelog::Parse {

@@ -7,11 +7,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <unordered_map>
 #include <utility>
 
 #include "lumelog/file.h"
+#include "lumelog/format.h"
 #include "lumelog/parse.h"
 #include "pallo/exception.h"
 
@@ -34,7 +37,86 @@ bool blank(SubBufferHeader const& header) { return header.sequence == 0; }
 
 }  // namespace
 
-Reader::Reader(std::string path) : path_(std::move(path)), fd_(::open(path_.c_str(), O_RDONLY | O_CLOEXEC)) {
+class Reader::Impl {
+ public:
+  explicit Impl(std::string path);
+  ~Impl() { ::close(fd_); }
+  Impl(Impl const&) = delete;
+  Impl& operator=(Impl const&) = delete;
+
+  bool next(Record& record);
+  bool peek(U64& realNs);
+  bool live() const { return File::isLive(fd_); }
+  std::string const& path() const { return path_; }
+  Format::FixedHeader const& fixed() const { return fixed_; }
+  Damage const& damage() const { return damage_; }
+  std::vector<RingState> rings() const;
+  std::vector<SiteInfo const*> sites() const;
+
+ private:
+  // A record that was found intact in a level's sub-buffer.
+  struct Found {
+    std::size_t at;
+    U64 ticks;
+  };
+  struct Level {
+    U64 offset = 0;                    // of the ring in the file
+    U64 subBuffers = 0;                // of it
+    U64 present = 0;                   // of them that the file still has
+    std::vector<U64> plan;             // sequences still to be read, newest first
+    U64 newest = 0;                    // highest sequence seen
+    Format::SubBufferHeader header{};  // of the sub-buffer in hand; sequence 0: none
+    std::vector<std::byte> subBuffer;
+    std::size_t searched = 0;  // bytes of `subBuffer` that were looked at
+    std::vector<Found> found;
+    std::size_t next = 0;  // in `found`
+    bool ready() const { return next < found.size(); }
+    std::size_t end() const { return sizeof(Format::SubBufferHeader) + header.used; }
+  };
+  enum class Verdict { Intact, UnknownSite, Damaged };
+
+  bool readAt(U64 offset, void* to, std::size_t bytes) const;
+  void readFixedHeader();
+  void layOutLevels();
+  void readLiveHeader();
+  void setClock();
+  void readSites(U64 end);
+  std::size_t readSite(std::vector<std::byte> const& area, std::size_t at);
+  SiteInfo const* site(U32 id);
+
+  bool readSubBufferHeader(Level const& level, U64 index, Format::SubBufferHeader& header) const;
+  void scan(Level& level);
+  bool followingSubBuffers(Level& level);
+  bool cameRound(Level const& level) const;
+  bool copySubBuffer(Level& level, U64 sequence);
+  bool load(Level& level);
+  bool grow(Level& level);
+  bool fill(Level& level);
+  bool refill();
+  Level* oldest();
+
+  void findRecords(Level& level);
+  Verdict examine(Level& level, std::size_t at, std::size_t& bytes, U64& ticks);
+  U64 realTime(Level const& level, U64 ticks) const;
+  Level* ready();
+
+  std::string path_;
+  int fd_ = -1;
+  U64 size_ = 0;  // of the file when it was opened
+  Format::FixedHeader fixed_{};
+  Format::LiveHeader live_{};
+  double nsPerTick_ = 1;
+  U64 realOffset_ = 0;  // CLOCK_REALTIME - CLOCK_MONOTONIC, modulo 2^64
+  std::unordered_map<U32, SiteInfo> sites_;
+  U64 siteScan_ = 0;          // bytes of the sites that were read
+  bool searchedAll_ = false;  // for sites behind the committed ones
+  std::array<Level, Format::levels> levels_;
+  U64 horizon_ = 0;  // every record up to these ticks is in hand
+  Damage damage_;
+};
+
+Reader::Impl::Impl(std::string path)
+    : path_(std::move(path)), fd_(::open(path_.c_str(), O_RDONLY | O_CLOEXEC)) {
   if (fd_ < 0) throw Pallo::Exception(fmt::format("cannot open {}: {}", path_, std::strerror(errno)));
   try {
     struct stat status;
@@ -52,26 +134,24 @@ Reader::Reader(std::string path) : path_(std::move(path)), fd_(::open(path_.c_st
   }
 }
 
-Reader::~Reader() { ::close(fd_); }
-
-bool Reader::live() const { return File::isLive(fd_); }
-
-std::string Reader::program() const {
-  return {fixed_.program, ::strnlen(fixed_.program, sizeof fixed_.program)};
-}
-
-std::array<RingState, Format::levels> Reader::rings() const {
-  std::array<RingState, Format::levels> states;
-  for (std::size_t i = 0; i < Format::levels; ++i)
-    states[i] = {levels_[i].subBuffers * Format::subBufferBytes, levels_[i].subBuffers, levels_[i].newest};
+std::vector<RingState> Reader::Impl::rings() const {
+  std::vector<RingState> states;
+  for (Level const& level : levels_)
+    states.push_back({level.subBuffers * Format::subBufferBytes, level.subBuffers, level.newest});
   return states;
 }
 
-bool Reader::readAt(U64 offset, void* to, std::size_t bytes) const {
+std::vector<SiteInfo const*> Reader::Impl::sites() const {
+  std::vector<SiteInfo const*> all;
+  for (auto const& [id, site] : sites_) all.push_back(&site);
+  return all;
+}
+
+bool Reader::Impl::readAt(U64 offset, void* to, std::size_t bytes) const {
   return ::pread(fd_, to, bytes, static_cast<off_t>(offset)) == static_cast<ssize_t>(bytes);
 }
 
-void Reader::readFixedHeader() {
+void Reader::Impl::readFixedHeader() {
   if (size_ < Format::headerBytes)
     throw Pallo::Exception(fmt::format("{} is not a trace file: it has {} bytes, a header {}", path_, size_,
                                        Format::headerBytes));
@@ -89,7 +169,7 @@ void Reader::readFixedHeader() {
     throw Pallo::Exception(fmt::format("{} is not a trace file, or both of its headers are damaged", path_));
 }
 
-void Reader::layOutLevels() {
+void Reader::Impl::layOutLevels() {
   for (std::size_t i = 0; i < Format::levels; ++i) {
     Format::Ring const& ring = fixed_.ring[i];
     levels_[i].offset = ring.offset;
@@ -100,14 +180,14 @@ void Reader::layOutLevels() {
   }
 }
 
-void Reader::readLiveHeader() {
+void Reader::Impl::readLiveHeader() {
   if (!readAt(offsetof(Format::FileHeader, live), &live_, sizeof live_)) live_ = {};
   if (!damage_.header) damage_.dropped = live_.dropped;
 }
 
 // The rate from opening to the newest anchor, when that is far enough away and agrees with what was measured
 // at opening.
-void Reader::setClock() {
+void Reader::Impl::setClock() {
   U64 const nominal = fixed_.ticksPerSecond ? fixed_.ticksPerSecond : second;
   nsPerTick_ = static_cast<double>(second) / static_cast<double>(nominal);
   realOffset_ = fixed_.openRealNs - fixed_.openNs;
@@ -122,13 +202,13 @@ void Reader::setClock() {
   realOffset_ = newest.realNs - newest.ns;
 }
 
-U64 Reader::realTime(Level const& level, U64 ticks) const {
+U64 Reader::Impl::realTime(Level const& level, U64 ticks) const {
   double const passed = static_cast<double>(ticks - level.header.ticks) * nsPerTick_;
   return level.header.ns + realOffset_ + (passed < 1e18 ? static_cast<U64>(passed) : 0);
 }
 
 // Reads on to `end`, which the file may say wrongly.
-void Reader::readSites(U64 end) {
+void Reader::Impl::readSites(U64 end) {
   U64 const room = std::min(fixed_.siteBytes, size_ > fixed_.siteOffset ? size_ - fixed_.siteOffset : 0);
   if (end > room || end % 8) end = room;
   if (siteScan_ >= end) return;
@@ -143,7 +223,7 @@ void Reader::readSites(U64 end) {
 }
 
 // The entry's size; 0 when there is no intact one.
-std::size_t Reader::readSite(std::vector<std::byte> const& area, std::size_t at) {
+std::size_t Reader::Impl::readSite(std::vector<std::byte> const& area, std::size_t at) {
   SiteHeader header;
   if (area.size() - at < sizeof header) return 0;
   std::memcpy(&header, area.data() + at, sizeof header);
@@ -159,7 +239,7 @@ std::size_t Reader::readSite(std::vector<std::byte> const& area, std::size_t at)
 }
 
 // A live process may have added sites since; and what says where the sites end may be damaged itself.
-SiteInfo const* Reader::site(U32 id) {
+SiteInfo const* Reader::Impl::site(U32 id) {
   auto found = sites_.find(id);
   if (found == sites_.end()) {
     readLiveHeader();
@@ -175,7 +255,7 @@ SiteInfo const* Reader::site(U32 id) {
   return found == sites_.end() ? nullptr : &found->second;
 }
 
-bool Reader::readSubBufferHeader(Level const& level, U64 index, SubBufferHeader& header) const {
+bool Reader::Impl::readSubBufferHeader(Level const& level, U64 index, SubBufferHeader& header) const {
   return index < level.present &&
          readAt(level.offset + index * Format::subBufferBytes, &header, sizeof header) &&
          header.check == Format::subBufferCheck(header) && header.sequence != 0 &&
@@ -183,7 +263,7 @@ bool Reader::readSubBufferHeader(Level const& level, U64 index, SubBufferHeader&
 }
 
 // Plans every sub-buffer that was written after the newest one known.
-void Reader::scan(Level& level) {
+void Reader::Impl::scan(Level& level) {
   U64 const known = level.newest;
   std::vector<bool> good(level.present), empty(level.present);
   for (U64 i = 0; i < level.present; ++i) {
@@ -208,7 +288,7 @@ void Reader::scan(Level& level) {
 
 // Looks whether the writer has begun another sub-buffer since. Where the next one is in preparation, it may
 // be the one after that, or one of a later round: then others were written in between.
-bool Reader::followingSubBuffers(Level& level) {
+bool Reader::Impl::followingSubBuffers(Level& level) {
   if (!level.plan.empty()) return true;
   SubBufferHeader header;
   if (level.subBuffers == 0) return false;
@@ -222,14 +302,14 @@ bool Reader::followingSubBuffers(Level& level) {
 }
 
 // The newest sub-buffer known is another one by now.
-bool Reader::cameRound(Level const& level) const {
+bool Reader::Impl::cameRound(Level const& level) const {
   SubBufferHeader last;
   return level.newest != 0 && (!readSubBufferHeader(level, (level.newest - 1) % level.subBuffers, last) ||
                                last.sequence != level.newest);
 }
 
 // False when the writer reused the sub-buffer meanwhile.
-bool Reader::copySubBuffer(Level& level, U64 sequence) {
+bool Reader::Impl::copySubBuffer(Level& level, U64 sequence) {
   U64 const index = (sequence - 1) % level.subBuffers;
   SubBufferHeader before, after;
   level.subBuffer.resize(Format::subBufferBytes);
@@ -245,7 +325,7 @@ bool Reader::copySubBuffer(Level& level, U64 sequence) {
 }
 
 // Takes the next planned sub-buffer in hand.
-bool Reader::load(Level& level) {
+bool Reader::Impl::load(Level& level) {
   level.found.clear();
   level.next = 0;
   level.header = {};
@@ -262,7 +342,7 @@ bool Reader::load(Level& level) {
 }
 
 // Looks whether the sub-buffer in hand has more records by now.
-bool Reader::grow(Level& level) {
+bool Reader::Impl::grow(Level& level) {
   SubBufferHeader now;
   U64 const sequence = level.header.sequence;
   if (sequence == 0 || level.end() == Format::subBufferBytes) return false;
@@ -274,7 +354,7 @@ bool Reader::grow(Level& level) {
 }
 
 // A sub-buffer may still have grown after the look for its successor, which is why that comes first.
-bool Reader::fill(Level& level) {
+bool Reader::Impl::fill(Level& level) {
   while (!level.ready()) {
     bool const more = followingSubBuffers(level);
     if (grow(level)) continue;
@@ -286,7 +366,7 @@ bool Reader::fill(Level& level) {
 
 // Whatever was written before a record is there once that record is seen. So after the first pass, which
 // finds the newest record in hand, the second finds everything older.
-bool Reader::refill() {
+bool Reader::Impl::refill() {
   for (Level& level : levels_) fill(level);
   U64 newest = 0;
   for (Level& level : levels_)
@@ -296,7 +376,7 @@ bool Reader::refill() {
   return newest != 0;
 }
 
-Reader::Level* Reader::oldest() {
+Reader::Impl::Level* Reader::Impl::oldest() {
   Level* best = nullptr;
   for (Level& level : levels_)
     if (level.ready() && (!best || level.found[level.next].ticks < best->found[best->next].ticks))
@@ -304,19 +384,19 @@ Reader::Level* Reader::oldest() {
   return best;
 }
 
-Reader::Level* Reader::ready() {
+Reader::Impl::Level* Reader::Impl::ready() {
   Level* level = oldest();
   if (level && level->found[level->next].ticks <= horizon_) return level;
   return refill() ? oldest() : nullptr;
 }
 
-bool Reader::peek(U64& realNs) {
+bool Reader::Impl::peek(U64& realNs) {
   Level const* const level = ready();
   if (level) realNs = realTime(*level, level->found[level->next].ticks);
   return level != nullptr;
 }
 
-bool Reader::next(Record& record) {
+bool Reader::Impl::next(Record& record) {
   Level* const level = ready();
   if (!level) return false;
   Found const found = level->found[level->next++];
@@ -333,7 +413,7 @@ bool Reader::next(Record& record) {
   return true;
 }
 
-void Reader::findRecords(Level& level) {
+void Reader::Impl::findRecords(Level& level) {
   while (level.searched < level.end()) {
     std::size_t bytes = 8;
     U64 ticks = 0;
@@ -353,7 +433,7 @@ void Reader::findRecords(Level& level) {
 }
 
 // `bytes` becomes the record's size when its header can be believed.
-Reader::Verdict Reader::examine(Level& level, std::size_t at, std::size_t& bytes, U64& ticks) {
+Reader::Impl::Verdict Reader::Impl::examine(Level& level, std::size_t at, std::size_t& bytes, U64& ticks) {
   RecordHeader header;
   std::size_t const left = level.end() - at;
   if (left < sizeof header + sizeof(U32)) return Verdict::Damaged;
@@ -370,5 +450,21 @@ Reader::Verdict Reader::examine(Level& level, std::size_t at, std::size_t& bytes
   ticks = header.ticks;
   return info ? Verdict::Intact : Verdict::UnknownSite;
 }
+
+Reader::Reader(std::string path) : impl_(std::make_unique<Impl>(std::move(path))) {}
+Reader::~Reader() = default;
+bool Reader::next(Record& record) { return impl_->next(record); }
+bool Reader::peek(U64& realNs) { return impl_->peek(realNs); }
+std::string const& Reader::path() const { return impl_->path(); }
+std::string Reader::program() const {
+  auto const& name = impl_->fixed().program;
+  return {name, ::strnlen(name, sizeof name)};
+}
+U32 Reader::pid() const { return impl_->fixed().pid; }
+U64 Reader::openedNs() const { return impl_->fixed().openRealNs; }
+bool Reader::live() const { return impl_->live(); }
+Damage const& Reader::damage() const { return impl_->damage(); }
+std::vector<RingState> Reader::rings() const { return impl_->rings(); }
+std::vector<SiteInfo const*> Reader::sites() const { return impl_->sites(); }
 
 }  // namespace Lumelog

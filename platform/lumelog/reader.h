@@ -13,17 +13,12 @@
 // Errors: Pallo::Exception for a file that cannot be read or is not a trace file.
 #pragma once
 
-#include <array>
-#include <cstddef>
 #include <memory>
-#include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "lumelog/format.h"
 #include "pallo/types.h"
 
 namespace Lumelog {
@@ -97,76 +92,21 @@ class VANTREL_API Reader {
   // The next record's time without taking it; false when there is none now.
   bool peek(U64& realNs);
 
-  std::string const& path() const { return path_; }
+  std::string const& path() const;
   std::string program() const;
-  U32 pid() const { return fixed_.pid; }
-  U64 openedNs() const { return fixed_.openRealNs; }
+  U32 pid() const;
+  U64 openedNs() const;  // nanoseconds since 1970
   // A process holds the file open for writing.
   bool live() const;
-  Damage const& damage() const { return damage_; }
-  std::array<RingState, Format::levels> rings() const;
-  std::unordered_map<U32, SiteInfo> const& sites() const { return sites_; }
+  Damage const& damage() const;
+  // Level 0 first.
+  std::vector<RingState> rings() const;
+  // Those that were met so far, in no order.
+  std::vector<SiteInfo const*> sites() const;
 
  private:
-  // A record that was found intact in a level's sub-buffer.
-  struct Found {
-    std::size_t at;
-    U64 ticks;
-  };
-  struct Level {
-    U64 offset = 0;                    // of the ring in the file
-    U64 subBuffers = 0;                // of it
-    U64 present = 0;                   // of them that the file still has
-    std::vector<U64> plan;             // sequences still to be read, newest first
-    U64 newest = 0;                    // highest sequence seen
-    Format::SubBufferHeader header{};  // of the sub-buffer in hand; sequence 0: none
-    std::vector<std::byte> subBuffer;
-    std::size_t searched = 0;  // bytes of `subBuffer` that were looked at
-    std::vector<Found> found;
-    std::size_t next = 0;  // in `found`
-    bool ready() const { return next < found.size(); }
-    std::size_t end() const { return sizeof(Format::SubBufferHeader) + header.used; }
-  };
-  enum class Verdict { Intact, UnknownSite, Damaged };
-
-  bool readAt(U64 offset, void* to, std::size_t bytes) const;
-  void readFixedHeader();
-  void layOutLevels();
-  void readLiveHeader();
-  void setClock();
-  void readSites(U64 end);
-  std::size_t readSite(std::vector<std::byte> const& area, std::size_t at);
-  SiteInfo const* site(U32 id);
-
-  bool readSubBufferHeader(Level const& level, U64 index, Format::SubBufferHeader& header) const;
-  void scan(Level& level);
-  bool followingSubBuffers(Level& level);
-  bool cameRound(Level const& level) const;
-  bool copySubBuffer(Level& level, U64 sequence);
-  bool load(Level& level);
-  bool grow(Level& level);
-  bool fill(Level& level);
-  bool refill();
-  Level* oldest();
-
-  void findRecords(Level& level);
-  Verdict examine(Level& level, std::size_t at, std::size_t& bytes, U64& ticks);
-  U64 realTime(Level const& level, U64 ticks) const;
-  Level* ready();
-
-  std::string path_;
-  int fd_ = -1;
-  U64 size_ = 0;  // of the file when it was opened
-  Format::FixedHeader fixed_{};
-  Format::LiveHeader live_{};
-  double nsPerTick_ = 1;
-  U64 realOffset_ = 0;  // CLOCK_REALTIME - CLOCK_MONOTONIC, modulo 2^64
-  std::unordered_map<U32, SiteInfo> sites_;
-  U64 siteScan_ = 0;          // bytes of the sites that were read
-  bool searchedAll_ = false;  // for sites behind the committed ones
-  std::array<Level, Format::levels> levels_;
-  U64 horizon_ = 0;  // every record up to these ticks is in hand
-  Damage damage_;
+  class Impl;
+  std::unique_ptr<Impl> const impl_;
 };
 
 // The records of several files, by time.
