@@ -2,7 +2,9 @@
 // The bytes of a trace file, for its writer and its reader; docs/formats/trace-file.md tells the same with an
 // example.
 //
-//   | FileHeader | call sites | ring of level 0 | ... | ring of level 9 | copy of the fixed header |
+//   file         | FileHeader | call sites | ring buffer of level 0 | ... | of level 9 | copy of the header |
+//   ring buffer  | sub-buffer 5 | sub-buffer 2 | sub-buffer 3 | sub-buffer 4 |
+//   sub-buffer   | header | record | record | record |<- committed: `used`       |
 //
 // A ring buffer is a row of sub-buffers of 4 KiB, filled one after the other and then again from the first.
 // The oldest is overwritten as a whole, so that a reader never has to guess where a record starts. A record
@@ -136,6 +138,13 @@ inline U32 fnv(std::span<std::byte const> bytes, U32 hash = 0x811C9DC5U) {
 inline U32 headerCheck(FixedHeader header) {
   header.check = 0;
   return fnv(std::as_bytes(std::span(&header, 1)));
+}
+
+// The header of a trace file of this version.
+inline bool sound(FixedHeader const& header) {
+  return std::memcmp(header.magic, magic, sizeof magic) == 0 && header.check == headerCheck(header) &&
+         header.version == version && header.byteOrder == byteOrder &&
+         header.subBufferBytes == subBufferBytes;
 }
 
 // Over all of a sub-buffer's header but `used`, which changes.

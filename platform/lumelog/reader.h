@@ -30,11 +30,8 @@ struct SiteInfo {
   std::string file;
   U32 line;
   std::string types;  // of the values, the identifier first
-  std::vector<std::string>
-      labels;  // the text before each value but the identifier, then what follows the last
-
-  // The text with %i, %q, %s where values stand.
-  VANTREL_API std::string format() const;
+  std::string text;   // with %i, %q, %s where values but the identifier stand, %% for a percent sign
+  std::vector<std::string> labels;  // its parts: before each value, and behind the last
 };
 
 struct Value {
@@ -67,13 +64,14 @@ struct Damage {
   U64 unknownSites = 0;  // records whose call site is not there
   U64 overrun = 0;       // sub-buffers that the writer reused before they were read
   U64 dropped = 0;       // records that the writer itself could not keep
+  U64 restarts = 0;      // the file was truncated and started over while it was read
 
   VANTREL_API bool any() const;
   // One line for each kind that occurred.
   VANTREL_API std::vector<std::string> lines() const;
 };
 
-// How one level's ring stands.
+// How one level's ring buffer stands.
 struct RingState {
   U64 bytes;       // its size
   U64 subBuffers;  // in it
@@ -84,13 +82,9 @@ class VANTREL_API Reader {
  public:
   explicit Reader(std::string path);
   ~Reader();
-  Reader(Reader const&) = delete;
-  Reader& operator=(Reader const&) = delete;
 
   // The next record. False when there is none now; a live process may have written more at the next call.
   bool next(Record& record);
-  // The next record's time without taking it; false when there is none now.
-  bool peek(U64& realNs);
 
   std::string const& path() const;
   std::string program() const;
@@ -105,25 +99,23 @@ class VANTREL_API Reader {
   std::vector<SiteInfo const*> sites() const;
 
  private:
-  class Impl;
+  struct Impl;
   std::unique_ptr<Impl> const impl_;
 };
 
 // The records of several files, by time.
 class VANTREL_API Merge {
  public:
-  void add(std::unique_ptr<Reader> reader) {
-    sources_.push_back({std::move(reader), Source::Head::Unknown, 0});
-  }
+  void add(std::unique_ptr<Reader> reader) { sources_.push_back({std::move(reader), {}}); }
   // The reader whose record it is; null when there is none now.
   Reader const* next(Record& record);
 
  private:
   struct Source {
-    enum class Head { Unknown, Known, None };
     std::unique_ptr<Reader> reader;
-    Head head;
-    U64 realNs;  // of the next record, when the head is known
+    Record head;         // its next record, when
+    bool asked = false;  //   it was asked for one and
+    bool has = false;    //   had one
   };
   std::vector<Source> sources_;
 };

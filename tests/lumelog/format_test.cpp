@@ -17,21 +17,19 @@
 #include <string>
 #include <vector>
 
-#include "lumelog/lumelog.h"
-#include "lumelog/parse.h"
-#include "lumelog/reader.h"
+#include "tests/lumelog/logs.h"
 #include "tests/lumelog/temp_dir.h"
 
 namespace Lumelog {
 namespace {
 
+using Test::LogPtr;
+using Test::make;
 using Test::readFile;
+using Test::small;
 using Test::TempDir;
+using Test::writeFile;
 using testing::ElementsAre;
-
-struct Close {
-  void operator()(Log* log) const { close(log); }
-};
 
 // The hexadecimal bytes behind a mark of the page.
 std::string example(std::string const& mark) {
@@ -54,9 +52,7 @@ std::string hex(std::string const& bytes) {
 class Page : public testing::Test {
  protected:
   Page() {
-    Options options;
-    options.kib.fill(8);
-    std::unique_ptr<Log, Close> const log(open(dir_ / "a.lg", options));
+    LogPtr const log = make(dir_ / "a.lg", small(8));
     U64 const key = 1024;
     U32 const hdl = 33;
     static constinit Site site{9, "a.cpp", 27};
@@ -88,18 +84,26 @@ TEST_F(Page, ShowsTheRecord) {
   EXPECT_EQ(hex(written), hex(wanted));
 }
 
+// Both in place of what the log wrote.
 TEST_F(Page, IsWhatTheReaderUnderstands) {
-  std::string const bytes = example("site");
-  Format::SiteHeader site;
-  std::memcpy(&site, bytes.data(), sizeof site);
-  auto const info = Parse::site(site, bytes.data() + sizeof site);
-  ASSERT_TRUE(info);
-  std::string const record = example("record");
-  Record shown{0, 0, 0, &*info, {}};
-  ASSERT_TRUE(Parse::values(info->types, std::as_bytes(std::span(record)), &shown.values));
-  EXPECT_EQ(fmt::format("{} {}:{} [{}] {}", info->level, info->file, info->line, shown.identifier(),
-                        shown.message()),
+  std::string const site = example("site"), record = example("record");
+  std::size_t const ring = header_.fixed.ring[9].offset;
+  Format::SubBufferHeader subBuffer;
+  std::memcpy(&subBuffer, bytes_.data() + ring, sizeof subBuffer);
+  subBuffer.ticks = 0x0000012345678900U - 1;
+  subBuffer.check = Format::subBufferCheck(subBuffer);
+  std::memcpy(bytes_.data() + ring, &subBuffer, sizeof subBuffer);
+  bytes_.replace(header_.fixed.siteOffset, site.size(), site);
+  bytes_.replace(ring + sizeof subBuffer, record.size(), record);
+  writeFile(dir_ / "b.lg", bytes_);
+  Reader reader(dir_ / "b.lg");
+  Record shown;
+  ASSERT_TRUE(reader.next(shown));
+  EXPECT_EQ(fmt::format("{} {}:{} [{}] {}", shown.site->level, shown.site->file, shown.site->line,
+                        shown.identifier(), shown.message()),
             "9 a.cpp:27 [7] handling key:1024 hdl:33");
+  EXPECT_FALSE(reader.next(shown));
+  EXPECT_FALSE(reader.damage().any());
 }
 
 // Where something lies, and how large it is.
@@ -229,9 +233,7 @@ TEST_F(Page, SaysWhatASubBufferHasWhere) {
 
 // Two sub-buffers a ring here: the third takes the place of the first.
 TEST_F(Page, SaysWhichSubBufferIsNext) {
-  Options options;
-  options.kib.fill(8);
-  std::unique_ptr<Log, Close> const log(open(dir_ / "b.lg", options));
+  LogPtr const log = make(dir_ / "b.lg", small(8));
   static constinit Site site{9, "a.cpp", 27};
   constexpr std::size_t recordsASubBuffer = (4096 - 32) / 32;
   auto const sequences = [&] {

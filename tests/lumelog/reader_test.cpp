@@ -13,40 +13,20 @@
 #include <string>
 #include <vector>
 
-#include "lumelog/lumelog.h"
 #include "pallo/exception.h"
+#include "tests/lumelog/logs.h"
 #include "tests/lumelog/temp_dir.h"
 
 namespace Lumelog {
 namespace {
 
+using Test::LogPtr;
+using Test::make;
+using Test::messages;
 using Test::readFile;
+using Test::small;
 using Test::TempDir;
 using Test::writeFile;
-
-struct Close {
-  void operator()(Log* log) const { close(log); }
-};
-using LogPtr = std::unique_ptr<Log, Close>;
-
-Options small(U32 kib = 16) {
-  Options options;
-  options.kib.fill(kib);
-  return options;
-}
-
-LogPtr make(std::string const& path, Options const& options = small()) { return LogPtr(open(path, options)); }
-
-std::vector<std::string> messages(Reader& reader) {
-  std::vector<std::string> result;
-  for (Record record; reader.next(record);) result.push_back(record.message());
-  return result;
-}
-
-std::vector<std::string> messages(std::string const& path) {
-  Reader reader(path);
-  return messages(reader);
-}
 
 void recordNumber(Log* log, U64 i) {
   switch (i % 3) {
@@ -96,7 +76,7 @@ TEST(Reader, KeepsEveryKindOfValue) {
   Record record;
   ASSERT_TRUE(reader.next(record));
   EXPECT_EQ(record.site->types, "iiiqiss");
-  EXPECT_EQ(record.site->format(), "b:%i w:%i q:%q t:%i c:%s long:%s 5%%");
+  EXPECT_EQ(record.site->text, "b:%i w:%i q:%q t:%i c:%s long:%s 5%%");
   EXPECT_EQ(record.site->level, 5U);
   EXPECT_EQ(record.identifier(), 42U);
 }
