@@ -76,6 +76,7 @@ struct LiveHeader {
   U64 dropped;   // records that could not be written: sites full, or larger than a sub-buffer
   U64 anchors;   // anchors taken since opening; the newest is anchor[anchors % 2], none while 0
   Anchor anchor[2];
+  U64 truncations;  // times the file was made whole again
 };
 
 struct FileHeader {

@@ -137,7 +137,6 @@ void detachAfterFork() {
 }
 
 Ticks::Ticks() : tsc_(tscIsConstant()) {}
-
 Log::Log() : serial_(++process().serial), cold_(new Cold) {}
 
 Log::~Log() {
@@ -268,8 +267,7 @@ Log* open(std::string const& name, Options const& options) {
     if (cold.path != path)
       fmt::print(stderr, "Lumelog: {} belongs to a live process or to somebody else, writing {} instead\n",
                  path, cold.path);
-    static bool const watching = pthread_atfork(nullptr, nullptr, &detachAfterFork) == 0;
-    static_cast<void>(watching);
+    [[maybe_unused]] static int const watching = pthread_atfork(nullptr, nullptr, &detachAfterFork);
     process().logs.push_back(log.get());
     return log.release();
   } catch (std::exception const& e) {
@@ -279,7 +277,6 @@ Log* open(std::string const& name, Options const& options) {
 }
 
 void close(Log* log) { delete log; }
-
 void directoryIs(std::string path) { process().directory = std::move(path); }
 
 }  // namespace Lumelog

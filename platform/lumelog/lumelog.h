@@ -189,7 +189,6 @@ VANTREL_API void directoryIs(std::string path);
 VANTREL_API Log* open(std::string const& name, Options const& options);
 VANTREL_API void close(Log* log);
 
-// The common case calls nothing, so that it saves no register for it.
 template <std::size_t level, class... Parts>
 inline void Log::record(Site& site, U32 identifier, Parts const&... parts) {
   std::size_t const bytes = Format::align8(sizeof(Format::RecordHeader) + sizeof(U32) +

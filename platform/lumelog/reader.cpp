@@ -118,6 +118,7 @@ struct Reader::Impl {
   // Behind the fixed header; again when the writer started a truncated file over.
   void begin() {
     readLiveHeader();
+    truncations = live.truncations;
     setClock();
     siteScan = 0;
     readSites(live.siteUsed);
@@ -139,12 +140,6 @@ struct Reader::Impl {
       U64 const behind = level.offset < size ? (size - level.offset) / subBufferBytes : 0;
       level.present = std::min(level.subBuffers, behind);
     }
-  }
-
-  // The writer did so: `now` is the header since. Call sites keep their numbers.
-  bool startedOver(FixedHeader& now) {
-    if (damage.missingBytes) measure();
-    return readAt(0, &now, sizeof now) && now.openTicks != fixed.openTicks && sound(now);
   }
 
   bool readAt(U64 offset, void* to, std::size_t bytes) const {
@@ -333,25 +328,35 @@ struct Reader::Impl {
     }
   }
 
-  // Whatever was written before a record is there once that record is seen. So after the first pass, which
-  // finds the newest record in hand, the second finds everything older. A file that was started over is read
-  // when what is in hand of it was delivered.
-  bool refill() {
-    FixedHeader now;
-    bool stale = startedOver(now);
-    if (stale && !oldest()) {
+  // The writer started the file over, which is read when what is in hand was delivered; call sites keep their
+  // numbers. Or it made the file whole, and may have gone on anywhere.
+  bool startedOver() {
+    FileHeader now;
+    if (damage.missingBytes) measure();
+    bool const there = readAt(0, &now, sizeof now);
+    bool const over = there && now.fixed.openTicks != fixed.openTicks && sound(now.fixed);
+    if (over && oldest()) return true;
+    if (over) {
       ++damage.restarts;
-      fixed = now;
+      fixed = now.fixed;
       begin();
-      stale = false;
+    } else if (there && std::exchange(truncations, now.live.truncations) != now.live.truncations) {
+      for (Level& level : levels) scan(level);
     }
-    if (!stale)
-      for (Level& level : levels) fill(level);
+    return false;
+  }
+
+  // Whatever was written before a record is there once that record is seen. So after the first pass, which
+  // finds the newest record in hand, the second finds everything older.
+  bool refill() {
+    bool const stale = startedOver();
+    for (Level& level : levels)
+      if (!stale) fill(level);
     U64 newest = 0;
     for (Level& level : levels)
       if (level.ready()) newest = std::max(newest, level.found.back().ticks);
-    if (!stale)
-      for (Level& level : levels) fill(level);
+    for (Level& level : levels)
+      if (!stale) fill(level);
     horizon = newest;
     return newest != 0;
   }
@@ -412,6 +417,7 @@ struct Reader::Impl {
   U64 size = 0;  // of the file
   FixedHeader fixed{};
   LiveHeader live{};
+  U64 truncations = 0;  // that are known of
   double nsPerTick = 1;
   U64 realOffset = 0;  // CLOCK_REALTIME - CLOCK_MONOTONIC, modulo 2^64
   std::unordered_map<U32, SiteInfo> sites;

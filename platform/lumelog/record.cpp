@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
 
-#include <cstring>
 #include <utility>
 
 #include "lumelog/reader.h"
@@ -22,10 +21,7 @@ std::string Record::message() const {
     text += site->labels[i];
     if (i + 1 == site->labels.size()) break;
     Value const& value = values[i + 1];
-    if (value.type == 's')
-      text += value.text;
-    else
-      fmt::format_to(std::back_inserter(text), "{}", value.number);
+    text += value.type == 's' ? std::string(value.text) : std::to_string(value.number);
   }
   return text;
 }

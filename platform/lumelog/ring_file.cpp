@@ -26,6 +26,7 @@ void RingFile::makeWhole(Anchor const& now) {
     throw std::runtime_error("its pages cannot be written");
   resize(left);
   reserve();
+  if (base_) ++live_.truncations;
   map();
   if (gone) startOver(now);
   writeHeaders();

@@ -208,6 +208,19 @@ TEST_F(Truncated, AtItsEndIsFollowedByAReader) {
   EXPECT_EQ(reader.damage().restarts, 0U);
 }
 
+TEST_F(Truncated, IsFollowedPastWhatWasCutUnread) {
+  write(0, 60);
+  Reader reader(path_);
+  EXPECT_EQ(numbers(reader), range(0, 60));
+  write(60, 380);  // two sub-buffers on
+  cut(path_, whole_ - Format::headerBytes - 3 * 4096);
+  quietMoment();
+  write(380, 400);
+  std::vector<U64> const found = numbers(reader);
+  ASSERT_GE(found.size(), 20U);
+  EXPECT_EQ(std::vector<U64>(found.end() - 20, found.end()), range(380, 400));
+}
+
 TEST_F(Truncated, IsReadWholeByAReaderThatCameBetween) {
   write(0, 60);
   cut(path_, whole_ - 3 * 4096);
