@@ -46,12 +46,12 @@ class Inside {
 
 }  // namespace
 
-#define TAKE_PLACE(result, name, params, args, whenFailed)                                      \
-  extern "C" VANTREL_API result name params {                                                   \
-    if (failsNow(#name)) return failed<result>(error, whenFailed);                              \
-    static auto* const real = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name));       \
-    Inside const inside;                                                                        \
-    return real args;                                                                           \
+#define TAKE_PLACE(result, name, params, args, whenFailed)                                \
+  extern "C" VANTREL_API result name params {                                             \
+    if (failsNow(#name)) return failed<result>(error, whenFailed);                        \
+    static auto* const real = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name)); \
+    Inside const inside;                                                                  \
+    return real args;                                                                     \
   }
 TAKE_PLACE(PPvoid_t, JudyLGet, (Pcvoid_t array, Word_t index, PJError_t error), (array, index, error), PPJERR)
 TAKE_PLACE(PPvoid_t, JudyLIns, (PPvoid_t array, Word_t index, PJError_t error), (array, index, error), PPJERR)
@@ -91,21 +91,21 @@ class JudyFailure : public FastWorld {
     engineIs();
     nextOpId = 0;
     for (U64 key : {1, 2, 3}) put({.key = key, .ti = static_cast<U32>(10 * key), .prio = 20});
-    put({.key = 4, .ti = 15, .prio = 30});                  // waits for the order
-    put({.key = 5, .ti = 20, .prio = 20});                  // waits for 2
-    put({.key = 1, .ti = 20, .prio = 20});                  // takes the claim over, and gives it up again
-    put({.key = 1, .ti = 11, .prio = 20});                  // update and move
+    put({.key = 4, .ti = 15, .prio = 30});  // waits for the order
+    put({.key = 5, .ti = 20, .prio = 20});  // waits for 2
+    put({.key = 1, .ti = 20, .prio = 20});  // takes the claim over, and gives it up again
+    put({.key = 1, .ti = 11, .prio = 20});  // update and move
     engine->numPending();
     engine->dumpPending();
     engine->dumpState();
     debugConfig->versionInc(1);
     engine->handleDebug();
-    put({.key = 2, .ti = 30, .prio = 20});                  // waits for 3
-    put({.key = 3, .ti = 20, .prio = 20});                  // a ring
+    put({.key = 2, .ti = 30, .prio = 20});  // waits for 3
+    put({.key = 3, .ti = 20, .prio = 20});  // a ring
     remove(3);
     put({.key = 6, .ti = 40, .prio = 20});
-    put({.key = 7, .ti = 35, .prio = 30});                  // waits for the order
-    put({.key = 6, .ti = 34, .prio = 20});                  // wakes 7
+    put({.key = 7, .ti = 35, .prio = 30});  // waits for the order
+    put({.key = 6, .ti = 34, .prio = 20});  // wakes 7
     remove(1);
   }
 
@@ -159,13 +159,13 @@ TEST_F(JudyFailure, EachCallAssertsInTheOperationThatMadeIt) {
   EXPECT_THAT(operationsThatEndWith("JudyLIns"),
               UnorderedElementsAre("FastVantrelImpl::claimOccupied", "FastVantrelImpl::claimPriority",
                                    "FastVantrelImpl::enterAt"));
-  EXPECT_THAT(operationsThatEndWith("JudyLDel"),
-              UnorderedElementsAre("FastState::unindexClaim", "FastVantrelImpl::move",
-                                   "FastVantrelImpl::withdraw"));
-  EXPECT_THAT(operationsThatEndWith("JudyLFirst"),
-              UnorderedElementsAre("FastVantrelImpl::wakeRange", "FastVantrelImpl::dumpPending",
-                                   "Dump::precedence", "Dump::pending", "Dump::current",
-                                   "{anonymous}::showClaims"));
+  EXPECT_THAT(
+      operationsThatEndWith("JudyLDel"),
+      UnorderedElementsAre("FastState::unindexClaim", "FastVantrelImpl::move", "FastVantrelImpl::withdraw"));
+  EXPECT_THAT(
+      operationsThatEndWith("JudyLFirst"),
+      UnorderedElementsAre("FastVantrelImpl::wakeRange", "FastVantrelImpl::dumpPending", "Dump::precedence",
+                           "Dump::pending", "Dump::current", "{anonymous}::showClaims"));
   EXPECT_THAT(operationsThatEndWith("JudyLNext"),
               UnorderedElementsAre("FastVantrelImpl::priorityBlocker", "FastVantrelImpl::rangeOpenedByMove",
                                    "FastVantrelImpl::rangeOpenedByDelete", "FastVantrelImpl::wakeRange",

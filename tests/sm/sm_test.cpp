@@ -541,6 +541,44 @@ TEST_F(FrontEnd, FailedKeyOperations) {
   EXPECT_THAT(failed(), IsEmpty());
 }
 
+TEST_F(FrontEnd, FailedKeyIsOverwritesTheValue) {
+  create();
+  sm->failedKeyIs(EntryKey(1), true);
+  sm->failedKeyIs(EntryKey(1), false);
+  EXPECT_THAT(failed(), ElementsAre(1));
+  EXPECT_FALSE(sm->failedKeyDel(EntryKey(1)));
+  sm->failedKeyIs(EntryKey(1), false);
+  sm->failedKeyIs(EntryKey(1), true);
+  EXPECT_TRUE(sm->failedKeyDel(EntryKey(1)));
+}
+
+// The walk, the failure and the pass know no key that means none.
+TEST_F(FrontEnd, KeyZeroIsWalkedAndRetried) {
+  for (U64 key : {0, 1, 5}) write({.key = key, .ti = static_cast<U32>(key), .opId = 7});
+  keyEngine->internal = {0, 1};
+  create();
+  EXPECT_THAT(keyEngine->take(), testing::UnorderedElementsAre(0, 1, 5));
+  EXPECT_THAT(failed(), ElementsAre(0, 1));
+  wheel->advance(10);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(0, 1)) << "fails again, and is not tried twice";
+  EXPECT_THAT(failed(), ElementsAre(0, 1));
+  keyEngine->internal = {};
+  wheel->advance(10);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(0, 1));
+  EXPECT_THAT(failed(), IsEmpty());
+}
+
+TEST_F(FrontEnd, AKeyRemovedInAPassIsNotTried) {
+  create();
+  for (U64 key : {1, 2, 3}) sm->failedKeyIs(EntryKey(key), true);
+  keyEngine->onKey = [this](U64 key) {
+    if (key == 1) sm->failedKeyDel(EntryKey(2));
+    if (key == 3) sm->failedKeyDelAll();
+  };
+  sm->handleRetry();
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1, 3));
+}
+
 TEST_F(FrontEnd, WithoutAWheelFailedKeysAccumulateAndAreNeverRetried) {
   wheel = nullptr;
   create();
