@@ -128,6 +128,26 @@ TEST_F(FrontEnd, SameCounterValueTellsNobody) {
   EXPECT_EQ(w.table + w.flush, 0);
 }
 
+// Who is told of the counter finds the hardware flushed, and the front end saying so.
+TEST_F(FrontEnd, FlushComesBeforeInitialFlushedAndTheCounter) {
+  class Told : public VantrelFlushStatus::Notifiee {
+   public:
+    void onFlushCounter() override { onTold(); }
+    std::function<void()> onTold;
+  };
+  Told watcher;
+  watcher.notifierIs(flushStatus);
+  sm = vantrelSmFactory(nullptr, status, debugConfig, debugStatus, keyEngine, flushStatus, wheel);
+  int told = 0;
+  watcher.onTold = [&] {
+    ++told;
+    EXPECT_THAT(client->take(), ElementsAre("flush"));
+    EXPECT_TRUE(sm->initialFlushed());
+  };
+  sm->tableConfigIs(table);
+  EXPECT_EQ(told, 1);
+}
+
 TEST_F(FrontEnd, WithoutFlushStatusNoCounterMovesAndTheFirstFlushIsNeverSaid) {
   flushStatus = nullptr;
   create();
@@ -420,6 +440,33 @@ TEST_F(FrontEnd, DamageInAWalkIsReportedAndTheWalkCountsAsComplete) {
   EXPECT_TRUE(sm->initialFlushed());
 }
 
+TEST_F(FrontEnd, DamageAtTheFirstKeyEndsTheWalkTheSameWay) {
+  class DamagedFirst : public Shoal::LocalTable<EntryConfig> {
+   public:
+    std::optional<Place> first() const override {
+      throw Pallo::CorruptionDetectedException("no first place");
+    }
+  };
+  auto const damaged = make<DamagedFirst>();
+  sm = vantrelSmFactory(damaged, status, debugConfig, debugStatus, keyEngine, flushStatus, wheel);
+  EXPECT_EQ(damaged->corruptions(), 1U);
+  EXPECT_EQ(damaged->lastCorruption(), "no first place");
+  EXPECT_THAT(client->take(), ElementsAre("flush"));
+  EXPECT_EQ(flushStatus->flushCounter(), 1);
+}
+
+// It is not the walked table that is damaged.
+TEST_F(FrontEnd, DamageThatTheEngineThrowsLeavesTheWalk) {
+  create();
+  client->take();
+  for (U64 key : {1, 2}) write({.key = key, .ti = static_cast<U32>(key)});
+  keyEngine->onKey = [](U64) { throw Pallo::CorruptionDetectedException("another table"); };
+  EXPECT_THROW(table->notifyEntryColl(), Pallo::CorruptionDetectedException);
+  EXPECT_EQ(keyEngine->take().size(), 1U);
+  EXPECT_EQ(table->corruptions(), 0U);
+  EXPECT_THAT(client->take(), IsEmpty());
+}
+
 TEST_F(FrontEnd, OnlyDamageIsTheTablesOwnToReport) {
   class BrokenWalk : public Shoal::LocalTable<EntryConfig> {
    public:
@@ -603,6 +650,20 @@ TEST_F(FrontEnd, ReplacingTheWheelRunsAPassAtOnce) {
   EXPECT_EQ(sm->retryFailedTimer(), nullptr);
   sm->retryFailedTimerDel();
   EXPECT_THAT(keyEngine->take(), IsEmpty());
+}
+
+TEST_F(FrontEnd, ReplacingTheWheelByItselfRunsNothing) {
+  create();
+  keyEngine->internal = {1};
+  tell(1);
+  keyEngine->take();
+  sm->retryFailedTimerIs(wheel);
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+  EXPECT_THAT(failed(), ElementsAre(1));
+  EXPECT_TRUE(sm->retryTimerSet());
+  EXPECT_EQ(wheel->earliest(), 10.0);
+  wheel->advance(10);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1));
 }
 
 TEST_F(FrontEnd, APassWhileNotInitializedDropsTheKeys) {
