@@ -132,13 +132,16 @@ class JudyFailure : public FastWorld {
     Pallo::assertionHookIs([](Pallo::AssertionFailure const& failure) {
       throw Asserted{failure.expression, failure.model, operationIn(failure.function), failure.line};
     });
+    testing::internal::CaptureStderr();
+    std::optional<Asserted> result;
     try {
       work();
     } catch (Asserted const& asserted) {
-      return asserted;
+      result = asserted;
     }
     Pallo::assertionHookIs(nullptr);
-    return std::nullopt;
+    testing::internal::GetCapturedStderr();
+    return result;
   }
 };
 using JudyFailureDeathTest = JudyFailure;
@@ -161,7 +164,7 @@ TEST_F(JudyFailure, EachCallAssertsInTheOperationThatMadeIt) {
                                    "FastVantrelImpl::enterAt"));
   EXPECT_THAT(
       operationsThatEndWith("JudyLDel"),
-      UnorderedElementsAre("FastState::unindexClaim", "FastVantrelImpl::move", "FastVantrelImpl::withdraw"));
+      UnorderedElementsAre("FastState::unindexClaim", "FastVantrelImpl::move", "FastVantrelImpl::vacate"));
   EXPECT_THAT(
       operationsThatEndWith("JudyLFirst"),
       UnorderedElementsAre("FastVantrelImpl::wakeRange", "FastVantrelImpl::dumpPending", "Dump::precedence",
