@@ -34,6 +34,10 @@ TEST_F(EngineState, StartsEmptyWithItsDefaults) {
   ASSERT_NE(engine->state(), nullptr);
   EXPECT_EQ(state().lgId(), 1U);
   EXPECT_THAT(state().cstate, IsEmpty());
+  EXPECT_THAT(state().blocked, IsEmpty());
+  // Boost makes of 16 the next size that it has.
+  EXPECT_EQ(state().cstate.bucket_count(), FastState::Records(16).bucket_count());
+  EXPECT_EQ(state().blocked.bucket_count(), FastState::Keys(16).bucket_count());
   EXPECT_GE(state().cstate.bucket_count(), 16U);
   EXPECT_EQ(state().cstate.max_load_factor(), 1.0F);
   EXPECT_EQ(state().blocked.max_load_factor(), 1.0F);
