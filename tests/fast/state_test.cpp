@@ -45,6 +45,19 @@ TEST_F(EngineState, StartsEmptyWithItsDefaults) {
 
 TEST_F(EngineState, RecordsAreFortyEightBytes) { EXPECT_EQ(sizeof(CState_s), 48U); }
 
+TEST_F(EngineState, RoomForKeysKeepsMapAndPoolFromGrowing) {
+  put({.key = 1, .ti = 1});
+  U32 const keys = cstatePool().cread + 100;
+  engine->roomForKeysIs(keys);
+  EXPECT_GE(cstatePool().cread, keys);
+  std::size_t const buckets = state().cstate.bucket_count();
+  EXPECT_GT(buckets, keys);
+  U32 const records = cstatePool().clen;
+  for (U64 key = 2; key < 100; ++key) put({.key = key, .ti = static_cast<U32>(key)});
+  EXPECT_EQ(state().cstate.bucket_count(), buckets);
+  EXPECT_EQ(cstatePool().clen, records);
+}
+
 TEST_F(EngineState, AttributesNotifyOnlyOnChange) {
   Watcher w;
   w.notifierIs(engine);

@@ -9,10 +9,10 @@
 //   before anything of that key has changed; every other exception passes through.
 #pragma once
 
-#include <boost/unordered/unordered_flat_map.hpp>
 #include <string>
 
 #include "ostra/entity.h"
+#include "ostra/piecewise_map.h"
 #include "vantrel/core/tables.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/engine/debug_entities.h"
@@ -37,8 +37,8 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   struct HandleHash {
     std::size_t operator()(U64 handle) const { return handle ^ (handle >> 32); }
   };
-  using KeyOfHandle = boost::unordered_flat_map<U64, EntryKey, HandleHash>;
-  using HandleOfKey = boost::unordered_flat_map<EntryKey, U64>;
+  using KeyOfHandle = Ostra::PiecewiseMap<U64, EntryKey, HandleHash>;
+  using HandleOfKey = Ostra::PiecewiseMap<EntryKey, U64>;
 
   // `lgId` heads every trace record of this engine; zero fails an assertion.
   VantrelImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig,

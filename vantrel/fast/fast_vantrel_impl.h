@@ -59,6 +59,10 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   bool processDeleteHelper(EntryKey const& key, bool deadlock, bool delAck);
   // Deletes every key that has a handle.
   void doCleanup();
+  // Makes room for so many more keys, so that none of them has to wait while the map of all keys doubles and
+  // the record pool grows: tens of milliseconds at a million. An agent that knows the size of its hardware
+  // calls it once, at the start.
+  void roomForKeysIs(U64 keys);
 
   // How many low bits of a precedence index hold the position inside a priority group.
   U32 prioGrpShift() const { return prioGrpShift_; }

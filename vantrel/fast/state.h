@@ -110,6 +110,8 @@ class VANTREL_API FastState {
     cstate.erase(c.key);
   }
 
+  // So many more keys can be entered before the map of records and the pool grow.
+  void roomIs(std::size_t keys);
   // A record from the pool, as it was left: the caller fills every field.
   CState_s* cstateAlloc();
   void cstateFree(CState_s* c);
