@@ -44,6 +44,7 @@ void VantrelSm::handleRetry() {
     EntryKey const key = at->first;
     at = failedKeyDel(at);
     VantrelSm::handleEntry(key);
+    if (failedKey_.upper_bound(key) != failedKey_.end()) vantrelImpl()->yield();
   }
 }
 
