@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "lumelog/format.h"
 #include "lumelog/reader.h"
 #include "pallo/exception.h"
 
@@ -20,7 +21,7 @@ namespace {
 
 using namespace Lumelog::Format;
 
-constexpr std::size_t sitesAt = headerBytes, sitesRoom = 512, ringAt = sitesAt + sitesRoom, blocks = 3;
+constexpr std::size_t sitesAt = headerBytes, sitesRoom = 512, ringAt = sitesAt + sitesRoom, subBuffers = 3;
 
 template <class T>
 T get(std::vector<std::byte> const& bytes, std::size_t at) {
@@ -39,12 +40,12 @@ void rightHeader(std::vector<std::byte>& bytes) {
   std::memcpy(header.magic, magic, sizeof magic);
   header.version = version;
   header.byteOrder = byteOrder;
-  header.blockBytes = blockBytes;
+  header.subBufferBytes = subBufferBytes;
   header.fileBytes = bytes.size();
   header.ticksPerSecond = 1000;
   header.siteOffset = sitesAt;
   header.siteBytes = sitesRoom;
-  header.ring[9] = {ringAt, blocks * blockBytes};
+  header.ring[9] = {ringAt, subBuffers * subBufferBytes};
   header.check = headerCheck(header);
   put(bytes, 0, header);
 }
@@ -71,29 +72,29 @@ void rightRecords(std::vector<std::byte>& bytes, std::size_t at, std::size_t end
   }
 }
 
-void rightBlocks(std::vector<std::byte>& bytes) {
-  for (std::size_t i = 0; i < blocks; ++i) {
-    std::size_t const at = ringAt + i * blockBytes;
-    auto header = get<BlockHeader>(bytes, at);
-    header.check = blockCheck(header);
+void rightSubBuffers(std::vector<std::byte>& bytes) {
+  for (std::size_t i = 0; i < subBuffers; ++i) {
+    std::size_t const at = ringAt + i * subBufferBytes;
+    auto header = get<SubBufferHeader>(bytes, at);
+    header.check = subBufferCheck(header);
     put(bytes, at, header);
-    rightRecords(bytes, at + sizeof header, at + blockBytes);
+    rightRecords(bytes, at + sizeof header, at + subBufferBytes);
   }
 }
 
 std::vector<std::byte> file(std::span<std::byte const> data) {
   std::vector<std::byte> bytes(data.begin(), data.end());
   if (data.empty() || (data.front() & std::byte{1}) == std::byte{0}) return bytes;
-  bytes.assign(ringAt + blocks * blockBytes, std::byte{0});
+  bytes.assign(ringAt + subBuffers * subBufferBytes, std::byte{0});
   data = data.subspan(1);
-  // The live header, then sites and blocks, of which the input may give the beginnings only.
+  // The live header, then sites and sub-buffers, of which the input may give the beginnings only.
   std::size_t const live = std::min(data.size(), sizeof(LiveHeader));
   std::copy_n(data.begin(), live, bytes.begin() + offsetof(FileHeader, live));
   data = data.subspan(live);
   std::copy_n(data.begin(), std::min(data.size(), bytes.size() - sitesAt), bytes.begin() + sitesAt);
   rightHeader(bytes);
   rightSites(bytes);
-  rightBlocks(bytes);
+  rightSubBuffers(bytes);
   return bytes;
 }
 
@@ -101,8 +102,8 @@ void readAll(std::string const& path) {
   try {
     Lumelog::Reader reader(path);
     for (Lumelog::Record record; reader.next(record);) {
-      if (record.values.size() != record.site->types.size() || record.bytes > blockBytes) std::abort();
-      if (record.message().size() > 4 * blockBytes) std::abort();
+      if (record.values.size() != record.site->types.size() || record.bytes > subBufferBytes) std::abort();
+      if (record.message().size() > 4 * subBufferBytes) std::abort();
       record.mentionsKey(1);
     }
     reader.damage().lines();

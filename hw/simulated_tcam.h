@@ -24,13 +24,13 @@
 //   the order is carried out and acknowledged, as hardware would do.
 #pragma once
 
-#include <boost/unordered/unordered_flat_map.hpp>
 #include <functional>
 #include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
 
+#include "ostra/piecewise_map.h"
 #include "vantrel/engine/vantrel_helper.h"
 
 namespace Hw {
@@ -160,7 +160,7 @@ class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
   Count count_;
   std::string lastViolation_;
   ViolationHandler handler_;
-  boost::unordered_flat_map<EntryKey, Entry> entries_;
+  Ostra::PiecewiseMap<EntryKey, Entry> entries_;
   std::map<U32, EntryKey> positions_;
   Order order_;  // by group, then position: the entry's priority
 };

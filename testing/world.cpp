@@ -99,7 +99,7 @@ class World::Dependants : public Engine {
 
 World::World(EngineChoice const& choice, Listener& listener, Trace trace)
     : listener_(listener),
-      log_(Lumelog::Log::inMemory({})),
+      log_(std::make_unique<Lumelog::Log>()),
       previousLog_(std::exchange(Vantrel::lg, log_.get())),
       wheel_(make<Keel::VirtualWheel>()),
       table_(make<Shoal::LocalTable<EntryConfig>>("TableConfig")),

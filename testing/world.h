@@ -16,7 +16,7 @@
 #include <string_view>
 
 #include "keel/virtual_wheel.h"
-#include "lumelog/lumelog.h"
+#include "lumelog/tap.h"
 #include "shoal/local_table.h"
 #include "testing/scenario.h"
 #include "vantrel/vantrel.h"

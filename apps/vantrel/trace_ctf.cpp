@@ -148,7 +148,7 @@ class Ctf : public TraceSink {
   }
 
   Event makeEvent(SiteInfo const& site) const {
-    Event kind{Ref<bt_ctf_event_class>(bt_ctf_event_class_create(eventName(site.format()).c_str())), {}};
+    Event kind{Ref<bt_ctf_event_class>(bt_ctf_event_class_create(eventName(site.text).c_str())), {}};
     check(kind.eventClass != nullptr);
     std::set<std::string> taken;
     auto add = [&](char type, std::string const& label) {

@@ -72,7 +72,7 @@ class JsonLines : public TraceSink {
                      {"file", record.site->file},
                      {"line", record.site->line},
                      {"id", record.identifier()},
-                     {"text", record.site->format()},
+                     {"text", record.site->text},
                      {"values", std::move(values)},
                      {"message", record.message()}});
   }
@@ -122,7 +122,7 @@ class Stats : public TraceSink {
   };
 
   static U64 wraps(Lumelog::RingState const& ring) {
-    return ring.blocks && ring.written ? (ring.written - 1) / ring.blocks : 0;
+    return ring.subBuffers && ring.written ? (ring.written - 1) / ring.subBuffers : 0;
   }
 
   static void printText(Reader const& reader, File const& file) {
@@ -136,7 +136,7 @@ class Stats : public TraceSink {
     printLine("   records       bytes  level  message");
     for (auto const& [site, sum] : file.sorted())
       printLine(fmt::format("{:10} {:11} {:6}  {}:{} {}", sum.records, sum.bytes, site->level, site->file,
-                            site->line, printable(site->format())));
+                            site->line, printable(site->text)));
   }
 
   static void printJson(Reader const& reader, File const& file) {
@@ -154,7 +154,7 @@ class Stats : public TraceSink {
                        {"file", site->file},
                        {"line", site->line},
                        {"level", site->level},
-                       {"text", site->format()},
+                       {"text", site->text},
                        {"records", sum.records},
                        {"bytes", sum.bytes}});
   }

@@ -17,6 +17,7 @@
 
 #include "apps/vantrel/command.h"
 #include "apps/vantrel/trace_sinks.h"
+#include "lumelog/format.h"
 #include "pallo/exception.h"
 
 namespace VantrelCommand {

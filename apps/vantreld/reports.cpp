@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/vantreld/reports.h"
 
+#include <fmt/format.h>
+
 #include <cstdlib>
 
+#include "ostra/exception.h"
 #include "vantrel/core/trace.h"
 
 namespace Vantreld {
@@ -17,7 +20,7 @@ Ostra::TypeInfo const& TableReport::staticType() {
   return type;
 }
 
-TraceControl::TraceControl() : Entity("trace") {
+TraceControl::TraceControl() : Entity("trace"), keep_(Vantrel::traceKeep()) {
   if (char const* const settings = std::getenv("TRACE")) settings_ = settings;
 }
 
@@ -26,10 +29,21 @@ void TraceControl::settingsIs(std::string const& settings) {
   scalarIs("settings", settings_, settings, &Notifiee::onSettings);
 }
 
+// None would remove what tells of a crash as soon as the agent is back.
+void TraceControl::keepIs(U32 keep) {
+  constexpr U32 most = 1000;
+  if (keep == 0 || keep > most)
+    throw Ostra::AttributeException(
+        fmt::format("keep: expected a number of trace files from 1 to {}, got {}", most, keep));
+  Vantrel::traceKeepIs(keep);
+  scalarIs("keep", keep_, keep, &Notifiee::onKeep);
+}
+
 Ostra::TypeInfo const& TraceControl::staticType() {
   static Ostra::TypeInfo const type =
       Ostra::TypeInfo::of<TraceControl>("Vantreld::TraceControl")
-          .attribute("settings", &TraceControl::settings, &TraceControl::settingsIs);
+          .attribute("settings", &TraceControl::settings, &TraceControl::settingsIs)
+          .attribute("keep", &TraceControl::keep, &TraceControl::keepIs);
   return type;
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the agent lets an operator see besides the library's own entities: the state of a table, and the trace
-// levels.
+// What the agent lets an operator see besides the library's own entities: the state of a table, and what is
+// traced and kept.
 #pragma once
 
 #include "ostra/entity.h"
@@ -26,22 +26,28 @@ class TableReport : public Ostra::Described {
   std::function<U64()> const size_;
 };
 
-// The facility trace's levels, in the format of the TRACE environment variable.
+// The facility trace's levels, in the format of the TRACE environment variable, and how many trace files of
+// dead agents stay.
 class TraceControl : public Ostra::Entity {
  public:
   class Notifiee : public Ostra::NotifieeOf<TraceControl const> {
    public:
     virtual void onSettings() {}
+    virtual void onKeep() {}
   };
   TraceControl();
   std::string const& settings() const { return settings_; }
   void settingsIs(std::string const& settings);
+  U32 keep() const { return keep_; }
+  // Throws Ostra::AttributeException for a number that nobody means.
+  void keepIs(U32 keep);
 
   static Ostra::TypeInfo const& staticType();
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
 
  private:
   std::string settings_;
+  U32 keep_;
 };
 
 }  // namespace Vantreld

@@ -42,6 +42,7 @@ class World {
     write(i, place);
     handle(i);
   }
+  void roomForKeysIs(U32 keys) { side_.engine().roomForKeysIs(keys); }
   U64 reads() const { return table_->reads(); }
   U32 waiting() { return side_.engine().numPending(); }
 
@@ -102,6 +103,21 @@ void run(benchmark::State& state, Shape const& shape) {
   Fit& fit = fits[shape.name];
   fit.add(n, timed.nsPerKey() * n);
   if (fit.enough()) state.counters["order"] = fit.order();
+}
+
+// The longest that any one of n new keys takes: what a container moves when it grows.
+template <bool room>
+void longestKey(benchmark::State& state) {
+  if (!traceFileIs(false)) state.SkipWithError("the trace file cannot be opened");
+  auto const n = static_cast<U32>(state.range(0));
+  double longest = 0;
+  for (auto _ : state) {
+    World world(static_cast<U32>(std::bit_width(2 * n)));
+    for (U32 i = 0; i < n; ++i) world.write(i, {i});
+    if (room) world.roomForKeysIs(n);
+    for (U32 const i : shuffled(n)) longest = std::max(longest, Timed::nsOf([&] { world.handle(i); }));
+  }
+  state.counters["ns"] = longest;
 }
 
 U32 none(U32) { return 0; }
@@ -198,6 +214,13 @@ bool const registered = [] {
         benchmark::RegisterBenchmark((shape.name + "/ours").c_str(), [&shape](benchmark::State& state) {
           run(state, shape);
         })->Arg(n);
+  for (U32 const n : {10'000U, 100'000U, 1'000'000U})
+    for (bool const room : {false, true})
+      benchmark::RegisterBenchmark(
+          room ? "longest single key added, room ahead/ours" : "longest single key added/ours",
+          room ? &longestKey<true> : &longestKey<false>)
+          ->Arg(n)
+          ->Iterations(1);
   return true;
 }();
 

@@ -17,15 +17,20 @@ class Timed {
   template <class Work>
   void run(U64 keys, Work work) {
     Allocations const before = allocations();
-    double const begin = threadNs();
-    work();
-    ns_ += threadNs() - begin;
+    ns_ += nsOf(work);
     Allocations const made = allocations() - before;
     own_ += made.all - made.judy;
     judy_ += made.judy;
     keys_ += keys;
   }
   double nsPerKey() const { return ns_ / static_cast<double>(keys_); }
+  // How long `work` takes, which counts for nothing else.
+  template <class Work>
+  static double nsOf(Work work) {
+    double const begin = threadNs();
+    work();
+    return threadNs() - begin;
+  }
   // `ns`; and with `withAllocations` how often memory was asked for a key.
   void countersAre(benchmark::State& state, bool withAllocations) const;
 

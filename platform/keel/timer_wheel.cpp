@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "keel/timer_wheel.h"
 
+#include <iterator>
+
 #include "ostra/clock.h"
 
 namespace Keel {
 
-TimerWheel::Notifiee::~Notifiee() { disarm(); }
+TimerWheel::Notifiee::~Notifiee() { leave(); }
 
 void TimerWheel::Notifiee::notifierIs(Ostra::Ptr<TimerWheel const> wheel) {
-  disarm();
+  leave();
   missed_ = false;
   listIs(wheel ? &wheel->notifieeList() : nullptr);
   std::swap(wheel_, wheel);
@@ -29,11 +31,11 @@ void TimerWheel::Notifiee::timeMinIs(double seconds) {
   wheel_->earliestChanged();
 }
 
-void TimerWheel::Notifiee::disarm() {
+void TimerWheel::Notifiee::leave() {
   if (!timeMin_) return;
   wheel_->armed_.erase({*timeMin_, this});
+  wheel_->armed_.emplace(*timeMin_, nullptr);
   timeMin_.reset();
-  wheel_->earliestChanged();
 }
 
 TimerWheel::~TimerWheel() = default;  // every notifiee with a wake-up holds a reference: none is left
@@ -50,11 +52,12 @@ std::optional<double> TimerWheel::earliestAfter(double time) const {
   return at->first;
 }
 
-// The first that is due and had asked by then.
-TimerWheel::Notifiee* TimerWheel::due(double now, U64 asked) const {
-  for (auto const& [time, notifiee] : armed_) {
-    if (time > now) return nullptr;
-    if (notifiee->armed_ <= asked) return notifiee;
+// The first that is due and had asked by then. Wake-ups on the way whose asker has left are over.
+TimerWheel::Notifiee* TimerWheel::due(double now, U64 asked) {
+  for (auto at = armed_.begin(); at != armed_.end() && at->first <= now;) {
+    Notifiee* const notifiee = at->second;
+    if (notifiee && notifiee->armed_ <= asked) return notifiee;
+    at = notifiee ? std::next(at) : armed_.erase(at);
   }
   return nullptr;
 }

@@ -3,7 +3,7 @@
 //
 // Invariants: a notifiee has at most one wake-up armed; it is delivered once, not before its time, and in
 //   order of time. Asking again replaces it. A notifiee that goes, is pointed elsewhere or marked for
-//   deletion is not woken.
+//   deletion is not woken; what it asked for stays armed on the wheel, and finds nobody when its time comes.
 // Ownership: the wheel refers to its notifiees, they own the reference to the wheel.
 // Threading: the agent's event loop, which calls what the concrete wheel offers (TimerfdWheel, VirtualWheel).
 // Cost: logarithmic in the wake-ups armed.
@@ -29,7 +29,7 @@ class VANTREL_API TimerWheel : public Ostra::PtrInterface {
     void hasNotificationActiveIs(bool active) override;
 
     Ostra::Ptr<TimerWheel const> const& notifier() const { return wheel_; }
-    // Watches another wheel, or none (null). A wake-up that is armed is dropped.
+    // Watches another wheel, or none (null). A wake-up that is armed stays with the old wheel, for nobody.
     void notifierIs(Ostra::Ptr<TimerWheel const> wheel);
 
     // The armed wake-up's time in seconds, if any.
@@ -40,7 +40,7 @@ class VANTREL_API TimerWheel : public Ostra::PtrInterface {
 
    private:
     friend class TimerWheel;
-    void disarm();
+    void leave();
     Ostra::Ptr<TimerWheel const> wheel_;
     std::optional<double> timeMin_;
     U64 armed_ = 0;        // the wheel's count of askings when this one asked
@@ -63,10 +63,10 @@ class VANTREL_API TimerWheel : public Ostra::PtrInterface {
 
  private:
   mutable Ostra::Notifier notifiees_;
-  Notifiee* due(double now, U64 asked) const;
+  Notifiee* due(double now, U64 asked);
 
-  mutable std::set<std::pair<double, Notifiee*>> armed_;
-  mutable U64 asked_ = 0;  // how often a wake-up was asked for
+  mutable std::set<std::pair<double, Notifiee*>> armed_;  // null: whoever asked has left
+  mutable U64 asked_ = 0;                                 // how often a wake-up was asked for
 };
 
 }  // namespace Keel

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The wheel on the kernel's clock: a file descriptor to poll and a dispatch() to call when it is readable.
 //
-// Invariants: fd() is readable exactly while something is due; at rest it stays silent.
+// Invariants: fd() is readable exactly while a wake-up is due, even one whose asker has left; at rest it
+//   stays silent.
 // Ownership: closes its descriptor; a loop stops polling it before the last reference goes.
 // Threading: the loop that polls fd(). The wheel owns no thread.
 // Cost: one timerfd_settime when the earliest wake-up changes.

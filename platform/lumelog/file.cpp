@@ -6,19 +6,24 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
+#include <regex>
 #include <system_error>
-#include <utility>
+#include <vector>
+
+#include "lumelog/format.h"
 
 namespace Lumelog::File {
 namespace {
 
-[[noreturn]] void fail(std::string const& path, int error) {
-  throw std::system_error(error, std::generic_category(), path);
-}
+using Path = std::filesystem::path;
+
+[[noreturn]] void fail(int error) { throw std::system_error(error, std::generic_category()); }
 
 flock64 wholeFile(short type) {
   flock64 lock{};
@@ -34,98 +39,119 @@ bool lock(int fd) {
   return ::fcntl(fd, F_OFD_SETLK, &request) == 0;
 }
 
-std::string withStem(std::string const& path, std::string const& addition) {
-  std::filesystem::path const p(path);
-  return (p.parent_path() / (p.stem().string() + addition + p.extension().string())).string();
-}
-
 // The names to try one after the other: the wanted one, one with the process number, then with a count.
-std::string candidate(std::string const& path, unsigned n) {
-  if (n == 0) return path;
-  std::string const pid = fmt::format("-{}", ::getpid());
-  bool const hasPid = std::filesystem::path(path).stem().string().ends_with(pid);
-  if (n == 1 && !hasPid) return withStem(path, pid);
-  return withStem(path, fmt::format("{}.{}", hasPid ? "" : pid, n));
+std::string candidate(Path const& name, unsigned n) {
+  std::string const pid = fmt::format("-{}", ::getpid()), stem = name.stem();
+  std::string const own = stem.ends_with(pid) ? stem : stem + pid;
+  std::string const unique = n == 0 ? stem : n == 1 && own != stem ? own : fmt::format("{}.{}", own, n);
+  return unique + name.extension().string();
 }
 
-void renameAside(std::string const& path) {
-  for (unsigned n = 1; n < 1000000; ++n) {
-    std::string const aside = fmt::format("{}.{}", path, n);
-    if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0) return;
-    if (errno != EEXIST) fail(path, errno);
-  }
-  fail(path, EEXIST);
+// The file of that name when it is a regular one, and no link.
+Pallo::Descriptor openRegular(int directory, std::string const& name) {
+  Pallo::Descriptor fd(::openat(directory, name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  struct stat status;
+  if (fd && (::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode))) fd.reset();
+  return fd;
 }
 
-bool sameFile(int fd, std::string const& path) {
+bool hasName(int fd, int directory, std::string const& name) {
   struct stat a, b;
-  return ::fstat(fd, &a) == 0 && ::stat(path.c_str(), &b) == 0 && a.st_dev == b.st_dev &&
-         a.st_ino == b.st_ino;
+  return ::fstat(fd, &a) == 0 && ::fstatat(directory, name.c_str(), &b, AT_SYMLINK_NOFOLLOW) == 0 &&
+         a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// True when the name is free afterwards. While the dead process's file is locked here, nobody else moves it.
-bool putAsideIfDead(std::string const& path) {
-  int const fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-  if (fd < 0) {
-    if (errno == ENOENT) return true;
-    fail(path, errno);
+// While a dead process's file is locked here, nobody else moves it.
+void putAsideIfDead(int directory, std::string const& name) {
+  Pallo::Descriptor const fd = openRegular(directory, name);
+  if (!fd || !lock(fd.get()) || !hasName(fd.get(), directory, name)) return;
+  for (unsigned n = 1; n < 1000000; ++n) {
+    std::string const aside = fmt::format("{}.{}", name, n);
+    if (::renameat2(directory, name.c_str(), directory, aside.c_str(), RENAME_NOREPLACE) == 0) return;
+    if (errno != EEXIST) return;
   }
-  bool const dead = lock(fd);
-  if (dead && sameFile(fd, path)) renameAside(path);
-  ::close(fd);
-  return dead;
 }
 
-// True when `from` has the name `to` too.
-bool linkUnlessTaken(std::string const& from, std::string const& to) {
-  if (::link(from.c_str(), to.c_str()) == 0) return true;
-  if (errno != EEXIST) fail(to, errno);
-  return false;
+// The names that a log's files may have: with any process number, with a count, put aside.
+std::regex namesOf(Path const& name) {
+  auto const literal = [](std::string const& text) {
+    return std::regex_replace(text, std::regex(R"([^\w%-])"), R"(\$&)");
+  };
+  std::string stem = literal(name.stem());
+  if (std::size_t const at = stem.find("%d"); at != std::string::npos) stem.replace(at, 2, "[0-9]+");
+  return std::regex(stem + R"((-[0-9]+)?(\.[0-9]+)?)" + literal(name.extension()) + R"((\.[0-9]+)?)");
+}
+
+// When the dead process of this user that left the trace file wrote to it last. None: the file is another.
+std::optional<U64> leftAt(int fd) {
+  struct stat status;
+  Format::FileHeader header;
+  if (fd < 0 || ::fstat(fd, &status) != 0 || status.st_uid != ::geteuid() || isLive(fd) ||
+      ::pread(fd, &header, sizeof header, 0) != sizeof header || !Format::sound(header.fixed))
+    return std::nullopt;
+  return std::max(header.fixed.openRealNs, header.live.anchor[header.live.anchors % 2].realNs);
 }
 
 }  // namespace
-
-Draft::Draft(std::string const& path, std::size_t bytes) {
-  static unsigned serial = 0;
-  path_ = fmt::format("{}.new-{}-{}", path, ::getpid(), ++serial);
-  fd_ = ::open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd_ < 0) fail(path, errno);
-  int const error = ::posix_fallocate(fd_, 0, static_cast<off_t>(bytes));
-  bool const locked = error == 0 && lock(fd_);
-  if (locked) return;
-  int const cause = error ? error : errno;
-  ::close(fd_);
-  ::unlink(path_.c_str());
-  fail(path, cause);
-}
-
-Draft::~Draft() {
-  if (fd_ < 0) return;
-  ::close(fd_);
-  ::unlink(path_.c_str());
-}
-
-std::string Draft::publish(std::string const& path, int* fd) {
-  for (unsigned n = 0; n < 1000; ++n) {
-    std::string const name = candidate(path, n);
-    // Another process may take the name between the two steps; then it is live.
-    if (!linkUnlessTaken(path_, name) && !(putAsideIfDead(name) && linkUnlessTaken(path_, name))) continue;
-    ::unlink(path_.c_str());
-    *fd = std::exchange(fd_, -1);
-    return name;
-  }
-  fail(path, EEXIST);
-}
 
 std::string place(std::string const& name, std::string const& directory) {
   std::string file = name;
   if (std::size_t const at = file.find("%d"); at != std::string::npos)
     file.replace(at, 2, std::to_string(::getpid()));
-  if (std::filesystem::path(file).is_absolute()) return file;
-  char const* fromEnvironment = std::getenv("LUMELOGDIR");
-  return ((fromEnvironment ? std::filesystem::path(fromEnvironment) : std::filesystem::path(directory)) /
-          file)
-      .string();
+  char const* const fromEnvironment = std::getenv("LUMELOGDIR");
+  return Path(fromEnvironment ? fromEnvironment : directory) / file;
+}
+
+Pallo::Descriptor openDirectory(std::string const& path) {
+  Pallo::Descriptor fd(::open((Path(path).parent_path() / ".").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) fail(errno);
+  return fd;
+}
+
+void removeOld(int directory, std::string const& name, std::size_t keep) {
+  std::regex const form = namesOf(Path(name).filename());
+  std::vector<std::pair<U64, std::string>> old;
+  std::error_code error;  // ends the walk
+  std::filesystem::directory_iterator at(fmt::format("/proc/self/fd/{}", directory), error), end;
+  for (; at != end; at.increment(error)) {
+    std::string const file = at->path().filename();
+    if (!std::regex_match(file, form)) continue;
+    if (auto const ns = leftAt(openRegular(directory, file).get())) old.emplace_back(*ns, file);
+  }
+  std::sort(old.begin(), old.end());
+  for (std::size_t i = 0; i + keep < old.size(); ++i) {
+    Pallo::Descriptor const file = openRegular(directory, old[i].second);
+    if (leftAt(file.get()) && lock(file.get()) && hasName(file.get(), directory, old[i].second))
+      ::unlinkat(directory, old[i].second.c_str(), 0);
+  }
+}
+
+Draft::Draft(int directory, std::string const& path) : directory_(directory), path_(path) {
+  static unsigned serial = 0;
+  draft_ = fmt::format("{}.new-{}-{}", Path(path).filename().string(), ::getpid(), ++serial);
+  int const flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  fd_ = Pallo::Descriptor(::openat(directory_, draft_.c_str(), flags, 0640));
+  if (fd_ && lock(fd_.get())) return;
+  int const error = errno;
+  if (fd_) ::unlinkat(directory_, draft_.c_str(), 0);
+  fail(error);
+}
+
+Draft::~Draft() { ::unlinkat(directory_, draft_.c_str(), 0); }
+
+std::string Draft::publish() {
+  Path const path(path_);
+  for (unsigned n = 0; n < 1000; ++n) {
+    std::string const name = candidate(path.filename(), n);
+    // Another process may take the name between the two steps; then it is live.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      if (::linkat(directory_, draft_.c_str(), directory_, name.c_str(), 0) == 0)
+        return path.parent_path() / name;
+      if (errno != EEXIST) fail(errno);
+      if (attempt == 0) putAsideIfDead(directory_, name);
+    }
+  }
+  fail(EEXIST);
 }
 
 bool isLive(int fd) {

@@ -2,14 +2,16 @@
 // The bytes of a trace file, for its writer and its reader; docs/formats/trace-file.md tells the same with an
 // example.
 //
-//   | FileHeader | message sites | ring of level 0 | ... | ring of level 9 | copy of the fixed header |
+//   file         | FileHeader | call sites | ring buffer of level 0 | ... | of level 9 | copy of the header |
+//   ring buffer  | sub-buffer 5 | sub-buffer 2 | sub-buffer 3 | sub-buffer 4 |
+//   sub-buffer   | header | record | record | record |<- committed: `used`       |
 //
-// A ring is a row of blocks of 4 KiB, filled one after the other and then again from the first: a block is
-// given up as a whole when its turn comes, so that a reader never has to guess where a record starts. A
-// record never crosses a block.
+// A ring buffer is a row of sub-buffers of 4 KiB, filled one after the other and then again from the first.
+// The oldest is overwritten as a whole, so that a reader never has to guess where a record starts. A record
+// never crosses a sub-buffer.
 //
 // Invariants: everything is little-endian and lies on a multiple of 8. What is not yet committed is never
-//   read: a block's records up to `used`, the sites up to `siteUsed`. Time stamps rise strictly over the
+//   read: a sub-buffer's records up to `used`, the sites up to `siteUsed`. Time stamps rise strictly over the
 //   whole file.
 #pragma once
 
@@ -27,7 +29,7 @@ constexpr U32 byteOrder = 0x01020304;
 constexpr std::size_t levels = 10;
 constexpr std::size_t headerBytes = 4096;
 constexpr std::size_t siteBytes = 256 * 1024;
-constexpr std::size_t blockBytes = 4096;
+constexpr std::size_t subBufferBytes = 4096;
 
 // What the time stamps count.
 enum class Clock : U32 { Tsc = 1, MonotonicNs = 2 };
@@ -35,7 +37,7 @@ enum class Clock : U32 { Tsc = 1, MonotonicNs = 2 };
 // Where one level's ring lies.
 struct Ring {
   U64 offset;  // from the start of the file, bytes
-  U64 bytes;   // a multiple of the block size; 0: nothing of this level is kept
+  U64 bytes;   // a multiple of the sub-buffer size; 0: nothing of this level is kept
 };
 
 // Written once at opening, before the file appears under its name; written again at the end of the file.
@@ -44,14 +46,14 @@ struct FixedHeader {
   U32 version;
   U32 byteOrder;
   U32 check;           // fnv() of this structure with 0 here
-  U32 blockBytes;      // size of a block
+  U32 subBufferBytes;  // size of a sub-buffer
   U64 fileBytes;       // size of the whole file
   U32 pid;             // the process that writes
   U32 maxString;       // longer strings were cut to this many bytes
   Clock clock;         // what ticks are
   U32 threading;       // 0: one thread
   U64 ticksPerSecond;  // measured at opening; two anchors far apart tell it better
-  U64 siteOffset;      // where the message sites start
+  U64 siteOffset;      // where the call sites start
   U64 siteBytes;       // room for them
   U64 openTicks;       // the moment of opening on the tick clock,
   U64 openNs;          //   on CLOCK_MONOTONIC, nanoseconds,
@@ -70,10 +72,11 @@ struct Anchor {
 
 // What changes while the process runs.
 struct LiveHeader {
-  U64 siteUsed;  // committed bytes of the message sites
-  U64 dropped;   // records that could not be written: sites full, or larger than a block
+  U64 siteUsed;  // committed bytes of the call sites
+  U64 dropped;   // records that could not be written: sites full, or larger than a sub-buffer
   U64 anchors;   // anchors taken since opening; the newest is anchor[anchors % 2], none while 0
   Anchor anchor[2];
+  U64 truncations;  // times the file was made whole again
 };
 
 struct FileHeader {
@@ -83,22 +86,22 @@ struct FileHeader {
 };
 static_assert(offsetof(FileHeader, live) == 512 && sizeof(FileHeader) <= headerBytes);
 
-// The block of sequence number s (from 1) is the ring's block (s - 1) mod n.
-struct BlockHeader {
-  U64 sequence;  // 0 while the writer prepares the block
-  U64 ticks;     // the moment the block was begun on the tick clock
+// The sub-buffer of sequence number s (from 1) is the ring's sub-buffer (s - 1) mod n.
+struct SubBufferHeader {
+  U64 sequence;  // 0 while the writer prepares the sub-buffer
+  U64 ticks;     // the moment the sub-buffer was begun on the tick clock
   U64 ns;        // and on CLOCK_MONOTONIC
   U32 used;      // committed bytes after this header
-  U32 check;     // blockCheck()
+  U32 check;     // subBufferCheck()
 };
-static_assert(sizeof(BlockHeader) == 32);
-constexpr std::size_t blockRoom = blockBytes - sizeof(BlockHeader);
+static_assert(sizeof(SubBufferHeader) == 32);
+constexpr std::size_t subBufferRoom = subBufferBytes - sizeof(SubBufferHeader);
 
 // Followed by the values: "i" 4 bytes, "q" 8 bytes, "s" two bytes of length and the characters; zeros up to a
 // multiple of 8. The first value is the writer's identifier.
 struct RecordHeader {
   U64 ticks;
-  U32 site;   // number of the message site
+  U32 site;   // number of the call site
   U16 bytes;  // of the whole record
   U16 check;  // recordCheck()
 };
@@ -138,8 +141,15 @@ inline U32 headerCheck(FixedHeader header) {
   return fnv(std::as_bytes(std::span(&header, 1)));
 }
 
-// Over all of a block's header but `used`, which changes.
-inline U32 blockCheck(BlockHeader header) {
+// The header of a trace file of this version.
+inline bool sound(FixedHeader const& header) {
+  return std::memcmp(header.magic, magic, sizeof magic) == 0 && header.check == headerCheck(header) &&
+         header.version == version && header.byteOrder == byteOrder &&
+         header.subBufferBytes == subBufferBytes;
+}
+
+// Over all of a sub-buffer's header but `used`, which changes.
+inline U32 subBufferCheck(SubBufferHeader header) {
   header.used = header.check = 0;
   return fnv(std::as_bytes(std::span(&header, 1)));
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Lumelog: a memory-mapped ring a level in one file. A record is a timestamp, a message site and its values
-// in binary.
+// Lumelog: a flight recorder. One file, mapped into memory, holds a ring buffer a level; a record is one
+// event: its time stamp, its call site and its values in binary.
 //
 //   LUMELOG_RECORD(log, 9, 1u, "handling key:", key, " hdl:", hdl);
 //
@@ -10,28 +10,23 @@
 //
 // Invariants: a record that was written is readable whatever ends the process, at any instruction; what was
 //   being written is not there. Time stamps rise strictly. A file belongs to one live process; a forked child
-//   records nothing.
+//   records nothing. A file that is truncated meanwhile is made whole again by the next record.
 // Ownership: the opener's, by close(); a log that stays open to the end of the process loses nothing.
 // Threading: Single: one thread, plain stores.
 // Cost: reading the processor's time stamp, which is most of it (see Moments), and a few stores, no system
-//   call; every hundred records or so a new block, and after each quiet hundredth of a second one reading of
-//   the system's clock. A null log is one predictable branch.
+//   call; every hundred records or so a new sub-buffer; and after each quiet hundredth of a second the
+//   system's clock and the file's size. A null log is one predictable branch.
 // Errors: what cannot be opened is said on stderr, and the caller runs without; a record never fails.
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstring>
 #include <ctime>
-#include <functional>
-#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "lumelog/format.h"
 #include "lumelog/values.h"
@@ -39,18 +34,21 @@
 
 namespace Lumelog {
 
+class Tap;  // tap.h
+
 constexpr std::size_t levels = Format::levels;
 
 enum class Threading { Single = 0 };
 
 struct Options {
-  std::array<U32, levels>
-      kib{};  // size of each level's ring, KiB, rounded up to whole blocks; 0: the level is not kept
-  std::size_t maxString = 80;  // longer strings are cut, bytes
+  std::array<U32, levels> kib{};  // of each level's ring buffer, rounded up to sub-buffers; 0: none
+  std::size_t maxString = 80;     // longer strings are cut, bytes
   Threading threading = Threading::Single;
+  U32 keep = 8;           // trace files of dead processes that opening leaves, the newest
+  U32 retrySeconds = 60;  // until a truncated file whose space could not be had is tried again
 };
 
-// One message in the source: registered with the log when it is first written there.
+// One call site of the source: registered with the log when it first records there.
 struct Site {
   U8 level;
   char const* file;
@@ -59,21 +57,14 @@ struct Site {
   U32 log = 0;  // the log that gave it, 0 for none
 };
 
-// Called with every record as it is written: the text with %i, %q, %s where values stand (the identifier's
-// place is before the text), and all values as numbers, identifier first; a string's number is its length.
-using Tap = std::function<void(std::string_view text, std::span<U64 const> values)>;
-
-// The processor's time stamp counter where it runs at a constant rate, else CLOCK_MONOTONIC in nanoseconds.
-// The counter is three times cheaper to read, and is never a system call where the system's own clock source
-// is something slower.
+// The processor's time stamp counter where it runs at a constant rate, else CLOCK_MONOTONIC in nanoseconds:
+// the counter is three times cheaper to read, and never a system call.
 class Ticks {
  public:
   Ticks();
   U64 now() const {
-#if defined(__x86_64__)
     if (tsc_) [[likely]]
       return __builtin_ia32_rdtsc();
-#endif
     timespec t;
     clock_gettime(CLOCK_MONOTONIC, &t);
     return static_cast<U64>(t.tv_sec) * 1000000000U + static_cast<U64>(t.tv_nsec);
@@ -89,7 +80,7 @@ class VANTREL_API Log {
 
  public:
   // A log without a file: its records reach the tap only.
-  static std::unique_ptr<Log> inMemory(Tap tap);
+  Log();
   ~Log();
   Log(Log const&) = delete;
   Log& operator=(Log const&) = delete;
@@ -99,7 +90,7 @@ class VANTREL_API Log {
   void record(Site& site, U32 identifier, Parts const&... parts);
   // The same with a text that is only known at run time: for the rare message that must not be cut.
   void recordText(U8 level, char const* file, int line, U32 identifier, std::string_view text);
-  // Null takes it off.
+  // An empty one takes it off.
   void tapIs(Tap tap);
 
   // While it lives, records share one reading of the clock, each a tick after the one before, until
@@ -127,40 +118,39 @@ class VANTREL_API Log {
     if (reading_ == Reading::passed) reading_ = Reading::held;
   }
 
+  // Removes trace files of dead processes but the newest of this number, as opening does.
+  void keepIs(U32 keep) const;
+
   // The file's path; empty without a file.
-  std::string const& path() const { return path_; }
-  // Messages known so far.
-  std::size_t sites() const { return texts_.size(); }
-  bool recording() const { return map_ != nullptr; }
+  std::string const& path() const;
+  // Call sites known so far.
+  std::size_t sites() const;
+  // Records reach the file.
+  bool recording() const;
 
  private:
   friend Log* open(std::string const& name, Options const& options);
   friend void detachAfterFork();
+  struct Cold;  // what recording an event does not touch
 
-  // The block that a level's records go to.
+  // The sub-buffer that a level's records go to.
   struct Ring {
     std::byte* cursor = nullptr;  // where the next record goes
-    std::byte* end = nullptr;     // end of the block
-    Format::BlockHeader* block = nullptr;
-    std::byte* first = nullptr;  // the ring's first block
-    U64 blocks = 0;              // in the ring
-    U64 sequence = 0;            // of `block`
+    std::byte* end = nullptr;     // of the sub-buffer
+    Format::SubBufferHeader* subBuffer = nullptr;
   };
 
-  Log();
-  Log(std::string path, int fd, std::byte* map, Format::FixedHeader const& header);
-  bool registerSite(Site& site, Detail::Shape const& shape);
-  bool writeSite(U32 id, Site const& site, Detail::Shape const& shape);
   template <class... Parts>
   void recordRarely(Site& site, U32 identifier, std::size_t bytes, Parts const&... parts);
   template <class... Parts>
-  void write(Ring& ring, Site const& site, U32 identifier, std::size_t bytes, Parts const&... parts);
-  bool nextBlock(Ring& ring, std::size_t bytes);
-  void beginBlock(Ring& ring);
-  void takeAnchor();
+  bool write(Ring& ring, Site const& site, U32 identifier, std::size_t bytes, Parts const&... parts);
+  bool registerSite(Site& site, std::span<Detail::Part const> message);
   void callTap(Site const& site, std::span<U64 const> values);
+  bool nextSubBuffer(Ring& ring, std::size_t bytes);
+  bool attend(Ring const& ring);
+  void anchor();
+  bool repair();
   void detach();
-  Format::LiveHeader& live();
 
   U64 stamp() {
     if (reading_ == Reading::held) return ++last_;
@@ -171,6 +161,12 @@ class VANTREL_API Log {
     U64 const now = ticks_.now();
     return last_ = now > last_ ? now : last_ + 1;
   }
+  // A reader, and whoever comes after a crash, sees the record from here on.
+  static void commit(Ring& ring, std::byte* end) {
+    ring.cursor = end;
+    auto const used = end - reinterpret_cast<std::byte*>(ring.subBuffer + 1);
+    __atomic_store_n(&ring.subBuffer->used, static_cast<U32>(used), __ATOMIC_RELEASE);
+  }
 
   std::array<Ring, levels> rings_;
   Ticks ticks_;
@@ -178,48 +174,36 @@ class VANTREL_API Log {
   bool tapped_ = false;
   Reading reading_ = Reading::each;
   U64 last_ = 0;  // newest time stamp
+  // A record from this tick on is followed by an anchor. 0: a signal handler found the file truncated.
   U64 nextAnchor_ = ~U64{0};
   std::size_t maxString_ = 80;
-  std::byte* map_ = nullptr;
-  std::size_t mapBytes_ = 0;
-  U64 ticksPerSecond_ = 0;
-  int fd_ = -1;
-  Tap tap_;
-  std::string path_;
-  std::vector<std::string> texts_;              // by site number - 1
-  std::unordered_map<Site const*, U32> known_;  // their numbers
+  Cold* const cold_;
 };
 
 // The directory of a log whose name is relative, when LUMELOGDIR is not set. The current directory at first.
 VANTREL_API void directoryIs(std::string path);
 
-// Opens a log; "%d" in the name stands for the process number. The file of a process that is gone is put
-// aside under the name with ".1", ".2" and so on behind it; where the name belongs to a live process, the
-// process number comes into it. All of the file's space is reserved. Null when that fails, said once on
-// stderr for each path.
+// Opens a log; "%d" in the name stands for the process number. A dead process's file of that name is put
+// aside as ".1", ".2" and so on; where a live process or somebody else has the name, the process number comes
+// into it. All of the file's space is reserved. Null when that fails, said once on stderr for each path.
 VANTREL_API Log* open(std::string const& name, Options const& options);
 VANTREL_API void close(Log* log);
 
-// The common case calls nothing, so that it saves no register for it.
 template <std::size_t level, class... Parts>
 inline void Log::record(Site& site, U32 identifier, Parts const&... parts) {
   std::size_t const bytes = Format::align8(sizeof(Format::RecordHeader) + sizeof(U32) +
                                            (Detail::bytesOf(parts, maxString_) + ... + 0));
   Ring& ring = rings_[level];
   bool const fits = bytes <= static_cast<std::size_t>(ring.end - ring.cursor);
-  if (site.log != serial_ || tapped_ || !fits) [[unlikely]]
-    return recordRarely(site, identifier, bytes, parts...);
-  write(ring, site, identifier, bytes, parts...);
+  if (site.log != serial_ || tapped_ || !fits || write(ring, site, identifier, bytes, parts...)) [[unlikely]]
+    recordRarely(site, identifier, bytes, parts...);
 }
 
 template <class... Parts>
 [[gnu::noinline, gnu::cold]] void Log::recordRarely(Site& site, U32 identifier, std::size_t bytes,
                                                     Parts const&... parts) {
-  if (site.log != serial_) {
-    Detail::Shape shape;
-    (Detail::describe(shape, parts), ...);
-    if (!registerSite(site, shape)) return;
-  }
+  std::array<Detail::Part, sizeof...(Parts)> const message{Detail::part(parts)...};
+  if (site.log != serial_ && !registerSite(site, message)) return;
   if (tapped_) {
     U64 values[1 + sizeof...(Parts)] = {identifier};
     U64* end = values + 1;
@@ -227,12 +211,15 @@ template <class... Parts>
     callTap(site, {values, end});
   }
   Ring& ring = rings_[site.level];
-  bool const fits = bytes <= static_cast<std::size_t>(ring.end - ring.cursor);
-  if (fits || nextBlock(ring, bytes)) write(ring, site, identifier, bytes, parts...);
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    bool const fits = bytes <= static_cast<std::size_t>(ring.end - ring.cursor);
+    if ((!fits && !nextSubBuffer(ring, bytes)) || !write(ring, site, identifier, bytes, parts...)) return;
+  }
 }
 
+// True when the file was truncated, and the record is to be written again.
 template <class... Parts>
-[[gnu::always_inline]] inline void Log::write(Ring& ring, Site const& site, U32 identifier, std::size_t bytes,
+[[gnu::always_inline]] inline bool Log::write(Ring& ring, Site const& site, U32 identifier, std::size_t bytes,
                                               Parts const&... parts) {
   std::byte* const at = ring.cursor;
   U64 const now = stamp();
@@ -243,13 +230,11 @@ template <class... Parts>
   std::memcpy(at + sizeof header, &identifier, sizeof identifier);
   [[maybe_unused]] std::byte* to = at + sizeof header + sizeof identifier;
   ((to = Detail::put(to, parts, maxString_)), ...);
-  ring.cursor = at + bytes;
-  // The commit: a reader, and whoever comes after a crash, sees the record from here on.
-  std::atomic_ref(ring.block->used)
-      .store(static_cast<U32>(ring.cursor - reinterpret_cast<std::byte*>(ring.block + 1)),
-             std::memory_order_release);
+  commit(ring, at + bytes);
+  __atomic_signal_fence(__ATOMIC_SEQ_CST);  // those stores may zero it
   if (now >= nextAnchor_) [[unlikely]]
-    takeAnchor();
+    return attend(ring);
+  return false;
 }
 
 }  // namespace Lumelog

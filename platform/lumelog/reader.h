@@ -9,21 +9,16 @@
 //   by the file's size, each step goes forward.
 // Ownership: a record's site and strings belong to the reader; the strings until the next call of next().
 // Threading: one thread. The writer is never disturbed.
-// Cost: one block a level in memory.
+// Cost: one sub-buffer a level in memory.
 // Errors: Pallo::Exception for a file that cannot be read or is not a trace file.
 #pragma once
 
-#include <array>
-#include <cstddef>
 #include <memory>
-#include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "lumelog/format.h"
 #include "pallo/types.h"
 
 namespace Lumelog {
@@ -35,11 +30,8 @@ struct SiteInfo {
   std::string file;
   U32 line;
   std::string types;  // of the values, the identifier first
-  std::vector<std::string>
-      labels;  // the text before each value but the identifier, then what follows the last
-
-  // The text with %i, %q, %s where values stand.
-  VANTREL_API std::string format() const;
+  std::string text;   // with %i, %q, %s where values but the identifier stand, %% for a percent sign
+  std::vector<std::string> labels;  // its parts: before each value, and behind the last
 };
 
 struct Value {
@@ -66,124 +58,64 @@ struct Record {
 struct Damage {
   bool header = false;   // the header at the start was damaged, its copy at the end served
   U64 missingBytes = 0;  // the file is shorter than it was made
-  U64 siteBytes = 0;     // of message sites that are damaged
-  U64 blocks = 0;        // blocks that are damaged as a whole
-  U64 recordBytes = 0;   // damaged bytes in other blocks
-  U64 unknownSites = 0;  // records whose message site is not there
-  U64 overwritten = 0;   // blocks that the writer reused before they were read
+  U64 siteBytes = 0;     // of call sites that are damaged
+  U64 subBuffers = 0;    // sub-buffers that are damaged as a whole
+  U64 recordBytes = 0;   // damaged bytes in other sub-buffers
+  U64 unknownSites = 0;  // records whose call site is not there
+  U64 overrun = 0;       // sub-buffers that the writer reused before they were read
   U64 dropped = 0;       // records that the writer itself could not keep
+  U64 restarts = 0;      // the file was truncated and started over while it was read
 
   VANTREL_API bool any() const;
   // One line for each kind that occurred.
   VANTREL_API std::vector<std::string> lines() const;
 };
 
-// How one level's ring stands.
+// How one level's ring buffer stands.
 struct RingState {
-  U64 bytes;    // its size
-  U64 blocks;   // in it
-  U64 written;  // blocks begun since the process opened the file: more than `blocks` means that it wrapped
+  U64 bytes;       // its size
+  U64 subBuffers;  // in it
+  U64 written;  // sub-buffers begun since the file was opened: more than `subBuffers` means that it wrapped
 };
 
 class VANTREL_API Reader {
  public:
   explicit Reader(std::string path);
   ~Reader();
-  Reader(Reader const&) = delete;
-  Reader& operator=(Reader const&) = delete;
 
   // The next record. False when there is none now; a live process may have written more at the next call.
   bool next(Record& record);
-  // The next record's time without taking it; false when there is none now.
-  bool peek(U64& realNs);
 
-  std::string const& path() const { return path_; }
+  std::string const& path() const;
   std::string program() const;
-  U32 pid() const { return fixed_.pid; }
-  U64 openedNs() const { return fixed_.openRealNs; }
+  U32 pid() const;
+  U64 openedNs() const;  // nanoseconds since 1970
   // A process holds the file open for writing.
   bool live() const;
-  Damage const& damage() const { return damage_; }
-  std::array<RingState, Format::levels> rings() const;
-  std::unordered_map<U32, SiteInfo> const& sites() const { return sites_; }
+  Damage const& damage() const;
+  // Level 0 first.
+  std::vector<RingState> rings() const;
+  // Those that were met so far, in no order.
+  std::vector<SiteInfo const*> sites() const;
 
  private:
-  // A record that was found intact in a level's block.
-  struct Found {
-    std::size_t at;
-    U64 ticks;
-  };
-  struct Level {
-    U64 offset = 0;                // of the ring in the file
-    U64 blocks = 0;                // of it
-    U64 present = 0;               // of them that the file still has
-    std::vector<U64> plan;         // sequences still to be read, newest first
-    U64 newest = 0;                // highest sequence seen
-    Format::BlockHeader header{};  // of the block in hand; sequence 0: none
-    std::vector<std::byte> block;
-    std::size_t searched = 0;  // bytes of `block` that were looked at
-    std::vector<Found> found;
-    std::size_t next = 0;  // in `found`
-    bool ready() const { return next < found.size(); }
-    std::size_t end() const { return sizeof(Format::BlockHeader) + header.used; }
-  };
-  enum class Verdict { Intact, UnknownSite, Damaged };
-
-  bool readAt(U64 offset, void* to, std::size_t bytes) const;
-  void readFixedHeader();
-  void layOutLevels();
-  void readLiveHeader();
-  void setClock();
-  void readSites(U64 end);
-  std::size_t readSite(std::vector<std::byte> const& area, std::size_t at);
-  SiteInfo const* site(U32 id);
-
-  bool readBlockHeader(Level const& level, U64 index, Format::BlockHeader& header) const;
-  void scan(Level& level);
-  bool followingBlocks(Level& level);
-  bool cameRound(Level const& level) const;
-  bool copyBlock(Level& level, U64 sequence);
-  bool load(Level& level);
-  bool grow(Level& level);
-  bool fill(Level& level);
-  bool refill();
-  Level* oldest();
-
-  void findRecords(Level& level);
-  Verdict examine(Level& level, std::size_t at, std::size_t& bytes, U64& ticks);
-  U64 realTime(Level const& level, U64 ticks) const;
-  Level* ready();
-
-  std::string path_;
-  int fd_ = -1;
-  U64 size_ = 0;  // of the file when it was opened
-  Format::FixedHeader fixed_{};
-  Format::LiveHeader live_{};
-  double nsPerTick_ = 1;
-  U64 realOffset_ = 0;  // CLOCK_REALTIME - CLOCK_MONOTONIC, modulo 2^64
-  std::unordered_map<U32, SiteInfo> sites_;
-  U64 siteScan_ = 0;          // bytes of the sites that were read
-  bool searchedAll_ = false;  // for sites behind the committed ones
-  std::array<Level, Format::levels> levels_;
-  U64 horizon_ = 0;  // every record up to these ticks is in hand
-  Damage damage_;
+  struct Impl;
+  std::unique_ptr<Impl> const impl_;
 };
 
 // The records of several files, by time.
 class VANTREL_API Merge {
  public:
-  void add(std::unique_ptr<Reader> reader) {
-    sources_.push_back({std::move(reader), Source::Head::Unknown, 0});
-  }
+  void add(std::unique_ptr<Reader> reader) { sources_.push_back({std::move(reader), {}}); }
   // The reader whose record it is; null when there is none now.
   Reader const* next(Record& record);
 
  private:
   struct Source {
-    enum class Head { Unknown, Known, None };
     std::unique_ptr<Reader> reader;
-    Head head;
-    U64 realNs;  // of the next record, when the head is known
+    Record head;         // its next record, when
+    bool asked = false;  //   it was asked for one and
+    bool has = false;    //   had one
   };
   std::vector<Source> sources_;
 };

@@ -6,9 +6,9 @@
 #include <concepts>
 #include <cstddef>
 #include <cstring>
-#include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "pallo/types.h"
 
@@ -47,55 +47,46 @@ consteval char typeCode() {
 }
 
 // Bytes that one part takes in a record.
-template <Text T>
-constexpr std::size_t bytesOf(T const&, std::size_t) {
-  return 0;
-}
-template <String T>
-std::size_t bytesOf(T const& value, std::size_t maxString) {
-  std::size_t const size = std::string_view(value).size();
-  return sizeof(U16) + (size < maxString ? size : maxString);
-}
 template <class T>
-constexpr std::size_t bytesOf(T const& value, std::size_t) {
-  return sizeof(number(value));
+constexpr std::size_t bytesOf(T const& value, std::size_t maxString) {
+  if constexpr (Text<T>)
+    return 0;
+  else if constexpr (String<T>)
+    return sizeof(U16) + std::string_view(value).substr(0, maxString).size();
+  else
+    return sizeof(number(value));
 }
 
 // Writes one part and returns where the next goes.
-template <Text T>
-std::byte* put(std::byte* at, T const&, std::size_t) {
-  return at;
-}
-template <String T>
-std::byte* put(std::byte* at, T const& value, std::size_t maxString) {
-  std::string_view const text(value);
-  auto const size = static_cast<U16>(text.size() < maxString ? text.size() : maxString);
-  std::memcpy(at, &size, sizeof size);
-  std::memcpy(at + sizeof size, text.data(), size);
-  return at + sizeof size + size;
-}
 template <class T>
-std::byte* put(std::byte* at, T const& value, std::size_t) {
-  auto const n = number(value);
-  std::memcpy(at, &n, sizeof n);
-  return at + sizeof n;
+std::byte* put(std::byte* at, T const& value, std::size_t maxString) {
+  if constexpr (Text<T>) {
+    return at;
+  } else if constexpr (String<T>) {
+    std::string_view const text = std::string_view(value).substr(0, maxString);
+    auto const size = static_cast<U16>(text.size());
+    std::memcpy(at, &size, sizeof size);
+    std::memcpy(at + sizeof size, text.data(), size);
+    return at + sizeof size + size;
+  } else {
+    auto const n = number(value);
+    std::memcpy(at, &n, sizeof n);
+    return at + sizeof n;
+  }
 }
 
-// What a message looks like, for its registration.
-struct Shape {
-  std::string text;
-  std::string types = "i";
+// What its call site registers of a part: a text, or the type code of a value.
+struct Part {
+  std::string_view text;
+  char type = 0;  // 0: a text
 };
 
 template <class T>
-void describe(Shape& shape, T const& part) {
-  if constexpr (Text<T>) {
-    for (char c : std::string_view(part)) shape.text.append(c == '%' ? 2 : 1, c);
-  } else {
-    shape.types += typeCode<T>();
-    shape.text += '%';
-    shape.text += typeCode<T>();
-  }
+constexpr Part part(T const& part) {
+  if constexpr (Text<T>)
+    return {std::string_view(part)};
+  else
+    return {{}, typeCode<T>()};
 }
 
 // Appends a value as the tap sees it: a string by its length.

@@ -20,10 +20,9 @@
 // Invariants: what its type wants told last (the version of DebugStatus) arrives behind everything that was
 //   written before it; other scalars may overtake members. While the agent is away the objects keep their
 //   values; when it is back they are compared with a fresh snapshot, and watchers hear what differs. What is
-//   set here before the object is live is not sent: the agent's snapshot replaces it. A value that is set is
-//   written as it stands, whatever others wrote meanwhile: to count up at the agent, invoke.
-// Ownership: holds a reference to each mounted object. Not to be destroyed from inside a notification.
-// Threading: the thread that calls dispatch(). A handler may mount and unmount.
+//   set here is not sent: the agent's next word replaces it. To change something at the agent, invoke.
+// Ownership: holds a reference to each mounted object. Must not be destroyed from inside a notification.
+// Threading: the thread that calls dispatch(). A handler may mount.
 // Cost: one dispatch() reads at most 64 KB.
 // Errors: the constructor throws std::runtime_error for a path that cannot be a socket's. An agent that is
 //   away, refuses or sends nonsense is told by connected() and problem(); the connection is tried again until
@@ -32,6 +31,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,6 +39,10 @@
 #include <vector>
 
 #include "ostra/entity.h"
+#include "ostra/publish_wire.h"
+#include "pallo/events.h"
+#include "pallo/poller.h"
+#include "pallo/unix_socket.h"
 
 namespace Ostra {
 
@@ -49,45 +53,74 @@ struct Invocation {
   bool lost = false;            // not sent, as the object was not live; or the agent's object is gone since
 };
 
+class Mounted;
+
 class VANTREL_API Mounter {
  public:
-  enum class Access { ReadOnly, Writable };
-
   explicit Mounter(std::string path, double retrySeconds = 0.2);
+  Mounter(Mounter const&) = delete;
+  Mounter& operator=(Mounter const&) = delete;
   ~Mounter();
 
   // An object whose scalars and collections are those of the agent's entity, of the same type; without a
-  // name, of its only entity of that type. Writable: scalars set here are set there; what the agent makes
-  // of it comes back.
+  // name, of its only entity of that type.
   template <class T>
-  Ptr<T> mount(std::string entity = {}, Access access = Access::ReadOnly) {
+  Ptr<T> mount(std::string entity = {}) {
     Ptr<T> const object = make<T>(entity.empty() ? T::staticType().name() : entity);
-    mount(object, std::move(entity), access);
+    mount(object, std::move(entity));
     return object;
   }
-  void mount(Ptr<Entity> object, std::string entity, Access access);
-  void unmount(Entity const& object);
+  void mount(Ptr<Entity> object, std::string entity);
   // Invokes an operation of the agent's object. dispatch() receives the answer.
   std::shared_ptr<Invocation const> invoke(Entity const& object, std::string_view operation,
                                            std::vector<Value> const& arguments = {});
 
   // Readable when dispatch() has something to do.
-  int fd() const;
+  int fd() const { return poller_.fd(); }
   void dispatch();
-  // Waits and dispatches until `done` says so; false when `seconds` passed first.
+  // Waits and dispatches until `done` returns true; returns false when `seconds` passed first.
   bool dispatchUntil(std::function<bool()> const& done, double seconds);
 
-  bool connected() const;
+  bool connected() const { return static_cast<bool>(agent_); }
   // Connected, and the object holds a complete snapshot and every change since.
   bool live(Entity const& object) const;
   // What went wrong last: why there is no connection, or what the agent refused. Empty: nothing.
-  std::string const& problem() const;
-  // Called when a connection begins and when it ends, the reason with it.
-  void onConnection(std::function<void(bool connected, std::string const& why)> handler);
+  std::string const& problem() const { return problem_; }
 
  private:
-  class Impl;
-  std::unique_ptr<Impl> impl_;
+  enum Watched : U64 { Retry, Owed, Agent };
+  // What an answer answers: one of the two.
+  struct Asked {
+    std::shared_ptr<Mounted> mounted = {};
+    std::shared_ptr<Invocation> invocation = {};
+  };
+  using Mounts = std::vector<std::shared_ptr<Mounted>>;
+  using Message = Wire::Message;
+
+  void connect();
+  void disconnect(std::string const& why);
+  void ask(Wire::LineWriter& request, Asked asked);
+  void send();
+  void handle(U64 watched);
+  void takeLines();
+  std::optional<Message> nextLine();
+  void takeLine(Message const& line);
+  void takeAnswer(Message const& line);
+  void askAgain();
+  Mounts::const_iterator find(Entity const& object) const;
+
+  std::string const path_;
+  double const retrySeconds_;
+  std::string problem_;
+  Pallo::LineSocket agent_;
+  Pallo::Poller poller_;
+  Pallo::Timer retry_;
+  Pallo::Doorbell owes_;         // rings while there is an owed line
+  std::optional<Message> owed_;  // at which a watcher threw
+  bool sending_ = false;         // as the poller knows it
+  Mounts mounts_;
+  std::map<U64, Asked> asked_;  // by tag
+  U64 lastTag_ = 0;
 };
 
 }  // namespace Ostra

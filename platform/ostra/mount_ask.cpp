@@ -3,103 +3,72 @@
 
 #include <fmt/format.h>
 #include <poll.h>
-#include <sys/socket.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <nlohmann/json.hpp>
-#include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include "ostra/publish_wire.h"
 
 namespace Ostra {
 namespace {
+
 constexpr std::size_t longestLine = 4 * 1024 * 1024;
-constexpr std::size_t readAtOnce = 64 * 1024;
-}  // namespace
 
-class Asker::Impl {
+// An agent to which very many connect at once has no place for one more until it has looked.
+Pallo::Descriptor connectWithin(double seconds, std::string const& path) {
   using Clock = std::chrono::steady_clock;
-
- public:
-  Impl(std::string path, double seconds) : path_(std::move(path)), seconds_(seconds) {
-    connect();
-    if (!socket_) fail(fmt::format("cannot reach the agent at {}: {}", path_, std::strerror(errno)));
-  }
-
-  void send(std::string_view bytes) {
-    while (!bytes.empty()) {
-      ssize_t const n = ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (n > 0)
-        bytes.remove_prefix(static_cast<std::size_t>(n));
-      else if (errno == EAGAIN)
-        await(POLLOUT, seconds_);
-      else if (errno != EINTR)
-        throw AgentGone(fmt::format("the agent at {} went away: {}", path_, std::strerror(errno)));
-    }
-  }
-
-  // The next line; `seconds` below zero: waits for ever.
-  std::string_view line(double seconds) {
-    while (true) {
-      if (auto const line = in_.next()) return *line;
-      if (in_.overlong()) fail(fmt::format("the agent at {} sent a line that is too long", path_));
-      await(POLLIN, seconds);
-      receive();
-    }
-  }
-  double seconds() const { return seconds_; }
-
- private:
-  // An agent to which very many connect at once has no place for one more until it has looked.
-  void connect() {
-    auto const end = Clock::now() + std::chrono::duration<double>(seconds_);
-    while (!(socket_ = Wire::connectTo(path_)) && errno == EAGAIN && Clock::now() < end)
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  [[noreturn]] static void fail(std::string const& why) { throw std::runtime_error(why); }
-
-  void await(short events, double seconds) {
-    pollfd p{socket_.get(), events, 0};
-    int const ready = ::poll(&p, 1, seconds < 0 ? -1 : static_cast<int>(seconds * 1000));
-    if (ready == 0) fail(fmt::format("the agent at {} did not answer within {} seconds", path_, seconds));
-  }
-
-  void receive() {
-    bytes_.resize(readAtOnce);
-    ssize_t const n = ::recv(socket_.get(), bytes_.data(), bytes_.size(), 0);
-    if (n > 0)
-      in_.append(bytes_.data(), static_cast<std::size_t>(n));
-    else if (n == 0 || (errno != EAGAIN && errno != EINTR))
-      throw AgentGone(fmt::format("the agent at {} closed the connection", path_));
-  }
-
-  std::string const path_;
-  double const seconds_;
-  Pallo::Descriptor socket_;
-  Wire::LineBuffer in_{longestLine};
-  std::vector<char> bytes_;
-};
-
-Asker::Asker(std::string path, double seconds) : impl_(std::make_unique<Impl>(std::move(path), seconds)) {}
-Asker::~Asker() = default;
-
-void Asker::ask(std::string_view request, std::function<void(std::string_view line)> const& take) {
-  impl_->send(std::string(request) + '\n');
-  for (bool more = true; more;) {
-    std::string_view const line = impl_->line(impl_->seconds());
-    Wire::Json const head = Wire::Json::parse(line, nullptr, false);
-    if (!head.is_object()) throw std::runtime_error("the agent sent a line that is not a JSON object");
-    if (head.contains("error")) throw std::runtime_error(head["error"].get<std::string>());
-    if (!head.contains("answer")) continue;  // an event of something mounted before
-    take(line);
-    more = head.value("more", false);
+  auto const end = Clock::now() + std::chrono::duration<double>(seconds);
+  while (true) {
+    Pallo::Descriptor socket = Pallo::connectTo(path);
+    if (socket) return socket;
+    if (errno != EAGAIN || Clock::now() >= end)
+      throw std::runtime_error(fmt::format("cannot reach the agent at {}: {}", path, std::strerror(errno)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
 }
 
-std::string Asker::nextEvent() { return std::string(impl_->line(-1)); }
+Wire::Message parsed(std::string_view line) try {
+  return Wire::parse(line);
+} catch (std::runtime_error const&) {
+  throw std::runtime_error("the agent sent a line that is not a JSON object");
+}
+
+}  // namespace
+
+Asker::Asker(std::string path, double seconds)
+    : path_(std::move(path)), seconds_(seconds), agent_(connectWithin(seconds, path_), longestLine) {}
+
+// What the agent says last may explain why it takes no request: the answer is waited for all the same.
+void Asker::ask(std::string_view request, std::function<void(std::string_view line)> const& take) {
+  (agent_.out() += request) += '\n';
+  for (bool more = true; more;) {
+    std::string_view const line = nextLine(seconds_);
+    Wire::Message const message = parsed(line);
+    if (message.error.given()) throw std::runtime_error(message.error.text() ? *message.error.text() : "");
+    if (!message.answer.given()) continue;  // an event of something mounted before
+    take(line);
+    more = message.more.value == Value(true);
+  }
+}
+
+// Below zero: waits for ever.
+std::string_view Asker::nextLine(double seconds) {
+  while (true) {
+    if (auto const line = agent_.line()) return *line;
+    if (!agent_.ended().empty()) throw AgentGone(fmt::format("the agent at {} {}", path_, agent_.ended()));
+    agent_.send();
+    await(seconds);
+    agent_.receive();
+  }
+}
+
+void Asker::await(double seconds) {
+  short const events = agent_.sending() ? POLLIN | POLLOUT : POLLIN;
+  pollfd p{agent_.fd(), events, 0};
+  if (::poll(&p, 1, seconds < 0 ? -1 : static_cast<int>(seconds * 1000)) == 0)
+    throw std::runtime_error(fmt::format("the agent at {} did not answer within {} seconds", path_, seconds));
+}
 
 }  // namespace Ostra

@@ -21,4 +21,9 @@ void throwPodArraySize(std::size_t capacity, std::size_t offered, void const* so
   throw Pallo::InvalidSizeException(message);
 }
 
+void throwPodArrayIndex(std::size_t capacity, std::size_t index) {
+  throw Pallo::InvalidSizeException(
+      fmt::format("PodArray::elementIs expected index < {}, instead got {}", capacity, index));
+}
+
 }  // namespace Ostra

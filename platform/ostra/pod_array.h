@@ -5,6 +5,7 @@
 //   holds an array places it so that its elements are aligned.
 // Invariants: count <= Capacity; elements at and beyond the count have no value.
 // Cost: a copy touches only the elements that count.
+// Errors: Pallo::InvalidSizeException for more elements than the capacity; the array stays as it was.
 #pragma once
 
 #include <algorithm>
@@ -13,15 +14,15 @@
 #include <span>
 #include <type_traits>
 
-#include "pallo/assert.h"
 #include "pallo/types.h"
 
 namespace Ostra {
 
-// Throws Pallo::InvalidSizeException. `offered` is the count that was asked for; the dump shows no more of
-// the source than `readable` bytes, so that a count from a damaged record cannot lead outside it.
+// `offered` is the count that was asked for. The dump shows all of its elements when `readable` bytes of the
+// source hold them, else the bytes that are there: a count from a damaged record cannot lead outside it.
 [[noreturn]] VANTREL_API void throwPodArraySize(std::size_t capacity, std::size_t offered, void const* source,
                                                 std::size_t elementBytes, std::size_t readable);
+[[noreturn]] VANTREL_API void throwPodArrayIndex(std::size_t capacity, std::size_t index);
 
 template <class T, std::size_t Capacity>
 class PodArray {
@@ -51,7 +52,8 @@ class PodArray {
 
   // Element i becomes value; the count grows to i + 1 when i is at or beyond it, zeroes between.
   void elementIs(std::size_t i, T value) {
-    PALLO_ASSERT("PodArray", i < Capacity);
+    if (i >= Capacity) [[unlikely]]
+      throwPodArrayIndex(Capacity, i);
     for (; count_ < i; ++count_) data()[count_] = T{};
     data()[i] = value;
     count_ = std::max(count_, static_cast<U32>(i + 1));

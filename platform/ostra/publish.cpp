@@ -1,275 +1,217 @@
 // SPDX-License-Identifier: Apache-2.0
+// Who is served when, and who may be connected.
+//
+//   poller: listener, peers' sockets, timer --+
+//   exports: something changed ---------------+--> queue of peers --> a slice each, until the turn is over
+//                                                       ^                |
+//                                                       +-- wants more --+
+//
+// A peer stands in the queue once, so that whoever wants much waits behind all others that stand there. While
+// anybody does, a doorbell keeps fd() readable. It does not know what peers ask for.
 #include "ostra/publish.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/epoll.h>
-#include <sys/eventfd.h>
-#include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/timerfd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cmath>
-#include <cstring>
 #include <stdexcept>
-#include <unordered_map>
+#include <system_error>
+#include <tuple>
+#include <vector>
 
 #include "ostra/publish_export.h"
 #include "ostra/publish_peer.h"
-#include "ostra/publish_wire.h"
 
 namespace Ostra {
 namespace {
 
-constexpr int eventsAtOnce = 8;
 constexpr int acceptsAtOnce = 16;
-constexpr int ticksAStall = 4;
-constexpr int mostWaiting = 512;  // to be accepted
+constexpr int looksAPeriod = 4;
+constexpr double acceptAgainSeconds = 0.1;
+constexpr rlim_t reservedFiles = 64;
 
-[[noreturn]] void fail(std::string const& path, std::string_view what) {
-  throw std::runtime_error(fmt::format("management socket {}: {}", path, what));
-}
-[[noreturn]] void failErrno(std::string const& path, std::string_view what) {
-  fail(path, fmt::format("{}: {}", what, std::strerror(errno)));
-}
-
-// Held as long as the publisher lives; the kernel gives it back when the process ends, however it ends.
-Pallo::Descriptor lockFor(std::string const& path) {
-  Pallo::Descriptor lock(::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-  if (!lock) failErrno(path, "cannot create the lock file beside it");
-  if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) fail(path, "a live agent serves it already");
-  return lock;
+// Of what the process may open, 64 and a quarter are not for peers.
+std::size_t placesFor(std::size_t mostPeers) {
+  rlimit files{};
+  ::getrlimit(RLIMIT_NOFILE, &files);
+  rlim_t const reserved = reservedFiles + files.rlim_cur / 4;
+  rlim_t const left = files.rlim_cur > reserved ? files.rlim_cur - reserved : 0;
+  return std::max<std::size_t>(1, std::min<rlim_t>(mostPeers, left));
 }
 
-void checkReplaceable(std::string const& path) {
-  struct stat s {};
-  if (::lstat(path.c_str(), &s) != 0) return;
-  if (!S_ISSOCK(s.st_mode)) fail(path, "the path exists and is not a socket");
-  if (Wire::connectTo(path)) fail(path, "a live agent serves it already");
+uid_t userOf(int socket) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.uid : ~uid_t{0};
 }
 
-// The socket appears under its name when it is complete: with its mode, and listening.
-Pallo::Descriptor listenAt(std::string const& path) {
-  std::string const coming = path + ".new";
-  sockaddr_un const address = Wire::address(coming);
-  Pallo::Descriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (!fd) failErrno(path, "cannot make a socket");
-  ::unlink(coming.c_str());
-  if (::bind(fd.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0)
-    failErrno(path, "cannot bind");
-  if (::chmod(coming.c_str(), 0660) != 0 || ::listen(fd.get(), mostWaiting) != 0 ||
-      ::rename(coming.c_str(), path.c_str()) != 0) {
-    int const error = errno;
-    ::unlink(coming.c_str());
-    errno = error;
-    failErrno(path, "cannot listen");
-  }
-  return fd;
-}
-
-itimerspec every(double seconds) {
-  double whole = 0;
-  double const fraction = std::modf(seconds, &whole);
-  timespec const t{static_cast<time_t>(whole), static_cast<long>(fraction * 1e9)};
-  return {t, t};
+bool isShortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
 }
 
 }  // namespace
 
-class Publisher::Impl {
- public:
-  Impl(std::string path, Options const& options);
-  ~Impl();
-
-  void exportObject(std::string name, Ptr<Described> object);
-  void withdraw(std::string const& name);
-  int fd() const { return epoll_.get(); }
-  void dispatch();
-  std::size_t peers() const { return peers_.size(); }
-
- private:
-  void add(int fd, U32 events);
-  void update(Peer& peer);
-  void handle(epoll_event const& event);
-  void accept();
-  bool mayWrite(int socket) const;
-  void serve(int fd, U32 events);
-  void drop(int fd);
-  void news();
-  void wake();
-  void dropStalled();
-
-  std::string const path_;
-  Options const options_;
-  Pallo::Descriptor lock_;
-  Pallo::Descriptor epoll_;
-  Pallo::Descriptor listener_;
-  Pallo::Descriptor wakeUp_;
-  Pallo::Descriptor ticks_;
-  bool woken_ = false;
-  bool accepting_ = true;
-  Exports exports_;
-  struct Connection {
-    std::unique_ptr<Peer> peer;
-    U32 interest = 0;
-  };
-  std::unordered_map<int, Connection> peers_;  // after exports_: peers leave them when they go
-};
-
-Publisher::Impl::Impl(std::string path, Options const& options)
-    : path_(std::move(path)),
-      options_(options),
-      epoll_(::epoll_create1(EPOLL_CLOEXEC)),
-      wakeUp_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
-      ticks_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
-  if (!epoll_ || !wakeUp_ || !ticks_) failErrno(path_, "no more file descriptors");
-  static_cast<void>(Wire::address(path_ + ".new"));
-  lock_ = lockFor(path_);
-  checkReplaceable(path_);
-  listener_ = listenAt(path_);
-  add(listener_.get(), EPOLLIN);
-  add(wakeUp_.get(), EPOLLIN);
-  add(ticks_.get(), EPOLLIN);
+Publisher::Publisher(std::string const& path, Options const& options) try
+    : options_(options),
+      mostPeers_(placesFor(options.mostPeers)),
+      period_(std::min(options.stallSeconds, options.idleSeconds) / looksAPeriod),
+      listener_(path) {
+  poller_.add(listener_.fd(), Listener);
+  poller_.add(news_.fd(), News);
+  poller_.add(timer_.fd(), Clock);
+} catch (std::system_error const& e) {
+  throw std::runtime_error(fmt::format("socket {}: {}", path, e.what()));
 }
 
-Publisher::Impl::~Impl() { ::unlink(path_.c_str()); }
+Publisher::~Publisher() = default;
 
-void Publisher::Impl::add(int fd, U32 events) {
-  epoll_event event{};
-  event.events = events;
-  event.data.fd = fd;
-  if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) != 0) failErrno(path_, "cannot poll");
-}
-
-void Publisher::Impl::update(Peer& peer) {
-  Connection& connection = peers_.at(peer.fd());
-  U32 const interest = peer.interest();
-  if (connection.interest == interest) return;
-  connection.interest = interest;
-  epoll_event event{};
-  event.events = interest;
-  event.data.fd = peer.fd();
-  ::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, peer.fd(), &event);
-}
-
-void Publisher::Impl::exportObject(std::string name, Ptr<Described> object) {
+void Publisher::exportObject(std::string name, Ptr<Described> object) {
   withdraw(name);
-  auto exported = std::make_unique<Export>(name, std::move(object), [this] { wake(); });
+  auto exported = std::make_unique<Export>(name, std::move(object), [this] { changed(); });
   exports_.emplace(std::move(name), std::move(exported));
 }
 
-void Publisher::Impl::withdraw(std::string const& name) {
+void Publisher::withdraw(std::string const& name) {
   auto const at = exports_.find(name);
   if (at == exports_.end()) return;
-  for (auto& [fd, connection] : peers_) connection.peer->withdrawn(name);
+  for (auto& [number, place] : places_) place.peer->withdrawn(*at->second);
   exports_.erase(at);
-  wake();
+  changed();
 }
 
 // Changes come in bursts; the first of a burst makes fd() readable.
-void Publisher::Impl::wake() {
-  if (std::exchange(woken_, true)) return;
-  ::eventfd_write(wakeUp_.get(), 1);
+void Publisher::changed() {
+  changed_ = true;
+  news_.ringsIs(true);
 }
 
-void Publisher::Impl::dispatch() {
-  epoll_event events[eventsAtOnce];
-  int const n = ::epoll_wait(epoll_.get(), events, eventsAtOnce, 0);
-  for (int i = 0; i < n; ++i) handle(events[i]);
+// In the middle of serving a peer, it and the set of peers stay as they are.
+void Publisher::dispatch(bool mayAct) {
+  Turn const turn{now() + options_.turnSeconds, mayAct && serving_ == 0};
+  collect(turn);
+  std::size_t left = queue_.size();
+  while (left-- > 0 && !queue_.empty()) {  // a request may have had others served
+    serveNext(turn);
+    if (turn.over()) break;
+  }
+  news_.ringsIs(changed_ || !queue_.empty());
 }
 
-void Publisher::Impl::handle(epoll_event const& event) {
-  int const fd = event.data.fd;
-  if (fd == listener_.get())
-    accept();
-  else if (fd == wakeUp_.get())
-    news();
-  else if (fd == ticks_.get())
-    dropStalled();
-  else
-    serve(fd, event.events);
+// Puts those into the queue who can get further.
+void Publisher::collect(Turn const& turn) {
+  Pallo::Poller::Events events;
+  for (auto const& event : poller_.ready(events)) {
+    if (event.tag == Listener && serving_ == 0) accept(turn);
+    if (event.tag == Clock && serving_ == 0) look();
+    auto const at = places_.find(event.tag);
+    if (at == places_.end()) continue;
+    at->second.events |= event.events;
+    enqueue(at->first, at->second);
+  }
+  if (!std::exchange(changed_, false)) return;
+  for (auto& [number, place] : places_)
+    if (place.peer->wantsTurn()) enqueue(number, place);
 }
 
-void Publisher::Impl::accept() {
-  for (int i = 0; i < acceptsAtOnce; ++i) {
-    Pallo::Descriptor socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (!socket) {
-      if (errno == EMFILE || errno == ENFILE) {  // tried again at the next tick
-        accepting_ = false;
-        ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
-        itimerspec const pace = every(options_.stallSeconds / ticksAStall);
-        ::timerfd_settime(ticks_.get(), 0, &pace, nullptr);
-      }
-      return;
+void Publisher::enqueue(U64 number, Place& place) {
+  if (number != serving_ && !std::exchange(place.queued, true)) queue_.push_back(number);
+}
+
+void Publisher::serveNext(Turn const& turn) {
+  U64 const number = queue_.front();
+  queue_.pop_front();
+  auto const at = places_.find(number);
+  if (at == places_.end()) return;
+  Place& place = at->second;
+  place.queued = false;
+  if (!serve(number, place, turn)) return drop(number);
+  U32 const interest = place.peer->interest();
+  if (std::exchange(place.interest, interest) != interest) poller_.change(place.peer->fd(), number, interest);
+  if (place.peer->wantsTurn()) enqueue(number, place);
+}
+
+bool Publisher::serve(U64 number, Place& place, Turn const& turn) {
+  struct Outer {
+    U64 const number;
+    U64& serving;
+    ~Outer() { serving = number; }
+  } const outer{std::exchange(serving_, number), serving_};
+  return place.peer->serve(std::exchange(place.events, 0), turn);
+}
+
+void Publisher::accept(Turn const& turn) {
+  for (int n = 0; n < acceptsAtOnce; ++n) {
+    Pallo::Descriptor socket(::accept4(listener_.fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!socket && isShortage(errno)) {  // the listener would be readable all the while
+      accepting_ = false;
+      poller_.remove(listener_.fd());
+      timer_.startIs(acceptAgainSeconds, period_);
     }
-    int const fd = socket.get();
-    auto peer = std::make_unique<Peer>(std::move(socket), mayWrite(fd), exports_);
-    if (peers_.size() >= options_.mostPeers) peer->refuse("too many connections");
-    if (peers_.empty()) {
-      itimerspec const pace = every(options_.stallSeconds / ticksAStall);
-      ::timerfd_settime(ticks_.get(), 0, &pace, nullptr);
-    }
-    Connection& connection = peers_[fd];
-    connection.interest = peer->interest();
-    connection.peer = std::move(peer);
-    add(fd, connection.interest);
+    if (!socket) return;
+    admit(std::move(socket));
+    if (turn.over()) return;
   }
 }
 
-bool Publisher::Impl::mayWrite(int socket) const {
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return false;
-  return peer.uid == 0 || peer.uid == options_.owner;
+void Publisher::admit(Pallo::Descriptor socket) {
+  uid_t const user = userOf(socket.get());
+  bool const privileged = user == 0 || user == options_.owner;
+  auto peer = std::make_unique<Peer>(std::move(socket), privileged, exports_);
+  bool const full = places_.size() >= mostPeers_;
+  if (!privileged && (full || heldBy(user) >= std::max<std::size_t>(1, mostPeers_ / 2)))
+    return peer->dismiss("too many connections");
+  if (full) makeRoom();
+  U32 const interest = peer->interest();
+  try {
+    poller_.add(peer->fd(), lastNumber_ + 1, interest);
+  } catch (std::system_error const&) {
+    return peer->dismiss("too many connections");
+  }
+  if (places_.empty()) timer_.startIs(period_, period_);
+  places_.emplace(++lastNumber_, Place{std::move(peer), user, interest, 0, false});
 }
 
-void Publisher::Impl::serve(int fd, U32 events) {
-  auto const at = peers_.find(fd);
-  if (at == peers_.end()) return;
-  if (at->second.peer->serve(events))
-    update(*at->second.peer);
-  else
-    drop(fd);
+std::size_t Publisher::heldBy(uid_t user) const {
+  return static_cast<std::size_t>(
+      std::ranges::count_if(places_, [&](auto const& p) { return p.second.user == user; }));
 }
 
-// Closing is not enough: while a forked child holds the socket too, the kernel would go on reporting it under
-// a number that may be another peer's by then.
-void Publisher::Impl::drop(int fd) {
-  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
-  peers_.erase(fd);
-  if (!peers_.empty() || !accepting_) return;
-  itimerspec const never{};
-  ::timerfd_settime(ticks_.get(), 0, &never, nullptr);
+// Those who have something mounted count as less idle than those who only asked.
+void Publisher::makeRoom() {
+  std::map<uid_t, std::size_t> held;
+  for (auto const& [number, place] : places_) ++held[place.user];
+  uid_t const most = std::ranges::max_element(held, {}, &std::pair<uid_t const, std::size_t>::second)->first;
+  auto const activity = [&](auto const& p) {
+    return std::tuple(p.second.user != most, !p.second.peer->idle(), p.second.peer->askedAt());
+  };
+  auto const longestIdle = std::ranges::min_element(places_, {}, activity);
+  longestIdle->second.peer->dismiss("dropped for another connection: all places are taken");
+  drop(longestIdle->first);
 }
 
-void Publisher::Impl::news() {
-  eventfd_t count = 0;
-  ::eventfd_read(wakeUp_.get(), &count);
-  woken_ = false;
-  for (auto& [fd, connection] : peers_) update(*connection.peer);
+// For peers that read nothing or ask nothing, and for a listener that there was no descriptor for.
+void Publisher::look() {
+  if (!timer_.runsOut()) return;
+  if (!accepting_) poller_.add(listener_.fd(), Listener);
+  accepting_ = true;
+  std::vector<U64> gone;
+  for (auto const& [number, place] : places_) {
+    Peer& peer = *place.peer;
+    bool const idle = peer.idle() && now() - peer.askedAt() >= options_.idleSeconds;
+    if (idle) peer.dismiss(fmt::format("nothing was asked for {} seconds", options_.idleSeconds));
+    if (idle || peer.stalledFor(options_.stallSeconds)) gone.push_back(number);
+  }
+  for (U64 const number : gone) drop(number);
+  if (places_.empty()) timer_.startIs(0);
 }
 
-void Publisher::Impl::dropStalled() {
-  U64 count = 0;
-  if (::read(ticks_.get(), &count, sizeof count) < 0) return;
-  if (!std::exchange(accepting_, true)) add(listener_.get(), EPOLLIN);
-  std::vector<int> stalled;
-  for (auto& [fd, connection] : peers_)
-    if (connection.peer->stalledFor(ticksAStall)) stalled.push_back(fd);
-  for (int const fd : stalled) drop(fd);
+void Publisher::drop(U64 number) {
+  auto const at = places_.find(number);
+  poller_.remove(at->second.peer->fd());
+  places_.erase(at);
+  if (places_.empty() && accepting_) timer_.startIs(0);
 }
-
-Publisher::Publisher(std::string path, Options options)
-    : impl_(std::make_unique<Impl>(std::move(path), options)) {}
-Publisher::~Publisher() = default;
-void Publisher::exportObject(std::string name, Ptr<Described> object) {
-  impl_->exportObject(std::move(name), std::move(object));
-}
-void Publisher::withdraw(std::string const& name) { impl_->withdraw(name); }
-int Publisher::fd() const { return impl_->fd(); }
-void Publisher::dispatch() { impl_->dispatch(); }
-std::size_t Publisher::peers() const { return impl_->peers(); }
 
 }  // namespace Ostra

@@ -7,14 +7,22 @@
 //   loop.onReadable(publisher.fd(), [&] { publisher.dispatch(); });
 //
 // Invariants: a peer costs a bounded amount of memory whatever it sends and however slowly it reads. A peer
-//   that reads nothing for `stallSeconds` while there is something to read is dropped; nobody waits for it.
-//   Writing and invoking are for the owner and root, by the peer's credentials; the socket's mode keeps out
-//   all but owner and group.
+//   that reads nothing for `stallSeconds` while there is something to read is dropped, and so is one that for
+//   `idleSeconds` asks nothing and has nothing mounted. Writing and invoking are for the owner and root, by
+//   the peer's credentials; the socket's mode keeps out all but owner and group. Peers take at most
+//   `mostPeers` file descriptors, and always leave 64 and a quarter of what the process may open to the rest
+//   of it. A user other than the owner and root holds at most half of the places; when all are taken, the
+//   owner and root get that of the peer that has been idle longest, of the user that holds most.
 // Ownership: holds references to what is exported. The socket file is the publisher's: a dead agent's is
 //   replaced, a live agent's is not, and it goes with the publisher.
-// Threading: the agent's event loop. Not to be destroyed from inside dispatch().
-// Cost: one dispatch() serves a few peers a slice each, some milliseconds at most apart from what an invoked
-//   operation or a written attribute takes itself. With no peers, changes of exported objects cost nothing.
+// Threading: the agent's event loop. Must not be destroyed from inside dispatch().
+// Cost: dispatch() serves one peer after the other, a slice each, and begins nothing new when `turnSeconds`
+//   have passed; who is left is first in the next one. It so takes `turnSeconds` and what was begun last: a
+//   line of at most 256 members, or a request, of which the longest takes a millisecond to parse. What an
+//   invoked operation or a written attribute takes itself comes on top, one such request a peer and dispatch.
+//   Four times in the shorter of `stallSeconds` and `idleSeconds` it also looks once at each peer, and when
+//   the last peer that follows an object leaves, its log is freed (half a millisecond for the longest). With
+//   no peers, changes of exported objects cost nothing.
 // Errors: the constructor throws std::runtime_error naming the path. Peers' mistakes are answered to them.
 #pragma once
 
@@ -22,23 +30,36 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <deque>
+#include <map>
 #include <memory>
 #include <string>
 
 #include "ostra/entity.h"
+#include "pallo/events.h"
+#include "pallo/poller.h"
+#include "pallo/socket_file.h"
 
 namespace Ostra {
+
+class Export;
+class Peer;
+struct Turn;
 
 class VANTREL_API Publisher {
  public:
   struct Options {
     uid_t owner = ::geteuid();    // who may write and invoke, besides root
+    std::size_t mostPeers = 512;  // at once; fewer where the process may open few files
     double stallSeconds = 30;     // how long a peer may read nothing
-    std::size_t mostPeers = 512;  // at once
+    double idleSeconds = 60;      // how long a peer may ask nothing while nothing is mounted
+    double turnSeconds = 0.0005;  // of the framework's clock, for one dispatch()
   };
 
-  explicit Publisher(std::string path) : Publisher(std::move(path), Options()) {}
-  Publisher(std::string path, Options options);
+  explicit Publisher(std::string const& path) : Publisher(path, Options()) {}
+  Publisher(std::string const& path, Options const& options);
+  Publisher(Publisher const&) = delete;
+  Publisher& operator=(Publisher const&) = delete;
   ~Publisher();
 
   // Replaces what had the name. An object that is no Entity can be read, written and invoked, but not
@@ -48,14 +69,53 @@ class VANTREL_API Publisher {
   void withdraw(std::string const& name);
 
   // Readable when dispatch() has something to do.
-  int fd() const;
-  void dispatch();
+  int fd() const { return poller_.fd(); }
+  void dispatch() { dispatch(true); }
+  // For an agent in the middle of something long: the same, but requests that write, delete or invoke wait
+  // for the next dispatch(), and so does what their peers asked behind them. Called from inside a request
+  // that acts on the agent, dispatch() does no more than this. Costs a system call when there is nothing to
+  // do.
+  void dispatchReadOnly() { dispatch(false); }
 
-  std::size_t peers() const;
+  std::size_t peers() const { return places_.size(); }
 
  private:
-  class Impl;
-  std::unique_ptr<Impl> impl_;
+  enum Watched : U64 { Listener, News, Clock, FirstPeer };
+  struct Place {
+    std::unique_ptr<Peer> peer;
+    uid_t user;
+    U32 interest;  // as the poller knows it
+    U32 events;    // since it was served last
+    bool queued;
+  };
+
+  void dispatch(bool mayAct);
+  void collect(Turn const& turn);
+  void enqueue(U64 number, Place& place);
+  void serveNext(Turn const& turn);
+  bool serve(U64 number, Place& place, Turn const& turn);
+  void changed();
+  void accept(Turn const& turn);
+  void admit(Pallo::Descriptor socket);
+  std::size_t heldBy(uid_t user) const;
+  void makeRoom();
+  void look();
+  void drop(U64 number);
+
+  Options const options_;
+  std::size_t const mostPeers_;
+  double const period_;  // of look()
+  Pallo::SocketFile const listener_;
+  Pallo::Poller poller_;
+  Pallo::Doorbell news_;  // somebody is in the queue, or exports changed
+  Pallo::Timer timer_;
+  bool changed_ = false;  // exports did
+  bool accepting_ = true;
+  U64 serving_ = 0;  // the peer whose request may be acting on the agent, or zero
+  U64 lastNumber_ = FirstPeer;
+  std::map<std::string, std::unique_ptr<Export>, std::less<>> exports_;
+  std::map<U64, Place> places_;  // in the order in which they came. After exports_: peers leave them
+  std::deque<U64> queue_;
 };
 
 }  // namespace Ostra

@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+// The log of changes and the cursors in it. What is remembered of a change is where it is, so that the values
+// of a fast-changing object are never queued. It does not know peers, sockets or requests: a cursor is served
+// when its owner asks for more lines.
 #include "ostra/publish_export.h"
 
 #include <algorithm>
@@ -8,11 +11,32 @@
 
 namespace Ostra {
 namespace {
+
 constexpr std::size_t shortLog = 16384;
 constexpr std::size_t longLog = 65536;
 constexpr U64 membersAChange = 8;
 constexpr std::size_t membersALine = 256;
-constexpr int slicesAtOnce = 64;
+constexpr int forgottenAChange = 4;
+
+char const* kindName(AttributeKind kind) {
+  switch (kind) {
+    case AttributeKind::Scalar:
+      return "scalar";
+    case AttributeKind::Collection:
+      return "collection";
+    case AttributeKind::Operation:
+      return "operation";
+  }
+  return "";
+}
+
+std::string described(Attribute const& a) {
+  bool const writable = a.write || a.memberIs;
+  Wire::LineWriter text;
+  text.text("name", a.name).text("kind", kindName(a.kind)).text("type", a.type).value("writable", writable);
+  return text.opening();
+}
+
 }  // namespace
 
 Export::Export(std::string name, Ptr<Described> object, std::function<void()> wake)
@@ -20,17 +44,31 @@ Export::Export(std::string name, Ptr<Described> object, std::function<void()> wa
       object_(std::move(object)),
       entity_(dynamic_cast<Entity const*>(object_.get())),
       wake_(std::move(wake)),
-      attributes_(object_->typeInfo().attributes()),
+      attributes_(type().attributes()),
       longestLog_(shortLog),
       scalarChanges_(attributes_.size()),
       sharedKeys_(attributes_.size()) {
-  Wire::appendQuoted(quotedName_, name_);
-  for (Attribute const* a : attributes_) {
-    std::string& opening = openings_.emplace_back(R"(","entity":)" + quotedName_ + R"(,"attribute":)");
-    Wire::appendQuoted(opening, a->name);
-  }
-  for (std::size_t i = 0; i < attributes_.size(); ++i)
+  Wire::LineWriter entry;
+  entry.text("entity", name_).text("type", type().name()).value("mountable", watchable());
+  listed_ = entry.opening() + '}';
+  for (std::size_t i = 0; i < attributes_.size(); ++i) {
+    Wire::LineWriter opening;
+    openings_.push_back(opening.text("entity", name_).text("attribute", attributes_[i]->name).opening());
+    described_.push_back(described(*attributes_[i]));
     if (attributes_[i]->kind == AttributeKind::Scalar) scalarChanged(i);
+  }
+}
+
+std::string Export::attributes() const {
+  std::string out = "[";
+  for (std::size_t i = 0; i < attributes_.size(); ++i) {
+    std::string const why = attributes_[i]->refusal ? attributes_[i]->refusal(*object_) : std::string();
+    out += i > 0 ? "," : "";
+    out += described_[i];
+    if (!why.empty()) Wire::appendQuoted(out += ",\"refused\":", why);
+    out += '}';
+  }
+  return out + ']';
 }
 
 void Export::changed(std::string_view name, Value const& key) {
@@ -50,8 +88,10 @@ void Export::scalarChanged(std::size_t attribute) {
 
 void Export::memberChanged(Change change) {
   ++changes_;
-  if (log_.size() >= longestLog_) makeRoom();
   if (needing_ == 0) return;
+  if (log_.size() >= longestLog_ && base_ == needed_) makeRoom();
+  if (needing_ == 0) return;
+  forget(forgottenAChange);
   auto const [at, fresh] = latest_.try_emplace(change, head());
   if (!fresh && at->second >= consumed_) return;  // nobody was told yet: the value will be read later
   at->second = head();
@@ -59,30 +99,31 @@ void Export::memberChanged(Change change) {
   wake_();
 }
 
+// Leaves behind who is in the older half of the log.
 void Export::makeRoom() {
   U64 const keepFrom = head() - log_.size() / 2;
-  for (Cursor* c : followers_)
-    if (!c->behind && c->position < keepFrom) leftBehind(*c);
+  needed_ = head();
+  for (Cursor* c : followers_) {
+    if (c->behind) continue;
+    if (c->position >= keepFrom) {
+      needed_ = std::min(needed_, c->position);
+      continue;
+    }
+    --needing_;
+    if (c->stage == Cursor::Stage::Walk)
+      c->behind = true;
+    else
+      *c = Cursor();
+  }
   std::erase_if(followers_, [](Cursor const* c) { return c->stage == Cursor::Stage::Begin; });
-  trim();
+  if (followers_.empty()) notifierIs(nullptr);
   wake_();
 }
 
-void Export::leftBehind(Cursor& c) {
-  --needing_;
-  if (c.stage == Cursor::Stage::Walk)
-    c.behind = true;
-  else
-    c = Cursor();
-}
-
-void Export::trim() {
-  U64 keepFrom = head();
-  for (Cursor const* c : followers_)
-    if (!c->behind) keepFrom = std::min(keepFrom, c->position);
-  for (; base_ < keepFrom; ++base_, log_.pop_front())
+// A few at a time, so that no change pays for all.
+void Export::forget(int atMost) {
+  for (; base_ < needed_ && atMost-- > 0; ++base_, log_.pop_front())
     if (auto const at = latest_.find(log_.front()); at->second == base_) latest_.erase(at);
-  if (followers_.empty()) notifierIs(nullptr);
 }
 
 bool Export::hasNews(Cursor const& c) const {
@@ -90,47 +131,60 @@ bool Export::hasNews(Cursor const& c) const {
          c.toldLast != newestLast_ || !c.live;
 }
 
-bool Export::produce(Cursor& c, std::string& out, std::size_t upTo) {
-  if (c.stage == Cursor::Stage::Begin) begin(c, out);
+void Export::produce(Cursor& c, std::string& out, std::size_t upTo, Turn const& turn) {
+  if (c.stage == Cursor::Stage::Begin) {
+    follows(c, false);
+    Wire::LineWriter begins;
+    out += begins.text("event", "snapshot").text("entity", name_).line();
+  }
   tellScalars(false, c.toldAtOnce, out);
-  if (c.stage == Cursor::Stage::Walk) walk(c, out, upTo);
-  if (c.stage == Cursor::Stage::Follow) follow(c, out, upTo);
-  return hasNews(c);
+  if (c.stage == Cursor::Stage::Walk) walk(c, out, upTo, turn);
+  if (c.stage == Cursor::Stage::Follow) follow(c, out, upTo, turn);
+}
+
+void Export::read(Cursor& c, Attribute const& collection) {
+  follows(c, true);
+  c.attribute = static_cast<std::size_t>(std::ranges::find(attributes_, &collection) - attributes_.begin());
+}
+
+void Export::follows(Cursor& c, bool reads) {
+  c = Cursor();
+  c.stage = Cursor::Stage::Walk;
+  c.behind = reads;
+  c.position = head();
+  if (!reads) {
+    consumed_ = head();
+    ++needing_;
+  }
+  followers_.push_back(&c);
+  if (!notifier()) notifierIs(entity_);
 }
 
 void Export::leave(Cursor& c) {
-  if (std::erase(followers_, &c) > 0) {
-    if (!c.behind) --needing_;
-    trim();
-  }
+  if (std::erase(followers_, &c) > 0 && !c.behind) --needing_;
   c = Cursor();
+  if (!followers_.empty()) return;
+  notifierIs(nullptr);
+  base_ = needed_ = head();
+  log_.clear();
+  latest_.clear();
 }
 
-void Export::begin(Cursor& c, std::string& out) {
-  c = Cursor();
-  c.stage = Cursor::Stage::Walk;
-  c.position = consumed_ = head();
-  followers_.push_back(&c);
-  ++needing_;
-  if (!notifier()) notifierIs(entity_);
-  out += R"({"event":"snapshot","entity":)" + quotedName_ + "}\n";
-}
-
-void Export::walk(Cursor& c, std::string& out, std::size_t upTo) {
+void Export::walk(Cursor& c, std::string& out, std::size_t upTo, Turn const& turn) {
   Members members;
-  for (int slices = 0; slices < slicesAtOnce && out.size() < upTo; ++slices) {
+  do {
     while (c.attribute < attributes_.size() && attributes_[c.attribute]->kind != AttributeKind::Collection)
       ++c.attribute;
     if (c.attribute == attributes_.size()) return walked(c);
     members.clear();
-    slice(c, members);
+    readOn(c, members);
     c.members += members.size();
     if (!members.empty()) tellMembers(out, c.attribute, members);
     if (c.member.done) {
       c.member = MemberCursor();
       ++c.attribute;
     }
-  }
+  } while (out.size() < upTo && !turn.over());
 }
 
 void Export::walked(Cursor& c) {
@@ -141,22 +195,26 @@ void Export::walked(Cursor& c) {
     c.stage = Cursor::Stage::Follow;
 }
 
-void Export::slice(Cursor& c, Members& members) {
+void Export::readOn(Cursor& c, Members& members) {
   SharedKeys& shared = sharedKeys_[c.attribute];
-  bool const begins = !c.member.keys && c.member.bucket == 0;
+  bool const begins = entity_ && !c.member.keys && c.member.part == 0;
   if (begins && shared.changes == changes_) c.member.keys = shared.keys.lock();
   bool const copies = begins && !c.member.keys;
   attributes_[c.attribute]->membersFrom(*object_, c.member, membersALine, members);
   if (copies && c.member.keys) shared = {c.member.keys, changes_};
 }
 
-void Export::follow(Cursor& c, std::string& out, std::size_t upTo) {
-  while (c.position != head() && out.size() < upTo) tellRun(c, out);
+void Export::follow(Cursor& c, std::string& out, std::size_t upTo, Turn const& turn) {
+  while (c.position != head()) {
+    tellRun(c, out);
+    if (out.size() >= upTo || turn.over()) break;
+  }
   consumed_ = std::max(consumed_, c.position);
   if (c.position != head()) return;
   tellScalars(true, c.toldLast, out);
   if (c.live) return;
-  out += R"({"event":"live","entity":)" + quotedName_ + "}\n";
+  Wire::LineWriter complete;
+  out += complete.text("event", "live").text("entity", name_).line();
   c.live = true;
 }
 
@@ -186,7 +244,10 @@ void Export::tellRun(Cursor& c, std::string& out) {
   }
   for (auto const& [attribute, told] : collections) {
     if (!told.set.empty()) tellMembers(out, attribute, told.set);
-    if (!told.gone.empty()) tellGone(out, attribute, told.gone);
+    if (told.gone.empty()) continue;
+    event(out, "del", attribute);
+    Wire::append(out += R"(,"keys":)", told.gone);
+    out += "}\n";
   }
 }
 
@@ -200,41 +261,20 @@ void Export::tellScalars(bool last, U64& told, std::string& out) {
   std::ranges::sort(due);
   for (auto const& [change, attribute] : due) {
     event(out, "set", attribute);
-    out += R"(,"value":)";
-    Wire::append(out, attributes_[attribute]->read(*object_));
+    Wire::append(out += R"(,"value":)", attributes_[attribute]->read(*object_));
     out += "}\n";
   }
   told = newest;
 }
 
 void Export::event(std::string& out, std::string_view event, std::size_t attribute) const {
-  out += R"({"event":")";
-  out += event;
-  out += openings_[attribute];
+  ((out += R"({"event":")") += event) += "\",";
+  out.append(openings_[attribute], 1);
 }
 
 void Export::tellMembers(std::string& out, std::size_t attribute, Members const& members) const {
   event(out, "set", attribute);
-  out += R"(,"members":[)";
-  for (auto const& [key, value] : members) {
-    out += '[';
-    Wire::append(out, key);
-    out += ',';
-    Wire::append(out, value);
-    out += "],";
-  }
-  out.back() = ']';
-  out += "}\n";
-}
-
-void Export::tellGone(std::string& out, std::size_t attribute, std::vector<Value> const& keys) const {
-  event(out, "del", attribute);
-  out += R"(,"keys":[)";
-  for (Value const& key : keys) {
-    Wire::append(out, key);
-    out += ',';
-  }
-  out.back() = ']';
+  Wire::append(out += R"(,"members":)", members);
   out += "}\n";
 }
 

@@ -2,8 +2,7 @@
 // One exported object and its log of changes, from which any number of watchers are told, each at its own
 // pace.
 //
-//   log:    | 17 k4 | 18 k9 | 19 k4 | 20 version |          a change is the name of what changed, never its
-//   value
+//   log:    | 17 k4 | 18 k9 | 19 k4 | 20 version |      a change is the name of what changed, never its value
 //                     ^ Cursor A            ^ Cursor B      and k4 at 17 is passed over: 19 tells it
 //
 // A cursor walks the collections (the snapshot), then follows the log from where it stood when the walk
@@ -13,22 +12,31 @@
 // those that their type wants told last, which wait until the cursor has told everything else.
 //
 // Invariants: the log holds at most 16384 changes, or where the object has many members an eighth as many
-//   changes as members, up to 65536; the object is watched only while a cursor follows.
+//   changes as members, up to 65536; the object is watched only while a cursor follows or reads.
 // Ownership: holds a reference to the object; cursors belong to the peers and leave before they go.
 // Threading: the agent's event loop.
 // Cost: a change costs one hash-map step however many watch; a change that nobody follows costs what an
-//   unwatched entity's does. One call of produce() makes about `upTo` bytes.
+//   unwatched entity's does. produce() and readOn() stop at the end of the turn, one line of at most 256
+//   members late. The last one to leave frees the log.
 #pragma once
 
+#include <boost/unordered/unordered_flat_map.hpp>
 #include <deque>
 #include <functional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
+#include "ostra/clock.h"
 #include "ostra/entity.h"
 
 namespace Ostra {
+
+// What one call of dispatch() may do.
+struct Turn {
+  double end;   // on the framework's clock
+  bool mayAct;  // requests that write, delete and invoke are served
+  bool over() const { return now() >= end; }
+};
 
 class Export final : private AttributeWatcher {
  public:
@@ -39,7 +47,7 @@ class Export final : private AttributeWatcher {
     std::size_t attribute = 0;  // Walk: which one
     MemberCursor member;        // Walk: where in it
     U64 members = 0;            // Walk: told so far
-    bool behind = false;        // Walk: the log no longer reaches back to its beginning
+    bool behind = false;        // Walk: the log does not reach back to its beginning, or it only reads
     U64 position = 0;           // the next change to tell
     U64 lapEnd = 0;             // a change that comes again before this may be passed over
     U64 toldAtOnce = 0;         // the newest change of a scalar that was told, of those told at once
@@ -52,13 +60,21 @@ class Export final : private AttributeWatcher {
 
   std::string const& name() const { return name_; }
   Ptr<Described> const& object() const { return object_; }
+  TypeInfo const& type() const { return object_->typeInfo(); }
   // Tells its changes, so that it can be mounted.
   bool watchable() const { return entity_ != nullptr; }
+  // As JSON: the entity in the list of all, and the list of its attributes.
+  std::string const& listed() const { return listed_; }
+  std::string attributes() const;
 
-  // Appends lines until `out` holds about `upTo` bytes or nothing is left to tell; true when something is
-  // left.
-  bool produce(Cursor& cursor, std::string& out, std::size_t upTo);
+  // Appends lines until `out` holds about `upTo` bytes, the turn is over or nothing is left to tell.
+  void produce(Cursor& cursor, std::string& out, std::size_t upTo, Turn const& turn);
   bool hasNews(Cursor const& cursor) const;
+  // Walks one collection only, `cursor` must be a fresh one: at most 256 members are put into `members` at a
+  // time, until cursor.member.done.
+  void read(Cursor& cursor, Attribute const& collection);
+  void readOn(Cursor& cursor, Members& members);
+  // Must be called for each cursor that was given to the others. It may begin again.
   void leave(Cursor& cursor);
 
  private:
@@ -77,20 +93,17 @@ class Export final : private AttributeWatcher {
   void scalarChanged(std::size_t attribute);
   void memberChanged(Change change);
   void makeRoom();
-  void trim();
-  void leftBehind(Cursor& cursor);
+  void forget(int atMost);
 
-  void begin(Cursor& cursor, std::string& out);
-  void walk(Cursor& cursor, std::string& out, std::size_t upTo);
+  void follows(Cursor& cursor, bool reads);
+  void walk(Cursor& cursor, std::string& out, std::size_t upTo, Turn const& turn);
   void walked(Cursor& cursor);
-  void slice(Cursor& cursor, Members& members);
-  void follow(Cursor& cursor, std::string& out, std::size_t upTo);
+  void follow(Cursor& cursor, std::string& out, std::size_t upTo, Turn const& turn);
   void tellScalars(bool last, U64& told, std::string& out);
   void tellRun(Cursor& cursor, std::string& out);
   bool comesAgain(Cursor const& cursor, Change const& change) const;
   void event(std::string& out, std::string_view event, std::size_t attribute) const;
   void tellMembers(std::string& out, std::size_t attribute, Members const& members) const;
-  void tellGone(std::string& out, std::size_t attribute, std::vector<Value> const& keys) const;
   U64 head() const { return base_ + log_.size(); }
 
   std::string const name_;
@@ -98,19 +111,21 @@ class Export final : private AttributeWatcher {
   Entity const* const entity_;
   std::function<void()> const wake_;
   std::vector<Attribute const*> const attributes_;
-  std::vector<std::string> openings_;  // of an event's line, from the entity's name on, one an attribute
-  std::string quotedName_;
+  std::string listed_;
+  std::vector<std::string> openings_;   // of an event's line, from the entity's name on, one an attribute
+  std::vector<std::string> described_;  // in the list of attributes, without what changes
 
   std::vector<Cursor*> followers_;  // cursors beyond Begin
   std::size_t needing_ = 0;         // followers that are not behind
   std::size_t longestLog_;
   std::deque<Change> log_;
-  U64 base_ = 0;                                        // the number of log_'s first change
-  U64 consumed_ = 0;                                    // no cursor is beyond this
-  std::unordered_map<Change, U64, ChangeHash> latest_;  // each change's last number
-  U64 changes_ = 0;                                     // all there were while a cursor followed, told or not
-  std::vector<U64> scalarChanges_;                      // each scalar's last change, by attribute
-  U64 newestAtOnce_ = 0, newestLast_ = 0;               // the last of all those, by when they are told
+  U64 base_ = 0;                                               // the number of log_'s first change
+  U64 needed_ = 0;                                             // no cursor needs a change before this
+  U64 consumed_ = 0;                                           // no cursor is beyond this
+  boost::unordered_flat_map<Change, U64, ChangeHash> latest_;  // each change's last number
+  U64 changes_ = 0;                                            // all there were while it was watched
+  std::vector<U64> scalarChanges_;                             // each scalar's last change, by attribute
+  U64 newestAtOnce_ = 0, newestLast_ = 0;                      // the last of all those, by when they are told
 
   // The keys that a walk had to copy serve every walk that begins before the next change.
   struct SharedKeys {

@@ -1,390 +1,351 @@
 // SPDX-License-Identifier: Apache-2.0
+// From bytes to answers:
+//
+//   line -> Message -> verb -> answer --+
+//   mounts, a long read -> slice -------+--> socket
+//
+// It does not decide when it is served, how long it may be idle, or who may connect: the publisher does.
 #include "ostra/publish_peer.h"
 
 #include <fmt/format.h>
-#include <linux/sockios.h>
 #include <sys/epoll.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <nlohmann/json.hpp>
 
 namespace Ostra {
 namespace {
 
+using Wire::Field;
+using Wire::LineWriter;
+using Wire::Message;
+
 constexpr std::size_t longestRequest = 64 * 1024;
 constexpr std::size_t readAtOnce = 16 * 1024;
 constexpr std::size_t slice = 32 * 1024;
-constexpr std::size_t fullBuffer = 256 * 1024;
-constexpr std::size_t membersALine = 256;
 constexpr int requestsAtOnce = 32;
 
-std::string text(Wire::Json const& request, char const* field) {
-  auto const at = request.find(field);
-  if (at == request.end()) throw AttributeException(fmt::format("the request needs \"{}\"", field));
-  if (!at->is_string()) throw AttributeException(fmt::format("\"{}\" must be a text", field));
-  return at->get<std::string>();
+template <class... Args>
+[[noreturn]] void refuse(fmt::format_string<Args...> format, Args&&... args) {
+  throw AttributeException(fmt::format(format, std::forward<Args>(args)...));
 }
 
-Value scalar(Wire::Json const& json, char const* what) {
-  std::optional<Value> value = Wire::fromJson(json);
-  if (!value)
-    throw AttributeException(
-        fmt::format("\"{}\" must be a bool, an unsigned integer, a double, a text or null", what));
-  return std::move(*value);
+std::string const& text(Field const& field, std::string_view name) {
+  if (!field.given()) refuse("the request needs \"{}\"", name);
+  if (!field.text()) refuse("\"{}\" must be a text", name);
+  return *field.text();
 }
 
-Value field(Wire::Json const& request, char const* name) {
-  auto const at = request.find(name);
-  if (at == request.end()) throw AttributeException(fmt::format("the request needs \"{}\"", name));
-  return scalar(*at, name);
+[[noreturn]] void refuseValue(std::string_view name) {
+  refuse("\"{}\" must be a bool, an unsigned integer, a double, a text or null", name);
 }
 
-char const* kindName(AttributeKind kind) {
-  switch (kind) {
-    case AttributeKind::Scalar:
-      return "scalar";
-    case AttributeKind::Collection:
-      return "collection";
-    case AttributeKind::Operation:
-      return "operation";
+Value const& scalar(Field const& field, std::string_view name) {
+  if (!field.given()) refuse("the request needs \"{}\"", name);
+  if (field.kind != Field::Kind::Scalar) refuseValue(name);
+  return field.value;
+}
+
+std::vector<Value> const& arguments(Field const& field) {
+  switch (field.kind) {
+    case Field::Kind::Absent:
+    case Field::Kind::List:
+      return field.items;
+    case Field::Kind::Pairs:
+    case Field::Kind::Mixed:
+      refuseValue("arguments");
+    default:
+      refuse("\"arguments\" must be an array");
   }
-  return "";
 }
 
-bool writable(Attribute const& a) { return a.write || a.memberIs; }
+LineWriter reply(Message const& request, std::string_view entity) {
+  LineWriter line;
+  line.text("answer", *request.verb.text()).text("entity", entity);
+  return line;
+}
+
+// Texts of the peer's that an error repeats.
+std::string shortened(std::string const& text) { return text.substr(0, 200); }
 
 }  // namespace
 
-Peer::Peer(Pallo::Descriptor socket, bool mayWrite, Exports& exports)
-    : socket_(std::move(socket)), mayWrite_(mayWrite), exports_(exports), in_(longestRequest) {}
+Peer::Peer(Pallo::Descriptor socket, bool mayAct, Exports const& exports)
+    : socket_(std::move(socket), longestRequest),
+      mayAct_(mayAct),
+      exports_(exports),
+      askedAt_(now()),
+      readAt_(now()) {}
 
 Peer::~Peer() {
-  for (auto& [name, cursor] : mounts_)
-    if (auto const at = exports_.find(name); at != exports_.end()) at->second->leave(cursor);
+  if (reading_) endReading();
+  for (auto& [exported, cursor] : mounts_) exported->leave(cursor);
 }
 
-bool Peer::serve(U32 events) {
+bool Peer::serve(U32 events, Turn const& turn) {
   if (events & (EPOLLERR | EPOLLHUP)) return false;
-  if (events & EPOLLIN) receive();
-  takeRequests();
-  produce();
-  if (!send() || broken_) return false;
-  bool const asked = waiting_ || reading_ || !mounts_.empty();
-  return backlog() > 0 || (!ending_ && (!heardAll_ || asked));
+  if (events & EPOLLIN && interest() == EPOLLIN) socket_.receive(readAtOnce);
+  if (!socket_.send()) return false;
+  if (!socket_.blocked()) {
+    takeRequests(turn);
+    produce(turn);
+    if (!socket_.send()) return false;
+  }
+  if (socket_.error() != 0) return false;
+  return socket_.sending() || (!ending_ && (!socket_.heardAll() || !idle()));
 }
 
 U32 Peer::interest() const {
-  U32 events = 0;
-  bool const full = backlog() >= fullBuffer;
-  if (!heardAll_ && !ending_ && !full && !waiting_) events |= EPOLLIN;
-  bool const news = std::ranges::any_of(
-      mounts_, [&](auto const& mount) { return exports_.find(mount.first)->second->hasNews(mount.second); });
-  if (backlog() > 0 || reading_ || waiting_ || news) events |= EPOLLOUT;
-  return events;
+  if (socket_.blocked()) return EPOLLOUT;
+  bool const listens = !socket_.heardAll() && !ending_ && !waiting_ && !reading_;
+  return listens ? U32{EPOLLIN} : 0;
 }
 
-void Peer::withdrawn(std::string const& name) {
-  auto const at = mounts_.find(name);
+bool Peer::wantsTurn() const {
+  auto const news = [](auto const& mount) { return mount.first->hasNews(mount.second); };
+  return !socket_.blocked() &&
+         (waiting_ || reading_ || socket_.sending() || std::ranges::any_of(mounts_, news));
+}
+
+void Peer::withdrawn(Export& exported) {
+  if (reading_ && reading_->exported == &exported) {
+    endReading();
+    fail(fmt::format("{} is gone", exported.name()));
+  }
+  auto const at = mounts_.find(&exported);
   if (at == mounts_.end()) return;
-  exports_.find(name)->second->leave(at->second);
+  exported.leave(at->second);
   mounts_.erase(at);
-  out_ += Wire::line({{"event", "gone"}, {"entity", name}});
+  LineWriter gone;
+  socket_.out() += gone.text("event", "gone").text("entity", exported.name()).line();
 }
 
-bool Peer::stalledFor(int calls) {
-  int unread = 0;  // a slow peer empties the socket's buffer long before it is writable again
-  ::ioctl(fd(), SIOCOUTQ, &unread);
-  bool const reads = std::exchange(progressed_, false) || std::exchange(unread_, unread) != unread;
-  bool const waits = interest() & EPOLLOUT;
-  stalledCalls_ = reads || !waits ? 0 : stalledCalls_ + 1;
-  return stalledCalls_ >= calls;
-}
-
-void Peer::refuse(std::string const& why) {
+void Peer::dismiss(std::string const& why) {
   fail(why);
-  ending_ = true;
+  socket_.send();
 }
 
-void Peer::receive() {
-  if (heardAll_ || ending_) return;
-  char bytes[readAtOnce];
-  ssize_t const n = ::recv(fd(), bytes, sizeof bytes, 0);
-  if (n > 0)
-    in_.append(bytes, static_cast<std::size_t>(n));
-  else if (n == 0)
-    heardAll_ = true;
-  else if (errno != EAGAIN && errno != EINTR)
-    broken_ = true;
+// A slow peer empties the socket's buffer long before the socket takes more.
+bool Peer::stalledFor(double seconds) {
+  std::pair const progress(socket_.sent(), socket_.blocked() ? socket_.unread() : 0);
+  if (!socket_.blocked() || std::exchange(progress_, progress) != progress) readAt_ = now();
+  return now() - readAt_ >= seconds;
 }
 
-void Peer::takeRequests() {
-  acted_ = false;
-  for (int n = 0; n < requestsAtOnce && !acted_ && !ending_ && !reading_ && backlog() < fullBuffer; ++n) {
-    std::optional<std::string_view> const line = in_.next();
-    waiting_ = line.has_value();
-    if (waiting_ ? line->size() > longestRequest : in_.overlong()) {
-      waiting_ = false;
-      return refuse(fmt::format("a line is longer than {} bytes", longestRequest));
-    }
-    if (!waiting_) return;
-    if (!line->empty()) handle(*line);
+// One that acts on the agent is the last, so that the agent's own descriptors have their turn behind it.
+void Peer::takeRequests(Turn const& turn) {
+  for (int n = 0; n < requestsAtOnce && !reading_ && socket_.out().size() < slice && takeLine(); ++n) {
+    Verb const* const verb = request_ ? verbOf(*request_) : nullptr;
+    bool const acts = mayAct_ && verb && verb->acts;
+    if (acts && !turn.mayAct) break;
+    if (request_) answer(*std::exchange(request_, std::nullopt));
+    askedAt_ = now();
+    if (acts || turn.over()) break;
   }
-  waiting_ = !ending_ && in_.hasLine();
+  waiting_ = !ending_ && (request_ || socket_.hasLine());
 }
 
-void Peer::produce() {
-  if (ending_) return;
-  std::size_t const upTo = out_.size() + slice;
-  if (backlog() >= fullBuffer) return;
-  while (reading_ && out_.size() < upTo) continueReading();
-  auto at = mounts_.upper_bound(turn_);
-  for (std::size_t n = 0; n < mounts_.size() && out_.size() < upTo; ++n, ++at) {
-    if (at == mounts_.end()) at = mounts_.begin();
-    exports_.find(at->first)->second->produce(at->second, out_, upTo);
-    turn_ = at->first;
+// Makes the next line the next request, or answers a line that is none. False when there is no line.
+bool Peer::takeLine() {
+  if (request_) return true;
+  std::optional<std::string_view> line;
+  do line = socket_.line();
+  while (line && line->empty());
+  if (line ? line->size() > longestRequest : socket_.overlong()) {
+    fail(fmt::format("a line is longer than {} bytes", longestRequest));
+    ending_ = true;
+    return false;
   }
-}
-
-bool Peer::send() {
-  if (backlog() == 0) return true;
-  ssize_t const n = ::send(fd(), out_.data() + sent_, backlog(), MSG_NOSIGNAL);
-  if (n < 0) return errno == EAGAIN || errno == EINTR;
-  progressed_ = true;
-  sent_ += static_cast<std::size_t>(n);
-  if (sent_ == out_.size() || sent_ >= slice) {
-    out_.erase(0, sent_);
-    sent_ = 0;
+  if (!line) return false;
+  try {
+    request_ = Wire::parse(*line);
+  } catch (std::runtime_error const& e) {
+    fail(e.what());
   }
   return true;
 }
 
-void Peer::fail(std::string const& why, Json const* tag) {
-  Json error{{"error", why}};
-  if (tag) error["tag"] = *tag;
-  out_ += Wire::line(error);
-}
-
-void Peer::handle(std::string_view line) {
-  Json request;
-  Json const* tag = nullptr;
-  try {
-    request = Wire::parseObject(line);
-    if (auto const at = request.find("tag"); at != request.end()) {
-      if (at->is_structured()) throw AttributeException("\"tag\" must be a number or a text");
-      tag = &*at;
-    }
-    Json reply = answer(request, text(request, "verb"));
-    if (reply.is_null()) return;
-    if (tag) reply["tag"] = *tag;
-    out_ += Wire::line(reply);
-  } catch (std::exception const& e) {
-    fail(e.what(), tag);
+void Peer::produce(Turn const& turn) {
+  while (!ending_ && reading_ && socket_.out().size() < slice) {
+    readOn();
+    if (turn.over()) return;
+  }
+  auto at = mounts_.upper_bound(lastMount_);
+  for (std::size_t n = 0; n < mounts_.size() && socket_.out().size() < slice && !ending_; ++n, ++at) {
+    if (at == mounts_.end()) at = mounts_.begin();
+    lastMount_ = at->first;
+    at->first->produce(at->second, socket_.out(), slice, turn);
+    if (turn.over()) return;
   }
 }
 
-Peer::Json Peer::answer(Json const& request, std::string_view verb) {
-  if (verb == "list") return list(request);
-  if (verb == "mount") return mount(request);
-  if (verb == "unmount") return unmount(request);
-  if (verb == "read") return read(request);
-  acted_ = true;
-  if (verb == "write") return write(request);
-  if (verb == "delete") return erase(request);
-  if (verb == "invoke") return invoke(request);
-  acted_ = false;
-  throw AttributeException(
-      fmt::format("unknown verb \"{}\"; expected list, mount, unmount, read, write, delete or invoke",
-                  verb.substr(0, 64)));
+void Peer::fail(std::string const& why, Field const& tag) {
+  LineWriter line;
+  socket_.out() += line.text("error", why).tag(tag).line();
 }
 
-void Peer::checkMayWrite() const {
-  if (!mayWrite_)
-    throw AttributeException("writing and invoking are for the owner of the agent and for root");
+Peer::Verb const* Peer::verbOf(Message const& request) {
+  static constexpr Verb verbs[] = {{"list", &Peer::list, false},       {"mount", &Peer::mount, false},
+                                   {"unmount", &Peer::unmount, false}, {"read", &Peer::read, false},
+                                   {"write", &Peer::write, true},      {"delete", &Peer::erase, true},
+                                   {"invoke", &Peer::invoke, true}};
+  auto const* const name = request.verb.text();
+  auto const at = std::ranges::find_if(verbs, [&](Verb const& v) { return name && v.name == *name; });
+  return at == std::end(verbs) ? nullptr : at;
 }
 
-Export& Peer::exportOf(Json const& request, bool orType) {
-  if (orType && !request.contains("entity")) {
-    std::string const type = text(request, "type");
-    Export* found = nullptr;
-    for (auto const& [name, exported] : exports_) {
-      if (exported->object()->typeInfo().name() != type) continue;
-      if (found)
-        throw AttributeException(
-            fmt::format("several entities have the type {}: {} and {}; name one as \"entity\"", type,
-                        found->name(), name));
-      found = exported.get();
-    }
-    if (!found) throw AttributeException(fmt::format("no entity has the type \"{}\"", type.substr(0, 200)));
-    return *found;
-  }
-  std::string const name = text(request, "entity");
+// What an operation did to this peer meanwhile (an entity went) is told before its answer.
+void Peer::answer(Message request) try {
+  if (request.tag.kind > Field::Kind::Negative) refuse("\"tag\" must be a number or a text");
+  std::string const& name = text(request.verb, "verb");
+  Verb const* const verb = verbOf(request);
+  if (!verb)
+    refuse("unknown verb \"{}\"; expected list, mount, unmount, read, write, delete or invoke",
+           name.substr(0, 64));
+  if (verb->acts && !mayAct_) refuse("writing and invoking are for the owner of the agent and for root");
+  std::string const line = (this->*verb->answer)(request);
+  socket_.out() += line;
+} catch (std::exception const& e) {
+  fail(e.what(), request.tag);
+}
+
+Export& Peer::exportOf(Message const& request) const {
+  std::string const& name = text(request.entity, "entity");
   auto const at = exports_.find(name);
   if (at != exports_.end()) return *at->second;
   std::string known;
   for (auto const& e : exports_) known += (known.empty() ? "" : ", ") + e.first;
-  throw AttributeException(
-      fmt::format("no entity is named \"{}\"; there are: {}", name.substr(0, 200), known));
+  refuse("no entity is named \"{}\"; there are: {}", shortened(name), known);
 }
 
-Peer::Json Peer::list(Json const& request) {
-  if (request.contains("entity")) return listOne(exportOf(request));
-  Json entities = Json::array();
-  for (auto const& [name, exported] : exports_)
-    entities.push_back({{"entity", name},
-                        {"type", exported->object()->typeInfo().name()},
-                        {"mountable", exported->watchable()}});
-  return {{"answer", "list"}, {"entities", std::move(entities)}};
-}
-
-Peer::Json Peer::listOne(Export const& exported) {
-  TypeInfo const& type = exported.object()->typeInfo();
-  Json attributes = Json::array();
-  for (Attribute const* a : type.attributes()) {
-    Json& entry = attributes.emplace_back(
-        Json{{"name", a->name}, {"kind", kindName(a->kind)}, {"type", a->type}, {"writable", writable(*a)}});
-    std::string const why = a->refusal ? a->refusal(*exported.object()) : std::string();
-    if (!why.empty()) entry["refused"] = why;
+Export& Peer::exportOfType(std::string const& type) const {
+  Export* found = nullptr;
+  for (auto const& [name, exported] : exports_) {
+    if (exported->type().name() != type) continue;
+    if (found)
+      refuse("several entities have the type {}: {} and {}; name one as \"entity\"", type, found->name(),
+             name);
+    found = exported.get();
   }
-  return {{"answer", "list"}, {"entity", exported.name()}, {"type", type.name()}, {"attributes", attributes}};
+  if (!found) refuse("no entity has the type \"{}\"", shortened(type));
+  return *found;
 }
 
-Peer::Json Peer::mount(Json const& request) {
-  Export& exported = exportOf(request, true);
-  TypeInfo const& type = exported.object()->typeInfo();
-  if (request.contains("type") && text(request, "type") != type.name())
-    throw AttributeException(fmt::format("{} has the type {}, not \"{}\"", exported.name(), type.name(),
-                                         text(request, "type").substr(0, 200)));
+std::string Peer::list(Message const& request) {
+  if (request.entity.given()) {
+    Export const& exported = exportOf(request);
+    LineWriter line = reply(request, exported.name());
+    line.text("type", exported.type().name()).json("attributes", exported.attributes());
+    return line.tag(request.tag).line();
+  }
+  std::string entities = "[";
+  for (auto const& [name, exported] : exports_) {
+    if (entities.size() > 1) entities += ',';
+    entities += exported->listed();
+  }
+  LineWriter line;
+  return line.text("answer", "list").json("entities", entities + ']').tag(request.tag).line();
+}
+
+std::string Peer::mount(Message const& request) {
+  Export& exported = request.entity.given() ? exportOf(request) : exportOfType(text(request.type, "type"));
+  std::string const& type = exported.type().name();
+  if (request.type.given() && text(request.type, "type") != type)
+    refuse("{} has the type {}, not \"{}\"", exported.name(), type, shortened(*request.type.text()));
   if (!exported.watchable())
-    throw AttributeException(
-        fmt::format("{} does not tell its changes and cannot be mounted; read it instead", exported.name()));
-  exported.leave(mounts_[exported.name()]);  // mounted again, it begins with a fresh snapshot
-  return {{"answer", "mount"}, {"entity", exported.name()}, {"type", type.name()}};
+    refuse("{} does not tell its changes and cannot be mounted; read it instead", exported.name());
+  exported.leave(mounts_[&exported]);  // mounted again, it begins with a fresh snapshot
+  return reply(request, exported.name()).text("type", type).tag(request.tag).line();
 }
 
-Peer::Json Peer::unmount(Json const& request) {
-  std::string const name = text(request, "entity");
-  auto const at = mounts_.find(name);
-  if (at == mounts_.end()) throw AttributeException(fmt::format("{} is not mounted", name.substr(0, 200)));
-  exports_.find(name)->second->leave(at->second);
+std::string Peer::unmount(Message const& request) {
+  std::string const& name = text(request.entity, "entity");
+  auto const at = std::ranges::find_if(mounts_, [&](auto const& m) { return m.first->name() == name; });
+  if (at == mounts_.end()) refuse("{} is not mounted", shortened(name));
+  at->first->leave(at->second);
   mounts_.erase(at);
-  return {{"answer", "unmount"}, {"entity", name}};
+  return reply(request, name).tag(request.tag).line();
 }
 
-Peer::Json Peer::read(Json const& request) {
-  Export const& exported = exportOf(request);
+// A collection is read in pieces, behind this.
+std::string Peer::read(Message const& request) {
+  Export& exported = exportOf(request);
   Described const& object = *exported.object();
-  TypeInfo const& type = object.typeInfo();
-  Json reply{{"answer", "read"}, {"entity", exported.name()}};
-  if (!request.contains("attribute")) {
-    Json values = Json::object();
-    for (Attribute const* a : type.attributes())
-      if (a->read) values[a->name] = Wire::toJson(a->read(object));
-    reply["values"] = std::move(values);
-    return reply;
+  LineWriter line = reply(request, exported.name());
+  if (!request.attribute.given()) {
+    LineWriter values;
+    for (Attribute const* a : exported.type().attributes())
+      if (a->read) values.value(a->name, a->read(object));
+    return line.json("values", values.opening() + '}').tag(request.tag).line();
   }
-  std::string const attribute = text(request, "attribute");
-  reply["attribute"] = attribute;
-  if (request.contains("key")) {
-    Value const key = field(request, "key");
-    std::optional<Value> const value = type.member(object, attribute, key);
-    if (!value) throw AttributeException(fmt::format("{} has no member {}", attribute, toText(key)));
-    reply["key"] = request["key"];
-    reply["value"] = Wire::toJson(*value);
-    return reply;
+  std::string const& attribute = text(request.attribute, "attribute");
+  line.text("attribute", attribute);
+  if (request.key.given()) {
+    Value const& key = scalar(request.key, "key");
+    std::optional<Value> const value = exported.type().member(object, attribute, key);
+    if (!value) refuse("{} has no member {}", attribute, toText(key));
+    return line.value("key", key).value("value", *value).tag(request.tag).line();
   }
-  if (type.at(attribute).kind == AttributeKind::Collection) {
-    beginReading(request, exported, attribute);
-    return nullptr;
-  }
-  reply["value"] = Wire::toJson(type.read(object, attribute));
-  return reply;
+  Attribute const& read = exported.type().at(attribute);
+  if (read.kind != AttributeKind::Collection)
+    return line.value("value", exported.type().read(object, attribute)).tag(request.tag).line();
+  reading_.emplace(Reading{&exported, line.tag(request.tag).opening() + ",\"members\":", {}});
+  exported.read(reading_->cursor, read);
+  return {};
 }
 
-// The answer to the read of a collection is as many lines as it takes; all but the last say that there are
-// more.
-void Peer::beginReading(Json const& request, Export const& exported, std::string const& attribute) {
-  Json opening{{"answer", "read"}, {"entity", exported.name()}, {"attribute", attribute}};
-  if (request.contains("tag")) opening["tag"] = request["tag"];
-  std::string begun = Wire::line(opening);
-  begun.resize(begun.size() - 2);  // without the closing bracket and the line's end
-  reading_.emplace(Reading{exported.name(), attribute, begun + R"(,"members":[)", {}});
-}
-
-void Peer::continueReading() {
-  auto const at = exports_.find(reading_->entity);
-  if (at == exports_.end()) {
-    fail(fmt::format("{} is gone", reading_->entity));
-    reading_.reset();
-    return;
-  }
-  Described const& object = *at->second->object();
+void Peer::readOn() {
   Members members;
-  object.typeInfo().membersFrom(object, reading_->attribute, reading_->cursor, membersALine, members);
-  out_ += reading_->opening;
-  for (std::size_t i = 0; i < members.size(); ++i) {
-    out_ += i > 0 ? ",[" : "[";
-    Wire::append(out_, members[i].first);
-    out_ += ',';
-    Wire::append(out_, members[i].second);
-    out_ += ']';
-  }
-  out_ += reading_->cursor.done ? "]}\n" : "],\"more\":true}\n";
-  if (reading_->cursor.done) reading_.reset();
+  reading_->exported->readOn(reading_->cursor, members);
+  socket_.out() += reading_->opening;
+  Wire::append(socket_.out(), members);
+  bool const done = reading_->cursor.member.done;
+  socket_.out() += done ? "}\n" : ",\"more\":true}\n";
+  if (done) endReading();
 }
 
-Peer::Json Peer::write(Json const& request) {
-  checkMayWrite();
-  Export const& exported = exportOf(request);
-  Ptr<Described> const object = exported.object();  // stays while its watchers run
+void Peer::endReading() {
+  reading_->exported->leave(reading_->cursor);
+  reading_.reset();
+}
+
+// Watchers may do anything, withdraw the entity too: what is needed behind them is held.
+std::string Peer::write(Message const& request) {
+  Ptr<Described> const object = exportOf(request).object();
   TypeInfo const& type = object->typeInfo();
-  std::string const attribute = text(request, "attribute");
-  Json reply{{"answer", "write"}, {"entity", exported.name()}, {"attribute", attribute}};
+  std::string const& attribute = text(request.attribute, "attribute");
+  LineWriter line = reply(request, *request.entity.text());
+  line.text("attribute", attribute);
   type.checkOutsider(*object, attribute);
-  if (request.contains("key")) {
-    Value const key = field(request, "key");
-    type.memberIs(*object, attribute, key, field(request, "value"));
-    reply["key"] = request["key"];
-    std::optional<Value> const now = type.member(*object, attribute, key);
-    reply["value"] = now ? Wire::toJson(*now) : Json();
-  } else {
-    type.write(*object, attribute, field(request, "value"));
-    reply["value"] = Wire::toJson(type.read(*object, attribute));
+  if (!request.key.given()) {
+    type.write(*object, attribute, scalar(request.value, "value"));
+    return line.value("value", type.read(*object, attribute)).tag(request.tag).line();
   }
-  return reply;
+  Value const& key = scalar(request.key, "key");
+  type.memberIs(*object, attribute, key, scalar(request.value, "value"));
+  Value const now = type.member(*object, attribute, key).value_or(Value());
+  return line.value("key", key).value("value", now).tag(request.tag).line();
 }
 
-Peer::Json Peer::erase(Json const& request) {
-  checkMayWrite();
-  Export const& exported = exportOf(request);
-  Ptr<Described> const object = exported.object();
-  TypeInfo const& type = object->typeInfo();
-  std::string const attribute = text(request, "attribute");
-  Json reply{{"answer", "delete"}, {"entity", exported.name()}, {"attribute", attribute}};
-  type.checkOutsider(*object, attribute);
-  type.memberDel(*object, attribute, field(request, "key"));
-  reply["key"] = request["key"];
-  return reply;
+std::string Peer::erase(Message const& request) {
+  Ptr<Described> const object = exportOf(request).object();
+  std::string const& attribute = text(request.attribute, "attribute");
+  object->typeInfo().checkOutsider(*object, attribute);
+  Value const& key = scalar(request.key, "key");
+  object->typeInfo().memberDel(*object, attribute, key);
+  LineWriter line = reply(request, *request.entity.text());
+  return line.text("attribute", attribute).value("key", key).tag(request.tag).line();
 }
 
-Peer::Json Peer::invoke(Json const& request) {
-  checkMayWrite();
-  Export const& exported = exportOf(request);
-  Ptr<Described> const object = exported.object();
-  TypeInfo const& type = object->typeInfo();
-  std::string const operation = text(request, "operation");
-  Json reply{{"answer", "invoke"}, {"entity", exported.name()}, {"operation", operation}};
-  std::vector<Value> arguments;
-  if (auto const at = request.find("arguments"); at != request.end()) {
-    if (!at->is_array()) throw AttributeException("\"arguments\" must be an array");
-    for (Json const& a : *at) arguments.push_back(scalar(a, "arguments"));
-  }
-  type.checkOutsider(*object, operation);
-  Value const result = type.invoke(*object, operation, arguments);
-  if (result != Value()) reply["result"] = Wire::toJson(result);
-  return reply;
+std::string Peer::invoke(Message const& request) {
+  Ptr<Described> const object = exportOf(request).object();
+  std::string const& operation = text(request.operation, "operation");
+  std::vector<Value> const& values = arguments(request.arguments);
+  object->typeInfo().checkOutsider(*object, operation);
+  Value const result = object->typeInfo().invoke(*object, operation, values);
+  LineWriter line = reply(request, *request.entity.text());
+  line.text("operation", operation);
+  if (result != Value()) line.value("result", result);
+  return line.tag(request.tag).line();
 }
 
 }  // namespace Ostra

@@ -1,25 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
-// One connection to the management socket: its requests, its mounts, and a bounded buffer of what it has
-// yet to read.
+// One connection to the management socket: its requests, its mounts, and what it has yet to read.
 //
-// Invariants: no request is taken and nothing is produced while more than `fullBuffer` bytes wait for the
-//   peer; the answers come in the order of the requests.
+// Invariants: while anything waits for the peer to read, no request is taken and nothing is produced; so it
+//   costs one request line and one slice or answer of memory. Answers come in the order of the requests.
 // Ownership: the publisher's.
 // Threading: the agent's event loop.
-// Cost: one serve() reads at most one buffer, makes at most one slice and writes once.
+// Cost: one serve() reads 16 KB, takes at most 32 requests of which one acts on the agent, makes a slice of
+//   32 KB and writes once. It begins nothing new when the turn is over.
 // Errors: a request that cannot be served is answered with an error line. A line that is too long ends the
 //   connection.
 #pragma once
 
-#include <functional>
 #include <map>
-#include <nlohmann/json_fwd.hpp>
+#include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "ostra/publish_export.h"
 #include "ostra/publish_wire.h"
+#include "pallo/unix_socket.h"
 
 namespace Ostra {
 
@@ -27,72 +26,77 @@ using Exports = std::map<std::string, std::unique_ptr<Export>, std::less<>>;
 
 class Peer {
  public:
-  Peer(Pallo::Descriptor socket, bool mayWrite, Exports& exports);
+  // `mayAct`: it may write, delete and invoke.
+  Peer(Pallo::Descriptor socket, bool mayAct, Exports const& exports);
   Peer(Peer const&) = delete;
   Peer& operator=(Peer const&) = delete;
   ~Peer();
 
-  int fd() const { return socket_.get(); }
-  // Does what the poll events allow. False when the connection is over.
-  bool serve(U32 events);
+  int fd() const { return socket_.fd(); }
+  // Goes on after these poll events, or none. False when the connection is over.
+  bool serve(U32 events, Turn const& turn);
   // The poll events that would get it further.
   U32 interest() const;
+  // It gets further without an event.
+  bool wantsTurn() const;
 
-  // The object under the name goes: its mount ends and, when the peer had it mounted, it is told so.
-  void withdrawn(std::string const& name);
-  // Called at a steady pace: true when nothing was read since `calls` calls although something waits to be.
-  bool stalledFor(int calls);
-  void refuse(std::string const& why);
+  // The export goes: its mount ends and, when the peer had it mounted, it is told so.
+  void withdrawn(Export& exported);
+  // Tells the peer why it is dropped, if its socket takes so much.
+  void dismiss(std::string const& why);
+
+  // Nothing is mounted or asked for.
+  bool idle() const { return mounts_.empty() && !reading_ && !waiting_ && !socket_.sending(); }
+  // The time of the last request.
+  double askedAt() const { return askedAt_; }
+  // Called now and then: nothing was read for so long although something waits.
+  bool stalledFor(double seconds);
 
  private:
+  using Message = Wire::Message;
+  struct Verb {
+    std::string_view name;
+    std::string (Peer::*answer)(Message const& request);
+    bool acts;
+  };
   // A collection that is being answered in pieces.
   struct Reading {
-    std::string entity, attribute, opening;
-    MemberCursor cursor;
+    Export* exported;
+    std::string opening;  // of each line
+    Export::Cursor cursor;
   };
-  using Json = Wire::Json;
 
-  void receive();
-  // A slice of what arrived; one request that acts on the agent ends it.
-  void takeRequests();
-  void produce();
-  bool send();
-  void fail(std::string const& why, Json const* tag = nullptr);
+  void takeRequests(Turn const& turn);
+  bool takeLine();
+  void produce(Turn const& turn);
+  void fail(std::string const& why, Wire::Field const& tag = {});
 
-  void handle(std::string_view line);
-  Json answer(Json const& request, std::string_view verb);
-  Json list(Json const& request);
-  Json listOne(Export const& exported);
-  Json mount(Json const& request);
-  Json unmount(Json const& request);
-  Json read(Json const& request);
-  Json write(Json const& request);
-  Json erase(Json const& request);
-  Json invoke(Json const& request);
-  void beginReading(Json const& request, Export const& exported, std::string const& attribute);
-  void continueReading();
-  Export& exportOf(Json const& request, bool orType = false);
-  void checkMayWrite() const;
+  static Verb const* verbOf(Message const& request);
+  void answer(Message request);
+  std::string list(Message const& request);
+  std::string mount(Message const& request);
+  std::string unmount(Message const& request);
+  std::string read(Message const& request);
+  std::string write(Message const& request);
+  std::string erase(Message const& request);
+  std::string invoke(Message const& request);
+  void readOn();
+  void endReading();
+  Export& exportOf(Message const& request) const;
+  Export& exportOfType(std::string const& type) const;
 
-  std::size_t backlog() const { return out_.size() - sent_; }
-
-  Pallo::Descriptor socket_;
-  bool const mayWrite_;
-  Exports& exports_;
-  Wire::LineBuffer in_;
-  std::string out_;
-  std::size_t sent_ = 0;
-  std::map<std::string, Export::Cursor> mounts_;
-  std::string turn_;  // the mount that was served last
+  Pallo::LineSocket socket_;
+  bool const mayAct_;
+  Exports const& exports_;
+  std::optional<Message> request_;  // the next one
+  std::map<Export*, Export::Cursor> mounts_;
+  Export* lastMount_ = nullptr;  // that was served
   std::optional<Reading> reading_;
-  bool waiting_ = false;   // complete requests wait for their turn
-  bool acted_ = false;     // the request changed something
-  bool heardAll_ = false;  // the peer will send no more
-  bool ending_ = false;    // no more is taken; over when the buffer is empty
-  bool broken_ = false;
-  bool progressed_ = false;  // since stalledFor was called last
-  int stalledCalls_ = 0;
-  int unread_ = 0;  // bytes in the socket's buffer at the last call
+  bool waiting_ = false;  // complete requests wait for their turn
+  bool ending_ = false;   // no more is taken; over when all was sent
+  double askedAt_;
+  double readAt_;                 // when the peer was last seen to read, or to have nothing to read
+  std::pair<U64, int> progress_;  // bytes sent and unread then
 };
 
 }  // namespace Ostra

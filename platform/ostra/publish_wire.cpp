@@ -1,46 +1,158 @@
 // SPDX-License-Identifier: Apache-2.0
+// Lines of the management socket. The parser of the JSON library tells this file what it meets, one token
+// after the other, and nothing but the protocol's own fields is kept: a line that is all nonsense costs one
+// pass and no memory. What a field's value means is for whoever sent for it.
 #include "ostra/publish_wire.h"
 
 #include <fmt/format.h>
-#include <sys/socket.h>
 
+#include <algorithm>
 #include <cmath>
-#include <cstring>
-#include <iterator>
 #include <nlohmann/json.hpp>
 
 namespace Ostra::Wire {
 namespace {
-constexpr int deepestRequest = 8;
-}
 
-void LineBuffer::append(char const* bytes, std::size_t n) {
-  if (begin_ > 0) {
-    data_.erase(0, begin_);
-    scanned_ -= begin_;
-    begin_ = 0;
+using Json = nlohmann::ordered_json;
+
+constexpr int deepest = 8;
+constexpr std::size_t mostItems = 1024;  // a message must not cost many times what its line has
+
+constexpr std::pair<std::string_view, Field Message::*> fields[] = {{"verb", &Message::verb},
+                                                                    {"entity", &Message::entity},
+                                                                    {"attribute", &Message::attribute},
+                                                                    {"operation", &Message::operation},
+                                                                    {"arguments", &Message::arguments},
+                                                                    {"type", &Message::type},
+                                                                    {"key", &Message::key},
+                                                                    {"value", &Message::value},
+                                                                    {"tag", &Message::tag},
+                                                                    {"event", &Message::event},
+                                                                    {"members", &Message::members},
+                                                                    {"keys", &Message::keys},
+                                                                    {"answer", &Message::answer},
+                                                                    {"error", &Message::error},
+                                                                    {"result", &Message::result},
+                                                                    {"more", &Message::more}};
+
+// Hears of a line's tokens, and ends the parsing by returning false.
+class MessageBuilder {
+ public:
+  using Kind = Field::Kind;
+
+  Message message;
+  bool tooDeep = false;
+  bool isObject = false;
+
+  bool null() { return scalar(Value()); }
+  bool boolean(bool v) { return scalar(v); }
+  bool number_unsigned(U64 v) { return scalar(v); }
+  bool number_integer(std::int64_t v) {
+    return v < 0 ? scalar(std::to_string(v), Kind::Negative) : scalar(static_cast<U64>(v));
   }
-  data_.append(bytes, n);
-}
-
-std::optional<std::string_view> LineBuffer::next() {
-  std::size_t const end = data_.find('\n', scanned_);
-  if (end == std::string::npos) {
-    scanned_ = data_.size();
-    return std::nullopt;
+  bool number_float(double v, std::string const&) { return scalar(v); }
+  bool string(std::string& v) { return scalar(std::move(v)); }
+  bool binary(Json::binary_t&) { return false; }  // JSON text has none
+  bool start_object(std::size_t) { return open(Kind::Object); }
+  bool start_array(std::size_t) { return open(Kind::List); }
+  bool end_object() { return --depth_, true; }
+  bool end_array() {
+    if (--depth_ == 2 && field_ && field_->kind == Kind::Pairs && field_->items.size() != pairBegan_ + 2)
+      mixed();
+    return true;
   }
-  std::string_view const line(data_.data() + begin_, end - begin_);
-  begin_ = scanned_ = end + 1;
-  return line;
+  bool key(std::string const& name) {
+    if (depth_ != 1) return true;
+    auto const at = std::ranges::find(fields, name, [](auto const& f) { return f.first; });
+    field_ = at == std::end(fields) ? nullptr : &(message.*at->second);
+    return true;
+  }
+  bool parse_error(std::size_t, std::string const&, std::exception const&) { return false; }
+
+ private:
+  // A scalar is the field, an item of its list, or half a pair of it.
+  bool scalar(Value v, Kind kind = Kind::Scalar) {
+    if (!field_) return true;
+    if (depth_ == 1)
+      *field_ = {kind, std::move(v), {}};
+    else if (kind == Kind::Scalar && field_->kind == (depth_ == 2 ? Kind::List : Kind::Pairs) &&
+             field_->items.size() < mostItems)
+      field_->items.push_back(std::move(v));
+    else
+      mixed();
+    return true;
+  }
+  // The line itself, a field, a pair of a field's list, or what the protocol has not.
+  bool open(Kind kind) {
+    if (depth_ == deepest) return tooDeep = true, false;
+    if (depth_ == 0) {
+      isObject = kind == Kind::Object;
+    } else if (field_ && depth_ == 1) {
+      *field_ = {kind, {}, {}};
+    } else if (field_) {
+      bool const first = field_->kind == Kind::List && field_->items.empty();
+      bool const pair = depth_ == 2 && kind == Kind::List && (first || field_->kind == Kind::Pairs);
+      pair ? void(field_->kind = Kind::Pairs) : mixed();
+      pairBegan_ = field_->items.size();
+    }
+    ++depth_;
+    return true;
+  }
+  void mixed() {
+    if (field_->kind != Kind::Object) *field_ = {Kind::Mixed, {}, {}};
+  }
+
+  int depth_ = 0;
+  Field* field_ = nullptr;  // null: one that is not the protocol's
+  std::size_t pairBegan_ = 0;
+};
+
+}  // namespace
+
+Message parse(std::string_view line) {
+  MessageBuilder builder;
+  bool const isJson = Json::sax_parse(line.begin(), line.end(), &builder);
+  if (builder.tooDeep) throw std::runtime_error(fmt::format("a line nests at most {} levels deep", deepest));
+  if (!isJson) throw std::runtime_error("expected one JSON object a line, got something that is not JSON");
+  if (!builder.isObject) throw std::runtime_error("expected a JSON object, got another JSON value");
+  return std::move(builder.message);
 }
 
-void LineBuffer::clear() {
-  data_.clear();
-  begin_ = scanned_ = 0;
+void LineWriter::name(std::string_view name) {
+  out_ += out_.size() == 1 ? "\"" : ",\"";
+  (out_ += name) += "\":";
+}
+LineWriter& LineWriter::text(std::string_view name, std::string_view text) {
+  this->name(name);
+  appendQuoted(out_, text);
+  return *this;
+}
+LineWriter& LineWriter::value(std::string_view name, Value const& value) {
+  this->name(name);
+  append(out_, value);
+  return *this;
+}
+LineWriter& LineWriter::values(std::string_view name, std::vector<Value> const& values) {
+  this->name(name);
+  append(out_, values);
+  return *this;
+}
+LineWriter& LineWriter::json(std::string_view name, std::string_view json) {
+  this->name(name);
+  out_ += json;
+  return *this;
+}
+LineWriter& LineWriter::tag(Field const& tag) {
+  if (tag.kind == Field::Kind::Negative) return json("tag", std::get<std::string>(tag.value));
+  return tag.kind == Field::Kind::Scalar ? value("tag", tag.value) : *this;
 }
 
 void appendQuoted(std::string& out, std::string_view text) {
-  out += Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+  auto const plain = [](char c) { return c >= ' ' && c < 0x7f && c != '"' && c != '\\'; };
+  if (std::ranges::all_of(text, plain))
+    ((out += '"') += text) += '"';
+  else
+    out += Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 void append(std::string& out, Value const& value) {
@@ -58,80 +170,25 @@ void append(std::string& out, Value const& value) {
   std::visit(Printer{out}, value);
 }
 
-std::string line(Json const& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
-}
-
-Json toJson(Value const& value) {
-  struct Maker {
-    Json operator()(std::monostate) const { return nullptr; }
-    Json operator()(bool v) const { return v; }
-    Json operator()(U64 v) const { return v; }
-    Json operator()(double v) const { return v; }
-    Json operator()(std::string const& v) const { return v; }
-  };
-  return std::visit(Maker{}, value);
-}
-
-std::optional<Value> fromJson(Json const& json) {
-  if (json.is_null()) return Value();
-  if (json.is_boolean()) return Value(json.get<bool>());
-  if (json.is_number_unsigned()) return Value(json.get<U64>());
-  if (json.is_number_integer()) {
-    auto const v = json.get<std::int64_t>();
-    return v < 0 ? std::nullopt : std::optional<Value>(static_cast<U64>(v));
+void append(std::string& out, std::vector<Value> const& values) {
+  out += '[';
+  for (Value const& value : values) {
+    if (out.back() != '[') out += ',';
+    append(out, value);
   }
-  if (json.is_number_float()) return Value(json.get<double>());
-  if (json.is_string()) return Value(json.get<std::string>());
-  return std::nullopt;
+  out += ']';
 }
 
-bool nestsWithin(std::string_view line, int deepest) {
-  int depth = 0;
-  bool inText = false;
-  for (std::size_t i = 0; i < line.size(); ++i) {
-    char const c = line[i];
-    if (inText) {
-      if (c == '\\')
-        ++i;
-      else if (c == '"')
-        inText = false;
-    } else if (c == '"') {
-      inText = true;
-    } else if (c == '{' || c == '[') {
-      if (++depth > deepest) return false;
-    } else if (c == '}' || c == ']') {
-      --depth;
-    }
+void append(std::string& out, Members const& members) {
+  out += '[';
+  for (auto const& [key, value] : members) {
+    out += out.back() == '[' ? "[" : ",[";
+    append(out, key);
+    out += ',';
+    append(out, value);
+    out += ']';
   }
-  return true;
-}
-
-Json parseObject(std::string_view line) {
-  if (!nestsWithin(line, deepestRequest))
-    throw std::runtime_error(fmt::format("a line nests at most {} levels deep", deepestRequest));
-  Json json = Json::parse(line, nullptr, false);
-  if (json.is_discarded())
-    throw std::runtime_error("expected one JSON object a line, got something that is not JSON");
-  if (!json.is_object()) throw std::runtime_error("expected a JSON object, got another JSON value");
-  return json;
-}
-
-sockaddr_un address(std::string const& path) {
-  sockaddr_un a{};
-  a.sun_family = AF_UNIX;
-  if (path.empty() || path.size() >= sizeof a.sun_path)
-    throw std::runtime_error(fmt::format("socket path \"{}\": expected 1 to {} bytes, got {}", path,
-                                         sizeof a.sun_path - 1, path.size()));
-  std::memcpy(a.sun_path, path.c_str(), path.size() + 1);
-  return a;
-}
-
-Pallo::Descriptor connectTo(std::string const& path) {
-  sockaddr_un const a = address(path);
-  Pallo::Descriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (fd && ::connect(fd.get(), reinterpret_cast<sockaddr const*>(&a), sizeof a) != 0) fd.reset();
-  return fd;
+  out += ']';
 }
 
 }  // namespace Ostra::Wire

@@ -1,62 +1,65 @@
 // SPDX-License-Identifier: Apache-2.0
-// What both ends of the management socket share: lines cut from a stream, values as JSON, and the socket's
-// address.
+// The lines of the management socket, which both ends read and write (docs/formats/management-socket.md).
 //
-// Errors: std::runtime_error for an address that cannot be.
+// Invariants: a line is parsed once, into a Message; nothing else looks at its text.
+// Cost: parsing is one pass over the line, and stops at what nests too deep.
+// Errors: std::runtime_error that says what is wrong with a line.
 #pragma once
 
-#include <sys/un.h>
-
-#include <cstddef>
-#include <nlohmann/json_fwd.hpp>
-#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "ostra/type_info.h"
-#include "pallo/descriptor.h"
 
 namespace Ostra::Wire {
 
-using Json = nlohmann::ordered_json;
+// What a line says under one name. An array that is neither a list nor pairs, or too long, is Mixed.
+struct Field {
+  enum class Kind { Absent, Scalar, Negative, List, Pairs, Mixed, Object };
+  Kind kind = Kind::Absent;
+  Value value;               // Scalar; Negative: a negative integer's digits, which no attribute takes
+  std::vector<Value> items;  // List: scalars; Pairs: both scalars of each; at most 1024. Mixed: none
 
-// Cuts a stream of bytes into lines. Holds at most one unfinished line and what was appended last.
-class LineBuffer {
- public:
-  explicit LineBuffer(std::size_t longest) : longest_(longest) {}
-
-  void append(char const* bytes, std::size_t n);
-  // The next complete line without its end, or nothing yet. It stays in place until the next call of either.
-  std::optional<std::string_view> next();
-  // The unfinished line is longer than any line may be.
-  bool overlong() const { return data_.size() - begin_ > longest_; }
-  bool hasLine() const { return data_.find('\n', scanned_) != std::string::npos; }
-  void clear();
-
- private:
-  std::size_t longest_;
-  std::string data_;
-  std::size_t begin_ = 0;    // of the next line
-  std::size_t scanned_ = 0;  // no line ends before this
+  bool given() const { return kind != Kind::Absent; }
+  // Null when it is not a text.
+  std::string const* text() const {
+    return kind == Kind::Scalar ? std::get_if<std::string>(&value) : nullptr;
+  }
 };
 
-// As JSON text. A double that JSON cannot say (infinite, not a number) becomes null.
+// One line, either way. Fields that are not the protocol's are passed over; of two of a name the last counts.
+struct Message {
+  Field verb, type, operation, arguments;      // requests
+  Field tag, entity, attribute, key, value;    // both
+  Field answer, error, result, members, more;  // answers
+  Field event, keys;                           // events
+};
+Message parse(std::string_view line);
+
+// Writes a line, one field after the other.
+class LineWriter {
+ public:
+  LineWriter& text(std::string_view name, std::string_view text);
+  LineWriter& value(std::string_view name, Value const& value);
+  LineWriter& values(std::string_view name, std::vector<Value> const& values);
+  LineWriter& json(std::string_view name, std::string_view json);
+  // As it came, if it is a scalar.
+  LineWriter& tag(Field const& tag);
+  std::string line() { return std::move(out_ += "}\n"); }
+  // The beginning of several lines, without their end.
+  std::string opening() { return std::move(out_); }
+
+ private:
+  void name(std::string_view name);
+  std::string out_ = "{";
+};
+
+// As JSON text. A double that JSON cannot say (infinite, not a number) becomes null, and what is not UTF-8 in
+// a text is replaced.
 void append(std::string& out, Value const& value);
+void append(std::string& out, std::vector<Value> const& values);
+void append(std::string& out, Members const& members);
 void appendQuoted(std::string& out, std::string_view text);
-// A line's text; what is not UTF-8 in it is replaced.
-std::string line(Json const& json);
-
-Json toJson(Value const& value);
-// Nothing for arrays, objects and negative integers, which no attribute takes.
-std::optional<Value> fromJson(Json const& json);
-
-// Whether brackets outside texts nest at most `deepest` levels.
-bool nestsWithin(std::string_view line, int deepest);
-// The object that a line holds. Throws std::runtime_error that says what is wrong with the line.
-Json parseObject(std::string_view line);
-
-sockaddr_un address(std::string const& path);
-// A connected, non-blocking socket, or none with errno set.
-Pallo::Descriptor connectTo(std::string const& path);
 
 }  // namespace Ostra::Wire

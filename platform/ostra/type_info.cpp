@@ -81,7 +81,10 @@ void TypeInfo::writeFromOutside(PtrInterface& object, std::string_view name, Val
 }
 
 Members TypeInfo::members(PtrInterface const& object, std::string_view name) const {
-  return collectionAt(name).members(object);
+  Attribute const& a = collectionAt(name);
+  Members all;
+  for (MemberCursor cursor; !cursor.done;) a.membersFrom(object, cursor, 4096, all);
+  return all;
 }
 
 void TypeInfo::membersFrom(PtrInterface const& object, std::string_view name, MemberCursor& cursor,

@@ -11,7 +11,8 @@
 //   AttributeException, whose text names the class, the attribute, what was expected and what came.
 // Threading: tables are built once and only read.
 // Cost: a name is found by a linear search of its class. A collection is walked in slices (membersFrom) at
-//   one step a member, whatever happens to it between two slices.
+//   one step a member, whatever happens to it between two slices. A walk keeps a copy of the keys of one
+//   piece of a map in pieces, of all keys of a map that has neither order, buckets nor pieces, and else none.
 #pragma once
 
 #include <concepts>
@@ -117,9 +118,10 @@ enum class AttributeKind { Scalar, Collection, Operation };
 // Where a walk of a collection stands between two slices.
 struct MemberCursor {
   Value last;       // ordered collections: the key told last
-  U64 bucket = 0;   // hashed ones: the bucket to be told next; others: the number of the key
-  U64 buckets = 0;  // how many buckets there were; another number means that every member has moved
-  std::shared_ptr<void const> keys;  // others: the keys at the beginning
+  U64 part = 0;     // hashed: the bucket to be told next; in pieces: the piece that is being told
+  U64 buckets = 0;  // hashed: how many there were; another number means that every member has moved
+  std::shared_ptr<void const> keys;  // in pieces: the piece's; others: all, when the walk began
+  U64 next = 0;                      // which of `keys` is to be told next
   bool begun = false;                // something was told before
   bool done = false;
 };
@@ -131,7 +133,6 @@ struct Attribute {
   std::string type;  // the scalar's type, "K -> V" of a collection, "(T, ...)" of an operation
   std::function<Value(PtrInterface const&)> read;
   std::function<void(PtrInterface&, Value const&)> write;
-  std::function<Members(PtrInterface const&)> members;
   std::function<void(PtrInterface const&, MemberCursor&, std::size_t, Members&)> membersFrom;
   std::function<std::optional<Value>(PtrInterface const&, Value const&)> member;
   std::function<void(PtrInterface&, Value const&, Value const&)> memberIs;
@@ -226,14 +227,13 @@ void tellPair(I const& at, Members& out) {
 // ends too.
 template <class M>
 void hashedFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
-  if (cursor.buckets != map.bucket_count()) cursor.bucket = 0;
+  if (cursor.buckets != map.bucket_count()) cursor.part = 0;
   cursor.buckets = map.bucket_count();
-  U64 const stop = cursor.bucket + 16 * atMost;
+  U64 const stop = cursor.part + 16 * atMost;
   std::size_t const enough = out.size() + atMost;
-  for (; cursor.bucket < cursor.buckets && cursor.bucket < stop && out.size() < enough; ++cursor.bucket)
-    for (auto at = map.begin(cursor.bucket), end = map.end(cursor.bucket); at != end; ++at)
-      tellPair<M>(at, out);
-  cursor.done = cursor.bucket >= cursor.buckets;
+  for (; cursor.part < cursor.buckets && cursor.part < stop && out.size() < enough; ++cursor.part)
+    for (auto at = map.begin(cursor.part), end = map.end(cursor.part); at != end; ++at) tellPair<M>(at, out);
+  cursor.done = cursor.part >= cursor.buckets;
 }
 
 template <class M>
@@ -247,31 +247,44 @@ void orderedFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members
   cursor.done = at == map.end();
 }
 
-// Maps that offer neither order nor buckets: their keys are copied when the walk begins.
+// Tells members by a copy of the map's keys, made when the walk comes to it. True when all are told.
 template <class M>
-void copiedFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
+bool copiedFrom(M const& map, MemberCursor& cursor, std::size_t& atMost, Members& out) {
   using Keys = std::vector<KeyOf<M>>;
   if (!cursor.keys) {
     auto keys = std::make_shared<Keys>();
     keys->reserve(map.size());
     for (auto at = map.begin(); at != map.end(); ++at) keys->push_back(at->first);
     cursor.keys = std::move(keys);
+    cursor.next = 0;
   }
   Keys const& keys = *static_cast<Keys const*>(cursor.keys.get());
-  for (; cursor.bucket < keys.size() && atMost-- > 0; ++cursor.bucket)
-    if (auto const at = map.find(keys[cursor.bucket]); at != map.end()) tellPair<M>(at, out);
-  cursor.done = cursor.bucket >= keys.size();
-  if (cursor.done) cursor.keys.reset();
+  for (; cursor.next < keys.size() && atMost > 0; ++cursor.next, --atMost)
+    if (auto const at = map.find(keys[cursor.next]); at != map.end()) tellPair<M>(at, out);
+  if (cursor.next < keys.size()) return false;
+  cursor.keys.reset();
+  return true;
+}
+
+// A map that consists of pieces(), maps among which a key's hash chooses: one piece's keys are copied at a
+// time.
+template <class M>
+void piecesFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
+  auto const& pieces = map.pieces();
+  while (cursor.part < pieces.size() && copiedFrom(pieces[cursor.part], cursor, atMost, out)) ++cursor.part;
+  cursor.done = cursor.part >= pieces.size();
 }
 
 template <class M>
 void membersFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
-  if constexpr (requires { map.begin(map.bucket_count()); })
+  if constexpr (requires { map.pieces()[0].begin(); })
+    piecesFrom(map, cursor, atMost, out);
+  else if constexpr (requires { map.begin(map.bucket_count()); })
     hashedFrom(map, cursor, atMost, out);
   else if constexpr (requires { map.upper_bound(map.begin()->first); })
     orderedFrom(map, cursor, atMost, out);
   else
-    copiedFrom(map, cursor, atMost, out);
+    cursor.done = copiedFrom(map, cursor, atMost, out);
 }
 
 template <class M>
@@ -327,12 +340,6 @@ class TypeInfo::Builder {
     using V = Detail::MappedOf<M>;
     Attribute& a = add(name, AttributeKind::Collection,
                        std::string(ValueOf<K>::name) + " -> " + std::string(ValueOf<V>::name));
-    a.members = [reader](PtrInterface const& o) {
-      Members members;
-      M const& map = (static_cast<C const&>(o).*reader)();
-      for (auto at = map.begin(); at != map.end(); ++at) Detail::tellPair<M>(at, members);
-      return members;
-    };
     a.membersFrom = [reader](PtrInterface const& o, MemberCursor& cursor, std::size_t atMost, Members& out) {
       Detail::membersFrom((static_cast<C const&>(o).*reader)(), cursor, atMost, out);
     };

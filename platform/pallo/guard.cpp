@@ -22,6 +22,7 @@ struct Window {
   std::atomic<U64> base{0};
   std::atomic<U64> bytes{0};
   std::atomic<bool> writable{false};
+  std::atomic<U64*> alarm{nullptr};
   std::atomic<U32> hits{0};
 };
 constexpr int maxWindows = 4096;
@@ -45,6 +46,7 @@ bool layZeroPages(Window& window, U64 address) {
   long const flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE;
   long const protection = writable ? PROT_READ | PROT_WRITE : PROT_READ;
   window.hits.fetch_add(1);
+  if (U64* const alarm = window.alarm.load()) __atomic_store_n(alarm, 0, __ATOMIC_RELAXED);
   return syscall(SYS_mmap, from, bytes, protection, flags, -1L, 0L) == static_cast<long>(from);
 }
 
@@ -86,7 +88,7 @@ void installHandler() {
 
 }  // namespace
 
-void GuardedWindow::watch(void* base, U64 bytes, bool writable) {
+void GuardedWindow::watch(void* base, U64 bytes, bool writable, U64* alarm) {
   std::lock_guard const lock(mutex());
   installHandler();
   auto const free =
@@ -96,6 +98,7 @@ void GuardedWindow::watch(void* base, U64 bytes, bool writable) {
         fmt::format("this process has {} files mapped already, the most it can guard", maxWindows));
   free->bytes = bytes;
   free->writable = writable;
+  free->alarm = alarm;
   free->hits = 0;
   free->base = reinterpret_cast<U64>(base);
   place_ = static_cast<int>(free - windows.begin());

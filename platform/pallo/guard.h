@@ -27,7 +27,8 @@ class GuardedWindow {
   GuardedWindow(GuardedWindow const&) = delete;
   GuardedWindow& operator=(GuardedWindow const&) = delete;
 
-  void watch(void* base, U64 bytes, bool writable);
+  // A hit also sets `alarm`, when given, to 0: for an owner who looks at that word anyway.
+  void watch(void* base, U64 bytes, bool writable, U64* alarm = nullptr);
   void unwatch();
   // An access fell beyond the file's end since the last reset.
   bool hit() const;

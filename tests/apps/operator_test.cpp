@@ -6,9 +6,11 @@
 #include <filesystem>
 #include <regex>
 
+#include "lumelog/lumelog.h"
 #include "ostra/publish.h"
 #include "shoal/writer_table.h"
 #include "tests/ostra/raw_peer.h"
+#include "tests/support/in_child.h"
 #include "tests/support/process.h"
 #include "vantrel/vantrel.h"
 
@@ -181,6 +183,32 @@ TEST_F(OperatorTest, TraceLevelsOfARunningAgentAreSwitched) {
   EXPECT_EQ(before, contents(file));
   EXPECT_EQ("nonsense\n", said({"attr", "set", "trace", "settings", "nonsense"}));
   EXPECT_THAT(agent->err(), HasSubstr("TRACE: cannot read \"nonsense\": expected NAME/LEVEL"));
+}
+
+TEST_F(OperatorTest, TraceFilesOfDeadAgentsAreKeptAsManyAsIsSaid) {
+  for (int i = 0; i < 10; ++i)
+    ASSERT_EQ(0, inChild([&] {
+                Lumelog::Options options;
+                options.kib.fill(4);
+                options.keep = 100;
+                if (!Lumelog::open(dir / "Quarry-mbb-%d.lg", options)) _exit(1);
+              }));
+  auto const traceFiles = [&] {
+    return std::ranges::count_if(std::filesystem::directory_iterator(dir.path()),
+                                 [](auto const& entry) { return entry.path().extension() == ".lg"; });
+  };
+  want(1, 10, 5);
+  start();
+  EXPECT_EQ(8 + 1, traceFiles());
+  EXPECT_EQ("8\n", said({"attr", "get", "trace", "keep"}));
+  EXPECT_EQ("3\n", said({"attr", "set", "trace", "keep", "3"}));
+  EXPECT_EQ(3 + 1, traceFiles());
+  for (std::string const nonsense : {"0", "1001"})
+    expectRefused({"attr", "set", "trace", "keep", nonsense},
+                  "keep: expected a number of trace files from 1 to 1000, got " + nonsense);
+  expectRefused({"attr", "set", "trace", "keep", "-1"}, "expected a U32, got \"-1\"");
+  EXPECT_EQ("3\n", said({"attr", "get", "trace", "keep"}));
+  EXPECT_EQ(3 + 1, traceFiles());
 }
 
 TEST_F(OperatorTest, SnapshotSaysThatThereIsNoAgent) {

@@ -187,6 +187,29 @@ TEST_F(TraceFile, LiesInTheAgentsDirectoryUnderItsName) {
   EXPECT_TRUE(std::filesystem::exists(dir_ / "agent/" + perProcess()));
 }
 
+TEST_F(TraceFile, RemovesOldOnesBeyondTheNumberThatIsKept) {
+  EXPECT_EQ(inChild([] {
+              Lumelog::Options options;
+              options.keep = 100;
+              for (int i = 0; i < 12; ++i) {
+                Lumelog::Log* const log = Lumelog::open("Quarry-mbb-%d.lg", options);
+                Lumelog::close(log);
+              }
+              std::filesystem::create_symlink("nowhere", "Quarry-mbb-1.lg");
+              if (traceKeep() != 8) _exit(1);
+              initLg();
+            }),
+            0);
+  EXPECT_EQ(dir_.names().size(), 8U + 1 + 1 + 1) << "its own, the link, and err";
+  EXPECT_EQ(inChild([] {
+              traceKeepIs(3);
+              initLg();
+              traceKeepIs(2);
+            }),
+            0);
+  EXPECT_EQ(dir_.names().size(), 2U + 1 + 1 + 1);
+}
+
 TEST_F(TraceFile, IsNotOpenedWhenDisabled) {
   EXPECT_EQ(inChild([] {
               setenv("LUMELOG_DISABLE", "", 1);

@@ -92,6 +92,22 @@ TEST_F(DebugRequest, IsTracedWithBothVersions) {
   FacilityLines lines("VantrelFastImpl/9");
   request(7);
   EXPECT_THAT(lines.take(), ElementsAre("VantrelFastImpl/9 dumping debug state 7 4"));
+  engine->handleDebug();
+  EXPECT_THAT(lines.take(), IsEmpty()) << "it is answered already";
+}
+
+TEST_F(DebugRequest, ClaimsAreShownAscending) {
+  class Positions : public DebugStatus::Notifiee {
+   public:
+    void onPending(U32 const& ti) override { told.push_back(ti); }
+    std::vector<U32> told;
+  };
+  for (U64 key : {1, 2, 3}) put({.key = key, .ti = static_cast<U32>(key)});
+  for (U64 key : {13, 11, 12}) put({.key = key, .ti = static_cast<U32>(key - 10)});
+  Positions watcher;
+  watcher.notifierIs(debugStatus);
+  request(1);
+  EXPECT_THAT(watcher.told, ElementsAre(1, 2, 3));
 }
 
 TEST_F(DebugRequest, AWatcherThatThrowsLeavesTheRequestUnansweredUntilTheNextChange) {

@@ -59,6 +59,26 @@ TEST_F(Dump, OneEntrysLineHasEveryPart) {
   EXPECT_EQ(lineOf(4, c, r), "[4]=77->cti:9 cOpId:12 sti:4 sOpId:11 pending:9 pOpId:99 prio:30 pg:1");
 }
 
+// Each of the three, when it is the greatest that is shown.
+TEST_F(Dump, ALineRaisesTheMaximumToEveryOpIdItShows) {
+  CState_s r{EntryKey(77), OpId(11), {OpId(12), 9, PendingType::Occupied}, 5, 4, 30, 1};
+  EntryConfig c(EntryKey(77), OpId(13), 5, 1, 30);
+  c.tableIndexIs(TableKey(0), 9);
+  lineOf(4, c, r);
+  EXPECT_EQ(maximum, OpId(13)) << "wanted";
+  r.opId = OpId(14);
+  lineOf(4, c, r);
+  EXPECT_EQ(maximum, OpId(14)) << "programmed";
+  r.p.opId = OpId(15);
+  lineOf(4, c, r);
+  EXPECT_EQ(maximum, OpId(15)) << "waiting";
+  r.sti = r.p.ti = noIndex;
+  r.opId = r.p.opId = OpId(16);
+  lineOf(noIndex, EntryConfig(EntryKey(0), OpId(0), 0, 0, 0), r);
+  lineOf(4, c, r);
+  EXPECT_EQ(maximum, OpId(15)) << "what a line does not show does not count, and it never falls";
+}
+
 TEST_F(Dump, ARecordThatIsNeitherProgrammedNorPendingHasOnlyPriorityAndGroup) {
   CState_s const r{EntryKey(77), OpId(0), {OpId(0), noIndex, PendingType::None}, 5, noIndex, 30, 1};
   EntryConfig c(EntryKey(77), OpId(12), 5, 1, 30);
@@ -139,6 +159,19 @@ TEST_F(Dump, PendingBeforeInitializationWritesNothing) {
   engine->initializedIs(true);
 }
 
+// A position that no record claims is looked up under key 0. Where there is such a key, it is dumped, under
+// its own position.
+TEST_F(Dump, AnUnclaimedIndexShowsKeyZeroIfThereIsOne) {
+  forge();
+  put({.key = 0, .ti = 3, .opId = 21});
+  *state().current.insert(9) = &record(0);
+  EXPECT_THAT(dumped(),
+              ElementsAre("Precedence [pti]=key", "[3]=0->cti:3 cOpId:21 sti:3 sOpId:21 prio:10 pg:0",
+                          "Current [ti]=key", "[3]=0->cti:3 cOpId:21 sti:3 sOpId:21 prio:10 pg:0",
+                          "[3]=0->cti:3 cOpId:21 sti:3 sOpId:21 prio:10 pg:0"));
+  state().current.remove(9);
+}
+
 TEST_F(DumpDeathTest, AClaimListedUnderAnotherIndexIsFatalAfterTheDump) {
   put({.key = 1, .ti = 7});
   put({.key = 2, .ti = 7});
@@ -147,7 +180,8 @@ TEST_F(DumpDeathTest, AClaimListedUnderAnotherIndexIsFatalAfterTheDump) {
     record(2).p.ti = 8;
     engine->dumpState();
   };
-  EXPECT_DEATH(damage(), HasSubstr("pending index mismatch 2 at 8 expected at 7"));
+  EXPECT_DEATH(damage(), testing::ContainsRegex("\\[7\\]=2->[^\n]* OCC prio:10 pg:0\n"
+                                                "[^\n]*pending index mismatch 2 at 8 expected at 7\n"));
   EXPECT_DEATH(damage(), testing::ContainsRegex("Current(.|\n)*assertion failed: fatal == false, model file "
                                                 "FastVantrelImpl,"));
 }
@@ -161,10 +195,11 @@ TEST_F(DumpDeathTest, TwoRecordsAtOneIndexAreOneLineTheDumpGoesOnAndThenItIsFata
     state().current.remove(8);
     engine->dumpState();
   };
-  EXPECT_DEATH(damage(),
-               testing::ContainsRegex("duplicate ti 7 key [12] existing key [12]\n"
-                                      ".*\\[7\\]=[12]->(.|\n)*assertion failed: fatal == false, model "
-                                      "file FastVantrelImpl,"));
+  EXPECT_DEATH(damage(), testing::ContainsRegex(
+                             "duplicate ti 7 key (1 existing key 2\n.*\\[7\\]=1->|"
+                             "2 existing key 1\n.*\\[7\\]=2->)(.|\n)*assertion failed: fatal == false, model "
+                             "file FastVantrelImpl,"))
+      << "the later one is there then";
 }
 
 TEST_F(DumpDeathTest, TwoRecordsAtOneIndexWithAnotherCountStopOnTheCount) {

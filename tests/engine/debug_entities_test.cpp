@@ -62,6 +62,7 @@ TEST(DebugConfig, VersionIncPastTheMaximumWrapsAndNotifies) {
 
 TEST(DebugStatus, MembersNotifyWithTheirKeyOnlyOnChange) {
   auto const s = debugStatusFactory("st");
+  EXPECT_EQ(s->name(), "st");
   EXPECT_EQ(s->version(), 0U);
   StatusWatcher w;
   w.notifierIs(s);

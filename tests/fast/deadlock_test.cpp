@@ -251,6 +251,17 @@ TEST_F(DeadlockDeathTest, ACandidateWithoutStateFailsItsAssertion) {
   EXPECT_DEATH(engine->checkDeadlock(), HasSubstr("assertion failed: c, model file FastVantrelImpl,"));
 }
 
+// Nobody holds 3 any more, and the claim of 2 on it still waits for its retry when the chain from 1 comes by.
+TEST_F(DeadlockDeathTest, AQueuedClaimWithoutOccupantFailsItFromAfar) {
+  forge();
+  for (U64 key : {1, 2, 3}) put({.key = key, .ti = static_cast<U32>(key)});
+  put({.key = 2, .ti = 3});
+  engine->processDelete(EntryKey(3), false);
+  EXPECT_THAT(queued(), ElementsAre(2));
+  want(1, 2);
+  EXPECT_DEATH(engine->checkDeadlock(), HasSubstr("assertion failed: PValue, model file FastVantrelImpl,"));
+}
+
 TEST_F(DeadlockDeathTest, AnOccupiedClaimWithoutOccupantFailsItsAssertion) {
   forge();
   put({.key = 1, .ti = 1});

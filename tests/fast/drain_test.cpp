@@ -85,29 +85,3 @@ TEST_F(Drain, AFailureOfARingsVictimRetriesTheNotifiedKeyAndLosesTheVictim) {
   EXPECT_THAT(tell({.key = 2, .ti = 1}), IsEmpty()) << "waits for 1, which is queued";
   EXPECT_THAT(tell({.key = 9, .ti = 9}), ElementsAre("add 9@9", "update 1@2", "move 1@2", "add 2@1"));
 }
-
-TEST_F(Drain, AnotherExceptionOfTheHardwareLeavesTheIndexesAsTheyWereUpdated) {
-  forge();
-  client->onCall = [](std::string const& call) {
-    if (call.starts_with("add")) throw std::runtime_error("bus error");
-  };
-  EXPECT_THROW(tell({.key = 1, .ti = 1}), std::runtime_error);
-  client->onCall = nullptr;
-  EXPECT_EQ(state().current.at(1), &record(1));
-  EXPECT_THAT(failed(), IsEmpty());
-}
-
-// The entry is out of the indexes, its record still says where it was.
-TEST_F(Drain, AnExceptionOfAHardwareDeleteLeavesTheIndexesAsTheyWereUpdated) {
-  forge();
-  tell({.key = 1, .ti = 1});
-  client->onCall = [](std::string const& call) {
-    if (call.starts_with("del")) throw std::runtime_error("bus error");
-  };
-  table->entryQuietlyDel(EntryKey(1));
-  EXPECT_THROW(table->notifyEntry(EntryKey(1)), std::runtime_error);
-  client->onCall = nullptr;
-  EXPECT_EQ(state().current.at(1), nullptr);
-  EXPECT_EQ(record(1).sti, 1U);
-  EXPECT_FALSE(state().settled());
-}

@@ -9,10 +9,7 @@
 #include <random>
 #include <set>
 
-#include "vantrel/core/trace.h"
-
 using namespace Vantrel;
-using testing::HasSubstr;
 
 namespace {
 
@@ -136,18 +133,4 @@ TEST(JudyMap, StartsEmptyAndCountsTheWholeRange) {
   EXPECT_FALSE(map.above(0xFFFFFFFF));
   EXPECT_EQ(map.above(0)->index, 0xFFFFFFFFU);
   EXPECT_GT(map.memoryUsed(), 0U);
-}
-
-TEST(JudyDeathTest, AFailureNamesFunctionNumberAndIdentifierThenAsserts) {
-  JError_t error{};
-  JU_ERRNO(&error) = JU_ERRNO_NOMEM;
-  JU_ERRID(&error) = 123;
-  EXPECT_DEATH(
-      {
-        traceSettingIs("VantrelFastImpl/1");
-        judyFailed("JudyLCount", error);
-      },
-      HasSubstr("JudyLCounterrno: 2errid: 123"));
-  EXPECT_DEATH(judyFailed("JudyLIns", error),
-               HasSubstr("assertion failed: false, model file FastVantrelImpl,"));
 }

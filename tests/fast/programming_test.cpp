@@ -222,10 +222,11 @@ TEST_F(ProgrammingDeathTest, AnOpIdThatIsNotNewerThanTheProgrammedOneFailsItsAss
   put({.key = 1, .ti = 4});
   write({.key = 1, .ti = 4});
   auto const damage = [this] {
-    auto const log = Lumelog::Log::inMemory([this](std::string_view text, auto) {
+    Lumelog::Log log;
+    log.tapIs([this](std::string_view text, auto) {
       if (text.starts_with("not conflicting key:")) record(1).opId = OpId(~U64{0});
     });
-    lg = log.get();
+    lg = &log;
     handle(1);
   };
   EXPECT_DEATH(damage(), HasSubstr("assertion failed: entry.opId() > c->opId, model file FastVantrelImpl,"));

@@ -34,12 +34,29 @@ TEST_F(EngineState, StartsEmptyWithItsDefaults) {
   ASSERT_NE(engine->state(), nullptr);
   EXPECT_EQ(state().lgId(), 1U);
   EXPECT_THAT(state().cstate, IsEmpty());
+  EXPECT_THAT(state().blocked, IsEmpty());
+  // Boost makes of 16 the next size that it has.
+  EXPECT_EQ(state().cstate.bucket_count(), FastState::Records(16).bucket_count());
+  EXPECT_EQ(state().blocked.bucket_count(), FastState::Keys(16).bucket_count());
   EXPECT_GE(state().cstate.bucket_count(), 16U);
   EXPECT_EQ(state().cstate.max_load_factor(), 1.0F);
   EXPECT_EQ(state().blocked.max_load_factor(), 1.0F);
 }
 
 TEST_F(EngineState, RecordsAreFortyEightBytes) { EXPECT_EQ(sizeof(CState_s), 48U); }
+
+TEST_F(EngineState, RoomForKeysKeepsMapAndPoolFromGrowing) {
+  put({.key = 1, .ti = 1});
+  U32 const keys = cstatePool().cread + 100;
+  engine->roomForKeysIs(keys);
+  EXPECT_GE(cstatePool().cread, keys);
+  std::size_t const buckets = state().cstate.bucket_count();
+  EXPECT_GT(buckets, keys);
+  U32 const records = cstatePool().clen;
+  for (U64 key = 2; key < 100; ++key) put({.key = key, .ti = static_cast<U32>(key)});
+  EXPECT_EQ(state().cstate.bucket_count(), buckets);
+  EXPECT_EQ(cstatePool().clen, records);
+}
 
 TEST_F(EngineState, AttributesNotifyOnlyOnChange) {
   Watcher w;

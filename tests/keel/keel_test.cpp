@@ -162,6 +162,21 @@ TYPED_TEST(Contract, theLastReferenceGoesInANotification) {
   EXPECT_FALSE(b->timeMin());
 }
 
+TYPED_TEST(Contract, keepsAWakeUpWhoseSleeperIsGone) {
+  double const due = this->in(0.01);
+  for (bool const destroyed : {true, false}) {
+    auto a = this->sleeper(1);
+    a->timeMinIs(due);
+    destroyed ? a.reset() : a->notifierIs(nullptr);
+    EXPECT_EQ(this->time_.wheel->earliest(), due) << destroyed;
+  }
+  auto const b = this->sleeper(2);
+  b->timeMinIs(due);
+  this->time_.pass(0.03);
+  EXPECT_THAT(this->log_, ElementsAre(2)) << "it finds nobody, and keeps nobody from his own";
+  EXPECT_FALSE(this->time_.wheel->earliest());
+}
+
 TYPED_TEST(Contract, pointedElsewhereItForgets) {
   auto const a = this->sleeper(1);
   a->timeMinIs(this->in(0.005));
@@ -266,7 +281,7 @@ TEST(TimerfdWheel, descriptorIsReadableOnlyWhenSomethingIsDue) {
   EXPECT_FALSE(readable(wheel->fd(), 0)) << "an idle wheel must not keep a loop awake";
 }
 
-TEST(TimerfdWheel, droppingTheOnlyWakeUpSilencesTheDescriptor) {
+TEST(TimerfdWheel, aWakeUpWhoseSleeperIsGoneIsDueOnce) {
   std::vector<int> log;
   auto const wheel = Ostra::make<TimerfdWheel>();
   {
@@ -274,6 +289,9 @@ TEST(TimerfdWheel, droppingTheOnlyWakeUpSilencesTheDescriptor) {
     a.notifierIs(wheel);
     a.timeMinIs(Ostra::now() + 0.005);
   }
+  EXPECT_TRUE(readable(wheel->fd(), 1000));
+  wheel->dispatch();
+  EXPECT_THAT(log, IsEmpty());
   EXPECT_FALSE(readable(wheel->fd(), 20));
 }
 

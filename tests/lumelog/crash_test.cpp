@@ -155,7 +155,7 @@ TEST(Crash, TheLastRecordsAreTheLastActions) {
   EXPECT_GT(actions.size(), 30000U);
   ASSERT_LE(actions.size(), calls.size());
   EXPECT_TRUE(std::equal(actions.rbegin(), actions.rend(), calls.rbegin()));
-  EXPECT_GT(reader.rings()[9].written, reader.rings()[9].blocks);
+  EXPECT_GT(reader.rings()[9].written, reader.rings()[9].subBuffers);
 }
 
 }  // namespace

@@ -17,21 +17,19 @@
 #include <string>
 #include <vector>
 
-#include "lumelog/lumelog.h"
-#include "lumelog/parse.h"
-#include "lumelog/reader.h"
+#include "tests/lumelog/logs.h"
 #include "tests/lumelog/temp_dir.h"
 
 namespace Lumelog {
 namespace {
 
+using Test::LogPtr;
+using Test::make;
 using Test::readFile;
+using Test::small;
 using Test::TempDir;
+using Test::writeFile;
 using testing::ElementsAre;
-
-struct Close {
-  void operator()(Log* log) const { close(log); }
-};
 
 // The hexadecimal bytes behind a mark of the page.
 std::string example(std::string const& mark) {
@@ -54,9 +52,7 @@ std::string hex(std::string const& bytes) {
 class Page : public testing::Test {
  protected:
   Page() {
-    Options options;
-    options.kib.fill(8);
-    std::unique_ptr<Log, Close> const log(open(dir_ / "a.lg", options));
+    LogPtr const log = make(dir_ / "a.lg", small(8));
     U64 const key = 1024;
     U32 const hdl = 33;
     static constinit Site site{9, "a.cpp", 27};
@@ -82,24 +78,32 @@ TEST_F(Page, ShowsTheRecord) {
   std::memcpy(&shown, wanted.data(), sizeof shown);
   EXPECT_EQ(shown.ticks, 0x0000012345678900U);
   EXPECT_EQ(shown.check, Format::recordCheck(shown.ticks, shown.site, shown.bytes));
-  std::string written = bytes_.substr(header_.fixed.ring[9].offset + sizeof(Format::BlockHeader), 32);
+  std::string written = bytes_.substr(header_.fixed.ring[9].offset + sizeof(Format::SubBufferHeader), 32);
   std::memcpy(written.data(), &shown.ticks, sizeof shown.ticks);
   std::memcpy(written.data() + offsetof(Format::RecordHeader, check), &shown.check, sizeof shown.check);
   EXPECT_EQ(hex(written), hex(wanted));
 }
 
+// Both in place of what the log wrote.
 TEST_F(Page, IsWhatTheReaderUnderstands) {
-  std::string const bytes = example("site");
-  Format::SiteHeader site;
-  std::memcpy(&site, bytes.data(), sizeof site);
-  auto const info = Parse::site(site, bytes.data() + sizeof site);
-  ASSERT_TRUE(info);
-  std::string const record = example("record");
-  Record shown{0, 0, 0, &*info, {}};
-  ASSERT_TRUE(Parse::values(info->types, std::as_bytes(std::span(record)), &shown.values));
-  EXPECT_EQ(fmt::format("{} {}:{} [{}] {}", info->level, info->file, info->line, shown.identifier(),
-                        shown.message()),
+  std::string const site = example("site"), record = example("record");
+  std::size_t const ring = header_.fixed.ring[9].offset;
+  Format::SubBufferHeader subBuffer;
+  std::memcpy(&subBuffer, bytes_.data() + ring, sizeof subBuffer);
+  subBuffer.ticks = 0x0000012345678900U - 1;
+  subBuffer.check = Format::subBufferCheck(subBuffer);
+  std::memcpy(bytes_.data() + ring, &subBuffer, sizeof subBuffer);
+  bytes_.replace(header_.fixed.siteOffset, site.size(), site);
+  bytes_.replace(ring + sizeof subBuffer, record.size(), record);
+  writeFile(dir_ / "b.lg", bytes_);
+  Reader reader(dir_ / "b.lg");
+  Record shown;
+  ASSERT_TRUE(reader.next(shown));
+  EXPECT_EQ(fmt::format("{} {}:{} [{}] {}", shown.site->level, shown.site->file, shown.site->line,
+                        shown.identifier(), shown.message()),
             "9 a.cpp:27 [7] handling key:1024 hdl:33");
+  EXPECT_FALSE(reader.next(shown));
+  EXPECT_FALSE(reader.damage().any());
 }
 
 // Where something lies, and how large it is.
@@ -132,29 +136,31 @@ TEST(PlacesOnThePage, AreThoseOfTheHeader) {
   EXPECT_THAT(
       placesOf("Header"),
       ElementsAre(PLACE(FixedHeader, magic), PLACE(FixedHeader, version), PLACE(FixedHeader, byteOrder),
-                  PLACE(FixedHeader, check), PLACE(FixedHeader, blockBytes), PLACE(FixedHeader, fileBytes),
-                  PLACE(FixedHeader, pid), PLACE(FixedHeader, maxString), PLACE(FixedHeader, clock),
-                  PLACE(FixedHeader, threading), PLACE(FixedHeader, ticksPerSecond),
-                  PLACE(FixedHeader, siteOffset), PLACE(FixedHeader, siteBytes),
-                  PLACE(FixedHeader, openTicks), PLACE(FixedHeader, openNs), PLACE(FixedHeader, openRealNs),
-                  PLACE(FixedHeader, ring), PLACE(FixedHeader, program), live(PLACE(LiveHeader, siteUsed)),
-                  live(PLACE(LiveHeader, dropped)), live(PLACE(LiveHeader, anchors)),
-                  live({anchors, sizeof(Format::Anchor)}),
-                  live({anchors + sizeof(Format::Anchor), sizeof(Format::Anchor)})));
+                  PLACE(FixedHeader, check), PLACE(FixedHeader, subBufferBytes),
+                  PLACE(FixedHeader, fileBytes), PLACE(FixedHeader, pid), PLACE(FixedHeader, maxString),
+                  PLACE(FixedHeader, clock), PLACE(FixedHeader, threading),
+                  PLACE(FixedHeader, ticksPerSecond), PLACE(FixedHeader, siteOffset),
+                  PLACE(FixedHeader, siteBytes), PLACE(FixedHeader, openTicks), PLACE(FixedHeader, openNs),
+                  PLACE(FixedHeader, openRealNs), PLACE(FixedHeader, ring), PLACE(FixedHeader, program),
+                  live(PLACE(LiveHeader, siteUsed)), live(PLACE(LiveHeader, dropped)),
+                  live(PLACE(LiveHeader, anchors)), live({anchors, sizeof(Format::Anchor)}),
+                  live({anchors + sizeof(Format::Anchor), sizeof(Format::Anchor)}),
+                  live(PLACE(LiveHeader, truncations))));
 }
 
-TEST(PlacesOnThePage, AreThoseOfSitesBlocksAndRecords) {
-  using Format::BlockHeader;
+TEST(PlacesOnThePage, AreThoseOfSitesSubBuffersAndRecords) {
   using Format::RecordHeader;
   using Format::SiteHeader;
+  using Format::SubBufferHeader;
   EXPECT_THAT(
-      placesOf("Message site"),
+      placesOf("Call site"),
       ElementsAre(PLACE(SiteHeader, check), PLACE(SiteHeader, bytes), PLACE(SiteHeader, id),
                   PLACE(SiteHeader, line), PLACE(SiteHeader, textBytes), PLACE(SiteHeader, fileBytes),
                   PLACE(SiteHeader, typeBytes), PLACE(SiteHeader, level), PLACE(SiteHeader, reserved)));
-  EXPECT_THAT(placesOf("Block"),
-              ElementsAre(PLACE(BlockHeader, sequence), PLACE(BlockHeader, ticks), PLACE(BlockHeader, ns),
-                          PLACE(BlockHeader, used), PLACE(BlockHeader, check)));
+  EXPECT_THAT(
+      placesOf("Sub-buffer"),
+      ElementsAre(PLACE(SubBufferHeader, sequence), PLACE(SubBufferHeader, ticks), PLACE(SubBufferHeader, ns),
+                  PLACE(SubBufferHeader, used), PLACE(SubBufferHeader, check)));
   EXPECT_THAT(placesOf("Record"), ElementsAre(PLACE(RecordHeader, ticks), PLACE(RecordHeader, site),
                                               PLACE(RecordHeader, bytes), PLACE(RecordHeader, check)));
 }
@@ -207,39 +213,38 @@ TEST_F(Page, SaysWhatTheHeaderHasWhere) {
   EXPECT_GE(at<U64>(bytes_, newest + 8), at<U64>(bytes_, 80));
   EXPECT_NEAR(static_cast<double>(at<U64>(bytes_, newest + 16)) / 1e9, static_cast<double>(real.tv_sec), 600);
   EXPECT_EQ(bytes_.substr(288, 224), std::string(224, '\0')) << "what is not listed";
-  EXPECT_EQ(bytes_.substr(584, 4096 - 584), std::string(4096 - 584, '\0')) << "what is not listed";
+  EXPECT_EQ(at<U64>(bytes_, 584), 0U);
+  EXPECT_EQ(bytes_.substr(592, 4096 - 592), std::string(4096 - 592, '\0')) << "what is not listed";
 }
 
-TEST_F(Page, SaysWhatABlockHasWhere) {
+TEST_F(Page, SaysWhatASubBufferHasWhere) {
   std::size_t const ring = at<U64>(bytes_, 96 + 16 * 9);
-  std::string const block = bytes_.substr(ring, 4096);
-  EXPECT_EQ(at<U64>(block, 0), 1U);
-  EXPECT_GE(at<U64>(block, 8), at<U64>(bytes_, 72));
-  EXPECT_LE(at<U64>(block, 8), at<U64>(block, 32)) << "it was begun before its record was written";
-  EXPECT_GE(at<U64>(block, 16), at<U64>(bytes_, 80));
-  EXPECT_EQ(at<U32>(block, 24), example("record").size());
-  std::string checked = block.substr(0, 32);
+  std::string const subBuffer = bytes_.substr(ring, 4096);
+  EXPECT_EQ(at<U64>(subBuffer, 0), 1U);
+  EXPECT_GE(at<U64>(subBuffer, 8), at<U64>(bytes_, 72));
+  EXPECT_LE(at<U64>(subBuffer, 8), at<U64>(subBuffer, 32)) << "it was begun before its record was written";
+  EXPECT_GE(at<U64>(subBuffer, 16), at<U64>(bytes_, 80));
+  EXPECT_EQ(at<U32>(subBuffer, 24), example("record").size());
+  std::string checked = subBuffer.substr(0, 32);
   std::fill_n(checked.begin() + 24, 8, '\0');
-  EXPECT_EQ(at<U32>(block, 28), Format::fnv(std::as_bytes(std::span(checked))));
-  EXPECT_EQ(block.substr(64), std::string(4096 - 64, '\0')) << "nothing more was written";
+  EXPECT_EQ(at<U32>(subBuffer, 28), Format::fnv(std::as_bytes(std::span(checked))));
+  EXPECT_EQ(subBuffer.substr(64), std::string(4096 - 64, '\0')) << "nothing more was written";
   std::string const next = bytes_.substr(ring + 4096, 4096);
   EXPECT_EQ(next, std::string(4096, '\0')) << "nobody began it";
 }
 
-// Two blocks a ring here: the third takes the place of the first.
-TEST_F(Page, SaysWhichBlockIsNext) {
-  Options options;
-  options.kib.fill(8);
-  std::unique_ptr<Log, Close> const log(open(dir_ / "b.lg", options));
+// Two sub-buffers a ring here: the third takes the place of the first.
+TEST_F(Page, SaysWhichSubBufferIsNext) {
+  LogPtr const log = make(dir_ / "b.lg", small(8));
   static constinit Site site{9, "a.cpp", 27};
-  constexpr std::size_t recordsABlock = (4096 - 32) / 32;
+  constexpr std::size_t recordsASubBuffer = (4096 - 32) / 32;
   auto const sequences = [&] {
     std::string const bytes = readFile(dir_ / "b.lg");
     std::size_t const ring = at<U64>(bytes, 96 + 16 * 9);
     return std::pair(at<U64>(bytes, ring), at<U64>(bytes, ring + 4096));
   };
   auto const fill = [&] {
-    for (std::size_t i = 0; i < recordsABlock; ++i)
+    for (std::size_t i = 0; i < recordsASubBuffer; ++i)
       log->record<9>(site, 7, "handling key:", U64{i}, " hdl:", U32{33});
     return sequences();
   };

@@ -11,44 +11,29 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
-#include <memory>
+#include <filesystem>
 #include <string>
 #include <vector>
 
-#include "lumelog/reader.h"
+#include "lumelog/tap.h"
+#include "tests/lumelog/logs.h"
 #include "tests/lumelog/temp_dir.h"
 #include "tests/support/in_child.h"
 
 namespace Lumelog {
 namespace {
 
+using Test::LogPtr;
+using Test::make;
+using Test::messages;
 using Test::mountSmallDisk;
 using Test::readFile;
+using Test::small;
 using Test::TempDir;
+using Test::writeFile;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using TestSupport::inChild;
-
-struct Close {
-  void operator()(Log* log) const { close(log); }
-};
-using LogPtr = std::unique_ptr<Log, Close>;
-
-Options small() {
-  Options options;
-  options.kib.fill(16);
-  return options;
-}
-
-LogPtr make(std::string const& path, Options const& options = small()) { return LogPtr(open(path, options)); }
-
-std::vector<std::string> messages(std::string const& path) {
-  Reader reader(path);
-  std::vector<std::string> result;
-  for (Record record; reader.next(record);) result.push_back(record.message());
-  return result;
-}
 
 struct Tapped {
   std::string text;
@@ -62,12 +47,13 @@ struct Wide {
 
 TEST(Tap, SeesTextAndValuesOfALogWithoutAFile) {
   std::vector<Tapped> seen;
-  auto log = Log::inMemory([&](std::string_view text, std::span<U64 const> values) {
+  Log log;
+  log.tapIs([&](std::string_view text, std::span<U64 const> values) {
     seen.push_back({std::string(text), {values.begin(), values.end()}});
   });
   for (U32 i = 0; i < 2; ++i)
-    LUMELOG_RECORD(log.get(), 3, 7u, "key:", Wide{}, " hdl:", i, " on:", true, " name:", std::string("abc"));
-  LUMELOG_RECORD(log.get(), 3, 7u, "100%");
+    LUMELOG_RECORD(&log, 3, 7u, "key:", Wide{}, " hdl:", i, " on:", true, " name:", std::string("abc"));
+  LUMELOG_RECORD(&log, 3, 7u, "100%");
   std::vector<Tapped> const expected = {{"key:%q hdl:%i on:%i name:%s", {7, 0x1122334455667788U, 0, 1, 3}},
                                         {"key:%q hdl:%i on:%i name:%s", {7, 0x1122334455667788U, 1, 1, 3}},
                                         {"100%%", {7}}};
@@ -117,7 +103,7 @@ TEST(Log, ALevelOfSizeZeroKeepsNothing) {
   EXPECT_THAT(messages(dir / "a.lg"), ElementsAre("kept"));
 }
 
-TEST(Log, ARecordThatFitsNoBlockIsCounted) {
+TEST(Log, ARecordThatFitsNoSubBufferIsCounted) {
   TempDir dir;
   Options options = small();
   options.maxString = 1000;
@@ -211,6 +197,172 @@ TEST(Name, ManyProcessesAtOnceGetAFileEach) {
   std::sort(all.begin(), all.end());
   EXPECT_THAT(
       all, ElementsAre("i:0", "i:1", "i:10", "i:11", "i:2", "i:3", "i:4", "i:5", "i:6", "i:7", "i:8", "i:9"));
+}
+
+// Files that others of the directory may read, and names that they may have taken.
+
+mode_t modeOf(std::string const& path) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+TEST(File, IsForItsOwnerAndGroup) {
+  TempDir dir;
+  mode_t const before = umask(0);
+  LogPtr const first = make(dir / "a.lg");
+  umask(027);
+  LogPtr const second = make(dir / "b.lg");
+  umask(077);
+  LogPtr const third = make(dir / "c.lg");
+  umask(before);
+  EXPECT_EQ(modeOf(dir / "a.lg"), 0640U);
+  EXPECT_EQ(modeOf(dir / "b.lg"), 0640U);
+  EXPECT_EQ(modeOf(dir / "c.lg"), 0600U);
+}
+
+TEST(Name, ThatIsALinkIsLeftAlone) {
+  TempDir dir, elsewhere;
+  writeFile(elsewhere / "victim", "precious");
+  std::filesystem::create_symlink(elsewhere / "victim", dir / "a.lg");
+  testing::internal::CaptureStderr();
+  LogPtr const log = make(dir / "a.lg");
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("writing " + log->path() + " instead"));
+  EXPECT_EQ(log->path(), dir / fmt::format("a-{}.lg", getpid()));
+  EXPECT_TRUE(std::filesystem::is_symlink(dir / "a.lg"));
+  EXPECT_EQ(readFile(elsewhere / "victim"), "precious");
+  EXPECT_THAT(elsewhere.names(), ElementsAre("victim"));
+}
+
+TEST(Name, ThatIsADirectoryIsLeftAlone) {
+  TempDir dir;
+  std::filesystem::create_directory(dir / "a.lg");
+  testing::internal::CaptureStderr();
+  LogPtr const log = make(dir / "a.lg");
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("instead"));
+  ASSERT_TRUE(log);
+  EXPECT_EQ(log->path(), dir / fmt::format("a-{}.lg", getpid()));
+  EXPECT_TRUE(std::filesystem::is_directory(dir / "a.lg"));
+}
+
+// Old files.
+
+void leaveDead(std::string const& path, unsigned i) {
+  EXPECT_EQ(inChild([&] {
+              Log* const log = open(path, small());
+              LUMELOG_RECORD(log, 3, 7u, "i:", i);
+            }),
+            0);
+}
+
+// What the files left in the directory tell.
+std::vector<std::string> told(TempDir const& dir) {
+  std::vector<std::string> all;
+  for (std::string const& name : dir.names())
+    for (std::string const& message : messages(dir / name)) all.push_back(message);
+  std::sort(all.begin(), all.end());
+  return all;
+}
+
+Options keeping(U32 keep) {
+  Options options = small();
+  options.keep = keep;
+  return options;
+}
+
+TEST(OldFiles, BeyondTheNewestEightAreRemoved) {
+  TempDir dir;
+  for (unsigned i = 10; i < 22; ++i) leaveDead(dir / "x-%d.lg", i);
+  LogPtr const log = make(dir / "x-%d.lg");
+  EXPECT_THAT(told(dir), ElementsAre("i:14", "i:15", "i:16", "i:17", "i:18", "i:19", "i:20", "i:21"));
+  EXPECT_EQ(dir.names().size(), 9U);
+}
+
+TEST(OldFiles, ThatWerePutAsideAreRemovedToo) {
+  TempDir dir;
+  for (unsigned i = 0; i < 6; ++i) leaveDead(dir / "a.lg", i);
+  EXPECT_EQ(dir.names().size(), 6U);
+  LogPtr const log = make(dir / "a.lg", keeping(2));
+  EXPECT_THAT(told(dir), ElementsAre("i:4", "i:5"));
+}
+
+TEST(OldFiles, GoByWhenTheyWereWrittenLast) {
+  TempDir dir;
+  int go[2];
+  ASSERT_EQ(pipe(go), 0);
+  // Opened first, written last.
+  pid_t const old = fork();
+  if (old == 0) {
+    Log* const log = open(dir / "a.lg", small());
+    char c;
+    static_cast<void>(!read(go[0], &c, 1));
+    LUMELOG_RECORD(log, 3, 7u, "old");
+    _exit(0);
+  }
+  while (access((dir / "a.lg").c_str(), F_OK) != 0) usleep(100);
+  for (unsigned i = 0; i < 3; ++i) leaveDead(dir / "a-%d.lg", i);
+  ASSERT_EQ(write(go[1], "", 1), 1);
+  waitpid(old, nullptr, 0);
+  LogPtr const log = make(dir / "a.lg", keeping(2));
+  EXPECT_THAT(told(dir), ElementsAre("i:2", "old"));
+  ::close(go[0]);
+  ::close(go[1]);
+}
+
+TEST(OldFiles, AreRemovedAtOnceWhenFewerAreKept) {
+  TempDir dir;
+  for (unsigned i = 0; i < 5; ++i) leaveDead(dir / "x-%d.lg", i);
+  LogPtr const log = make(dir / "x-%d.lg");
+  LUMELOG_RECORD(log.get(), 3, 7u, "own");
+  log->keepIs(1);
+  EXPECT_THAT(told(dir), ElementsAre("i:4", "own"));
+  log->keepIs(0);
+  EXPECT_THAT(told(dir), ElementsAre("own"));
+}
+
+// All that looks like one, and is none.
+TEST(OldFiles, AreTheOnlyOnesRemoved) {
+  TempDir dir;
+  leaveDead(dir / "x-%d.lg", 1);
+  std::string const dead = dir.names().front(), trace = readFile(dir / dead);
+  for (std::string const name : {"y-1.lg", "x-1.lg.bak", "x-1.log", "x-one.lg", "xx-1.lg", "x-1.lg.new-1-1",
+                                 "x-.lg", "x-1xlg", "x-1.lg.1.2"})
+    writeFile(dir / name, trace);
+  writeFile(dir / "x-2.lg", "no trace");
+  writeFile(dir / "x-3.lg", std::string(20000, '\0'));
+  writeFile(dir / "x-4.lg", "");
+  std::filesystem::create_directory(dir / "x-5.lg");
+  std::filesystem::create_symlink(dir / "y-1.lg", dir / "x-6.lg");
+  ASSERT_EQ(mkfifo((dir / "x-7.lg").c_str(), 0600), 0);
+  if (geteuid() == 0) {
+    writeFile(dir / "x-8.lg", trace);
+    ASSERT_EQ(chown((dir / "x-8.lg").c_str(), 65534, 65534), 0);
+  }
+  LogPtr const live = make(dir / "x-9.lg", keeping(100));
+  std::vector<std::string> expected = dir.names();
+  std::erase(expected, dead);
+  LogPtr const log = make(dir / "x-10.lg", keeping(0));
+  LogPtr const other = make(dir / "x-%d.lg", keeping(0));
+  expected.push_back("x-10.lg");
+  expected.push_back(fmt::format("x-{}.lg", getpid()));
+  EXPECT_THAT(dir.names(), testing::UnorderedElementsAreArray(expected));
+}
+
+// A file of somebody else under the wanted name can neither be locked nor be moved.
+TEST(Name, OfAnotherUserIsLeftAlone) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can be two users";
+  TempDir dir;
+  writeFile(dir / "a.lg", "another's");
+  chmod((dir / "a.lg").c_str(), 0600);
+  chmod(dir.path().c_str(), 01777);
+  EXPECT_EQ(inChild([&] {
+              freopen("/dev/null", "w", stderr);
+              if (setresuid(65534, 65534, 65534) != 0) _exit(1);
+              Log* const log = open(dir / "a.lg", small());
+              LUMELOG_RECORD(log, 3, 7u, "here");
+              if (!log || log->path() != dir / fmt::format("a-{}.lg", getpid())) _exit(2);
+            }),
+            0);
+  EXPECT_EQ(readFile(dir / "a.lg"), "another's");
 }
 
 // What goes wrong.

@@ -44,6 +44,7 @@ constexpr Form forms[] = {
     {"ENGINE_ASSERT(", Form::Kind::Assertion, -1, 0, -1, "VantrelImpl"},
     {"FAST_ASSERT(", Form::Kind::Assertion, -1, 0, -1, "FastVantrelImpl"},
     {"FAST_ASSERT_AS(", Form::Kind::Assertion, -1, 1, -1, "FastVantrelImpl"},
+    {"FAST_ASSERT_AT(", Form::Kind::Assertion, -1, 1, -1, "FastVantrelImpl"},
     {"throw Ostra::InternalException(", Form::Kind::Exception, -1, 0, -1, "Ostra::InternalException"},
     {"throw Ostra::RangeException(", Form::Kind::Exception, -1, 0, -1, "Ostra::RangeException"},
     {"throw Pallo::InvalidSizeException(", Form::Kind::Exception, -1, 0, -1, "Pallo::InvalidSizeException"},

@@ -13,40 +13,20 @@
 #include <string>
 #include <vector>
 
-#include "lumelog/lumelog.h"
 #include "pallo/exception.h"
+#include "tests/lumelog/logs.h"
 #include "tests/lumelog/temp_dir.h"
 
 namespace Lumelog {
 namespace {
 
+using Test::LogPtr;
+using Test::make;
+using Test::messages;
 using Test::readFile;
+using Test::small;
 using Test::TempDir;
 using Test::writeFile;
-
-struct Close {
-  void operator()(Log* log) const { close(log); }
-};
-using LogPtr = std::unique_ptr<Log, Close>;
-
-Options small(U32 kib = 16) {
-  Options options;
-  options.kib.fill(kib);
-  return options;
-}
-
-LogPtr make(std::string const& path, Options const& options = small()) { return LogPtr(open(path, options)); }
-
-std::vector<std::string> messages(Reader& reader) {
-  std::vector<std::string> result;
-  for (Record record; reader.next(record);) result.push_back(record.message());
-  return result;
-}
-
-std::vector<std::string> messages(std::string const& path) {
-  Reader reader(path);
-  return messages(reader);
-}
 
 void recordNumber(Log* log, U64 i) {
   switch (i % 3) {
@@ -96,7 +76,7 @@ TEST(Reader, KeepsEveryKindOfValue) {
   Record record;
   ASSERT_TRUE(reader.next(record));
   EXPECT_EQ(record.site->types, "iiiqiss");
-  EXPECT_EQ(record.site->format(), "b:%i w:%i q:%q t:%i c:%s long:%s 5%%");
+  EXPECT_EQ(record.site->text, "b:%i w:%i q:%q t:%i c:%s long:%s 5%%");
   EXPECT_EQ(record.site->level, 5U);
   EXPECT_EQ(record.identifier(), 42U);
 }
@@ -140,9 +120,9 @@ TEST(Reader, KeepsTheNewestWhenALevelWraps) {
   U64 count = 1;
   for (; reader.next(record); ++count) ASSERT_EQ(numberOf(record), first + count);
   EXPECT_EQ(first + count, 10000U);
-  EXPECT_GE(count * 32, 3 * Format::blockRoom - 32);  // no more than one block of four is given up
+  EXPECT_GE(count * 32, 3 * Format::subBufferRoom - 32);  // no more than one sub-buffer of four is given up
   EXPECT_FALSE(reader.damage().any());
-  EXPECT_GT(reader.rings()[9].written, reader.rings()[9].blocks);
+  EXPECT_GT(reader.rings()[9].written, reader.rings()[9].subBuffers);
 }
 
 TEST(Reader, FollowsAWriterInOrder) {
@@ -163,7 +143,7 @@ TEST(Reader, FollowsAWriterInOrder) {
   EXPECT_FALSE(reader.damage().any());
 }
 
-TEST(Reader, CountsBlocksThatTheWriterReusedMeanwhile) {
+TEST(Reader, CountsWhatTheWriterOverran) {
   TempDir dir;
   LogPtr log = make(dir / "a.lg");
   recordNumber(log.get(), 0);
@@ -178,12 +158,12 @@ TEST(Reader, CountsBlocksThatTheWriterReusedMeanwhile) {
   }
   EXPECT_EQ(last, 9999U);
   EXPECT_GT(count, 300U);
-  EXPECT_GT(reader.damage().overwritten, 50U);
+  EXPECT_GT(reader.damage().overrun, 50U);
 }
 
-// The writer came round and is just beginning a block where the reader expects the next one. What it wrote in
-// between is older than what came afterwards in another level.
-TEST(Reader, LooksBehindABlockInPreparation) {
+// The writer came round and is just beginning a sub-buffer where the reader expects the next one. What it
+// wrote in between is older than what came afterwards in another level.
+TEST(Reader, LooksBehindASubBufferInPreparation) {
   TempDir dir;
   LogPtr log = make(dir / "a.lg");
   LUMELOG_RECORD(log.get(), 9, 1u, "n:", U64{0});
@@ -195,7 +175,7 @@ TEST(Reader, LooksBehindABlockInPreparation) {
   std::fstream file(dir / "a.lg", std::ios::binary | std::ios::in | std::ios::out);
   Format::FixedHeader header;
   file.read(reinterpret_cast<char*>(&header), sizeof header);
-  file.seekp(static_cast<std::streamoff>(header.ring[9].offset + Format::blockBytes));
+  file.seekp(static_cast<std::streamoff>(header.ring[9].offset + Format::subBufferBytes));
   U64 const inPreparation = 0;
   file.write(reinterpret_cast<char const*>(&inPreparation), sizeof inPreparation);
   ASSERT_TRUE(file.flush());
@@ -235,7 +215,7 @@ TEST(Reader, IsNeverFooledByAWriterThatOvertakesIt) {
   waitpid(child, nullptr, 0);
   EXPECT_EQ(last, 3000000U);
   EXPECT_GT(count, 300U);
-  EXPECT_EQ(reader.damage().blocks, 0U);
+  EXPECT_EQ(reader.damage().subBuffers, 0U);
   EXPECT_EQ(reader.damage().recordBytes, 0U);
 }
 
@@ -290,8 +270,8 @@ class Damaged : public testing::Test {
     std::memcpy(&fixed_, bytes_.data(), sizeof fixed_);
     all_ = messages(reader);
   }
-  std::size_t block(unsigned level, unsigned index) const {
-    return fixed_.ring[level].offset + index * Format::blockBytes;
+  std::size_t subBuffer(unsigned level, unsigned index) const {
+    return fixed_.ring[level].offset + index * Format::subBufferBytes;
   }
   // What is shown is what was written, in order, with gaps.
   std::vector<std::string> shown(Damage& damage) {
@@ -344,29 +324,29 @@ TEST_F(Damaged, HeaderIsReadFromItsCopy) {
 }
 
 TEST_F(Damaged, OneFlippedByteCostsOneRecord) {
-  bytes_[block(9, 1) + sizeof(Format::BlockHeader) + 32 + 3] ^=
+  bytes_[subBuffer(9, 1) + sizeof(Format::SubBufferHeader) + 32 + 3] ^=
       0x40;  // in the time stamp of the second record
   Damage damage;
   EXPECT_EQ(shown(damage).size(), all_.size() - 1);
   EXPECT_EQ(damage.recordBytes, 32U);
-  EXPECT_EQ(damage.blocks, 0U);
+  EXPECT_EQ(damage.subBuffers, 0U);
 }
 
-TEST_F(Damaged, ABlockHeaderCostsItsBlock) {
-  bytes_[block(9, 0) + 8] ^= 1;
+TEST_F(Damaged, ASubBufferHeaderCostsItsSubBuffer) {
+  bytes_[subBuffer(9, 0) + 8] ^= 1;
   Damage damage;
-  EXPECT_EQ(shown(damage).size(), all_.size() - Format::blockRoom / 32);
-  EXPECT_EQ(damage.blocks, 1U);
+  EXPECT_EQ(shown(damage).size(), all_.size() - Format::subBufferRoom / 32);
+  EXPECT_EQ(damage.subBuffers, 1U);
 }
 
 TEST_F(Damaged, ALengthThatIsTooLongShowsTheRecords) {
-  bytes_[block(9, 1) + offsetof(Format::BlockHeader, used) + 2] = 0x7F;
+  bytes_[subBuffer(9, 1) + offsetof(Format::SubBufferHeader, used) + 2] = 0x7F;
   Damage damage;
   EXPECT_EQ(shown(damage), all_);
   EXPECT_GT(damage.recordBytes, 0U);
 }
 
-TEST_F(Damaged, AMessageSiteCostsItsRecords) {
+TEST_F(Damaged, ACallSiteCostsItsRecords) {
   bytes_[fixed_.siteOffset + 30] ^= 1;
   Damage damage;
   EXPECT_EQ(shown(damage).size(), all_.size() - 234);  // every third of 700
@@ -387,7 +367,7 @@ TEST_F(Damaged, CutShortAtAnyPlace) {
     Damage damage;
     std::vector<std::string> const some = shown(damage);
     EXPECT_EQ(damage.missingBytes, whole.size() - size);
-    if (size >= block(9, 2)) {
+    if (size >= subBuffer(9, 2)) {
       EXPECT_EQ(some, all_);
     }
     if (size <= fixed_.ring[0].offset) {
@@ -398,7 +378,7 @@ TEST_F(Damaged, CutShortAtAnyPlace) {
 
 TEST_F(Damaged, RandomDamageNeverHurtsTheRest) {
   std::string const whole = bytes_;
-  std::size_t const used = block(9, 2);
+  std::size_t const used = subBuffer(9, 2);
   std::mt19937_64 random(20240611);
   for (int round = 0; round < 300; ++round) {
     bytes_ = whole;

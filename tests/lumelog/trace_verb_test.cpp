@@ -7,18 +7,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "lumelog/lumelog.h"
+#include "tests/lumelog/logs.h"
 #include "tests/lumelog/temp_dir.h"
 
 namespace Lumelog {
 namespace {
 
+using Test::LogPtr;
 using Test::readFile;
 using Test::TempDir;
 using Test::writeFile;
@@ -27,11 +29,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::SizeIs;
-
-struct Close {
-  void operator()(Log* log) const { close(log); }
-};
-using LogPtr = std::unique_ptr<Log, Close>;
 
 std::vector<std::string> linesOf(std::string const& text) {
   std::vector<std::string> lines;
@@ -51,11 +48,7 @@ class Verb : public testing::Test {
  protected:
   Verb() : log_(make("a.lg")) {}
 
-  LogPtr make(std::string const& name) {
-    Options options;
-    options.kib.fill(16);
-    return LogPtr(open(dir_ / name, options));
-  }
+  LogPtr make(std::string const& name) { return Lumelog::Test::make(dir_ / name); }
   void recordKeys(Log* log, U64 first, U64 last) {
     for (U64 key = first; key - first <= last - first; ++key) {
       LUMELOG_RECORD(log, 9, 7u, "handling key:", key, " hdl:", 100u);
@@ -187,6 +180,42 @@ TEST_F(Verb, FollowsALiveProcessToItsEnd) {
   while (access((dir_ / "live.lg").c_str(), F_OK) != 0) usleep(1000);
   EXPECT_THAT(messagesOf(run("live.lg --follow")),
               ElementsAre("handling key:1 hdl:100", "handling key:2 hdl:100", "handling key:3 hdl:100"));
+  waitpid(child, nullptr, 0);
+}
+
+// As logrotate does with copytruncate, twice: the copies and the file have all records between them.
+TEST_F(Verb, ReadsAFileThatWasCopiedAndTruncated) {
+  for (U64 i = 0; i < 3; ++i) {
+    recordKeys(log_.get(), 10 * i, 10 * i + 5);
+    std::filesystem::copy_file(dir_ / "a.lg", dir_ / fmt::format("copy{}", i));
+    std::filesystem::resize_file(dir_ / "a.lg", 0);
+  }
+  recordKeys(log_.get(), 30, 30);
+  std::vector<std::string> expected;
+  for (U64 i = 0; i < 3; ++i)
+    for (U64 key = 10 * i; key <= 10 * i + 5; ++key)
+      expected.push_back(fmt::format("handling key:{} hdl:100", key));
+  expected.push_back("handling key:30 hdl:100");
+  EXPECT_EQ(messagesOf(run("a.lg copy0 copy1 copy2")), expected);
+  EXPECT_EQ(err_, "");
+}
+
+TEST_F(Verb, FollowsAFileThatIsTruncated) {
+  pid_t const child = fork();
+  if (child == 0) {
+    LogPtr log = make("live.lg");
+    for (U64 key = 1; key <= 4; ++key) {
+      recordKeys(log.get(), key, key);
+      usleep(200000);
+      if (key < 4) truncate((dir_ / "live.lg").c_str(), key == 2 ? 270000 : 0);
+    }
+    raise(SIGKILL);
+  }
+  while (access((dir_ / "live.lg").c_str(), F_OK) != 0) usleep(1000);
+  EXPECT_THAT(messagesOf(run("live.lg --follow")),
+              ElementsAre("handling key:1 hdl:100", "handling key:2 hdl:100", "handling key:3 hdl:100",
+                          "handling key:4 hdl:100"));
+  EXPECT_THAT(err_, HasSubstr("truncations; what was not read until then is lost"));
   waitpid(child, nullptr, 0);
 }
 

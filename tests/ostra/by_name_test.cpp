@@ -2,6 +2,7 @@
 // Attributes, collections and operations by their names.
 #include <gmock/gmock.h>
 
+#include <array>
 #include <set>
 
 #include "sample.h"
@@ -171,6 +172,67 @@ TEST_P(WalkTest, ReachesEveryMemberThatStays) {
     ASSERT_LT(++slices, 10000u) << "the walk ends";
   }
   for (U64 k = 1000; k < 3000; ++k) ASSERT_TRUE(seen.contains(k)) << k;
+}
+
+// Keys in sixteen small maps. Counts how often the members of each are gone through.
+class Pieces {
+ public:
+  class Piece : public boost::unordered_flat_map<U64, U64> {
+   public:
+    auto begin() const {
+      ++walks;
+      return boost::unordered_flat_map<U64, U64>::begin();
+    }
+    int mutable walks = 0;
+  };
+  std::array<Piece, 16> const& pieces() const { return pieces_; }
+  Piece& of(U64 key) { return pieces_[key % 16]; }
+  auto find(U64 key) const { return pieces_[key % 16].find(key); }
+  auto begin() const { return pieces_[0].begin(); }
+  auto end() const { return pieces_[15].end(); }
+  int walks() const {
+    int all = 0;
+    for (Piece const& piece : pieces_) all += piece.walks;
+    return all;
+  }
+
+ private:
+  std::array<Piece, 16> pieces_;
+};
+
+class InPieces : public Ostra::Described {
+ public:
+  Pieces const& members() const { return members_; }
+  static Ostra::TypeInfo const& staticType() {
+    static Ostra::TypeInfo const type =
+        Ostra::TypeInfo::of<InPieces>("OstraTest::InPieces").collection("members", &InPieces::members);
+    return type;
+  }
+  Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
+
+  Pieces members_;
+};
+
+TEST(WalkOfPiecesTest, CopiesKeysOfOnePieceAtATime) {
+  InPieces object;
+  for (U64 k = 0; k < 3200; ++k) object.members_.of(k)[k] = k;
+  Ostra::MemberCursor cursor;
+  std::set<U64> seen;
+  U64 comes = 3200, goes = 0;
+  for (int slice = 0; !cursor.done; ++slice) {
+    int const before = object.members_.walks();
+    Ostra::Members members;
+    InPieces::staticType().membersFrom(object, "members", cursor, 64, members);
+    EXPECT_LE(members.size(), 64u);
+    EXPECT_LE(object.members_.walks() - before, 1)
+        << "of 200 keys and more, a slice comes to one piece's end";
+    for (auto const& [k, v] : members) seen.insert(std::get<U64>(k));
+    for (int i = 0; i < 20; ++i, ++comes) object.members_.of(comes)[comes] = 1;
+    for (int i = 0; i < 5; ++i, ++goes) object.members_.of(goes).erase(goes);
+    ASSERT_LT(slice, 1000) << "the walk ends";
+  }
+  EXPECT_EQ(16, object.members_.walks());
+  for (U64 k = goes; k < 3200; ++k) ASSERT_TRUE(seen.contains(k)) << k;
 }
 
 TEST_P(WalkTest, OfNothingEndsAtOnce) {

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "ostra/publish.h"
-#include "ostra/publish_wire.h"
+#include "pallo/unix_socket.h"
 
 namespace OstraTest {
 
@@ -41,34 +41,28 @@ class TemporaryDirectory {
 
 class RawPeer {
  public:
-  explicit RawPeer(std::string const& path) : socket_(Ostra::Wire::connectTo(path)) {}
+  explicit RawPeer(std::string const& path) : socket_(Pallo::connectTo(path), 1 << 30) {}
   bool connected() const { return static_cast<bool>(socket_); }
-  int fd() const { return socket_.get(); }
-  bool closed() const { return closed_; }
-  void close() { socket_.reset(); }
+  int fd() const { return socket_.fd(); }
+  bool closed() const { return closed_ || socket_.heardAll() || socket_.error() != 0; }
+  void close() { socket_ = Pallo::LineSocket({}, 0); }
 
   // As much as the socket takes now.
   std::size_t write(std::string_view bytes) {
-    ssize_t const n = ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    ssize_t const n = ::send(fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (n < 0 && errno != EAGAIN) closed_ = true;
     return n < 0 ? 0 : static_cast<std::size_t>(n);
   }
-  // What has arrived, at most about `atMost` bytes.
-  void read(std::size_t atMost = 1 << 20) {
-    std::vector<char> bytes(atMost);
-    ssize_t const n = ::recv(socket_.get(), bytes.data(), bytes.size(), 0);
-    if (n > 0)
-      in_.append(bytes.data(), static_cast<std::size_t>(n));
-    else if (n == 0 || errno != EAGAIN)
-      closed_ = true;
-    while (auto const line = in_.next()) lines_.push_back(std::string(*line));
+  // What has arrived, at most so many bytes and 64 KB.
+  void read(std::size_t atMost = 64 * 1024) {
+    socket_.receive(atMost);
+    while (auto const line = socket_.line()) lines_.push_back(std::string(*line));
   }
   std::vector<std::string> const& lines() const { return lines_; }
   std::vector<std::string> take() { return std::exchange(lines_, {}); }
 
  private:
-  Pallo::Descriptor socket_;
-  Ostra::Wire::LineBuffer in_{1 << 30};
+  Pallo::LineSocket socket_;
   std::vector<std::string> lines_;
   bool closed_ = false;
 };

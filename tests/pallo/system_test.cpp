@@ -111,6 +111,17 @@ TEST_F(Guard, WritesBehindATruncationReachNoFile) {
   EXPECT_EQ(c, 0);
 }
 
+TEST_F(Guard, ZeroesTheAlarmAtAHit) {
+  U64 alarm = 7;
+  window_.unwatch();
+  window_.watch(base_, bytes, true, &alarm);
+  base_[0] = 'x';
+  EXPECT_EQ(alarm, 7U);
+  ASSERT_EQ(ftruncate(fd_.get(), 0), 0);
+  base_[0] = 'x';
+  EXPECT_EQ(alarm, 0U);
+}
+
 using GuardDeathTest = Guard;
 TEST_F(GuardDeathTest, LeavesOtherAccessesToTheOldHandler) {
   char* const other = static_cast<char*>(mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd_.get(), 0));

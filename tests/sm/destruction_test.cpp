@@ -1,46 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // What goes when a front end goes, and in which order: its watchers fall silent, the failed keys go, then the
 // inputs in the reverse order of construction.
-#include <malloc.h>
-
-#include <cstdlib>
 #include <functional>
-#include <new>
 
 #include "keel/virtual_wheel.h"
 #include "ostra/exception.h"
+#include "tests/shoal/fixture.h"
 #include "tests/support/engine_world.h"
+#include "tests/support/freed.h"
 
 using namespace TestSupport;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-namespace {
-
-// The block of memory to be looked after, and whether it was given back.
-struct Guarded {
-  void const* within = nullptr;
-  bool freed = false;
-} guarded;
-
-void release(void* memory) noexcept {
-  auto const* const begin = static_cast<std::byte const*>(memory);
-  auto const* const end = begin + malloc_usable_size(memory);
-  std::less<void const*> const before;
-  if (guarded.within && !before(guarded.within, begin) && before(guarded.within, end)) guarded.freed = true;
-  std::free(memory);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  if (void* const memory = std::malloc(size)) return memory;
-  throw std::bad_alloc();
-}
-void* operator new(std::size_t size, std::nothrow_t const&) noexcept { return std::malloc(size); }
-void operator delete(void* memory) noexcept { release(memory); }
-void operator delete(void* memory, std::size_t) noexcept { release(memory); }
-void operator delete(void* memory, std::nothrow_t const&) noexcept { release(memory); }
 
 namespace {
 
@@ -147,14 +118,49 @@ TEST_F(Destruction, TheTimerIsSilentWhenItOutlivesTheFrontEnd) {
   EXPECT_THAT(heard, IsEmpty());
 }
 
+// In the middle of the keys that a table has to tell, of which the front end holds the last reference.
+TEST_F(Destruction, OfAWatcherInItsTablesDispatchEndsIt) {
+  class Acting : public VantrelImpl {
+   public:
+    Acting() : VantrelImpl("engine", nullptr, nullptr, nullptr, nullptr, 1U) {}
+    void handleEntry(EntryKey const& key) override {
+      keys.push_back(key.value());
+      if (act) act();
+    }
+    std::vector<U64> keys;
+    std::function<void()> act;
+  };
+  ShoalTest::Directory const directory;
+  ShoalTest::Writer writer(directory / "config");
+  auto const other = make<Table>("other");
+  U64 version = 0;
+  auto const leftBy = [&](auto const& act) {
+    auto reader = make<Leaving<ShoalTest::Reader>>(witness, "reader", directory / "config");
+    ShoalTest::Reader& dispatched = *reader;
+    auto const engine = make<Acting>();
+    sm = vantrelSmFactory(reader, nullptr, nullptr, nullptr, engine, nullptr, nullptr);
+    reader = nullptr;
+    dispatched.dispatch();
+    engine->keys.clear();
+    engine->act = act;
+    ++version;
+    for (U64 key : {1, 2, 3}) writer.entryIs(ShoalTest::record(key, version));
+    dispatched.dispatch();
+    EXPECT_EQ(engine->keys.size(), 1U) << "the others are not told to nobody";
+    return std::exchange(witness.gone, {});
+  };
+  EXPECT_THAT(leftBy([&] { sm = nullptr; }), ElementsAre("reader"));
+  EXPECT_THAT(leftBy([&] { sm->tableConfigDel(); }), ElementsAre("reader"));
+  EXPECT_THAT(leftBy([&] { sm->tableConfigIs(other); }), ElementsAre("reader"));
+}
+
 TEST_F(Destruction, FailedKeysGoBeforeTheFirstInput) {
   create();
   table->notifyEntry(EntryKey(1));
   ASSERT_EQ(sm->failedKey().size(), 1U);
-  guarded = {&*sm->failedKey().begin(), false};
-  bool before = false;
-  witness.atFirst = [&] { before = guarded.freed; };
+  bool freed = false, before = false;
+  onFree(&*sm->failedKey().begin(), [&] { freed = true; });
+  witness.atFirst = [&] { before = freed; };
   sm = nullptr;
-  guarded.within = nullptr;
   EXPECT_TRUE(before);
 }

@@ -128,6 +128,26 @@ TEST_F(FrontEnd, SameCounterValueTellsNobody) {
   EXPECT_EQ(w.table + w.flush, 0);
 }
 
+// Who is told of the counter finds the hardware flushed, and the front end saying so.
+TEST_F(FrontEnd, FlushComesBeforeInitialFlushedAndTheCounter) {
+  class Told : public VantrelFlushStatus::Notifiee {
+   public:
+    void onFlushCounter() override { onTold(); }
+    std::function<void()> onTold;
+  };
+  Told watcher;
+  watcher.notifierIs(flushStatus);
+  sm = vantrelSmFactory(nullptr, status, debugConfig, debugStatus, keyEngine, flushStatus, wheel);
+  int told = 0;
+  watcher.onTold = [&] {
+    ++told;
+    EXPECT_THAT(client->take(), ElementsAre("flush"));
+    EXPECT_TRUE(sm->initialFlushed());
+  };
+  sm->tableConfigIs(table);
+  EXPECT_EQ(told, 1);
+}
+
 TEST_F(FrontEnd, WithoutFlushStatusNoCounterMovesAndTheFirstFlushIsNeverSaid) {
   flushStatus = nullptr;
   create();
@@ -308,7 +328,9 @@ TEST_F(FrontEnd, DestroyedItLeavesItsInputsAloneAndDoesNotFlush) {
   U8 const counter = flushStatus->tableCounter();
   sm = nullptr;
   tell(1);
+  EXPECT_EQ(wheel->earliest(), 10.0) << "the wake-up stays requested";
   wheel->advance(100);
+  EXPECT_FALSE(wheel->earliest()) << "and found nobody";
   debugConfig->versionInc(1);
   EXPECT_THAT(keyEngine->take(), IsEmpty());
   EXPECT_THAT(client->take(), IsEmpty());
@@ -416,6 +438,33 @@ TEST_F(FrontEnd, DamageInAWalkIsReportedAndTheWalkCountsAsComplete) {
   EXPECT_THAT(client->take(), ElementsAre("flush"));
   EXPECT_EQ(flushStatus->flushCounter(), 1);
   EXPECT_TRUE(sm->initialFlushed());
+}
+
+TEST_F(FrontEnd, DamageAtTheFirstKeyEndsTheWalkTheSameWay) {
+  class DamagedFirst : public Shoal::LocalTable<EntryConfig> {
+   public:
+    std::optional<Place> first() const override {
+      throw Pallo::CorruptionDetectedException("no first place");
+    }
+  };
+  auto const damaged = make<DamagedFirst>();
+  sm = vantrelSmFactory(damaged, status, debugConfig, debugStatus, keyEngine, flushStatus, wheel);
+  EXPECT_EQ(damaged->corruptions(), 1U);
+  EXPECT_EQ(damaged->lastCorruption(), "no first place");
+  EXPECT_THAT(client->take(), ElementsAre("flush"));
+  EXPECT_EQ(flushStatus->flushCounter(), 1);
+}
+
+// It is not the walked table that is damaged.
+TEST_F(FrontEnd, DamageThatTheEngineThrowsLeavesTheWalk) {
+  create();
+  client->take();
+  for (U64 key : {1, 2}) write({.key = key, .ti = static_cast<U32>(key)});
+  keyEngine->onKey = [](U64) { throw Pallo::CorruptionDetectedException("another table"); };
+  EXPECT_THROW(table->notifyEntryColl(), Pallo::CorruptionDetectedException);
+  EXPECT_EQ(keyEngine->take().size(), 1U);
+  EXPECT_EQ(table->corruptions(), 0U);
+  EXPECT_THAT(client->take(), IsEmpty());
 }
 
 TEST_F(FrontEnd, OnlyDamageIsTheTablesOwnToReport) {
@@ -539,6 +588,44 @@ TEST_F(FrontEnd, FailedKeyOperations) {
   EXPECT_THAT(failed(), IsEmpty());
 }
 
+TEST_F(FrontEnd, FailedKeyIsOverwritesTheValue) {
+  create();
+  sm->failedKeyIs(EntryKey(1), true);
+  sm->failedKeyIs(EntryKey(1), false);
+  EXPECT_THAT(failed(), ElementsAre(1));
+  EXPECT_FALSE(sm->failedKeyDel(EntryKey(1)));
+  sm->failedKeyIs(EntryKey(1), false);
+  sm->failedKeyIs(EntryKey(1), true);
+  EXPECT_TRUE(sm->failedKeyDel(EntryKey(1)));
+}
+
+// The walk, the failure and the pass know no key that means none.
+TEST_F(FrontEnd, KeyZeroIsWalkedAndRetried) {
+  for (U64 key : {0, 1, 5}) write({.key = key, .ti = static_cast<U32>(key), .opId = 7});
+  keyEngine->internal = {0, 1};
+  create();
+  EXPECT_THAT(keyEngine->take(), testing::UnorderedElementsAre(0, 1, 5));
+  EXPECT_THAT(failed(), ElementsAre(0, 1));
+  wheel->advance(10);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(0, 1)) << "fails again, and is not tried twice";
+  EXPECT_THAT(failed(), ElementsAre(0, 1));
+  keyEngine->internal = {};
+  wheel->advance(10);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(0, 1));
+  EXPECT_THAT(failed(), IsEmpty());
+}
+
+TEST_F(FrontEnd, AKeyRemovedInAPassIsNotTried) {
+  create();
+  for (U64 key : {1, 2, 3}) sm->failedKeyIs(EntryKey(key), true);
+  keyEngine->onKey = [this](U64 key) {
+    if (key == 1) sm->failedKeyDel(EntryKey(2));
+    if (key == 3) sm->failedKeyDelAll();
+  };
+  sm->handleRetry();
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1, 3));
+}
+
 TEST_F(FrontEnd, WithoutAWheelFailedKeysAccumulateAndAreNeverRetried) {
   wheel = nullptr;
   create();
@@ -563,6 +650,20 @@ TEST_F(FrontEnd, ReplacingTheWheelRunsAPassAtOnce) {
   EXPECT_EQ(sm->retryFailedTimer(), nullptr);
   sm->retryFailedTimerDel();
   EXPECT_THAT(keyEngine->take(), IsEmpty());
+}
+
+TEST_F(FrontEnd, ReplacingTheWheelByItselfRunsNothing) {
+  create();
+  keyEngine->internal = {1};
+  tell(1);
+  keyEngine->take();
+  sm->retryFailedTimerIs(wheel);
+  EXPECT_THAT(keyEngine->take(), IsEmpty());
+  EXPECT_THAT(failed(), ElementsAre(1));
+  EXPECT_TRUE(sm->retryTimerSet());
+  EXPECT_EQ(wheel->earliest(), 10.0);
+  wheel->advance(10);
+  EXPECT_THAT(keyEngine->take(), ElementsAre(1));
 }
 
 TEST_F(FrontEnd, APassWhileNotInitializedDropsTheKeys) {
@@ -804,7 +905,8 @@ TEST_F(FrontEnd, TheLastReferenceMayGoInTheWalkAtSwitchingOn) {
   };
   VantrelSm& switched = *sm;
   switched.hasNotificationActiveIs(true);
-  EXPECT_THAT(wakeUps, ElementsAre(20.0, std::nullopt)) << "asked for, then dropped with the front end";
+  EXPECT_THAT(wakeUps, ElementsAre(20.0)) << "asked for once";
+  EXPECT_EQ(wheel->earliest(), 20.0) << "and still armed without the front end";
   EXPECT_EQ(flushStatus->references(), unheld);
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "lumelog/tap.h"
 #include "pallo/exception.h"
 #include "tests/support/facility_text.h"
 #include "vantrel/core/trace.h"
@@ -109,20 +110,20 @@ class Oversize : public Shoal::LocalTable<EntryConfig> {
 // Ring-buffer records, "text [id, values...]", while it lives.
 class RingRecords {
  public:
-  RingRecords()
-      : log_(Lumelog::Log::inMemory([this](std::string_view text, std::span<U64 const> values) {
-          std::string line(text);
-          line += " [";
-          for (std::size_t i = 0; i < values.size(); ++i) line += (i ? "," : "") + std::to_string(values[i]);
-          lines_.push_back(line + "]");
-        })),
-        previous_(std::exchange(lg, log_.get())) {}
+  RingRecords() : previous_(std::exchange(lg, &log_)) {
+    log_.tapIs([this](std::string_view text, std::span<U64 const> values) {
+      std::string line(text);
+      line += " [";
+      for (std::size_t i = 0; i < values.size(); ++i) line += (i ? "," : "") + std::to_string(values[i]);
+      lines_.push_back(line + "]");
+    });
+  }
   ~RingRecords() { lg = previous_; }
   std::vector<std::string> take() { return std::exchange(lines_, {}); }
 
  private:
   std::vector<std::string> lines_;
-  std::unique_ptr<Lumelog::Log> log_;
+  Lumelog::Log log_;
   Lumelog::Log* previous_;
 };
 

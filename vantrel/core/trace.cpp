@@ -16,6 +16,8 @@ constinit Ostra::TraceHandle fastImplTrace("VantrelFastImpl");
 
 namespace {
 
+U32 keep = Lumelog::Options().keep;
+
 Pallo::AssertionHook agentsHook = nullptr;  // the one that was there before
 
 // Level 0: nothing else ever pushes it out of the ring. The whole text, which a string value would cut.
@@ -41,8 +43,16 @@ void initLg() {
   options.kib[9] = 16384;
   options.maxString = 80;
   options.threading = Lumelog::Threading::Single;
+  options.keep = keep;
   lg = Lumelog::open(name, options);
   if (lg) agentsHook = Pallo::assertionHookIs(&recordAssertion);
+}
+
+U32 traceKeep() { return keep; }
+
+void traceKeepIs(U32 number) {
+  keep = number;
+  if (lg) lg->keepIs(keep);
 }
 
 void traceSettingIs(char const* settings) {

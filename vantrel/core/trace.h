@@ -41,6 +41,11 @@ extern VANTREL_API Lumelog::Log* lg;
 // current one.
 VANTREL_API void initLg();
 
+// How many trace files of dead processes stay, the newest, when the trace file is opened; 8 at first. Removes
+// what is more than that at once when it is open.
+VANTREL_API U32 traceKeep();
+VANTREL_API void traceKeepIs(U32 keep);
+
 // While a key is handled, records share one reading of the clock. What takes time of its own says so, and the
 // next record reads the clock again; momentStands() takes that back.
 inline void momentPassed() {

@@ -8,8 +8,10 @@
 //
 // Ownership: holds a reference to the status table, which may be null: then nothing is acknowledged.
 // Threading: the agent's event loop.
-// Errors: an override may throw; the exception passes through the engine, whose indexes stay as they were
-//   updated before the call. Not at clean-up: that runs in a destructor.
+// Errors: an override should not throw. The exception passes through the engine and leaves the call
+//   half-done: after addEntry the key waits for its own place, after moveEntry or a delete another position
+//   for it ends the process. Deleting the key puts it right (docs/limits.md). At clean-up, which runs in a
+//   destructor, an exception ends the process.
 #pragma once
 
 #include <string>

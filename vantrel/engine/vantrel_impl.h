@@ -9,10 +9,13 @@
 //   before anything of that key has changed; every other exception passes through.
 #pragma once
 
-#include <boost/unordered/unordered_flat_map.hpp>
+#include <functional>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "ostra/entity.h"
+#include "ostra/piecewise_map.h"
 #include "vantrel/core/tables.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/engine/debug_entities.h"
@@ -37,8 +40,8 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   struct HandleHash {
     std::size_t operator()(U64 handle) const { return handle ^ (handle >> 32); }
   };
-  using KeyOfHandle = boost::unordered_flat_map<U64, EntryKey, HandleHash>;
-  using HandleOfKey = boost::unordered_flat_map<EntryKey, U64>;
+  using KeyOfHandle = Ostra::PiecewiseMap<U64, EntryKey, HandleHash>;
+  using HandleOfKey = Ostra::PiecewiseMap<EntryKey, U64>;
 
   // `lgId` heads every trace record of this engine; zero fails an assertion.
   VantrelImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig,
@@ -77,6 +80,24 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   virtual bool processDependantTables(EntryConfig const& entry, EntryKey const& key);
   // Opens the trace file and ends construction.
   virtual void handleInitialized();
+
+  // What handles many keys in one call calls `yield` between two of them, so that an agent can serve others:
+  // a full walk, a retry pass, a drain of the work queue, the clean-up. No key is half-done then. It must not
+  // call the engine, nor dispatch what leads to it, nor release it. Null, as at the beginning: no call.
+  //
+  // It may end the call by an exception (no Ostra::InternalException: that would have a key retried). What
+  // was done stays done:
+  //   walk      the other keys are not handed over; no flush, and flushCounter does not move
+  //   pass      the other keys stay in failedKey, and no wake-up is armed until a key fails
+  //   drain     the other keys stay queued for the next drain, blocked ones for the next deadlock check; a
+  //             ring that was being broken is not counted; the walk or the pass around it ends too
+  //   clean-up  the other keys stay as they are, and nothing is flushed; in a destructor the process ends
+  using Yield = std::function<void()>;
+  void yieldIs(Yield yield) { yield_ = yield ? std::make_shared<Yield const>(std::move(yield)) : nullptr; }
+  void yield() const {
+    if (yield_) [[unlikely]]
+      yieldNow();
+  }
 
   Ostra::Ptr<TableConfig const> const& tableConfig() const { return tableConfig_; }
   Ostra::Ptr<DebugConfig const> const& debugConfig() const { return debugConfig_; }
@@ -149,6 +170,7 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   bool dispatchAddOrUpdate(EntryConfig const& entry, EntryKey const& key);
   bool takeOverHandle(U64 handle, EntryKey const& key, EntryKey const& old);
   void dumpWhenDirty();
+  void yieldNow() const;
 
   Ostra::Ptr<TableConfig const> const tableConfig_;
   Ostra::Ptr<DebugConfig const> const debugConfig_;
@@ -162,6 +184,7 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   bool alwaysProcessPending_ = false;
   bool initialized_ = false;
   Forethought forethought_ = nullptr;
+  std::shared_ptr<Yield const> yield_;
   KeyOfHandle handleToKey_;
   HandleOfKey keyToHandle_;
 };

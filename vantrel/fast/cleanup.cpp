@@ -15,9 +15,11 @@ namespace Vantrel {
 void FastVantrelImpl::doCleanup() {
   VANTREL_RECORD(3, lgId(), "doCleanup");
   // The deletes change the engine's state, never keyToHandle.
-  for (auto const& [key, handle] : keyToHandle()) {
+  for (auto at = keyToHandle().begin(); at != keyToHandle().end();) {
+    EntryKey const key = at->first;
     processDelete(key, false);
     if (helper()) hardware().delStatus(key);
+    if (++at != keyToHandle().end()) yield();
   }
   if (helper()) hardware().flush();
 }

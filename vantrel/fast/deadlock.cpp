@@ -13,16 +13,33 @@
 // A chain is read member by member, configurations included, when the claims say that it comes back. That is
 // found out from both ends at once when a claim is made, so that a key costs no more than the shorter side of
 // the chain it joins; and not again while its claim stays, because the claim that comes last closes the ring,
-// and tells every member.
+// and tells every member. So a damaged record is met when its key is handled, when a chain starts at it, and
+// when a chain that comes back leads through it; in a chain that ends it is not.
 #include <boost/container/small_vector.hpp>
 #include <utility>
 
+#include "pallo/exception.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
+namespace {
+
+// The record as a chain sees it that closes no ring whatever the record says: damage is left to those who act
+// on it, so that it is met at the same moment whether somebody listens to the trace or not.
+EntryConfig glance(TableConfig const& table, EntryKey const& key) {
+  try {
+    return table.entry(key);
+  } catch (Pallo::CorruptionDetectedException const&) {
+    return {};
+  } catch (Pallo::InvalidSizeException const&) {
+    return {};
+  }
+}
+
+}  // namespace
 
 // The keys that the chains of one run have passed. A chain that breaks nothing is passed only when a later
 // one of the run may break a ring: until then the state is what it was.
@@ -57,20 +74,19 @@ void FastVantrelImpl::checkDeadlock() {
   VANTREL_TRACE(vantrelFastImplTrace(), 7, "checking deadlock done");
 }
 
-// Whoever listens to the facility trace hears of each step of each chain; and a claim on a position that
-// nobody holds is met by the chain that leads there, wherever it began.
+// A claim on a position that nobody holds is met by the chain that leads there, wherever it began.
 bool FastVantrelImpl::closesRing(EntryKey const& start, Visited& visited) {
   CState_s* const c = state()->record(start);
   FAST_ASSERT(c);
-  bool const comesBack = claimsComeBack(*c);
-  bool const stepsCount = vantrelFastImplTrace().enabled(7) || !state()->settled();
-  if (!comesBack && !stepsCount) {
-    occupantWaitedFor(*c);
-    visited.putOff(start);
-    return false;
+  if (claimsComeBack(*c) || !state()->settled()) {
+    for (EntryKey const& earlier : visited.takePutOff()) chainComesBack(earlier, visited, Damage::OfNone);
+    return chainComesBack(start, visited, Damage::OfAll);
   }
-  for (EntryKey const& earlier : visited.takePutOff()) chainComesBack(earlier, visited);
-  return chainComesBack(start, visited);
+  // Whoever listens to the facility trace hears of each step, and nothing else comes of it.
+  if (vantrelFastImplTrace().enabled(7)) return chainComesBack(start, visited, Damage::OfStart);
+  occupantWaitedFor(*c, readEntry(*tableConfig(), start));
+  visited.putOff(start);
+  return false;
 }
 
 // Whether the claims alone lead from `c` back to it. When they do not, that stays so until another entry
@@ -115,7 +131,7 @@ CState_s* FastVantrelImpl::claimant(CState_s const& c) const {
 }
 
 // Follows the chain from `start`, one occupant at a time, until it ends or comes back.
-bool FastVantrelImpl::chainComesBack(EntryKey const& start, Visited& visited) const {
+bool FastVantrelImpl::chainComesBack(EntryKey const& start, Visited& visited, Damage met) const {
   for (EntryKey key = start;;) {
     if (!visited.firstTime(key)) {
       VANTREL_TRACE(vantrelFastImplTrace(), 7, "stopping. already seen ", key);
@@ -123,7 +139,9 @@ bool FastVantrelImpl::chainComesBack(EntryKey const& start, Visited& visited) co
     }
     CState_s const* const c = state()->record(key);
     FAST_ASSERT(c);
-    CState_s const* const occupant = occupantWaitedFor(*c);
+    bool const counts = met == Damage::OfAll || (met == Damage::OfStart && key == start);
+    EntryConfig const config = counts ? readEntry(*tableConfig(), key) : glance(*tableConfig(), key);
+    CState_s const* const occupant = occupantWaitedFor(*c, config);
     if (!occupant) return false;
     VANTREL_TRACE(vantrelFastImplTrace(), 7, "[", c->p.ti, "] ", "occupied ", occupant->key, " pending ",
                   key);
@@ -134,8 +152,7 @@ bool FastVantrelImpl::chainComesBack(EntryKey const& start, Visited& visited) co
 
 // A chain goes on only through a programmed entry that waits to move to the position that its configuration
 // names, and that another entry holds.
-CState_s const* FastVantrelImpl::occupantWaitedFor(CState_s const& c) const {
-  EntryConfig const config = readEntry(*tableConfig(), c.key);
+CState_s const* FastVantrelImpl::occupantWaitedFor(CState_s const& c, EntryConfig const& config) const {
   if (config.empty()) {
     VANTREL_TRACE(vantrelFastImplTrace(), 7, "skipping pending delete ", c.key);
     return nullptr;

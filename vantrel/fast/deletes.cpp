@@ -37,6 +37,7 @@ bool FastVantrelImpl::deleteKnown(CState_s& c, bool deadlock, bool delAck) {
   // The group of a delete record is 0 whatever the entry's own.
   EntryConfig record(c.key, delAck ? OpId::deleteAcknowledge() : c.opId, c.hdl, 0, c.prio);
   if (c.programmed()) {
+    record.tableIndexIs(TableKey(0), c.sti);
     withdraw(c, record, deadlock);
   } else if (delAck) {
     VANTREL_RECORD(9, lgId(), "pending only delAck key:", c.key);
@@ -46,47 +47,62 @@ bool FastVantrelImpl::deleteKnown(CState_s& c, bool deadlock, bool delAck) {
   return true;
 }
 
-void FastVantrelImpl::withdraw(CState_s const& c, EntryConfig& record, bool deadlock) try {
-  FastState& s = *state();
-  record.tableIndexIs(TableKey(0), c.sti);
-  s.current.remove(c.sti);
-  s.precedence.remove(pti(c.pg, c.sti));
-  s.addToWorkq(c.sti);
-  wakeRange(c.pg, rangeOpenedByDelete(c));
+void FastVantrelImpl::withdraw(CState_s const& c, EntryConfig const& record, bool deadlock) try {
+  vacate(c, c.sti);
   VANTREL_RECORD(9, lgId(), "del helper key:", c.key, " hdl:", c.hdl, " deadlock:", deadlock);
   if (deadlock)
     hardware().deleteEntryDeadlock(record);
   else
     hardware().deleteEntry(record);
 } catch (...) {
-  state()->disturbedIs(true);
+  state()->strayIs(c.key, c.sti);
   throw;
 }
 
+// Takes the entry's place at ti from the indexes and wakes whom it kept waiting. Another entry may have it
+// already, when the hardware client threw at an earlier attempt.
+void FastVantrelImpl::vacate(CState_s const& c, U32 ti) {
+  FastState& s = *state();
+  if (!s.hasStrays() || s.current.at(ti) == &c) {
+    s.current.remove(ti);
+    s.precedence.remove(pti(c.pg, ti));
+  }
+  s.addToWorkq(ti);
+  wakeRange(c.pg, rangeOpenedByDelete(c, ti));
+}
+
 // The deleted entry is no longer in the index that is searched from its place.
-FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByDelete(CState_s const& c) const {
+FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByDelete(CState_s const& c, U32 ti) const {
   constexpr U32 end = 0xFFFFFFFF;
-  U32 const from = pti(c.pg, c.sti);
+  U32 const from = pti(c.pg, ti);
   auto const prev = state()->precedence.below(from);
   auto const next = state()->precedence.above(from);
   bool const closedAbove = prev && prev->value->samePriority(c);
   bool const closedBelow = next && next->value->samePriority(c);
-  if (closedAbove && closedBelow) return {c.sti + 1, c.sti};
+  if (closedAbove && closedBelow) return {ti + 1, ti};
   U32 lo = 0;
   if (closedBelow)
-    lo = c.sti + 1;
+    lo = ti + 1;
   else if (prev && prev->value->pg == c.pg)
     lo = lti(prev->index) + 1;
-  if (closedAbove) return {lo, c.sti};
+  if (closedAbove) return {lo, ti};
   return {lo, next && next->value->pg == c.pg ? lti(next->index) : end};
 }
 
 void FastVantrelImpl::forget(CState_s& c) {
   FastState& s = *state();
+  if (s.hasStrays()) [[unlikely]]
+    vacateStrays(c);
   s.erase(c);
   if (!s.blocked.empty()) s.blocked.erase(c.key);
   s.cstateFree(&c);
   dirtyIs(true);
+}
+
+// A record that goes leaves no place behind, not even one that a call which threw kept it from knowing.
+void FastVantrelImpl::vacateStrays(CState_s const& c) {
+  for (U32 const ti : state()->takeStrays(c.key))
+    if (state()->current.at(ti) == &c) vacate(c, ti);
 }
 
 // Not an error: the producer is answered, so that it is not left waiting.

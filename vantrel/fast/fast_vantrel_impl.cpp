@@ -47,6 +47,8 @@ void FastVantrelImpl::handleInitialized() {
   initializedIs(true);
 }
 
+void FastVantrelImpl::roomForKeysIs(U64 keys) { state()->roomIs(keys); }
+
 OpId FastVantrelImpl::currentOpId(EntryKey const& key) const {
   CState_s const* const c = state()->expected(key);
   return c ? c->opId : OpId();

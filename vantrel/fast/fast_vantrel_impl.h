@@ -59,6 +59,10 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   bool processDeleteHelper(EntryKey const& key, bool deadlock, bool delAck);
   // Deletes every key that has a handle.
   void doCleanup();
+  // Makes room for so many more keys, so that none of them has to wait while the map of all keys doubles and
+  // the record pool grows: tens of milliseconds at a million. An agent that knows the size of its hardware
+  // calls it once, at the start.
+  void roomForKeysIs(U64 keys);
 
   // How many low bits of a precedence index hold the position inside a priority group.
   U32 prioGrpShift() const { return prioGrpShift_; }
@@ -116,8 +120,10 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   // deletes.cpp
   bool deleteKnown(CState_s& c, bool deadlock, bool delAck);
   bool deleteUnknown(EntryKey const& key, bool delAck);
-  void withdraw(CState_s const& c, EntryConfig& record, bool deadlock);
-  Range rangeOpenedByDelete(CState_s const& c) const;
+  void withdraw(CState_s const& c, EntryConfig const& record, bool deadlock);
+  void vacate(CState_s const& c, U32 ti);
+  void vacateStrays(CState_s const& c);
+  Range rangeOpenedByDelete(CState_s const& c, U32 ti) const;
   void forget(CState_s& c);
 
   // deadlock.cpp
@@ -128,8 +134,9 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   bool claimsMeet(CState_s const& c) const;
   CState_s* occupantClaimed(CState_s const& c) const;
   CState_s* claimant(CState_s const& c) const;
-  bool chainComesBack(EntryKey const& start, Visited& visited) const;
-  CState_s const* occupantWaitedFor(CState_s const& c) const;
+  enum class Damage : U8 { OfAll, OfStart, OfNone };  // of which records of a chain it is reported or thrown
+  bool chainComesBack(EntryKey const& start, Visited& visited, Damage met) const;
+  CState_s const* occupantWaitedFor(CState_s const& c, EntryConfig const& config) const;
   void breakRing(EntryKey const& victim);
 
   mutable Ostra::Notifier fastNotifiees_;

@@ -6,38 +6,96 @@
 //   does anything else. A slot reference does not survive an insert or a removal in its map.
 // Ownership: the arrays free their own memory, never what the values point to.
 // Threading: the agent's thread.
-// Cost: a few cache lines an operation at a million indexes; the order costs nothing extra.
+// Cost: a few cache lines an operation at a million indexes; the order costs nothing extra. A site costs
+//   nothing until Judy fails.
 // Errors: Judy fails for want of memory or on a damaged array; either ends the process after one trace line
-//   that names the Judy function, the error number and the error identifier.
+//   that names the Judy function, the error number and the error identifier. The assertion is the caller's:
+//   it names the function and the line that called the map or the set.
 #pragma once
 
 #include <Judy.h>
 
 #include <optional>
+#include <source_location>
 #include <utility>
 
 #include "pallo/types.h"
 
 namespace Vantrel {
 
-// Traces the failure and fails the assertion "false".
-[[noreturn]] VANTREL_API void judyFailed(char const* function, JError_t const& error);
+// The operation that calls a Judy function.
+using Site = std::source_location;
+
+// Traces the failure and fails the assertion "false" at `site`.
+[[noreturn, gnu::cold]] VANTREL_API void judyFailed(char const* function, JError_t const& error, Site site);
 
 // The untyped calls, each with its error check.
 namespace Judy {
-VANTREL_API PPvoid_t get(Pcvoid_t array, Word_t index);         // null when absent
-VANTREL_API PPvoid_t insert(Pvoid_t& array, Word_t index);      // the slot, null inside when new
-VANTREL_API bool remove(Pvoid_t& array, Word_t index);          // false when absent
-VANTREL_API PPvoid_t atOrAbove(Pcvoid_t array, Word_t& index);  // moves index to what was found
-VANTREL_API PPvoid_t above(Pcvoid_t array, Word_t& index);
-VANTREL_API PPvoid_t below(Pcvoid_t array, Word_t& index);
-VANTREL_API Word_t count(Pcvoid_t array, Word_t first, Word_t last);
-VANTREL_API Word_t clear(Pvoid_t& array);
-VANTREL_API bool test(Pcvoid_t array, Word_t index);
-VANTREL_API bool set(Pvoid_t& array, Word_t index);    // false when it was set already
-VANTREL_API bool unset(Pvoid_t& array, Word_t index);  // false when it was not set
-VANTREL_API Word_t memoryUsed(Pcvoid_t array);
-VANTREL_API Word_t clearSet(Pvoid_t& array);
+
+inline PPvoid_t checked(PPvoid_t slot, char const* function, JError_t const& error, Site site) {
+  if (slot == PPJERR) [[unlikely]]
+    judyFailed(function, error, site);
+  return slot;
+}
+inline bool checked(int result, char const* function, JError_t const& error, Site site) {
+  if (result == JERR) [[unlikely]]
+    judyFailed(function, error, site);
+  return result == 1;
+}
+
+// Null when absent.
+inline PPvoid_t get(Pcvoid_t array, Word_t index, Site site) {
+  JError_t error;
+  return checked(JudyLGet(array, index, &error), "JudyLGet", error, site);
+}
+// The slot, null inside when new.
+inline PPvoid_t insert(Pvoid_t& array, Word_t index, Site site) {
+  JError_t error;
+  return checked(JudyLIns(&array, index, &error), "JudyLIns", error, site);
+}
+// False when absent.
+inline bool remove(Pvoid_t& array, Word_t index, Site site) {
+  JError_t error;
+  return checked(JudyLDel(&array, index, &error), "JudyLDel", error, site);
+}
+// These three move the index to what was found.
+inline PPvoid_t atOrAbove(Pcvoid_t array, Word_t& index, Site site) {
+  JError_t error;
+  return checked(JudyLFirst(array, &index, &error), "JudyLFirst", error, site);
+}
+inline PPvoid_t above(Pcvoid_t array, Word_t& index, Site site) {
+  JError_t error;
+  return checked(JudyLNext(array, &index, &error), "JudyLNext", error, site);
+}
+inline PPvoid_t below(Pcvoid_t array, Word_t& index, Site site) {
+  JError_t error;
+  return checked(JudyLPrev(array, &index, &error), "JudyLPrev", error, site);
+}
+// A count of 0 is an error when an error number above "full" comes with it.
+inline Word_t count(Pcvoid_t array, Word_t first, Word_t last, Site site) {
+  JError_t error;
+  JU_ERRNO(&error) = JU_ERRNO_NONE;
+  Word_t const n = JudyLCount(array, first, last, &error);
+  if (n == 0 && JU_ERRNO(&error) > JU_ERRNO_FULL) [[unlikely]]
+    judyFailed("JudyLCount", error, site);
+  return n;
+}
+
+inline bool test(Pcvoid_t array, Word_t index, Site site) {
+  JError_t error;
+  return checked(Judy1Test(array, index, &error), "Judy1Test", error, site);
+}
+// False when it was set already.
+inline bool set(Pvoid_t& array, Word_t index, Site site) {
+  JError_t error;
+  return checked(Judy1Set(&array, index, &error), "Judy1Set", error, site);
+}
+// False when it was not set.
+inline bool unset(Pvoid_t& array, Word_t index, Site site) {
+  JError_t error;
+  return checked(Judy1Unset(&array, index, &error), "Judy1Unset", error, site);
+}
+
 }  // namespace Judy
 
 template <class T>
@@ -52,29 +110,44 @@ class JudyMap {
   JudyMap() = default;
   JudyMap(JudyMap const&) = delete;
   JudyMap& operator=(JudyMap const&) = delete;
-  ~JudyMap() { Judy::clear(array_); }
+  ~JudyMap() { JudyLFreeArray(&array_, PJE0); }
 
   bool empty() const { return array_ == nullptr; }
-  T* at(U32 index) const { return empty() ? nullptr : valueAt(Judy::get(array_, index)); }
+  T* at(U32 index, Site site = Site::current()) const {
+    return empty() ? nullptr : valueAt(Judy::get(array_, index, site));
+  }
   // The index's slot, made when there is none; a new one holds null.
-  T** insert(U32 index) { return reinterpret_cast<T**>(Judy::insert(array_, index)); }
+  T** insert(U32 index, Site site = Site::current()) {
+    return reinterpret_cast<T**>(Judy::insert(array_, index, site));
+  }
   // The slot of an index that may be absent: null then.
-  T** find(U32 index) { return reinterpret_cast<T**>(Judy::get(array_, index)); }
-  bool remove(U32 index) { return Judy::remove(array_, index); }
+  T** find(U32 index, Site site = Site::current()) {
+    return reinterpret_cast<T**>(Judy::get(array_, index, site));
+  }
+  bool remove(U32 index, Site site = Site::current()) { return Judy::remove(array_, index, site); }
 
-  std::optional<Item> atOrAbove(U32 index) const { return step(&Judy::atOrAbove, index); }
-  std::optional<Item> above(U32 index) const { return step(&Judy::above, index); }
-  std::optional<Item> below(U32 index) const { return step(&Judy::below, index); }
+  std::optional<Item> atOrAbove(U32 index, Site site = Site::current()) const {
+    return step<&Judy::atOrAbove>(index, site);
+  }
+  std::optional<Item> above(U32 index, Site site = Site::current()) const {
+    return step<&Judy::above>(index, site);
+  }
+  std::optional<Item> below(U32 index, Site site = Site::current()) const {
+    return step<&Judy::below>(index, site);
+  }
 
   // Indexes in [0, 0xFFFFFFFF].
-  U32 count() const { return static_cast<U32>(Judy::count(array_, 0, 0xFFFFFFFFU)); }
-  U64 memoryUsed() const { return Judy::memoryUsed(array_); }
+  U32 count(Site site = Site::current()) const {
+    return static_cast<U32>(Judy::count(array_, 0, 0xFFFFFFFFU, site));
+  }
+  U64 memoryUsed() const { return JudyLMemUsed(array_); }
 
  private:
   static T* valueAt(PPvoid_t slot) { return slot ? static_cast<T*>(*slot) : nullptr; }
-  std::optional<Item> step(PPvoid_t (*search)(Pcvoid_t, Word_t&), Word_t index) const {
+  template <auto search>
+  std::optional<Item> step(Word_t index, Site site) const {
     if (empty()) return std::nullopt;
-    PPvoid_t const slot = search(array_, index);
+    PPvoid_t const slot = search(array_, index, site);
     if (!slot) return std::nullopt;
     return Item{static_cast<U32>(index), static_cast<T*>(*slot)};
   }
@@ -86,12 +159,12 @@ class JudySet {
   JudySet() = default;
   JudySet(JudySet const&) = delete;
   JudySet& operator=(JudySet const&) = delete;
-  ~JudySet() { Judy::clearSet(array_); }
+  ~JudySet() { Judy1FreeArray(&array_, PJE0); }
 
   bool empty() const { return array_ == nullptr; }
-  bool contains(U64 index) const { return Judy::test(array_, index); }
-  bool insert(U64 index) { return Judy::set(array_, index); }
-  bool remove(U64 index) { return Judy::unset(array_, index); }
+  bool contains(U64 index, Site site = Site::current()) const { return Judy::test(array_, index, site); }
+  bool insert(U64 index, Site site = Site::current()) { return Judy::set(array_, index, site); }
+  bool remove(U64 index, Site site = Site::current()) { return Judy::unset(array_, index, site); }
 
  private:
   Pvoid_t array_ = nullptr;

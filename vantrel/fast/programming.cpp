@@ -44,7 +44,7 @@ bool FastVantrelImpl::processEntry(EntryConfig const& entry) {
   return true;
 }
 
-void FastVantrelImpl::program(EntryConfig const& entry, CState_s& c, U32 ti) try {
+void FastVantrelImpl::program(EntryConfig const& entry, CState_s& c, U32 ti) {
   if (!c.programmed()) {
     add(entry, c, ti);
   } else {
@@ -62,18 +62,18 @@ void FastVantrelImpl::program(EntryConfig const& entry, CState_s& c, U32 ti) try
   }
   c.sti = ti;
   c.opId = entry.opId();
-} catch (...) {
-  state()->disturbedIs(true);
-  throw;
 }
 
-void FastVantrelImpl::add(EntryConfig const& entry, CState_s& c, U32 ti) {
+void FastVantrelImpl::add(EntryConfig const& entry, CState_s& c, U32 ti) try {
   enterAt(c, ti);
   VANTREL_RECORD(9, lgId(), "add key:", c.key, " hdl:", entry.hdl());
   hardware().addEntry(entry);
+} catch (...) {
+  state()->strayIs(c.key, ti);
+  throw;
 }
 
-void FastVantrelImpl::move(EntryConfig const& entry, CState_s& c, U32 ti) {
+void FastVantrelImpl::move(EntryConfig const& entry, CState_s& c, U32 ti) try {
   FastState& s = *state();
   U32 const old = c.sti;
   bool removed = s.current.remove(old);
@@ -85,6 +85,9 @@ void FastVantrelImpl::move(EntryConfig const& entry, CState_s& c, U32 ti) {
   hardware().moveEntry(entry);
   s.addToWorkq(old);
   wakeRange(c.pg, rangeOpenedByMove(c, old, ti));
+} catch (...) {
+  state()->strayIs(c.key, ti);
+  throw;
 }
 
 void FastVantrelImpl::enterAt(CState_s& c, U32 ti) {

@@ -66,6 +66,20 @@ FastState::FastState() : cstate(16), blocked(16) { pool().states.push_back(this)
 
 FastState::~FastState() { std::erase(pool().states, this); }
 
+void FastState::roomIs(std::size_t keys) {
+  cstate.reserve(cstate.size() + keys);
+  while (pool().cread < keys) grow();
+}
+
+std::vector<U32> FastState::takeStrays(EntryKey const& key) {
+  std::vector<U32> places;
+  std::erase_if(strays_, [&](Stray const& stray) {
+    if (stray.key == key) places.push_back(stray.ti);
+    return stray.key == key;
+  });
+  return places;
+}
+
 CState_s* FastState::cstateAlloc() {
   Pool& p = pool();
   if (p.cread == 0) grow();

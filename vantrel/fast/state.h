@@ -110,6 +110,8 @@ class VANTREL_API FastState {
     cstate.erase(c.key);
   }
 
+  // So many more keys can be entered before the map of records and the pool grow.
+  void roomIs(std::size_t keys);
   // A record from the pool, as it was left: the caller fills every field.
   CState_s* cstateAlloc();
   void cstateFree(CState_s* c);
@@ -123,10 +125,14 @@ class VANTREL_API FastState {
   }
   // A waiting entry is retried: its claim may stand on a position that nobody holds.
   void claimLost(EntryPState_s& p);
+  // The hardware client threw: the indexes were updated for the entry's place at ti, its record was not.
+  void strayIs(EntryKey const& key, U32 ti) { strays_.push_back({key, ti}); }
+  bool hasStrays() const { return !strays_.empty(); }
+  // Where a record that is about to go may be listed without saying so itself. They count no longer.
+  std::vector<U32> takeStrays(EntryKey const& key);
   // Whether every claim on an occupied position has its occupant, and records and indexes agree: not while
-  // claims wait in the queue or were lost, nor after a hardware call that failed half-way.
-  bool settled() const { return workq.empty() && lostClaims_ == 0 && !disturbed_; }
-  void disturbedIs(bool disturbed) { disturbed_ = disturbed; }
+  // claims wait in the queue or were lost, nor while a record is there for which the hardware client threw.
+  bool settled() const { return workq.empty() && lostClaims_ == 0 && strays_.empty(); }
   // Queues whoever waits for ti, unless it is queued already. The claim stays.
   void addToWorkq(U32 ti) {
     if (CState_s const* const waiter = pending.at(ti)) queue(*waiter);
@@ -141,10 +147,15 @@ class VANTREL_API FastState {
   void unindexClaim(U32 ti);
   void queue(CState_s const& waiter);
 
+  struct Stray {
+    EntryKey key;
+    U32 ti;
+  };
+
   Asked asked_;
   U32 lgId_ = 0;
   U32 lostClaims_ = 0;
-  bool disturbed_ = false;
+  std::vector<Stray> strays_;
 };
 
 // The pool's figures.

@@ -32,7 +32,10 @@ void FastState::queue(CState_s const& waiter) {
 void FastVantrelImpl::processPending() {
   FAST_ASSERT(initialized());
   VANTREL_TRACE(vantrelFastImplTrace(), 8, __func__);
-  while (!state()->workq.empty()) retryNext();
+  while (!state()->workq.empty()) {
+    retryNext();
+    if (!state()->workq.empty()) yield();
+  }
 }
 
 // Apart from its loop, which mostly does not begin.

@@ -11,8 +11,19 @@ bool VantrelSm::failedKeyDel(EntryKey const& key) {
   auto const at = failedKey_.find(key);
   if (at == failedKey_.end()) return false;
   bool const value = at->second;
-  failedKey_.erase(at);
+  failedKeyDel(at);
   return value;
+}
+
+FailedKeys::const_iterator VantrelSm::failedKeyDel(FailedKeys::const_iterator at) {
+  EntryKey const key = at->first;
+  auto const removed = failedKey_.erase(at);
+  failedKeyNotify(key);
+  return removed;
+}
+
+void VantrelSm::failedKeyDelAll() {
+  for (auto at = failedKey_.begin(); at != failedKey_.end(); ++at) at = failedKeyDel(at);
 }
 
 // Without a wheel the key is kept all the same, and nothing brings it back.
@@ -29,11 +40,11 @@ void VantrelSm::handleRetry() {
   SM_TRACE_ENTRY("handleRetry");
   auto const keep = Ostra::keepAlive(this);
   retryTimerSetIs(false);
-  for (auto at = failedKey_.begin(); at != failedKey_.end();) {
+  for (auto at = failedKey_.begin(); at != failedKey_.end(); ++at) {
     EntryKey const key = at->first;
-    failedKey_.erase(at);
+    at = failedKeyDel(at);
     VantrelSm::handleEntry(key);
-    at = failedKey_.upper_bound(key);
+    if (failedKey_.upper_bound(key) != failedKey_.end()) vantrelImpl()->yield();
   }
 }
 

@@ -151,9 +151,11 @@ void VantrelSm::walk(TableConfig const& table) {
       return std::nullopt;
     }
   };
-  for (auto place = step([&] { return table.first(); }); place;
-       place = step([&] { return table.next(*place); }))
+  for (auto place = step([&] { return table.first(); }); place;) {
     handleEntry(place->key);
+    place = step([&] { return table.next(*place); });
+    if (place) vantrelImpl()->yield();
+  }
 }
 
 void VantrelSm::firstFlushDone() {

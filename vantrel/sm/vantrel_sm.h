@@ -11,20 +11,17 @@
 // Errors: Ostra::InternalException of the engine becomes a retry; every other exception passes through.
 #pragma once
 
-#include <map>
-
 #include "keel/timer_wheel.h"
 #include "vantrel/core/tables.h"
 #include "vantrel/engine/debug_entities.h"
 #include "vantrel/engine/vantrel_impl.h"
+#include "vantrel/sm/failed_keys.h"
 #include "vantrel/sm/flush_status.h"
 
 namespace Vantrel {
 
 class VANTREL_API VantrelSm : public Ostra::Described {
  public:
-  using FailedKeys = std::map<EntryKey, bool>;
-
   // Makes a front end and switches notification on, which begins with a walk of the table. A null table,
   // debug trigger or wheel leaves the features that need it inert; a null flush status, both counters.
   static Ostra::Ptr<VantrelSm> VantrelSmIs(Ostra::Ptr<TableConfig const> tableConfig,
@@ -84,10 +81,18 @@ class VANTREL_API VantrelSm : public Ostra::Described {
 
   // The keys that wait for a retry, ascending.
   FailedKeys const& failedKey() const { return failedKey_; }
-  void failedKeyIs(EntryKey const& key, bool value) { failedKey_[key] = value; }
+  void failedKeyIs(EntryKey const& key, bool value) {
+    failedKey_.set(key, value);
+    failedKeyNotify(key);
+  }
+  // The value of a key that was there, else false.
   bool failedKeyDel(EntryKey const& key);
-  void failedKeyDel(FailedKeys::const_iterator at) { failedKey_.erase(at); }
-  void failedKeyDelAll() { failedKey_.clear(); }
+  // Removes the key under the iterator, which is returned to be advanced.
+  FailedKeys::const_iterator failedKeyDel(FailedKeys::const_iterator at);
+  // One by one, ascending.
+  void failedKeyDelAll();
+  // Where watchers would be told of a key that came or went: nobody watches.
+  void failedKeyNotify(EntryKey const&) {}
 
   static Ostra::TypeInfo const& staticType();
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
