@@ -4,13 +4,12 @@
 //   read       one at a time: a fence stands between two, on all sides, so that what is measured is what a
 //              caller waits. "Read, overlapping" is without the fence: the processor then works on the cache
 //              misses of the next reads during this one's, the more the less there is around them. The floor
-//              finds the record's image in the same mapped file by a plain hash probe and copies it into a
-//              record, field by field and the elements that count: the same bytes to the same object, without
-//              a check of anything. "Whole images" has the floor of a table that knows nothing of what is in
+//              finds the record's slot in the same mapped file by a plain hash probe and copies what is in use
+//              into a record: the same bytes to the same object, without a check of anything. "Whole images" has the floor of a table that knows nothing of what is in
 //              a record: the probe and a copy of all its 616 bytes. "Bytes alone" has the hardest: the probe
-//              and a copy of the 136 bytes in use, whose number the compiler knows.
+//              and a copy of the 80 bytes in use, whose number the compiler knows.
 //              "Watched and validated" is a table that somebody watches, with a validator, as an agent's is.
-//   walk       the floor copies every record's whole image, in the order in which they lie in memory.
+//   walk       the floor copies as many bytes as a whole image has from every slot, in the order of memory.
 //   writes     LMDB commits each, without synchronisation to disk.
 //   growing    from an empty table to one of this size, each write timed by itself, the clock's reading
 //              included: the mean, and what the slowest cost, which took chunks of the file.
@@ -35,7 +34,7 @@
 namespace ShoalBench {
 namespace {
 
-constexpr std::size_t inUse = 136;  // bytes of such a record's image
+constexpr std::size_t inUse = 80;  // bytes of such a record in its slot
 constexpr U64 batch = 2000;
 
 double processorNanoseconds() {
@@ -122,7 +121,7 @@ template <Manner manner>
 void readFloor(benchmark::State& state) {
   World& world = toRead(state);
   reads<manner>(state, world.order, [&](U64 key) {
-    Config const r = decoded(world.plain.find(key));
+    Config const r = decodedSlot(world.plain.find(key));
     benchmark::DoNotOptimize(&r);
     benchmark::ClobberMemory();
   });
@@ -160,8 +159,8 @@ void walkFloor(benchmark::State& state) {
   for (auto _ : state)
     all.push_back(timed(records(state), [&] {
       std::byte* to = copies.data();
-      for (std::byte const* image : world.plain.images()) {
-        std::memcpy(to, image, Traits::bytes);
+      for (std::byte const* slot : world.plain.slots()) {
+        std::memcpy(to, slot, Traits::bytes);
         to += Traits::bytes;
       }
       benchmark::ClobberMemory();

@@ -37,7 +37,7 @@ inline constexpr U64 chunkBytes = 256U * 1024U;  // what the file grows by
 inline constexpr U64 linesPerChunk = chunkBytes / unitBytes;
 inline constexpr U64 directoryEntries = 8192;
 inline constexpr U64 maxBuckets = directoryEntries * linesPerChunk;
-inline constexpr U64 firstBuckets = 128;          // of an empty table
+inline constexpr U64 firstBuckets = 128;         // of an empty table
 inline constexpr U64 recordsPerFourBuckets = 5;  // above this mean a bucket is split
 inline constexpr unsigned wordsPerLine = 4;
 inline constexpr unsigned entriesPerLine = 3;
@@ -46,7 +46,7 @@ inline constexpr U64 windowBytes = 1ULL << 37;  // address space of one mapping
 inline constexpr U64 maxChunks = windowBytes / chunkBytes;
 inline constexpr U64 maxHeadWords = 63;    // of an image
 inline constexpr U64 maxTailWords = 1022;  // of an image
-inline constexpr U64 maxDepth = 4096;  // lines of a bucket
+inline constexpr U64 maxDepth = 4096;      // lines of a bucket
 
 // The first bytes of the file, written once, and again at headerCopyAt.
 struct Header {

@@ -90,8 +90,8 @@ void lockForWriting(std::string const& path, int file) {
   int const pid = isSeen ? static_cast<int>(holder) : 0;
   std::string const who =
       pid > 0 ? fmt::format("process {}", pid) : std::string("a process that is not visible from here");
-  throw WriterLockedException(fmt::format("{}: {} is writing this table, and a table has one writer", path, who),
-                              pid);
+  throw WriterLockedException(
+      fmt::format("{}: {} is writing this table, and a table has one writer", path, who), pid);
 }
 
 void allocate(int file, std::string const& path, U64 offset, U64 bytes) {
@@ -133,7 +133,8 @@ void NewFile::open() {
     if (!S_ISREG(here.st_mode) || here.st_uid != geteuid() || here.st_nlink > 1)
       failToMake(path_, fmt::format("{} is in the way, which another made", fresh_));
     lockForWriting(path_, fd());
-    if (lstat(fresh_.c_str(), &there) == 0 && here.st_ino == there.st_ino && here.st_dev == there.st_dev) break;
+    if (lstat(fresh_.c_str(), &there) == 0 && here.st_ino == there.st_ino && here.st_dev == there.st_dev)
+      break;
   }
   U64 const holder = static_cast<U64>(getpid()) | numberSpace() << 32;
   if (ftruncate(fd(), 0) != 0 || pwrite(fd(), &holder, sizeof holder, writerAt) != sizeof holder)

@@ -41,9 +41,7 @@ mode_t fileMode(int table) {
   return 0600 | (mode & S_IRGRP ? 0060 : 0) | (mode & S_IROTH ? 0006 : 0);
 }
 
-bool isForWantOfMeans(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOMEM;
-}
+bool isForWantOfMeans(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
 
 }  // namespace
 
@@ -60,8 +58,8 @@ Sidecar::Sidecar(std::string path)
 
 void Sidecar::checkOwner(int table) const {
   struct stat const status = statusOf(directory_.get());
-  bool const isTrusted = status.st_uid == statusOf(table).st_uid || status.st_uid == 0 ||
-                         status.st_uid == geteuid();
+  bool const isTrusted =
+      status.st_uid == statusOf(table).st_uid || status.st_uid == 0 || status.st_uid == geteuid();
   if (!isTrusted)
     fail(path_, fmt::format("belongs to user {}, expected the table's owner; remove it", status.st_uid));
   if ((status.st_mode & 0022) != 0)
@@ -113,8 +111,7 @@ void Sidecar::complete(int table) const {
 }
 
 Pallo::Descriptor Sidecar::openSlots() const {
-  Pallo::Descriptor file(
-      ::openat(directory_.get(), "slots", O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  Pallo::Descriptor file(::openat(directory_.get(), "slots", O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file) failErrno(path_ + "/slots", "cannot be opened");
   if (!S_ISREG(statusOf(file.get()).st_mode)) fail(path_ + "/slots", "is not a regular file");
   return file;
@@ -193,9 +190,9 @@ void Doorbells::findWatchers() {
     slot = *held;
     auto const known = std::ranges::find(watchers_, slot, &Watcher::slot);
     try {
-      there.push_back({static_cast<unsigned>(slot), known != watchers_.end()
-                                                        ? std::move(known->fifo)
-                                                        : sidecar_.openFifo(static_cast<unsigned>(slot), O_RDWR)});
+      there.push_back({static_cast<unsigned>(slot),
+                       known != watchers_.end() ? std::move(known->fifo)
+                                                : sidecar_.openFifo(static_cast<unsigned>(slot), O_RDWR)});
     } catch (FileException const&) {
       if (isForWantOfMeans(errno)) --seen_;
     }

@@ -27,7 +27,8 @@ class Salvage {
         image_(header.imageBytes / 8) {}
 
   Salvaged run() {
-    for (U64 const directory : {indexDirectoryAt(header_.ringEntries), overflowDirectoryAt(header_.ringEntries)})
+    for (U64 const directory :
+         {indexDirectoryAt(header_.ringEntries), overflowDirectoryAt(header_.ringEntries)})
       for (U64 i = 0; i < directoryEntries; ++i)
         if (auto const chunk = unguard(word(directory + i * 8)->load(), directory + i * 8);
             chunk && *chunk < chunks_)
@@ -43,7 +44,8 @@ class Salvage {
 
   void searchChunk(U64 chunk) {
     U64 const begin = header_.chunkStart + chunk * chunkBytes;
-    for (U64 at = begin; at + header_.slotBytes <= begin + chunkBytes; at += header_.slotBytes) searchSlot(at);
+    for (U64 at = begin; at + header_.slotBytes <= begin + chunkBytes; at += header_.slotBytes)
+      searchSlot(at);
   }
 
   // What was never written, is being written or was freed is no record.
@@ -58,10 +60,10 @@ class Salvage {
         found_.records.push_back({image_[0], generation(state), at / unitBytes});
         return;
       case Slot::Copy::damaged:
-        found_.damage.push_back(
-            fmt::format("the slot at offset {} is damaged; by its key, which may be what is damaged, a record of "
-                        "key {} is lost unless a newer one is in the table",
-                        at, slot[2].load()));
+        found_.damage.push_back(fmt::format(
+            "the slot at offset {} is damaged; by its key, which may be what is damaged, a record of "
+            "key {} is lost unless a newer one is in the table",
+            at, slot[2].load()));
         return;
       case Slot::Copy::overtaken:
       case Slot::Copy::freed:

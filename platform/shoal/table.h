@@ -47,7 +47,8 @@ struct RecordTraits;
 
 template <class R>
 constexpr Shape shapeOf() {
-  return {RecordTraits<R>::typeName, RecordTraits<R>::version, RecordTraits<R>::bytes, RecordTraits<R>::tailAt};
+  return {RecordTraits<R>::typeName, RecordTraits<R>::version, RecordTraits<R>::bytes,
+          RecordTraits<R>::tailAt};
 }
 
 // What a table knows of damage found in it: how often, and what was said last.

@@ -189,7 +189,8 @@ Extent TableView::readAgain(U64 key, U64* image) {
   for (int attempt = 0; attempt < maxAttempts; ++attempt) {
     Found const found = look(key, image);
     if (found.look <= Look::absent) return found.extent;
-    if (found.look != Look::overtaken && ++damagedAttempts == maxDamagedAttempts) throwDamage(key, found.look);
+    if (found.look != Look::overtaken && ++damagedAttempts == maxDamagedAttempts)
+      throwDamage(key, found.look);
   }
   throw Pallo::CorruptionDetectedException(
       damage(fmt::format("the record of key {} never comes to rest", key)));

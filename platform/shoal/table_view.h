@@ -156,7 +156,9 @@ template <class Wanted>
   return offset + bytes <= limit_ || offset + bytes <= lookLimit();
 }
 
-[[gnu::always_inline]] inline bool TableView::slotInside(U64 unit) { return insideChunks(unit * Format::unitBytes, slotBytes_); }
+[[gnu::always_inline]] inline bool TableView::slotInside(U64 unit) {
+  return insideChunks(unit * Format::unitBytes, slotBytes_);
+}
 
 // As far as the bucket is known without a look at what may have changed.
 [[gnu::always_inline]] inline TableView::Word const* TableView::firstLine(U64 hashed) const {
@@ -178,11 +180,13 @@ template <class Wanted>
 [[gnu::always_inline]] inline TableView::Found TableView::copyRecord(Word const& word, U64 key, U64* image) {
   U64 const entry = word.load(std::memory_order_acquire);
   U64 const unit = Format::entryUnit(entry);
-  if (!Format::entryIntact(entry) || !slotInside(unit)) return {entry == 0 ? Look::absent : Look::damagedIndex, {}};
+  if (!Format::entryIntact(entry) || !slotInside(unit))
+    return {entry == 0 ? Look::absent : Look::damagedIndex, {}};
   Word const* const slot = this->slot(unit);
   Extent extent;
   Slot::Copy const copy = Slot::copy(slot, room_, image, extent);
-  if (copy == Slot::Copy::overtaken || word.load(std::memory_order_relaxed) != entry) return {Look::overtaken, {}};
+  if (copy == Slot::Copy::overtaken || word.load(std::memory_order_relaxed) != entry)
+    return {Look::overtaken, {}};
   if (copy == Slot::Copy::whole && image[0] == key) [[likely]]
     return {Look::record, extent};
   if (copy == Slot::Copy::freed) return {Look::absent, {}};

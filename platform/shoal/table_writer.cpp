@@ -140,9 +140,8 @@ void TableWriter::open(Pallo::Descriptor file) {
 // Writes what the slots of a file hold into a new one, and puts that in its place. Owner and mode stay.
 Pallo::Descriptor TableWriter::remake(std::string const& path, Mapping const& old, Header const& header,
                                       Salvaged const& found) {
-  NewFile fresh(path,
-                newHeader({typeName(header), header.recordVersion, header.imageBytes, header.tailAt},
-                          header.ringEntries));
+  NewFile fresh(path, newHeader({typeName(header), header.recordVersion, header.imageBytes, header.tailAt},
+                                header.ringEntries));
   struct stat status {};
   fstat(old.fd(), &status);
   if (fchown(fresh.fd(), status.st_uid, status.st_gid) != 0 || fchmod(fresh.fd(), status.st_mode & 0777) != 0)
