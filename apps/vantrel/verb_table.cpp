@@ -83,8 +83,9 @@ void forRecords(std::string const& path, Visit visit, Damage damage) {
   try {
     for (auto place = table.first(); place; place = table.next(*place)) {
       try {
-        if (R const record = table.entry(place->key); !(record == Shoal::RecordTraits<R>::empty()))
-          visit(record);
+        R const record = table.entry(place->key);
+        bool const wasRemoved = Shoal::RecordTraits<R>::key(record) != place->key;
+        if (!wasRemoved) visit(record);
       } catch (Pallo::Exception const& error) {
         damage(fmt::format("the record of key {}: {}", place->key.value(), error.what()));
       }

@@ -52,6 +52,17 @@ class KnownKeys {
 
 }  // namespace
 
+// The head of a table whose live words are intact.
+static U64 soundHead(TableView const& view) {
+  try {
+    view.buckets();
+    view.size();
+    return view.head();
+  } catch (Pallo::CorruptionDetectedException const& error) {
+    throw FileException(FileException::Reason::damaged, error.what());
+  }
+}
+
 class FileReader::State {
  public:
   State(std::string path, Shape const& shape, Sink& sink, Presence presence);
@@ -130,7 +141,7 @@ void FileReader::State::openFile() {
   auto mapping = std::make_shared<Mapping>(path_, Access::read);
   auto view = std::make_unique<TableView>(mapping);
   checkShape(path_, view->header(), shape_);
-  U64 const head = view->head();
+  U64 const head = soundHead(*view);
   view->damageSinkIs([this](std::string_view what) { sink_.damaged(what); });
   view_ = std::move(view);
   mapping_ = std::move(mapping);
@@ -156,8 +167,6 @@ void FileReader::State::follow() {
   } catch (FileException const& error) {
     if (error.reason() == FileException::Reason::notAllowed) watch_->lookAgainSoon();
     if (error.reason() != FileException::Reason::missing) complain(error.what());
-  } catch (Pallo::CorruptionDetectedException const& error) {
-    complain(error.what());
   }
 }
 

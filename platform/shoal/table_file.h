@@ -71,7 +71,7 @@ class VANTREL_API FileWriter {
   void put(U64 key, std::byte const* image, Extent extent);
   // Returns false when the key is absent.
   bool remove(U64 key);
-  // Removes every record; throws when there was damage, after having removed what could be.
+  // Removes every record, damaged ones too.
   void removeAll();
 
   // As FileReader's.

@@ -16,7 +16,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <exception>
 #include <utility>
 
 #include "pallo/exception.h"
@@ -44,8 +43,22 @@ void atStorePoint() {
 
 U64 relaxed(TableView::Word const& word) { return word.load(std::memory_order_relaxed); }
 
-// What is not a table is never replaced by one.
-void refuseToReplace(std::string const& path, int file) {
+// Of the two, one that is sound.
+Header soundHeader(Mapping const& mapping) {
+  Header header{};
+  for (U64 const at : {U64{0}, headerCopyAt}) {
+    std::memcpy(&header, mapping.base() + at, sizeof header);
+    if (isSound(header) && header.version == Format::version) return header;
+  }
+  return checkedHeader(mapping);  // says what is wrong with it
+}
+
+// What is not a table is neither locked, written nor replaced; one of another version is only replaced.
+void refuseOthers(std::string const& path, int file, bool toReplace) {
+  if (!toReplace) {
+    soundHeader(Mapping(path, Pallo::Descriptor(dup(file)), Access::read));
+    return;
+  }
   U64 first = 0;
   ssize_t const bytes = pread(file, &first, sizeof first, 0);
   if (bytes != 0 && first != magic)
@@ -64,20 +77,11 @@ Pallo::Descriptor lockedFile(std::string const& path, bool toReplace) {
       if (error.reason() == FileException::Reason::missing) return {};
       throw;
     }
-    if (toReplace) refuseToReplace(path, file.get());
+    refuseOthers(path, file.get(), toReplace);
     lockForWriting(path, file.get());
     if (Mapping const here(path, Pallo::Descriptor(dup(file.get())), Access::read); here.isCurrent())
       return file;
   }
-}
-
-Header soundHeader(Mapping const& mapping) {
-  Header header{};
-  for (U64 const at : {U64{0}, headerCopyAt}) {
-    std::memcpy(&header, mapping.base() + at, sizeof header);
-    if (isSound(header) && header.version == Format::version) return header;
-  }
-  return checkedHeader(mapping);  // says what is wrong with it
 }
 
 }  // namespace
@@ -422,17 +426,21 @@ bool TableWriter::remove(U64 key) {
   return true;
 }
 
-// Damage is thrown when all that can be removed is.
+// What no walk finds is damaged, and goes with the index; what that had hidden is found then.
 void TableWriter::removeAll() {
+  removeFound();
+  if (count_ == 0) return;
+  heal();
+  removeFound();
+}
+
+void TableWriter::removeFound() {
   std::vector<U64> keys;
-  std::exception_ptr damage;
   try {
     for (auto place = view_->walk(0); place; place = view_->walk(place->hint)) keys.push_back(place->key);
-  } catch (Pallo::CorruptionDetectedException const&) {
-    damage = std::current_exception();
+  } catch (Pallo::CorruptionDetectedException const&) {  // after the last key
   }
   for (U64 const key : keys) remove(key);
-  if (damage) std::rethrow_exception(damage);
 }
 
 // ---- Growth

@@ -96,6 +96,8 @@ class TableWriter {
   void publish(Spot const& spot, U64 entry);
   void appendLine(Spot const& spot, U64 entry);
 
+  void removeFound();
+
   void splitWhileFull();
   void split();
   void ensureIndexChunk(U64 bucket);

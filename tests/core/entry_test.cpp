@@ -15,6 +15,14 @@
 using namespace Vantrel;
 using Traits = Shoal::RecordTraits<EntryConfig>;
 
+// From a whole image.
+EntryConfig decoded(std::byte const* image, Shoal::Extent extent = {12, 65}) {
+  EntryConfig r = Traits::unset();
+  std::memcpy(Traits::image(r), image, Traits::bytes);
+  Traits::accept(r, extent);
+  return r;
+}
+
 namespace {
 
 constexpr char rangeText[] = "TableKey::value < TableKey::min or > TableKey::max not allowed";
@@ -92,9 +100,11 @@ TEST(EntryConfig, SeventeenTableIndexesAndSixtyFourDataWordsCopy) {
   EXPECT_EQ(copy.datas(), 64U);
   std::byte image[Traits::bytes];
   Traits::encode(c, image);
-  EXPECT_EQ(Traits::decode(image), c);
-  Traits::encode(EntryConfig(EntryKey(7), OpId(8), 9, 1, 10), image);
-  EXPECT_EQ(Traits::decode(image), EntryConfig(EntryKey(7), OpId(8), 9, 1, 10)) << "no element at all";
+  EXPECT_EQ(decoded(image), c);
+  Shoal::Extent const least = Traits::encode(EntryConfig(EntryKey(7), OpId(8), 9, 1, 10), image);
+  EXPECT_EQ(least.head, 4U);
+  EXPECT_EQ(least.tail, 1U);
+  EXPECT_EQ(decoded(image, least), EntryConfig(EntryKey(7), OpId(8), 9, 1, 10)) << "no element at all";
 }
 
 TEST(EntryConfig, ImageFollowsTheFieldOrder) {
@@ -104,7 +114,7 @@ TEST(EntryConfig, ImageFollowsTheFieldOrder) {
   c.isDelIs(true);
   std::byte image[Traits::bytes];
   std::memset(image, 0xEE, sizeof image);
-  Traits::encode(c, image);
+  Shoal::Extent const extent = Traits::encode(c, image);
   auto const at = [&image]<class T>(std::size_t offset, T value) {
     std::memcpy(&value, image + offset, sizeof value);
     return value;
@@ -120,7 +130,9 @@ TEST(EntryConfig, ImageFollowsTheFieldOrder) {
   EXPECT_EQ(at(36, U32{}), 0U);
   EXPECT_EQ(at(100, U32{}), 1U);
   EXPECT_EQ(at(104, U64{}), 0x6162636465666768U);
-  EXPECT_EQ(at(608, U64{}), 0U);
+  EXPECT_EQ(at(96, U32{}), 0U);
+  EXPECT_EQ(extent.head, 5U);
+  EXPECT_EQ(extent.tail, 2U);
   EXPECT_EQ(Traits::bytes, 616U);
 }
 
@@ -129,7 +141,7 @@ TEST(EntryConfig, OneTableIndexTooManyRaisesTheSizeErrorNamingSeventeen) {
   Traits::encode(full(), image);
   U32 const count = 18;
   std::memcpy(image + 28, &count, sizeof count);
-  std::string const text = textOf<Pallo::InvalidSizeException>([&] { Traits::decode(image); });
+  std::string const text = textOf<Pallo::InvalidSizeException>([&] { decoded(image); });
   EXPECT_THAT(
       text, testing::StartsWith("PodArray::set expected size <= 17, instead got 18. Buffer is at address: "));
   // Eighteen elements, the last of which is the next field's bytes.
@@ -145,7 +157,7 @@ TEST(EntryConfig, OneDataWordTooManyRaisesTheSizeErrorNamingSixtyFour) {
   U32 const count = 65;
   std::memcpy(image + 100, &count, sizeof count);
   EXPECT_THAT(
-      textOf<Pallo::InvalidSizeException>([&] { Traits::decode(image); }),
+      textOf<Pallo::InvalidSizeException>([&] { decoded(image); }),
       testing::StartsWith("PodArray::set expected size <= 64, instead got 65. Buffer is at address: "));
 }
 
@@ -154,9 +166,19 @@ TEST(EntryConfig, AnAbsurdCountDumpsNoMoreThanTheRecordHolds) {
   Traits::encode(full(), image);
   U32 const count = 0xFFFFFFFF;
   std::memcpy(image + 100, &count, sizeof count);
-  std::string const text = textOf<Pallo::InvalidSizeException>([&] { Traits::decode(image); });
+  std::string const text = textOf<Pallo::InvalidSizeException>([&] { decoded(image); });
   EXPECT_THAT(text, testing::HasSubstr("instead got 4294967295"));
   EXPECT_LT(text.size(), 2U * 512 + 200);
+}
+
+TEST(EntryConfig, ThatEndsBeforeItsCountsIsDamage) {
+  std::byte image[Traits::bytes];
+  Shoal::Extent const whole = Traits::encode(full(), image);
+  EXPECT_EQ(decoded(image, whole), full());
+  for (U32 head = 0; head < whole.head; ++head)
+    EXPECT_THROW(decoded(image, {head, whole.tail}), Pallo::CorruptionDetectedException) << head;
+  for (U32 tail = 0; tail < whole.tail; ++tail)
+    EXPECT_THROW(decoded(image, {whole.head, tail}), Pallo::CorruptionDetectedException) << tail;
 }
 
 TEST(TableKey, OutsideItsRangeRaisesTheRangeError) {
@@ -200,7 +222,11 @@ TEST(EntryStatus, ImageIsKeyAndOpId) {
   std::byte image[StatusTraits::bytes];
   EntryStatus const s(EntryKey(3), OpId::deleteAcknowledge());
   StatusTraits::encode(s, image);
-  EXPECT_EQ(StatusTraits::decode(image), s);
+  EntryStatus copy = StatusTraits::unset();
+  std::memcpy(StatusTraits::image(copy), image, sizeof image);
+  StatusTraits::accept(copy, {2, 0});
+  EXPECT_EQ(copy, s);
+  EXPECT_THROW(StatusTraits::accept(copy, {1, 0}), Pallo::CorruptionDetectedException);
   EXPECT_EQ(StatusTraits::bytes, 16U);
 }
 

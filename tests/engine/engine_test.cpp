@@ -474,9 +474,10 @@ TEST_F(EngineBase, AnOversizeRecordLeavesAsTheSizeErrorNotAsAGiveUp) {
   class EighteenPositions : public Shoal::LocalTable<EntryConfig> {
    public:
     EntryConfig entry(EntryKey const&) const override {
-      std::byte image[616] = {};
-      image[28] = std::byte{18};
-      return Shoal::RecordTraits<EntryConfig>::decode(image);
+      EntryConfig r;
+      Traits::image(r)[28] = std::byte{18};
+      Traits::accept(r, {12, 1});
+      return r;
     }
   };
   auto const engineOnIt = make<Probe>("p", make<EighteenPositions>(), debugConfig, debugStatus, client, 1U);

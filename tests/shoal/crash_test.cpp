@@ -8,11 +8,14 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
 #include <functional>
 #include <ostream>
 
 #include "fixture.h"
 #include "shoal/inspect.h"
+#include "shoal/table_view.h"
+#include "shoal/table_writer.h"
 
 namespace ShoalTest {
 namespace {
@@ -30,14 +33,16 @@ void dieAtLast() {
   if (--storesLeft < 0) kill(getpid(), SIGKILL);
 }
 
-// True when the writer was ended before it finished.
-bool endedAtStore(std::string const& path, Scenario const& scenario, long stores) {
+// True when the writer was ended before it finished. `openingToo`: its opening may be where it ends.
+bool endedAtStore(std::string const& path, std::function<void(Writer&)> const& operation, long stores,
+                  bool openingToo = false) {
   pid_t const child = fork();
   if (child == 0) {
-    Writer writer(path);
     storesLeft = stores;
+    if (openingToo) Shoal::Testing::storePoint = dieAtLast;
+    Writer writer(path);
     Shoal::Testing::storePoint = dieAtLast;
-    scenario.operation(writer);
+    operation(writer);
     Shoal::Testing::storePoint = nullptr;
     _exit(0);
   }
@@ -48,8 +53,7 @@ bool endedAtStore(std::string const& path, Scenario const& scenario, long stores
 }
 
 std::vector<std::string> damageOf(std::string const& path, bool unfinishedToo) {
-  Shoal::TableView view(std::make_shared<Shoal::Mapping>(path, Shoal::Mapping::Access::read));
-  Shoal::Inspection found = Shoal::inspect(view);
+  Shoal::Inspection found = Shoal::inspect(path);
   if (unfinishedToo)
     found.damage.insert(found.damage.end(), found.unfinished.begin(), found.unfinished.end());
   return found.damage;
@@ -81,7 +85,7 @@ class StorePoints : public testing::TestWithParam<Scenario> {
   }
 };
 
-TEST_P(StorePoints, EveryOneLeavesTheTableWhole) {
+TEST_P(StorePoints, LeaveTheTableWhole) {
   Directory dir;
   std::string const original = dir / "original";
   Contents before;
@@ -111,7 +115,7 @@ TEST_P(StorePoints, EveryOneLeavesTheTableWhole) {
     Watcher late;
     late.notifierIs(Ostra::Ptr<Shoal::Table<Config> const>(lateReader.get()));
     late.hasNotificationActiveIs(true);
-    ended = endedAtStore(path, GetParam(), stores);
+    ended = endedAtStore(path, GetParam().operation, stores);
     settle(*lateReader);
     ASSERT_EQ(late.seen, contents(Reader(path))) << "at store " << stores;
     ASSERT_NO_FATAL_FAILURE(checkAfter(path, *reader, watcher, before, after)) << "at store " << stores;
@@ -125,13 +129,13 @@ void fill(Writer& writer, U64 from, U64 to) {
   for (U64 key = from; key < to; ++key) writer.entryIs(record(key, 1));
 }
 
-// Keys that an index of 64 buckets puts into bucket 0, the first to be split.
+// Keys that the first index puts into bucket 0, the first to be split.
 std::vector<U64> firstBucketKeys;
 void fillFirstBucket(Writer& writer, std::size_t count) {
-  Shoal::TableView const view(std::make_shared<Shoal::Mapping>(writer.name(), Shoal::Mapping::Access::read));
+  Shoal::TableView const view(std::make_shared<Shoal::Mapping>(writer.name(), Shoal::Access::read));
   firstBucketKeys.clear();
   for (U64 key = 1000000; firstBucketKeys.size() < count + 1; ++key)
-    if (Shoal::Format::bucketOf(view.hash(key), 64) == 0) firstBucketKeys.push_back(key);
+    if (Shoal::Format::bucketOf(view.hash(key), Shoal::Format::firstBuckets) == 0) firstBucketKeys.push_back(key);
   for (std::size_t i = 0; i < count; ++i) writer.entryIs(record(firstBucketKeys[i], 1));
 }
 
@@ -140,21 +144,21 @@ Scenario const scenarios[] = {
     {"first", [](Writer&) {}, [](Writer& w) { w.entryIs(record(1, 1)); }},
     {"replace", [](Writer& w) { fill(w, 1, 5); }, [](Writer& w) { w.entryIs(record(3, 2)); }},
     {"remove", [](Writer& w) { fill(w, 1, 5); }, [](Writer& w) { w.entryDel(EntryKey(3)); }},
-    // 64 buckets x 3 records: the next insert splits.
-    {"split", [](Writer& w) { fill(w, 1, 193); }, [](Writer& w) { w.entryIs(record(193, 1)); }},
-    // A line holds seven entries.
-    {"append a line", [](Writer& w) { fillFirstBucket(w, 7); },
-     [](Writer& w) { w.entryIs(record(firstBucketKeys[7], 2)); }},
+    // 128 buckets x 1.25 records: the next insert splits.
+    {"split", [](Writer& w) { fill(w, 1, 161); }, [](Writer& w) { w.entryIs(record(161, 1)); }},
+    // A line holds three entries.
+    {"append a line", [](Writer& w) { fillFirstBucket(w, 3); },
+     [](Writer& w) { w.entryIs(record(firstBucketKeys[3], 2)); }},
     {"split long chain",
      [](Writer& w) {
        fillFirstBucket(w, 40);
-       fill(w, 1, 153);
+       fill(w, 1, 121);
      },
-     [](Writer& w) { w.entryIs(record(153, 1)); }},
-    // 4096 buckets a chunk of index.
-    {"grow the index", [](Writer& w) { fill(w, 1, 12289); }, [](Writer& w) { w.entryIs(record(12289, 1)); }},
-    // 409 slots a chunk, 128 of which rest.
-    {"grow", [](Writer& w) { fill(w, 1, 282); }, [](Writer& w) { w.entryIs(record(282, 1)); }},
+     [](Writer& w) { w.entryIs(record(121, 1)); }},
+    // 8192 buckets a chunk of index.
+    {"grow the index", [](Writer& w) { fill(w, 1, 10241); }, [](Writer& w) { w.entryIs(record(10241, 1)); }},
+    // 409 slots a chunk.
+    {"grow", [](Writer& w) { fill(w, 1, 410); }, [](Writer& w) { w.entryIs(record(410, 1)); }},
     // Every slot was used before the operation comes to it.
     {"reuse",
      [](Writer& w) {
@@ -169,6 +173,41 @@ INSTANTIATE_TEST_SUITE_P(Operations, StorePoints, testing::ValuesIn(scenarios), 
   std::erase(name, ' ');
   return name;
 });
+
+// A writer that makes a damaged index anew, and is ended at each of its stores: the next one does it again, and no
+// record is lost.
+TEST(Healing, IsBegunAnewWhereItWasEnded) {
+  Directory dir;
+  std::string const original = dir / "original";
+  Contents before;
+  {
+    Writer writer(original, {.ringEntries = 16});
+    fill(writer, 1, 41);
+    for (U64 key = 30; key < 41; ++key) writer.entryDel(EntryKey(key));
+    before = contents(writer);
+  }
+  {
+    std::fstream file(original, std::ios::binary | std::ios::in | std::ios::out);
+    file.seekp(static_cast<std::streamoff>(Shoal::Format::chunkStart(16) + 8 * Shoal::Format::linkInLine));
+    file << "not a link";
+  }
+  auto const operation = [](Writer& writer) { writer.entryIs(record(50, 1)); };
+  Contents after = before;
+  after[50] = 1;
+  long stores = 0;
+  for (bool ended = true; ended; stores += 7) {
+    std::string const path = dir / "table";
+    std::filesystem::copy_file(original, path, std::filesystem::copy_options::overwrite_existing);
+    ended = endedAtStore(path, operation, stores, true);
+    Writer next(path);
+    ASSERT_TRUE(contents(next) == before || contents(next) == after) << "at store " << stores;
+    operation(next);
+    ASSERT_EQ(contents(next), after) << "at store " << stores;
+    ASSERT_EQ(damageOf(path, true), std::vector<std::string>());
+    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+  }
+  EXPECT_GT(stores, 100);
+}
 
 }  // namespace
 }  // namespace ShoalTest
