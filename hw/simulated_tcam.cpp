@@ -2,6 +2,7 @@
 // Only the nearest neighbours of what a call changed are looked at: every other pair was in order before and
 // still is.
 #include "hw/simulated_tcam.h"
+#include "ostra/type_info.h"
 
 #include <fmt/format.h>
 

@@ -15,7 +15,7 @@
 #include <variant>
 #include <vector>
 
-#include "ostra/type_info.h"
+#include "ostra/value.h"
 #include "vantrel/core/entry.h"
 
 namespace Testing {

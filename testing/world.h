@@ -17,6 +17,7 @@
 
 #include "keel/virtual_wheel.h"
 #include "lumelog/tap.h"
+#include "ostra/type_info.h"
 #include "shoal/local_table.h"
 #include "testing/scenario.h"
 #include "vantrel/vantrel.h"

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "ostra/exception.h"
+#include "ostra/type_info.h"
 #include "vantrel/core/trace.h"
 
 namespace Vantreld {

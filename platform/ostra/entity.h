@@ -21,9 +21,11 @@
 
 #include "ostra/notifier.h"
 #include "ostra/ptr.h"
-#include "ostra/type_info.h"
+#include "ostra/value.h"
 
 namespace Ostra {
+
+class TypeInfo;
 
 // Anything whose attributes can be reached by name.
 class VANTREL_API Described : public PtrInterface {

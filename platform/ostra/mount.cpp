@@ -8,6 +8,7 @@
 // applied again in the next dispatch(), where what is in place already changes nothing. Nothing is sent but
 // requests to mount and to invoke.
 #include "ostra/mount.h"
+#include "ostra/type_info.h"
 
 #include <fmt/format.h>
 #include <poll.h>

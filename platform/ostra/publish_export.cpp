@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "ostra/publish_wire.h"
+#include "ostra/type_info.h"
 
 namespace Ostra {
 namespace {

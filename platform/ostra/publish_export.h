@@ -28,6 +28,7 @@
 
 #include "ostra/clock.h"
 #include "ostra/entity.h"
+#include "ostra/type_info.h"
 
 namespace Ostra {
 

@@ -6,6 +6,7 @@
 //
 // It does not decide when it is served, how long it may be idle, or who may connect: the publisher does.
 #include "ostra/publish_peer.h"
+#include "ostra/type_info.h"
 
 #include <fmt/format.h>
 #include <sys/epoll.h>

@@ -18,10 +18,10 @@ namespace {
 
 using nlohmann::json;
 using testing::AllOf;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
-using testing::ElementsAre;
 using TestSupport::contents;
 using TestSupport::Process;
 using TestSupport::TempDir;

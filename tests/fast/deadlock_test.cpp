@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Deadlocks: rings are found and broken, everything else is skipped.
+#include "ostra/type_info.h"
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;

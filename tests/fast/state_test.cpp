@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Construction, attributes, mappings, the record pool.
 #include "ostra/exception.h"
+#include "ostra/type_info.h"
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;

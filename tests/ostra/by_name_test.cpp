@@ -5,6 +5,7 @@
 #include <array>
 #include <set>
 
+#include "ostra/type_info.h"
 #include "sample.h"
 
 namespace OstraTest {

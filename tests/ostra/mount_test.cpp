@@ -11,6 +11,7 @@
 #include <csignal>
 
 #include "ostra/publish.h"
+#include "ostra/type_info.h"
 #include "raw_peer.h"
 #include "sample.h"
 

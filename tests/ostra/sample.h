@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ostra/entity.h"
+#include "ostra/type_info.h"
 
 namespace OstraTest {
 

@@ -135,7 +135,8 @@ void fillFirstBucket(Writer& writer, std::size_t count) {
   Shoal::TableView const view(std::make_shared<Shoal::Mapping>(writer.name(), Shoal::Access::read));
   firstBucketKeys.clear();
   for (U64 key = 1000000; firstBucketKeys.size() < count + 1; ++key)
-    if (Shoal::Format::bucketOf(view.hash(key), Shoal::Format::firstBuckets) == 0) firstBucketKeys.push_back(key);
+    if (Shoal::Format::bucketOf(view.hash(key), Shoal::Format::firstBuckets) == 0)
+      firstBucketKeys.push_back(key);
   for (std::size_t i = 0; i < count; ++i) writer.entryIs(record(firstBucketKeys[i], 1));
 }
 

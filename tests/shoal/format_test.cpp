@@ -128,7 +128,8 @@ TEST(Checksum, SeesAnotherLength) {
   std::set<U64> all;
   for (U32 head = 0; head <= whole.head; ++head)
     for (U32 tail = 0; tail <= whole.tail; ++tail)
-      EXPECT_TRUE(all.insert(checksum(Format::state(154, {head, tail}), words)).second) << head << " " << tail;
+      EXPECT_TRUE(all.insert(checksum(Format::state(154, {head, tail}), words)).second)
+          << head << " " << tail;
 }
 
 TEST(Checksum, OfZeroesIsNotZero) {
@@ -140,7 +141,8 @@ TEST(Checksum, OfZeroesIsNotZero) {
 // CRC-32C of the bytes 0, 1, ... 31, as RFC 3720 gives it; without the last inversion.
 TEST(Checksum, IsTheCrcThatOthersCompute) {
   std::array<U64, 4> words;
-  for (unsigned i = 0; i < 32; ++i) reinterpret_cast<unsigned char*>(words.data())[i] = static_cast<unsigned char>(i);
+  for (unsigned i = 0; i < 32; ++i)
+    reinterpret_cast<unsigned char*>(words.data())[i] = static_cast<unsigned char>(i);
   U64 crc = Checksum::start;
   for (U64 const word : words) crc = Checksum::TableStep::step(crc, word);
   EXPECT_EQ(crc ^ 0xFFFFFFFFU, 0x46DD794EU);
@@ -170,7 +172,8 @@ TEST(Hash, SpreadsKeysOfAPattern) {
       std::vector<U64> held(buckets);
       U64 beside = 0;  // keys for which their bucket's line has no room
       for (U64 i = 0; i < keys; ++i)
-        if (++held[Shoal::Format::bucketOf(Shoal::Format::hash(seed, pattern(i)), buckets)] > entriesPerLine) ++beside;
+        if (++held[Shoal::Format::bucketOf(Shoal::Format::hash(seed, pattern(i)), buckets)] > entriesPerLine)
+          ++beside;
       ASSERT_LT(beside, keys / 16) << pattern(2) << " file " << file;  // of random keys, one in 25
     }
   }

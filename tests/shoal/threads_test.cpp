@@ -60,7 +60,8 @@ TEST(Threads, ReadWholeRecordsBesideTheWriter) {
   Shoal::TableWriter writer(dir / "t", Shoal::shapeOf<Config>(), {.ringEntries = 64});
   auto const put = [&](U64 key, U64 version) {
     std::array<U64, Traits::bytes / 8> image;
-    Shoal::Extent const extent = Traits::encode(record(key, version), reinterpret_cast<std::byte*>(image.data()));
+    Shoal::Extent const extent =
+        Traits::encode(record(key, version), reinterpret_cast<std::byte*>(image.data()));
     writer.put(key, image.data(), extent);
   };
   for (U64 key = 1; key <= keys; key += 2) put(key, 1);

@@ -2,6 +2,7 @@
 // The front end: factories, reactors, walks, flushes, counters, retries.
 #include "keel/virtual_wheel.h"
 #include "ostra/exception.h"
+#include "ostra/type_info.h"
 #include "tests/support/engine_world.h"
 
 using namespace TestSupport;

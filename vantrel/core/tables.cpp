@@ -71,7 +71,8 @@ void RecordTraits<EntryConfig>::accept(EntryConfig& record, Extent extent) {
   if (extent.head < fewestHeadWords || extent.tail < 1) [[unlikely]]
     throwTooShort(extent);
   record.isDel_ &= deleteMarker;
-  U32 const inARow = extent.head == tailAt ? extent.head + extent.tail : extent.head;  // words from the beginning
+  U32 const inARow =
+      extent.head == tailAt ? extent.head + extent.tail : extent.head;  // words from the beginning
   checkCount(record.tableIndex_, (inARow - fewestHeadWords) * 8);
   checkCount(record.data_, (extent.tail - 1) * 8);
   if (extent.head < headWords(record.tableIndexs()) || extent.tail < 1 + record.datas()) [[unlikely]]

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vantrel/engine/debug_entities.h"
+#include "ostra/type_info.h"
 
 namespace Vantrel {
 

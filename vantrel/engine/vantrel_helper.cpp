@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vantrel/engine/vantrel_helper.h"
 
+#include "ostra/type_info.h"
 #include "vantrel/core/trace.h"
 
 namespace Vantrel {

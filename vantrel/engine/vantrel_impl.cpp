@@ -2,6 +2,7 @@
 // The sequence in which one key is handled, and what a concrete engine must provide.
 #include "vantrel/engine/vantrel_impl.h"
 
+#include "ostra/type_info.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/engine/asserts.h"
 

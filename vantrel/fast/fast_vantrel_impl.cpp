@@ -2,6 +2,7 @@
 // Construction, the small answers, and the names of both fast engines.
 #include "vantrel/fast/fast_vantrel_impl.h"
 
+#include "ostra/type_info.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_atcam_impl.h"

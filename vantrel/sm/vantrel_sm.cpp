@@ -3,6 +3,7 @@
 #include "vantrel/sm/vantrel_sm.h"
 
 #include "ostra/exception.h"
+#include "ostra/type_info.h"
 #include "pallo/exception.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/sm/reactors.h"
