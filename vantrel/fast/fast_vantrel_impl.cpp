@@ -2,6 +2,7 @@
 // Construction, the small answers, and the names of both fast engines.
 #include "vantrel/fast/fast_vantrel_impl.h"
 
+#include "vantrel/core/mapping.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_atcam_impl.h"
@@ -33,7 +34,7 @@ FastVantrelAtcamImpl::FastVantrelAtcamImpl(std::string name, Ostra::Ptr<TableCon
     : FastVantrelImpl(std::move(name), std::move(tableConfig), std::move(debugConfig), std::move(debugStatus),
                       std::move(helper), lgId),
       maxPartitions_(maxPartitions) {
-  prioGrpShiftIs(16);
+  prioGrpShiftIs(AlgorithmicMapping::defaultShift);
 }
 
 FastVantrelAtcamImpl::~FastVantrelAtcamImpl() { cleanupOnce(); }

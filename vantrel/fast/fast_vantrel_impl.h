@@ -13,6 +13,7 @@
 // Errors: a broken invariant is an assertion against the model file FastVantrelImpl.
 #pragma once
 
+#include "vantrel/core/mapping.h"
 #include "vantrel/engine/vantrel_impl.h"
 
 namespace Vantrel {
@@ -140,7 +141,7 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   void breakRing(EntryKey const& victim);
 
   mutable Ostra::Notifier fastNotifiees_;
-  U32 prioGrpShift_ = 19;
+  U32 prioGrpShift_ = TcamMapping::defaultShift;
   FastState* state_ = nullptr;
   U32 deadlockCount_ = 0;
   bool cleanedUp_ = false;
