@@ -74,9 +74,9 @@ class Dump {
   Dump(FastState const& state, TableConfig const& table) : state_(state), table_(table) {}
 
   void precedence() {
-    if (state_.precedence.count() == 0) return;
+    if (positions_.precedence.count() == 0) return;
     line(9, "Precedence [pti]=key");
-    for (auto at = state_.precedence.atOrAbove(0); at; at = state_.precedence.above(at->index))
+    for (auto at = positions_.precedence.atOrAbove(0); at; at = positions_.precedence.above(at->index))
       entry(at->index, at->value);
   }
 
@@ -100,7 +100,7 @@ class Dump {
       else
         entry(noIndex, c);
     }
-    for (auto at = state_.current.atOrAbove(0); at; at = state_.current.above(at->index)) {
+    for (auto at = positions_.current.atOrAbove(0); at; at = positions_.current.above(at->index)) {
       CState_s const* const c = state_.record(occupied_[at->index]);
       FAST_ASSERT(c);
       entry(c->sti, c);
@@ -108,10 +108,10 @@ class Dump {
   }
 
   void verdict() const {
-    U32 const count = state_.current.count();
+    U32 const count = positions_.current.count();
     if (count != occupied_.size()) {
       line(9, "Occupied [ti] count: ", count, " current ", occupied_.size());
-      for (auto at = state_.current.atOrAbove(0); at; at = state_.current.above(at->index))
+      for (auto at = positions_.current.atOrAbove(0); at; at = positions_.current.above(at->index))
         line(9, "[", at->index, "]");
     }
     FAST_ASSERT_AS(count == occupied_.size(), "count == occupied.size()");
@@ -133,6 +133,7 @@ class Dump {
   }
 
   FastState const& state_;
+  Positions const& positions_ = state_.positions;
   TableConfig const& table_;
   std::map<U32, EntryKey> occupied_;  // position -> the record that claims to be programmed there
   bool fatal_ = false;

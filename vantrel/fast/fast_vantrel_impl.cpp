@@ -62,7 +62,7 @@ U32 FastVantrelImpl::numDeadlock() const { return deadlockCount(); }
 namespace {
 
 std::string positionsWouldBeLost(FastVantrelImpl const& engine) {
-  if (engine.state()->current.empty() && engine.state()->pending.empty()) return {};
+  if (engine.state()->positions.current.empty() && engine.state()->pending.empty()) return {};
   return "entries are programmed or waiting under the present mapping";
 }
 

@@ -20,6 +20,7 @@ namespace Vantrel {
 
 class FastState;
 struct CState_s;
+struct Place;
 
 class VANTREL_API FastVantrelImpl : public VantrelImpl {
  public:
@@ -106,7 +107,7 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   void program(EntryConfig const& entry, CState_s& c, U32 ti);
   void add(EntryConfig const& entry, CState_s& c, U32 ti);
   void move(EntryConfig const& entry, CState_s& c, U32 ti);
-  void enterAt(CState_s& c, U32 ti);
+  Place placeOf(CState_s const& c, U32 ti) const;
   struct Range {  // of table indexes, [lo, hi)
     U32 lo;
     U32 hi;
@@ -128,15 +129,12 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   void forget(CState_s& c);
 
   // deadlock.cpp
-  class Visited;
+  struct Check;
   void checkBlocked();
-  bool closesRing(EntryKey const& start, Visited& visited);
-  bool claimsComeBack(CState_s& c);
-  bool claimsMeet(CState_s const& c) const;
-  CState_s* occupantClaimed(CState_s const& c) const;
-  CState_s* claimant(CState_s const& c) const;
-  enum class Damage : U8 { OfAll, OfStart, OfNone };  // of which records of a chain it is reported or thrown
-  bool chainComesBack(EntryKey const& start, Visited& visited, Damage met) const;
+  bool passesBy(EntryKey const& start, Check& check) const;
+  void catchUp(Check& check) const;
+  using Reader = EntryConfig (*)(TableConfig const&, EntryKey const&);
+  bool chainComesBack(EntryKey const& start, Check& check, Reader read) const;
   CState_s const* occupantWaitedFor(CState_s const& c, EntryConfig const& config) const;
   void breakRing(EntryKey const& victim);
 
