@@ -1,10 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Dump and audit: the whole state as text, and the consistency of its indexes checked on the way.
-//
-//   [4]=77->cti:9 cOpId:12 sti:4 sOpId:11 pending:9 pOpId:12 OCC prio:30 pg:1
-//
-// A broken invariant ends the process, but only after the whole dump is out, so that the trace shows the
-// state that led to it. Nothing is repaired.
 #include "vantrel/diag/dump.h"
 
 #include <algorithm>
@@ -13,7 +7,6 @@
 
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
-#include "vantrel/fast/fast_vantrel_impl.h"
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
@@ -148,18 +141,16 @@ void dumpEntry(U32 index, EntryConfig const& config, CState_s const* c, OpId, Op
   VANTREL_TRACE(vantrelFastImplTrace(), 9, describe(index, config, *c));
 }
 
-void FastVantrelImpl::dumpState() {
-  VANTREL_TRACE_ENTRY(vantrelFastImplTrace(), 8, "FastVantrelImpl", "dumpState");
-  Dump dump(*state(), *tableConfig());
+void dumpState(FastState const& state, TableConfig const& table) {
+  Dump dump(state, table);
   dump.precedence();
   dump.pending();
   dump.current();
   dump.verdict();
 }
 
-void FastVantrelImpl::dumpPending() {
-  if (!initialized()) return;
-  for (auto at = state()->pending.atOrAbove(0); at; at = state()->pending.above(at->index))
+void dumpPending(FastState const& state) {
+  for (auto at = state.pending.atOrAbove(0); at; at = state.pending.above(at->index))
     line(8, "Pending key=", at->value->key.value(), " index: ", at->index);
 }
 
