@@ -31,18 +31,6 @@ class CountingTable : public Shoal::LocalTable<EntryConfig> {
   mutable U64 reads = 0;
 };
 
-// A table whose records can be damaged, each in one of two ways.
-class Damaging : public Shoal::LocalTable<EntryConfig> {
- public:
-  EntryConfig entry(EntryKey const& key) const override {
-    if (key.value() == corrupt) throw Pallo::CorruptionDetectedException("checksum");
-    if (key.value() == oversize) throw Pallo::InvalidSizeException("too large");
-    return LocalTable::entry(key);
-  }
-  U64 corrupt = 0;
-  U64 oversize = 0;
-};
-
 // The facility trace off and on: what is found out is the same.
 class ChainDamage : public Chain, public testing::WithParamInterface<char const*> {
  protected:

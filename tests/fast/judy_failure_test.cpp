@@ -94,7 +94,10 @@ class JudyFailure : public FastWorld {
     for (U64 key : {1, 2, 3}) put({.key = key, .ti = static_cast<U32>(10 * key), .prio = 20});
     put({.key = 4, .ti = 15, .prio = 30});  // waits for the order
     put({.key = 5, .ti = 20, .prio = 20});  // waits for 2
+    engine->waitReason(EntryKey(4));
+    engine->waitReason(EntryKey(5));
     put({.key = 1, .ti = 20, .prio = 20});  // takes the claim over, and gives it up again
+    engine->waitReason(EntryKey(5));
     put({.key = 1, .ti = 11, .prio = 20});  // update and move
     engine->numPending();
     engine->dumpPending();
@@ -156,11 +159,11 @@ TEST_F(JudyFailure, NothingFailsByItself) {
 }
 
 TEST_F(JudyFailure, EachCallAssertsInTheOperationThatMadeIt) {
-  EXPECT_THAT(
-      operationsThatEndWith("JudyLGet"),
-      UnorderedElementsAre("FastVantrelImpl::mayTake", "FastVantrelImpl::claimOccupied",
-                           "FastState::addToWorkq", "FastVantrelImpl::occupantWaitedFor",
-                           "OpenChains::occupantClaimed", "OpenChains::claimant", "OpenChains::ends"));
+  EXPECT_THAT(operationsThatEndWith("JudyLGet"),
+              UnorderedElementsAre("FastVantrelImpl::mayTake", "FastVantrelImpl::claimOccupied",
+                                   "FastState::addToWorkq", "FastVantrelImpl::occupantWaitedFor",
+                                   "OpenChains::occupantClaimed", "OpenChains::claimant", "OpenChains::ends",
+                                   "FastVantrelImpl::waitReason", "FastVantrelImpl::newerAt"));
   EXPECT_THAT(operationsThatEndWith("JudyLIns"),
               UnorderedElementsAre("FastVantrelImpl::claimOccupied", "FastVantrelImpl::claimPriority",
                                    "FastVantrelImpl::add", "FastVantrelImpl::move"));

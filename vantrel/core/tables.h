@@ -11,8 +11,8 @@
 // Threading: none of its own; a table belongs to its thread.
 // Cost: what is copied is what counts, not the capacity of the arrays; an image is zero beyond. An
 //   EntryConfig is read from a file straight to where it is wanted.
-// Errors: Pallo::InvalidSizeException from decode() for a count beyond its array. readEntry() reports damage
-//   to the table and throws nothing for it.
+// Errors: Pallo::InvalidSizeException from decode(), and so from readEntry(), for a count beyond its array.
+//   Other damage is reported to the table by readEntry().
 #pragma once
 
 #include <cstddef>
@@ -80,5 +80,7 @@ using TableStatus = Shoal::Table<EntryStatus>;
 
 // The key's record. Damage is reported to the table and reads as the empty configuration.
 VANTREL_API EntryConfig readEntry(TableConfig const& table, EntryKey const& key);
+// The same for who only looks: damage of either kind reads as the empty configuration, and is not reported.
+VANTREL_API EntryConfig peekEntry(TableConfig const& table, EntryKey const& key);
 
 }  // namespace Vantrel

@@ -16,28 +16,12 @@
 #include <boost/container/small_vector.hpp>
 #include <utility>
 
-#include "pallo/exception.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
-namespace {
-
-// The record as a chain sees it that breaks nothing whatever the record says: damage is left to those who act
-// on it, so that it is met at the same moment whether somebody listens to the trace or not.
-EntryConfig glance(TableConfig const& table, EntryKey const& key) {
-  try {
-    return table.entry(key);
-  } catch (Pallo::CorruptionDetectedException const&) {
-    return {};
-  } catch (Pallo::InvalidSizeException const&) {
-    return {};
-  }
-}
-
-}  // namespace
 
 // One run of the check.
 struct FastVantrelImpl::Check {
@@ -130,9 +114,10 @@ bool FastVantrelImpl::passesBy(EntryKey const& start, Check& check) const {
 }
 
 // Follows what was passed by. Nothing has changed since: only a ring that is broken changes something, and
-// before that everything is followed.
+// before that everything is followed. Damage is left to those who act on it, so that it is met at the same
+// moment whether somebody listens to the trace or not.
 void FastVantrelImpl::catchUp(Check& check) const {
-  for (EntryKey const& start : std::exchange(check.passedBy, {})) chainComesBack(start, check, &glance);
+  for (EntryKey const& start : std::exchange(check.passedBy, {})) chainComesBack(start, check, &peekEntry);
 }
 
 }  // namespace Vantrel

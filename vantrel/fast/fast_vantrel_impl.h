@@ -15,6 +15,7 @@
 
 #include "vantrel/core/mapping.h"
 #include "vantrel/engine/vantrel_impl.h"
+#include "vantrel/fast/wait_reason.h"
 
 namespace Vantrel {
 
@@ -66,6 +67,10 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   // calls it once, at the start.
   void roomForKeysIs(U64 keys);
 
+  // Why the key's entry waits. Changes nothing; a damaged record reads as absent, and is not reported. Costs
+  // a look-up or two, and a read of the record when the key has no claim.
+  WaitReason waitReason(EntryKey const& key) const;
+
   // How many low bits of a precedence index hold the position inside a priority group.
   U32 prioGrpShift() const { return prioGrpShift_; }
   void prioGrpShiftIs(U32 v) {
@@ -102,6 +107,9 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   void claimOccupied(EntryConfig const& entry, CState_s& c, U32 ti);
   bool conflictFound(EntryConfig const& entry, CState_s const& c);
   bool conflictFree(EntryConfig const& entry, CState_s& c);
+
+  // wait_reason.cpp
+  CState_s const* newerAt(U32 ti, OpId opId) const;
 
   // programming.cpp
   void program(EntryConfig const& entry, CState_s& c, U32 ti);
