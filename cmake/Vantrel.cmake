@@ -67,15 +67,20 @@ function(vantrel_library_rooms var)
   set(${var} ${rooms} PARENT_SCOPE)
 endfunction()
 
-# vantrel_test(NAME SOURCES... [LIBS ...] [TIMEOUT s] [LABELS ...]): a GoogleTest program, one ctest entry.
+# vantrel_test(NAME SOURCES... [LIBS ...] [ROOMS ...] [TIMEOUT s] [LABELS ...]): a GoogleTest program, one
+# ctest entry. With ROOMS, of the library it has these rooms and no others.
 # Label tsan: has threads or processes that race, and runs under the thread sanitizer too. Label no-sanitize:
 # too slow under the address sanitizer, or measures.
 add_custom_target(tsan_tests)
 function(vantrel_test name)
-  cmake_parse_arguments(T "" "TIMEOUT" "LIBS;LABELS" ${ARGN})
+  cmake_parse_arguments(T "" "TIMEOUT" "LIBS;ROOMS;LABELS" ${ARGN})
   find_package(GTest REQUIRED)
+  set(library vantrel_objects)
+  if(T_ROOMS)
+    set(library ${T_ROOMS})
+  endif()
   add_executable(${name} ${T_UNPARSED_ARGUMENTS})
-  target_link_libraries(${name} PRIVATE vantrel_objects ${T_LIBS} GTest::gmock GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE ${library} ${T_LIBS} GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE VANTREL_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
     VANTREL_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
   if(VANTREL_COVERAGE)

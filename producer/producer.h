@@ -30,7 +30,7 @@
 
 #include "ostra/ptr.h"
 #include "producer/broken_rule.h"
-#include "producer/mapping.h"
+#include "vantrel/core/mapping.h"
 #include "vantrel/core/tables.h"
 
 namespace Vantrel {

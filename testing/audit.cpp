@@ -68,6 +68,7 @@ U32 precedenceIndex(EngineChoice const& engine, U16 pg, U32 ti) {
 }
 
 void audit(FastState const& state, EngineChoice const& engine, InFlight const& change) {
+  Vantrel::Positions const& positions = state.positions;
   U32 claims = 0;
   U32 programmed = 0;
   for (auto const& [key, c] : state.cstate) {
@@ -77,13 +78,14 @@ void audit(FastState const& state, EngineChoice const& engine, InFlight const& c
     U32 const at = indexedAt(*c, change);
     if (at == noIndex) continue;
     ++programmed;
-    require(state.current.at(at) == c, "not in the current index", key.value());
-    require(state.precedence.at(precedenceIndex(engine, c->pg, at)) == c, "not in the precedence index",
+    require(positions.current.at(at) == c, "not in the current index", key.value());
+    require(positions.precedence.at(precedenceIndex(engine, c->pg, at)) == c, "not in the precedence index",
             key.value());
   }
   require(state.pending.count() == claims, "more pending indexes than claims", change.key);
-  require(state.current.count() == programmed, "more current indexes than programmed records", change.key);
-  require(state.precedence.count() == programmed, "more precedence indexes than programmed records",
+  require(positions.current.count() == programmed, "more current indexes than programmed records",
+          change.key);
+  require(positions.precedence.count() == programmed, "more precedence indexes than programmed records",
           change.key);
   for (auto const& key : state.blocked) require(state.record(key), "blocked but unknown", key.value());
   auditWorkq(state);

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "pallo/types.h"
-#include "producer/mapping.h"
+#include "vantrel/core/mapping.h"
 
 namespace VantrelCommand {
 

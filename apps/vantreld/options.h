@@ -5,7 +5,7 @@
 #include <string>
 
 #include "pallo/types.h"
-#include "producer/mapping.h"
+#include "vantrel/core/mapping.h"
 
 namespace Vantreld {
 

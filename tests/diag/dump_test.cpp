@@ -164,12 +164,12 @@ TEST_F(Dump, PendingBeforeInitializationWritesNothing) {
 TEST_F(Dump, AnUnclaimedIndexShowsKeyZeroIfThereIsOne) {
   forge();
   put({.key = 0, .ti = 3, .opId = 21});
-  *state().current.insert(9) = &record(0);
+  *state().positions.current.insert(9) = &record(0);
   EXPECT_THAT(dumped(),
               ElementsAre("Precedence [pti]=key", "[3]=0->cti:3 cOpId:21 sti:3 sOpId:21 prio:10 pg:0",
                           "Current [ti]=key", "[3]=0->cti:3 cOpId:21 sti:3 sOpId:21 prio:10 pg:0",
                           "[3]=0->cti:3 cOpId:21 sti:3 sOpId:21 prio:10 pg:0"));
-  state().current.remove(9);
+  state().positions.current.remove(9);
 }
 
 TEST_F(DumpDeathTest, AClaimListedUnderAnotherIndexIsFatalAfterTheDump) {
@@ -192,7 +192,7 @@ TEST_F(DumpDeathTest, TwoRecordsAtOneIndexAreOneLineTheDumpGoesOnAndThenItIsFata
   auto const damage = [this] {
     loud();
     record(2).sti = 7;
-    state().current.remove(8);
+    state().positions.current.remove(8);
     engine->dumpState();
   };
   EXPECT_DEATH(damage(), testing::ContainsRegex(
@@ -209,8 +209,8 @@ TEST_F(DumpDeathTest, TwoRecordsAtOneIndexWithAnotherCountStopOnTheCount) {
   auto const damage = [this] {
     loud();
     record(2).sti = 7;
-    state().current.remove(8);
-    state().current.remove(9);
+    state().positions.current.remove(8);
+    state().positions.current.remove(9);
     engine->dumpState();
   };
   EXPECT_DEATH(damage(),
@@ -222,7 +222,7 @@ TEST_F(DumpDeathTest, AnIndexWithoutARecordFailsItsAssertion) {
   put({.key = 1, .ti = 7});
   auto const damage = [this] {
     loud();
-    *state().current.insert(9) = &record(1);
+    *state().positions.current.insert(9) = &record(1);
     engine->dumpState();
   };
   EXPECT_DEATH(damage(), HasSubstr("assertion failed: c, model file FastVantrelImpl,"));
@@ -233,7 +233,7 @@ TEST_F(DumpDeathTest, ACountMismatchListsTheIndexThenFailsItsAssertion) {
   put({.key = 2, .ti = 8});
   auto const damage = [this] {
     loud();
-    state().current.remove(8);
+    state().positions.current.remove(8);
     engine->dumpState();
   };
   EXPECT_DEATH(damage(), testing::ContainsRegex("Occupied \\[ti\\] count: 1 current 2\n.*\\[7\\]\n"));

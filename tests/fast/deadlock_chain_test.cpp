@@ -31,18 +31,6 @@ class CountingTable : public Shoal::LocalTable<EntryConfig> {
   mutable U64 reads = 0;
 };
 
-// A table whose records can be damaged, each in one of two ways.
-class Damaging : public Shoal::LocalTable<EntryConfig> {
- public:
-  EntryConfig entry(EntryKey const& key) const override {
-    if (key.value() == corrupt) throw Pallo::CorruptionDetectedException("checksum");
-    if (key.value() == oversize) throw Pallo::InvalidSizeException("too large");
-    return LocalTable::entry(key);
-  }
-  U64 corrupt = 0;
-  U64 oversize = 0;
-};
-
 // The facility trace off and on: what is found out is the same.
 class ChainDamage : public Chain, public testing::WithParamInterface<char const*> {
  protected:
@@ -83,6 +71,29 @@ TEST_P(ChainDamage, AtTheStartOfAChainIsMet) {
   damaging->corrupt = 1;
   engine->checkDeadlock();
   EXPECT_EQ(damaging->corruptions(), 1U);
+}
+
+// a waits for b, b for 3: the chain of whoever comes first in the run may pass the other, who is damaged.
+TEST_P(ChainDamage, AtAStartThatAnEarlierChainPassedIsMet) {
+  std::set<U64> first;
+  for (auto const& [a, b] : {std::pair<U64, U64>{1, 2}, {2, 1}}) {
+    engineIs();
+    put({.key = a, .ti = 1});
+    put({.key = b, .ti = 2});
+    put({.key = 3, .ti = 3});
+    for (auto const& [key, ti] : {std::pair<U64, U32>{b, 3}, {a, 2}}) {
+      write({.key = key, .ti = ti});
+      engine->handleEntryHelper(EntryKey(key));
+    }
+    first.insert(state().blocked.begin()->value() == a ? 1 : 2);
+    damaging->corrupt = std::next(state().blocked.begin())->value();
+    U64 const before = damaging->corruptions();
+    engine->checkDeadlock();
+    EXPECT_EQ(damaging->corruptions() - before, 1U) << a;
+    damaging->corrupt = 0;
+    engine->keyToHandleDelAll();
+  }
+  EXPECT_EQ(first.size(), 2U) << "both orders were met";
 }
 
 TEST_P(ChainDamage, OfAMemberThatClosesARingIsMet) {

@@ -268,6 +268,6 @@ TEST_F(DeadlockDeathTest, AnOccupiedClaimWithoutOccupantFailsItsAssertion) {
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 2});
   want(1, 2);
-  state().current.remove(2);
+  state().positions.current.remove(2);
   EXPECT_DEATH(engine->checkDeadlock(), HasSubstr("assertion failed: PValue, model file FastVantrelImpl,"));
 }

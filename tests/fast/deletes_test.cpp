@@ -122,8 +122,8 @@ TEST_F(Deletes, LeaveNothingOfTheKeyBehind) {
   U32 const free = cstatePool().cread;
   EXPECT_TRUE(engine->processDelete(EntryKey(1), false));
   EXPECT_FALSE(known(1));
-  EXPECT_TRUE(state().current.empty());
-  EXPECT_TRUE(state().precedence.empty());
+  EXPECT_TRUE(state().positions.current.empty());
+  EXPECT_TRUE(state().positions.precedence.empty());
   EXPECT_TRUE(engine->dirty());
   EXPECT_EQ(cstatePool().cread, free + 1);
   EXPECT_THAT(put({.key = 1, .ti = 6}), ElementsAre("del 1@6", "add 1@6"));

@@ -29,8 +29,8 @@ TEST_F(Programming, ANewEntryIsAddedAndIndexed) {
   EXPECT_THAT(put({.key = 1, .ti = 4, .pg = 2, .opId = 77}), ElementsAre("add 1@4"));
   EXPECT_EQ(record(1).sti, 4U);
   EXPECT_EQ(record(1).opId, OpId(77));
-  EXPECT_EQ(state().current.at(4), &record(1));
-  EXPECT_EQ(state().precedence.at(engine->pti(2, 4)), &record(1));
+  EXPECT_EQ(state().positions.current.at(4), &record(1));
+  EXPECT_EQ(state().positions.precedence.at(engine->pti(2, 4)), &record(1));
   EXPECT_EQ(client->records.back(), table->entry(EntryKey(1)));
 }
 
@@ -56,10 +56,10 @@ TEST_F(Programming, AChangedConfigurationWithANewPositionIsUpdatedThenMoved) {
   put({.key = 1, .ti = 4, .opId = 5 * version + 3});
   EXPECT_THAT(put({.key = 1, .ti = 9, .opId = 6 * version + 4}), ElementsAre("update 1@9", "move 1@9"));
   EXPECT_EQ(record(1).sti, 9U);
-  EXPECT_EQ(state().current.at(4), nullptr);
-  EXPECT_EQ(state().current.at(9), &record(1));
-  EXPECT_EQ(state().precedence.at(4), nullptr);
-  EXPECT_EQ(state().precedence.at(9), &record(1));
+  EXPECT_EQ(state().positions.current.at(4), nullptr);
+  EXPECT_EQ(state().positions.current.at(9), &record(1));
+  EXPECT_EQ(state().positions.precedence.at(4), nullptr);
+  EXPECT_EQ(state().positions.precedence.at(9), &record(1));
 }
 
 TEST_F(Programming, AnUnchangedConfigurationWithANewPositionIsOnlyMoved) {
@@ -204,7 +204,7 @@ TEST_F(ProgrammingDeathTest, ProgrammingBeforeInitializationFailsItsAssertion) {
 TEST_F(ProgrammingDeathTest, AMoveFromAPositionThatIsNotIndexedFailsItsAssertion) {
   forge();
   put({.key = 1, .ti = 4});
-  state().current.remove(4);
+  state().positions.current.remove(4);
   write({.key = 1, .ti = 5});
   EXPECT_DEATH(handle(1), HasSubstr("assertion failed: rc, model file FastVantrelImpl,"));
 }
@@ -212,7 +212,7 @@ TEST_F(ProgrammingDeathTest, AMoveFromAPositionThatIsNotIndexedFailsItsAssertion
 TEST_F(ProgrammingDeathTest, AMoveFromAPlaceThatIsNotInThePrecedenceOrderFailsItsAssertion) {
   forge();
   put({.key = 1, .ti = 4});
-  state().precedence.remove(4);
+  state().positions.precedence.remove(4);
   write({.key = 1, .ti = 5});
   EXPECT_DEATH(handle(1), HasSubstr("assertion failed: rc, model file FastVantrelImpl,"));
 }

@@ -125,7 +125,7 @@ TEST_F(ThrowingClient, InADeleteIsAskedAgain) {
     failing(deadlock ? "deadlock" : "del",
             [&] { engine->processDeleteHelper(EntryKey(50), deadlock, false); });
     EXPECT_EQ(record(50).sti, 50U);
-    EXPECT_EQ(state().current.at(50), nullptr);
+    EXPECT_EQ(state().positions.current.at(50), nullptr);
     EXPECT_GT(readsOfJoining(), shortWay);
     EXPECT_THAT(remove(50), ElementsAre("del 50@50"));
     EXPECT_EQ(readsOfJoining(), shortWay) << deadlock;
@@ -138,7 +138,7 @@ TEST_F(ThrowingClient, InADeleteLosesItsPlaceToTheNext) {
   failing("del", [&] { remove(50); });
   EXPECT_THAT(put({.key = 51, .ti = 50}), ElementsAre("add 51@50"));
   EXPECT_THAT(remove(50), ElementsAre("del 50@50"));
-  EXPECT_EQ(state().current.at(50), &record(51));
+  EXPECT_EQ(state().positions.current.at(50), &record(51));
   expectOrder();
 }
 

@@ -9,6 +9,18 @@
 
 namespace TestSupport {
 
+// A table whose records can be damaged, each in one of two ways.
+class Damaging : public Shoal::LocalTable<EntryConfig> {
+ public:
+  EntryConfig entry(EntryKey const& key) const override {
+    if (key.value() == corrupt) throw Pallo::CorruptionDetectedException("checksum");
+    if (key.value() == oversize) throw Pallo::InvalidSizeException("too large");
+    return LocalTable::entry(key);
+  }
+  U64 corrupt = 0;
+  U64 oversize = 0;
+};
+
 class FastWorld : public EngineWorld<FastVantrelImpl> {
  protected:
   FastWorld() { engineIs(); }

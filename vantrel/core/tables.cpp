@@ -20,6 +20,16 @@ EntryConfig readEntry(TableConfig const& table, EntryKey const& key) {
   }
 }
 
+EntryConfig peekEntry(TableConfig const& table, EntryKey const& key) {
+  try {
+    return table.entry(key);
+  } catch (Pallo::CorruptionDetectedException const&) {
+    return {};
+  } catch (Pallo::InvalidSizeException const&) {
+    return {};
+  }
+}
+
 }  // namespace Vantrel
 
 namespace Shoal {

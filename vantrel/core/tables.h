@@ -15,7 +15,7 @@
 // Cost: what is copied is what counts, not the capacity of the arrays. A record is read from a file straight to where
 //   it is wanted.
 // Errors: Pallo::InvalidSizeException for a count beyond its array, Pallo::CorruptionDetectedException for an image
-//   that ends too early. readEntry() reports damage to the table and throws nothing for it.
+//   that ends too early. readEntry() reports the latter, as all damage but a wrong count, to the table.
 #pragma once
 
 #include <cstddef>
@@ -68,5 +68,7 @@ using TableStatus = Shoal::Table<EntryStatus>;
 
 // The key's record. Damage is reported to the table and reads as the empty configuration.
 VANTREL_API EntryConfig readEntry(TableConfig const& table, EntryKey const& key);
+// The same for who only looks: damage of either kind reads as the empty configuration, and is not reported.
+VANTREL_API EntryConfig peekEntry(TableConfig const& table, EntryKey const& key);
 
 }  // namespace Vantrel

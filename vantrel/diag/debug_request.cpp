@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Debug requests: the engine's claims and programmed positions, copied into DebugStatus. The version is
-// written last, so that who sees it match sees a complete snapshot.
+#include "vantrel/diag/debug_request.h"
+
 #include <array>
 
 #include "vantrel/core/trace.h"
-#include "vantrel/fast/asserts.h"
-#include "vantrel/fast/fast_vantrel_impl.h"
+#include "vantrel/engine/debug_entities.h"
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
@@ -45,19 +44,16 @@ void showProgrammed(FastState const& state, DebugStatus& answer) {
 
 }  // namespace
 
-void FastVantrelImpl::handleDebug() {
-  FAST_ASSERT(debugConfig());
-  FAST_ASSERT(debugStatus());
-  U32 const requested = debugConfig()->version();
-  U32 const answered = debugStatus()->version();
+void handleDebug(FastState const& state, DebugConfig const& request, DebugStatus& answer) {
+  U32 const requested = request.version();
+  U32 const answered = answer.version();
   if (requested == answered) return;
   VANTREL_TRACE(vantrelFastImplTrace(), 9, "dumping debug state ", requested, " ", answered);
-  DebugStatus& answer = *debugStatus();
   empty(answer);
   if (requested != 0) {
-    answer.roomIs(state()->pending.count(), state()->cstate.size());
-    showClaims(*state(), answer);
-    showProgrammed(*state(), answer);
+    answer.roomIs(state.pending.count(), state.cstate.size());
+    showClaims(state, answer);
+    showProgrammed(state, answer);
   }
   answer.versionIs(requested);
 }

@@ -1,10 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Dump and audit: the whole state as text, and the consistency of its indexes checked on the way.
-//
-//   [4]=77->cti:9 cOpId:12 sti:4 sOpId:11 pending:9 pOpId:12 OCC prio:30 pg:1
-//
-// A broken invariant ends the process, but only after the whole dump is out, so that the trace shows the
-// state that led to it. Nothing is repaired.
 #include "vantrel/diag/dump.h"
 
 #include <algorithm>
@@ -13,7 +7,6 @@
 
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
-#include "vantrel/fast/fast_vantrel_impl.h"
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
@@ -74,9 +67,9 @@ class Dump {
   Dump(FastState const& state, TableConfig const& table) : state_(state), table_(table) {}
 
   void precedence() {
-    if (state_.precedence.count() == 0) return;
+    if (positions_.precedence.count() == 0) return;
     line(9, "Precedence [pti]=key");
-    for (auto at = state_.precedence.atOrAbove(0); at; at = state_.precedence.above(at->index))
+    for (auto at = positions_.precedence.atOrAbove(0); at; at = positions_.precedence.above(at->index))
       entry(at->index, at->value);
   }
 
@@ -100,7 +93,7 @@ class Dump {
       else
         entry(noIndex, c);
     }
-    for (auto at = state_.current.atOrAbove(0); at; at = state_.current.above(at->index)) {
+    for (auto at = positions_.current.atOrAbove(0); at; at = positions_.current.above(at->index)) {
       CState_s const* const c = state_.record(occupied_[at->index]);
       FAST_ASSERT(c);
       entry(c->sti, c);
@@ -108,10 +101,10 @@ class Dump {
   }
 
   void verdict() const {
-    U32 const count = state_.current.count();
+    U32 const count = positions_.current.count();
     if (count != occupied_.size()) {
       line(9, "Occupied [ti] count: ", count, " current ", occupied_.size());
-      for (auto at = state_.current.atOrAbove(0); at; at = state_.current.above(at->index))
+      for (auto at = positions_.current.atOrAbove(0); at; at = positions_.current.above(at->index))
         line(9, "[", at->index, "]");
     }
     FAST_ASSERT_AS(count == occupied_.size(), "count == occupied.size()");
@@ -133,6 +126,7 @@ class Dump {
   }
 
   FastState const& state_;
+  Positions const& positions_ = state_.positions;
   TableConfig const& table_;
   std::map<U32, EntryKey> occupied_;  // position -> the record that claims to be programmed there
   bool fatal_ = false;
@@ -147,18 +141,16 @@ void dumpEntry(U32 index, EntryConfig const& config, CState_s const* c, OpId, Op
   VANTREL_TRACE(vantrelFastImplTrace(), 9, describe(index, config, *c));
 }
 
-void FastVantrelImpl::dumpState() {
-  VANTREL_TRACE_ENTRY(vantrelFastImplTrace(), 8, "FastVantrelImpl", "dumpState");
-  Dump dump(*state(), *tableConfig());
+void dumpState(FastState const& state, TableConfig const& table) {
+  Dump dump(state, table);
   dump.precedence();
   dump.pending();
   dump.current();
   dump.verdict();
 }
 
-void FastVantrelImpl::dumpPending() {
-  if (!initialized()) return;
-  for (auto at = state()->pending.atOrAbove(0); at; at = state()->pending.above(at->index))
+void dumpPending(FastState const& state) {
+  for (auto at = state.pending.atOrAbove(0); at; at = state.pending.above(at->index))
     line(8, "Pending key=", at->value->key.value(), " index: ", at->index);
 }
 

@@ -1,19 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
-// One line of a state dump, as dumpState() writes many: what the producer wants of a key beside what the
-// engine has made of it.
+// Dump and audit: the whole state as text, and the consistency of its indexes checked on the way. A line
+// shows what the producer wants of a key beside what the engine has made of it:
 //
 //   [4]=77->cti:9 cOpId:12 sti:4 sOpId:11 pending:9 pOpId:12 OCC prio:30 pg:1
 //
 // Threading: the agent's thread.
 // Cost: nothing is formatted while the facility's level is below 9.
-// Errors: a record that is not there is an assertion.
+// Errors: a broken invariant ends the process, but only after the whole dump is out, so that the trace shows
+//   the state that led to it. Nothing is repaired.
 #pragma once
 
-#include "vantrel/core/entry.h"
+#include "vantrel/core/tables.h"
 
 namespace Vantrel {
 
 struct CState_s;
+class FastState;
+
+// Everything, at facility level 9; the claims alone, at level 8.
+void dumpState(FastState const& state, TableConfig const& table);
+void dumpPending(FastState const& state);
 
 // Writes one record under `index` (0xFFFFFFFF: known but not programmed) at facility level 9, and raises
 // maxOpId to every OpId it shows. `lastMax`, the highest of the last dump, is not used.

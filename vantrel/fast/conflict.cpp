@@ -61,7 +61,7 @@ bool FastVantrelImpl::mayTake(EntryConfig const& entry, CState_s& c, U32 ti) {
     s.addToWorkq(ti);
     return true;
   }
-  if (s.current.at(ti)) {
+  if (s.positions.current.at(ti)) {
     claimOccupied(entry, c, ti);
     return false;
   }
@@ -75,7 +75,7 @@ bool FastVantrelImpl::mayTake(EntryConfig const& entry, CState_s& c, U32 ti) {
 
 // The nearest programmed neighbour that the record would be out of order with at ti, if any.
 CState_s const* FastVantrelImpl::priorityBlocker(CState_s const& c, U32 ti) const {
-  JudyMap<CState_s> const& precedence = state()->precedence;
+  JudyMap<CState_s> const& precedence = state()->positions.precedence;
   U32 const at = pti(c.pg, ti);
   if (auto const below = precedence.below(at);
       below && below->value->pg == c.pg && below->value->prio > c.prio)
@@ -113,11 +113,10 @@ void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 t
     FAST_ASSERT_AS(c.key != cp->key, "c->key != cp->key");
     return s.clearPending(c.p, true);  // the newer claim stands
   }
-  bool open = false;
   if (cp == &c) {
     FAST_ASSERT_AS(c.p.ti == ti, "c->p.ti == *ti");
-    open = c.p.open && c.p.type == PendingType::Occupied && !c.p.lost;
-    s.clearPending(c.p, false);
+    c.p.opId = entry.opId();
+    c.p.type = PendingType::Occupied;
   } else {
     slot = &c;
     s.clearPending(c.p, true);  // may move the slots: this one is looked up again
@@ -125,9 +124,9 @@ void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 t
     CState_s** const found = s.pending.find(ti);
     FAST_ASSERT_AS(found, "PValue");
     *found = &c;
+    c.p = {entry.opId(), ti, PendingType::Occupied};
   }
-  c.p = {entry.opId(), ti, PendingType::Occupied, open};
-  claimsComeBack(c);
+  s.chains.claimMade(c);
 }
 
 bool FastVantrelImpl::conflictFound(EntryConfig const& entry, CState_s const& c) {

@@ -55,7 +55,7 @@ void FastVantrelImpl::withdraw(CState_s const& c, EntryConfig const& record, boo
   else
     hardware().deleteEntry(record);
 } catch (...) {
-  state()->strayIs(c.key, c.sti);
+  state()->positions.strayIs(c.key, c.sti);
   throw;
 }
 
@@ -63,10 +63,7 @@ void FastVantrelImpl::withdraw(CState_s const& c, EntryConfig const& record, boo
 // already, when the hardware client threw at an earlier attempt.
 void FastVantrelImpl::vacate(CState_s const& c, U32 ti) {
   FastState& s = *state();
-  if (!s.hasStrays() || s.current.at(ti) == &c) {
-    s.current.remove(ti);
-    s.precedence.remove(pti(c.pg, ti));
-  }
+  if (!s.positions.hasStrays() || s.positions.current.at(ti) == &c) s.positions.remove(placeOf(c, ti));
   s.addToWorkq(ti);
   wakeRange(c.pg, rangeOpenedByDelete(c, ti));
 }
@@ -75,8 +72,8 @@ void FastVantrelImpl::vacate(CState_s const& c, U32 ti) {
 FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByDelete(CState_s const& c, U32 ti) const {
   constexpr U32 end = 0xFFFFFFFF;
   U32 const from = pti(c.pg, ti);
-  auto const prev = state()->precedence.below(from);
-  auto const next = state()->precedence.above(from);
+  auto const prev = state()->positions.precedence.below(from);
+  auto const next = state()->positions.precedence.above(from);
   bool const closedAbove = prev && prev->value->samePriority(c);
   bool const closedBelow = next && next->value->samePriority(c);
   if (closedAbove && closedBelow) return {ti + 1, ti};
@@ -91,7 +88,7 @@ FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByDelete(CState_s const& c, U
 
 void FastVantrelImpl::forget(CState_s& c) {
   FastState& s = *state();
-  if (s.hasStrays()) [[unlikely]]
+  if (s.positions.hasStrays()) [[unlikely]]
     vacateStrays(c);
   s.erase(c);
   if (!s.blocked.empty()) s.blocked.erase(c.key);
@@ -101,8 +98,9 @@ void FastVantrelImpl::forget(CState_s& c) {
 
 // A record that goes leaves no place behind, not even one that a call which threw kept it from knowing.
 void FastVantrelImpl::vacateStrays(CState_s const& c) {
-  for (U32 const ti : state()->takeStrays(c.key))
-    if (state()->current.at(ti) == &c) vacate(c, ti);
+  Positions& positions = state()->positions;
+  for (U32 const ti : positions.takeStrays(c.key))
+    if (positions.current.at(ti) == &c) vacate(c, ti);
 }
 
 // Not an error: the producer is answered, so that it is not left waiting.

@@ -3,6 +3,7 @@
 #include "vantrel/fast/fast_vantrel_impl.h"
 
 #include "ostra/type_info.h"
+#include "vantrel/core/mapping.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_atcam_impl.h"
@@ -34,7 +35,7 @@ FastVantrelAtcamImpl::FastVantrelAtcamImpl(std::string name, Ostra::Ptr<TableCon
     : FastVantrelImpl(std::move(name), std::move(tableConfig), std::move(debugConfig), std::move(debugStatus),
                       std::move(helper), lgId),
       maxPartitions_(maxPartitions) {
-  prioGrpShiftIs(16);
+  prioGrpShiftIs(AlgorithmicMapping::defaultShift);
 }
 
 FastVantrelAtcamImpl::~FastVantrelAtcamImpl() { cleanupOnce(); }
@@ -62,7 +63,7 @@ U32 FastVantrelImpl::numDeadlock() const { return deadlockCount(); }
 namespace {
 
 std::string positionsWouldBeLost(FastVantrelImpl const& engine) {
-  if (engine.state()->current.empty() && engine.state()->pending.empty()) return {};
+  if (engine.state()->positions.current.empty() && engine.state()->pending.empty()) return {};
   return "entries are programmed or waiting under the present mapping";
 }
 

@@ -13,12 +13,15 @@
 // Errors: a broken invariant is an assertion against the model file FastVantrelImpl.
 #pragma once
 
+#include "vantrel/core/mapping.h"
 #include "vantrel/engine/vantrel_impl.h"
+#include "vantrel/fast/wait_reason.h"
 
 namespace Vantrel {
 
 class FastState;
 struct CState_s;
+struct Place;
 
 class VANTREL_API FastVantrelImpl : public VantrelImpl {
  public:
@@ -64,6 +67,10 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   // calls it once, at the start.
   void roomForKeysIs(U64 keys);
 
+  // Why the key's entry waits. Changes nothing; a damaged record reads as absent, and is not reported. Costs
+  // a look-up or two, and a read of the record when the key has no claim.
+  WaitReason waitReason(EntryKey const& key) const;
+
   // How many low bits of a precedence index hold the position inside a priority group.
   U32 prioGrpShift() const { return prioGrpShift_; }
   void prioGrpShiftIs(U32 v) {
@@ -101,11 +108,14 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   bool conflictFound(EntryConfig const& entry, CState_s const& c);
   bool conflictFree(EntryConfig const& entry, CState_s& c);
 
+  // wait_reason.cpp
+  CState_s const* newerAt(U32 ti, OpId opId) const;
+
   // programming.cpp
   void program(EntryConfig const& entry, CState_s& c, U32 ti);
   void add(EntryConfig const& entry, CState_s& c, U32 ti);
   void move(EntryConfig const& entry, CState_s& c, U32 ti);
-  void enterAt(CState_s& c, U32 ti);
+  Place placeOf(CState_s const& c, U32 ti) const;
   struct Range {  // of table indexes, [lo, hi)
     U32 lo;
     U32 hi;
@@ -127,20 +137,17 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   void forget(CState_s& c);
 
   // deadlock.cpp
-  class Visited;
+  struct Check;
   void checkBlocked();
-  bool closesRing(EntryKey const& start, Visited& visited);
-  bool claimsComeBack(CState_s& c);
-  bool claimsMeet(CState_s const& c) const;
-  CState_s* occupantClaimed(CState_s const& c) const;
-  CState_s* claimant(CState_s const& c) const;
-  enum class Damage : U8 { OfAll, OfStart, OfNone };  // of which records of a chain it is reported or thrown
-  bool chainComesBack(EntryKey const& start, Visited& visited, Damage met) const;
+  bool passesBy(EntryKey const& start, Check& check) const;
+  void catchUp(Check& check) const;
+  using Reader = EntryConfig (*)(TableConfig const&, EntryKey const&);
+  bool chainComesBack(EntryKey const& start, Check& check, Reader read) const;
   CState_s const* occupantWaitedFor(CState_s const& c, EntryConfig const& config) const;
   void breakRing(EntryKey const& victim);
 
   mutable Ostra::Notifier fastNotifiees_;
-  U32 prioGrpShift_ = 19;
+  U32 prioGrpShift_ = TcamMapping::defaultShift;
   FastState* state_ = nullptr;
   U32 deadlockCount_ = 0;
   bool cleanedUp_ = false;

@@ -65,47 +65,36 @@ void FastVantrelImpl::program(EntryConfig const& entry, CState_s& c, U32 ti) {
 }
 
 void FastVantrelImpl::add(EntryConfig const& entry, CState_s& c, U32 ti) try {
-  enterAt(c, ti);
+  state()->positions.add(c, placeOf(c, ti));
   VANTREL_RECORD(9, lgId(), "add key:", c.key, " hdl:", entry.hdl());
   hardware().addEntry(entry);
 } catch (...) {
-  state()->strayIs(c.key, ti);
+  state()->positions.strayIs(c.key, ti);
   throw;
 }
 
 void FastVantrelImpl::move(EntryConfig const& entry, CState_s& c, U32 ti) try {
   FastState& s = *state();
   U32 const old = c.sti;
-  bool removed = s.current.remove(old);
-  FAST_ASSERT_AS(removed, "rc");
-  removed = s.precedence.remove(pti(c.pg, old));
-  FAST_ASSERT_AS(removed, "rc");
-  enterAt(c, ti);
+  s.positions.move(c, placeOf(c, old), placeOf(c, ti));
   VANTREL_RECORD(9, lgId(), "mov key:", c.key, " hdl:", entry.hdl(), " ", old, " prio:", c.prio, " to:", ti);
   hardware().moveEntry(entry);
   s.addToWorkq(old);
   wakeRange(c.pg, rangeOpenedByMove(c, old, ti));
 } catch (...) {
-  state()->strayIs(c.key, ti);
+  state()->positions.strayIs(c.key, ti);
   throw;
 }
 
-void FastVantrelImpl::enterAt(CState_s& c, U32 ti) {
-  CState_s** slot = state()->current.insert(ti);
-  FAST_ASSERT_AS(slot, "OPValue");
-  *slot = &c;
-  slot = state()->precedence.insert(pti(c.pg, ti));
-  FAST_ASSERT_AS(slot, "OPValue");
-  *slot = &c;
-}
+Place FastVantrelImpl::placeOf(CState_s const& c, U32 ti) const { return {ti, pti(c.pg, ti)}; }
 
 // The indexes are those after the move: the moved entry itself can be a neighbour of its old position. A
 // neighbour of its own priority on the side it left keeps bounding the range as before: nothing opens.
 FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByMove(CState_s const& c, U32 old, U32 ti) const {
   constexpr Range none{0, 0};
   U32 const from = pti(c.pg, old);
-  auto const prev = state()->precedence.below(from);
-  auto const next = state()->precedence.above(from);
+  auto const prev = state()->positions.precedence.below(from);
+  auto const next = state()->positions.precedence.above(from);
   if (old > ti) {
     if (next && next->value->samePriority(c)) return none;
     U32 lo = ti + 1;

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <vector>
 
 #include "vantrel/fast/asserts.h"
 
@@ -69,15 +70,6 @@ FastState::~FastState() { std::erase(pool().states, this); }
 void FastState::roomIs(std::size_t keys) {
   cstate.reserve(cstate.size() + keys);
   while (pool().cread < keys) grow();
-}
-
-std::vector<U32> FastState::takeStrays(EntryKey const& key) {
-  std::vector<U32> places;
-  std::erase_if(strays_, [&](Stray const& stray) {
-    if (stray.key == key) places.push_back(stray.ti);
-    return stray.key == key;
-  });
-  return places;
 }
 
 CState_s* FastState::cstateAlloc() {

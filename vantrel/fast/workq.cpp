@@ -17,12 +17,6 @@ void FastState::unindexClaim(U32 ti) {
   FAST_ASSERT_AS(removed, "rc == 1");
 }
 
-void FastState::claimLost(EntryPState_s& p) {
-  if (p.ti == noIndex || p.lost) return;
-  p.lost = true;
-  ++lostClaims_;
-}
-
 void FastState::queue(CState_s const& waiter) {
   VANTREL_TRACE(vantrelFastImplTrace(), 9, "adding ", waiter.key, " to workq");
   VANTREL_RECORD(9, lgId(), "adding key:", waiter.key, " to workq");
@@ -50,10 +44,8 @@ void FastVantrelImpl::processPending() {
   retry(key);
 }
 
-// Until the retry has made or ended it, the claim may stand on a position that nobody holds; when the retry
-// fails, it stays so.
 void FastVantrelImpl::retry(EntryKey const& key) {
-  if (CState_s* const c = state()->record(key)) state()->claimLost(c->p);
+  if (CState_s* const c = state()->record(key)) state()->chains.claimRetried(c->p);
   handleEntryHelper(key);
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "producer/mapping.h"
+#include "vantrel/core/mapping.h"
 
 #include <gtest/gtest.h>
 
@@ -56,6 +56,29 @@ TEST(MappingTest, PositionsOfAGroupAreThoseThatFit) {
         }
       }
     }
+  }
+}
+
+// What a producer may write has one precedence index, ascending along the positions of its group.
+TEST(MappingTest, PassedPositionsRoundTrip) {
+  for (U32 const shift : {1U, 8U, 19U, 31U, 32U}) {
+    TcamMapping const engine{shift};
+    Mapping const producer = Mapping::fast(shift);
+    for (U32 const ti : {0U, 1U, 255U, 1U << 18, (1U << 31) - 1, 0xFFFFFFFE})
+      for (U16 const pg : std::initializer_list<U16>{0, 1, 8191, 65535}) {
+        if (producer.violation(pg, ti)) continue;
+        EXPECT_EQ(engine.lti(engine.pti(pg, ti)), ti) << shift;
+        EXPECT_EQ(U64{engine.pti(pg, ti)}, (U64{pg} << shift) + ti) << shift;
+      }
+  }
+  for (U32 const partitions : {1U, 4U, 65536U}) {
+    AlgorithmicMapping const engine{partitions};
+    Mapping const producer = Mapping::algorithmic(partitions);
+    for (U32 const ti : {0U, 1U, 4001U, 262143U, 0xFFFFFFFE})
+      if (auto const pg = static_cast<U16>(ti % partitions); !producer.violation(pg, ti)) {
+        EXPECT_EQ(engine.lti(engine.pti(ti)), ti) << partitions;
+        EXPECT_EQ(engine.pti(ti), (U32{pg} << 16) + ti / partitions) << partitions;
+      }
   }
 }
 
