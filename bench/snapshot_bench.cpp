@@ -16,6 +16,7 @@
 
 #include "bench/report/report.h"
 #include "ostra/mount.h"
+#include "ostra/piecewise_map.h"
 #include "ostra/publish.h"
 #include "shoal/local_table.h"
 #include "vantrel/vantrel.h"

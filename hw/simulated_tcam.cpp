@@ -2,7 +2,6 @@
 // Only the nearest neighbours of what a call changed are looked at: every other pair was in order before and
 // still is.
 #include "hw/simulated_tcam.h"
-#include "ostra/type_info.h"
 
 #include <fmt/format.h>
 
@@ -10,6 +9,9 @@
 #include <iterator>
 #include <thread>
 #include <utility>
+
+#include "ostra/piecewise_map.h"
+#include "ostra/type_info.h"
 
 namespace Hw {
 
@@ -64,9 +66,13 @@ char const* toText(Rule rule) {
 }
 
 SimulatedTcam::SimulatedTcam(std::string name, Ostra::Ptr<Vantrel::TableStatus> tableStatus, U32 size)
-    : VantrelHelper(std::move(name), std::move(tableStatus)), size_(size) {
+    : VantrelHelper(std::move(name), std::move(tableStatus)),
+      size_(size),
+      entries_(std::make_unique<Ostra::PiecewiseMap<EntryKey, Entry>>()) {
   violationHandlerIs(nullptr);
 }
+
+SimulatedTcam::~SimulatedTcam() = default;
 
 void SimulatedTcam::violationHandlerIs(ViolationHandler handler) {
   handler_ = handler ? std::move(handler) : [](Violation const& violation) { throw violation; };
@@ -80,8 +86,8 @@ void SimulatedTcam::latencyIs(U32 us) {
 }
 
 std::optional<SimulatedTcam::Entry> SimulatedTcam::entry(EntryKey const& key) const {
-  auto const found = entries_.find(key);
-  return found == entries_.end() ? std::nullopt : std::optional(found->second);
+  auto const found = entries_->find(key);
+  return found == entries_->end() ? std::nullopt : std::optional(found->second);
 }
 
 std::optional<SimulatedTcam::Entry> SimulatedTcam::at(U32 ti) const {
@@ -98,7 +104,7 @@ void SimulatedTcam::addEntry(EntryConfig const& record) {
     return;
   }
   if (!canPlace("add", record)) return;
-  Entry& made = entries_[record.key()];
+  Entry& made = (*entries_)[record.key()];
   made = {record.key(), record.opId(), record.pg(), record.prio(), positionOf(record)};
   auto const here = order_.try_emplace({made.pg, made.ti}, made.prio).first;
   memberIs("positions", positions_, made.ti, made.key, &Notifiee::onPosition);
@@ -151,7 +157,7 @@ void SimulatedTcam::remove(char const* call, EntryConfig const& record) {
   }
   order_.erase({gone->pg, gone->ti});
   memberDel("positions", positions_, gone->ti, &Notifiee::onPosition);
-  entries_.erase(record.key());
+  entries_->erase(record.key());
   if (!tableStatus()) return;
   if (record.opId() == OpId::deleteAcknowledge())
     acknowledge(record.key(), record.opId());
@@ -190,8 +196,8 @@ bool SimulatedTcam::canPlace(char const* call, EntryConfig const& record) {
 }
 
 SimulatedTcam::Entry* SimulatedTcam::find(char const* call, EntryConfig const& record) {
-  auto const found = entries_.find(record.key());
-  if (found != entries_.end()) return &found->second;
+  auto const found = entries_->find(record.key());
+  if (found != entries_->end()) return &found->second;
   broken(Rule::KeyPresent, fmt::format("{} of key {}, which is not in the row", call, record.key().value()));
   return nullptr;
 }
@@ -221,8 +227,8 @@ SimulatedTcam::Order::iterator SimulatedTcam::reordered(Entry const& entry, U32 
 }
 
 std::string SimulatedTcam::audit() const {
-  if (entries_.size() != positions_.size() || entries_.size() != order_.size())
-    return fmt::format("{} entries, {} positions, {} in order", entries_.size(), positions_.size(),
+  if (entries_->size() != positions_.size() || entries_->size() != order_.size())
+    return fmt::format("{} entries, {} positions, {} in order", entries_->size(), positions_.size(),
                        order_.size());
   for (auto const& [ti, key] : positions_) {
     auto const e = entry(key);

@@ -26,11 +26,12 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 
-#include "ostra/piecewise_map.h"
+#include "ostra/piecewise_map_fwd.h"
 #include "vantrel/engine/vantrel_helper.h"
 
 namespace Hw {
@@ -83,6 +84,7 @@ class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
 
   // A row of `size` positions, 0 to size - 1.
   SimulatedTcam(std::string name, Ostra::Ptr<Vantrel::TableStatus> tableStatus, U32 size);
+  ~SimulatedTcam() override;
 
   // Null puts the default back, which throws the violation.
   void violationHandlerIs(ViolationHandler handler);
@@ -160,7 +162,7 @@ class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
   Count count_;
   std::string lastViolation_;
   ViolationHandler handler_;
-  Ostra::PiecewiseMap<EntryKey, Entry> entries_;
+  std::unique_ptr<Ostra::PiecewiseMap<EntryKey, Entry>> const entries_;
   std::map<U32, EntryKey> positions_;
   Order order_;  // by group, then position: the entry's priority
 };

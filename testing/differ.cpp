@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "testing/differ.h"
 
+#include "ostra/piecewise_map.h"
+
 #include <algorithm>
 #include <set>
 #include <sstream>

@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "ostra/piecewise_map.h"
 #include "ostra/type_info.h"
 #include "vantrel/core/trace.h"
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "ostra/mount.h"
+#include "ostra/piecewise_map.h"
 #include "vantrel/engine/debug_entities.h"
 #include "vantrel/sm/flush_status.h"
 

@@ -42,6 +42,7 @@
 #include <vector>
 
 #include "bench/engine/layout.h"
+#include "ostra/piecewise_map.h"
 #include "shoal/local_table.h"
 #include "vantrel/core/tables.h"
 #include "vantrel/engine/vantrel_impl.h"

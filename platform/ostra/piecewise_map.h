@@ -26,11 +26,12 @@
 #include <type_traits>
 #include <utility>
 
+#include "ostra/piecewise_map_fwd.h"
 #include "pallo/types.h"
 
 namespace Ostra {
 
-template <class K, class V, class Hash = boost::hash<K>>
+template <class K, class V, class Hash>
 class PiecewiseMap {
  public:
   // What a look-up needs of a piece before it comes to the members is in one cache line.

@@ -5,6 +5,7 @@
 
 #include "ostra/mount.h"
 #include "ostra/mount_ask.h"
+#include "ostra/piecewise_map.h"
 #include "shoal/writer_table.h"
 #include "tests/support/process.h"
 #include "vantrel/vantrel.h"

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Debug requests: what a snapshot holds, and when it is taken.
+#include "ostra/piecewise_map.h"
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;

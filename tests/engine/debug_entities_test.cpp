@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "ostra/piecewise_map.h"
 #include "vantrel/engine/debug_entities.h"
 #include "ostra/type_info.h"
 

@@ -2,6 +2,7 @@
 // The engine base: its sequence, its attributes, dispatch, dependants, and the hardware client's status
 // writes.
 #include "ostra/exception.h"
+#include "ostra/piecewise_map.h"
 #include "ostra/type_info.h"
 #include "tests/support/engine_world.h"
 

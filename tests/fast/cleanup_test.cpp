@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Clean-up: what an engine withdraws when it goes.
+#include "ostra/piecewise_map.h"
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "tests/support/fast_world.h"
+#include "vantrel/core/trace.h"
 
 using namespace TestSupport;
 using testing::AllOf;

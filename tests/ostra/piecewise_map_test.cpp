@@ -42,7 +42,7 @@ class PiecewiseMapTest : public testing::Test {
     EXPECT_EQ(inPieces, reference.size());
   }
 };
-using Hashes = testing::Types<boost::hash<U64>, Identity, Constant>;
+using Hashes = testing::Types<std::hash<U64>, Identity, Constant>;
 TYPED_TEST_SUITE(PiecewiseMapTest, Hashes);
 
 }  // namespace

@@ -51,7 +51,6 @@ void handleDebug(FastState const& state, DebugConfig const& request, DebugStatus
   VANTREL_TRACE(vantrelFastImplTrace(), 9, "dumping debug state ", requested, " ", answered);
   empty(answer);
   if (requested != 0) {
-    answer.roomIs(state.pending.count(), state.cstate.size());
     showClaims(state, answer);
     showProgrammed(state, answer);
   }

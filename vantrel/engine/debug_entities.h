@@ -10,11 +10,11 @@
 //   (ostra/type_info.h).
 #pragma once
 
-#include <boost/unordered_map.hpp>
-#include <cstddef>
+#include <memory>
 #include <string>
 
 #include "ostra/entity.h"
+#include "ostra/piecewise_map_fwd.h"
 #include "vantrel/core/entry.h"
 
 namespace Vantrel {
@@ -55,53 +55,35 @@ class VANTREL_API DebugStatus : public Ostra::Entity {
     virtual void onStatusOpId(EntryKey const&) {}
     virtual void onVersion() {}
   };
-  // Maps whose buckets can be walked in slices while others change: a snapshot may have a million members.
-  using KeyAtIndex = boost::unordered_map<U32, EntryKey>;
-  using OpIdOfKey = boost::unordered_map<EntryKey, OpId>;
+  using KeyAtIndex = Ostra::PiecewiseMap<U32, EntryKey>;
+  using OpIdOfKey = Ostra::PiecewiseMap<EntryKey, OpId>;
 
-  using Entity::Entity;
+  explicit DebugStatus(std::string name);
+  ~DebugStatus() override;
 
   // The table index that is waited for -> the waiting key.
-  KeyAtIndex const& pending() const { return pending_; }
-  void pendingIs(U32 ti, EntryKey const& key) {
-    memberIs("pending", pending_, ti, key, &Notifiee::onPending);
-  }
-  EntryKey pendingDel(U32 ti) { return memberDel("pending", pending_, ti, &Notifiee::onPending); }
-  void pendingDelAll() { membersDelAll("pending", pending_, &Notifiee::onPending); }
+  KeyAtIndex const& pending() const { return *pending_; }
+  void pendingIs(U32 ti, EntryKey const& key);
+  EntryKey pendingDel(U32 ti);
+  void pendingDelAll();
 
   // The waiting key -> the operation identifier that it waits to program.
-  OpIdOfKey const& pendingOpId() const { return pendingOpId_; }
-  void pendingOpIdIs(EntryKey const& key, OpId const& opId) {
-    memberIs("pendingOpId", pendingOpId_, key, opId, &Notifiee::onPendingOpId);
-  }
-  OpId pendingOpIdDel(EntryKey const& key) {
-    return memberDel("pendingOpId", pendingOpId_, key, &Notifiee::onPendingOpId);
-  }
-  void pendingOpIdDelAll() { membersDelAll("pendingOpId", pendingOpId_, &Notifiee::onPendingOpId); }
+  OpIdOfKey const& pendingOpId() const { return *pendingOpId_; }
+  void pendingOpIdIs(EntryKey const& key, OpId const& opId);
+  OpId pendingOpIdDel(EntryKey const& key);
+  void pendingOpIdDelAll();
 
   // The table index that is programmed -> the key there.
-  KeyAtIndex const& status() const { return status_; }
-  void statusIs(U32 ti, EntryKey const& key) { memberIs("status", status_, ti, key, &Notifiee::onStatus); }
-  EntryKey statusDel(U32 ti) { return memberDel("status", status_, ti, &Notifiee::onStatus); }
-  void statusDelAll() { membersDelAll("status", status_, &Notifiee::onStatus); }
+  KeyAtIndex const& status() const { return *status_; }
+  void statusIs(U32 ti, EntryKey const& key);
+  EntryKey statusDel(U32 ti);
+  void statusDelAll();
 
   // The programmed key -> the operation identifier in hardware.
-  OpIdOfKey const& statusOpId() const { return statusOpId_; }
-  void statusOpIdIs(EntryKey const& key, OpId const& opId) {
-    memberIs("statusOpId", statusOpId_, key, opId, &Notifiee::onStatusOpId);
-  }
-  OpId statusOpIdDel(EntryKey const& key) {
-    return memberDel("statusOpId", statusOpId_, key, &Notifiee::onStatusOpId);
-  }
-  void statusOpIdDelAll() { membersDelAll("statusOpId", statusOpId_, &Notifiee::onStatusOpId); }
-
-  // Room for so many members, so that filling does not stop to grow.
-  void roomIs(std::size_t waiting, std::size_t programmed) {
-    pending_.reserve(waiting);
-    pendingOpId_.reserve(waiting);
-    status_.reserve(programmed);
-    statusOpId_.reserve(programmed);
-  }
+  OpIdOfKey const& statusOpId() const { return *statusOpId_; }
+  void statusOpIdIs(EntryKey const& key, OpId const& opId);
+  OpId statusOpIdDel(EntryKey const& key);
+  void statusOpIdDelAll();
 
   // The DebugConfig version that the collections answer.
   U32 version() const { return version_; }
@@ -113,10 +95,10 @@ class VANTREL_API DebugStatus : public Ostra::Entity {
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
 
  private:
-  KeyAtIndex pending_;
-  OpIdOfKey pendingOpId_;
-  KeyAtIndex status_;
-  OpIdOfKey statusOpId_;
+  std::unique_ptr<KeyAtIndex> const pending_;
+  std::unique_ptr<OpIdOfKey> const pendingOpId_;
+  std::unique_ptr<KeyAtIndex> const status_;
+  std::unique_ptr<OpIdOfKey> const statusOpId_;
   U32 version_ = 0;
 };
 

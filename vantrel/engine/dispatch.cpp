@@ -6,6 +6,7 @@
 //   any other record         -> processEntry(record), after the delete of the key that owned its handle
 //
 // Whether an add-or-update is an add, an update or a move is not decided here.
+#include "ostra/piecewise_map.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/engine/asserts.h"
 #include "vantrel/engine/vantrel_impl.h"

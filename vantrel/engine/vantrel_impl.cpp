@@ -2,6 +2,7 @@
 // The sequence in which one key is handled, and what a concrete engine must provide.
 #include "vantrel/engine/vantrel_impl.h"
 
+#include "ostra/piecewise_map.h"
 #include "ostra/type_info.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/engine/asserts.h"
@@ -16,7 +17,9 @@ VantrelImpl::VantrelImpl(std::string name, Ostra::Ptr<TableConfig const> tableCo
       debugConfig_(std::move(debugConfig)),
       debugStatus_(std::move(debugStatus)),
       helper_(std::move(helper)),
-      lgId_(lgId) {
+      lgId_(lgId),
+      handleToKey_(std::make_unique<KeyOfHandle>()),
+      keyToHandle_(std::make_unique<HandleOfKey>()) {
   VantrelImpl::handleInitialized();
 }
 
@@ -43,6 +46,30 @@ void VantrelImpl::yieldNow() const {
   auto const running = yield_;
   (*running)();
   momentPassed();
+}
+
+VantrelHelper& VantrelImpl::hardware() const {
+  momentPassed();
+  return *helper_;
+}
+
+void VantrelImpl::handleToKeyIs(U64 handle, EntryKey const& key) {
+  memberIs("handleToKey", *handleToKey_, handle, key, &Notifiee::onHandleToKey);
+}
+void VantrelImpl::handleToKeyDel(U64 handle) {
+  memberDel("handleToKey", *handleToKey_, handle, &Notifiee::onHandleToKey);
+}
+void VantrelImpl::handleToKeyDelAll() {
+  membersDelAll("handleToKey", *handleToKey_, &Notifiee::onHandleToKey);
+}
+void VantrelImpl::keyToHandleIs(EntryKey const& key, U64 handle) {
+  memberIs("keyToHandle", *keyToHandle_, key, handle, &Notifiee::onKeyToHandle);
+}
+void VantrelImpl::keyToHandleDel(EntryKey const& key) {
+  memberDel("keyToHandle", *keyToHandle_, key, &Notifiee::onKeyToHandle);
+}
+void VantrelImpl::keyToHandleDelAll() {
+  membersDelAll("keyToHandle", *keyToHandle_, &Notifiee::onKeyToHandle);
 }
 
 void VantrelImpl::checkDeadlock() {}

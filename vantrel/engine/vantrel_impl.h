@@ -15,9 +15,8 @@
 #include <utility>
 
 #include "ostra/entity.h"
-#include "ostra/piecewise_map.h"
+#include "ostra/piecewise_map_fwd.h"
 #include "vantrel/core/tables.h"
-#include "vantrel/core/trace.h"
 #include "vantrel/engine/debug_entities.h"
 #include "vantrel/engine/vantrel_helper.h"
 
@@ -104,10 +103,7 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   Ostra::Ptr<DebugStatus> const& debugStatus() const { return debugStatus_; }
   Ostra::Ptr<VantrelHelper> const& helper() const { return helper_; }
   // The same, to be called now: hardware takes its time, which the trace file shows.
-  VantrelHelper& hardware() const {
-    momentPassed();
-    return *helper_;
-  }
+  VantrelHelper& hardware() const;
   U32 lgId() const { return lgId_; }
 
   // How many times dependant tables are tried for one key before it is given up for now.
@@ -133,23 +129,15 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   void initializedIs(bool v) { scalarIs("initialized", initialized_, v, &Notifiee::onInitialized); }
 
   // Which key owns a handle. A key that changed its handle is still named under the old one.
-  KeyOfHandle const& handleToKey() const { return handleToKey_; }
-  void handleToKeyIs(U64 handle, EntryKey const& key) {
-    memberIs("handleToKey", handleToKey_, handle, key, &Notifiee::onHandleToKey);
-  }
-  void handleToKeyDel(U64 handle) {
-    memberDel("handleToKey", handleToKey_, handle, &Notifiee::onHandleToKey);
-  }
-  void handleToKeyDelAll() { membersDelAll("handleToKey", handleToKey_, &Notifiee::onHandleToKey); }
+  KeyOfHandle const& handleToKey() const { return *handleToKey_; }
+  void handleToKeyIs(U64 handle, EntryKey const& key);
+  void handleToKeyDel(U64 handle);
+  void handleToKeyDelAll();
   // The handle of each key.
-  HandleOfKey const& keyToHandle() const { return keyToHandle_; }
-  void keyToHandleIs(EntryKey const& key, U64 handle) {
-    memberIs("keyToHandle", keyToHandle_, key, handle, &Notifiee::onKeyToHandle);
-  }
-  void keyToHandleDel(EntryKey const& key) {
-    memberDel("keyToHandle", keyToHandle_, key, &Notifiee::onKeyToHandle);
-  }
-  void keyToHandleDelAll() { membersDelAll("keyToHandle", keyToHandle_, &Notifiee::onKeyToHandle); }
+  HandleOfKey const& keyToHandle() const { return *keyToHandle_; }
+  void keyToHandleIs(EntryKey const& key, U64 handle);
+  void keyToHandleDel(EntryKey const& key);
+  void keyToHandleDelAll();
 
   static Ostra::TypeInfo const& staticType();
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
@@ -185,8 +173,8 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   bool initialized_ = false;
   Forethought forethought_ = nullptr;
   std::shared_ptr<Yield const> yield_;
-  KeyOfHandle handleToKey_;
-  HandleOfKey keyToHandle_;
+  std::unique_ptr<KeyOfHandle> const handleToKey_;
+  std::unique_ptr<HandleOfKey> const keyToHandle_;
 };
 
 }  // namespace Vantrel

@@ -7,6 +7,7 @@
 //   delete 7, its status; flush       programmed: |   |   |   |
 //
 // It does not touch the configuration table, nor a key that has no handle.
+#include "ostra/piecewise_map.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
 
