@@ -18,8 +18,10 @@ namespace Shoal {
 
 Format::Header newHeader(Shape const& shape, U32 ringEntries);
 
-// Takes the writer's lock of an open table file, or throws WriterLockedException.
+// Takes the writer's lock of an open file, or throws WriterLockedException. Changes nothing in it.
 void lockForWriting(std::string const& path, int file);
+// Writes this process's number into a table file that it locked, for the message to others.
+void nameHolder(std::string const& path, int file);
 
 // Space is taken before it is written: a full file system answers here, not with a signal at some store. Throws
 // NoSpaceException, and the file has the length it had.
@@ -27,8 +29,8 @@ void allocate(int file, std::string const& path, U64 offset, U64 bytes);
 
 class NewFile {
  public:
-  // `path` is where it is to be.
-  NewFile(std::string path, Format::Header const& header);
+  // `path` is where it is to be; `changes` how many were announced there before, which it goes on to count.
+  NewFile(std::string path, Format::Header const& header, U64 changes);
   ~NewFile();
   NewFile(NewFile const&) = delete;
   NewFile& operator=(NewFile const&) = delete;
@@ -39,6 +41,7 @@ class NewFile {
 
  private:
   void open();
+  void write(Format::Header const& header, U64 changes);
 
   std::string const path_;
   std::string const fresh_;
