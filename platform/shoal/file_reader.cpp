@@ -77,6 +77,7 @@ class FileReader::State {
   };
 
   void openFile();
+  bool openIfThere();
   bool mend();
   bool isCurrent() const;
   void follow();
@@ -118,12 +119,10 @@ FileReader::State::State(std::string path, Shape const& shape, Sink& sink, Prese
       typeName_(shape.typeName),
       shape_{typeName_, shape.version, shape.imageBytes, shape.tailAt},
       sink_(sink) {
-  try {
+  if (presence == Presence::required)
     openFile();
-  } catch (FileException const& error) {
-    if (presence == Presence::required) throw;
-    if (error.reason() != FileException::Reason::missing) problem_ = error.what();
-  }
+  else
+    openIfThere();
 }
 
 void FileReader::State::openFile() {
@@ -144,21 +143,32 @@ bool FileReader::State::isCurrent() const {
   return view_ && mapping_->isCurrent() && !mapping_->cutShort() && !view_->isWrittenOver();
 }
 
-// What cannot be opened now, for want of descriptors perhaps, is tried again soon; what is no such table, when
-// something else happens. A table that is removed is read on until there is another.
+// A table that is removed is read on until there is another.
 void FileReader::State::follow() {
   followOwed_ = !isCurrent();
-  if (!followOwed_) return;
+  if (!followOwed_) return problem_.clear();
+  followOwed_ = !openIfThere();
+  if (followOwed_) return;
+  wholeOwed_ = true;
+  watch_->lookAgain();  // it is registered with the file at hand
+}
+
+// What cannot be opened now, for want of descriptors perhaps, is tried again soon; what is no such table, when
+// something else happens.
+bool FileReader::State::openIfThere() {
   try {
     openFile();
-    followOwed_ = false;
-    wholeOwed_ = true;
+    return true;
   } catch (FileException const& error) {
-    if (error.reason() == FileException::Reason::notAllowed) watch_->lookAgainSoon();
-    if (error.reason() != FileException::Reason::missing) complain(error.what());
-  } catch (Pallo::CorruptionDetectedException const& error) {
+    if (error.reason() == FileException::Reason::notAllowed && watch_) watch_->lookAgainSoon();
+    if (error.reason() == FileException::Reason::missing)
+      problem_.clear();
+    else
+      complain(error.what());
+  } catch (Pallo::Exception const& error) {
     complain(error.what());
   }
+  return false;
 }
 
 // Once, however often it is tried.

@@ -11,8 +11,8 @@
 #include <fstream>
 #include <functional>
 
-#include "fixture.h"
 #include "shoal/inspect.h"
+#include "watching.h"
 
 namespace ShoalTest {
 namespace {
@@ -132,6 +132,28 @@ TEST(FullFileSystem, DoesNotEndAReader) {
     writer.entryDel(EntryKey(1));
     settle(*reader);
     EXPECT_EQ(watcher.seen, contents(writer));
+  });
+}
+
+// Whoever truncates the page of flags where there is no space to give it back: everybody is woken at each change.
+TEST(FullFileSystem, CostsNoWakeUp) {
+  onASmallFileSystem([](std::string const& dir) {
+    Writer writer(dir + "/t");
+    Watched w(dir + "/t");
+    writer.entryIs(record(1, 1));
+    ASSERT_TRUE(w.sees(1, 1, 1500));
+    std::filesystem::resize_file(dir + "/t.watch/slots", 0);
+    std::ofstream(dir + "/ballast") << std::string(8 * 1024 * 1024, 'x');
+    for (U64 version = 2; version < 5; ++version) {
+      writer.entryIs(record(1, version));
+      EXPECT_TRUE(w.sees(1, version, 1500)) << version;
+    }
+    std::filesystem::remove(dir + "/ballast");
+    writer.entryIs(record(1, 5));
+    EXPECT_EQ(std::filesystem::file_size(dir + "/t.watch/slots"), Shoal::Flags::bytes);
+    for (int look = 0; look < 2; ++look) w.awaitLook();
+    writer.entryIs(record(1, 6));
+    EXPECT_TRUE(w.sees(1, 6, 700)) << "it sleeps in the page again";
   });
 }
 

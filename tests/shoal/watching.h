@@ -37,14 +37,16 @@ struct Watched {
   bool dispatchUntil(std::function<bool()> const& done, int milliseconds) {
     auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
     while (!done()) {
-      auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+      auto const left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
       if (left.count() <= 0) return false;
       if (readable(reader->fd(), static_cast<int>(left.count()))) reader->dispatch();
     }
     return true;
   }
   bool sees(U64 key, U64 version, int milliseconds) {
-    return dispatchUntil([&] { return watcher.seen.contains(key) && watcher.seen[key] == version; }, milliseconds);
+    return dispatchUntil([&] { return watcher.seen.contains(key) && watcher.seen[key] == version; },
+                         milliseconds);
   }
   // Dispatches until its next look, which it takes once a second. There is a second until the one after that.
   void awaitLook() {
@@ -60,7 +62,8 @@ struct Watched {
 inline unsigned slotsTaken(std::string const& tablePath) {
   Pallo::Descriptor const page(open((tablePath + ".watch/slots").c_str(), O_RDWR | O_CLOEXEC));
   unsigned taken = 0;
-  for (unsigned slot = 0; slot < Shoal::Sidecar::slots; ++slot) taken += Pallo::FileLock::isHeld(page.get(), slot);
+  for (unsigned slot = 0; slot < Shoal::Sidecar::slots; ++slot)
+    taken += Pallo::FileLock::isHeld(page.get(), slot);
   return taken;
 }
 
