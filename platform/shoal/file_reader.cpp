@@ -4,9 +4,9 @@
 //   ring of changes:   ... | 7: k3 | 8: k9 | 9: k3 |        position_ = 8: k9 is told next
 //                                            ^ head
 //
-// One that reads no slower than the ring goes round is told key by key. One that fell behind, or whose file became
-// another, is told of each key that it knew and that vanished, and then that anything may have changed. It knows the
-// keys that were told and those that a walk met.
+// One that reads no slower than the ring goes round is told key by key. One that fell behind, or whose file
+// became another, is told of each key that it knew and that vanished, and then that anything may have
+// changed. It knows the keys that were told and those that a walk met.
 //
 // It never decides what a change means, and it waits for nobody.
 #include <algorithm>
@@ -28,8 +28,8 @@ namespace Shoal {
 namespace {
 
 constexpr double usualSlice = 0.002;  // seconds
-// How many changes ahead of a told one the index line is prefetched, and then the record: each early enough for the
-// memory, and late enough to be still there.
+// How many changes ahead of a told one the index line is prefetched, and then the record: each early enough
+// for the memory, and late enough to be still there.
 constexpr U64 lineAhead = 8;
 constexpr U64 recordAhead = 4;
 
@@ -137,8 +137,8 @@ void FileReader::State::openFile() {
   problem_.clear();
 }
 
-// Neither another file at the path, nor one that was truncated and may be whole again, nor another table in it. An
-// older state of this one has fewer changes, and is taken for falling behind.
+// Neither another file at the path, nor one that was truncated and may be whole again, nor another table in
+// it. An older state of this one has fewer changes, and is taken for falling behind.
 bool FileReader::State::isCurrent() const {
   return view_ && mapping_->isCurrent() && !mapping_->cutShort() && !view_->isWrittenOver();
 }
@@ -153,8 +153,8 @@ void FileReader::State::follow() {
   watch_->lookAgain();  // it is registered with the file at hand
 }
 
-// What cannot be opened now, for want of descriptors perhaps, is tried again soon; what is no such table, when
-// something else happens.
+// What cannot be opened now, for want of descriptors perhaps, is tried again soon; what is no such table,
+// when something else happens.
 bool FileReader::State::openIfThere() {
   try {
     openFile();
@@ -215,7 +215,8 @@ std::optional<FilePlace> FileReader::State::walk(U64 hint, bool told) {
 
 // ---- Telling
 
-// Between its mounting and the beginning of the watch the file may have been replaced, and its writer may have died.
+// Between its mounting and the beginning of the watch the file may have been replaced, and its writer may
+// have died.
 int FileReader::State::fd() {
   if (!watch_) {
     watch_.emplace(path_);
@@ -335,8 +336,8 @@ void FileReader::State::tell(U64 key) {
   learn(told);
 }
 
-// Keep the key unless everyone who looked found it absent: who found it present must be told of its removal. Where
-// nobody looked, look here.
+// Keep the key unless everyone who looked found it absent: who found it present must be told of its removal.
+// Where nobody looked, look here.
 void FileReader::State::learn(Telling const& told) {
   telling_ = told.outer;
   if (told.present || (!told.absent && view_->contains(told.key)))

@@ -155,8 +155,8 @@ void Sidecar::refuseAnothersFiles() const {
   }
 }
 
-// Lets the group in that may read the table, whatever this process's own is; where the file cannot be given to it,
-// no group.
+// Lets the group in that may read the table, whatever this process's own is; where the file cannot be given
+// to it, no group.
 void Sidecar::admit(int file, mode_t mode, gid_t group) const {
   bool const given = statusOf(file).st_gid == group || ::fchown(file, -1U, group) == 0;
   if (::fchmod(file, given ? mode : mode & ~mode_t{0070}) != 0)
@@ -249,9 +249,9 @@ void Doorbells::wake(Watcher const& watcher) {
   rung_ += write(watcher.fifo.get(), "w", 1) == 1;
 }
 
-// The truncation of the page took the flags with it: everybody is woken, at each change until there is space for the
-// page. Opened for reading too, so that a FIFO whose watcher died raises no SIGPIPE. A watcher that there is no
-// descriptor for is looked for again at the next change.
+// The truncation of the page took the flags with it: everybody is woken, at each change until there is space
+// for the page. Opened for reading too, so that a FIFO whose watcher died raises no SIGPIPE. A watcher that
+// there is no descriptor for is looked for again at the next change.
 void Doorbells::findWatchers() {
   bool const cut = flags_.registrations().load(std::memory_order_seq_cst) == 0;
   if (cut && flags_.restore()) flags_.registrations().store(seen_ + 1 == 0 ? 1 : seen_ + 1);

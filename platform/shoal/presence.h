@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Presence: who watches a table, who of them sleeps, and how the writer wakes them.
 //
-//   FILE.watch/slots      | asleep 0 | asleep 1 | ... | asleep 255 |        | registrations |     one page, mapped
+//   FILE.watch/slots      | asleep 0 | asleep 1 | ... | asleep 255 |      | registrations |     a mapped page
 //   FILE.watch/0 ... 255  a FIFO for each slot
 //
 //   watcher                                        writer
@@ -10,13 +10,14 @@
 //   asleep = 1                                     asleep? then asleep = 0, and a byte into the slot's FIFO
 //   last look at the table, then poll the FIFO
 //
-// The change is announced before registrations and flags are read, and a watcher registers and says that it sleeps
-// before its last look: one of the two sees the other. (testing/shoal/wake.pml is the model.) A watcher that died
-// has no lock any more. A writer that died has closed the FIFOs, which its watchers see as a hang-up.
+// The change is announced before registrations and flags are read, and a watcher registers and says that it
+// sleeps before its last look: one of the two sees the other. (testing/shoal/wake.pml is the model.) A
+// watcher that died has no lock any more. A writer that died has closed the FIFOs, which its watchers see as
+// a hang-up.
 //
-// What it does not do: withstand those who may open what is in the directory, the members of the table's group most
-// often. One who overwrites the flags or reads a FIFO that is not his delays a wake-up until the watcher's next look,
-// which Watch takes once a second.
+// What it does not do: withstand those who may open what is in the directory, the members of the table's
+// group most often. One who overwrites the flags or reads a FIFO that is not his delays a wake-up until the
+// watcher's next look, which Watch takes once a second.
 #pragma once
 
 #include <sys/types.h>
@@ -34,11 +35,12 @@ namespace Shoal {
 
 // The directory FILE.watch.
 //
-// Invariants: it and all in it belong to one user, who is the table's owner, root, or this process's; nobody else
-//   may write it. So nobody acts on what another put there: watchers make nothing, and a writer only in a directory
-//   of its own. It is made beside its place and moved there when it is complete. No link is followed, and owner and
-//   mode are changed through descriptors, never by name. Whoever may read the table may open what is inside.
-// Cost: making it, some 1500 system calls; finding it complete, 256.
+// Invariants: it and all in it belong to one user, who is the table's owner, root, or this process's; nobody
+//   else may write it. So nobody acts on what another put there: watchers make nothing, and a writer only in
+//   a directory of its own. It is made beside its place and moved there when it is complete. No link is
+//   followed, and owner and mode are changed through descriptors, never by name. Whoever may read the table
+//   may open what is inside.
+// Cost: making it, some 1800 system calls; finding it complete, 256.
 // Errors: FileException.
 class Sidecar {
  public:
@@ -130,7 +132,8 @@ class Doorbells {
 
 // A watcher's side: its slot.
 //
-// Errors: FileException when there is no slot to be had now; Pallo::Exception when nothing more can be mapped.
+// Errors: FileException when there is no slot to be had now; Pallo::Exception when nothing more can be
+//   mapped.
 class Registration {
  public:
   Registration(std::string const& tablePath, int table);
@@ -143,8 +146,8 @@ class Registration {
   // Takes what made it readable.
   void drain() const;
   void asleepIs(bool asleep) { flags_.asleep(slot_).store(asleep, std::memory_order_seq_cst); }
-  // Nobody will wake this watcher here: the page was truncated, or the directory, the page, or the FIFO is another
-  // by now.
+  // Nobody will wake this watcher here: the page was truncated, or the directory, the page, or the FIFO is
+  // another by now.
   bool isLost() const;
   bool isPageLost() const { return flags_.isLost(); }
 

@@ -138,8 +138,8 @@ Watch::News Watch::drain(int table) {
   return news;
 }
 
-// Edge-triggered: a FIFO that was hung up stays so until the next writer. Where there is no sidecar directory, there
-// is no writer.
+// Edge-triggered: a FIFO that was hung up stays so until the next writer. Where there is no sidecar
+// directory, there is no writer.
 void Watch::registerAnew(int table, News& news) {
   if (registration_) poller_.remove(registration_->fd());
   registration_.reset();

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Watch: a descriptor to poll, which becomes readable when there may be something new about a table at a path: a
-// change in it, another file, another writer.
+// Watch: a descriptor to poll, which becomes readable when there may be something new about a table at a
+// path: a change in it, another file, another writer.
 //
-// Three sources, the later ones for what the earlier ones cannot tell: the slot's FIFO, for changes and for a
-// writer's end; inotify on the table's directory, for a file that appears, replaces the table or was written over,
-// and for the end of a writer that had not met this watcher; and a look once a second, for all else: a wake-up that
-// somebody stole, a process without a descriptor to spare.
+// Three sources, the later ones for what the earlier ones cannot tell: the slot's FIFO, for changes and for
+// a writer's end; inotify on the table's directory, for a file that appears, replaces the table or was
+// written over, and for the end of a writer that had not met this watcher; and a look once a second, for all
+// else: a wake-up that somebody stole, a process without a descriptor to spare.
 //
 // Invariants: asleepIs(true) before the last look at the table: then whoever changes it afterwards wakes this
 //   watcher. Whatever happens, it wakes once a second.

@@ -1,13 +1,14 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
- * Waking a sleeping watcher. The writer announces a change, then reads the count of registrations and the watcher's
- * flag; the watcher locks its slot, counts itself, and says that it sleeps before its last look at the announcements.
- * The writer may end at any step and another take over; the watcher hears of that by its FIFO's hang-up, or from the
- * table's directory when that writer had not met it. The watcher may give its slot back and take it again.
+ * Waking a sleeping watcher. The writer announces a change, then reads the count of registrations and the
+ * watcher's flag; the watcher locks its slot, counts itself, and says that it sleeps before its last look at
+ * the announcements. The writer may end at any step and another take over; the watcher hears of that by its
+ * FIFO's hang-up, or from the table's directory when that writer had not met it. The watcher may give its
+ * slot back and take it again.
  *
- * Promise: the watcher never comes to rest beside a change that it has not read, beside a writer that lives, and one
- * that was published but not counted when the last writer ended included. There is no look once a second here: no
- * wake-up depends on it.
+ * Promise: the watcher never comes to rest beside a change that it has not read, beside a writer that lives,
+ * and one that was published but not counted when the last writer ended included. There is no look once a
+ * second here: no wake-up depends on it.
  *
  * Each SWAP_... takes two steps in the wrong order, which must break the promise.
  */

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A reader of a table that is not there, or whose place something else has: it reads as empty, what is there is said
-// once, and the table is followed when it comes, without another look at the path by its user.
+// A reader of a table that is not there, or whose place something else has: it reads as empty, what is there
+// is said once, and the table is followed when it comes, without another look at the path by its user.
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 

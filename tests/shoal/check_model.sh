@@ -1,7 +1,7 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# Checks one model exhaustively: check_model.sh MODEL [FAULT...]. The model must keep its promise, and break it with
-# each FAULT defined. Exit 77 when spin is not installed.
+# Checks one model exhaustively: check_model.sh MODEL [FAULT...]. The model must keep its promise, and break
+# it with each FAULT defined. Exit 77 when spin is not installed.
 set -eu
 command -v spin >/dev/null || { echo "spin is not installed: the model is not checked"; exit 77; }
 work=$(mktemp -d)

@@ -135,7 +135,8 @@ TEST(FullFileSystem, DoesNotEndAReader) {
   });
 }
 
-// Whoever truncates the page of flags where there is no space to give it back: everybody is woken at each change.
+// Whoever truncates the page of flags where there is no space to give it back: everybody is woken at each
+// change.
 TEST(FullFileSystem, CostsNoWakeUp) {
   onASmallFileSystem([](std::string const& dir) {
     Writer writer(dir + "/t");

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whom the writer's lock names to another: its holder, also to a child of its, and also where the holder is a
-// process that cannot be seen. What is locked is a table, and goes on with the numbers of the one it replaces.
+// Whom the writer's lock names to another: its holder, also to a child of its, and also where the holder is
+// a process that cannot be seen. What is locked is a table, and goes on with the numbers of the one it
+// replaces.
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <signal.h>

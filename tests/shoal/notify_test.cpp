@@ -204,7 +204,8 @@ TEST(Notification, EachWatcherHasItsOwnPace) {
   EXPECT_EQ(quick.watcher.seen, slow.watcher.seen);
 }
 
-// In a process of its own: dispatches until the last key is seen, then says what it knows through its exit status.
+// In a process of its own: dispatches until the last key is seen, then says what it knows through its exit
+// status.
 pid_t startReader(std::string const& path, U64 expected, unsigned pause) {
   return startChild([=] {
     Watched w(path);
@@ -554,8 +555,8 @@ TEST(Notification, AWatcherWithoutSpareDescriptorsHearsAndRests) {
   EXPECT_EQ(statusOf(child), 0) << "3: never woken; 4: woken without end";
 }
 
-// A watch that cannot begin leaves nothing behind, and says what was missing. It needs a descriptor to show and a
-// timer, and with those it looks once a second.
+// A watch that cannot begin leaves nothing behind, and says what was missing. It needs a descriptor to show
+// and a timer, and with those it looks once a second.
 TEST(Notification, AWatchThatFailsKeepsNoDescriptor) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "without a descriptor the sanitizer takes an exception's type for damaged";
@@ -589,8 +590,8 @@ TEST(Notification, AWatchThatFailsKeepsNoDescriptor) {
   }
 }
 
-// A watch that lacks the descriptors for its slot looks once a second, says so once, and is woken at once when it
-// has them.
+// A watch that lacks the descriptors for its slot looks once a second, says so once, and is woken at once
+// when it has them.
 TEST(Notification, AWatchShortOfDescriptorsRegistersLater) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "without a descriptor the sanitizer takes an exception's type for damaged";

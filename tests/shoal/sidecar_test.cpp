@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The directory beside a table in the hands of those who mean it harm: links and other things in the place of its
-// files, flags that are cut or overwritten, FIFOs that are removed or read by others, other users and their umasks.
-// Nothing outside is touched, what is wrong is said once, and every change is told within a second.
+// The directory beside a table in the hands of those who mean it harm: links and other things in the place
+// of its files, flags that are cut or overwritten, FIFOs that are removed or read by others, other users and
+// their umasks. Nothing outside is touched, what is wrong is said once, and every change is told within a
+// second.
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <sys/stat.h>
@@ -98,7 +99,8 @@ TEST(Sidecar, AWriterFollowsNoLinkInItsOwnDirectory) {
       for (bool const complete : {true, false}) {
         if (!complete && name != "slots") fs::remove(dir / "t.watch/slots");
         std::string const said = refusal(dir / "t");
-        EXPECT_TRUE((name != "slots" && complete) || said.find("t.watch/" + name) != std::string::npos) << said;
+        EXPECT_TRUE((name != "slots" && complete) || said.find("t.watch/" + name) != std::string::npos)
+            << said;
         outside.expectUntouched();
       }
     }
@@ -200,7 +202,8 @@ int plantUntilEnded(std::string const& table, Outside const& outside) {
       for (std::string const& name : std::initializer_list<std::string>{"slots", "0", "1", "255"})
         if (symlink(aim.c_str(), (own + "/" + name).c_str()) != 0) break;
       usleep(round % 50);
-      for (std::string const& name : std::initializer_list<std::string>{"slots", "0", "1", "255"}) unlink((own + "/" + name).c_str());
+      for (std::string const& name : std::initializer_list<std::string>{"slots", "0", "1", "255"})
+        unlink((own + "/" + name).c_str());
       rmdir(own.c_str());
     }
   }
@@ -435,8 +438,8 @@ TEST(Sidecar, AWatcherWithoutAGuardForItsFlagsLooks) {
 
 // ---- Users
 
-// The owner writes under a umask; another of its group reads and is woken, a stranger is refused or reads, as the
-// table's mode says.
+// The owner writes under a umask; another of its group reads and is woken, a stranger is refused or reads,
+// as the table's mode says.
 class Umask : public testing::TestWithParam<mode_t> {};
 
 TEST_P(Umask, LetsThoseWhoMayReadWatch) {
@@ -493,10 +496,11 @@ TEST_P(Umask, LetsThoseWhoMayReadWatch) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Sidecar, Umask, testing::Values(0022, 0027, 0007, 0077 & 0027), [](auto const& mask) {
-  return std::to_string(mask.param / 64) + std::to_string(mask.param / 8 % 8) + std::to_string(mask.param % 8) + "At" +
-         std::to_string(mask.index);
-});
+INSTANTIATE_TEST_SUITE_P(Sidecar, Umask, testing::Values(0022, 0027, 0007, 0077 & 0027),
+                         [](auto const& mask) {
+                           return std::to_string(mask.param / 64) + std::to_string(mask.param / 8 % 8) +
+                                  std::to_string(mask.param % 8) + "At" + std::to_string(mask.index);
+                         });
 
 // ---- Beginnings
 
@@ -523,7 +527,8 @@ TEST(Sidecar, IsCompletedByTheNextWriter) {
   Directory dir;
   { Writer const make(dir / "t"); }
   fs::rename(dir / "t.watch", dir / "t.watch.new");
-  for (std::string const& name : std::initializer_list<std::string>{"slots", "100", "255"}) fs::remove(dir / ("t.watch.new/" + name));
+  for (std::string const& name : std::initializer_list<std::string>{"slots", "100", "255"})
+    fs::remove(dir / ("t.watch.new/" + name));
   chmod((dir / "t.watch.new").c_str(), 0700);
   Writer writer(dir / "t");
   EXPECT_FALSE(fs::exists(dir / "t.watch.new"));
@@ -541,11 +546,13 @@ TEST(Sidecar, FollowsTheTablesModeAtTheNextWriter) {
     stat((dir / name).c_str(), &status);
     return status.st_mode & 07777;
   };
-  for (auto const& [table, directory, file] : {std::tuple{0644U, 0755U, 0666U}, {0600U, 0700U, 0600U}, {0640U, 0750U, 0660U}}) {
+  for (auto const& [table, directory, file] :
+       {std::tuple{0644U, 0755U, 0666U}, {0600U, 0700U, 0600U}, {0640U, 0750U, 0660U}}) {
     chmod((dir / "t").c_str(), table);
     { Writer const next(dir / "t"); }
     EXPECT_EQ(mode("t.watch"), directory);
-    for (char const* const name : {"t.watch/slots", "t.watch/0", "t.watch/255"}) EXPECT_EQ(mode(name), file) << name;
+    for (char const* const name : {"t.watch/slots", "t.watch/0", "t.watch/255"})
+      EXPECT_EQ(mode(name), file) << name;
   }
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the tests of watching have in common: a watched table, children that must be waited for, and processes that
-// have no descriptor to spare.
+// What the tests of watching have in common: a watched table, children that must be waited for, and
+// processes that have no descriptor to spare.
 #pragma once
 
 #include <fcntl.h>
@@ -67,7 +67,8 @@ inline unsigned slotsTaken(std::string const& tablePath) {
   return taken;
 }
 
-// Runs `act` in a process of its own, which ends with its parent. It exits with what `act` returns; 99: it threw.
+// Runs `act` in a process of its own, which ends with its parent. It exits with what `act` returns; 99: it
+// threw.
 inline pid_t startChild(std::function<int()> const& act) {
   std::fflush(nullptr);
   pid_t const child = fork();
