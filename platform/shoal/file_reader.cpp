@@ -153,14 +153,14 @@ void FileReader::State::follow() {
   watch_->lookAgain();  // it is registered with the file at hand
 }
 
-// What cannot be opened now, for want of descriptors perhaps, is tried again soon; what is no such table,
-// when something else happens.
+// What cannot be opened for want of descriptors or memory is tried again soon; what is no such table, at the
+// next look.
 bool FileReader::State::openIfThere() {
   try {
     openFile();
     return true;
   } catch (FileException const& error) {
-    if (error.reason() == FileException::Reason::notAllowed && watch_) watch_->lookAgainSoon();
+    if (error.reason() == FileException::Reason::shortOfMeans && watch_) watch_->lookAgainSoon();
     if (error.reason() == FileException::Reason::missing)
       problem_.clear();
     else

@@ -117,6 +117,7 @@ TEST_P(Blocked, IsSaidOnceAndWaitedFor) {
     EXPECT_THAT(w.reader->problem(), HasSubstr(GetParam().said));
     EXPECT_EQ(w.reader->corruptions(), 1U) << w.reader->lastCorruption();
     EXPECT_THAT(w.reader->lastCorruption(), HasSubstr(GetParam().said));
+    EXPECT_FALSE(readable(w.reader->fd(), atOnce)) << "it looks once a second";
     fs::remove_all(path);
     w.awaitLook();
     EXPECT_THAT(w.reader->problem(), IsEmpty()) << "nothing is in its place any more";
