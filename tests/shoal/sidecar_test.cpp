@@ -20,7 +20,6 @@ namespace ShoalTest {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::AnyOf;
 using testing::HasSubstr;
 
 constexpr int aLook = 1500;  // milliseconds in which a look once a second comes for certain
@@ -496,11 +495,10 @@ TEST_P(Umask, LetsThoseWhoMayReadWatch) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Sidecar, Umask, testing::Values(0022, 0027, 0007, 0077 & 0027),
-                         [](auto const& mask) {
-                           return std::to_string(mask.param / 64) + std::to_string(mask.param / 8 % 8) +
-                                  std::to_string(mask.param % 8) + "At" + std::to_string(mask.index);
-                         });
+INSTANTIATE_TEST_SUITE_P(Sidecar, Umask, testing::Values(0022, 0027, 0007), [](auto const& mask) {
+  return std::to_string(mask.param / 64) + std::to_string(mask.param / 8 % 8) +
+         std::to_string(mask.param % 8);
+});
 
 // ---- Beginnings
 
