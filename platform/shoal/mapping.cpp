@@ -44,7 +44,8 @@ Pallo::Descriptor openTableFile(std::string const& path, Access access) {
   return file;
 }
 
-// A process whose address space is limited gets a smaller window; growth beyond it is refused where it happens.
+// A process whose address space is limited gets a smaller window; growth beyond it is refused where it
+// happens.
 Mapping::Mapping(std::string path, Pallo::Descriptor file, Access access)
     : path_(std::move(path)), file_(std::move(file)), access_(access) {
   for (window_ = Format::windowBytes; !map(nullptr, 0); window_ /= 2)
