@@ -17,6 +17,7 @@ class VANTREL_API FileException : public Pallo::Exception {
   enum class Reason {
     missing,
     notAllowed,
+    shortOfMeans,  // of descriptors or memory: it may be had soon
     notATable,
     truncated,
     otherRecord,

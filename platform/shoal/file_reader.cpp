@@ -4,9 +4,9 @@
 //   ring of changes:   ... | 7: k3 | 8: k9 | 9: k3 |        position_ = 8: k9 is told next
 //                                            ^ head
 //
-// One that reads no slower than the ring goes round is told key by key. One that fell behind, or whose file became
-// another, is told of each key that it knew and that vanished, and then that anything may have changed. It knows the
-// keys that were told and those that a walk met.
+// One that reads no slower than the ring goes round is told key by key. One that fell behind, or whose file
+// became another, is told of each key that it knew and that vanished, and then that anything may have
+// changed. It knows the keys that were told and those that a walk met.
 //
 // It never decides what a change means, and it waits for nobody.
 #include <algorithm>
@@ -28,8 +28,8 @@ namespace Shoal {
 namespace {
 
 constexpr double usualSlice = 0.002;  // seconds
-// How many changes ahead of a told one the index line is prefetched, and then the record: each early enough for the
-// memory, and late enough to be still there.
+// How many changes ahead of a told one the index line is prefetched, and then the record: each early enough
+// for the memory, and late enough to be still there.
 constexpr U64 lineAhead = 8;
 constexpr U64 recordAhead = 4;
 
@@ -88,6 +88,7 @@ class FileReader::State {
   };
 
   void openFile();
+  bool openIfThere();
   bool mend();
   bool isCurrent() const;
   void follow();
@@ -129,12 +130,10 @@ FileReader::State::State(std::string path, Shape const& shape, Sink& sink, Prese
       typeName_(shape.typeName),
       shape_{typeName_, shape.version, shape.imageBytes, shape.tailAt},
       sink_(sink) {
-  try {
+  if (presence == Presence::required)
     openFile();
-  } catch (FileException const& error) {
-    if (presence == Presence::required) throw;
-    if (error.reason() != FileException::Reason::missing) problem_ = error.what();
-  }
+  else
+    openIfThere();
 }
 
 void FileReader::State::openFile() {
@@ -149,25 +148,38 @@ void FileReader::State::openFile() {
   problem_.clear();
 }
 
-// Neither another file at the path, nor one that was truncated and may be whole again, nor another table in it. An
-// older state of this one has fewer changes, and is taken for falling behind.
+// Neither another file at the path, nor one that was truncated and may be whole again, nor another table in
+// it. An older state of this one has fewer changes, and is taken for falling behind.
 bool FileReader::State::isCurrent() const {
   return view_ && mapping_->isCurrent() && !mapping_->cutShort() && !view_->isWrittenOver();
 }
 
-// What cannot be opened now, for want of descriptors perhaps, is tried again soon; what is no such table, when
-// something else happens. A table that is removed is read on until there is another.
+// A table that is removed is read on until there is another.
 void FileReader::State::follow() {
   followOwed_ = !isCurrent();
-  if (!followOwed_) return;
+  if (!followOwed_) return problem_.clear();
+  followOwed_ = !openIfThere();
+  if (followOwed_) return;
+  wholeOwed_ = true;
+  watch_->lookAgain();  // it is registered with the file at hand
+}
+
+// What cannot be opened for want of descriptors or memory is tried again soon; what is no such table, at the
+// next look.
+bool FileReader::State::openIfThere() {
   try {
     openFile();
-    followOwed_ = false;
-    wholeOwed_ = true;
+    return true;
   } catch (FileException const& error) {
-    if (error.reason() == FileException::Reason::notAllowed) watch_->lookAgainSoon();
-    if (error.reason() != FileException::Reason::missing) complain(error.what());
+    if (error.reason() == FileException::Reason::shortOfMeans && watch_) watch_->lookAgainSoon();
+    if (error.reason() == FileException::Reason::missing)
+      problem_.clear();
+    else
+      complain(error.what());
+  } catch (Pallo::Exception const& error) {
+    complain(error.what());
   }
+  return false;
 }
 
 // Once, however often it is tried.
@@ -214,7 +226,8 @@ std::optional<FilePlace> FileReader::State::walk(U64 hint, bool told) {
 
 // ---- Telling
 
-// Between its mounting and the beginning of the watch the file may have been replaced, and its writer may have died.
+// Between its mounting and the beginning of the watch the file may have been replaced, and its writer may
+// have died.
 int FileReader::State::fd() {
   if (!watch_) {
     watch_.emplace(path_);
@@ -334,8 +347,8 @@ void FileReader::State::tell(U64 key) {
   learn(told);
 }
 
-// Keep the key unless everyone who looked found it absent: who found it present must be told of its removal. Where
-// nobody looked, look here.
+// Keep the key unless everyone who looked found it absent: who found it present must be told of its removal.
+// Where nobody looked, look here.
 void FileReader::State::learn(Telling const& told) {
   telling_ = told.outer;
   if (told.present || (!told.absent && view_->contains(told.key)))

@@ -18,14 +18,18 @@ namespace {
 
 using Reason = FileException::Reason;
 
+Reason reasonOf(int error) {
+  bool const isShort = error == EMFILE || error == ENFILE || error == ENOMEM;
+  return isShort ? Reason::shortOfMeans : Reason::notAllowed;
+}
+
 [[noreturn]] void throwOpenError(std::string const& path, int error) {
   if (error == ENOENT || error == ENOTDIR)
     throw FileException(Reason::missing, fmt::format("{}: there is no such file, expected a table", path));
   if (error == ELOOP)
     throw FileException(Reason::notAllowed,
                         fmt::format("{} is a symbolic link, expected the table file itself", path));
-  throw FileException(Reason::notAllowed,
-                      fmt::format("{}: cannot be opened: {}", path, std::strerror(error)));
+  throw FileException(reasonOf(error), fmt::format("{}: cannot be opened: {}", path, std::strerror(error)));
 }
 
 }  // namespace
@@ -40,12 +44,13 @@ Pallo::Descriptor openTableFile(std::string const& path, Access access) {
   return file;
 }
 
-// A process whose address space is limited gets a smaller window; growth beyond it is refused where it happens.
+// A process whose address space is limited gets a smaller window; growth beyond it is refused where it
+// happens.
 Mapping::Mapping(std::string path, Pallo::Descriptor file, Access access)
     : path_(std::move(path)), file_(std::move(file)), access_(access) {
   for (window_ = Format::windowBytes; !map(nullptr, 0); window_ /= 2)
     if (window_ / 2 < fileBytes() || window_ < 2 * Format::chunkBytes)
-      throw FileException(Reason::notAllowed,
+      throw FileException(reasonOf(errno),
                           fmt::format("{}: cannot be mapped: {}", path_, std::strerror(errno)));
   madvise(base_, window_, MADV_DONTDUMP);
   try {

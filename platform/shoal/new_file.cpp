@@ -40,7 +40,7 @@ U64 numberSpace() {
 }
 
 // An empty table: the header, and one chunk of index of which the first buckets are in use.
-void writeEmptyTable(std::byte* base, Header const& header) {
+void writeEmptyTable(std::byte* base, Header const& header, U64 changes) {
   auto const put = [&](U64 offset, U64 value) { std::memcpy(base + offset, &value, sizeof value); };
   for (U64 bucket = 0; bucket < firstBuckets; ++bucket)
     put(header.chunkStart + bucket * unitBytes + linkInLine * 8, link(0, bucket, 0));
@@ -49,7 +49,7 @@ void writeEmptyTable(std::byte* base, Header const& header) {
   put(bucketsAt, guard(firstBuckets, bucketsAt));
   put(chunksAt, guard(1, chunksAt));
   put(countAt, guard(0, countAt));
-  put(headAt, guard(0, headAt));
+  put(headAt, guard(changes, headAt));
   for (U64 const at : {U64{0}, headerCopyAt}) std::memcpy(base + at, &header, sizeof header);
 }
 
@@ -74,17 +74,12 @@ Header newHeader(Shape const& shape, U32 ringEntries) {
   return header;
 }
 
-// The holder's number lies in the file, for this message alone.
 void lockForWriting(std::string const& path, int file) {
-  U64 holder = 0;
-  if (Pallo::FileLock::take(file, writerAt)) {
-    holder = static_cast<U64>(getpid()) | numberSpace() << 32;
-    if (pwrite(file, &holder, sizeof holder, writerAt) == sizeof holder) return;
-    failToMake(path, std::strerror(errno));
-  }
+  if (Pallo::FileLock::take(file, writerAt)) return;
   if (errno != EAGAIN && errno != EACCES)
     throw FileException(FileException::Reason::notAllowed,
                         fmt::format("{}: cannot be locked: {}", path, std::strerror(errno)));
+  U64 holder = 0;
   bool const isSeen = pread(file, &holder, sizeof holder, writerAt) == sizeof holder &&
                       holder >> 32 == numberSpace() && numberSpace() != 0;
   int const pid = isSeen ? static_cast<int>(holder) : 0;
@@ -92,6 +87,11 @@ void lockForWriting(std::string const& path, int file) {
       pid > 0 ? fmt::format("process {}", pid) : std::string("a process that is not visible from here");
   throw WriterLockedException(
       fmt::format("{}: {} is writing this table, and a table has one writer", path, who), pid);
+}
+
+void nameHolder(std::string const& path, int file) {
+  U64 const holder = static_cast<U64>(getpid()) | numberSpace() << 32;
+  if (pwrite(file, &holder, sizeof holder, writerAt) != sizeof holder) failToMake(path, std::strerror(errno));
 }
 
 void allocate(int file, std::string const& path, U64 offset, U64 bytes) {
@@ -106,19 +106,26 @@ void allocate(int file, std::string const& path, U64 offset, U64 bytes) {
       fmt::format("{}: the table cannot grow, and is as it was: {}", path, std::strerror(error)));
 }
 
-NewFile::NewFile(std::string path, Header const& header) : path_(std::move(path)), fresh_(path_ + ".new") {
+NewFile::NewFile(std::string path, Header const& header, U64 changes)
+    : path_(std::move(path)), fresh_(path_ + ".new") {
   open();
   try {
-    U64 const bytes = header.chunkStart + chunkBytes;
-    allocate(fd(), path_, 0, bytes);
-    void* const base = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd(), 0);
-    if (base == MAP_FAILED) failToMake(path_, std::strerror(errno));
-    writeEmptyTable(static_cast<std::byte*>(base), header);
-    munmap(base, bytes);
+    write(header, changes);
   } catch (...) {
     ::unlink(fresh_.c_str());
     throw;
   }
+}
+
+void NewFile::write(Header const& header, U64 changes) {
+  U64 const bytes = header.chunkStart + chunkBytes;
+  if (ftruncate(fd(), 0) != 0) failToMake(path_, std::strerror(errno));
+  allocate(fd(), path_, 0, bytes);
+  void* const base = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd(), 0);
+  if (base == MAP_FAILED) failToMake(path_, std::strerror(errno));
+  writeEmptyTable(static_cast<std::byte*>(base), header, changes);
+  munmap(base, bytes);
+  nameHolder(path_, fd());
 }
 
 // Whoever made it last may have moved it to its place between the opening and the locking.
@@ -136,9 +143,6 @@ void NewFile::open() {
     if (lstat(fresh_.c_str(), &there) == 0 && here.st_ino == there.st_ino && here.st_dev == there.st_dev)
       break;
   }
-  U64 const holder = static_cast<U64>(getpid()) | numberSpace() << 32;
-  if (ftruncate(fd(), 0) != 0 || pwrite(fd(), &holder, sizeof holder, writerAt) != sizeof holder)
-    failToMake(path_, std::strerror(errno));
 }
 
 NewFile::~NewFile() {

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// NewFile: an empty table, made beside its place and moved there when it is complete: a file of the table's name is
-// always a table.
+// NewFile: an empty table, made beside its place and moved there when it is complete: a file of the table's
+// name is always a table.
 //
-// Invariants: whoever works on FILE.new holds its writer lock, so two never make the same table at once; the lock
-//   stays with the file when it is moved. What a killed process left there is begun anew.
+// Invariants: whoever works on FILE.new holds its writer lock, so two never make the same table at once; the
+//   lock stays with the file when it is moved. What a killed process left there is begun anew.
 // Ownership: the file goes with the object unless it was published.
 // Errors: FileException, WriterLockedException, NoSpaceException.
 #pragma once
@@ -18,27 +18,31 @@ namespace Shoal {
 
 Format::Header newHeader(Shape const& shape, U32 ringEntries);
 
-// Takes the writer's lock of an open table file, or throws WriterLockedException.
+// Takes the writer's lock of an open file, or throws WriterLockedException. Changes nothing in it.
 void lockForWriting(std::string const& path, int file);
+// Writes this process's number into a table file that it locked, for the message to others.
+void nameHolder(std::string const& path, int file);
 
-// Space is taken before it is written: a full file system answers here, not with a signal at some store. Throws
-// NoSpaceException, and the file has the length it had.
+// Space is taken before it is written: a full file system answers here, not with a signal at some store.
+// Throws NoSpaceException, and the file has the length it had.
 void allocate(int file, std::string const& path, U64 offset, U64 bytes);
 
 class NewFile {
  public:
-  // `path` is where it is to be.
-  NewFile(std::string path, Format::Header const& header);
+  // `path` is where it is to be; `changes` how many were announced there before, which it goes on to count.
+  NewFile(std::string path, Format::Header const& header, U64 changes);
   ~NewFile();
   NewFile(NewFile const&) = delete;
   NewFile& operator=(NewFile const&) = delete;
 
   int fd() const { return file_.get(); }
-  // Moves it to its place. Returns the open file; nothing when `replace` is false and a table is there by now.
+  // Moves it to its place. Returns the open file; nothing when `replace` is false and a table is there by
+  // now.
   Pallo::Descriptor publish(bool replace);
 
  private:
   void open();
+  void write(Format::Header const& header, U64 changes);
 
   std::string const path_;
   std::string const fresh_;

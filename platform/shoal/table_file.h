@@ -78,7 +78,7 @@ class VANTREL_API FileWriter {
   Extent read(U64 key, std::byte* image) const;
   std::optional<FilePlace> walk(U64 hint) const;
   U64 size() const;
-  // Changes that the file has ever seen, from all its writers.
+  // Changes that the table has ever seen, from all its writers, in the files it replaced too.
   U64 changes() const;
   WriterCounters counters() const;
 

@@ -54,16 +54,18 @@ Header soundHeader(Mapping const& mapping) {
 }
 
 // What is not a table is neither locked, written nor replaced; one of another version is only replaced.
-void refuseOthers(std::string const& path, int file, bool toReplace) {
+void refuseOthers(Mapping const& file, bool toReplace) {
   if (!toReplace) {
-    soundHeader(Mapping(path, Pallo::Descriptor(dup(file)), Access::read));
+    soundHeader(file);
     return;
   }
-  U64 first = 0;
-  ssize_t const bytes = pread(file, &first, sizeof first, 0);
-  if (bytes != 0 && first != magic)
+  for (U64 const at : {U64{0}, headerCopyAt}) {
+    U64 first = 0;
+    if (pread(file.fd(), &first, sizeof first, static_cast<off_t>(at)) == sizeof first && first == magic) return;
+  }
+  if (file.fileBytes() != 0)
     throw FileException(FileException::Reason::notATable,
-                        fmt::format("{} is not a table file, and is not replaced by one", path));
+                        fmt::format("{} is not a table file, and is not replaced by one", file.path()));
 }
 
 // The table's file with the writer's lock; nothing when there is no file. One that was replaced while it was being
@@ -77,10 +79,23 @@ Pallo::Descriptor lockedFile(std::string const& path, bool toReplace) {
       if (error.reason() == FileException::Reason::missing) return {};
       throw;
     }
-    refuseOthers(path, file.get(), toReplace);
+    Mapping const here(path, Pallo::Descriptor(dup(file.get())), Access::read);
+    refuseOthers(here, toReplace);
     lockForWriting(path, file.get());
-    if (Mapping const here(path, Pallo::Descriptor(dup(file.get())), Access::read); here.isCurrent())
-      return file;
+    if (!here.isCurrent()) continue;
+    if (here.fileBytes() != 0) nameHolder(path, file.get());
+    return file;
+  }
+}
+
+// How many changes a table has seen: by its count or, where that is damaged, by its newest record.
+U64 changesOf(Mapping const& table) {
+  auto const* const head = reinterpret_cast<TableView::Word const*>(table.base() + headAt);
+  if (auto const changes = unguard(head->load(), headAt)) return *changes;
+  try {
+    return salvage(table, soundHeader(table)).newest;
+  } catch (FileException const&) {
+    return 0;
   }
 }
 
@@ -112,7 +127,8 @@ TableWriter::TableWriter(std::string const& path, Shape const& shape, WriterOpti
     if (old && !options.replace) {
       file = std::move(old);
     } else {
-      NewFile fresh(path, newHeader(shape, options.ringEntries));
+      U64 const changes = old ? changesOf(Mapping(path, Pallo::Descriptor(dup(old.get())), Access::read)) : 0;
+      NewFile fresh(path, newHeader(shape, options.ringEntries), changes);
       Sidecar::make(path, fresh.fd());
       file = fresh.publish(options.replace);
     }
@@ -144,8 +160,10 @@ void TableWriter::open(Pallo::Descriptor file) {
 // Writes what the slots of a file hold into a new one, and puts that in its place. Owner and mode stay.
 Pallo::Descriptor TableWriter::remake(std::string const& path, Mapping const& old, Header const& header,
                                       Salvaged const& found) {
-  NewFile fresh(path, newHeader({typeName(header), header.recordVersion, header.imageBytes, header.tailAt},
-                                header.ringEntries));
+  NewFile fresh(path,
+                newHeader({typeName(header), header.recordVersion, header.imageBytes, header.tailAt},
+                          header.ringEntries),
+                std::max(found.newest, changesOf(old)));
   struct stat status {};
   fstat(old.fd(), &status);
   if (fchown(fresh.fd(), status.st_uid, status.st_gid) != 0 || fchmod(fresh.fd(), status.st_mode & 0777) != 0)
@@ -153,8 +171,6 @@ Pallo::Descriptor TableWriter::remake(std::string const& path, Mapping const& ol
                         fmt::format("{}: the index is damaged, and only user {} can make the table anew",
                                     path, status.st_uid));
   TableWriter into(path, Pallo::Descriptor(dup(fresh.fd())));
-  into.head_ = std::max(
-      found.newest, unguard(reinterpret_cast<Word const*>(old.base() + headAt)->load(), headAt).value_or(0));
   std::vector<U64> image(header.imageBytes / 8);
   for (Salvaged::Record const& record : found.records) {
     Extent extent;

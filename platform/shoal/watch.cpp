@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -25,6 +26,13 @@ std::string parentOf(std::string const& path) {
   return slash == std::string::npos ? "." : path.substr(0, slash + 1);
 }
 
+// Of what is at a path now; zeroes when there is nothing.
+std::pair<U64, U64> identityOf(std::string const& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return {};
+  return {status.st_dev, status.st_ino};
+}
+
 [[noreturn]] void throwUnwatchable(std::string const& path, std::string_view why) {
   throw FileException(FileException::Reason::unwatchable,
                       fmt::format("{}: cannot be watched: {}", path, why));
@@ -45,8 +53,7 @@ Watch::Watch(std::string tablePath)
       fileName_(tablePath_.substr(tablePath_.rfind('/') + 1)),
       poller_(pollerFor(tablePath_)),
       timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
-  if (!timer_) throwUnwatchable(tablePath_, std::strerror(errno));
-  poller_.add(timer_.get(), timer);
+  if (!timer_ || !poll(timer_.get(), timer)) throwUnwatchable(tablePath_, std::strerror(errno));
   lookAgain();
   watchDirectory();
 }
@@ -56,32 +63,54 @@ void Watch::wakeIn(long nanoseconds) {
   timerfd_settime(timer_.get(), 0, &then, nullptr);
 }
 
-// Whoever copies something onto the table's file closes it afterwards.
+// False, with errno set, when the kernel watches no more.
+bool Watch::poll(int fd, U64 tag, U32 events) {
+  try {
+    poller_.add(fd, tag, events);
+    return true;
+  } catch (std::system_error const& error) {
+    errno = error.code().value();
+    return false;
+  }
+}
+
+// Whoever copies something onto the table's file closes it afterwards, and so does the table's writer, dying.
 void Watch::watchDirectory() {
+  directoryWatched_ = identityOf(parentOf(tablePath_));
   Pallo::Descriptor news(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
   U32 const events = IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE;
   if (!news || inotify_add_watch(news.get(), parentOf(tablePath_).c_str(), events) < 0) return;
-  poller_.add(news.get(), directory);
-  directoryNews_ = std::move(news);
+  if (poll(news.get(), directory)) directoryNews_ = std::move(news);
 }
 
+void Watch::unwatchDirectory() {
+  poller_.remove(directoryNews_.get());
+  directoryNews_.reset();
+}
+
+// So much at once, so that whoever is busy in the directory does not hold the watcher up.
 void Watch::readDirectoryNews(News& news) {
   alignas(inotify_event) std::array<char, 4096> buffer;
-  for (ssize_t bytes; (bytes = read(directoryNews_.get(), buffer.data(), buffer.size())) > 0;) {
+  bool isGone = false;
+  ssize_t bytes;
+  for (int i = 0; i < 16 && (bytes = read(directoryNews_.get(), buffer.data(), buffer.size())) > 0; ++i) {
     for (ssize_t at = 0; at < bytes;) {
       auto const* const event = reinterpret_cast<inotify_event const*>(buffer.data() + at);
       std::string_view const name = event->len ? event->name : "";
       bool const missed = event->mask & IN_Q_OVERFLOW;
       news.fileMayBeAnother |= missed || name == fileName_ || name == fileName_ + ".watch";
+      news.writerMayHaveEnded |= missed || (name == fileName_ && event->mask & IN_CLOSE_WRITE);
+      isGone |= (event->mask & IN_IGNORED) != 0;
       at += static_cast<ssize_t>(sizeof *event + event->len);
     }
   }
+  if (isGone) unwatchDirectory();
 }
 
 void Watch::asleepIs(bool asleep) {
   if (!registration_) return;
   registration_->asleepIs(asleep);
-  if (registration_->isPageLost()) lookAgain();
+  if (asleep && registration_->isPageLost()) lookAgainSoon();
 }
 
 Watch::News Watch::drain(int table) {
@@ -100,6 +129,7 @@ Watch::News Watch::drain(int table) {
     }
   }
   if (everything) {
+    if (directoryNews_ && directoryWatched_ != identityOf(parentOf(tablePath_))) unwatchDirectory();
     if (!directoryNews_) watchDirectory();
     news.fileMayBeAnother = news.writerMayHaveEnded = true;
   }
@@ -108,18 +138,21 @@ Watch::News Watch::drain(int table) {
   return news;
 }
 
-// Edge-triggered: a FIFO that was hung up stays so until the next writer. Where there is no sidecar directory, there
-// is no writer.
+// Edge-triggered: a FIFO that was hung up stays so until the next writer. Where there is no sidecar
+// directory, there is no writer.
 void Watch::registerAnew(int table, News& news) {
   if (registration_) poller_.remove(registration_->fd());
   registration_.reset();
   std::string problem;
   try {
     registration_.emplace(tablePath_, table);
-    poller_.add(registration_->fd(), fifo, EPOLLIN | EPOLLET);
-    lookAgain();
+    if (!poll(registration_->fd(), fifo, EPOLLIN | EPOLLET))
+      throwUnwatchable(tablePath_, std::strerror(errno));
   } catch (FileException const& error) {
+    registration_.reset();
     if (error.reason() != FileException::Reason::missing) problem = error.what();
+  } catch (Pallo::Exception const& error) {
+    problem = error.what();
   }
   if (problem != problem_) news.problem = problem_ = problem;
 }

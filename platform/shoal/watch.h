@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Watch: a descriptor to poll, which becomes readable when there may be something new about a table at a path: a
-// change in it, another file, another writer.
+// Watch: a descriptor to poll, which becomes readable when there may be something new about a table at a
+// path: a change in it, another file, another writer.
 //
-// Three sources, the later ones for what the earlier ones cannot tell: the slot's FIFO, for changes and for a
-// writer's end; inotify on the table's directory, for a file that appears, replaces the table or was written over;
-// and a look once a second, for all else: a writer that had not noticed this watcher when it died, a wake-up that
-// somebody stole, a system without a descriptor to spare.
+// Three sources, the later ones for what the earlier ones cannot tell: the slot's FIFO, for changes and for
+// a writer's end; inotify on the table's directory, for a file that appears, replaces the table or was
+// written over, and for the end of a writer that had not met this watcher; and a look once a second, for all
+// else: a wake-up that somebody stole, a process without a descriptor to spare.
 //
 // Invariants: asleepIs(true) before the last look at the table: then whoever changes it afterwards wakes this
 //   watcher. Whatever happens, it wakes once a second.
@@ -17,6 +17,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "pallo/descriptor.h"
 #include "pallo/poller.h"
@@ -44,7 +45,9 @@ class Watch {
 
  private:
   void wakeIn(long nanoseconds);
+  bool poll(int fd, U64 tag, U32 events = EPOLLIN);
   void watchDirectory();
+  void unwatchDirectory();
   void readDirectoryNews(News& news);
   void registerAnew(int table, News& news);
 
@@ -53,6 +56,7 @@ class Watch {
   Pallo::Poller poller_;
   Pallo::Descriptor timer_;
   Pallo::Descriptor directoryNews_;
+  std::pair<U64, U64> directoryWatched_;  // device and inode: the path may lead to another by now
   std::optional<Registration> registration_;
   std::string problem_;
 };

@@ -56,7 +56,7 @@ class WriterTable : public Table<R> {
     this->notifyEntryColl();
   }
   WriterCounters writerCounters() const { return file_.counters(); }
-  // Changes that the file has ever seen, from all its writers.
+  // Changes that the table has ever seen, from all its writers, in the files it replaced too.
   U64 changes() const { return file_.changes(); }
 
  private:

@@ -11,8 +11,8 @@
 #include <fstream>
 #include <functional>
 
-#include "fixture.h"
 #include "shoal/inspect.h"
+#include "watching.h"
 
 namespace ShoalTest {
 namespace {
@@ -64,14 +64,13 @@ std::string writeUntilFull(Writer& writer, U64& written) {
 }
 
 void expectWhole(std::string const& path, U64 records) {
-  Shoal::TableView view(std::make_shared<Shoal::Mapping>(path, Shoal::Mapping::Access::read));
-  Shoal::Inspection const found = Shoal::inspect(view);
+  Shoal::Inspection const found = Shoal::inspect(path);
   EXPECT_EQ(found.damage, std::vector<std::string>());
   EXPECT_EQ(found.unfinished, std::vector<std::string>());
   EXPECT_EQ(found.records, records);
 }
 
-TEST(FullFileSystem, IsAClearErrorAndTheTableIsAsBefore) {
+TEST(FullFileSystem, RefusesAWriteAndLeavesTheTableAsItWas) {
   onASmallFileSystem([](std::string const& dir) {
     std::string const path = dir + "/t";
     std::ofstream(dir + "/ballast") << std::string(1024 * 1024, 'x');
@@ -125,16 +124,37 @@ TEST(FullFileSystem, DoesNotEndAReader) {
     settle(*reader);
     EXPECT_EQ(watcher.seen, contents(writer));
     std::ofstream(dir + "/ballast") << std::string(4 * 1024 * 1024, 'x');
-    try {
-      Reader late(path);
-      EXPECT_EQ(late.entry(EntryKey(1)), record(1, 1)) << "reading needs no space";
-      late.fd();
-    } catch (Shoal::FileException const& error) {  // watching does: a page and a socket
-      EXPECT_THAT(error.what(), HasSubstr("No space left"));
-    }
+    Reader late(path);
+    late.fd();
+    late.dispatch();
+    EXPECT_EQ(late.entry(EntryKey(1)), record(1, 1)) << "neither reading nor watching needs space";
+    EXPECT_EQ(late.corruptions(), 0U) << late.lastCorruption();
     writer.entryDel(EntryKey(1));
     settle(*reader);
     EXPECT_EQ(watcher.seen, contents(writer));
+  });
+}
+
+// Whoever truncates the page of flags where there is no space to give it back: everybody is woken at each
+// change.
+TEST(FullFileSystem, CostsNoWakeUp) {
+  onASmallFileSystem([](std::string const& dir) {
+    Writer writer(dir + "/t");
+    Watched w(dir + "/t");
+    writer.entryIs(record(1, 1));
+    ASSERT_TRUE(w.sees(1, 1, 1500));
+    std::filesystem::resize_file(dir + "/t.watch/slots", 0);
+    std::ofstream(dir + "/ballast") << std::string(8 * 1024 * 1024, 'x');
+    for (U64 version = 2; version < 5; ++version) {
+      writer.entryIs(record(1, version));
+      EXPECT_TRUE(w.sees(1, version, 1500)) << version;
+    }
+    std::filesystem::remove(dir + "/ballast");
+    writer.entryIs(record(1, 5));
+    EXPECT_EQ(std::filesystem::file_size(dir + "/t.watch/slots"), Shoal::Flags::bytes);
+    for (int look = 0; look < 2; ++look) w.awaitLook();
+    writer.entryIs(record(1, 6));
+    EXPECT_TRUE(w.sees(1, 6, 700)) << "it sleeps in the page again";
   });
 }
 

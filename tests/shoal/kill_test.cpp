@@ -66,7 +66,7 @@ Tally readUntil(std::string const& path, std::atomic<bool> const& stop, U64 seed
   return tally;
 }
 
-TEST(KilledWriter, LosesNothing) {
+TEST(KilledWriter, LosesNothingWhereverItIsKilled) {
   Directory dir;
   std::string const path = dir / "t";
   { Writer const make(path, {.ringEntries = 256}); }

@@ -6,7 +6,7 @@
 #include <functional>
 #include <memory>
 
-#include "fixture.h"
+#include "watching.h"
 
 namespace ShoalTest {
 namespace {
@@ -111,7 +111,7 @@ TEST_F(Leaving, AllMayGoWhileTheWholeIsTold) {
   EXPECT_THAT(late.keys, ElementsAre(4));
 }
 
-TEST_F(Leaving, AWatcherMayTurnToAnotherTableInItsOwnNotification) {
+TEST_F(Leaving, AWatcherMayTurnAwayInItsOwnNotification) {
   otherWriter.entryIs(record(77, 1));
   settle(*other, 10);
   middle->onKey = [this] {
@@ -143,7 +143,7 @@ TEST_F(Leaving, ANeighbourMayBeTurnedAwayBeforeItsTurn) {
   EXPECT_THAT(last->keys, IsEmpty());
 }
 
-TEST_F(Leaving, AWatcherMayStopWatchingWhileTheWholeIsToldAndComeBack) {
+TEST_F(Leaving, AWatcherMayRestWhileTheWholeIsTold) {
   middle->onWhole = [this] { middle->notifierIs(nullptr); };
   overflow();
   settle(*reader, 10);
@@ -159,7 +159,7 @@ TEST_F(Leaving, AWatcherMayStopWatchingWhileTheWholeIsToldAndComeBack) {
 }
 
 // It joins the end of the list that is being told, and is first told of the next change.
-TEST_F(Leaving, AWatcherMayLeaveAndComeBackInItsOwnNotification) {
+TEST_F(Leaving, AWatcherMayComeBackInItsOwnNotification) {
   middle->onKey = [this] {
     middle->notifierIs(nullptr);
     middle->notifierIs(TablePtr(reader));
@@ -195,24 +195,20 @@ TEST_F(Leaving, TheTableMayGoWithItsLastWatcher) {
   }
 }
 
-// The descriptor of a table that went in its own dispatch is closed, and so are its files.
-TEST_F(Leaving, ATableThatWentLeavesNoFileBehind) {
-  auto const pages = [&] {
-    return std::ranges::count_if(std::filesystem::directory_iterator(dir / "t.watch"),
-                                 [](auto const& file) { return file.path().extension() == ".page"; });
-  };
+// The descriptor of a table that went in its own dispatch is closed, and its slot is another's to take.
+TEST_F(Leaving, ATableThatWentGivesItsSlotBack) {
   middle->onKey = [this] {
     first.reset();
     middle.reset();
     last.reset();
     reader = nullptr;
   };
-  ASSERT_EQ(pages(), 1);
+  ASSERT_EQ(slotsTaken(dir / "t"), 1U);
   writer.entryIs(record(1, 1));
   Reader& table = *reader;
   ASSERT_TRUE(readable(table.fd(), 10));
   table.dispatch();
-  EXPECT_EQ(pages(), 0);
+  EXPECT_EQ(slotsTaken(dir / "t"), 0U);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whom the writer's lock names to another: its holder, also to a child of its, and also where the holder is a
-// process that cannot be seen.
+// Whom the writer's lock names to another: its holder, also to a child of its, and also where the holder is
+// a process that cannot be seen. What is locked is a table, and goes on with the numbers of the one it
+// replaces.
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <signal.h>
@@ -9,8 +10,10 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
 
 #include "fixture.h"
+#include "shoal/format.h"
 
 namespace ShoalTest {
 namespace {
@@ -97,6 +100,46 @@ TEST(WriterLock, NamesTheParentToAChild) {
   };
   EXPECT_EXIT(second(), testing::ExitedWithCode(0), "");
   EXPECT_THROW(Writer(dir / "t"), Shoal::WriterLockedException) << "it still has the lock";
+}
+
+// Neither the lock's holder nor anything else is written into what is no table.
+TEST(WriterLock, LeavesWhatIsNoTableAlone) {
+  Directory dir;
+  for (std::string const& bytes : {std::string("a letter"), std::string(10000, 'x'), std::string()}) {
+    std::ofstream(dir / "t") << bytes;
+    EXPECT_THROW(Writer(dir / "t"), Shoal::FileException);
+    std::ifstream in(dir / "t");
+    EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(in), {}) == bytes) << bytes.size();
+  }
+}
+
+// Who kept the number of a change never meets it again for another one.
+TEST(WriterLock, AReplacedTableGoesOnWithItsNumbers) {
+  Directory dir;
+  U64 changes = 0;
+  for (int round = 0; round < 4; ++round) {
+    Writer writer(dir / "t", {.replace = true, .ringEntries = 16});
+    EXPECT_EQ(writer.changes(), changes) << round;
+    EXPECT_EQ(writer.size(), 0U);
+    for (U64 key = 0; key < 20 * static_cast<U64>(round); ++key) writer.entryIs(record(key, 1));
+    changes = writer.changes();
+  }
+  EXPECT_EQ(Writer(dir / "t").changes(), changes);
+  EXPECT_EQ(changes, 120U);
+}
+
+// The count of changes is damaged: the newest record says how far the table was.
+TEST(WriterLock, AReplacedTableSurvivesItsCountsDamage) {
+  Directory dir;
+  {
+    Writer writer(dir / "t");
+    for (U64 key = 0; key < 50; ++key) writer.entryIs(record(key, 1));
+  }
+  std::fstream file(dir / "t", std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(Shoal::Format::headAt);
+  file.write("damaged!", 8);
+  file.close();
+  EXPECT_EQ(Writer(dir / "t", {.replace = true}).changes(), 50U);
 }
 
 }  // namespace
