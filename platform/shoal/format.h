@@ -14,7 +14,7 @@
 //
 // Invariants: a guarded word carries 16 bits that depend on its value and its place; an index entry carries the
 //   exclusive-or of its quarters; a line's link carries 32 bits that depend on bucket and depth; a slot carries
-//   a 64-bit checksum. Whatever does not agree with its guard is damage, and is not followed.
+//   a 32-bit checksum. Whatever does not agree with its guard is damage, and is not followed.
 // Cost: 26 bytes of index and slotBytes a record.
 #pragma once
 

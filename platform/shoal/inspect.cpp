@@ -3,9 +3,11 @@
 
 #include <fmt/format.h>
 
+#include <cstring>
 #include <unordered_map>
 
 #include "pallo/exception.h"
+#include "shoal/salvage.h"
 #include "shoal/table_view.h"
 #include "shoal/table_writer.h"
 
@@ -25,6 +27,7 @@ class Inspector {
       found_.chunks = view_.chunks();
       for (U64 bucket = 0; bucket < found_.buckets; ++bucket) inspectBucket(bucket);
       inspectCounts();
+      inspectRest();
     } catch (Pallo::CorruptionDetectedException const& error) {
       damage(error.what());
     }
@@ -101,6 +104,18 @@ class Inspector {
     std::string const text = fmt::format("{} records counted, {} found", counted, found_.records);
     bool const byOne = counted + 1 == found_.records || counted == found_.records + 1;
     underWay&& byOne ? unfinished(text) : damage(text);
+  }
+
+  // What no entry of the index leads to.
+  void inspectRest() {
+    Header copy{};
+    std::memcpy(&copy, view_.mapping().base() + headerCopyAt, sizeof copy);
+    if (!isSound(copy)) damage("the copy of the header is damaged");
+    auto const underWay = view_.changedKey(view_.head());
+    for (Salvaged::Record const& record : salvage(view_.mapping(), view_.header()).records)
+      if (!slots_.contains(record.unit) && record.generation <= 2 * view_.head() && record.key != underWay)
+        damage(fmt::format("the record at offset {}, of key {}, has no entry", record.unit * unitBytes,
+                           record.key));
   }
 
   TableView& view_;

@@ -3,7 +3,7 @@
 //
 // Threading: any; beside a running writer inspect() may take what is under way for half-done.
 // Cost: tableInfo() reads the header; inspect() and repair() pass over the file.
-// Errors: FileException for what is no table; repair() throws WriterLockedException beside a running writer.
+// Errors: FileException for what is no table; tableInfo() throws Pallo::CorruptionDetectedException for a damaged count; repair() throws WriterLockedException beside a running writer.
 #pragma once
 
 #include <string>

@@ -20,9 +20,15 @@ struct Salvaged {
     U64 generation;
     U64 unit;  // of the slot
   };
+  // A slot that is not intact; its key may be what is damaged.
+  struct Damaged {
+    U64 key;
+    U64 unit;
+  };
   std::vector<Record> records;
-  std::vector<std::string> damage;  // one sentence for each slot that is not intact
-  U64 newest = 0;                   // the greatest number of a change that left a slot
+  std::vector<Damaged> damaged;
+  std::vector<std::string> damage;  // in sentences: slots, or a whole chunk or more
+  U64 newest = 0;                   // the greatest number of a change that wrote a record
 };
 
 Salvaged salvage(Mapping const& mapping, Format::Header const& header);

@@ -51,20 +51,29 @@ template <class Word>
   return checksum<Checksum::TableStep>(state, tailAt, word);
 }
 
-// Copies a slot's record into an image, and says what of that is in use.
-[[gnu::always_inline]] inline Copy copy(Words slot, Room room, U64* image, Extent& extent) {
+// Copies a slot's record into an image, and says what of that is in use. `named()` says whether the index still names
+// the slot. It is asked before the last look at the state, of a freed slot too: one that was freed may have been
+// published again in between.
+template <class Named>
+[[gnu::always_inline]] inline Copy copy(Words slot, Room room, U64* image, Extent& extent, Named named) {
   U64 const state = slot[1].load(std::memory_order_acquire);
   extent = Format::extent(state);
   if (Format::isWriting(state)) return Copy::overtaken;
-  if (extent.head > room.head || extent.tail > room.tail || extent.isEmpty())
-    return Format::isFreed(state) ? Copy::freed : Copy::damaged;
-  U64 const checksum = Slot::checksum(state, room.head, [=](U64 inSlot, U64 inImage) {
-    return image[inImage] = slot[2 + inSlot].load(std::memory_order_relaxed);
-  });
-  U64 const expected = slot[0].load(std::memory_order_relaxed);
+  bool isWhole = false;
+  if (extent.head <= room.head && extent.tail <= room.tail && !extent.isEmpty()) [[likely]] {
+    U64 const checksum = Slot::checksum(state, room.head, [=](U64 inSlot, U64 inImage) {
+      return image[inImage] = slot[2 + inSlot].load(std::memory_order_relaxed);
+    });
+    isWhole = checksum == slot[0].load(std::memory_order_relaxed);
+  }
   std::atomic_thread_fence(std::memory_order_acquire);
-  if (slot[1].load(std::memory_order_relaxed) != state) return Copy::overtaken;
-  return checksum == expected ? Copy::whole : Copy::damaged;
+  if (!named() || slot[1].load(std::memory_order_relaxed) != state) return Copy::overtaken;
+  if (isWhole) [[likely]]
+    return Copy::whole;
+  return Format::isFreed(state) ? Copy::freed : Copy::damaged;
+}
+[[gnu::always_inline]] inline Copy copy(Words slot, Room room, U64* image, Extent& extent) {
+  return copy(slot, room, image, extent, [] { return true; });
 }
 
 }  // namespace Shoal::Slot

@@ -214,7 +214,10 @@ TableView::Found TableView::look(U64 key, U64* image) {
     if (found.look == Look::record || found.look == Look::overtaken) return found;
     result = std::max(result, found.look);
     auto const next = linkUnit(acquire(at[linkInLine]), bucket, depth);
-    if (next && *next == 0) return {bucketOf(hashed, buckets()) == bucket ? result : Look::overtaken, {}};
+    if (next && *next == 0) {
+      std::atomic_thread_fence(std::memory_order_acquire);
+      return {bucketOf(hashed, buckets()) == bucket ? result : Look::overtaken, {}};
+    }
     at = next ? overflowLine(*next) : nullptr;
   }
   return {Look::damagedIndex, {}};
@@ -308,7 +311,7 @@ std::optional<FilePlace> TableView::visit(Word const& word, Position const& p) {
     U64 const state = acquire(slot[1]);
     U64 const key = relaxed(slot[2]);
     std::atomic_thread_fence(std::memory_order_acquire);
-    bool const stands = !isWriting(state) && relaxed(slot[1]) == state && relaxed(word) == entry;
+    bool const stands = !isWriting(state) && acquire(word) == entry && relaxed(slot[1]) == state;
     if (stands && isFreed(state)) return std::nullopt;
     if (stands && tag(hash(key)) == entryTag(entry)) {
       visited_ = {&word, key};

@@ -175,8 +175,8 @@ template <class Wanted>
   return found != 0 ? line + std::countr_zero(found) : nullptr;
 }
 
-// A slot that was freed may hold another record by now, complete and not published yet: the entry must still name
-// it after the copy. A freed slot that it still names is that of a key that was removed.
+// A slot that was freed may hold another record by now, complete and not published yet. A freed slot that the entry
+// still names is that of a key that was removed.
 [[gnu::always_inline]] inline TableView::Found TableView::copyRecord(Word const& word, U64 key, U64* image) {
   U64 const entry = word.load(std::memory_order_acquire);
   U64 const unit = Format::entryUnit(entry);
@@ -184,11 +184,11 @@ template <class Wanted>
     return {entry == 0 ? Look::absent : Look::damagedIndex, {}};
   Word const* const slot = this->slot(unit);
   Extent extent;
-  Slot::Copy const copy = Slot::copy(slot, room_, image, extent);
-  if (copy == Slot::Copy::overtaken || word.load(std::memory_order_relaxed) != entry)
-    return {Look::overtaken, {}};
+  Slot::Copy const copy =
+      Slot::copy(slot, room_, image, extent, [&] { return word.load(std::memory_order_acquire) == entry; });
   if (copy == Slot::Copy::whole && image[0] == key) [[likely]]
     return {Look::record, extent};
+  if (copy == Slot::Copy::overtaken) return {Look::overtaken, {}};
   if (copy == Slot::Copy::freed) return {Look::absent, {}};
   U64 const slotKey = slot[2].load(std::memory_order_relaxed);
   bool const ofAnotherKey = slotKey != key && Format::tag(hash(slotKey)) == Format::entryTag(entry);

@@ -61,7 +61,8 @@ void refuseOthers(Mapping const& file, bool toReplace) {
   }
   for (U64 const at : {U64{0}, headerCopyAt}) {
     U64 first = 0;
-    if (pread(file.fd(), &first, sizeof first, static_cast<off_t>(at)) == sizeof first && first == magic) return;
+    if (pread(file.fd(), &first, sizeof first, static_cast<off_t>(at)) == sizeof first && first == magic)
+      return;
   }
   if (file.fileBytes() != 0)
     throw FileException(FileException::Reason::notATable,
@@ -130,7 +131,7 @@ TableWriter::TableWriter(std::string const& path, Shape const& shape, WriterOpti
       U64 const changes = old ? changesOf(Mapping(path, Pallo::Descriptor(dup(old.get())), Access::read)) : 0;
       NewFile fresh(path, newHeader(shape, options.ringEntries), changes);
       Sidecar::make(path, fresh.fd());
-      file = fresh.publish(options.replace);
+      file = fresh.publish(static_cast<bool>(old));
     }
     if (!file) continue;
     Mapping const mapping(path, Pallo::Descriptor(dup(file.get())), Access::read);
@@ -178,13 +179,49 @@ Pallo::Descriptor TableWriter::remake(std::string const& path, Mapping const& ol
     if (Slot::copy(slot, into.view_->room(), image.data(), extent) == Slot::Copy::whole)
       into.put(record.key, image.data(), extent);
   }
+  for (Salvaged::Damaged const& record : found.damaged)
+    into.adopt(record.key, reinterpret_cast<Word const*>(old.base() + record.unit * unitBytes));
   return fresh.publish(true);
 }
 
+// A damaged record stays what it is as long as the index proves its key, so that its readers go on hearing of damage.
 void TableWriter::heal() {
-  Salvaged const found = salvage(*mapping_, view_->header());
+  refuseIfCutShort();
+  if (!mapping_->isCurrent())
+    throw Pallo::CorruptionDetectedException(
+        view_->damage("the index is damaged, and the table is no longer at its path"));
+  Salvaged found = salvage(*mapping_, view_->header());
+  refuseIfCutShort();
+  std::erase_if(found.damaged, [this](auto const& record) { return !isNamed(record.key, record.unit); });
   open(remake(path_, *mapping_, view_->header(), found));
   ++counters_.rebuilds;
+}
+
+bool TableWriter::isNamed(U64 key, U64 unit) {
+  if (buckets_ == 0) return false;
+  U64 const wanted = entry(unit, view_->hash(key));
+  try {
+    Chain const chain = gather(bucketOf(view_->hash(key), buckets_));
+    return std::ranges::any_of(chain, [wanted](Word const* line) {
+      return entriesWhere(line, [wanted](U64 found) { return found == wanted; }) != 0;
+    });
+  } catch (Pallo::CorruptionDetectedException const&) {
+    return false;
+  }
+}
+
+// A damaged slot as it is, unless there is an intact one.
+void TableWriter::adopt(U64 key, Word const* damaged) {
+  Spot const spot = locate(key, view_->hash(key));
+  if (spot.word) return;
+  reserveSlot();
+  if (!spot.hole) reserveLines(1);
+  U64 const unit = takeSlot();
+  for (U64 i = 0; i < view_->header().slotBytes / 8; ++i) store(view_->slot(unit)[i], relaxed(damaged[i]));
+  beginChange(key);
+  publish(spot, entry(unit, view_->hash(key)));
+  endChange();
+  splitWhileFull();
 }
 
 Salvaged TableWriter::rebuild(std::string const& path) {
@@ -193,6 +230,7 @@ Salvaged TableWriter::rebuild(std::string const& path) {
   Mapping const old(path, std::move(file), Access::read);
   Header const header = soundHeader(old);
   Salvaged found = salvage(old, header);
+  found.damaged.clear();
   remake(path, old, header, found);
   return found;
 }
@@ -253,18 +291,11 @@ bool TableWriter::isSound(U64 entry) const {
   return entryIntact(entry) && isSlot(entryUnit(entry)) && tag(view_->hash(keyOf(entry))) == entryTag(entry);
 }
 
-// The key's entry; or one of the key's tag whose slot has lost its key to damage: writing the key heals that.
-bool TableWriter::isOf(U64 entry, U64 key, U64 hash) const {
-  if (entry == 0 || entryTag(entry) != tag(hash) || !entryIntact(entry) || !isSlot(entryUnit(entry)))
-    return false;
-  return keyOf(entry) == key || !isSound(entry);
-}
-
 // The line after `line`, which is the bucket's at `depth`; null at the end.
 TableWriter::Word* TableWriter::nextLine(Word const* line, U64 bucket, U64 depth) {
   auto const unit = linkUnit(relaxed(line[linkInLine]), bucket, depth);
   if (unit && *unit == 0) return nullptr;
-  if (Word* const next = unit && depth < maxDepth ? view_->overflowLine(*unit) : nullptr) return next;
+  if (Word* const next = unit && depth + 1 < maxDepth ? view_->overflowLine(*unit) : nullptr) return next;
   throwLinesDamage(bucket);
 }
 
@@ -281,8 +312,10 @@ TableWriter::Chain TableWriter::gather(U64 bucket) {
   return chain;
 }
 
+// Where an entry that is damaged may be the key's, nothing is known of it.
 TableWriter::Spot TableWriter::locate(U64 key, U64 hash) {
   Spot spot;
+  bool anyDamaged = false;
   spot.bucket = bucketOf(hash, buckets_);
   Word* line = view_->line(spot.bucket);
   if (!line) throwLinesDamage(spot.bucket);
@@ -292,11 +325,14 @@ TableWriter::Spot TableWriter::locate(U64 key, U64 hash) {
     for (unsigned i = 0; i < entriesPerLine && !spot.word; ++i) {
       U64 const entry = relaxed(line[i]);
       if (entry == 0 && !spot.hole) spot.hole = &line[i];
-      if (!isOf(entry, key, hash)) continue;
+      if (entry == 0 || (entryIntact(entry) && entryTag(entry) != tag(hash))) continue;
+      anyDamaged |= !isSound(entry);
+      if (!isSound(entry) || keyOf(entry) != key) continue;
       spot.word = &line[i];
       spot.entry = entry;
     }
   }
+  if (!spot.word && anyDamaged) throwLinesDamage(spot.bucket);
   return spot;
 }
 
@@ -461,12 +497,23 @@ void TableWriter::removeFound() {
 
 // ---- Growth
 
-// Longer chains are better than a refused write: a split that finds no room, or a damaged bucket, is put off.
+// Longer chains are better than a refused write: a split that finds no room is put off, and so are all where damage
+// could not be healed.
 void TableWriter::splitWhileFull() {
   try {
-    while (4 * count_ > recordsPerFourBuckets * buckets_ && buckets_ < maxBuckets) split();
+    while (!splitsOff_ && 4 * count_ > recordsPerFourBuckets * buckets_ && buckets_ < maxBuckets) split();
   } catch (NoSpaceException const&) {
   } catch (Pallo::CorruptionDetectedException const&) {
+    splitsOff_ = !triesToHeal();
+  }
+}
+
+bool TableWriter::triesToHeal() {
+  try {
+    heal();
+    return true;
+  } catch (Pallo::Exception const&) {
+    return false;
   }
 }
 
@@ -476,7 +523,6 @@ void TableWriter::ensureIndexChunk(U64 bucket) {
   storeGuarded(place, addChunk(Kind::index));
 }
 
-// An entry whose key cannot be told stays in both buckets, so that the look-up of its key meets the damage.
 void TableWriter::split() {
   U64 const fresh = buckets_;
   U64 const old = fresh - std::bit_floor(fresh);
@@ -488,10 +534,10 @@ void TableWriter::split() {
     for (unsigned i = 0; i < entriesPerLine; ++i) {
       U64 const entry = relaxed(line[i]);
       if (entry == 0) continue;
-      bool const sound = isSound(entry);
-      if (sound && bucketOf(view_->hash(keyOf(entry)), fresh + 1) == old) continue;
+      if (!isSound(entry)) throwLinesDamage(old);
+      if (bucketOf(view_->hash(keyOf(entry)), fresh + 1) == old) continue;
       moved.push_back(entry);
-      if (sound) cleared.push_back(&line[i]);
+      cleared.push_back(&line[i]);
     }
   }
   reserveLines(moved.empty() ? 0 : (moved.size() - 1) / entriesPerLine);
@@ -537,8 +583,7 @@ void TableWriter::takeOver() {
   undoLastSplit();
   Survey const found = survey();
   count_ = found.count;
-  adoptFree(found);
-  finishAnnouncement();
+  finishAnnouncement(adoptFree(found));
   if (count_ == view_->size()) return;
   storeGuarded(countAt, count_);
   ++counters_.repaired;
@@ -611,25 +656,43 @@ void TableWriter::surveyBucket(Survey& survey, U64 bucket) {
   }
 }
 
-// A slot in no line is free. What a killed writer wrote into one and did not publish is nobody's record.
-void TableWriter::adoptFree(Survey const& survey) {
+// A slot in no line is free, if its record was removed, replaced, or not published by a writer that was killed.
+// Returns the key of the latter: no other change may get its number.
+std::optional<U64> TableWriter::adoptFree(Survey const& survey) {
+  std::optional<U64> unpublished;
   for (U64 chunk = 0; chunk < chunks_; ++chunk) {
     for (U64 i = 0; kinds_[chunk] == Kind::slots && i < slotsPerChunk(); ++i) {
       if (survey.slots[chunk * slotsPerChunk() + i]) continue;
       U32 const unit = slotUnit(chunk, i);
-      Word& slotState = view_->slot(unit)[1];
-      if (U64 const found = relaxed(slotState); found != 0 && !isFreed(found))
-        store(slotState, state(generation(found), freed));
+      Word* const slot = view_->slot(unit);
+      U64 const found = relaxed(slot[1]);
+      if (generation(found) == 2 * head_ + 2 || generation(found) == 2 * head_ + 3)
+        unpublished = relaxed(slot[2]);
+      else if (!isFreed(found))
+        refuseLostRecord(slot);
+      if (found != 0 && !isFreed(found)) store(slot[1], state(generation(found), freed));
       idleSlots_.push_back(unit);
     }
     for (U64 i = 0; kinds_[chunk] == Kind::overflow && i < linesPerChunk; ++i)
       if (!survey.lines[chunk * linesPerChunk + i]) freeLines_.push_back(lineUnit(chunk, i));
   }
+  return unpublished;
+}
+
+// An intact record that no entry names lost its entry to damage, unless it is the one that was being replaced.
+void TableWriter::refuseLostRecord(Word const* slot) const {
+  std::vector<U64> image(view_->imageWords());
+  Extent extent;
+  if (Slot::copy(slot, view_->room(), image.data(), extent) != Slot::Copy::whole) return;
+  if (view_->changedKey(head_) != image[0])
+    throw Pallo::CorruptionDetectedException(
+        view_->damage(fmt::format("the index is damaged: the entry of key {} is missing", image[0])));
 }
 
 // The change that was under way may have been published; announcing one that was not does no harm. A removal that
 // was published still has its entry.
-void TableWriter::finishAnnouncement() {
+void TableWriter::finishAnnouncement(std::optional<U64> unpublished) {
+  if (unpublished && !view_->changedKey(head_)) beginChange(*unpublished);
   auto const key = view_->changedKey(head_);
   if (!key) return;
   Spot const spot = locate(*key, view_->hash(*key));
@@ -640,6 +703,14 @@ void TableWriter::finishAnnouncement() {
   }
   storeGuarded(headAt, ++head_);
   ++counters_.repaired;
+}
+
+// A table that was made anew has other places: a walk begins again. The uppermost bits of a place tell which it is of.
+std::optional<FilePlace> TableWriter::walk(U64 hint) {
+  U64 const anew = (counters_.rebuilds & 0xFFFF) << 48;
+  auto place = view_->walk(hint >> 48 << 48 == anew ? hint & ~(U64{0xFFFF} << 48) : 0);
+  if (place) place->hint |= anew;
+  return place;
 }
 
 // ---- The face
@@ -660,7 +731,7 @@ void FileWriter::removeAll() { state_->removeAll(); }
 Extent FileWriter::read(U64 key, std::byte* image) const {
   return state_->view().read(key, reinterpret_cast<U64*>(image));
 }
-std::optional<FilePlace> FileWriter::walk(U64 hint) const { return state_->view().walk(hint); }
+std::optional<FilePlace> FileWriter::walk(U64 hint) const { return state_->walk(hint); }
 U64 FileWriter::size() const { return state_->view().size(); }
 U64 FileWriter::changes() const { return state_->view().head(); }
 WriterCounters FileWriter::counters() const { return state_->counters(); }

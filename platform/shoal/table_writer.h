@@ -14,7 +14,7 @@
 // Ownership: owns the file's mapping and, by the open file, the writer's lock.
 // Threading: one thread.
 // Cost: a write touches the key's index line, one slot, the state of another, and a few live words; a split a bucket
-//   every third insert; a new chunk of 256 KiB is allocated when the last is full. Nothing depends on the table's
+//   in four of five inserts; a new chunk of 256 KiB is allocated when the last is full. Nothing depends on the table's
 //   size, except opening, which passes over the index, and healing it.
 // Errors: FileException, WriterLockedException; NoSpaceException; Pallo::CorruptionDetectedException.
 #pragma once
@@ -49,6 +49,8 @@ class TableWriter {
   void put(U64 key, U64 const* image, Extent extent);
   bool remove(U64 key);
   void removeAll();
+  // As the view's, also where the table is made anew meanwhile.
+  std::optional<FilePlace> walk(U64 hint);
   WriterCounters counters() const;
 
   // Makes the table at `path` anew from what is in its slots, whatever its record type. Returns what was there.
@@ -63,6 +65,8 @@ class TableWriter {
   TableWriter(std::string path, Pallo::Descriptor file);
   void open(Pallo::Descriptor file);
   void heal();
+  bool isNamed(U64 key, U64 unit);
+  void adopt(U64 key, Word const* damaged);
   static Pallo::Descriptor remake(std::string const& path, Mapping const& old, Format::Header const& header,
                                   Salvaged const& found);
 
@@ -75,7 +79,6 @@ class TableWriter {
   U64 slotsPerChunk() const { return Format::chunkBytes / view_->header().slotBytes; }
   U64 keyOf(U64 entry) const;
   bool isSound(U64 entry) const;
-  bool isOf(U64 entry, U64 key, U64 hash) const;
   Word* nextLine(Word const* line, U64 bucket, U64 depth);
   [[noreturn]] void throwLinesDamage(U64 bucket) const;
   Chain gather(U64 bucket);
@@ -99,6 +102,7 @@ class TableWriter {
   void removeFound();
 
   void splitWhileFull();
+  bool triesToHeal();
   void split();
   void ensureIndexChunk(U64 bucket);
   void writeBucket(U64 bucket, std::vector<U64> const& entries);
@@ -110,8 +114,9 @@ class TableWriter {
   void undoLastSplit();
   Survey survey();
   void surveyBucket(Survey& survey, U64 bucket);
-  void adoptFree(Survey const& survey);
-  void finishAnnouncement();
+  std::optional<U64> adoptFree(Survey const& survey);
+  void refuseLostRecord(Word const* slot) const;
+  void finishAnnouncement(std::optional<U64> unpublished);
 
   std::string const path_;
   std::shared_ptr<Mapping> mapping_;
@@ -128,6 +133,7 @@ class TableWriter {
   std::deque<U32> restingSlots_;
   std::deque<U32> idleSlots_;
   std::deque<U32> freeLines_;
+  bool splitsOff_ = false;
   WriterCounters counters_;
 };
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Dump and audit: exact lines in exact order, and every inconsistency the audit can find.
-#include "vantrel/core/trace.h"
 #include "vantrel/diag/dump.h"
 #include "tests/support/fast_world.h"
+#include "vantrel/core/trace.h"
 
 using namespace TestSupport;
 using testing::Contains;

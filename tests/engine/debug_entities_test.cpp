@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ostra/piecewise_map.h"
 #include "vantrel/engine/debug_entities.h"
+#include "ostra/piecewise_map.h"
 #include "ostra/type_info.h"
 
 #include <gmock/gmock.h>

@@ -36,6 +36,10 @@ void poke(std::string const& path, U64 offset, std::string const& bytes) {
   file << bytes;
 }
 
+void pokeWord(std::string const& path, U64 offset, U64 word) {
+  poke(path, offset, {reinterpret_cast<char const*>(&word), sizeof word});
+}
+
 void expectRefused(std::string const& path, Reason reason, std::string const& text) {
   try {
     Reader const reader(path);
@@ -138,15 +142,118 @@ TEST(Damage, OfAKeyIsReportedAndHealedByAWrite) {
   }
   U64 const slot = slotOf(dir / "t", 7);
   poke(dir / "t", slot + 16, "\x70");
-  Reader reader(dir / "t");
-  EXPECT_THROW(reader.entry(EntryKey(7)), Pallo::CorruptionDetectedException);
-  EXPECT_EQ(contents(reader).size(), 49U);
-  EXPECT_EQ(reader.corruptions(), 1U);
+  auto const reader = Ostra::make<Reader>(dir / "t");
+  EXPECT_THROW(reader->entry(EntryKey(7)), Pallo::CorruptionDetectedException);
+  EXPECT_EQ(contents(*reader).size(), 49U);
+  EXPECT_EQ(reader->corruptions(), 1U);
   Writer writer(dir / "t");
   writer.entryIs(record(7, 2));
-  EXPECT_EQ(reader.entry(EntryKey(7)), record(7, 2));
-  EXPECT_EQ(contents(reader).size(), 50U);
+  settle(*reader, 10);
+  EXPECT_EQ(reader->entry(EntryKey(7)), record(7, 2));
+  EXPECT_EQ(contents(*reader).size(), 50U);
   EXPECT_EQ(writer.size(), 50U);
+}
+
+// Where the index is made anew, a record that is damaged beside it does not become an absent one.
+TEST(Damage, OfARecordOutlivesAHealing) {
+  Directory dir;
+  {
+    Writer writer(dir / "t");
+    for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
+  }
+  pokeWord(dir / "t", slotOf(dir / "t", 8) + 24, 5);
+  pokeWord(dir / "t", Shoal::Format::countAt, 5);
+  Writer writer(dir / "t");
+  EXPECT_EQ(writer.writerCounters().rebuilds, 1U);
+  EXPECT_EQ(writer.size(), 50U);
+  auto const reader = Ostra::make<Reader>(dir / "t");
+  EXPECT_THROW(reader->entry(EntryKey(8)), Pallo::CorruptionDetectedException);
+  writer.entryIs(record(8, 2));
+  EXPECT_EQ(reader->entry(EntryKey(8)), record(8, 2));
+  EXPECT_EQ(writer.writerCounters().rebuilds, 1U) << "a write of its key is enough";
+  EXPECT_EQ(contents(writer).size(), 50U);
+}
+
+// Of an index entry: whatever comes next, the key has the record that was written last.
+TEST(Damage, OfAnEntryBringsNoOldRecordBack) {
+  for (bool const writtenAnew : {true, false}) {
+    Directory dir;
+    Writer writer(dir / "t");
+    for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
+    U64 const at = entryOf(dir / "t", 7);
+    poke(dir / "t", at, std::string(1, static_cast<char>(bytesOf(dir / "t")[at] ^ 4)));
+    if (writtenAnew) writer.entryIs(record(7, 2));
+    writer.entryDel(EntryKey(7));
+    EXPECT_EQ(writer.entry(EntryKey(7)), Config());
+    EXPECT_EQ(writer.writerCounters().rebuilds, 1U);
+    Shoal::inspect(dir / "t");
+    EXPECT_EQ(Shoal::inspect(dir / "t").damage, std::vector<std::string>());
+    EXPECT_EQ(contents(writer).size(), 49U);
+  }
+}
+
+TEST(Damage, OfAnEntryIsHealedAtTheNextOpening) {
+  Directory dir;
+  {
+    Writer writer(dir / "t");
+    for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
+  }
+  pokeWord(dir / "t", entryOf(dir / "t", 7), 0);
+  EXPECT_THAT(Shoal::inspect(dir / "t").damage, testing::Contains(HasSubstr("of key 7, has no entry")));
+  Writer const writer(dir / "t");
+  EXPECT_EQ(contents(writer).size(), 50U);
+  EXPECT_EQ(writer.entry(EntryKey(7)), record(7, 1));
+}
+
+// A walk of the writer's own that is under way when the index is made anew.
+TEST(Damage, HealedUnderAWalkHidesNoKeyFromIt) {
+  Directory dir;
+  Writer writer(dir / "t");
+  for (U64 key = 1; key <= 100; ++key) writer.entryIs(record(key, 1));
+  std::set<U64> met;
+  for (auto place = writer.first(); place; place = writer.next(*place)) {
+    met.insert(place->key.value());
+    if (met.size() != 50 || writer.writerCounters().rebuilds != 0) continue;
+    U64 const at = entryOf(dir / "t", 7);
+    poke(dir / "t", at, std::string(1, static_cast<char>(bytesOf(dir / "t")[at] ^ 4)));
+    writer.entryIs(record(7, 2));
+    ASSERT_EQ(writer.writerCounters().rebuilds, 1U);
+  }
+  EXPECT_EQ(met.size(), 100U);
+}
+
+// The table was moved away, and there is another at its path: that one is not made anew from this one.
+TEST(Damage, IsHealedInItsOwnPlaceAlone) {
+  Directory dir;
+  Writer writer(dir / "t");
+  for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
+  std::filesystem::rename(dir / "t", dir / "moved");
+  Writer other(dir / "t");
+  other.entryIs(record(99, 1));
+  U64 const at = entryOf(dir / "moved", 7);
+  poke(dir / "moved", at, std::string(1, static_cast<char>(bytesOf(dir / "moved")[at] ^ 4)));
+  EXPECT_THROW(writer.entryIs(record(7, 2)), Pallo::CorruptionDetectedException);
+  EXPECT_EQ(contents(Reader(dir / "t")), (std::map<U64, U64>{{99, 1}}));
+}
+
+TEST(Damage, ByTruncationIsNotHealedInSilence) {
+  Directory dir;
+  Writer writer(dir / "t");
+  for (U64 key = 1; key <= 20000; ++key) writer.entryIs(record(key, 1));
+  std::filesystem::resize_file(dir / "t", std::filesystem::file_size(dir / "t") / 2);
+  int refused = 0;
+  for (U64 key = 1; key <= 20000; ++key) {
+    try {
+      writer.entryIs(record(key, 2));
+    } catch (Pallo::CorruptionDetectedException const& error) {
+      EXPECT_THAT(error.what(), HasSubstr("cut short"));
+      ++refused;
+    }
+  }
+  EXPECT_GT(refused, 0);
+  EXPECT_EQ(writer.writerCounters().rebuilds, 0U);
+  std::filesystem::resize_file(dir / "t", 0);
+  EXPECT_THROW(writer.entryIs(record(1, 3)), Pallo::CorruptionDetectedException);
 }
 
 TEST(Damage, OfTheIndexIsSaidAtTheEndOfTheWalk) {
@@ -166,10 +273,6 @@ TEST(Damage, OfTheIndexIsSaidAtTheEndOfTheWalk) {
       },
       Pallo::CorruptionDetectedException);
   EXPECT_EQ(visited, 49U);
-}
-
-void pokeWord(std::string const& path, U64 offset, U64 word) {
-  poke(path, offset, {reinterpret_cast<char const*>(&word), sizeof word});
 }
 
 void expectHeaderDamage(std::string const& path, U64 at, U64 word) {
@@ -241,6 +344,43 @@ TEST(Repair, KeepsWhatChecksumsProve) {
     EXPECT_EQ(Shoal::inspect(dir / "t").damage, std::vector<std::string>());
     EXPECT_EQ(Shoal::inspect(dir / "t").unfinished, std::vector<std::string>());
   }
+}
+
+TEST(Repair, SaysWhatATruncationCost) {
+  for (U64 const cut : {U64{4096}, U64{200000}, U64{400000}}) {
+    Directory dir;
+    {
+      Writer writer(dir / "t");
+      for (U64 key = 1; key <= 20; ++key) writer.entryIs(record(key, 1));
+    }
+    std::filesystem::resize_file(dir / "t", std::filesystem::file_size(dir / "t") - cut);
+    Shoal::Repair const repaired = Shoal::repair(dir / "t");
+    ASSERT_FALSE(repaired.lost.empty());
+    EXPECT_THAT(repaired.lost[0], HasSubstr("the file is cut short to"));
+    EXPECT_EQ(repaired.records, cut == 400000 ? 0U : 20U) << cut;
+    EXPECT_EQ(contents(Reader(dir / "t")).size(), repaired.records);
+  }
+  Directory dir;
+  { Writer const writer(dir / "t"); }
+  std::filesystem::resize_file(dir / "t", 10000);
+  EXPECT_EQ(Shoal::repair(dir / "t").records, 0U);
+}
+
+// The lines of an index whose directory is damaged are not taken for records.
+TEST(Repair, TakesNoLineForARecord) {
+  using namespace Shoal::Format;
+  Directory dir;
+  U64 changes = 0;
+  {
+    Writer writer(dir / "t");
+    for (U64 key = 1; key <= 500; ++key) writer.entryIs(record(key, 1));
+    changes = writer.changes();
+  }
+  pokeWord(dir / "t", indexDirectoryAt(16384), 5);
+  Shoal::Repair const repaired = Shoal::repair(dir / "t");
+  EXPECT_EQ(repaired.records, 500U);
+  EXPECT_EQ(repaired.lost.size(), 1U);
+  EXPECT_LE(Writer(dir / "t").changes(), changes + 1000);
 }
 
 TEST(Repair, IsRefusedBesideARunningWriter) {

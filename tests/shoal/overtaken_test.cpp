@@ -11,6 +11,7 @@
 #include <array>
 #include <functional>
 #include <optional>
+#include <utility>
 
 #include "fixture.h"
 #include "shoal/table_view.h"
@@ -28,12 +29,15 @@ constexpr U64 other = 8;
 constexpr U64 unpublished = 1000;
 constexpr U64 trapFlag = 0x100;
 
-// Lets something happen at one instruction of what runs meanwhile.
+// Lets something happen at one instruction of what runs meanwhile, and something else some instructions later.
 class Interruption {
  public:
-  Interruption(long instruction, std::function<void()> what) {
+  Interruption(long instruction, std::function<void()> what, long later = 0,
+               std::function<void()> then = nullptr) {
     left_ = instruction;
     what_ = std::move(what);
+    later_ = later;
+    then_ = std::move(then);
     struct sigaction action {};
     action.sa_sigaction = &Interruption::trapped;
     action.sa_flags = SA_SIGINFO;
@@ -41,7 +45,7 @@ class Interruption {
   }
   ~Interruption() {
     sigaction(SIGTRAP, &before_, nullptr);
-    what_ = nullptr;
+    what_ = then_ = nullptr;
   }
   static bool happened() { return left_ < 0; }
 
@@ -56,11 +60,18 @@ class Interruption {
  private:
   static void trapped(int, siginfo_t*, void* context) {
     if (left_-- != 0) return;
-    static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL] &= ~static_cast<greg_t>(trapFlag);
     what_();
+    if (then_) {
+      left_ = later_;
+      what_ = std::exchange(then_, nullptr);
+    } else {
+      static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL] &= ~static_cast<greg_t>(trapFlag);
+    }
   }
   static inline long left_ = 0;
+  static inline long later_ = 0;
   static inline std::function<void()> what_;
+  static inline std::function<void()> then_;
   struct sigaction before_ {};
 };
 
@@ -151,6 +162,12 @@ void expectWhatWasThere(Config const& r, Fate fate, long instruction) {
   EXPECT_TRUE(version == 1 || version == newest) << "instruction " << instruction << ": version " << version;
 }
 
+void expectOneOf(Config const& r, std::set<U64> const& versions) {
+  ASSERT_NE(r, Config()) << "it reads as absent";
+  EXPECT_TRUE(versions.contains(r.opId().value()));
+  EXPECT_EQ(r, plain(key, r.opId().value()));
+}
+
 TEST(Overtaken, AReadReturnsWhatWasThere) {
   for (Fate const fate : {Fate::anothers, Fate::sameKeys, Fate::halfway, Fate::removed}) {
     long instruction = 0;
@@ -165,6 +182,20 @@ TEST(Overtaken, AReadReturnsWhatWasThere) {
     }
     EXPECT_GT(instruction, 50);
     EXPECT_EQ(versions.size(), 2U) << "before it and after it";
+  }
+}
+
+// The slot is freed and, some instructions later, published again, with the same entry.
+TEST(Overtaken, AReadMissesNoRecordThatComesBack) {
+  constexpr long most = 60;
+  for (long instruction = 0; instruction < most; ++instruction) {
+    for (long later = 0; later < 32; later += 4) {
+      World world;
+      Interruption const interruption(
+          instruction, [&] { world.freeTheSlot(); }, later, [&] { world.put(key, 500); });
+      Config const r = world.read(key);
+      ASSERT_NO_FATAL_FAILURE(expectOneOf(r, {1, 2, 500})) << instruction << " and " << later;
+    }
   }
 }
 

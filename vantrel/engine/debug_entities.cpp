@@ -33,8 +33,12 @@ void DebugStatus::pendingDelAll() { membersDelAll("pending", *pending_, &Notifie
 void DebugStatus::pendingOpIdIs(EntryKey const& key, OpId const& opId) {
   memberIs("pendingOpId", *pendingOpId_, key, opId, &Notifiee::onPendingOpId);
 }
-OpId DebugStatus::pendingOpIdDel(EntryKey const& key) { return memberDel("pendingOpId", *pendingOpId_, key, &Notifiee::onPendingOpId); }
-void DebugStatus::pendingOpIdDelAll() { membersDelAll("pendingOpId", *pendingOpId_, &Notifiee::onPendingOpId); }
+OpId DebugStatus::pendingOpIdDel(EntryKey const& key) {
+  return memberDel("pendingOpId", *pendingOpId_, key, &Notifiee::onPendingOpId);
+}
+void DebugStatus::pendingOpIdDelAll() {
+  membersDelAll("pendingOpId", *pendingOpId_, &Notifiee::onPendingOpId);
+}
 
 void DebugStatus::statusIs(U32 ti, EntryKey const& key) {
   memberIs("status", *status_, ti, key, &Notifiee::onStatus);
@@ -45,7 +49,9 @@ void DebugStatus::statusDelAll() { membersDelAll("status", *status_, &Notifiee::
 void DebugStatus::statusOpIdIs(EntryKey const& key, OpId const& opId) {
   memberIs("statusOpId", *statusOpId_, key, opId, &Notifiee::onStatusOpId);
 }
-OpId DebugStatus::statusOpIdDel(EntryKey const& key) { return memberDel("statusOpId", *statusOpId_, key, &Notifiee::onStatusOpId); }
+OpId DebugStatus::statusOpIdDel(EntryKey const& key) {
+  return memberDel("statusOpId", *statusOpId_, key, &Notifiee::onStatusOpId);
+}
 void DebugStatus::statusOpIdDelAll() { membersDelAll("statusOpId", *statusOpId_, &Notifiee::onStatusOpId); }
 
 namespace {
