@@ -123,6 +123,9 @@ FileReader::State::State(std::string path, Shape const& shape, Sink& sink, Prese
   } catch (FileException const& error) {
     if (presence == Presence::required) throw;
     if (error.reason() != FileException::Reason::missing) problem_ = error.what();
+  } catch (Pallo::CorruptionDetectedException const& error) {
+    if (presence == Presence::required) throw;
+    problem_ = error.what();
   }
 }
 
