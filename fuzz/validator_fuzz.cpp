@@ -5,10 +5,12 @@
 // Five bytes are a step: key and kind of write; version; position; handle and group; priority and the rest.
 #include <cstddef>
 #include <cstdlib>
+#include <memory>
 
 #include "apps/vantreld/validator.h"
 #include "hw/simulated_tcam.h"
 #include "testing/validated_table.h"
+#include "vantrel/fast/state.h"
 
 using namespace Vantrel;
 
@@ -26,6 +28,7 @@ class World {
   }
   ~World() {
     frontEnd_ = nullptr;
+    std::unique_ptr<FastState> const state(engine_->state());  // an engine does not release its own
     engine_ = nullptr;
     if (hardware_->entries() != 0) std::abort();
   }

@@ -13,7 +13,7 @@ constexpr U32 noPosition = 0xFFFFFFFF;  // the engine's "programmed nowhere"
 
 std::optional<std::string> fastViolation(U32 shift, U16 pg, U32 ti) {
   if (U64{ti} >> shift != 0) return fmt::format("position {} is not below 2^{}", ti, shift);
-  U32 const groupBits = 32 - std::min(shift, 32U);
+  U32 const groupBits = Mapping::mostShift - shift;
   if (U64{pg} >> groupBits != 0) return fmt::format("group {} is not below 2^{}", pg, groupBits);
   return std::nullopt;
 }
@@ -30,6 +30,13 @@ std::optional<std::string> algorithmicViolation(U32 partitions, U16 pg, U32 ti) 
 
 }  // namespace
 
+Mapping Mapping::fast(U32 prioGrpShift) {
+  if (prioGrpShift > mostShift)
+    throw std::invalid_argument(
+        fmt::format("prioGrpShift must be at most {}, instead got {}", mostShift, prioGrpShift));
+  return Mapping(prioGrpShift, 0);
+}
+
 Mapping Mapping::algorithmic(U32 maxPartitions) {
   if (maxPartitions == 0 || maxPartitions > offsets)
     throw std::invalid_argument(
@@ -40,7 +47,7 @@ Mapping Mapping::algorithmic(U32 maxPartitions) {
 std::optional<std::string> Mapping::violation(U16 pg, U32 ti) const {
   if (ti == noPosition) return fmt::format("position {} means nowhere", ti);
   return isAlgorithmic() ? algorithmicViolation(partitions_, pg, ti)
-                         : fastViolation(std::min(shift_, 63U), pg, ti);
+                         : fastViolation(shift_, pg, ti);
 }
 
 U32 Mapping::capacity(U16 pg, U32 size) const {
@@ -50,7 +57,7 @@ U32 Mapping::capacity(U16 pg, U32 size) const {
 }
 
 U64 Mapping::positions() const {
-  U64 const all = isAlgorithmic() ? U64{partitions_} * offsets : U64{1} << std::min(shift_, 32U);
+  U64 const all = isAlgorithmic() ? U64{partitions_} * offsets : U64{1} << shift_;
   return std::min<U64>(all, noPosition);
 }
 

@@ -18,9 +18,11 @@ namespace Vantrel {
 class VANTREL_API Mapping {
  public:
   static constexpr U32 defaultShift = 19;
+  static constexpr U32 mostShift = 32;  // bits of a precedence index
   static constexpr U32 offsets = 1U << 16;  // positions of one partition
 
-  static Mapping fast(U32 prioGrpShift = defaultShift) { return Mapping(prioGrpShift, 0); }
+  // `prioGrpShift` of at most `mostShift`, else std::invalid_argument.
+  static Mapping fast(U32 prioGrpShift = defaultShift);
   // `maxPartitions` from 1 to 65536, else std::invalid_argument.
   static Mapping algorithmic(U32 maxPartitions);
 

@@ -44,9 +44,12 @@ struct Del {
   }
 
   void acknowledged(Vantrel::SharedTables& tables, Producer& producer, EntryKey which) const {
-    producer.markDeleted(which);
     Awaiting awaiting(dir, tables, timeout, json);
-    awaiting.await(which, Vantrel::OpId::deleteAcknowledge());
+    if (tables.config()->entry(which).isDel())  // by one that did not wait, or was killed
+      awaiting.await(which, Vantrel::OpId::deleteAcknowledge());
+    else
+      awaiting.acknowledgements().awaitDelete(which);
+    producer.markDeleted(which);
     awaiting.untilDone("acknowledged");
   }
 };

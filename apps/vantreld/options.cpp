@@ -59,7 +59,7 @@ Options parse(int argc, char** argv) {
       ->check(CLI::Range(1U, 65536U));
   app.add_option("--prio-grp-shift", o.prioGrpShift,
                  "Bits of a precedence index that hold the position (19; atcam 16)")
-      ->check(CLI::Range(16U, 31U));
+      ->check(CLI::Range(16U, Vantrel::Mapping::mostShift));
   app.add_option("--size", o.size, "Positions in hardware")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();

@@ -438,7 +438,7 @@ TEST_F(AgentProcess, WrongFlagsGetUsageAndStatusTwo) {
                                                 {"--engine", "best"},
                                                 {"--size", "many"},
                                                 {"--size", "600000"},
-                                                {"--prio-grp-shift", "40"}}) {
+                                                {"--prio-grp-shift", "33"}}) {
     auto const agent = start(flags);
     EXPECT_EQ(agent->wait(), 2) << flags[0];
     EXPECT_THAT(agent->err(), HasSubstr("--help")) << flags[0];

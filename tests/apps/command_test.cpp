@@ -149,6 +149,7 @@ TEST_F(CommandTest, AWrongFlagIsUsageAndTwo) {
            {"del", "--dir", "d", "--key", "1", "--timeout", "1"},
            {"put", "--dir", "d", "--key", "1", "--pg", "0", "--prio", "1", "--ti", "1", "--timeout", "1"},
            {"load", "f", "--dir", "d", "--max-partitions", "0"},
+           {"load", "f", "--dir", "d", "--prio-grp-shift", "33"},
            {"load", "f", "--dir", "d", "--fast"}}) {
     Ended const ended = run(arguments);
     EXPECT_EQ(ended.status, 2) << testing::PrintToString(arguments);

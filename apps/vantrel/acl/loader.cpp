@@ -389,9 +389,9 @@ U64 Loader::mark(Which which) {
   U64 marked = 0;
   for (Old& old : old_) {
     if (old.marked || !which(old)) continue;
+    acknowledgements_.awaitDelete(old.key);
     producer_.markDeleted(old.key);
     if (handler_) handler_(old.key);
-    acknowledgements_.await(old.key, OpId::deleteAcknowledge());
     old.marked = true;
     --filled_[old.pg];
     marked_.push_back(old.key);
