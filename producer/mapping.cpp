@@ -46,8 +46,7 @@ Mapping Mapping::algorithmic(U32 maxPartitions) {
 
 std::optional<std::string> Mapping::violation(U16 pg, U32 ti) const {
   if (ti == noPosition) return fmt::format("position {} means nowhere", ti);
-  return isAlgorithmic() ? algorithmicViolation(partitions_, pg, ti)
-                         : fastViolation(shift_, pg, ti);
+  return isAlgorithmic() ? algorithmicViolation(partitions_, pg, ti) : fastViolation(shift_, pg, ti);
 }
 
 U32 Mapping::capacity(U16 pg, U32 size) const {

@@ -18,7 +18,7 @@ namespace Vantrel {
 class VANTREL_API Mapping {
  public:
   static constexpr U32 defaultShift = 19;
-  static constexpr U32 mostShift = 32;  // bits of a precedence index
+  static constexpr U32 mostShift = 32;      // bits of a precedence index
   static constexpr U32 offsets = 1U << 16;  // positions of one partition
 
   // `prioGrpShift` of at most `mostShift`, else std::invalid_argument.

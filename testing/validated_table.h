@@ -17,8 +17,7 @@ namespace Testing {
 class ValidatedTable : public Shoal::LocalTable<Vantrel::EntryConfig> {
  public:
   // As Shoal::ReaderTable's.
-  using Validator =
-      std::function<void(Vantrel::EntryKey const&, Vantrel::EntryConfig&, char const* damage)>;
+  using Validator = std::function<void(Vantrel::EntryKey const&, Vantrel::EntryConfig&, char const* damage)>;
 
   void validatorIs(Validator validator) { validator_ = std::move(validator); }
   // Until the next call, the record of the key cannot be read.

@@ -18,12 +18,15 @@ std::atomic<int> event = -1;
 std::atomic<bool> stopAsked = false;
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
-[[noreturn]] void endNow() {
-  constexpr std::string_view line =
-      "vantreld: ended by a second signal: what is in hardware stays there, and so do the statuses\n";
+// A log may be in the middle of something.
+void sayAtOnce(std::string_view line) {
   pollfd waiting{STDERR_FILENO, POLLOUT, 0};
   if (::poll(&waiting, 1, 0) == 1)
     static_cast<void>(::write(STDERR_FILENO, line.data(), line.size()) == 0);  // nobody is left to mind
+}
+
+[[noreturn]] void endNow() {
+  sayAtOnce("vantreld: ended by a second signal: what is in hardware stays there, and so do the statuses\n");
   ::_exit(StopSignals::endedStatus);
 }
 

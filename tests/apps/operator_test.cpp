@@ -103,9 +103,10 @@ TEST_F(OperatorTest, AttrListsGetsSetsAndInvokes) {
 TEST_F(OperatorTest, AttrSaysWhatIsWrong) {
   want(1, 5, 10);
   start();
-  expectRefused({"attr", "get", "engin", "prioGrpShift"},
-                "no entity is named \"engin\"; there are: agent, configTable, debugConfig, debugStatus, engine, "
-                "flushStatus, frontEnd, hardware, statusTable, trace");
+  expectRefused(
+      {"attr", "get", "engin", "prioGrpShift"},
+      "no entity is named \"engin\"; there are: agent, configTable, debugConfig, debugStatus, engine, "
+      "flushStatus, frontEnd, hardware, statusTable, trace");
   EXPECT_THAT(run({"attr", "get", "engine", "prio"}).err,
               StartsWith("vantrel: Vantrel::FastVantrelImpl has no attribute \"prio\"; it has: "));
   expectRefused({"attr", "set", "engine", "debugEnabled", "yes"}, "expected true or false, got \"yes\"");

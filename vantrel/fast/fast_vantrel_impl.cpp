@@ -65,8 +65,8 @@ U32 FastVantrelImpl::numDeadlock() const { return deadlockCount(); }
 void FastVantrelImpl::checkedPrioGrpShiftIs(U32 v) {
   constexpr U32 most = 32;
   if (v > most)
-    throw Ostra::AttributeException(
-        "prioGrpShift: expected a number of bits from 0 to 32, got " + std::to_string(v));
+    throw Ostra::AttributeException("prioGrpShift: expected a number of bits from 0 to 32, got " +
+                                    std::to_string(v));
   prioGrpShiftIs(v);
 }
 
