@@ -18,8 +18,8 @@
 //   without acknowledgement may come back under another group or priority only after the agent has let go of
 //   it; this object refuses that for keys it removed itself.
 //   A damaged record is stepped over, and healed by the next write of its key: nothing is known of what it
-//   held. An agent that has it programmed takes no other group, priority or handle for the key: mark it deleted
-//   first.
+//   held. An agent that has it programmed takes no other group, priority or handle for the key: mark it
+//   deleted first.
 // Ownership: holds references to both tables. The status table may still be empty, or null: nothing is
 //   acknowledged.
 // Threading: one thread.

@@ -7,6 +7,7 @@
 
 #include "lumelog/lumelog.h"
 #include "ostra/clock.h"
+#include "producer/shared_tables.h"
 
 namespace Vantreld {
 namespace {
@@ -251,7 +252,8 @@ void Agent::sayConfigProblem() {
   if (configProblem_.empty())
     err_.provoked("{}: it can be read again", config_->path());
   else
-    err_.provoked("{}; waiting for a table", configProblem_);
+    err_.provoked("{}{}; waiting for a table", configProblem_,
+                  Vantrel::SharedTables::advice(config_->path()));
 }
 
 void Agent::sayStatusProblem() {
@@ -284,11 +286,11 @@ void Agent::sayWhatWasDone() {
     out_.say("stopped; statuses left: {}", status_->size());
     return;
   }
-  out_.say(
-      "stopped: {} adds, {} updates, {} moves, {} deletes, {} deletes to break rings, {} flushes, {} "
-      "violations; entries left: {}, statuses left: {}",
-      sim_->adds(), sim_->updates(), sim_->moves(), sim_->deletes(), sim_->deadlockDeletes(), sim_->flushes(),
-      sim_->violations(), sim_->entries(), status_->size());
+  std::string const calls = fmt::format(
+      "{} adds, {} updates, {} moves, {} deletes, {} deletes to break rings, {} flushes", sim_->adds(),
+      sim_->updates(), sim_->moves(), sim_->deletes(), sim_->deadlockDeletes(), sim_->flushes());
+  out_.say("stopped: {}, {} violations; entries left: {}, statuses left: {}", calls, sim_->violations(),
+           sim_->entries(), status_->size());
 }
 
 }  // namespace Vantreld

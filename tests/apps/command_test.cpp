@@ -257,6 +257,32 @@ TEST_F(CommandTest, AnEntrysLifeWithAnAgent) {
   stop(*daemon);
 }
 
+TEST_F(CommandTest, StatusSaysThatNoAgentRuns) {
+  auto const daemon = agent();
+  ASSERT_EQ(put("7", "0x10001", "7", "10", "5", {"--wait", "--timeout", "30"}).status, 0);
+  EXPECT_EQ(at({"status", "7"}).status, 0);
+  daemon->signal(SIGKILL);
+  daemon->wait();
+  for (auto const& verb : std::vector<std::vector<std::string>>{{"status", "7"}, {"ls", "status"}}) {
+    Ended const ended = at(verb);
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_THAT(ended.err, HasSubstr("what the status table says was true of the agent that wrote it"));
+  }
+}
+
+// The mark of the first delete stands while the key comes back and goes again: nothing was done meanwhile.
+TEST_F(CommandTest, DelWaitsForItsOwnAcknowledgement) {
+  ASSERT_EQ(put("7", "0x10001", "7", "10", "5").status, 0);
+  {
+    Shoal::WriterTable<EntryStatus> statuses(dir / "status.shoal");
+    statuses.entryIs({EntryKey(7), Vantrel::OpId::deleteAcknowledge()});
+  }
+  Ended const ended = at({"del", "--key", "7", "--ack", "--timeout", "0.5"});
+  EXPECT_EQ(ended.status, 1);
+  EXPECT_THAT(ended.err, HasSubstr("not acknowledged"));
+  EXPECT_THAT(at({"ls", "config", "--json"}).out, HasSubstr("\"del\":true"));
+}
+
 TEST_F(CommandTest, ALateKeyIsNamedWithTheReason) {
   Ended const alone = put("1", "0x10001", "1", "10", "5", {"--wait", "--timeout", "0.1"});
   EXPECT_EQ(alone.status, 1);
