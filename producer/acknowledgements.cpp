@@ -20,21 +20,30 @@ EntryStatus readStatus(TableStatus const& table, EntryKey key) {
 
 class Acknowledgements::Watcher : public TableStatus::Notifiee {
  public:
-  void onEntry(EntryKey const& key) override { look(key); }
+  struct Awaited {
+    OpId opId;
+    bool stale;  // it stood there before it was awaited
+  };
+
+  void onEntry(EntryKey const& key) override {
+    if (auto const at = awaited_.find(key.value()); at != awaited_.end()) at->second.stale = false;
+    look(key);
+  }
   void onEntryColl() override {
     std::vector<EntryKey> waiting;
-    for (auto const& [key, opId] : awaited_) waiting.emplace_back(key);
-    for (EntryKey const key : waiting) look(key);
+    for (auto const& [key, awaited] : awaited_) waiting.emplace_back(key);
+    for (EntryKey const key : waiting) onEntry(key);
   }
 
   void look(EntryKey key) {
     auto const at = awaited_.find(key.value());
-    if (at == awaited_.end() || readStatus(*notifier(), key).opId() != at->second) return;
+    if (at == awaited_.end() || at->second.stale) return;
+    if (readStatus(*notifier(), key).opId() != at->second.opId) return;
     awaited_.erase(at);
     if (handler_) handler_(key);
   }
 
-  boost::unordered_flat_map<U64, OpId> awaited_;
+  boost::unordered_flat_map<U64, Awaited> awaited_;
   std::function<void(EntryKey)> handler_;
 };
 
@@ -48,9 +57,15 @@ Acknowledgements::Acknowledgements(Ostra::Ptr<TableStatus const> status)
 Acknowledgements::~Acknowledgements() = default;
 
 void Acknowledgements::await(EntryKey key, OpId opId) {
-  watcher_->awaited_[key.value()] = opId;
+  watcher_->awaited_[key.value()] = {opId, false};
   watcher_->look(key);
 }
+
+void Acknowledgements::awaitDelete(EntryKey key) {
+  OpId const mark = OpId::deleteAcknowledge();
+  watcher_->awaited_[key.value()] = {mark, readStatus(*watcher_->notifier(), key).opId() == mark};
+}
+
 void Acknowledgements::forget(EntryKey key) { watcher_->awaited_.erase(key.value()); }
 
 U64 Acknowledgements::outstanding() const { return watcher_->awaited_.size(); }
@@ -58,12 +73,12 @@ U64 Acknowledgements::outstanding() const { return watcher_->awaited_.size(); }
 std::optional<OpId> Acknowledgements::awaited(EntryKey key) const {
   auto const at = watcher_->awaited_.find(key.value());
   if (at == watcher_->awaited_.end()) return std::nullopt;
-  return at->second;
+  return at->second.opId;
 }
 
 std::vector<EntryKey> Acknowledgements::keys() const {
   std::vector<EntryKey> keys;
-  for (auto const& [key, opId] : watcher_->awaited_) keys.emplace_back(key);
+  for (auto const& [key, awaited] : watcher_->awaited_) keys.emplace_back(key);
   std::ranges::sort(keys);
   return keys;
 }

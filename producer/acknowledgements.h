@@ -32,6 +32,11 @@ class VANTREL_API Acknowledgements {
   // Waits for the key's status to become `opId`: a version, or OpId::deleteAcknowledge(). Replaces what was
   // awaited.
   void await(EntryKey key, OpId opId);
+  // Waits for the acknowledgement of a delete that is about to be written. To be called before that: when the
+  // mark of an earlier delete of the key still stands in the status table, only what is written after it
+  // counts. (Unless the status table's changes come too fast to be told one by one, or it becomes another
+  // file: then the mark counts.)
+  void awaitDelete(EntryKey key);
   void forget(EntryKey key);
 
   bool done() const { return outstanding() == 0; }

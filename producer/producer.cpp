@@ -49,17 +49,18 @@ namespace {
 
 using Rule = ProducerRule;
 
-// Every record of the table. Damage passes through: a table with damage is not one to write to.
-template <class R, class Visit>
-void walk(Shoal::Table<R> const& table, Visit visit) {
-  for (auto place = table.first(); place; place = table.next(*place)) visit(table.entry(place->key));
+// Each key of the table with its record. Damage of the index passes through: there may be more keys.
+template <class R, class Read, class Visit>
+void walk(Shoal::Table<R> const& table, Read read, Visit visit) {
+  for (auto place = table.first(); place; place = table.next(*place)) visit(place->key, read(place->key));
 }
 
 // The status table is another's: what is damaged there is as good as not acknowledged.
 template <class Visit>
 void walkStatus(TableStatus const& table, Visit visit) {
   try {
-    walk(table, visit);
+    walk(
+        table, [&](EntryKey key) { return readStatus(table, key); }, visit);
   } catch (Pallo::CorruptionDetectedException const& damage) {
     table.corruptionDetected(damage.what());
   }
@@ -118,11 +119,44 @@ Producer::Producer(Ostra::Ptr<TableConfig> config, Ostra::Ptr<TableStatus const>
       mapping_(mapping),
       ledger_(std::make_unique<Ledger>()) {
   ledger_->greatest = OpId(writesBefore << 16);
-  walk(*config_, [this](EntryConfig const& record) { ledger_->note(record); });
-  if (status_) walkStatus(*status_, [this](EntryStatus const& record) { ledger_->note(record); });
+  noteAll(writesBefore);
+}
+
+// The handle of a damaged record is not above the number of writes, if one like this object chose it.
+void Producer::noteAll(U64 writesBefore) {
+  bool damaged = false;
+  auto const read = [this](EntryKey key) { return recordOf(key); };
+  walk(*config_, read, [&](EntryKey key, EntryConfig const& record) {
+    damaged |= record == EntryConfig() && key != EntryKey();
+    if (record == EntryConfig())
+      ledger_->greatestKey = std::max(ledger_->greatestKey, key.value());
+    else
+      ledger_->note(record);
+  });
+  if (damaged)
+    ledger_->lastHandle = std::max(
+        ledger_->lastHandle, static_cast<U32>(std::min<U64>(writesBefore, std::numeric_limits<U32>::max())));
+  if (status_) walkStatus(*status_, [this](EntryKey, EntryStatus const& record) { ledger_->note(record); });
 }
 
 Producer::~Producer() = default;
+
+EntryConfig Producer::recordOf(EntryKey key) const {
+  try {
+    return config_->entry(key);
+  } catch (Pallo::Exception const& damage) {
+    config_->corruptionDetected(damage.what());
+    return {};
+  }
+}
+
+bool Producer::holds(EntryKey key) const {
+  try {
+    return !(config_->entry(key) == EntryConfig());
+  } catch (Pallo::Exception const&) {
+    return true;
+  }
+}
 
 std::optional<OpId> Producer::statusOf(EntryKey key) const {
   if (!status_) return std::nullopt;
@@ -155,7 +189,7 @@ U16 Producer::lowPart(EntryConfig const& before, Wish const& wish) const {
 }
 
 OpId Producer::put(Wish const& wish) {
-  EntryConfig const before = config_->entry(wish.key);
+  EntryConfig const before = recordOf(wish.key);
   OpId const version = nextVersion(wish.key, lowPart(before, wish));
   U32 const handle = before.tableIndexs() != 0 ? before.hdl() : ledger_->freeHandle();
   EntryConfig entry(wish.key, version, handle, wish.pg, wish.prio);
@@ -165,7 +199,7 @@ OpId Producer::put(Wish const& wish) {
   return version;
 }
 
-void Producer::put(EntryConfig const& entry) { replace(config_->entry(entry.key()), entry); }
+void Producer::put(EntryConfig const& entry) { replace(recordOf(entry.key()), entry); }
 
 void Producer::replace(EntryConfig const& before, EntryConfig const& entry) {
   checkChange(before, entry);
@@ -174,7 +208,7 @@ void Producer::replace(EntryConfig const& before, EntryConfig const& entry) {
 }
 
 OpId Producer::move(EntryKey key, U32 ti) {
-  EntryConfig const before = config_->entry(key);
+  EntryConfig const before = recordOf(key);
   if (before.tableIndexs() == 0) refuse(Rule::KnownKey, key, "it is not in the table");
   EntryConfig const entry = withPosition(before, nextVersion(key, before.opId().low()), ti);
   replace(before, entry);
@@ -182,17 +216,20 @@ OpId Producer::move(EntryKey key, U32 ti) {
 }
 
 void Producer::markDeleted(EntryKey key) {
-  EntryConfig record = config_->entry(key);
-  if (record == EntryConfig()) refuse(Rule::KnownKey, key, "it is not in the table");
+  EntryConfig record = recordOf(key);
+  if (!holds(key)) refuse(Rule::KnownKey, key, "it is not in the table");
   if (record.isDel()) return;
-  record = withPosition(record, nextVersion(key, record.opId().low()), record.tableIndex(TableKey(0)));
+  if (record == EntryConfig())
+    record = EntryConfig(key, nextVersion(key, 0), ledger_->freeHandle(), 0, 0);
+  else
+    record = withPosition(record, nextVersion(key, record.opId().low()), record.tableIndex(TableKey(0)));
   record.isDelIs(true);
   write(record);
 }
 
 void Producer::remove(EntryKey key) {
-  EntryConfig const record = config_->entry(key);
-  if (record == EntryConfig()) return;
+  EntryConfig const record = recordOf(key);
+  if (record == EntryConfig()) return config_->entryDel(key);  // if it is there, it is damaged
   if (!(record.isDel() && acknowledged(key)))
     ledger_->departed[key.value()] = {record.pg(), record.prio(), record.opId().low()};
   ledger_->owner.erase(record.hdl());
@@ -201,15 +238,16 @@ void Producer::remove(EntryKey key) {
 
 U64 Producer::removeAcknowledged() {
   std::vector<EntryKey> done;
-  walk(*config_, [&](EntryConfig const& record) {
-    if (record.isDel() && acknowledged(record.key())) done.push_back(record.key());
+  auto const read = [this](EntryKey key) { return recordOf(key); };
+  walk(*config_, read, [&](EntryKey key, EntryConfig const& record) {
+    if (record.isDel() && acknowledged(key)) done.push_back(key);
   });
   for (EntryKey const key : done) remove(key);
   return done.size();
 }
 
 std::optional<OpId> Producer::awaited(EntryKey key) const {
-  EntryConfig const record = config_->entry(key);
+  EntryConfig const record = recordOf(key);
   if (record == EntryConfig()) return std::nullopt;
   return record.isDel() ? OpId::deleteAcknowledge() : record.opId();
 }
@@ -221,11 +259,11 @@ bool Producer::acknowledged(EntryKey key) const {
 
 EntryKey Producer::freshKey() const {
   U64 key = ledger_->greatestKey + 1;
-  while (key == 0 || !(config_->entry(EntryKey(key)) == EntryConfig())) ++key;
+  while (key == 0 || holds(EntryKey(key))) ++key;
   return EntryKey(key);
 }
 
-void Producer::check(EntryConfig const& entry) const { checkChange(config_->entry(entry.key()), entry); }
+void Producer::check(EntryConfig const& entry) const { checkChange(recordOf(entry.key()), entry); }
 
 void Producer::checkChange(EntryConfig const& before, EntryConfig const& entry) const {
   checkShape(entry, mapping_);

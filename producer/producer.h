@@ -17,6 +17,9 @@
 //   have the greater OpId: the engine drops the older claim and never looks again. A key that was removed
 //   without acknowledgement may come back under another group or priority only after the agent has let go of
 //   it; this object refuses that for keys it removed itself.
+//   A damaged record is stepped over, and healed by the next write of its key: nothing is known of what it
+//   held. An agent that has it programmed takes no other group, priority or handle for the key: mark it
+//   deleted first.
 // Ownership: holds references to both tables. The status table may still be empty, or null: nothing is
 //   acknowledged.
 // Threading: one thread.
@@ -78,6 +81,8 @@ class VANTREL_API Producer {
   // The status table holds anything at all.
   bool anyStatus() const { return status_ && status_->size() != 0; }
 
+  // The configuration table has a record of the key, if only a damaged one.
+  bool holds(EntryKey key) const;
   // A key above every key in either table.
   EntryKey freshKey() const;
   // What put() refuses, asked beforehand.
@@ -91,6 +96,9 @@ class VANTREL_API Producer {
   OpId nextVersion(EntryKey key, U16 low) const;
   U16 lowPart(EntryConfig const& before, Wish const& wish) const;
   std::optional<OpId> statusOf(EntryKey key) const;
+  // The key's record, empty when there is none, or when it is damaged.
+  EntryConfig recordOf(EntryKey key) const;
+  void noteAll(U64 writesBefore);
   // `before`: what the table holds of the key.
   void replace(EntryConfig const& before, EntryConfig const& entry);
   void checkChange(EntryConfig const& before, EntryConfig const& entry) const;

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -52,6 +53,17 @@ Ostra::Ptr<TableConfig> SharedTables::config() const { return config_; }
 Ostra::Ptr<TableStatus const> SharedTables::status() const { return status_; }
 U64 SharedTables::changes() const { return config_->changes(); }
 bool SharedTables::hasStatus() const { return status_->mounted(); }
+
+std::string SharedTables::statusProblem() const {
+  return status_->problem().empty() ? "" : status_->problem() + advice(status_->path());
+}
+
+std::string SharedTables::advice(std::string const& path) {
+  if (::access(path.c_str(), R_OK) == 0 || errno != EACCES) return {};
+  return "; agent and producers of several users need a group in common, which the directory belongs to and "
+         "hands "
+         "on (chmod g+s)";
+}
 int SharedTables::fd() const { return status_->fd(); }
 void SharedTables::dispatch() { status_->dispatch(); }
 

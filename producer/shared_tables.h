@@ -39,8 +39,11 @@ class VANTREL_API SharedTables {
   Ostra::Ptr<TableStatus const> status() const;
   // How many writes the configuration table has ever seen.
   U64 changes() const;
-  // The agent has made its status table.
+  // The agent has made its status table, and this process can read it; and why not, when there is one.
   bool hasStatus() const;
+  std::string statusProblem() const;
+  // What to do about a table that this user may not read, in words that follow the problem; empty for others.
+  static std::string advice(std::string const& path);
 
   // For an event loop: readable when dispatch() has something to tell.
   int fd() const;

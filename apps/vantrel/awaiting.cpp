@@ -86,7 +86,9 @@ void Awaiting::late() {
   std::vector<Vantrel::EntryKey> const keys = acknowledgements_.keys();
   std::string text = fmt::format("{} {} not acknowledged within {} s", keys.size(),
                                  keys.size() == 1 ? "key is" : "keys are", *timeout_);
-  std::string noSnapshot = fmt::format("no agent has made {}", Vantrel::SharedTables::statusPath(dir_));
+  std::string noSnapshot = tables_.statusProblem();
+  if (noSnapshot.empty())
+    noSnapshot = fmt::format("no agent has made {}", Vantrel::SharedTables::statusPath(dir_));
   std::optional<Snapshot> snapshot;
   if (tables_.hasStatus()) {
     snapshot = agent_->snapshot(snapshotSeconds);

@@ -55,7 +55,8 @@ CLI::Option* addTimeout(CLI::App& app, std::optional<double>& seconds, std::stri
 
 void MappingFlags::addTo(CLI::App& app) {
   addNumber(app, "--prio-grp-shift", prioGrpShift,
-            "The fast engine's bits for the position in a precedence index (19)", 32);
+            "The fast engine's bits for the position in a precedence index (19)",
+            Vantrel::Mapping::mostShift);
   addNumber(app, "--max-partitions", maxPartitions,
             "The algorithmic engine's number of partitions; without it the engine is the fast one", 65536);
 }

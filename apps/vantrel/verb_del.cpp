@@ -16,7 +16,6 @@
 namespace VantrelCommand {
 namespace {
 
-using Vantrel::EntryConfig;
 using Vantrel::EntryKey;
 using Vantrel::Producer;
 
@@ -32,7 +31,7 @@ struct Del {
     Vantrel::SharedTables tables(dir);
     Producer producer(tables.config(), tables.status(), Vantrel::Mapping::fast(), tables.changes());
     EntryKey const which(*key);
-    if (tables.config()->entry(which) == EntryConfig())
+    if (!producer.holds(which))
       throw std::runtime_error(
           fmt::format("there is no key {} in {}", *key, Vantrel::SharedTables::configPath(dir)));
     if (ack) acknowledged(tables, producer, which);
@@ -44,9 +43,13 @@ struct Del {
   }
 
   void acknowledged(Vantrel::SharedTables& tables, Producer& producer, EntryKey which) const {
-    producer.markDeleted(which);
     Awaiting awaiting(dir, tables, timeout, json);
-    awaiting.await(which, Vantrel::OpId::deleteAcknowledge());
+    if (producer.awaited(which) ==
+        Vantrel::OpId::deleteAcknowledge())  // by one that did not wait, or was killed
+      awaiting.await(which, Vantrel::OpId::deleteAcknowledge());
+    else
+      awaiting.acknowledgements().awaitDelete(which);
+    producer.markDeleted(which);
     awaiting.untilDone("acknowledged");
   }
 };

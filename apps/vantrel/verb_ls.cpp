@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <vector>
 
 #include "apps/vantrel/acl/rule.h"
@@ -166,6 +167,14 @@ void listPositions(std::string const& dir, bool asJson) {
   }
 }
 
+// What stands in the status table is what an agent has done as long as it runs.
+void requireAgent(std::string const& dir) {
+  auto const agent = agentViewOf(dir);
+  if (!agent->reached())
+    throw std::runtime_error(
+        fmt::format("{}: what the status table says was true of the agent that wrote it", agent->problem()));
+}
+
 // ---- one key
 
 char const* stateOf(EntryConfig const& entry, EntryStatus const& status) {
@@ -192,6 +201,7 @@ void showStatus(std::string const& dir, U64 key, bool asJson) {
                            .dump());
   else
     fmt::print("key {}: {}, OpId {} of {}\n", key, state, status.opId().value(), entry.opId().value());
+  requireAgent(dir);
 }
 
 struct Listing {
@@ -214,7 +224,10 @@ void addLs(CLI::App& app) {
   verb.footer("Example:\n  vantrel ls positions --dir /run/vantrel --json");
   verb.callback([listing] {
     if (listing->what == "config") listConfig(listing->dir, listing->json);
-    if (listing->what == "status") listStatus(listing->dir, listing->json);
+    if (listing->what == "status") {
+      listStatus(listing->dir, listing->json);
+      requireAgent(listing->dir);
+    }
     if (listing->what == "positions") listPositions(listing->dir, listing->json);
   });
 }

@@ -3,22 +3,20 @@
 
 #include <fmt/format.h>
 
-#include <csignal>
-#include <cstdio>
+#include <chrono>
 
-#include "apps/vantreld/validator.h"
 #include "lumelog/lumelog.h"
+#include "ostra/clock.h"
+#include "producer/shared_tables.h"
 
 namespace Vantreld {
 namespace {
 
 constexpr U32 traceId = 1;  // heads every trace record of the one engine
 
-template <class... Args>
-void say(std::FILE* to, fmt::format_string<Args...> format, Args&&... args) {
-  fmt::print(to, "vantreld: {}\n", fmt::format(format, std::forward<Args>(args)...));
-  std::fflush(to);
-}
+// How long an engine that is at work lets questions and signals wait, seconds.
+constexpr double patience = 0.005;
+constexpr double second = 1;
 
 // The status table's writer lock is what makes the agent the only one on its directory.
 Ostra::Ptr<Shoal::WriterTable<Vantrel::EntryStatus>> ownStatus(std::string const& dir) {
@@ -61,26 +59,41 @@ class Agent::Watched {
   std::function<void()> const dispatch_;
 };
 
-Agent::Agent(Options options)
+// The keys that a table tells of, of which one dispatch may tell many.
+class Agent::KeyWatcher : public Vantrel::TableConfig::Notifiee {
+ public:
+  explicit KeyWatcher(Agent& agent) : agent_(agent) {
+    notifierIs(agent.config_);
+    synchronizedIs(true);
+    hasNotificationActiveIs(true);
+  }
+  void onEntry(Vantrel::EntryKey const&) override { agent_.betweenKeys(); }
+
+ private:
+  Agent& agent_;
+};
+
+Agent::Agent(Options options, Log& out, Log& err)
     : options_(std::move(options)),
-      signals_(loop_, SIGTERM, SIGINT),
+      out_(out),
+      err_(err),
+      second_(loop_),
       status_(ownStatus(options_.dir)),
+      statusFile_(status_->name()),
       debugConfig_(Vantrel::debugConfigFactory("debugConfig")),
       debugStatus_(Vantrel::debugStatusFactory("debugStatus")),
       flushStatus_(Ostra::make<Vantrel::VantrelFlushStatus>("flushStatus")),
-      wheel_(Ostra::make<Keel::TimerfdWheel>()) {
+      wheel_(Ostra::make<Keel::TimerfdWheel>()),
+      progress_(Ostra::make<Progress>()) {
   Lumelog::directoryIs(options_.dir);
   makeHardware();
   publish();
+  whenReadable(stop_.fd(), [] {});
   whenReadable(wheel_->fd(), [this] { wheel_->dispatch(); });
-  signals_.async_wait([this](boost::system::error_code error, int) {
-    if (!error) loop_.stop();
-  });
   awaitConfig();
-  sayReady();
 }
 
-Agent::~Agent() = default;
+Agent::~Agent() { withdraw(); }
 
 void Agent::makeHardware() {
   if (options_.hardware == HardwareKind::Null) {
@@ -89,7 +102,7 @@ void Agent::makeHardware() {
   }
   auto const sim = Ostra::make<Hw::SimulatedTcam>("hardware", status_, options_.size);
   sim->latencyIs(options_.hardwareLatencyUs);
-  sim->violationHandlerIs([](Hw::Violation const& v) { say(stderr, "VIOLATION: {}", v.what()); });
+  sim->violationHandlerIs([this](Hw::Violation const& v) { err_.provoked("VIOLATION: {}", v.what()); });
   sim_ = sim.get();
   hardware_ = sim;
 }
@@ -100,8 +113,10 @@ void Agent::publish() {
   publisher_->exportObject("debugConfig", debugConfig_);
   publisher_->exportObject("debugStatus", debugStatus_);
   publisher_->exportObject("hardware", hardware_);
-  publisher_->exportObject("statusTable",
-                           Ostra::make<TableReport>(status_, [this] { return status_->size(); }));
+  publisher_->exportObject(
+      "statusTable", Ostra::make<TableReport>(
+                         status_, [this] { return status_->size(); }, [this] { return statusProblem_; }));
+  publisher_->exportObject("agent", progress_);
   publisher_->exportObject("trace", Ostra::make<TraceControl>());
   whenReadable(publisher_->fd(), [this] { publisher_->dispatch(); });
 }
@@ -110,25 +125,29 @@ void Agent::whenReadable(int fd, std::function<void()> dispatch) {
   watched_.push_back(std::make_unique<Watched>(loop_, fd, std::move(dispatch)));
 }
 
-// The engine exists from the start; the front end, which counts tables, from the moment on at which there is one.
+// The engine exists from the start; the front end, which counts tables, from the moment on at which there is
+// one.
 void Agent::awaitConfig() {
   config_ = Ostra::make<Config>(options_.dir + "/config.shoal", Config::Presence::awaited);
   makeEngine();
-  config_->validatorIs([this](Vantrel::EntryKey const&, Vantrel::EntryConfig& r, char const* damage) {
-    if (damage) throw Pallo::CorruptionDetectedException(damage);
-    if (auto const why = fault(r, options_, *engine_)) throw Pallo::CorruptionDetectedException(*why);
-  });
+  validator_ =
+      std::make_shared<Validator>(options_.mapping(), options_.size, *engine_,
+                                  [this](std::string const& what) { config_->corruptionDetected(what); });
+  config_->validatorIs([this](Vantrel::EntryKey const& key, Vantrel::EntryConfig& record,
+                              char const* damage) { (*validator_)(key, record, damage); });
   publisher_->exportObject("engine", engine_);
-  publisher_->exportObject("configTable",
-                           Ostra::make<TableReport>(config_, [this] { return config_->size(); }));
+  publisher_->exportObject("configTable", Ostra::make<ConfigReport>(
+                                              config_, [this] { return config_->size(); },
+                                              [this] { return config_->problem(); }, validator_));
   whenReadable(config_->fd(), [this] {
     config_->dispatch();
     if (!frontEnd_ && config_->mounted()) attach();
   });
-  if (config_->mounted()) attach();
 }
 
 void Agent::attach() {
+  progress_->stateIs("serving");
+  keyWatcher_ = std::make_unique<KeyWatcher>(*this);
   frontEnd_ =
       Vantrel::vantrelSmFactory(config_, status_, debugConfig_, debugStatus_, engine_, flushStatus_, wheel_);
   publisher_->exportObject("frontEnd", frontEnd_);
@@ -143,59 +162,135 @@ void Agent::makeEngine() {
     engine_ = Ostra::make<Vantrel::FastVantrelImpl>("engine", config_, debugConfig_, debugStatus_, hardware_,
                                                     traceId);
   if (options_.prioGrpShift) engine_->prioGrpShiftIs(options_.prioGrpShift);
+  engine_->roomForKeysIs(options_.size);
+  engine_->yieldIs([this] { betweenKeys(); });
 }
 
 int Agent::run() {
-  while (!loop_.stopped()) {
-    try {
-      loop_.run_one();
-    } catch (Shoal::FileException const&) {
-      throw;  // the configuration table cannot be mounted
-    } catch (std::exception const& e) {
-      if (config_->mounted() && !frontEnd_) throw;  // the first walk failed: nobody would hear of the table
-      say(stderr, "{}", e.what());
-    }
-    sayDamage();
+  try {
+    serve();
+  } catch (Stop const&) {  // in the middle of something long
   }
   withdraw();
   sayWhatWasDone();
   return sim_ && sim_->violations() ? 1 : 0;
 }
 
-void Agent::sayReady() const {
-  say(stdout, "ready in {}: engine {}, {} {} positions, {}", options_.dir, options_.engineText(),
-      options_.size, sim_ ? "simulated" : "imaginary",
-      config_ ? fmt::format("{} entries wanted", config_->size())
-              : std::string("waiting for a producer's config.shoal"));
+void Agent::serve() {
+  if (config_->mounted()) attach();
+  sayReady();
+  lookAroundEverySecond();
+  while (!stop_.asked()) {
+    try {
+      loop_.run_one();
+    } catch (Stop const&) {
+      throw;
+    } catch (std::exception const& e) {
+      if (config_->mounted() && !frontEnd_) throw;  // the first walk failed: nobody would hear of the table
+      err_.provoked("{}", e.what());
+    }
+    sayDamage();
+  }
 }
 
-// Each time it grew: the last of what was found damaged or would have stopped the engine.
+// No key is half-done. While the engine withdraws what it programmed, nothing ends that.
+void Agent::betweenKeys() {
+  double const now = Ostra::now();
+  if (now - servedAt_ < patience) return;
+  bool const withdrawing = progress_->state() == "withdrawing";
+  if (withdrawing) progress_->leftIs(status_->size());
+  try {
+    publisher_->dispatchReadOnly();
+  } catch (std::exception const& e) {
+    err_.provoked("{}", e.what());
+  }
+  if (now - lookedAt_ >= second) lookAround();
+  servedAt_ = Ostra::now();
+  if (stop_.asked() && !withdrawing) throw Stop();
+}
+
+void Agent::lookAroundEverySecond() {
+  lookAround();
+  second_.expires_after(std::chrono::seconds(1));
+  second_.async_wait([this](boost::system::error_code error) {
+    if (!error) lookAroundEverySecond();
+  });
+}
+
+// For what nobody tells of.
+void Agent::lookAround() {
+  lookedAt_ = Ostra::now();
+  sayDamage();
+  sayStatusProblem();
+  out_.catchUp();
+  err_.catchUp();
+}
+
+void Agent::sayReady() {
+  std::string wanted = fmt::format("{} entries wanted", config_->size());
+  if (!config_->mounted())
+    wanted = config_->problem().empty()
+                 ? "waiting for a producer's config.shoal"
+                 : fmt::format("waiting for a table that can be read: {}", config_->problem());
+  out_.say("ready in {}: engine {}, {} {} positions, {}", options_.dir, options_.engineText(), options_.size,
+           sim_ ? "simulated" : "imaginary", wanted);
+}
+
+// Each time it grew: the last of what was found damaged or refused.
 void Agent::sayDamage() {
-  if (!config_ || config_->corruptions() == damageSaid_) return;
+  sayConfigProblem();
+  if (config_->corruptions() == damageSaid_) return;
   damageSaid_ = config_->corruptions();
-  say(stderr, "{}: damage found, {} in all; the last: {}", config_->path(), damageSaid_,
-      config_->lastCorruption());
+  if (config_->lastCorruption() == configProblem_) return;
+  err_.provoked("{}: damage found, {} in all; the last: {}", config_->path(), damageSaid_,
+                config_->lastCorruption());
 }
 
-// The front end goes first, then the engine, whose destructor cleans up.
+void Agent::sayConfigProblem() {
+  if (config_->problem() == configProblem_) return;
+  configProblem_ = config_->problem();
+  if (configProblem_.empty())
+    err_.provoked("{}: it can be read again", config_->path());
+  else
+    err_.provoked("{}{}; waiting for a table", configProblem_,
+                  Vantrel::SharedTables::advice(config_->path()));
+}
+
+void Agent::sayStatusProblem() {
+  std::string const problem = statusFile_.problem();
+  if (problem == statusProblem_) return;
+  statusProblem_ = problem;
+  if (problem.empty())
+    err_.say("{} is back", status_->name());
+  else
+    err_.say("{}", problem);
+}
+
+// The front end goes first, then the engine, whose destructor cleans up. Others hold what is exported.
 void Agent::withdraw() {
+  if (!engine_) return;
   watched_.clear();
-  publisher_.reset();
+  keyWatcher_ = nullptr;
   frontEnd_ = nullptr;
+  publisher_->withdraw("frontEnd");
+  publisher_->withdraw("engine");
+  progress_->leftIs(status_->size());
+  progress_->stateIs("withdrawing");
+  if (progress_->left() != 0) out_.say("withdrawing {} entries", progress_->left());
   engine_ = nullptr;
+  publisher_ = nullptr;
 }
 
-void Agent::sayWhatWasDone() const {
+void Agent::sayWhatWasDone() {
   if (!sim_) {
-    say(stdout, "stopped; statuses left: {}", status_->size());
+    out_.say("stopped; statuses left: {}", status_->size());
     return;
   }
-  say(stdout,
-      "stopped: {} adds, {} updates, {} moves, {} deletes, {} deletes to break rings, {} flushes, {} "
-      "violations; "
-      "entries left: {}, statuses left: {}",
-      sim_->adds(), sim_->updates(), sim_->moves(), sim_->deletes(), sim_->deadlockDeletes(), sim_->flushes(),
-      sim_->violations(), sim_->entries(), status_->size());
+  std::string const calls = fmt::format(
+      "{} adds, {} updates, {} moves, {} deletes, {} deletes to break rings, {} flushes", sim_->adds(),
+      sim_->updates(), sim_->moves(), sim_->deletes(), sim_->deadlockDeletes(), sim_->flushes());
+  out_.say("stopped: {}, {} violations; entries left: {}, statuses left: {}", calls, sim_->violations(),
+           sim_->entries(), status_->size());
 }
 
 }  // namespace Vantreld

@@ -4,23 +4,37 @@
 //
 //   config.shoal --> ReaderTable --> VantrelSm --> FastVantrelImpl --> hardware client --> status.shoal
 //
-// Invariants: engine and front end exist from the moment on at which a producer's table exists.
-//   DIR/status.shoal is empty at the start: what this agent has not programmed is not acknowledged.
+// What handles many keys (a full walk, the keys that vanished, a retry pass, a drain of the work queue, the
+// clean-up at the end) calls betweenKeys() between two of them. When a few milliseconds have passed, that
+// serves the readers on the management socket and looks whether the agent is to stop:
+//
+//   walk: key key key key ...            clean-up: key key key ...
+//             |       |                              |
+//             +-------+------- betweenKeys() --------+-------> questions; a signal ends a walk
+//
+// Invariants: the front end exists from the moment on at which a producer's table exists. DIR/status.shoal is
+//   empty at the start: what this agent has not programmed is not acknowledged.
 // Ownership: owns everything.
 // Threading: run() is the one thread.
 // Errors: what stands in the way of a start, the first walk of the table included, is thrown, one sentence
-//   each. At work, what one key's handling throws is said on stderr and the loop goes on.
+//   each. At work, what one key's handling throws is said on stderr and the loop goes on; so is what is wrong
+//   with the files of the tables.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
-#include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
+#include "apps/vantreld/log.h"
 #include "apps/vantreld/options.h"
+#include "apps/vantreld/own_file.h"
 #include "apps/vantreld/reports.h"
+#include "apps/vantreld/stop.h"
+#include "apps/vantreld/validator.h"
 #include "hw/simulated_tcam.h"
 #include "ostra/publish.h"
 #include "shoal/reader_table.h"
@@ -31,7 +45,7 @@ namespace Vantreld {
 
 class Agent {
  public:
-  explicit Agent(Options options);
+  Agent(Options options, Log& out, Log& err);
   ~Agent();
 
   // Until SIGTERM or SIGINT; then everything programmed is withdrawn. Returns the process's exit status: 1
@@ -42,23 +56,34 @@ class Agent {
   using Config = Shoal::ReaderTable<Vantrel::EntryConfig>;
   using Status = Shoal::WriterTable<Vantrel::EntryStatus>;
   class Watched;
+  class KeyWatcher;
 
   void makeHardware();
   void publish();
+  void makeEngine();
   void awaitConfig();
   void attach();
-  void makeEngine();
+  void serve();
+  void betweenKeys();
   void whenReadable(int fd, std::function<void()> dispatch);
-  void sayReady() const;
+  void lookAroundEverySecond();
+  void lookAround();
+  void sayReady();
+  void sayConfigProblem();
+  void sayStatusProblem();
   void sayDamage();
   void withdraw();
-  void sayWhatWasDone() const;
+  void sayWhatWasDone();
 
   Options const options_;
+  Log& out_;
+  Log& err_;
+  StopSignals const stop_;
   boost::asio::io_context loop_;
-  boost::asio::signal_set signals_;
+  boost::asio::steady_timer second_;
   std::vector<std::unique_ptr<Watched>> watched_;
   Ostra::Ptr<Status> status_;
+  OwnFile const statusFile_;
   Ostra::Ptr<Vantrel::VantrelHelper> hardware_;
   Hw::SimulatedTcam* sim_ = nullptr;  // hardware_, when it is one
   Ostra::Ptr<Vantrel::DebugConfig> debugConfig_;
@@ -66,10 +91,17 @@ class Agent {
   Ostra::Ptr<Vantrel::VantrelFlushStatus> flushStatus_;
   Ostra::Ptr<Keel::TimerfdWheel> wheel_;
   std::unique_ptr<Ostra::Publisher> publisher_;
+  Ostra::Ptr<Progress> progress_;
   Ostra::Ptr<Config> config_;
+  std::shared_ptr<Validator> validator_;
   Ostra::Ptr<Vantrel::FastVantrelImpl> engine_;
+  std::unique_ptr<KeyWatcher> keyWatcher_;
   Ostra::Ptr<Vantrel::VantrelSm> frontEnd_;
+  double servedAt_ = 0;
+  double lookedAt_ = 0;
   U64 damageSaid_ = 0;
+  std::string configProblem_;  // that was said last
+  std::string statusProblem_;
 };
 
 }  // namespace Vantreld

@@ -44,7 +44,11 @@ Options parse(int argc, char** argv) {
       "Files in DIR: config.shoal (the producer's), status.shoal and mgmt.sock (the agent's), "
       "Quarry-mbb-PID.lg (its\n"
       "trace; LUMELOGDIR puts it elsewhere, LUMELOG_DISABLE drops it). TRACE=\"VantrelFastImpl/9\" traces as "
-      "text.");
+      "text.\n\n"
+      "SIGTERM or SIGINT: it withdraws what it programmed and ends with 0, or 1 when the hardware saw a rule "
+      "broken.\nA second signal ends it at once with 3, and leaves everything where it is. A start that "
+      "fails "
+      "ends with 1,\na wrong flag with 2.");
   app.add_option("--dir", o.dir, "Directory of the tables, the management socket and the trace file")
       ->required()
       ->check(CLI::ExistingDirectory);
@@ -55,7 +59,7 @@ Options parse(int argc, char** argv) {
       ->check(CLI::Range(1U, 65536U));
   app.add_option("--prio-grp-shift", o.prioGrpShift,
                  "Bits of a precedence index that hold the position (19; atcam 16)")
-      ->check(CLI::Range(16U, 31U));
+      ->check(CLI::Range(16U, Vantrel::Mapping::mostShift));
   app.add_option("--size", o.size, "Positions in hardware")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();

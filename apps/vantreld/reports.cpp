@@ -11,13 +11,36 @@
 
 namespace Vantreld {
 
+namespace {
+std::string agentKnows(Progress const&) { return "the agent knows itself how far it is"; }
+}  // namespace
+
+Ostra::TypeInfo const& Progress::staticType() {
+  static Ostra::TypeInfo const type = Ostra::TypeInfo::of<Progress>("Vantreld::Progress")
+                                          .attribute("state", &Progress::state, &Progress::stateIs)
+                                          .refusedBecause(&agentKnows)
+                                          .attribute("left", &Progress::left, &Progress::leftIs)
+                                          .refusedBecause(&agentKnows);
+  return type;
+}
+
 Ostra::TypeInfo const& TableReport::staticType() {
   using T = TableReport;
   static Ostra::TypeInfo const type = Ostra::TypeInfo::of<T>("Vantreld::TableReport")
                                           .attribute("path", &T::path)
                                           .attribute("records", &T::records)
                                           .attribute("corruptions", &T::corruptions)
-                                          .attribute("lastCorruption", &T::lastCorruption);
+                                          .attribute("lastCorruption", &T::lastCorruption)
+                                          .attribute("problem", &T::problem);
+  return type;
+}
+
+Ostra::TypeInfo const& ConfigReport::staticType() {
+  using C = ConfigReport;
+  static Ostra::TypeInfo const type =
+      Ostra::TypeInfo::of<C>("Vantreld::ConfigReport", &TableReport::staticType())
+          .attribute("refusedRecords", &C::refusedRecords)
+          .collection("refused", &C::refused);
   return type;
 }
 

@@ -1,22 +1,52 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the agent lets an operator see besides the library's own entities: the state of a table, and what is
-// traced and kept.
+// What the agent lets an operator see besides the library's own entities: how far it is, the state of its
+// tables, and what is traced and kept.
 #pragma once
 
+#include <functional>
+#include <string>
+
+#include "apps/vantreld/validator.h"
 #include "ostra/entity.h"
 #include "shoal/table.h"
 
 namespace Vantreld {
 
-// One table: its path, how many records it has, and what damage was found in it. Read on request.
+// How far the agent is: `waiting` for a table, `serving` one, or `withdrawing` what it programmed, of which
+// `left` acknowledged entries are left.
+class Progress : public Ostra::Entity {
+ public:
+  class Notifiee : public Ostra::NotifieeOf<Progress const> {
+   public:
+    virtual void onState() {}
+    virtual void onLeft() {}
+  };
+  Progress() : Entity("agent") {}
+  std::string const& state() const { return state_; }
+  void stateIs(std::string const& state) { scalarIs("state", state_, state, &Notifiee::onState); }
+  U64 left() const { return left_; }
+  void leftIs(U64 left) { scalarIs("left", left_, left, &Notifiee::onLeft); }
+
+  static Ostra::TypeInfo const& staticType();
+  Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
+
+ private:
+  std::string state_ = "waiting";
+  U64 left_ = 0;
+};
+
+// One table: its path, how many records it has, what damage was found in it, and what is wrong with the file.
+// Read on request.
 class TableReport : public Ostra::Described {
  public:
-  explicit TableReport(Ostra::Ptr<Shoal::TableBase const> table, std::function<U64()> size)
-      : table_(std::move(table)), size_(std::move(size)) {}
+  TableReport(Ostra::Ptr<Shoal::TableBase const> table, std::function<U64()> size,
+              std::function<std::string()> problem)
+      : table_(std::move(table)), size_(std::move(size)), problem_(std::move(problem)) {}
   std::string const& path() const { return table_->name(); }
   U64 records() const { return size_(); }
   U64 corruptions() const { return table_->corruptions(); }
   std::string const& lastCorruption() const { return table_->lastCorruption(); }
+  std::string problem() const { return problem_(); }
 
   static Ostra::TypeInfo const& staticType();
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
@@ -24,6 +54,24 @@ class TableReport : public Ostra::Described {
  private:
   Ostra::Ptr<Shoal::TableBase const> const table_;
   std::function<U64()> const size_;
+  std::function<std::string()> const problem_;
+};
+
+// The configuration table, and which of its records the engine does not get to see.
+class ConfigReport : public TableReport {
+ public:
+  ConfigReport(Ostra::Ptr<Shoal::TableBase const> table, std::function<U64()> size,
+               std::function<std::string()> problem, std::shared_ptr<Validator const> validator)
+      : TableReport(std::move(table), std::move(size), std::move(problem)),
+        validator_(std::move(validator)) {}
+  U64 refusedRecords() const { return validator_->refusedCount(); }
+  Validator::Reasons const& refused() const { return validator_->refused(); }
+
+  static Ostra::TypeInfo const& staticType();
+  Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
+
+ private:
+  std::shared_ptr<Validator const> const validator_;
 };
 
 // The facility trace's levels, in the format of the TRACE environment variable, and how many trace files of

@@ -3,6 +3,8 @@
 
 #include <fmt/format.h>
 
+#include <utility>
+
 #include "vantrel/fast/state.h"
 
 namespace Vantreld {
@@ -10,48 +12,96 @@ namespace {
 
 using Vantrel::CState_s;
 using Vantrel::EntryConfig;
+using Vantrel::EntryKey;
+using Vantrel::FastVantrelImpl;
+using Vantrel::OpId;
+using Vantrel::TableKey;
+using Why = std::optional<std::string>;
 
-// The mapping that the engine has now: an operator may set its shift while nothing is programmed.
-std::optional<std::string> outsideTheMapping(U16 pg, U32 ti, Options const& o,
-                                             Vantrel::FastVantrelImpl const& engine) {
-  Vantrel::Mapping const chosen = o.mapping();
-  if (chosen.isAlgorithmic())
-    if (auto const why = chosen.violation(pg, ti)) return why;
-  return Vantrel::Mapping::fast(engine.prioGrpShift()).violation(pg, chosen.offset(ti));
-}
-
-std::optional<std::string> outsideTheTable(EntryConfig const& r, U32 ti, Options const& o,
-                                           Vantrel::FastVantrelImpl const& engine) {
-  if (auto const why = outsideTheMapping(r.pg(), ti, o, engine)) return why;
-  if (ti >= o.size) return fmt::format("position {}: expected one below the hardware's {}", ti, o.size);
+Why outsideTheVersions(OpId opId) {
+  if (opId == OpId()) return "OpId 0: expected one above 0";
+  if (opId >= OpId::deleteAcknowledge())
+    return fmt::format("OpId {}: expected one below {}, which acknowledges a delete", opId.value(),
+                       OpId::deleteAcknowledge().value());
   return std::nullopt;
 }
 
-// The engine keeps the group that a key had first, and trusts that OpIds rise.
-std::optional<std::string> againstWhatIsKnown(EntryConfig const& r, U32 ti, Options const& o,
-                                              Vantrel::FastVantrelImpl const& engine, CState_s const& known) {
-  if (auto const why = outsideTheMapping(known.pg, ti, o, engine))
-    return fmt::format("group {} of a live key changed to {}: {}", known.pg, r.pg(), *why);
+// The engine keeps the first group and priority of a key, and looks for its neighbours by them; hardware is
+// given those of the record.
+Why againstConstants(EntryConfig const& r, CState_s const& known) {
+  auto const changed = [](char const* what, auto from, auto to) {
+    return fmt::format("its {} changed from {} to {}: delete the key first", what, from, to);
+  };
+  if (r.pg() != known.pg) return changed("group", known.pg, r.pg());
+  if (r.prio() != known.prio) return changed("priority", known.prio, r.prio());
+  if (r.hdl() != known.hdl) return changed("handle", known.hdl, r.hdl());
+  return std::nullopt;
+}
+
+// A version that goes back is never programmed; between what is programmed and what waits for the same
+// position, it stops the engine.
+Why againstVersions(EntryConfig const& r, U32 ti, CState_s const& known) {
+  if (r.opId() < known.opId)
+    return fmt::format("OpId {}: expected one above {}, which is programmed", r.opId().value(),
+                       known.opId.value());
   if (known.p.ti == ti && r.opId() < known.p.opId && r.opId() > known.opId)
     return fmt::format("OpId {}: expected one above {}, which waits", r.opId().value(), known.p.opId.value());
   return std::nullopt;
 }
 
+// Its version is what the engine has: the position matters only to what a chain of waiting entries is asked.
+EntryConfig asProgrammed(CState_s const& known) {
+  EntryConfig record(known.key, known.opId, known.hdl, known.pg, known.prio);
+  record.tableIndexIs(TableKey(0), known.programmed() ? known.sti : 0);
+  return record;
+}
+
 }  // namespace
 
-std::optional<std::string> fault(EntryConfig const& r, Options const& o,
-                                 Vantrel::FastVantrelImpl const& engine) {
-  if (r.isDel()) return std::nullopt;
-  auto const describe = [&r](std::string const& why) {
-    return fmt::format("record of key {}: {}", r.key().value(), why);
-  };
-  if (r.tableIndexs() != 1)
-    return describe(fmt::format("expected one table index, found {}", r.tableIndexs()));
-  U32 const ti = r.tableIndex(Vantrel::TableKey(0));
-  if (auto const why = outsideTheTable(r, ti, o, engine)) return describe(*why);
-  if (CState_s const* const known = engine.state()->record(r.key()))
-    if (auto const why = againstWhatIsKnown(r, ti, o, engine, *known)) return describe(*why);
-  return std::nullopt;
+Validator::Validator(Vantrel::Mapping mapping, U32 size, FastVantrelImpl const& engine,
+                     std::function<void(std::string const&)> report)
+    : mapping_(mapping), size_(size), engine_(engine), report_(std::move(report)) {}
+
+void Validator::operator()(EntryKey const& key, EntryConfig& record, char const* damage) {
+  Why const why = damage ? damage : fault(record);
+  if (!why) return clear(key);
+  if (refuse(key, *why)) report_(damage ? *why : fmt::format("record of key {}: {}", key.value(), *why));
+  CState_s const* const known = engine_.state()->record(key);
+  record = known ? asProgrammed(*known) : EntryConfig();
+}
+
+Why Validator::fault(EntryConfig const& r) const {
+  if (r.isDel() || r.empty()) return std::nullopt;
+  if (r.tableIndexs() != 1) return fmt::format("expected one table index, found {}", r.tableIndexs());
+  U32 const ti = r.tableIndex(TableKey(0));
+  if (auto why = outsideTheMapping(r.pg(), ti)) return why;
+  if (ti >= size_) return fmt::format("position {}: expected one below the hardware's {}", ti, size_);
+  if (auto why = outsideTheVersions(r.opId())) return why;
+  CState_s const* const known = engine_.state()->record(r.key());
+  if (!known) return std::nullopt;
+  if (auto why = againstConstants(r, *known)) return why;
+  return againstVersions(r, ti, *known);
+}
+
+// The mapping that the engine has now: an operator may set its shift while nothing is programmed.
+Why Validator::outsideTheMapping(U16 pg, U32 ti) const {
+  if (mapping_.isAlgorithmic())
+    if (auto why = mapping_.violation(pg, ti)) return why;
+  return Vantrel::Mapping::fast(engine_.prioGrpShift()).violation(pg, mapping_.offset(ti));
+}
+
+// True when the key or the reason is new: the engine reads a record as often as it likes.
+bool Validator::refuse(EntryKey const& key, std::string const& reason) {
+  bool const isNew = refused_.insert(key).second;
+  auto const at = listed_.find(key);
+  if (at != listed_.end()) return std::exchange(at->second, reason) != reason;
+  if (listed_.size() < mostListed) return listed_.emplace(key, reason).second;
+  return isNew;
+}
+
+void Validator::clear(EntryKey const& key) {
+  if (refused_.empty() || refused_.erase(key) == 0) return;
+  listed_.erase(key);
 }
 
 }  // namespace Vantreld

@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // The reference agent as a process: what a producer and an operator see of it, whatever happens to either
 // side.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/stat.h>
 
 #include <map>
 #include <optional>
 
+#include "pallo/descriptor.h"
 #include "shoal/reader_table.h"
 #include "shoal/writer_table.h"
 #include "tests/support/process.h"
@@ -60,6 +63,13 @@ class AgentProcess : public testing::Test {
           return true;
         },
         seconds);
+  }
+  // What `vantrel` answers; its errors too.
+  std::string ask(std::string const& what) {
+    std::string const out = dir / ("answer" + std::to_string(++started));
+    static_cast<void>(std::system(
+        (VANTREL_BIN_DIR "/vantrel " + what + " --dir " + dir.path() + " >" + out + " 2>&1").c_str()));
+    return contents(out);
   }
   int stop(Process& agent) {
     agent.signal(SIGTERM);
@@ -197,13 +207,78 @@ TEST_F(AgentProcess, ASecondAgentIsRefusedWithTheReason) {
                                std::to_string(first->pid()) + "\n");
 }
 
-TEST_F(AgentProcess, ATableThatIsNoneIsSaidInOneSentence) {
+// Whatever lies where the table is to be: said once, with the reason, and the agent waits on.
+TEST_F(AgentProcess, WaitsWhereSomethingElseIsTheTable) {
+  auto const isSaidOnce = [this](std::string const& what) {
+    auto const agent = startReady();
+    EXPECT_THAT(agent->out(), HasSubstr("waiting for a table that can be read: " + dir / "config.shoal"))
+        << what;
+    EXPECT_THAT(agent->out(), testing::Not(HasSubstr("entries wanted"))) << what;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1300));
+    EXPECT_THAT(agent->err(), testing::StartsWith("vantreld: " + dir / "config.shoal")) << what;
+    EXPECT_EQ(std::ranges::count(agent->err(), '\n'), 1) << what << '\n' << agent->err();
+    std::filesystem::remove(dir / "config.shoal");
+    std::filesystem::remove_all(dir / "config.shoal.watch");
+    producer()->entryIs(entry(7, 3));
+    EXPECT_TRUE(acknowledged()) << what;
+    EXPECT_THAT(agent->err(), HasSubstr("config.shoal: it can be read again")) << what;
+    EXPECT_EQ(stop(*agent), 0) << what;
+    std::filesystem::remove(dir / "config.shoal");
+    std::filesystem::remove_all(dir / "config.shoal.watch");
+  };
   std::ofstream(dir / "config.shoal") << "this is not a table at all, but it has some length to it";
-  auto const agent = start();
-  EXPECT_EQ(agent->wait(), 1);
-  EXPECT_THAT(agent->err(), testing::StartsWith("vantreld: "));
-  EXPECT_THAT(agent->err(), HasSubstr(dir / "config.shoal"));
-  EXPECT_EQ(std::ranges::count(agent->err(), '\n'), 1);
+  isSaidOnce("a text");
+  std::filesystem::create_directory(dir / "config.shoal");
+  isSaidOnce("a directory");
+  ASSERT_EQ(mkfifo((dir / "config.shoal").c_str(), 0600), 0);
+  isSaidOnce("a FIFO");
+  std::filesystem::create_symlink(dir / "elsewhere", dir / "config.shoal");
+  isSaidOnce("a link");
+  producer()->entryIs(entry(7, 3));
+  std::fstream(dir / "config.shoal", std::ios::in | std::ios::out | std::ios::binary).seekp(40) << "!!!!";
+  isSaidOnce("a damaged header");
+}
+
+TEST_F(AgentProcess, ReadsACopyOverItsTable) {
+  auto const agent = startReady();
+  auto table = producer();
+  for (U64 key = 1; key <= 50; ++key) table->entryIs(entry(key, static_cast<U32>(key)));
+  ASSERT_TRUE(acknowledged());
+  table = nullptr;
+  std::filesystem::copy_file(dir / "config.shoal", dir / "backup");
+  auto const then = wanted;
+  table = producer();
+  for (U64 key = 51; key <= 90; ++key) table->entryIs(entry(key, static_cast<U32>(key)));
+  ASSERT_TRUE(acknowledged());
+  table = nullptr;
+  ASSERT_EQ(std::system(("cp " + dir / "backup" + " " + dir / "config.shoal").c_str()), 0);
+  for (U64 key = 51; key <= 90; ++key) wanted[key] = 0;
+  EXPECT_TRUE(acknowledged()) << agent->err();
+  table = producer();
+  table->entryIs(entry(99, 99));
+  EXPECT_TRUE(acknowledged()) << agent->err();
+  EXPECT_EQ(stop(*agent), 0);
+  EXPECT_THAT(agent->out(), HasSubstr("0 violations; entries left: 0, statuses left: 0"));
+}
+
+TEST_F(AgentProcess, SaysWhenItsStatusTableIsTakenAway) {
+  auto const agent = startReady();
+  producer()->entryIs(entry(1, 1));
+  ASSERT_TRUE(acknowledged());
+  std::string const path = dir / "status.shoal";
+  auto const said = [&](std::string const& what) {
+    return eventually([&] { return agent->err().find(what) != std::string::npos; }, 5);
+  };
+  std::filesystem::rename(path, dir / "away");
+  EXPECT_TRUE(said(path + " was removed: ")) << agent->err();
+  EXPECT_THAT(ask("attr get statusTable problem"), HasSubstr("was removed"));
+  std::ofstream(path) << "another";
+  EXPECT_TRUE(said(path + " was replaced: ")) << agent->err();
+  std::filesystem::rename(dir / "away", path);
+  EXPECT_TRUE(said(path + " is back")) << agent->err();
+  std::this_thread::sleep_for(std::chrono::milliseconds(1300));
+  EXPECT_EQ(std::ranges::count(agent->err(), '\n'), 3) << agent->err();
+  EXPECT_EQ(ask("attr get statusTable problem"), "\n");
 }
 
 // A limit on a file's size stands for the full file system: the statuses cannot all be written. Whether the
@@ -240,7 +315,7 @@ TEST_F(AgentProcess, AFirstWalkThatFailsEndsItWithTheReason) {
   }
 }
 
-TEST_F(AgentProcess, RecordsThatWouldStopTheEngineAreReportedAndReadAsEmpty) {
+TEST_F(AgentProcess, RecordsThatWouldStopTheEngineAreRefused) {
   auto const agent = startReady({"--size", "1000"});
   auto const table = producer();
   table->entryIs(entry(5, 7));
@@ -255,8 +330,40 @@ TEST_F(AgentProcess, RecordsThatWouldStopTheEngineAreReportedAndReadAsEmpty) {
         << said << agent->err();
   }
   EXPECT_EQ(status(1) + status(2) + status(3) + status(4), 0U);
+  EXPECT_EQ(ask("attr get configTable refusedRecords"), "4\n");
+  EXPECT_THAT(ask("attr get configTable refused"), HasSubstr("position 1000: expected one below"));
   EXPECT_EQ(stop(*agent), 0);
   EXPECT_THAT(agent->out(), HasSubstr("1 adds"));
+}
+
+// Bits of the record's data flip in the file. Neither the change nor a walk takes the entry from hardware.
+TEST_F(AgentProcess, KeepsAnEntryWhoseRecordIsDamaged) {
+  auto const agent = startReady();
+  auto table = producer();
+  EntryConfig marked = entry(5, 7);
+  marked.dataIs(DataKey(0), 0x4B4E554C42);
+  table->entryIs(marked);
+  table->entryIs(entry(6, 8));
+  ASSERT_TRUE(acknowledged());
+  std::string const bytes = contents(dir / "config.shoal");
+  std::string const data("\x42\x4C\x55\x4E\x4B", 5);
+  auto const at = bytes.find(data);
+  ASSERT_NE(at, std::string::npos);
+  ASSERT_EQ(bytes.find(data, at + 1), std::string::npos);
+  std::fstream(dir / "config.shoal", std::ios::in | std::ios::out | std::ios::binary)
+          .seekp(static_cast<long>(at))
+      << 'D';
+  ask("attr invoke frontEnd handleEntryCollNotify");
+  EXPECT_TRUE(eventually([&] {
+    return agent->err().find("the record of key 5 is damaged") != std::string::npos;
+  })) << agent->err();
+  EXPECT_NE(status(5), 0U);
+  EXPECT_EQ(ask("attr get hardware deletes"), "0\n");
+  EXPECT_THAT(ask("attr get configTable refused"), HasSubstr("is damaged"));
+  table->entryIs(entry(5, 9));
+  EXPECT_TRUE(acknowledged()) << "the next write heals it";
+  EXPECT_EQ(ask("attr get configTable refusedRecords"), "0\n");
+  EXPECT_EQ(stop(*agent), 0);
 }
 
 TEST_F(AgentProcess, AnOpIdThatGoesBackWhileItsEntryWaitsDoesNotStopTheEngine) {
@@ -298,7 +405,7 @@ TEST_F(AgentProcess, TheNullClientAcknowledgesOnlyWhatTheEngineItselfDoes) {
   EntryConfig again = entry(1, 1);
   EntryConfig same(EntryKey(1), OpId((again.opId().high() << 16) | 1), 1, 0, 10);
   same.tableIndexIs(TableKey(0), 1);
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  ASSERT_TRUE(eventually([&] { return ask("attr get engine keyToHandle --key 1") == "1\n"; }));
   EXPECT_EQ(status(1), 0U);
   table->entryIs(same);
   wanted[1] = same.opId().value();
@@ -331,9 +438,127 @@ TEST_F(AgentProcess, WrongFlagsGetUsageAndStatusTwo) {
                                                 {"--engine", "best"},
                                                 {"--size", "many"},
                                                 {"--size", "600000"},
-                                                {"--prio-grp-shift", "40"}}) {
+                                                {"--prio-grp-shift", "33"}}) {
     auto const agent = start(flags);
     EXPECT_EQ(agent->wait(), 2) << flags[0];
     EXPECT_THAT(agent->err(), HasSubstr("--help")) << flags[0];
   }
+}
+
+// ---- What it says goes nowhere
+
+class AgentWithoutReader : public AgentProcess {
+ protected:
+  // Both outputs to `path`. It lives, programs, answers and stops in order.
+  void worksSayingInto(
+      std::string const& path, std::function<void()> const& onceStarted = [] {}) {
+    Process agent({VANTREL_BIN_DIR "/vantreld", "--dir", dir.path(), "--size", "1000"}, path, path);
+    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(dir / "mgmt.sock"); }));
+    onceStarted();
+    auto const table = producer();
+    for (U64 key = 1; key <= 300; ++key) {
+      EntryConfig const bad(EntryKey(1000 + key), OpId(0x10001), 1, 0, 5);
+      table->entryIs(bad);
+      table->entryIs(entry(key, static_cast<U32>(key)));
+      if (key % 30 == 0) {
+        EXPECT_TRUE(acknowledged(5)) << key;
+      }
+    }
+    EXPECT_TRUE(acknowledged(5));
+    EXPECT_EQ(ask("attr get configTable refusedRecords"), "300\n");
+    EXPECT_EQ(stop(agent), 0);
+    table->cleanup();
+    wanted.clear();
+    statuses = nullptr;
+  }
+};
+
+TEST_F(AgentWithoutReader, WorksOnAFullDevice) { worksSayingInto("/dev/full"); }
+
+TEST_F(AgentWithoutReader, WorksOnAFullPipe) {
+  ASSERT_EQ(mkfifo((dir / "pipe").c_str(), 0600), 0);
+  Pallo::Descriptor const pipe(open((dir / "pipe").c_str(), O_RDWR | O_NONBLOCK));
+  for (char const some[4096]{}; write(pipe.get(), some, sizeof some) > 0;) continue;
+  worksSayingInto(dir / "pipe");
+}
+
+TEST_F(AgentWithoutReader, WorksOnAClosedPipe) {
+  ASSERT_EQ(mkfifo((dir / "pipe").c_str(), 0600), 0);
+  Pallo::Descriptor pipe(open((dir / "pipe").c_str(), O_RDONLY | O_NONBLOCK));
+  worksSayingInto(dir / "pipe", [&] { pipe = Pallo::Descriptor(); });
+}
+
+// ---- In the middle of something long
+
+class BusyAgent : public AgentProcess {
+ protected:
+  static constexpr U64 entries = 3000;
+  // A pass of three seconds at least, under way.
+  std::unique_ptr<Process> walking() {
+    table = producer();
+    for (U64 key = 1; key <= entries; ++key) table->entryIs(entry(key, static_cast<U32>(key)));
+    auto agent = start({"--hw-latency-us", "1000"});
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(dir / "mgmt.sock"); }));
+    return agent;
+  }
+  U64 number(std::string const& what) { return std::strtoull(ask("attr get " + what).c_str(), nullptr, 10); }
+  // What a line of the agent says before `what`.
+  static U64 said(Process const& agent, std::string const& what) {
+    std::string const out = agent.out();
+    auto const end = out.find(what);
+    if (end == std::string::npos) return 0;
+    return std::strtoull(out.c_str() + out.find_last_of(" ", end - 2) + 1, nullptr, 10);
+  }
+  Ostra::Ptr<ConfigWriter> table;
+};
+
+TEST_F(BusyAgent, AnswersInTheMiddleOfTheFirstWalk) {
+  auto const agent = walking();
+  ASSERT_TRUE(eventually([&] { return number("hardware adds") > 0; }));
+  EXPECT_LT(number("hardware adds"), entries);
+  EXPECT_THAT(agent->out(), IsEmpty()) << "it was ready before it was asked";
+}
+
+TEST_F(BusyAgent, LeavesAWalkWhenItIsAskedToStop) {
+  auto const agent = walking();
+  ASSERT_TRUE(eventually([&] { return number("hardware adds") > 0; }));
+  EXPECT_EQ(stop(*agent), 0);
+  U64 const adds = said(*agent, " adds");
+  EXPECT_GT(adds, 0U) << agent->out();
+  EXPECT_LT(adds, entries) << "it walked to the end";
+  EXPECT_EQ(said(*agent, " deletes,"), adds) << agent->out();
+  EXPECT_THAT(agent->out(), HasSubstr("entries left: 0, statuses left: 0"));
+}
+
+TEST_F(BusyAgent, AnswersWhileKeysThatVanishedAreWithdrawn) {
+  auto const agent = walking();
+  ASSERT_TRUE(acknowledged()) << agent->err();
+  table = nullptr;
+  table = producer(true);
+  ASSERT_TRUE(eventually([&] { return number("hardware deletes") > 0; }));
+  EXPECT_LT(number("hardware deletes"), entries);
+}
+
+TEST_F(BusyAgent, AnswersWhileItWithdraws) {
+  auto const agent = walking();
+  ASSERT_TRUE(acknowledged()) << agent->err();
+  agent->signal(SIGTERM);
+  ASSERT_TRUE(eventually([&] { return ask("attr get agent state") == "withdrawing\n"; }));
+  ASSERT_TRUE(eventually([&] { return number("agent left") < entries; }));
+  EXPECT_GT(number("agent left"), 0U);
+  EXPECT_EQ(agent->wait(), 0);
+  EXPECT_THAT(agent->out(), HasSubstr("withdrawing 3000 entries"));
+}
+
+TEST_F(BusyAgent, EndsAtOnceAtASecondSignal) {
+  auto const agent = walking();
+  ASSERT_TRUE(acknowledged()) << agent->err();
+  agent->signal(SIGTERM);
+  ASSERT_TRUE(eventually([&] { return agent->out().find("withdrawing") != std::string::npos; }));
+  agent->signal(SIGINT);
+  EXPECT_EQ(agent->wait(), 3);
+  EXPECT_THAT(agent->err(), HasSubstr("ended by a second signal"));
+  EXPECT_THAT(agent->out(), testing::Not(HasSubstr("stopped:")));
+  statuses = nullptr;
+  EXPECT_NE(status(entries / 2) + status(1) + status(entries), 0U) << "all was withdrawn before";
 }

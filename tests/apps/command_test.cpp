@@ -149,6 +149,7 @@ TEST_F(CommandTest, AWrongFlagIsUsageAndTwo) {
            {"del", "--dir", "d", "--key", "1", "--timeout", "1"},
            {"put", "--dir", "d", "--key", "1", "--pg", "0", "--prio", "1", "--ti", "1", "--timeout", "1"},
            {"load", "f", "--dir", "d", "--max-partitions", "0"},
+           {"load", "f", "--dir", "d", "--prio-grp-shift", "33"},
            {"load", "f", "--dir", "d", "--fast"}}) {
     Ended const ended = run(arguments);
     EXPECT_EQ(ended.status, 2) << testing::PrintToString(arguments);
@@ -254,6 +255,32 @@ TEST_F(CommandTest, AnEntrysLifeWithAnAgent) {
   EXPECT_THAT(at({"ls", "config", "--json"}).out, IsEmpty());
   expectRefused(at({"del", "--key", "7"}), "no key 7");
   stop(*daemon);
+}
+
+TEST_F(CommandTest, StatusSaysThatNoAgentRuns) {
+  auto const daemon = agent();
+  ASSERT_EQ(put("7", "0x10001", "7", "10", "5", {"--wait", "--timeout", "30"}).status, 0);
+  EXPECT_EQ(at({"status", "7"}).status, 0);
+  daemon->signal(SIGKILL);
+  daemon->wait();
+  for (auto const& verb : std::vector<std::vector<std::string>>{{"status", "7"}, {"ls", "status"}}) {
+    Ended const ended = at(verb);
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_THAT(ended.err, HasSubstr("what the status table says was true of the agent that wrote it"));
+  }
+}
+
+// The mark of the first delete stands while the key comes back and goes again: nothing was done meanwhile.
+TEST_F(CommandTest, DelWaitsForItsOwnAcknowledgement) {
+  ASSERT_EQ(put("7", "0x10001", "7", "10", "5").status, 0);
+  {
+    Shoal::WriterTable<EntryStatus> statuses(dir / "status.shoal");
+    statuses.entryIs({EntryKey(7), Vantrel::OpId::deleteAcknowledge()});
+  }
+  Ended const ended = at({"del", "--key", "7", "--ack", "--timeout", "0.5"});
+  EXPECT_EQ(ended.status, 1);
+  EXPECT_THAT(ended.err, HasSubstr("not acknowledged"));
+  EXPECT_THAT(at({"ls", "config", "--json"}).out, HasSubstr("\"del\":true"));
 }
 
 TEST_F(CommandTest, ALateKeyIsNamedWithTheReason) {

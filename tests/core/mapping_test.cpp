@@ -24,7 +24,7 @@ TEST(MappingTest, FastShiftsAtTheEnds) {
   EXPECT_TRUE(fits(Mapping::fast(32), 0, 0xFFFFFFFE));
   EXPECT_FALSE(fits(Mapping::fast(32), 1, 0));
   EXPECT_FALSE(fits(Mapping::fast(32), 0, 0xFFFFFFFF)) << "the engine's position for nowhere";
-  EXPECT_FALSE(fits(Mapping::fast(70), 1, 0));
+  for (U32 const shift : {33U, 63U, 64U, 70U}) EXPECT_THROW(Mapping::fast(shift), std::invalid_argument);
 }
 
 TEST(MappingTest, AlgorithmicInterleavesGroups) {

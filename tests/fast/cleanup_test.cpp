@@ -57,3 +57,25 @@ TEST_F(Cleanup, ReferencesAreReleased) {
   EXPECT_EQ(client->references(), clients - 1);
   EXPECT_EQ(table->references(), tables - 1);
 }
+
+// The first handle stays listed under the key. A key that takes it up again has no handle that is its own,
+// and the clean-up goes by those.
+TEST_F(Cleanup, MissesAKeyThatTookAnEarlierHandleUpAgain) {
+  put({.key = 7, .ti = 3, .hdl = 70});
+  put({.key = 7, .ti = 3, .hdl = 71});
+  EXPECT_THAT(engine->handleToKey(), testing::SizeIs(2));
+  remove(7);
+  EXPECT_EQ(engine->handleToKey().find(70)->second, EntryKey(7));
+  put({.key = 7, .ti = 3, .hdl = 70});
+  EXPECT_THAT(engine->keyToHandle(), IsEmpty());
+  client->take();
+  engine->doCleanup();
+  EXPECT_THAT(client->take(), ElementsAre("flush")) << "the entry stays in hardware";
+  EXPECT_TRUE(known(7));
+}
+
+TEST_F(Cleanup, LosesAnEntryToAKeyWithItsEarlierHandle) {
+  put({.key = 7, .ti = 3, .hdl = 70});
+  put({.key = 7, .ti = 3, .hdl = 71});
+  EXPECT_THAT(put({.key = 8, .ti = 5, .hdl = 70}), ElementsAre("del 7@3", "add 8@5"));
+}

@@ -103,6 +103,8 @@ TEST_F(EngineState, EveryAttributeCanBeReachedByName) {
   engine->typeInfo().write(*engine, "prioGrpShift", U64{20});
   EXPECT_EQ(engine->prioGrpShift(), 20U);
   EXPECT_NO_THROW(engine->typeInfo().writeFromOutside(*engine, "prioGrpShift", U64{19}));
+  EXPECT_THROW(engine->typeInfo().writeFromOutside(*engine, "prioGrpShift", U64{33}),
+               Ostra::AttributeException);
   put({.key = 1, .ti = 1});
   EXPECT_THROW(engine->typeInfo().writeFromOutside(*engine, "prioGrpShift", U64{20}),
                Ostra::AttributeException);

@@ -27,7 +27,7 @@ namespace fs = std::filesystem;
 // How a call is written: which of its arguments is the level, and where the text starts.
 struct Form {
   std::string_view call;
-  enum class Kind { Ring, Facility, Entry, Assertion, Exception, Printed } kind;
+  enum class Kind { Ring, Facility, Entry, Assertion, Exception, Printed, Said } kind;
   int level;    // argument number, -1: none
   int text;     // argument number
   int channel;  // argument number of the handle or the model file, -1: `fixed` says it
@@ -52,6 +52,12 @@ constexpr Form forms[] = {
     {"throw Pallo::UnimplementedException(", Form::Kind::Exception, -1, 0, -1,
      "Pallo::UnimplementedException"},
     {"fmt::print(", Form::Kind::Printed, -1, 1, -1, "stderr"},
+    {"out_.say(", Form::Kind::Said, -1, 0, -1, "stdout"},
+    {"err_.say(", Form::Kind::Said, -1, 0, -1, "stderr"},
+    {"err.say(", Form::Kind::Said, -1, 0, -1, "stderr"},
+    {"err_.provoked(", Form::Kind::Said, -1, 0, -1, "stderr, not too often"},
+    {"put(fmt::format(", Form::Kind::Said, -1, 0, -1, "stdout, stderr"},
+    {"sayAtOnce(", Form::Kind::Said, -1, 0, -1, "stderr"},
 };
 
 // What the sources do not say of a message.
@@ -145,13 +151,14 @@ std::string replaced(std::string text, std::string_view what, std::string_view w
 std::string printed(std::vector<std::string> const& parts, std::size_t format) {
   std::string text = parts[format];
   if (text.ends_with("\\n\"")) text.erase(text.size() - 3, 2);
-  text = unquoted(text);
+  text = unquoted(replaced(text, "\" \"", ""));  // a text in several pieces
   for (std::size_t i = format + 1; i < parts.size(); ++i) text = replaced(text, "{}", "{" + parts[i] + "}");
   return text;
 }
 
 std::string textOf(Form const& form, std::vector<std::string> const& parts) {
-  if (form.kind == Form::Kind::Printed) return printed(parts, static_cast<std::size_t>(form.text));
+  if (form.kind == Form::Kind::Printed || form.kind == Form::Kind::Said)
+    return printed(parts, static_cast<std::size_t>(form.text));
   if (form.kind == Form::Kind::Assertion) {
     std::string text;
     for (std::size_t i = static_cast<std::size_t>(form.text); i < parts.size(); ++i)
@@ -172,7 +179,7 @@ std::string channelOf(Form const& form, std::vector<std::string> const& parts) {
   if (form.kind == Form::Kind::Ring) return "trace file";
   if (form.kind == Form::Kind::Assertion) return "assertion, " + (isLiteral(name) ? unquoted(name) : name);
   if (form.kind == Form::Kind::Exception) return "exception, " + name;
-  if (form.kind == Form::Kind::Printed) return name;
+  if (form.kind == Form::Kind::Printed || form.kind == Form::Kind::Said) return name;
   if (name == "vantrelSmTrace()") name = "VantrelSm";
   if (name == "vantrelImplTrace()") name = "VantrelImpl";
   if (name == "vantrelFastImplTrace()") name = "VantrelFastImpl";
@@ -333,12 +340,13 @@ std::string page(fs::path const& root) {
   std::ostringstream out;
   Notes notes = readNotes(root / "docs/messages.notes");
   out << "# Messages\n\n"
-         "Every message of the library, and what a waiting command says, generated from the sources and\n"
-         "`docs/messages.notes` by `ninja -C build messages`; a test fails when this page is not what they "
-         "say. Values\n"
-         "stand between braces as the source names them. One fatal condition can be reached from several "
-         "places: each\n"
-         "is a line.\n\n"
+         "Every message of the library, what a waiting command says and what the agent says, generated from "
+         "the\n"
+         "sources and `docs/messages.notes` by `ninja -C build messages`; a test fails when this page is not "
+         "what they\n"
+         "say. Values stand between braces as the source names them. One fatal condition can be reached from "
+         "several\n"
+         "places: each is a line.\n\n"
          "- *trace file*: a record of the ring-buffer file, in the ring of its level; `vantrel trace` shows "
          "it with the\n"
          "  engine's identifier before the text. Levels below 9 are for what is rare and must outlive the "
@@ -350,7 +358,11 @@ std::string page(fs::path const& root) {
          "  the same as the last record of the trace file at level 0, then the process aborts.\n"
          "- *exception*: the text of what is thrown. Only `Ostra::InternalException` is caught in the "
          "library.\n"
-         "- *stderr*: what `vantrel` says while it waits and goes on.\n";
+         "- *stderr*: what `vantrel` says while it waits and goes on.\n"
+         "- *stdout*, *stderr* of `vantreld`: each line begins with `vantreld: `. Lines that others can "
+         "bring "
+         "about as\n"
+         "  often as they like are said *not too often*: ten, then one a second; the rest is counted.\n";
   auto const add = [&](std::string const& title, std::vector<fs::path> const& files) {
     std::vector<Message> messages = messagesOf(root, files);
     annotate(messages, notes);
@@ -361,6 +373,7 @@ std::string page(fs::path const& root) {
   add("platform", {root / "platform/ostra/pod_array.cpp", root / "platform/ostra/pod_array.h",
                    root / "platform/shoal/reader_table.h"});
   add("apps/vantrel", {root / "apps/vantrel/awaiting.cpp", root / "apps/vantrel/verb_watch.cpp"});
+  add("apps/vantreld", sourcesIn(root / "apps/vantreld"));
   checkAllUsed(notes);
   return out.str();
 }

@@ -36,6 +36,26 @@ TEST_F(AcknowledgementsTest, ADeleteEndsWithItsMark) {
   EXPECT_TRUE(waiting.done());
 }
 
+TEST_F(AcknowledgementsTest, IgnoresTheMarkOfAnEarlierDelete) {
+  say(1, OpId::deleteAcknowledge());
+  waiting.awaitDelete(EntryKey(1));
+  EXPECT_FALSE(waiting.done());
+  waiting.await(EntryKey(2), OpId(20));
+  say(2, OpId(20));
+  EXPECT_EQ(waiting.keys(), std::vector{EntryKey(1)});
+  say(1, OpId(20));  // the version that the delete is about
+  EXPECT_FALSE(waiting.done());
+  say(1, OpId::deleteAcknowledge());
+  EXPECT_TRUE(waiting.done());
+}
+
+TEST_F(AcknowledgementsTest, TakesTheSameMarkWrittenAgain) {
+  say(1, OpId::deleteAcknowledge());
+  waiting.awaitDelete(EntryKey(1));
+  say(1, OpId::deleteAcknowledge());
+  EXPECT_TRUE(waiting.done());
+}
+
 TEST_F(AcknowledgementsTest, AWholeCollectionNotificationLooksAtAll) {
   waiting.await(EntryKey(1), OpId(20));
   waiting.await(EntryKey(2), OpId(21));

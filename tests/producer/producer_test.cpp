@@ -156,5 +156,37 @@ TEST_F(ProducerTest, WithoutAStatusTableNothingIsAcknowledged) {
   EXPECT_FALSE(producer->acknowledged(EntryKey(1)));
 }
 
+TEST_F(ProducerTest, StepsOverADamagedRecordAndHealsIt) {
+  put(1, 10, 5, {7});
+  put(2, 20, 6, {8});
+  OpId const last = put(3, 30, 7, {9});
+  config->damaged = EntryKey(2);
+  producer = std::make_unique<Producer>(config, status, Mapping::fast(), 9);
+  EXPECT_EQ(producer->freshKey(), EntryKey(4));
+  OpId const next = put(1, 10, 8, {7});
+  EXPECT_GT(next, last);
+  EXPECT_TRUE(config->damaged) << "others are written";
+  put(2, 21, 9, {8});
+  EXPECT_FALSE(config->damaged);
+  EXPECT_EQ(record(2).prio(), 21U);
+  EXPECT_EQ(record(2).hdl(), 10U) << "above every handle that was ever chosen";
+}
+
+TEST_F(ProducerTest, DeletesADamagedRecord) {
+  put(1, 10, 5);
+  put(2, 20, 6);
+  config->damaged = EntryKey(2);
+  restart();
+  EXPECT_FALSE(producer->acknowledged(EntryKey(2)));
+  producer->markDeleted(EntryKey(2));
+  EXPECT_TRUE(record(2).isDel());
+  EXPECT_NE(record(2).hdl(), record(1).hdl());
+  acknowledge(2);
+  EXPECT_EQ(producer->removeAcknowledged(), 1U);
+  config->damaged = EntryKey(1);
+  producer->remove(EntryKey(1));
+  EXPECT_EQ(config->size(), 0U);
+}
+
 }  // namespace
 }  // namespace Vantrel

@@ -14,7 +14,7 @@ constexpr U32 noPosition = 0xFFFFFFFF;  // the engine's "programmed nowhere"
 // Groups share one precedence order when a position takes all bits: only the first is left.
 std::optional<std::string> violationOf(TcamMapping const& mapping, U16 pg, U32 ti) {
   if (!mapping.hasPosition(ti)) return fmt::format("position {} is not below 2^{}", ti, mapping.shift);
-  U32 const groupBits = 32 - std::min(mapping.shift, 32U);
+  U32 const groupBits = Mapping::mostShift - mapping.shift;
   if (!mapping.hasGroup(pg) || (groupBits == 0 && pg != 0))
     return fmt::format("group {} is not below 2^{}", pg, groupBits);
   return std::nullopt;
@@ -31,6 +31,13 @@ std::optional<std::string> violationOf(AlgorithmicMapping const& mapping, U16 pg
 }
 
 }  // namespace
+
+Mapping Mapping::fast(U32 prioGrpShift) {
+  if (prioGrpShift > mostShift)
+    throw std::invalid_argument(
+        fmt::format("prioGrpShift must be at most {}, instead got {}", mostShift, prioGrpShift));
+  return Mapping(prioGrpShift, 0);
+}
 
 Mapping Mapping::algorithmic(U32 maxPartitions) {
   if (maxPartitions == 0 || maxPartitions > AlgorithmicMapping::offsets)
@@ -52,7 +59,7 @@ U32 Mapping::capacity(U16 pg, U32 size) const {
 
 U64 Mapping::positions() const {
   U64 const all = isAlgorithmic() ? U64{algorithmic_.partitions} * AlgorithmicMapping::offsets
-                                  : U64{1} << std::min(tcam_.shift, 32U);
+                                  : U64{1} << tcam_.shift;
   return std::min<U64>(all, noPosition);
 }
 

@@ -10,7 +10,7 @@
 // Invariants: a position that violation() passes never makes the engine with the same parameters stop. Inside
 //   it pti() and lti() are inverse to each other on the position.
 // Cost: a value; two shifts or one division a call.
-// Errors: std::invalid_argument for a number of partitions that no engine has.
+// Errors: std::invalid_argument for a shift or a number of partitions that no engine has.
 #pragma once
 
 #include <optional>
@@ -60,8 +60,10 @@ struct AlgorithmicMapping {
 class VANTREL_API Mapping {
  public:
   static constexpr U32 defaultShift = TcamMapping::defaultShift;
+  static constexpr U32 mostShift = 32;  // bits of a precedence index
 
-  static Mapping fast(U32 prioGrpShift = defaultShift) { return Mapping(prioGrpShift, 0); }
+  // `prioGrpShift` of at most `mostShift`, else std::invalid_argument.
+  static Mapping fast(U32 prioGrpShift = defaultShift);
   // `maxPartitions` from 1 to 65536, else std::invalid_argument.
   static Mapping algorithmic(U32 maxPartitions);
 

@@ -2,6 +2,9 @@
 // Construction, the small answers, and the names of both fast engines.
 #include "vantrel/fast/fast_vantrel_impl.h"
 
+#include <string>
+
+#include "ostra/exception.h"
 #include "ostra/type_info.h"
 #include "vantrel/core/mapping.h"
 #include "vantrel/core/trace.h"
@@ -60,6 +63,14 @@ U32 FastVantrelImpl::numPending() const { return initialized() ? state()->pendin
 
 U32 FastVantrelImpl::numDeadlock() const { return deadlockCount(); }
 
+// A precedence index has 32 bits: more leave none for the group, and no way to shift it.
+void FastVantrelImpl::checkedPrioGrpShiftIs(U32 v) {
+  if (v > Mapping::mostShift)
+    throw Ostra::AttributeException("prioGrpShift: expected a number of bits from 0 to 32, got " +
+                                    std::to_string(v));
+  prioGrpShiftIs(v);
+}
+
 namespace {
 
 std::string positionsWouldBeLost(FastVantrelImpl const& engine) {
@@ -79,7 +90,7 @@ Ostra::TypeInfo const& FastVantrelImpl::staticType() {
   using F = FastVantrelImpl;
   static Ostra::TypeInfo const type =
       Ostra::TypeInfo::of<F>("Vantrel::FastVantrelImpl", &VantrelImpl::staticType())
-          .attribute("prioGrpShift", &F::prioGrpShift, &F::prioGrpShiftIs)
+          .attribute("prioGrpShift", &F::prioGrpShift, &F::checkedPrioGrpShiftIs)
           .refusedBecause(&positionsWouldBeLost)
           .reference("state", &F::state)
           .refusedBecause(&stateWouldBeLost)

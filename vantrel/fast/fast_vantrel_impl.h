@@ -98,6 +98,8 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   void cleanupOnce();
 
  private:
+  void checkedPrioGrpShiftIs(U32 v);
+
   // conflict.cpp
   CState_s& recordOf(EntryConfig const& entry);
   bool conflicts(EntryConfig const& entry, CState_s& c);

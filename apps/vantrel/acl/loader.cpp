@@ -63,7 +63,11 @@ std::vector<Loader::Record> Loader::readTable() {
   boost::unordered_flat_map<U32, U32> named;  // position -> by how many records
   Vantrel::TableConfig const& config = producer_.config();
   for (auto place = config.first(); place; place = config.next(*place)) {
-    EntryConfig const entry = config.entry(place->key);
+    EntryConfig const entry = readEntry(config, place->key);
+    if (entry == EntryConfig()) {
+      damaged_.push_back(place->key);
+      continue;
+    }
     if (entry.tableIndexs() == 1) ++named[entry.tableIndex(TableKey(0))];
     if (entry.isDel()) {
       marked_.push_back(entry.key());
@@ -153,7 +157,7 @@ void Loader::pairSuccessors(std::vector<Record> const& records) {
 
 void Loader::begin() {
   for (EntryKey const key : marked_) acknowledgements_.await(key, OpId::deleteAcknowledge());
-  U64 marked = 0;
+  U64 marked = markDamaged();
   if (absent() > room()) marked += mark([](Old const& old) { return !old.successor; });
   marked += relieveOverfull();
   if (marked == 0)
@@ -389,9 +393,9 @@ U64 Loader::mark(Which which) {
   U64 marked = 0;
   for (Old& old : old_) {
     if (old.marked || !which(old)) continue;
+    acknowledgements_.awaitDelete(old.key);
     producer_.markDeleted(old.key);
     if (handler_) handler_(old.key);
-    acknowledgements_.await(old.key, OpId::deleteAcknowledge());
     old.marked = true;
     --filled_[old.pg];
     marked_.push_back(old.key);
@@ -399,6 +403,17 @@ U64 Loader::mark(Which which) {
   }
   counts_.deleted += marked;
   return marked;
+}
+
+// What cannot be read is not known: whichever rules these were are written anew.
+U64 Loader::markDamaged() {
+  for (EntryKey const key : damaged_) {
+    acknowledgements_.awaitDelete(key);
+    producer_.markDeleted(key);
+    marked_.push_back(key);
+  }
+  counts_.deleted += damaged_.size();
+  return damaged_.size();
 }
 
 // Old entries whose successor is there, or that have none. When there is no such entry and no room, some

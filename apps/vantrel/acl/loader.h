@@ -141,6 +141,7 @@ class Loader {
 
   template <class Which>
   U64 mark(Which which);
+  U64 markDamaged();
   U64 markReady();
   U64 relieveOverfull();
   void removeMarked();
@@ -153,12 +154,13 @@ class Loader {
   std::function<void(Vantrel::EntryKey)> handler_;
   Stage stage_ = Stage::Idle;
   Counts counts_;
-  bool agentWorks_ = false;                // an agent has acknowledged something
-  std::vector<Target> targets_;            // in order of the rules
-  std::vector<Old> old_;                   // by priority, then position
-  std::vector<Vantrel::EntryKey> marked_;  // records to remove when acknowledged
-  std::vector<U32> capacity_;              // of each group
-  std::vector<U32> filled_;                // entries of each group, marked ones not counted
+  bool agentWorks_ = false;                 // an agent has acknowledged something
+  std::vector<Target> targets_;             // in order of the rules
+  std::vector<Old> old_;                    // by priority, then position
+  std::vector<Vantrel::EntryKey> damaged_;  // records that cannot be read
+  std::vector<Vantrel::EntryKey> marked_;   // records to remove when acknowledged
+  std::vector<U32> capacity_;               // of each group
+  std::vector<U32> filled_;                 // entries of each group, marked ones not counted
 };
 
 }  // namespace Acl
