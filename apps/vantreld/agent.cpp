@@ -3,8 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <chrono>
-
 #include "lumelog/lumelog.h"
 #include "ostra/clock.h"
 #include "producer/shared_tables.h"
@@ -16,7 +14,8 @@ constexpr U32 traceId = 1;  // heads every trace record of the one engine
 
 // How long an engine that is at work lets questions and signals wait, seconds.
 constexpr double patience = 0.005;
-constexpr double second = 1;
+// The reader of the configuration table wakes the loop once a second.
+constexpr double lookPeriod = 0.9;
 
 // The status table's writer lock is what makes the agent the only one on its directory.
 Ostra::Ptr<Shoal::WriterTable<Vantrel::EntryStatus>> ownStatus(std::string const& dir) {
@@ -77,7 +76,6 @@ Agent::Agent(Options options, Log& out, Log& err)
     : options_(std::move(options)),
       out_(out),
       err_(err),
-      second_(loop_),
       status_(ownStatus(options_.dir)),
       statusFile_(status_->name()),
       debugConfig_(Vantrel::debugConfigFactory("debugConfig")),
@@ -179,7 +177,7 @@ int Agent::run() {
 void Agent::serve() {
   if (config_->mounted()) attach();
   sayReady();
-  lookAroundEverySecond();
+  lookAround();
   while (!stop_.asked()) {
     try {
       loop_.run_one();
@@ -190,6 +188,7 @@ void Agent::serve() {
       err_.provoked("{}", e.what());
     }
     sayDamage();
+    if (Ostra::now() - lookedAt_ >= lookPeriod) lookAround();
   }
 }
 
@@ -204,17 +203,9 @@ void Agent::betweenKeys() {
   } catch (std::exception const& e) {
     err_.provoked("{}", e.what());
   }
-  if (now - lookedAt_ >= second) lookAround();
+  if (now - lookedAt_ >= lookPeriod) lookAround();
   servedAt_ = Ostra::now();
   if (stop_.asked() && !withdrawing) throw Stop();
-}
-
-void Agent::lookAroundEverySecond() {
-  lookAround();
-  second_.expires_after(std::chrono::seconds(1));
-  second_.async_wait([this](boost::system::error_code error) {
-    if (!error) lookAroundEverySecond();
-  });
 }
 
 // For what nobody tells of.

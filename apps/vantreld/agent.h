@@ -23,7 +23,6 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <functional>
 #include <memory>
 #include <string>
@@ -66,7 +65,6 @@ class Agent {
   void serve();
   void betweenKeys();
   void whenReadable(int fd, std::function<void()> dispatch);
-  void lookAroundEverySecond();
   void lookAround();
   void sayReady();
   void sayConfigProblem();
@@ -80,7 +78,6 @@ class Agent {
   Log& err_;
   StopSignals const stop_;
   boost::asio::io_context loop_;
-  boost::asio::steady_timer second_;
   std::vector<std::unique_ptr<Watched>> watched_;
   Ostra::Ptr<Status> status_;
   OwnFile const statusFile_;
