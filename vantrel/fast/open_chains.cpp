@@ -4,12 +4,20 @@
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
+namespace {
+
+// A programmed entry that is to move to a position which another one holds.
+bool waitsToMove(CState_s const& c) {
+  return c.programmed() && c.p.type == PendingType::Occupied && c.p.ti != c.sti;
+}
+
+}  // namespace
 
 // A claim on a position that nobody holds is met by following the chain.
 bool OpenChains::ends(CState_s& c) {
   ask(c);
   if (!c.p.open || !settled()) return false;
-  return c.p.type != PendingType::Occupied || state_.positions.current.at(c.p.ti);
+  return !waitsToMove(c) || state_.positions.current.at(c.p.ti);
 }
 
 void OpenChains::ask(CState_s& c) {
@@ -44,8 +52,7 @@ bool OpenChains::settled() const {
 
 // Who holds the position that a programmed entry claims.
 CState_s* OpenChains::occupantClaimed(CState_s const& c) const {
-  bool const waits = c.programmed() && c.p.type == PendingType::Occupied && c.p.ti != c.sti;
-  return waits ? state_.positions.current.at(c.p.ti) : nullptr;
+  return waitsToMove(c) ? state_.positions.current.at(c.p.ti) : nullptr;
 }
 
 // The programmed entry that claims the position of another one.
