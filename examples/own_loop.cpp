@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "hw/recorder.h"
+#include "ostra/piecewise_map.h"
 #include "shoal/reader_table.h"
 #include "shoal/writer_table.h"
 #include "vantrel/vantrel.h"

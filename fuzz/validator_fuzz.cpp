@@ -21,9 +21,7 @@ constexpr U32 positions = 12;
 class World {
  public:
   World() {
-    config_->validatorIs([this](EntryKey const& key, EntryConfig& record, char const* damage) {
-      validator_(key, record, damage);
-    });
+    config_->validatorIs(&validator_);
     frontEnd_ = vantrelSmFactory(config_, status_, nullptr, nullptr, engine_, nullptr, nullptr);
   }
   ~World() {

@@ -1,25 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 // ValidatedTable: an in-process table behind a validator, as a mounted one is, whose records can be damaged.
 //
-// Ownership: holds the validator.
+// Ownership: refers to the validator.
 // Threading: one thread.
 #pragma once
 
-#include <functional>
 #include <set>
-#include <utility>
 
 #include "shoal/local_table.h"
+#include "shoal/reader_table.h"
 #include "vantrel/core/tables.h"
 
 namespace Testing {
 
 class ValidatedTable : public Shoal::LocalTable<Vantrel::EntryConfig> {
  public:
-  // As Shoal::ReaderTable's.
-  using Validator = std::function<void(Vantrel::EntryKey const&, Vantrel::EntryConfig&, char const* damage)>;
+  using Validator = Shoal::ReaderTable<Vantrel::EntryConfig>::Validator;
 
-  void validatorIs(Validator validator) { validator_ = std::move(validator); }
+  void validatorIs(Validator* validator) { validator_ = validator; }
   // Until the next call, the record of the key cannot be read.
   void damagedIs(Vantrel::EntryKey const& key, bool damaged) {
     if (damaged)
@@ -30,12 +28,12 @@ class ValidatedTable : public Shoal::LocalTable<Vantrel::EntryConfig> {
   Vantrel::EntryConfig entry(Vantrel::EntryKey const& key) const override {
     bool const damaged = damaged_.contains(key);
     Vantrel::EntryConfig record = damaged ? Vantrel::EntryConfig() : LocalTable::entry(key);
-    if (validator_) validator_(key, record, damaged ? "the record is damaged" : nullptr);
+    if (validator_) validator_->validate(key, record, damaged ? "the record is damaged" : nullptr);
     return record;
   }
 
  private:
-  Validator validator_;
+  Validator* validator_ = nullptr;
   std::set<Vantrel::EntryKey> damaged_;
 };
 

@@ -131,8 +131,7 @@ void Agent::awaitConfig() {
   validator_ =
       std::make_shared<Validator>(options_.mapping(), options_.size, *engine_,
                                   [this](std::string const& what) { config_->corruptionDetected(what); });
-  config_->validatorIs([this](Vantrel::EntryKey const& key, Vantrel::EntryConfig& record,
-                              char const* damage) { (*validator_)(key, record, damage); });
+  config_->validatorIs(validator_.get());
   publisher_->exportObject("engine", engine_);
   publisher_->exportObject("configTable", Ostra::make<ConfigReport>(
                                               config_, [this] { return config_->size(); },
@@ -161,7 +160,7 @@ void Agent::makeEngine() {
                                                     traceId);
   if (options_.prioGrpShift) engine_->prioGrpShiftIs(options_.prioGrpShift);
   engine_->roomForKeysIs(options_.size);
-  engine_->yieldIs([this] { betweenKeys(); });
+  engine_->yieldIs(this);
 }
 
 int Agent::run() {

@@ -42,7 +42,7 @@
 
 namespace Vantreld {
 
-class Agent {
+class Agent final : private Vantrel::VantrelImpl::Yield {
  public:
   Agent(Options options, Log& out, Log& err);
   ~Agent();
@@ -63,7 +63,7 @@ class Agent {
   void awaitConfig();
   void attach();
   void serve();
-  void betweenKeys();
+  void betweenKeys() override;
   void whenReadable(int fd, std::function<void()> dispatch);
   void lookAround();
   void sayReady();

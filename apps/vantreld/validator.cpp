@@ -62,7 +62,7 @@ Validator::Validator(Vantrel::Mapping mapping, U32 size, FastVantrelImpl const& 
                      std::function<void(std::string const&)> report)
     : mapping_(mapping), size_(size), engine_(engine), report_(std::move(report)) {}
 
-void Validator::operator()(EntryKey const& key, EntryConfig& record, char const* damage) {
+void Validator::validate(EntryKey const& key, EntryConfig& record, char const* damage) {
   Why const why = damage ? damage : fault(record);
   if (!why) return clear(key);
   if (refuse(key, *why)) report_(damage ? *why : fmt::format("record of key {}: {}", key.value(), *why));

@@ -31,7 +31,7 @@
 
 namespace Vantreld {
 
-class Validator {
+class Validator final : public Shoal::ReaderTable<Vantrel::EntryConfig>::Validator {
  public:
   using Reasons = std::map<Vantrel::EntryKey, std::string>;
   static constexpr std::size_t mostListed = 1000;
@@ -42,7 +42,7 @@ class Validator {
             std::function<void(std::string const&)> report);
 
   // A record as it was read; `damage` says why it could not be.
-  void operator()(Vantrel::EntryKey const& key, Vantrel::EntryConfig& record, char const* damage);
+  void validate(Vantrel::EntryKey const& key, Vantrel::EntryConfig& record, char const* damage) override;
 
   Reasons const& refused() const { return listed_; }
   U64 refusedCount() const { return refused_.size(); }

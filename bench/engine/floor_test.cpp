@@ -19,7 +19,7 @@ Places placesIn(Vantrel::JudyMap<Vantrel::CState_s> const& map) {
     all.push_back({at->index, at->value->key, at->value->opId});
   return all;
 }
-Places programmed(Ours& side) { return placesIn(side.engine().state()->current); }
+Places programmed(Ours& side) { return placesIn(side.engine().state()->positions.current); }
 Places waiting(Ours& side) { return placesIn(side.engine().state()->pending); }
 Places programmed(Floor& side) { return side.programmed(); }
 Places waiting(Floor& side) { return side.waiting(); }

@@ -130,9 +130,7 @@ class World {
         watched(Ostra::make<Shoal::ReaderTable<Config>>(path(records, use))),
         view(std::make_shared<Shoal::Mapping>(path(records, use), Shoal::Access::read)),
         plain(view, records) {
-    watched->validatorIs([](EntryKey const&, Config& r, char const* damage) {
-      if (damage || r.tableIndexs() != 1) throw Pallo::CorruptionDetectedException("no such record");
-    });
+    watched->validatorIs(&validator_);
     watcher_.notifierIs(watched);
     watcher_.hasNotificationActiveIs(true);
   }
@@ -147,6 +145,14 @@ class World {
     for (U64& key : order) key = keys[random() % records];
   }
 
+  class Validator final : public Shoal::ReaderTable<Config>::Validator {
+   public:
+    void validate(EntryKey const&, Config& r, char const* damage) override {
+      if (damage || r.tableIndexs() != 1) throw Pallo::CorruptionDetectedException("no such record");
+    }
+  };
+
+  Validator validator_;
   Shoal::Table<Config>::Notifiee watcher_;
 };
 

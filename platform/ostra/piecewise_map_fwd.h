@@ -2,7 +2,7 @@
 // The name of the hash map that large collections are. Whoever looks into one includes ostra/piecewise_map.h.
 #pragma once
 
-#include <functional>
+#include <string_view>  // std::hash
 
 namespace Ostra {
 

@@ -8,7 +8,6 @@
 // Errors: Pallo::InvalidSizeException for more elements than the capacity; the array stays as it was.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <span>
@@ -26,7 +25,7 @@ namespace Ostra {
 
 template <class T, std::size_t Capacity>
 class PodArray {
-  static_assert(std::is_trivially_copyable_v<T>);
+  static_assert(std::is_trivially_copyable_v<T> && std::has_unique_object_representations_v<T>);
 
  public:
   using Element = T;
@@ -56,7 +55,7 @@ class PodArray {
       throwPodArrayIndex(Capacity, i);
     for (; count_ < i; ++count_) data()[count_] = T{};
     data()[i] = value;
-    count_ = std::max(count_, static_cast<U32>(i + 1));
+    if (i >= count_) count_ = static_cast<U32>(i + 1);
   }
 
   // Takes `offered` elements from `source`, which need not be aligned. `readable` is how many bytes may be
@@ -70,13 +69,13 @@ class PodArray {
   void set(std::span<T const> source) { set(source.data(), source.size(), source.size_bytes()); }
 
   friend bool operator==(PodArray const& a, PodArray const& b) {
-    return std::ranges::equal(a.elements(), b.elements());
+    return a.count_ == b.count_ && std::memcmp(a.bytes_, b.bytes_, a.count_ * sizeof(T)) == 0;
   }
 
  private:
   T* data() { return reinterpret_cast<T*>(bytes_); }
   T const* data() const { return reinterpret_cast<T const*>(bytes_); }
-  void copy(PodArray const& from) { std::copy_n(from.data(), count_, data()); }
+  void copy(PodArray const& from) { std::memcpy(bytes_, from.bytes_, count_ * sizeof(T)); }
 
   U32 count_;
   alignas(U32) std::byte bytes_[Capacity * sizeof(T)];

@@ -16,7 +16,6 @@
 //   validator deals with it. Whatever writes throws Pallo::NoPermissionException.
 #pragma once
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -38,12 +37,19 @@ class ReaderTable : public Table<R>, private FileReader::Sink {
   // Called with each record that was read; an absent key's is empty. It may change the record, or throw
   // Pallo::CorruptionDetectedException. `damage` says what was wrong with a record that could not be read, and
   // is null otherwise; what the validator then makes of the record, which is empty, is returned.
-  using Validator = std::function<void(Key const&, R&, char const* damage)>;
+  class Validator {
+   public:
+    virtual void validate(Key const& key, R& record, char const* damage) = 0;
+
+   protected:
+    ~Validator() = default;
+  };
 
   explicit ReaderTable(std::string const& path, Presence presence = Presence::required)
       : Table<R>(path), file_(path, shapeOf<R>(), *this, presence) {}
 
-  void validatorIs(Validator validator) { validator_ = std::move(validator); }
+  // It must live as long as the table, or until it is taken away by null.
+  void validatorIs(Validator* validator) { validator_ = validator; }
 
   std::string const& path() const { return file_.path(); }
   // There is a table at the path now; and why not, when something else is there.
@@ -69,10 +75,10 @@ class ReaderTable : public Table<R>, private FileReader::Sink {
     } catch (Pallo::Exception const& damage) {
       if (!validator_) throw;
       record = Traits::empty();
-      validator_(key, record, damage.what());
+      validator_->validate(key, record, damage.what());
       return record;
     }
-    if (validator_) validator_(key, record, nullptr);
+    if (validator_) validator_->validate(key, record, nullptr);
     return record;
   }
   std::optional<Place> first() const override { return walk(0); }
@@ -99,7 +105,7 @@ class ReaderTable : public Table<R>, private FileReader::Sink {
   void damaged(std::string_view what) override { this->corruptionDetected(what); }
 
   mutable FileReader file_;
-  Validator validator_;
+  Validator* validator_ = nullptr;
 };
 
 }  // namespace Shoal

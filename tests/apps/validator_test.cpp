@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include "hw/simulated_tcam.h"
+#include "ostra/piecewise_map.h"
 #include "testing/validated_table.h"
 
 using namespace Vantrel;
@@ -31,9 +32,7 @@ class ValidatorTest : public testing::Test {
  protected:
   ValidatorTest() {
     setenv("LUMELOG_DISABLE", "1", 1);
-    config->validatorIs([this](EntryKey const& key, EntryConfig& record, char const* damage) {
-      validator(key, record, damage);
-    });
+    config->validatorIs(&validator);
     frontEnd = vantrelSmFactory(config, status, nullptr, nullptr, engine, nullptr, nullptr);
   }
   static EntryConfig record(Wish const& w) {

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // What is called between two keys: when, in which state, and what stays done when it throws.
+#include <functional>
+#include <memory>
 #include <random>
+#include <utility>
 
 #include "keel/virtual_wheel.h"
 #include "tests/support/fast_world.h"
@@ -15,6 +18,19 @@ namespace {
 
 struct Enough {};
 
+// Calls a function, which may take another's place while it runs.
+class Calls final : public VantrelImpl::Yield {
+ public:
+  void are(std::function<void()> what) { what_ = std::move(what); }
+  void betweenKeys() override {
+    auto const running = what_;
+    running();
+  }
+
+ private:
+  std::function<void()> what_;
+};
+
 class Yielding : public FastWorld {
  protected:
   Yielding() : wheel(make<Keel::VirtualWheel>()), flushStatus(make<VantrelFlushStatus>("flushStatus")) {
@@ -23,17 +39,21 @@ class Yielding : public FastWorld {
   ~Yielding() override {
     if (engine) engine->yieldIs(nullptr);
   }
+  void yieldsTo(std::function<void()> what) {
+    calls.are(std::move(what));
+    engine->yieldIs(&calls);
+  }
   // "yield" among the client's calls.
   void yieldsAreTold() {
-    engine->yieldIs([this] {
+    yieldsTo([this] {
       audit();
       client->calls.push_back("yield");
     });
   }
   // From the n-th on it throws.
   void yieldEndsAt(int n) {
-    engine->yieldIs([n]() mutable {
-      if (--n <= 0) throw Enough();
+    yieldsTo([left = std::make_shared<int>(n)] {
+      if (--*left <= 0) throw Enough();
     });
   }
   // Without a table yet.
@@ -45,6 +65,7 @@ class Yielding : public FastWorld {
     for (auto const& [key, value] : sm->failedKey()) keys.push_back(key.value());
     return keys;
   }
+  Calls calls;
   Ptr<Keel::VirtualWheel> wheel;
   Ptr<VantrelFlushStatus> flushStatus;
   Ptr<VantrelSm> sm;
@@ -97,7 +118,7 @@ TEST_F(Yielding, MayChangeTheFailedKeys) {
   frontEnd();
   for (U64 key : {1, 2, 3}) sm->doScheduleRetry(EntryKey(key));
   int yields = 0;
-  engine->yieldIs([&] {
+  yieldsTo([&] {
     ++yields;
     sm->failedKeyDelAll();
   });
@@ -188,7 +209,7 @@ TEST_F(YieldingDeathTest, ThatThrowsAtTheEnginesEndEndsTheProcess) {
 TEST_F(Yielding, MayReplaceItself) {
   for (U64 key : {1, 2, 3}) put({.key = key, .ti = static_cast<U32>(key)});
   int yields = 0;
-  engine->yieldIs([this, &yields] {
+  yieldsTo([this, &yields] {
     ++yields;
     engine->yieldIs(nullptr);
   });
@@ -203,11 +224,11 @@ TEST_F(Yielding, ChangesNoCallAndNoOrder) {
     auto const wanted = make<Shoal::LocalTable<EntryConfig>>();
     auto const own = make<FastVantrelImpl>("own", wanted, debugConfig, debugStatus, client, 1U);
     auto const front = vantrelSmFactory(wanted, status, nullptr, nullptr, own, nullptr, wheel);
-    if (yielding)
-      own->yieldIs([&] {
-        ++yields;
-        EXPECT_NO_THROW(Testing::audit(*own->state(), {.prioGrpShift = 19, .hasShift = true}));
-      });
+    calls.are([&] {
+      ++yields;
+      EXPECT_NO_THROW(Testing::audit(*own->state(), {.prioGrpShift = 19, .hasShift = true}));
+    });
+    if (yielding) own->yieldIs(&calls);
     std::mt19937 random(seed);
     auto const below = [&random](U32 n) { return static_cast<U32>(random() % n); };
     U64 version = 0;

@@ -8,6 +8,7 @@
 #include <random>
 #include <vector>
 
+#include "ostra/type_info.h"
 #include "shoal/local_table.h"
 
 namespace Hw {

@@ -617,9 +617,10 @@ TEST(Validator, RefusesARecordAndReportsIt) {
   Writer writer(dir / "t");
   for (U64 const key : {1, 2}) writer.entryIs(record(key, 1));
   Reader reader(dir / "t");
-  reader.validatorIs([](EntryKey const& key, Config&, char const*) {
+  Checks checks([](EntryKey const& key, Config&, char const*) {
     if (key == EntryKey(2)) throw Pallo::CorruptionDetectedException("key 2 would stop the engine");
   });
+  reader.validatorIs(&checks);
   EXPECT_EQ(reader.entry(EntryKey(1)), record(1, 1));
   EXPECT_EQ(readEntry(reader, EntryKey(2)), Config());
   EXPECT_EQ(reader.lastCorruption(), "key 2 would stop the engine");
@@ -632,12 +633,13 @@ TEST(Validator, ReplacesADamagedRecord) {
   pokeWord(dir / "t", slotOf(dir / "t", 2) + 24, 5);  // its version
   Reader reader(dir / "t");
   std::string damage;
-  reader.validatorIs([&](EntryKey const& key, Config& r, char const* what) {
+  Checks checks([&](EntryKey const& key, Config& r, char const* what) {
     if (!what) return;
     EXPECT_EQ(r, Config());
     damage = what;
     r = record(key.value(), 9);
   });
+  reader.validatorIs(&checks);
   EXPECT_EQ(reader.entry(EntryKey(1)), record(1, 1));
   EXPECT_EQ(reader.entry(EntryKey(2)), record(2, 9));
   EXPECT_THAT(damage, HasSubstr("the record of key 2 is damaged"));

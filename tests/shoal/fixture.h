@@ -8,9 +8,11 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "shoal/reader_table.h"
@@ -75,6 +77,19 @@ class Watcher : public Shoal::Table<Config>::Notifiee {
   std::vector<U64> keys;
   int collections = 0;
   std::map<U64, U64> seen;  // key to version
+};
+
+// A validator that is one function.
+class Checks final : public Reader::Validator {
+ public:
+  using Check = std::function<void(EntryKey const&, Config&, char const* damage)>;
+  explicit Checks(Check check) : check_(std::move(check)) {}
+  void validate(EntryKey const& key, Config& record, char const* damage) override {
+    check_(key, record, damage);
+  }
+
+ private:
+  Check const check_;
 };
 
 inline bool readable(int fd, int milliseconds = 0) {

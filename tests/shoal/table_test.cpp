@@ -122,9 +122,10 @@ TEST(SharedTable, ReadsImagesOfAnotherProgramWithCare) {
     write(2, countAt, 65);
     EXPECT_THROW(reader.entry(EntryKey(2)), Pallo::InvalidSizeException);
     Reader validating(dir / "t");
-    validating.validatorIs([](EntryKey const&, Config&, char const* damage) {
+    Checks checks([](EntryKey const&, Config&, char const* damage) {
       if (damage) throw Pallo::CorruptionDetectedException(damage);
     });
+    validating.validatorIs(&checks);
     EXPECT_TRUE(validating.entry(EntryKey(1)).isDel());
     EXPECT_THROW(validating.entry(EntryKey(2)), Pallo::CorruptionDetectedException);
   }

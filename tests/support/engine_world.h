@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "lumelog/tap.h"
+#include "ostra/type_info.h"
 #include "pallo/exception.h"
 #include "tests/support/facility_text.h"
 #include "vantrel/core/trace.h"

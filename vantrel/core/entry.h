@@ -11,8 +11,8 @@
 
 #include <compare>
 #include <cstddef>
-#include <functional>
 #include <iosfwd>
+#include <string_view>
 
 #include "ostra/pod_array.h"
 #include "pallo/types.h"

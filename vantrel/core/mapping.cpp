@@ -58,8 +58,8 @@ U32 Mapping::capacity(U16 pg, U32 size) const {
 }
 
 U64 Mapping::positions() const {
-  U64 const all = isAlgorithmic() ? U64{algorithmic_.partitions} * AlgorithmicMapping::offsets
-                                  : U64{1} << tcam_.shift;
+  U64 const all =
+      isAlgorithmic() ? U64{algorithmic_.partitions} * AlgorithmicMapping::offsets : U64{1} << tcam_.shift;
   return std::min<U64>(all, noPosition);
 }
 

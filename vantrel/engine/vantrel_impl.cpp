@@ -41,10 +41,9 @@ void VantrelImpl::handleEntry(EntryKey const& key) {
   VANTREL_TRACE(vantrelImplTrace(), 9, "Finished notify on key=", key);
 }
 
-// It may replace itself. What comes next reads the clock again.
+// What comes next reads the clock again.
 void VantrelImpl::yieldNow() const {
-  auto const running = yield_;
-  (*running)();
+  yield_->betweenKeys();
   momentPassed();
 }
 

@@ -9,7 +9,6 @@
 //   before anything of that key has changed; every other exception passes through.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -80,9 +79,10 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   // Opens the trace file and ends construction.
   virtual void handleInitialized();
 
-  // What handles many keys in one call calls `yield` between two of them, so that an agent can serve others:
-  // a full walk, a retry pass, a drain of the work queue, the clean-up. No key is half-done then. It must not
-  // call the engine, nor dispatch what leads to it, nor release it. Null, as at the beginning: no call.
+  // What handles many keys in one call calls betweenKeys() between two of them, so that an agent can serve
+  // others: a full walk, a retry pass, a drain of the work queue, the clean-up. No key is half-done then. It
+  // must not call the engine's handlers, nor dispatch what leads to them, nor release the engine, and must
+  // live as long as that, or until it is taken away. Null, as at the beginning: no call.
   //
   // It may end the call by an exception (no Ostra::InternalException: that would have a key retried). What
   // was done stays done:
@@ -91,8 +91,14 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   //   drain     the other keys stay queued for the next drain, blocked ones for the next deadlock check; a
   //             ring that was being broken is not counted; the walk or the pass around it ends too
   //   clean-up  the other keys stay as they are, and nothing is flushed; in a destructor the process ends
-  using Yield = std::function<void()>;
-  void yieldIs(Yield yield) { yield_ = yield ? std::make_shared<Yield const>(std::move(yield)) : nullptr; }
+  class Yield {
+   public:
+    virtual void betweenKeys() = 0;
+
+   protected:
+    ~Yield() = default;
+  };
+  void yieldIs(Yield* yield) { yield_ = yield; }
   void yield() const {
     if (yield_) [[unlikely]]
       yieldNow();
@@ -172,7 +178,7 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   bool alwaysProcessPending_ = false;
   bool initialized_ = false;
   Forethought forethought_ = nullptr;
-  std::shared_ptr<Yield const> yield_;
+  Yield* yield_ = nullptr;
   std::unique_ptr<KeyOfHandle> const handleToKey_;
   std::unique_ptr<HandleOfKey> const keyToHandle_;
 };
