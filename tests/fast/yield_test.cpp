@@ -40,8 +40,8 @@ class Yielding : public FastWorld {
     if (engine) engine->yieldIs(nullptr);
   }
   void yieldsTo(std::function<void()> what) {
-    calls.are(std::move(what));
-    engine->yieldIs(&calls);
+    whatYields.are(std::move(what));
+    engine->yieldIs(&whatYields);
   }
   // "yield" among the client's calls.
   void yieldsAreTold() {
@@ -65,7 +65,7 @@ class Yielding : public FastWorld {
     for (auto const& [key, value] : sm->failedKey()) keys.push_back(key.value());
     return keys;
   }
-  Calls calls;
+  Calls whatYields;
   Ptr<Keel::VirtualWheel> wheel;
   Ptr<VantrelFlushStatus> flushStatus;
   Ptr<VantrelSm> sm;
@@ -224,11 +224,11 @@ TEST_F(Yielding, ChangesNoCallAndNoOrder) {
     auto const wanted = make<Shoal::LocalTable<EntryConfig>>();
     auto const own = make<FastVantrelImpl>("own", wanted, debugConfig, debugStatus, client, 1U);
     auto const front = vantrelSmFactory(wanted, status, nullptr, nullptr, own, nullptr, wheel);
-    calls.are([&] {
+    whatYields.are([&] {
       ++yields;
       EXPECT_NO_THROW(Testing::audit(*own->state(), {.prioGrpShift = 19, .hasShift = true}));
     });
-    if (yielding) own->yieldIs(&calls);
+    if (yielding) own->yieldIs(&whatYields);
     std::mt19937 random(seed);
     auto const below = [&random](U32 n) { return static_cast<U32>(random() % n); };
     U64 version = 0;
