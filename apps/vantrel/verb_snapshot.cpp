@@ -81,7 +81,7 @@ void snapshot(Asked const& asked) {
   auto const agent = agentViewOf(asked.dir);
   std::string const path = SharedTables::configPath(asked.dir);
   if (!std::filesystem::exists(path))
-    throw std::runtime_error(asked.dir + " holds no configuration table yet, so the agent has no engine");
+    throw std::runtime_error(asked.dir + " holds no configuration table yet, so the agent takes no snapshot");
   auto const taken = agent->snapshot(asked.timeout.value_or(defaultTimeout));
   if (!taken) throw std::runtime_error(agent->problem());
   ConfigFile const config(path);

@@ -148,6 +148,7 @@ void Agent::attach() {
   frontEnd_ =
       Vantrel::vantrelSmFactory(config_, status_, debugConfig_, debugStatus_, engine_, flushStatus_, wheel_);
   publisher_->exportObject("frontEnd", frontEnd_);
+  engine_->handleDebug();  // who asked earlier
   sayDamage();
 }
 

@@ -12,8 +12,8 @@
 //             |       |                              |
 //             +-------+------- betweenKeys() --------+-------> questions; a signal ends a walk
 //
-// Invariants: the front end exists from the moment on at which a producer's table exists. DIR/status.shoal is
-//   empty at the start: what this agent has not programmed is not acknowledged.
+// Invariants: the front end exists from the moment on at which a producer's table can be read.
+//   DIR/status.shoal is empty at the start: what this agent has not programmed is not acknowledged.
 // Ownership: owns everything.
 // Threading: run() is the one thread.
 // Errors: what stands in the way of a start, the first walk of the table included, is thrown, one sentence

@@ -4,11 +4,12 @@
 //   read       one at a time: a fence stands between two, on all sides, so that what is measured is what a
 //              caller waits. "Read, overlapping" is without the fence: the processor then works on the cache
 //              misses of the next reads during this one's, the more the less there is around them. The floor
-//              finds the record's slot in the same mapped file by a plain hash probe and copies what is in use
-//              into a record: the same bytes to the same object, without a check of anything. "Whole images" has the floor of a table that knows nothing of what is in
-//              a record: the probe and a copy of all its 616 bytes. "Bytes alone" has the hardest: the probe
-//              and a copy of the 80 bytes in use, whose number the compiler knows.
-//              "Watched and validated" is a table that somebody watches, with a validator, as an agent's is.
+//              finds the record's slot in the same mapped file by a plain hash probe and copies what is in
+//              use into a record: the same bytes to the same object, without a check of anything. "Whole
+//              images" has the floor of a table that knows nothing of what is in a record: the probe and a
+//              copy of all its 616 bytes. "Bytes alone" has the hardest: the probe and a copy of the 80 bytes
+//              in use, whose number the compiler knows. "Watched and validated" is a table that somebody
+//              watches, with a validator, as an agent's is.
 //   walk       the floor copies as many bytes as a whole image has from every slot, in the order of memory.
 //   writes     LMDB commits each, without synchronisation to disk.
 //   growing    from an empty table to one of this size, each write timed by itself, the clock's reading

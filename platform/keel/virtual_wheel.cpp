@@ -2,13 +2,23 @@
 #include "keel/virtual_wheel.h"
 
 #include <algorithm>
+#include <vector>
 
 namespace Keel {
 
-VirtualWheel::VirtualWheel(double start) : now_(start), previous_(Ostra::clockIs(this)) {}
+namespace {
+std::vector<VirtualWheel*> living;  // the newest last
+}
 
-// Wheels may go in any order: only the current clock is replaced.
+VirtualWheel::VirtualWheel(double start) : now_(start), previous_(Ostra::clockIs(this)) {
+  living.push_back(this);
+}
+
+// Wheels may go in any order: the one that came after this one has another predecessor now.
 VirtualWheel::~VirtualWheel() {
+  std::erase(living, this);
+  for (VirtualWheel* const wheel : living)
+    if (wheel->previous_ == this) wheel->previous_ = previous_;
   Ostra::Clock const* const current = Ostra::clockIs(previous_);
   if (current != this) Ostra::clockIs(current);
 }

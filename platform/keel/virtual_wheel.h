@@ -2,7 +2,7 @@
 // The wheel of tests and replays: time stands still until it is advanced, and wake-ups fire on the way.
 //
 // Invariants: while it lives it is the framework's clock; a wake-up is delivered at exactly its time.
-// Ownership: puts the clock back that was there before it.
+// Ownership: puts the clock back that was there before it; of several wheels, whichever goes first.
 // Threading: whoever advances it.
 // Cost: nothing passes by itself.
 #pragma once

@@ -4,7 +4,8 @@
 //   TimeSlice slice(0.002);
 //   while (more() && !slice.over()) work();
 //
-// Invariants: the work that is under way when the time is up is finished, and at most fifteen more short ones follow.
+// Invariants: the work that is under way when the time is up is finished, and at most fifteen more short ones
+//   follow.
 // Threading: one thread.
 // Cost: the clock is read after each piece while pieces are long, after every 16 while they are short.
 #pragma once

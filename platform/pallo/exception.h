@@ -3,7 +3,7 @@
 // "try again later", these mean that a caller or a file is wrong.
 //
 // Invariants: what() is one sentence that names what is wrong.
-// Errors: a front end catches the first of them, while it walks a table; the others are left to the agent.
+// Errors: who reads a table catches the first of them and reports it; the others are left to the agent.
 #pragma once
 
 #include <stdexcept>

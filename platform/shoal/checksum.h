@@ -4,9 +4,9 @@
 // The processor computes a step over a word in one instruction (SSE 4.2). Where it has no such instruction, a
 // table serves.
 //
-// Invariants: any damage of up to five bits in 640 bytes is seen unless it hits the length, and any within 32 bits in a row (P. Koopman,
-//   32-bit cyclic redundancy codes for internet applications, DSN 2002); anything else with a chance of
-//   1 - 2^-32. A slot of zeroes is damaged.
+// Invariants: any damage of up to five bits in 640 bytes is seen unless it hits the length, and any within 32
+//   bits in a row (P. Koopman, 32-bit cyclic redundancy codes for internet applications, DSN 2002); anything
+//   else with a chance of 1 - 2^-32. A slot of zeroes is damaged.
 // Cost: one instruction a word.
 #pragma once
 

@@ -4,17 +4,18 @@
 //   header | live words | copy of the header | ring of changed keys | directory of index chunks |
 //   directory of overflow chunks | chunks...
 //
-// The file grows by chunks, and nothing in it ever moves. A chunk holds lines of the index, overflow lines, or
-// slots. The index is a linear hash table (W. Litwin, Linear hashing, VLDB 1980): line b is bucket b, and one
-// bucket is split at a time, so that growth never touches more than one. An entry of a line is one 8-byte word
-// that names a slot; a record is published and replaced by one store to that word, and removed by one store to
-// its slot's state.
+// The file grows by chunks, and nothing in it ever moves. A chunk holds lines of the index, overflow lines,
+// or slots. The index is a linear hash table (W. Litwin, Linear hashing, VLDB 1980): line b is bucket b, and
+// one bucket is split at a time, so that growth never touches more than one. An entry of a line is one 8-byte
+// word that names a slot; a record is published and replaced by one store to that word, and removed by one
+// store to its slot's state.
 //
-// A slot says by itself whether it holds a record, whose, and how new: the index can be rebuilt from the slots.
+// A slot says by itself whether it holds a record, whose, and how new: the index can be rebuilt from the
+// slots.
 //
-// Invariants: a guarded word carries 16 bits that depend on its value and its place; an index entry carries the
-//   exclusive-or of its quarters; a line's link carries 32 bits that depend on bucket and depth; a slot carries
-//   a 32-bit checksum. Whatever does not agree with its guard is damage, and is not followed.
+// Invariants: a guarded word carries 16 bits that depend on its value and its place; an index entry carries
+//   the exclusive-or of its quarters; a line's link carries 32 bits that depend on bucket and depth; a slot
+//   carries a 32-bit checksum. Whatever does not agree with its guard is damage, and is not followed.
 // Cost: 26 bytes of index and slotBytes a record.
 #pragma once
 
@@ -85,14 +86,14 @@ constexpr U64 chunkStart(U64 ringEntries) {
   return roundUp(overflowDirectoryAt(ringEntries) + directoryEntries * 8, 4096);
 }
 
-// A slot: 0 checksum 8 | 8 state 8 | 16 the words of the image's head that are in use, and those of its tail. The
-// first is the key.
+// A slot: 0 checksum 8 | 8 state 8 | 16 the words of the image's head that are in use, and those of its tail.
+// The first is the key.
 inline constexpr U64 slotHeadBytes = 16;
 constexpr U64 slotBytes(U64 imageBytes) { return roundUp(slotHeadBytes + imageBytes, 64); }
 
 // The state word: 48 bits of generation, which is twice the number of the change that wrote the slot, and odd
-// while it is being written; above them how much of the image is in use, 10 bits of the tail and 6 of the head, or
-// all ones in a slot that was freed.
+// while it is being written; above them how much of the image is in use, 10 bits of the tail and 6 of the
+// head, or all ones in a slot that was freed.
 inline constexpr Extent freed{63, 1023};
 constexpr U64 state(U64 generation, Extent extent) {
   return (generation & 0xFFFF'FFFF'FFFFU) | U64{extent.tail} << 48 | U64{extent.head} << 58;
@@ -122,8 +123,8 @@ constexpr std::optional<U64> unguard(U64 word, U64 place) {
   return value;
 }
 
-// An index entry: 32 bits slot (offset / 64) | 16 bits, so that the exclusive-or of the word's four quarters is
-// zero | the upper 16 bits of the key's hash, its tag. Zero: no entry.
+// An index entry: 32 bits slot (offset / 32) | 16 bits, so that the exclusive-or of the word's four quarters
+// is zero | the upper 16 bits of the key's hash, its tag. Zero: no entry.
 constexpr U64 foldQuarters(U64 x) {
   x ^= std::rotr(x, 32);
   x ^= std::rotr(x, 16);
@@ -152,8 +153,8 @@ constexpr std::optional<U64> linkUnit(U64 word, U64 bucket, U64 depth) {
 // Ring entry of change `sequence`: the stamp guards sequence and key.
 constexpr U64 stamp(U64 sequence, U64 key) { return guard(sequence, mix(key) | 1); }
 
-// The bucket of a hash in an index of `buckets` buckets, `level` being the greatest power of two in that; without
-// a branch, which would be mispredicted.
+// The bucket of a hash in an index of `buckets` buckets, `level` being the greatest power of two in that;
+// without a branch, which would be mispredicted.
 constexpr U64 bucketOf(U64 hash, U64 buckets, U64 level) {
   U64 const bucket = hash & (2 * level - 1);
   U64 const stands = -U64{bucket < buckets};
@@ -161,10 +162,10 @@ constexpr U64 bucketOf(U64 hash, U64 buckets, U64 level) {
 }
 constexpr U64 bucketOf(U64 hash, U64 buckets) { return bucketOf(hash, buckets, std::bit_floor(buckets)); }
 
-// Strongly universal: multiply-add in 128 bits, of which the high half is kept. Whoever does not know the file's
-// random multiplier and addend cannot choose two keys that collide with more than their fair chance. What
-// follows maps one number to one number, so that this stays true; it separates keys that lie in a pattern,
-// which would otherwise lie in a pattern of buckets.
+// Strongly universal: multiply-add in 128 bits, of which the high half is kept. Whoever does not know the
+// file's random multiplier and addend cannot choose two keys that collide with more than their fair chance.
+// What follows maps one number to one number, so that this stays true; it separates keys that lie in a
+// pattern, which would otherwise lie in a pattern of buckets.
 constexpr U64 hash(std::array<U64, 4> const& seed, U64 key) {
   __extension__ using U128 = unsigned __int128;
   U128 const multiplier = (U128{seed[1]} << 64) | seed[0];

@@ -3,7 +3,8 @@
 //
 // Threading: any; beside a running writer inspect() may take what is under way for half-done.
 // Cost: tableInfo() reads the header; inspect() and repair() pass over the file.
-// Errors: FileException for what is no table; tableInfo() throws Pallo::CorruptionDetectedException for a damaged count; repair() throws WriterLockedException beside a running writer.
+// Errors: FileException for what is no table; tableInfo() throws Pallo::CorruptionDetectedException for a
+//   damaged count; repair() throws WriterLockedException beside a running writer.
 #pragma once
 
 #include <string>
@@ -48,8 +49,8 @@ struct Repair {
   U64 records = 0;                // that the table holds now
   std::vector<std::string> lost;  // one sentence for each slot that is not intact
 };
-// Makes the table anew from its intact records, whatever became of the index and of the first of its two headers.
-// Readers follow to the new file.
+// Makes the table anew from its intact records, whatever became of the index and of the first of its two
+// headers. Readers follow to the new file.
 VANTREL_API Repair repair(std::string const& path);
 
 }  // namespace Shoal

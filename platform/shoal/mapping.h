@@ -2,8 +2,8 @@
 // A file mapped through one window of address space that is larger than the file will become, so that growth
 // needs no new mapping and no pointer into it ever moves.
 //
-// Invariants: a read inside the window never ends the process. Where the file was truncated under it, it reads
-//   zeroes, which no guard or checksum of a table takes for intact; cutShort() then says so.
+// Invariants: a read inside the window never ends the process. Where the file was truncated under it, it
+//   reads zeroes, which no guard or checksum of a table takes for intact; cutShort() then says so.
 // Ownership: owns the descriptor and the address space.
 // Threading: any number of readers.
 // Cost: a few system calls to make, none to read.

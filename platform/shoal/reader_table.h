@@ -6,8 +6,8 @@
 // key that it was told of or met in a walk and that vanished, and then of the whole collection.
 //
 // Invariants: no change is ever lost: when dispatch() has nothing more to tell, the watchers have been told
-//   of the last change of every key. The first call of fd() or dispatch() begins the watch; what was announced
-//   since the table was mounted is told then.
+//   of the last change of every key. The first call of fd() or dispatch() begins the watch; what was
+//   announced since the table was mounted is told then.
 // Ownership: the watch goes with the object.
 // Threading: one thread.
 // Cost: a read is a look-up and a copy of the words in use. At rest, one look a second.
@@ -35,8 +35,8 @@ class ReaderTable : public Table<R>, private FileReader::Sink {
   using typename Table<R>::Place;
   using Presence = FileReader::Presence;
   // Called with each record that was read; an absent key's is empty. It may change the record, or throw
-  // Pallo::CorruptionDetectedException. `damage` says what was wrong with a record that could not be read, and
-  // is null otherwise; what the validator then makes of the record, which is empty, is returned.
+  // Pallo::CorruptionDetectedException. `damage` says what was wrong with a record that could not be read,
+  // and is null otherwise; what the validator then makes of the record, which is empty, is returned.
   class Validator {
    public:
     virtual void validate(Key const& key, R& record, char const* damage) = 0;
@@ -67,11 +67,7 @@ class ReaderTable : public Table<R>, private FileReader::Sink {
   R entry(Key const& key) const override {
     R record = Traits::unset();
     try {
-      Extent const extent = file_.read(key.value(), Traits::image(record));
-      if (!extent.isEmpty()) [[likely]]
-        Traits::accept(record, extent);
-      else
-        record = Traits::empty();
+      read(key, record);
     } catch (Pallo::Exception const& damage) {
       if (!validator_) throw;
       record = Traits::empty();
@@ -79,6 +75,11 @@ class ReaderTable : public Table<R>, private FileReader::Sink {
       return record;
     }
     if (validator_) validator_->validate(key, record, nullptr);
+    return record;
+  }
+  R peek(Key const& key) const override {
+    R record = Traits::unset();
+    read(key, record);
     return record;
   }
   std::optional<Place> first() const override { return walk(0); }
@@ -95,6 +96,13 @@ class ReaderTable : public Table<R>, private FileReader::Sink {
   }
 
  private:
+  [[gnu::always_inline]] void read(Key const& key, R& record) const {
+    Extent const extent = file_.read(key.value(), Traits::image(record));
+    if (!extent.isEmpty()) [[likely]]
+      Traits::accept(record, extent);
+    else
+      record = Traits::empty();
+  }
   std::optional<Place> walk(U64 hint) const {
     auto const place = file_.walk(hint, !this->notifieeList().empty());
     if (!place) return std::nullopt;

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Salvage: what is in a table by the word of its slots alone, whatever became of the index.
 //
-// Invariants: changes nothing. A record is found when its slot is intact and was not freed; of several of one key,
-//   the newest.
+// Invariants: changes nothing. A record is found when its slot is intact and was not freed; of several of one
+//   key, the newest.
 // Cost: one pass over the file; 24 bytes a record.
 #pragma once
 

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// One slot, read as every reader of a seqlock reads: generation, copy, generation; and the checksum in between.
+// One slot, read as every reader of a seqlock reads: generation, copy, generation; and the checksum in
+// between.
 //
 //   | checksum | state | key | image 1 | image 2 | ...          an image's first word is its key
 //
 //   writer:  state = odd generation    words    checksum    state = even generation, length
-//   reader:  state    words and their checksum    fence    state again: the same and even, or it was overtaken
+//   reader: state words and their checksum fence state again: the same and even, or it was overtaken
 //
-// Invariants: a copy that is `whole` is what one write left. What the slot says is not trusted: no word beyond
-//   the given length is read or written.
-// Threading: any number of readers beside one writer. Every access is a relaxed or releasing atomic of one word,
-//   ordered by fences: what the thread sanitizer checks is what runs.
+// Invariants: a copy that is `whole` is what one write left. What the slot says is not trusted: no word
+//   beyond the given length is read or written.
+// Threading: any number of readers beside one writer. Every access is a relaxed or releasing atomic of one
+//   word, ordered by fences: what the thread sanitizer checks is what runs.
 // Cost: a load, a store and a step of the checksum for each word in use.
 #pragma once
 
@@ -35,7 +36,8 @@ struct Room {
   U64 tail;
 };
 
-// Over the state and the words in use, each of which `word(inSlot, inImage)` returns, asked for once and in order.
+// Over the state and the words in use, each of which `word(inSlot, inImage)` returns, asked for once and in
+// order.
 template <class Step, class Word>
 [[gnu::always_inline]] inline U64 checksum(U64 state, U64 tailAt, Word word) {
   Extent const extent = Format::extent(state);
@@ -51,9 +53,9 @@ template <class Word>
   return checksum<Checksum::TableStep>(state, tailAt, word);
 }
 
-// Copies a slot's record into an image, and says what of that is in use. `named()` says whether the index still names
-// the slot. It is asked before the last look at the state, of a freed slot too: one that was freed may have been
-// published again in between.
+// Copies a slot's record into an image, and says what of that is in use. `named()` says whether the index
+// still names the slot. It is asked before the last look at the state, of a freed slot too: one that was
+// freed may have been published again in between.
 template <class Named>
 [[gnu::always_inline]] inline Copy copy(Words slot, Room room, U64* image, Extent& extent, Named named) {
   U64 const state = slot[1].load(std::memory_order_acquire);

@@ -3,11 +3,12 @@
 // (WriterTable, ReaderTable) or this process alone (LocalTable).
 //
 // Invariants: a read returns one consistent record, or the empty record for a key that is absent. A watcher
-//   that handled its notifications has seen the final state of every key, removals included.
+//   that handled its notifications has seen the final state of every key, removals included; one that was
+//   switched off meanwhile is not told of the removals of that time.
 // Ownership: reference-counted; a watcher holds its table.
 // Threading: one thread a table object, whatever other processes do to the file.
-// Errors: a damaged record or index throws Pallo::CorruptionDetectedException; the caller reports it back with
-//   corruptionDetected() and goes on with the empty record. A write through a read-only mount throws
+// Errors: a damaged record or index throws Pallo::CorruptionDetectedException; the caller reports it back
+//   with corruptionDetected() and goes on with the empty record. A write through a read-only mount throws
 //   Pallo::NoPermissionException.
 #pragma once
 
@@ -39,7 +40,7 @@ namespace Shoal {
 //   static void accept(R&, Extent);                      makes a record of what was written there; throws
 //                                                        Pallo::InvalidSizeException or
 //                                                        Pallo::CorruptionDetectedException for what is none
-//   static Extent encode(R const&, std::byte* image);    writes the image, and returns how much of it is in use
+//   static Extent encode(R const&, std::byte* image); writes the image, and returns how much of it is in use
 //
 // Equal records have equal images, as far as they are in use.
 template <class R>
@@ -121,6 +122,8 @@ class Table : public TableBase {
 
   // A copy of the record, or the empty record.
   virtual R entry(Key const& key) const = 0;
+  // The same for who only looks: past a reader's validator, which may act on what it is given.
+  virtual R peek(Key const& key) const { return entry(key); }
   // The first place of a walk, and the one after `place`; nothing at the end. The order is the table's own.
   virtual std::optional<Place> first() const = 0;
   virtual std::optional<Place> next(Place const& place) const = 0;

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // A table file for records of any type: what WriterTable and ReaderTable are typed faces of.
 //
-// Invariants: a record is read whole, as one write left it. A process that is killed at any moment leaves every
-//   record whole. A file may be truncated, damaged or replaced under its readers: they report it.
+// Invariants: a record is read whole, as one write left it. A process that is killed at any moment leaves
+//   every record whole. A file may be truncated, damaged or replaced under its readers: they report it.
 // Ownership: a FileWriter holds the file's writer lock, a FileReader its mapping.
 // Threading: one thread an object; any number of readers in any number of processes beside one writer.
 // Cost: see docs/performance.md.
@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "pallo/types.h"
 
@@ -71,8 +72,8 @@ class VANTREL_API FileWriter {
   void put(U64 key, std::byte const* image, Extent extent);
   // Returns false when the key is absent.
   bool remove(U64 key);
-  // Removes every record, damaged ones too.
-  void removeAll();
+  // Removes every record, damaged ones too. Returns the keys that there were.
+  std::vector<U64> removeAll();
 
   // As FileReader's.
   Extent read(U64 key, std::byte* image) const;
@@ -89,8 +90,8 @@ class VANTREL_API FileWriter {
 
 class VANTREL_API FileReader {
  public:
-  // A file that is no such table: `required` makes that an error of the constructor. `awaited` reads as an empty
-  // table, and is followed when it becomes one.
+  // A file that is no such table: `required` makes that an error of the constructor. `awaited` reads as an
+  // empty table, and is followed when it becomes one.
   enum class Presence { required, awaited };
   // Who is told of changes.
   class Sink {
@@ -110,8 +111,9 @@ class VANTREL_API FileReader {
 
   // Reads a record's image; returns what of it is in use, nothing when the key is absent.
   Extent read(U64 key, std::byte* image);
-  // The first present key at or after a position; position 0 begins a walk. Damage of the index is thrown where
-  // the walk ends, so that it costs no intact record its visit. `told`: those who watch know of the key now.
+  // The first present key at or after a position; position 0 begins a walk. Damage of the index is thrown
+  // where the walk ends, so that it costs no intact record its visit. `told`: those who watch know of the key
+  // now.
   std::optional<FilePlace> walk(U64 hint, bool told);
   U64 size() const;
 

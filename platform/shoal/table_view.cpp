@@ -6,9 +6,9 @@
 //                                      v
 //                              [ checksum | state | key | ... ]      copied as a seqlock is read (slot.h)
 //
-// A look-up is one attempt after the other until one was not overtaken by the writer. Overtaken means: the slot was
-// written while it was copied, or the entry names another slot afterwards, or a split moved the key. What is wrong
-// and stays wrong for a few attempts is damage.
+// A look-up is one attempt after the other until one was not overtaken by the writer. Overtaken means: the
+// slot was written while it was copied, or the entry names another slot afterwards, or a split moved the key.
+// What is wrong and stays wrong for a few attempts is damage.
 //
 // It never waits for the writer, and it knows nothing of notification.
 #include "shoal/table_view.h"
@@ -323,8 +323,8 @@ std::optional<FilePlace> TableView::visit(Word const& word, Position const& p) {
   return std::nullopt;
 }
 
-// The bucket's next line, null at its end. A line that another bucket took over meanwhile leads nowhere: then the
-// way begins anew at the bucket.
+// The bucket's next line, null at its end. A line that another bucket took over meanwhile leads nowhere: then
+// the way begins anew at the bucket.
 Word* TableView::nextLine(Word* line, Position const& p) {
   auto const unit = linkUnit(acquire(line[linkInLine]), p.bucket, p.depth);
   if (unit && *unit == 0) return nullptr;

@@ -49,12 +49,12 @@ class TableView {
   // What is mapped begins otherwise than when it was opened: something else was written over it.
   bool isWrittenOver() const;
 
-  // Reads a record's image into `image`, which has room for a whole one; returns what of it is in use, nothing
-  // when the key is absent.
+  // Reads a record's image into `image`, which has room for a whole one; returns what of it is in use,
+  // nothing when the key is absent.
   Extent read(U64 key, U64* image);
   bool contains(U64 key);  // true for a key that cannot be read: its look-up says what is wrong
-  // The first present key at or after a position; position 0 begins a walk. Damage of the index that a walk met
-  // is thrown where the walk ends, so that it costs no intact record its visit.
+  // The first present key at or after a position; position 0 begins a walk. Damage of the index that a walk
+  // met is thrown where the walk ends, so that it costs no intact record its visit.
   std::optional<FilePlace> walk(U64 hint);
   U64 size() const { return guarded(Format::countAt, "number of records"); }
 
@@ -140,8 +140,8 @@ class TableView {
 
 // ---- The look-up of nearly every key, in line
 
-// One bit for each entry of the line that `wanted` accepts, without a branch at each, which would be mispredicted
-// every other time.
+// One bit for each entry of the line that `wanted` accepts, without a branch at each, which would be
+// mispredicted every other time.
 template <class Wanted>
 [[gnu::always_inline]] inline unsigned entriesWhere(TableView::Word const* line, Wanted wanted) {
   return [=]<unsigned... i>(std::integer_sequence<unsigned, i...>) {
@@ -167,7 +167,8 @@ template <class Wanted>
   return chunk ? chunk + bucket % Format::linesPerChunk * Format::wordsPerLine : nullptr;
 }
 
-// The first entry with the tag in a bucket's first line, as far as it is known without a look at what may have changed.
+// The first entry with the tag in a bucket's first line, as far as it is known without a look at what may
+// have changed.
 [[gnu::always_inline]] inline TableView::Word const* TableView::firstTagged(U64 hashed) const {
   Word const* const line = firstLine(hashed);
   if (!line) return nullptr;
@@ -175,8 +176,8 @@ template <class Wanted>
   return found != 0 ? line + std::countr_zero(found) : nullptr;
 }
 
-// A slot that was freed may hold another record by now, complete and not published yet. A freed slot that the entry
-// still names is that of a key that was removed.
+// A slot that was freed may hold another record by now, complete and not published yet. A freed slot that the
+// entry still names is that of a key that was removed.
 [[gnu::always_inline]] inline TableView::Found TableView::copyRecord(Word const& word, U64 key, U64* image) {
   U64 const entry = word.load(std::memory_order_acquire);
   U64 const unit = Format::entryUnit(entry);

@@ -69,8 +69,8 @@ void refuseOthers(Mapping const& file, bool toReplace) {
                         fmt::format("{} is not a table file, and is not replaced by one", file.path()));
 }
 
-// The table's file with the writer's lock; nothing when there is no file. One that was replaced while it was being
-// locked is not the table any more.
+// The table's file with the writer's lock; nothing when there is no file. One that was replaced while it was
+// being locked is not the table any more.
 Pallo::Descriptor lockedFile(std::string const& path, bool toReplace) {
   for (;;) {
     Pallo::Descriptor file;
@@ -184,7 +184,8 @@ Pallo::Descriptor TableWriter::remake(std::string const& path, Mapping const& ol
   return fresh.publish(true);
 }
 
-// A damaged record stays what it is as long as the index proves its key, so that its readers go on hearing of damage.
+// A damaged record stays what it is as long as the index proves its key, so that its readers go on hearing of
+// damage.
 void TableWriter::heal() {
   refuseIfCutShort();
   if (!mapping_->isCurrent())
@@ -479,26 +480,29 @@ bool TableWriter::remove(U64 key) {
 }
 
 // What no walk finds is damaged, and goes with the index; what that had hidden is found then.
-void TableWriter::removeAll() {
-  removeFound();
-  if (count_ == 0) return;
+std::vector<U64> TableWriter::removeAll() {
+  std::vector<U64> removed = removeFound();
+  if (count_ == 0) return removed;
   heal();
-  removeFound();
+  std::vector<U64> const hidden = removeFound();
+  removed.insert(removed.end(), hidden.begin(), hidden.end());
+  return removed;
 }
 
-void TableWriter::removeFound() {
+std::vector<U64> TableWriter::removeFound() {
   std::vector<U64> keys;
   try {
     for (auto place = view_->walk(0); place; place = view_->walk(place->hint)) keys.push_back(place->key);
   } catch (Pallo::CorruptionDetectedException const&) {  // after the last key
   }
   for (U64 const key : keys) remove(key);
+  return keys;
 }
 
 // ---- Growth
 
-// Longer chains are better than a refused write: a split that finds no room is put off, and so are all where damage
-// could not be healed.
+// Longer chains are better than a refused write: a split that finds no room is put off, and so are all where
+// damage could not be healed.
 void TableWriter::splitWhileFull() {
   try {
     while (!splitsOff_ && 4 * count_ > recordsPerFourBuckets * buckets_ && buckets_ < maxBuckets) split();
@@ -656,8 +660,8 @@ void TableWriter::surveyBucket(Survey& survey, U64 bucket) {
   }
 }
 
-// A slot in no line is free, if its record was removed, replaced, or not published by a writer that was killed.
-// Returns the key of the latter: no other change may get its number.
+// A slot in no line is free, if its record was removed, replaced, or not published by a writer that was
+// killed. Returns the key of the latter: no other change may get its number.
 std::optional<U64> TableWriter::adoptFree(Survey const& survey) {
   std::optional<U64> unpublished;
   for (U64 chunk = 0; chunk < chunks_; ++chunk) {
@@ -679,7 +683,8 @@ std::optional<U64> TableWriter::adoptFree(Survey const& survey) {
   return unpublished;
 }
 
-// An intact record that no entry names lost its entry to damage, unless it is the one that was being replaced.
+// An intact record that no entry names lost its entry to damage, unless it is the one that was being
+// replaced.
 void TableWriter::refuseLostRecord(Word const* slot) const {
   std::vector<U64> image(view_->imageWords());
   Extent extent;
@@ -689,8 +694,8 @@ void TableWriter::refuseLostRecord(Word const* slot) const {
         view_->damage(fmt::format("the index is damaged: the entry of key {} is missing", image[0])));
 }
 
-// The change that was under way may have been published; announcing one that was not does no harm. A removal that
-// was published still has its entry.
+// The change that was under way may have been published; announcing one that was not does no harm. A removal
+// that was published still has its entry.
 void TableWriter::finishAnnouncement(std::optional<U64> unpublished) {
   if (unpublished && !view_->changedKey(head_)) beginChange(*unpublished);
   auto const key = view_->changedKey(head_);
@@ -705,7 +710,8 @@ void TableWriter::finishAnnouncement(std::optional<U64> unpublished) {
   ++counters_.repaired;
 }
 
-// A table that was made anew has other places: a walk begins again. The uppermost bits of a place tell which it is of.
+// A table that was made anew has other places: a walk begins again. The uppermost bits of a place tell which
+// it is of.
 std::optional<FilePlace> TableWriter::walk(U64 hint) {
   U64 const anew = (counters_.rebuilds & 0xFFFF) << 48;
   auto place = view_->walk(hint >> 48 << 48 == anew ? hint & ~(U64{0xFFFF} << 48) : 0);
@@ -727,7 +733,7 @@ void FileWriter::put(U64 key, std::byte const* image, Extent extent) {
   state_->put(key, reinterpret_cast<U64 const*>(image), extent);
 }
 bool FileWriter::remove(U64 key) { return state_->remove(key); }
-void FileWriter::removeAll() { state_->removeAll(); }
+std::vector<U64> FileWriter::removeAll() { return state_->removeAll(); }
 Extent FileWriter::read(U64 key, std::byte* image) const {
   return state_->view().read(key, reinterpret_cast<U64*>(image));
 }

@@ -1,21 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
-// The writing side of a table file, for records of any type: insert, replace, remove, growth, and repair of what a
-// writer that was killed left behind.
+// The writing side of a table file, for records of any type: insert, replace, remove, growth, and repair of
+// what a writer that was killed left behind.
 //
-// A record is written into a free slot and then published by one store to its index entry; the slot it replaces is
-// marked as freed and joins the end of the queue of free slots. Growth splits one bucket at a time: the new bucket is
-// written first, then the number of buckets, then the entries that moved are taken out of the old one. The
-// announcement of a change is written before the change is published and counted after it, so that whoever comes
-// next can tell the one that was under way.
+// A record is written into a free slot and then published by one store to its index entry; the slot it
+// replaces is marked as freed and joins the end of the queue of free slots. Growth splits one bucket at a
+// time: the new bucket is written first, then the number of buckets, then the entries that moved are taken
+// out of the old one. The announcement of a change is written before the change is published and counted
+// after it, so that whoever comes next can tell the one that was under way.
 //
 // Invariants: killed at any store, every record in the file is whole, and present as of before or after the
-//   operation. An operation that fails has changed nothing. A record is removed by the store that marks its slot as
-//   freed, so that the slots alone say what is in the table: an index that is damaged is made anew from them.
+//   operation. An operation that fails has changed nothing. A record is removed by the store that marks its
+//   slot as freed, so that the slots alone say what is in the table: an index that is damaged is made anew
+//   from them.
 // Ownership: owns the file's mapping and, by the open file, the writer's lock.
 // Threading: one thread.
-// Cost: a write touches the key's index line, one slot, the state of another, and a few live words; a split a bucket
-//   in four of five inserts; a new chunk of 256 KiB is allocated when the last is full. Nothing depends on the table's
-//   size, except opening, which passes over the index, and healing it.
+// Cost: a write touches the key's index line, one slot, the state of another, and a few live words; a split a
+//   bucket in four of five inserts; a new chunk of 256 KiB is allocated when the last is full. Nothing
+//   depends on the table's size, except opening, which passes over the index, and healing it.
 // Errors: FileException, WriterLockedException; NoSpaceException; Pallo::CorruptionDetectedException.
 #pragma once
 
@@ -48,12 +49,13 @@ class TableWriter {
   std::shared_ptr<Mapping const> mapping() const { return mapping_; }
   void put(U64 key, U64 const* image, Extent extent);
   bool remove(U64 key);
-  void removeAll();
+  std::vector<U64> removeAll();
   // As the view's, also where the table is made anew meanwhile.
   std::optional<FilePlace> walk(U64 hint);
   WriterCounters counters() const;
 
-  // Makes the table at `path` anew from what is in its slots, whatever its record type. Returns what was there.
+  // Makes the table at `path` anew from what is in its slots, whatever its record type. Returns what was
+  // there.
   static Salvaged rebuild(std::string const& path);
 
  private:
@@ -99,7 +101,7 @@ class TableWriter {
   void publish(Spot const& spot, U64 entry);
   void appendLine(Spot const& spot, U64 entry);
 
-  void removeFound();
+  std::vector<U64> removeFound();
 
   void splitWhileFull();
   bool triesToHeal();
@@ -128,8 +130,8 @@ class TableWriter {
   U64 head_ = 0;
   U64 overflowChunks_ = 0;
   std::vector<Kind> kinds_;  // of the chunks
-  // A slot that was freed rests a while, first in, first out, so that whoever reads it may finish; then it is the
-  // first to be taken, while the caches have it. In pieces, so that no write pays for moving them all.
+  // A slot that was freed rests a while, first in, first out, so that whoever reads it may finish; then it is
+  // the first to be taken, while the caches have it. In pieces, so that no write pays for moving them all.
   std::deque<U32> restingSlots_;
   std::deque<U32> idleSlots_;
   std::deque<U32> freeLines_;

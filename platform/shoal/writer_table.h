@@ -5,8 +5,8 @@
 // Ownership: the writer's lock goes with the object, or with the process.
 // Threading: one thread.
 // Errors: FileException when the file is not such a table; WriterLockedException, naming the process that
-//   holds it; NoSpaceException when the file system is full, and the table is as it was. Damage of the index is
-//   healed from the records; a damaged record is replaced by the next write of its key.
+//   holds it; NoSpaceException when the file system is full, and the table is as it was. Damage of the index
+//   is healed from the records; a damaged record is replaced by the next write of its key.
 #pragma once
 
 #include <array>
@@ -52,8 +52,7 @@ class WriterTable : public Table<R> {
   }
   // Removes every record.
   void cleanup() {
-    file_.removeAll();
-    this->notifyEntryColl();
+    for (U64 const key : file_.removeAll()) this->notifyEntry(Key(key));
   }
   WriterCounters writerCounters() const { return file_.counters(); }
   // Changes that the table has ever seen, from all its writers, in the files it replaced too.

@@ -124,6 +124,7 @@ TEST_F(AgentProcess, FindsAProducersEntriesAtItsStart) {
   EXPECT_TRUE(acknowledged());
 }
 
+// But for a look around once a second.
 TEST_F(AgentProcess, AtRestItUsesNoProcessorTime) {
   auto const agent = startReady();
   auto const table = producer();
@@ -132,7 +133,7 @@ TEST_F(AgentProcess, AtRestItUsesNoProcessorTime) {
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   double const before = agent->cpuSeconds();
   std::this_thread::sleep_for(std::chrono::seconds(2));
-  EXPECT_EQ(agent->cpuSeconds(), before);
+  EXPECT_LT(agent->cpuSeconds(), before + 0.01);
 }
 
 TEST_F(AgentProcess, ItsMemoryStaysFlatUnderAChurnOfTheSameKeys) {

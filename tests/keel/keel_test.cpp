@@ -260,6 +260,17 @@ TEST(VirtualWheel, stopsAtEachWakeUpOnTheWay) {
   EXPECT_EQ(Ostra::now(), 35.0);
 }
 
+TEST(VirtualWheel, mayGoBeforeALaterOne) {
+  double const before = Ostra::now();
+  auto first = Ostra::make<VirtualWheel>(1e9);
+  auto second = Ostra::make<VirtualWheel>(2e9);
+  first = nullptr;
+  EXPECT_EQ(Ostra::now(), 2e9);
+  second = nullptr;
+  EXPECT_GE(Ostra::now(), before);
+  EXPECT_LT(Ostra::now(), before + 1e6);
+}
+
 TEST(VirtualWheel, putsTheClockBack) {
   double const before = Ostra::now();
   Ostra::make<VirtualWheel>(1e9);

@@ -175,8 +175,8 @@ INSTANTIATE_TEST_SUITE_P(Operations, StorePoints, testing::ValuesIn(scenarios), 
   return name;
 });
 
-// A writer that makes a damaged index anew, and is ended at each of its stores: the next one does it again, and no
-// record is lost.
+// A writer that makes a damaged index anew, and is ended at each of its stores: the next one does it again,
+// and no record is lost.
 TEST(Healing, IsBegunAnewWhereItWasEnded) {
   Directory dir;
   std::string const original = dir / "original";

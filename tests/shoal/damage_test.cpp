@@ -288,8 +288,8 @@ void expectHeaderDamage(std::string const& path, U64 at, U64 word) {
   EXPECT_EQ(Reader(path).entry(EntryKey(7)), record(7, 1));
 }
 
-// At opening it is an error, and no empty table; an index of more buckets than the file's chunks could hold is not
-// walked.
+// At opening it is an error, and no empty table; an index of more buckets than the file's chunks could hold
+// is not walked.
 TEST(Damage, OfALiveWordRefusesTheTable) {
   using namespace Shoal::Format;
   Directory dir;
@@ -300,8 +300,8 @@ TEST(Damage, OfALiveWordRefusesTheTable) {
     expectHeaderDamage(dir / "t", bucketsAt, guard(buckets, bucketsAt));
 }
 
-// A writer makes the table anew from what its slots say, whatever live word is damaged; so does a repair, and it
-// does not need the header either.
+// A writer makes the table anew from what its slots say, whatever live word is damaged; so does a repair, and
+// it does not need the header either.
 TEST(Damage, OfALiveWordIsHealedByTheWriter) {
   using namespace Shoal::Format;
   for (U64 const at : {bucketsAt, countAt, headAt}) {
@@ -624,6 +624,21 @@ TEST(Validator, RefusesARecordAndReportsIt) {
   EXPECT_EQ(reader.entry(EntryKey(1)), record(1, 1));
   EXPECT_EQ(readEntry(reader, EntryKey(2)), Config());
   EXPECT_EQ(reader.lastCorruption(), "key 2 would stop the engine");
+}
+
+TEST(Validator, HearsNothingOfAPeek) {
+  Directory dir;
+  Writer writer(dir / "t");
+  for (U64 const key : {1, 2}) writer.entryIs(record(key, 1));
+  pokeWord(dir / "t", slotOf(dir / "t", 2) + 24, 5);
+  Reader reader(dir / "t");
+  int asked = 0;
+  Checks checks([&](EntryKey const&, Config&, char const*) { ++asked; });
+  reader.validatorIs(&checks);
+  EXPECT_EQ(peekEntry(reader, EntryKey(1)), record(1, 1));
+  EXPECT_EQ(peekEntry(reader, EntryKey(2)), Config());
+  EXPECT_EQ(asked, 0);
+  EXPECT_EQ(reader.corruptions(), 0U);
 }
 
 TEST(Validator, ReplacesADamagedRecord) {

@@ -39,8 +39,8 @@ std::map<U64, std::string> exampleBytes() {
   return bytes;
 }
 
-// The page's file. The page gives one line of the index, from which the other 127 differ in their links alone,
-// and the first of two headers that are the same.
+// The page's file. The page gives one line of the index, from which the other 127 differ in their links
+// alone, and the first of two headers that are the same.
 std::string exampleFile() {
   std::string file(fileBytes, '\0');
   for (U64 bucket = 0; bucket < Format::firstBuckets; ++bucket) {

@@ -47,8 +47,9 @@ TEST(Checksum, ChangesWithEachWord) {
   }
 }
 
-// The checksum is linear: a damaged bit changes it by the same whatever the other bits are, so that two damaged bits
-// go unseen exactly where their changes are equal. The bits of the checksum itself are among them.
+// The checksum is linear: a damaged bit changes it by the same whatever the other bits are, so that two
+// damaged bits go unseen exactly where their changes are equal. The bits of the checksum itself are among
+// them.
 TEST(Checksum, SeesAnyTwoDamagedBits) {
   std::vector<U64> words(whole.head + whole.tail, 0);
   U64 const empty = checksum(wholeState, words);

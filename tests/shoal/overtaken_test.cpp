@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// A read that the writer overtakes, at each of its instructions in turn: it returns what was in the table while it
-// ran, whole. The writer gives the record's slot to another record, to the same key again, and to a record that it
-// completes and does not come to publish.
+// A read that the writer overtakes, at each of its instructions in turn: it returns what was in the table
+// while it ran, whole. The writer gives the record's slot to another record, to the same key again, and to a
+// record that it completes and does not come to publish.
 //
-// The processor's trap flag stops the read after each instruction; at the one that is wanted the writer works in the
-// signal's handler.
+// The processor's trap flag stops the read after each instruction; at the one that is wanted the writer works
+// in the signal's handler.
 #include <signal.h>
 #include <sys/ucontext.h>
 
@@ -29,7 +29,8 @@ constexpr U64 other = 8;
 constexpr U64 unpublished = 1000;
 constexpr U64 trapFlag = 0x100;
 
-// Lets something happen at one instruction of what runs meanwhile, and something else some instructions later.
+// Lets something happen at one instruction of what runs meanwhile, and something else some instructions
+// later.
 class Interruption {
  public:
   Interruption(long instruction, std::function<void()> what, long later = 0,

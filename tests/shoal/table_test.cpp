@@ -155,6 +155,18 @@ TEST(SharedTable, NotifiesByKeyAndSleepsBetween) {
   EXPECT_EQ(watcher.seen, (std::map<U64, U64>{{2, 1}}));
 }
 
+TEST(SharedTable, TellsOfEachKeyOfACleanUp) {
+  Directory dir;
+  auto const writer = Ostra::make<Writer>(dir / "t");
+  for (U64 key = 1; key <= 3; ++key) writer->entryIs(record(key, 1));
+  Watcher watcher;
+  watcher.notifierIs(Ostra::Ptr<Shoal::Table<Config> const>(writer.get()));
+  watcher.hasNotificationActiveIs(true);
+  writer->cleanup();
+  EXPECT_THAT(watcher.keys, testing::UnorderedElementsAre(1, 2, 3));
+  EXPECT_TRUE(watcher.seen.empty());
+}
+
 TEST(SharedTable, FollowsAFileThatReplacedItsOwn) {
   Directory dir;
   auto writer = Ostra::make<Writer>(dir / "t");

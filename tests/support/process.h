@@ -85,14 +85,12 @@ class Process {
   }
   std::string out() const { return contents(out_); }
   std::string err() const { return contents(err_); }
-  // Processor time used so far, seconds.
+  // Processor time that its first thread used so far, seconds.
   double cpuSeconds() const {
-    std::istringstream stat(contents("/proc/" + std::to_string(pid_) + "/stat"));
-    std::string field;
-    for (int i = 0; i < 13; ++i) stat >> field;
-    double user = 0, system = 0;
-    stat >> user >> system;
-    return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+    std::istringstream stat(contents("/proc/" + std::to_string(pid_) + "/schedstat"));
+    double nanoseconds = 0;
+    stat >> nanoseconds;
+    return nanoseconds * 1e-9;
   }
   // Resident memory, KiB.
   long residentKib() const {

@@ -22,7 +22,7 @@ EntryConfig readEntry(TableConfig const& table, EntryKey const& key) {
 
 EntryConfig peekEntry(TableConfig const& table, EntryKey const& key) {
   try {
-    return table.entry(key);
+    return table.peek(key);
   } catch (Pallo::CorruptionDetectedException const&) {
     return {};
   } catch (Pallo::InvalidSizeException const&) {

@@ -7,15 +7,15 @@
 // Bit 0 of flags is the delete marker; the other bits are zero. Elements beyond a count are zero.
 // Image of an EntryStatus, 16 bytes: 0 key 8 | 8 opId 8.
 //
-// The file keeps of an image what counts: the head as far as the last table index, and the tail, which begins at 96
-// and holds the seventeenth table index, as far as the last data word.
+// The file keeps of an image what counts: the head as far as the last table index, and the tail, which begins
+// at 96 and holds the seventeenth table index, as far as the last data word.
 //
 // Invariants: a record lies in memory as its image does; equal records have equal images.
 // Threading: none of its own; a table belongs to its thread.
-// Cost: what is copied is what counts, not the capacity of the arrays. A record is read from a file straight to where
-//   it is wanted.
-// Errors: Pallo::InvalidSizeException for a count beyond its array, Pallo::CorruptionDetectedException for an image
-//   that ends too early. readEntry() reports the latter, as all damage but a wrong count, to the table.
+// Cost: what is copied is what counts, not the capacity of the arrays. A record is read from a file straight
+//   to where it is wanted.
+// Errors: Pallo::InvalidSizeException for a count beyond its array, Pallo::CorruptionDetectedException for an
+//   image that ends too early. readEntry() reports the latter, as all damage but a wrong count, to the table.
 #pragma once
 
 #include <cstddef>

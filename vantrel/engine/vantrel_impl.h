@@ -6,7 +6,8 @@
 // Ownership: holds references to the configuration table, the debug entities and the hardware client.
 // Threading: the agent's event loop.
 // Errors: a key whose dependant tables cannot be programmed leaves handleEntry as Ostra::InternalException
-//   before anything of that key has changed; every other exception passes through.
+//   before anything of that key has changed, unless it was just taken out of a ring; every other exception
+//   passes through.
 #pragma once
 
 #include <memory>
