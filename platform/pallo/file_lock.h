@@ -16,11 +16,11 @@ namespace Pallo::FileLock {
 
 // Takes the byte's lock; the descriptor must be open for writing. Returns false when another has it, and when the
 // file system has no locks (errno says which: EAGAIN or EACCES means another).
-VANTREL_API bool take(int fd, U64 byte);
+bool take(int fd, U64 byte);
 // Gives it back before the descriptor is closed.
-VANTREL_API void release(int fd, U64 byte);
+void release(int fd, U64 byte);
 // The first byte from `begin` up to but not including `end` that another description has locked.
-VANTREL_API std::optional<U64> firstHeld(int fd, U64 begin, U64 end);
+std::optional<U64> firstHeld(int fd, U64 begin, U64 end);
 inline bool isHeld(int fd, U64 byte) { return firstHeld(fd, byte, byte + 1).has_value(); }
 
 }  // namespace Pallo::FileLock
