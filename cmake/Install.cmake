@@ -9,11 +9,21 @@ include(CMakePackageConfigHelpers)
 # The headers that programs outside include; all others follow from them.
 set(entry_headers
   vantrel/vantrel.h                # an agent
+  vantrel/core/trace.h             # its trace, and records of its own in it
   platform/keel/timerfd_wheel.h    # the event loop's timer
   platform/keel/virtual_wheel.h    # the timer of an agent's tests
   platform/shoal/local_table.h     # tables inside one process
   platform/shoal/reader_table.h    # tables in a file
   platform/shoal/writer_table.h
+  platform/shoal/inspect.h         # a look at such a file
+  platform/ostra/publish.h         # an agent's objects on a socket
+  platform/ostra/mount.h           # another process that follows them
+  platform/ostra/mount_ask.h       # or asks once
+  platform/ostra/type_info.h       # attributes by name; a class of one's own to publish
+  platform/ostra/piecewise_map.h   # a look into the engine's collections
+  platform/lumelog/lumelog.h       # a trace file of one's own
+  platform/lumelog/tap.h
+  platform/lumelog/reader.h        # a trace file read
   producer/producer.h              # a producer
   producer/shared_tables.h
   producer/acknowledgements.h
@@ -46,7 +56,7 @@ function(header_closure var)
   set(${var} ${closed} PARENT_SCOPE)
 endfunction()
 
-set(include_dir ${CMAKE_INSTALL_INCLUDEDIR}/vantrel-${PROJECT_VERSION_MAJOR})
+set(include_dir ${CMAKE_INSTALL_INCLUDEDIR}/vantrel-${VANTREL_ABI})
 header_closure(headers ${entry_headers})
 foreach(header ${headers})
   string(REGEX REPLACE "^platform/" "" installed ${header})

@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "lumelog/lumelog.h"
+#include "lumelog/reader.h"
 
 int main() {
   std::string directory = std::filesystem::temp_directory_path() / "trace-log-XXXXXX";
@@ -22,6 +23,10 @@ int main() {
 
   if (!log) return 1;
   std::cout << log->sites() << " message site, in a file that outlives the process\n";
+
+  Lumelog::Reader reader(log->path());  // while it is written, or when its process is gone
+  for (Lumelog::Record record; reader.next(record);)
+    std::cout << record.identifier() << ' ' << record.message() << '\n';
   Lumelog::close(log);
   std::filesystem::remove_all(directory);
 }

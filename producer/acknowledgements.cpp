@@ -18,7 +18,7 @@ EntryStatus readStatus(TableStatus const& table, EntryKey key) {
   }
 }
 
-class Acknowledgements::Watcher : public TableStatus::Notifiee {
+class VANTREL_LOCAL Acknowledgements::Watcher : public TableStatus::Notifiee {
  public:
   struct Awaited {
     OpId opId;

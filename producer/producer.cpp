@@ -14,7 +14,7 @@
 namespace Vantrel {
 
 // What must be known of all records at once.
-struct Producer::Ledger {
+struct VANTREL_LOCAL Producer::Ledger {
   // A key that went without acknowledgement: the agent may still have it.
   struct Departed {
     U16 pg;

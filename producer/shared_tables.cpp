@@ -17,11 +17,11 @@
 
 namespace Vantrel {
 
-class SharedTables::ConfigFile : public Shoal::WriterTable<EntryConfig> {
+class VANTREL_LOCAL SharedTables::ConfigFile : public Shoal::WriterTable<EntryConfig> {
  public:
   using WriterTable::WriterTable;
 };
-class SharedTables::StatusFile : public Shoal::ReaderTable<EntryStatus> {
+class VANTREL_LOCAL SharedTables::StatusFile : public Shoal::ReaderTable<EntryStatus> {
  public:
   using ReaderTable::ReaderTable;
 };

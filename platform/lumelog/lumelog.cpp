@@ -119,7 +119,7 @@ void sayOnce(std::string const& text) {
 
 }  // namespace
 
-struct Log::Cold {
+struct VANTREL_LOCAL Log::Cold {
   std::string name;  // as it was opened
   std::string path;
   Pallo::Descriptor directory;

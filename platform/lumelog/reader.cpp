@@ -104,7 +104,7 @@ struct Level {
 
 }  // namespace
 
-struct Reader::Impl {
+struct VANTREL_LOCAL Reader::Impl {
   explicit Impl(std::string p) : path(std::move(p)), fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
     struct stat status;
     if (!fd) throw Pallo::Exception(fmt::format("cannot open {}: {}", path, std::strerror(errno)));

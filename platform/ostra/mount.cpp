@@ -8,7 +8,6 @@
 // applied again in the next dispatch(), where what is in place already changes nothing. Nothing is sent but
 // requests to mount and to invoke.
 #include "ostra/mount.h"
-#include "ostra/type_info.h"
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -18,7 +17,15 @@
 #include <chrono>
 #include <cstring>
 #include <exception>
+#include <map>
 #include <unordered_set>
+
+#include "ostra/entity.h"
+#include "ostra/publish_wire.h"
+#include "ostra/type_info.h"
+#include "pallo/events.h"
+#include "pallo/poller.h"
+#include "pallo/unix_socket.h"
 
 namespace Ostra {
 namespace {
@@ -67,8 +74,6 @@ void change(Change make, InPlace inPlace) {
     throw WatcherThrew{std::current_exception()};
   }
 }
-
-}  // namespace
 
 // One mounted object, to which the agent's events are applied.
 class Mounted {
@@ -189,16 +194,64 @@ void Mounted::delMember(Attribute const& attribute, Value const& key) {
   change([&] { attribute.memberDel(*object_, key); }, [&] { return !attribute.member(*object_, key); });
 }
 
-Mounter::Mounter(std::string path, double retrySeconds)
+}  // namespace
+
+class VANTREL_LOCAL Mounter::Connection {
+ public:
+  Connection(std::string path, double retrySeconds);
+
+  void mount(Ptr<Entity> object, std::string entity);
+  std::shared_ptr<Invocation const> invoke(Entity const& object, std::string_view operation,
+                                           std::vector<Value> const& arguments);
+  int fd() const { return poller_.fd(); }
+  void dispatch();
+  bool connected() const { return static_cast<bool>(agent_); }
+  bool live(Entity const& object) const;
+  std::string const& problem() const { return problem_; }
+
+ private:
+  enum Watched : U64 { Retry, Owed, Agent };
+  // What an answer answers: one of the two.
+  struct Asked {
+    std::shared_ptr<Mounted> mounted = {};
+    std::shared_ptr<Invocation> invocation = {};
+  };
+  using Mounts = std::vector<std::shared_ptr<Mounted>>;
+
+  void connect();
+  void disconnect(std::string const& why);
+  void ask(Wire::LineWriter& request, Asked asked);
+  void send();
+  void handle(U64 watched);
+  void takeLines();
+  std::optional<Message> nextLine();
+  void takeLine(Message const& line);
+  void takeAnswer(Message const& line);
+  void askAgain();
+  Mounts::const_iterator find(Entity const& object) const;
+
+  std::string const path_;
+  double const retrySeconds_;
+  std::string problem_;
+  Pallo::LineSocket agent_;
+  Pallo::Poller poller_;
+  Pallo::Timer retry_;
+  Pallo::Doorbell owes_;         // rings while there is an owed line
+  std::optional<Message> owed_;  // at which a watcher threw
+  bool sending_ = false;         // as the poller knows it
+  Mounts mounts_;
+  std::map<U64, Asked> asked_;  // by tag
+  U64 lastTag_ = 0;
+};
+
+Mounter::Connection::Connection(std::string path, double retrySeconds)
     : path_(std::move(path)), retrySeconds_(retrySeconds), agent_({}, longestLine) {
   poller_.add(retry_.fd(), Retry);
   poller_.add(owes_.fd(), Owed);
   connect();
 }
 
-Mounter::~Mounter() = default;
-
-void Mounter::connect() {
+void Mounter::Connection::connect() {
   agent_ = Pallo::LineSocket(Pallo::connectTo(path_), longestLine);
   if (!connected()) {
     problem_ = fmt::format("cannot reach the agent at {}: {}", path_, std::strerror(errno));
@@ -210,7 +263,7 @@ void Mounter::connect() {
   askAgain();
 }
 
-void Mounter::disconnect(std::string const& why) {
+void Mounter::Connection::disconnect(std::string const& why) {
   poller_.remove(agent_.fd());
   agent_ = Pallo::LineSocket({}, longestLine);
   owed_.reset();
@@ -220,13 +273,13 @@ void Mounter::disconnect(std::string const& why) {
   retry_.startIs(retrySeconds_);
 }
 
-void Mounter::mount(Ptr<Entity> object, std::string entity) {
+void Mounter::Connection::mount(Ptr<Entity> object, std::string entity) {
   mounts_.push_back(std::make_shared<Mounted>(std::move(object), std::move(entity)));
   if (connected()) askAgain();
 }
 
 // What the agent does not have (yet, or any more) is asked for now and then.
-void Mounter::askAgain() {
+void Mounter::Connection::askAgain() {
   for (auto const& mounted : mounts_) {
     auto const waits = [&](auto const& asked) { return asked.second.mounted == mounted; };
     if (!mounted->entity().empty() || std::ranges::any_of(asked_, waits)) continue;
@@ -235,17 +288,18 @@ void Mounter::askAgain() {
   }
 }
 
-Mounter::Mounts::const_iterator Mounter::find(Entity const& object) const {
+Mounter::Connection::Mounts::const_iterator Mounter::Connection::find(Entity const& object) const {
   return std::ranges::find_if(mounts_, [&](auto const& m) { return &m->object() == &object; });
 }
 
-bool Mounter::live(Entity const& object) const {
+bool Mounter::Connection::live(Entity const& object) const {
   auto const at = find(object);
   return at != mounts_.end() && (*at)->live();
 }
 
-std::shared_ptr<Invocation const> Mounter::invoke(Entity const& object, std::string_view operation,
-                                                  std::vector<Value> const& arguments) {
+std::shared_ptr<Invocation const> Mounter::Connection::invoke(Entity const& object,
+                                                              std::string_view operation,
+                                                              std::vector<Value> const& arguments) {
   auto const at = find(object);
   if (at == mounts_.end()) throw std::invalid_argument(object.name() + " is not mounted");
   auto const invocation = (*at)->invocation();
@@ -257,21 +311,21 @@ std::shared_ptr<Invocation const> Mounter::invoke(Entity const& object, std::str
   return invocation;
 }
 
-void Mounter::ask(Wire::LineWriter& request, Asked asked) {
+void Mounter::Connection::ask(Wire::LineWriter& request, Asked asked) {
   asked_.emplace(++lastTag_, std::move(asked));
   agent_.out() += request.value("tag", lastTag_).line();
   send();
 }
 
 // The end of the connection shows itself to receive().
-void Mounter::send() {
+void Mounter::Connection::send() {
   agent_.send();
   if (std::exchange(sending_, agent_.sending()) == agent_.sending()) return;
   poller_.change(agent_.fd(), Agent, sending_ ? EPOLLIN | EPOLLOUT : EPOLLIN);
 }
 
 // A watcher that throws ends the dispatch, and what is left is handled in the next.
-void Mounter::dispatch() {
+void Mounter::Connection::dispatch() {
   owes_.ringsIs(false);
   try {
     takeLines();
@@ -283,7 +337,7 @@ void Mounter::dispatch() {
   }
 }
 
-void Mounter::handle(U64 watched) {
+void Mounter::Connection::handle(U64 watched) {
   if (watched == Retry && retry_.runsOut()) connected() ? askAgain() : connect();
   if (watched != Agent || !connected()) return;
   send();
@@ -291,7 +345,7 @@ void Mounter::handle(U64 watched) {
   takeLines();
 }
 
-void Mounter::takeLines() {
+void Mounter::Connection::takeLines() {
   while (connected()) {
     std::optional<Message> line = nextLine();
     if (!line) break;
@@ -306,7 +360,7 @@ void Mounter::takeLines() {
 }
 
 // Nothing when there is none, or it was none and the connection is over.
-std::optional<Message> Mounter::nextLine() {
+std::optional<Message> Mounter::Connection::nextLine() {
   if (owed_) return std::exchange(owed_, std::nullopt);
   auto const text = agent_.line();
   if (!text) return std::nullopt;
@@ -318,7 +372,7 @@ std::optional<Message> Mounter::nextLine() {
   }
 }
 
-void Mounter::takeLine(Message const& line) try {
+void Mounter::Connection::takeLine(Message const& line) try {
   if (!line.event.given()) return takeAnswer(line);
   std::string const &event = text(line.event, "event"), &entity = text(line.entity, "entity");
   for (auto const& mounted : Mounts(mounts_))  // a handler may mount
@@ -331,7 +385,7 @@ void Mounter::takeLine(Message const& line) try {
 }
 
 // An error that answers nothing says why the agent ends the connection.
-void Mounter::takeAnswer(Message const& line) {
+void Mounter::Connection::takeAnswer(Message const& line) {
   bool const failed = line.error.given();
   if (failed) problem_ = text(line.error, "error");
   if (failed && !line.tag.given()) return disconnect("the agent ended the connection: " + problem_);
@@ -350,6 +404,24 @@ void Mounter::takeAnswer(Message const& line) {
     asked.mounted->entityIs(text(line.entity, "entity"));
 }
 
+Mounter::Mounter(std::string path, double retrySeconds)
+    : agent_(std::make_unique<Connection>(std::move(path), retrySeconds)) {}
+
+Mounter::~Mounter() = default;
+
+void Mounter::mount(Ptr<Entity> object, std::string entity) {
+  agent_->mount(std::move(object), std::move(entity));
+}
+
+std::shared_ptr<Invocation const> Mounter::invoke(Entity const& object, std::string_view operation,
+                                                  std::vector<Value> const& arguments) {
+  return agent_->invoke(object, operation, arguments);
+}
+
+int Mounter::fd() const { return agent_->fd(); }
+
+void Mounter::dispatch() { agent_->dispatch(); }
+
 bool Mounter::dispatchUntil(std::function<bool()> const& done, double seconds) {
   using Clock = std::chrono::steady_clock;
   auto const end = Clock::now() + std::chrono::duration<double>(seconds);
@@ -361,5 +433,13 @@ bool Mounter::dispatchUntil(std::function<bool()> const& done, double seconds) {
   }
   return true;
 }
+
+bool Mounter::connected() const { return agent_->connected(); }
+
+bool Mounter::live(Entity const& object) const { return agent_->live(object); }
+
+std::string const& Mounter::problem() const { return agent_->problem(); }
+
+std::string const& Mounter::nameOf(TypeInfo const& type) { return type.name(); }
 
 }  // namespace Ostra

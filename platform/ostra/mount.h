@@ -31,18 +31,15 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-#include "ostra/entity.h"
-#include "ostra/publish_wire.h"
-#include "pallo/events.h"
-#include "pallo/poller.h"
-#include "pallo/unix_socket.h"
+#include "ostra/ptr.h"
+#include "ostra/value.h"
 
 namespace Ostra {
 
@@ -53,7 +50,8 @@ struct Invocation {
   bool lost = false;            // not sent, as the object was not live; or the agent's object is gone since
 };
 
-class Mounted;
+class Entity;
+class TypeInfo;
 
 class VANTREL_API Mounter {
  public:
@@ -66,7 +64,7 @@ class VANTREL_API Mounter {
   // name, of its only entity of that type.
   template <class T>
   Ptr<T> mount(std::string entity = {}) {
-    Ptr<T> const object = make<T>(entity.empty() ? T::staticType().name() : entity);
+    Ptr<T> const object = make<T>(entity.empty() ? nameOf(T::staticType()) : entity);
     mount(object, std::move(entity));
     return object;
   }
@@ -76,51 +74,22 @@ class VANTREL_API Mounter {
                                            std::vector<Value> const& arguments = {});
 
   // Readable when dispatch() has something to do.
-  int fd() const { return poller_.fd(); }
+  int fd() const;
   void dispatch();
   // Waits and dispatches until `done` returns true; returns false when `seconds` passed first.
   bool dispatchUntil(std::function<bool()> const& done, double seconds);
 
-  bool connected() const { return static_cast<bool>(agent_); }
+  bool connected() const;
   // Connected, and the object holds a complete snapshot and every change since.
   bool live(Entity const& object) const;
   // What went wrong last: why there is no connection, or what the agent refused. Empty: nothing.
-  std::string const& problem() const { return problem_; }
+  std::string const& problem() const;
 
  private:
-  enum Watched : U64 { Retry, Owed, Agent };
-  // What an answer answers: one of the two.
-  struct Asked {
-    std::shared_ptr<Mounted> mounted = {};
-    std::shared_ptr<Invocation> invocation = {};
-  };
-  using Mounts = std::vector<std::shared_ptr<Mounted>>;
-  using Message = Wire::Message;
+  static std::string const& nameOf(TypeInfo const& type);
 
-  void connect();
-  void disconnect(std::string const& why);
-  void ask(Wire::LineWriter& request, Asked asked);
-  void send();
-  void handle(U64 watched);
-  void takeLines();
-  std::optional<Message> nextLine();
-  void takeLine(Message const& line);
-  void takeAnswer(Message const& line);
-  void askAgain();
-  Mounts::const_iterator find(Entity const& object) const;
-
-  std::string const path_;
-  double const retrySeconds_;
-  std::string problem_;
-  Pallo::LineSocket agent_;
-  Pallo::Poller poller_;
-  Pallo::Timer retry_;
-  Pallo::Doorbell owes_;         // rings while there is an owed line
-  std::optional<Message> owed_;  // at which a watcher threw
-  bool sending_ = false;         // as the poller knows it
-  Mounts mounts_;
-  std::map<U64, Asked> asked_;  // by tag
-  U64 lastTag_ = 0;
+  class Connection;
+  std::unique_ptr<Connection> const agent_;
 };
 
 }  // namespace Ostra

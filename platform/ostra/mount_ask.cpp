@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "ostra/publish_wire.h"
+#include "pallo/unix_socket.h"
 
 namespace Ostra {
 namespace {
@@ -37,14 +38,28 @@ Wire::Message parsed(std::string_view line) try {
 
 }  // namespace
 
-Asker::Asker(std::string path, double seconds)
-    : path_(std::move(path)), seconds_(seconds), agent_(connectWithin(seconds, path_), longestLine) {}
+// The socket, and how long to wait for what comes on it.
+struct VANTREL_LOCAL Asker::Connection {
+  Connection(std::string const& agentPath, double answerSeconds)
+      : path(agentPath), seconds(answerSeconds), socket(connectWithin(seconds, path), longestLine) {}
+
+  std::string_view nextLine(double atMost);
+  void await(double atMost);
+
+  std::string const path;
+  double const seconds;
+  Pallo::LineSocket socket;
+};
+
+Asker::Asker(std::string path, double seconds) : agent_(std::make_unique<Connection>(path, seconds)) {}
+
+Asker::~Asker() = default;
 
 // What the agent says last may explain why it takes no request: the answer is waited for all the same.
 void Asker::ask(std::string_view request, std::function<void(std::string_view line)> const& take) {
-  (agent_.out() += request) += '\n';
+  (agent_->socket.out() += request) += '\n';
   for (bool more = true; more;) {
-    std::string_view const line = nextLine(seconds_);
+    std::string_view const line = agent_->nextLine(agent_->seconds);
     Wire::Message const message = parsed(line);
     if (message.error.given()) throw std::runtime_error(message.error.text() ? *message.error.text() : "");
     if (!message.answer.given()) continue;  // an event of something mounted before
@@ -53,22 +68,24 @@ void Asker::ask(std::string_view request, std::function<void(std::string_view li
   }
 }
 
+std::string Asker::nextEvent() { return std::string(agent_->nextLine(-1)); }
+
 // Below zero: waits for ever.
-std::string_view Asker::nextLine(double seconds) {
+std::string_view Asker::Connection::nextLine(double atMost) {
   while (true) {
-    if (auto const line = agent_.line()) return *line;
-    if (!agent_.ended().empty()) throw AgentGone(fmt::format("the agent at {} {}", path_, agent_.ended()));
-    agent_.send();
-    await(seconds);
-    agent_.receive();
+    if (auto const line = socket.line()) return *line;
+    if (!socket.ended().empty()) throw AgentGone(fmt::format("the agent at {} {}", path, socket.ended()));
+    socket.send();
+    await(atMost);
+    socket.receive();
   }
 }
 
-void Asker::await(double seconds) {
-  short const events = agent_.sending() ? POLLIN | POLLOUT : POLLIN;
-  pollfd p{agent_.fd(), events, 0};
-  if (::poll(&p, 1, seconds < 0 ? -1 : static_cast<int>(seconds * 1000)) == 0)
-    throw std::runtime_error(fmt::format("the agent at {} did not answer within {} seconds", path_, seconds));
+void Asker::Connection::await(double atMost) {
+  short const events = socket.sending() ? POLLIN | POLLOUT : POLLIN;
+  pollfd p{socket.fd(), events, 0};
+  if (::poll(&p, 1, atMost < 0 ? -1 : static_cast<int>(atMost * 1000)) == 0)
+    throw std::runtime_error(fmt::format("the agent at {} did not answer within {} seconds", path, atMost));
 }
 
 }  // namespace Ostra

@@ -11,12 +11,12 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "pallo/types.h"
-#include "pallo/unix_socket.h"
 
 namespace Ostra {
 
@@ -28,19 +28,18 @@ class VANTREL_API AgentGone : public std::runtime_error {
 class VANTREL_API Asker {
  public:
   explicit Asker(std::string path, double seconds = 30);
+  ~Asker();
+  Asker(Asker const&) = delete;
+  Asker& operator=(Asker const&) = delete;
 
   // Sends one request line and gives each line of the answer (a long collection takes several) to `take`.
   void ask(std::string_view request, std::function<void(std::string_view line)> const& take);
   // The next line of what was mounted. Waits as long as it takes.
-  std::string nextEvent() { return std::string(nextLine(-1)); }
+  std::string nextEvent();
 
  private:
-  std::string_view nextLine(double seconds);
-  void await(double seconds);
-
-  std::string const path_;
-  double const seconds_;
-  Pallo::LineSocket agent_;
+  struct Connection;
+  std::unique_ptr<Connection> const agent_;
 };
 
 }  // namespace Ostra

@@ -16,13 +16,19 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <deque>
+#include <map>
 #include <stdexcept>
 #include <system_error>
 #include <tuple>
 #include <vector>
 
+#include "ostra/entity.h"
 #include "ostra/publish_export.h"
 #include "ostra/publish_peer.h"
+#include "pallo/events.h"
+#include "pallo/poller.h"
+#include "pallo/socket_file.h"
 
 namespace Ostra {
 namespace {
@@ -53,7 +59,56 @@ bool isShortage(int error) {
 
 }  // namespace
 
-Publisher::Publisher(std::string const& path, Options const& options) try
+class VANTREL_LOCAL Publisher::Server {
+ public:
+  Server(std::string const& path, Options const& options);
+
+  void exportObject(std::string name, Ptr<Described> object);
+  void withdraw(std::string const& name);
+  int fd() const { return poller_.fd(); }
+  // `mayAct`: requests that write, delete or invoke are served too.
+  void dispatch(bool mayAct);
+  std::size_t peers() const { return places_.size(); }
+
+ private:
+  enum Watched : U64 { Listener, News, Clock, FirstPeer };
+  struct Place {
+    std::unique_ptr<Peer> peer;
+    uid_t user;
+    U32 interest;  // as the poller knows it
+    U32 events;    // since it was served last
+    bool queued;
+  };
+
+  void collect(Turn const& turn);
+  void enqueue(U64 number, Place& place);
+  void serveNext(Turn const& turn);
+  bool serve(U64 number, Place& place, Turn const& turn);
+  void changed();
+  void accept(Turn const& turn);
+  void admit(Pallo::Descriptor socket);
+  std::size_t heldBy(uid_t user) const;
+  void makeRoom();
+  void look();
+  void drop(U64 number);
+
+  Options const options_;
+  std::size_t const mostPeers_;
+  double const period_;  // of look()
+  Pallo::SocketFile const listener_;
+  Pallo::Poller poller_;
+  Pallo::Doorbell news_;  // somebody is in the queue, or exports changed
+  Pallo::Timer timer_;
+  bool changed_ = false;  // exports did
+  bool accepting_ = true;
+  U64 serving_ = 0;  // the peer whose request may be acting on the agent, or zero
+  U64 lastNumber_ = FirstPeer;
+  std::map<std::string, std::unique_ptr<Export>, std::less<>> exports_;
+  std::map<U64, Place> places_;  // in the order in which they came. After exports_: peers leave them
+  std::deque<U64> queue_;
+};
+
+Publisher::Server::Server(std::string const& path, Options const& options) try
     : options_(options),
       mostPeers_(placesFor(options.mostPeers)),
       period_(std::min(options.stallSeconds, options.idleSeconds) / looksAPeriod),
@@ -65,15 +120,13 @@ Publisher::Publisher(std::string const& path, Options const& options) try
   throw std::runtime_error(fmt::format("socket {}: {}", path, e.what()));
 }
 
-Publisher::~Publisher() = default;
-
-void Publisher::exportObject(std::string name, Ptr<Described> object) {
+void Publisher::Server::exportObject(std::string name, Ptr<Described> object) {
   withdraw(name);
   auto exported = std::make_unique<Export>(name, std::move(object), [this] { changed(); });
   exports_.emplace(std::move(name), std::move(exported));
 }
 
-void Publisher::withdraw(std::string const& name) {
+void Publisher::Server::withdraw(std::string const& name) {
   auto const at = exports_.find(name);
   if (at == exports_.end()) return;
   for (auto& [number, place] : places_) place.peer->withdrawn(*at->second);
@@ -82,13 +135,13 @@ void Publisher::withdraw(std::string const& name) {
 }
 
 // Changes come in bursts; the first of a burst makes fd() readable.
-void Publisher::changed() {
+void Publisher::Server::changed() {
   changed_ = true;
   news_.ringsIs(true);
 }
 
 // In the middle of serving a peer, it and the set of peers stay as they are.
-void Publisher::dispatch(bool mayAct) {
+void Publisher::Server::dispatch(bool mayAct) {
   Turn const turn{now() + options_.turnSeconds, mayAct && serving_ == 0};
   collect(turn);
   std::size_t left = queue_.size();
@@ -100,7 +153,7 @@ void Publisher::dispatch(bool mayAct) {
 }
 
 // Puts those into the queue who can get further.
-void Publisher::collect(Turn const& turn) {
+void Publisher::Server::collect(Turn const& turn) {
   Pallo::Poller::Events events;
   for (auto const& event : poller_.ready(events)) {
     if (event.tag == Listener && serving_ == 0) accept(turn);
@@ -115,11 +168,11 @@ void Publisher::collect(Turn const& turn) {
     if (place.peer->wantsTurn()) enqueue(number, place);
 }
 
-void Publisher::enqueue(U64 number, Place& place) {
+void Publisher::Server::enqueue(U64 number, Place& place) {
   if (number != serving_ && !std::exchange(place.queued, true)) queue_.push_back(number);
 }
 
-void Publisher::serveNext(Turn const& turn) {
+void Publisher::Server::serveNext(Turn const& turn) {
   U64 const number = queue_.front();
   queue_.pop_front();
   auto const at = places_.find(number);
@@ -132,7 +185,7 @@ void Publisher::serveNext(Turn const& turn) {
   if (place.peer->wantsTurn()) enqueue(number, place);
 }
 
-bool Publisher::serve(U64 number, Place& place, Turn const& turn) {
+bool Publisher::Server::serve(U64 number, Place& place, Turn const& turn) {
   struct Outer {
     U64 const number;
     U64& serving;
@@ -141,7 +194,7 @@ bool Publisher::serve(U64 number, Place& place, Turn const& turn) {
   return place.peer->serve(std::exchange(place.events, 0), turn);
 }
 
-void Publisher::accept(Turn const& turn) {
+void Publisher::Server::accept(Turn const& turn) {
   for (int n = 0; n < acceptsAtOnce; ++n) {
     Pallo::Descriptor socket(::accept4(listener_.fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket && isShortage(errno)) {  // the listener would be readable all the while
@@ -155,7 +208,7 @@ void Publisher::accept(Turn const& turn) {
   }
 }
 
-void Publisher::admit(Pallo::Descriptor socket) {
+void Publisher::Server::admit(Pallo::Descriptor socket) {
   uid_t const user = userOf(socket.get());
   bool const privileged = user == 0 || user == options_.owner;
   auto peer = std::make_unique<Peer>(std::move(socket), privileged, exports_);
@@ -173,13 +226,13 @@ void Publisher::admit(Pallo::Descriptor socket) {
   places_.emplace(++lastNumber_, Place{std::move(peer), user, interest, 0, false});
 }
 
-std::size_t Publisher::heldBy(uid_t user) const {
+std::size_t Publisher::Server::heldBy(uid_t user) const {
   return static_cast<std::size_t>(
       std::ranges::count_if(places_, [&](auto const& p) { return p.second.user == user; }));
 }
 
 // Those who have something mounted count as less idle than those who only asked.
-void Publisher::makeRoom() {
+void Publisher::Server::makeRoom() {
   std::map<uid_t, std::size_t> held;
   for (auto const& [number, place] : places_) ++held[place.user];
   uid_t const most = std::ranges::max_element(held, {}, &std::pair<uid_t const, std::size_t>::second)->first;
@@ -192,7 +245,7 @@ void Publisher::makeRoom() {
 }
 
 // For peers that read nothing or ask nothing, and for a listener that there was no descriptor for.
-void Publisher::look() {
+void Publisher::Server::look() {
   if (!timer_.runsOut()) return;
   if (!accepting_) poller_.add(listener_.fd(), Listener);
   accepting_ = true;
@@ -207,11 +260,30 @@ void Publisher::look() {
   if (places_.empty()) timer_.startIs(0);
 }
 
-void Publisher::drop(U64 number) {
+void Publisher::Server::drop(U64 number) {
   auto const at = places_.find(number);
   poller_.remove(at->second.peer->fd());
   places_.erase(at);
   if (places_.empty() && accepting_) timer_.startIs(0);
 }
+
+Publisher::Publisher(std::string const& path, Options const& options)
+    : server_(std::make_unique<Server>(path, options)) {}
+
+Publisher::~Publisher() = default;
+
+void Publisher::exportObject(std::string name, Ptr<Described> object) {
+  server_->exportObject(std::move(name), std::move(object));
+}
+
+void Publisher::withdraw(std::string const& name) { server_->withdraw(name); }
+
+int Publisher::fd() const { return server_->fd(); }
+
+void Publisher::dispatch() { server_->dispatch(true); }
+
+void Publisher::dispatchReadOnly() { server_->dispatch(false); }
+
+std::size_t Publisher::peers() const { return server_->peers(); }
 
 }  // namespace Ostra

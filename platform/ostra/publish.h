@@ -30,21 +30,14 @@
 #include <unistd.h>
 
 #include <cstddef>
-#include <deque>
-#include <map>
 #include <memory>
 #include <string>
 
-#include "ostra/entity.h"
-#include "pallo/events.h"
-#include "pallo/poller.h"
-#include "pallo/socket_file.h"
+#include "ostra/ptr.h"
 
 namespace Ostra {
 
-class Export;
-class Peer;
-struct Turn;
+class Described;
 
 class VANTREL_API Publisher {
  public:
@@ -69,53 +62,19 @@ class VANTREL_API Publisher {
   void withdraw(std::string const& name);
 
   // Readable when dispatch() has something to do.
-  int fd() const { return poller_.fd(); }
-  void dispatch() { dispatch(true); }
+  int fd() const;
+  void dispatch();
   // For an agent in the middle of something long: the same, but requests that write, delete or invoke wait
   // for the next dispatch(), and so does what their peers asked behind them. Called from inside a request
   // that acts on the agent, dispatch() does no more than this. Costs a system call when there is nothing to
   // do.
-  void dispatchReadOnly() { dispatch(false); }
+  void dispatchReadOnly();
 
-  std::size_t peers() const { return places_.size(); }
+  std::size_t peers() const;
 
  private:
-  enum Watched : U64 { Listener, News, Clock, FirstPeer };
-  struct Place {
-    std::unique_ptr<Peer> peer;
-    uid_t user;
-    U32 interest;  // as the poller knows it
-    U32 events;    // since it was served last
-    bool queued;
-  };
-
-  void dispatch(bool mayAct);
-  void collect(Turn const& turn);
-  void enqueue(U64 number, Place& place);
-  void serveNext(Turn const& turn);
-  bool serve(U64 number, Place& place, Turn const& turn);
-  void changed();
-  void accept(Turn const& turn);
-  void admit(Pallo::Descriptor socket);
-  std::size_t heldBy(uid_t user) const;
-  void makeRoom();
-  void look();
-  void drop(U64 number);
-
-  Options const options_;
-  std::size_t const mostPeers_;
-  double const period_;  // of look()
-  Pallo::SocketFile const listener_;
-  Pallo::Poller poller_;
-  Pallo::Doorbell news_;  // somebody is in the queue, or exports changed
-  Pallo::Timer timer_;
-  bool changed_ = false;  // exports did
-  bool accepting_ = true;
-  U64 serving_ = 0;  // the peer whose request may be acting on the agent, or zero
-  U64 lastNumber_ = FirstPeer;
-  std::map<std::string, std::unique_ptr<Export>, std::less<>> exports_;
-  std::map<U64, Place> places_;  // in the order in which they came. After exports_: peers leave them
-  std::deque<U64> queue_;
+  class Server;
+  std::unique_ptr<Server> const server_;
 };
 
 }  // namespace Ostra

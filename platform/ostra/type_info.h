@@ -214,7 +214,7 @@ std::optional<Value> memberOf(M const& map, std::string_view name, Value const& 
 }  // namespace Detail
 
 template <class C>
-class TypeInfo::Builder {
+class VANTREL_LOCAL TypeInfo::Builder {
  public:
   explicit Builder(TypeInfo info) : info_(std::move(info)) {}
   operator TypeInfo() const { return info_; }

@@ -15,9 +15,9 @@ namespace Pallo {
 // Readable while it rings.
 class Doorbell {
  public:
-  VANTREL_API Doorbell();
+  Doorbell();
   int fd() const { return fd_.get(); }
-  VANTREL_API void ringsIs(bool rings);
+  void ringsIs(bool rings);
 
  private:
   Descriptor fd_;
@@ -27,12 +27,12 @@ class Doorbell {
 // Readable from the moment it runs out until runsOut() is called.
 class Timer {
  public:
-  VANTREL_API Timer();
+  Timer();
   int fd() const { return fd_.get(); }
   // Seconds from now, and then every `period` seconds unless that is zero. `first` zero: never.
-  VANTREL_API void startIs(double first, double period = 0);
+  void startIs(double first, double period = 0);
   // False when it has not run out since.
-  VANTREL_API bool runsOut();
+  bool runsOut();
 
  private:
   Descriptor fd_;

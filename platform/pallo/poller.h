@@ -30,17 +30,17 @@ class Poller {
   static constexpr std::size_t atOnce = 16;
   using Events = std::array<Event, atOnce>;
 
-  VANTREL_API Poller();
+  Poller();
 
   // Readable when something watched is ready.
   int fd() const { return epoll_.get(); }
   // `tag` comes back with the descriptor's events.
-  VANTREL_API void add(int fd, U64 tag, U32 events = EPOLLIN);
-  VANTREL_API void change(int fd, U64 tag, U32 events);
+  void add(int fd, U64 tag, U32 events = EPOLLIN);
+  void change(int fd, U64 tag, U32 events);
   // A descriptor that is not watched is no error.
-  VANTREL_API void remove(int fd);
+  void remove(int fd);
   // What is ready now, in `events`.
-  VANTREL_API std::span<Event const> ready(Events& events) const;
+  std::span<Event const> ready(Events& events) const;
 
  private:
   Descriptor epoll_;

@@ -9,5 +9,8 @@ using U16 = std::uint16_t;
 using U32 = std::uint32_t;
 using U64 = std::uint64_t;
 
-// Everything is hidden unless it carries this mark.
+// Everything is hidden unless it carries this mark. Only installed headers have it.
 #define VANTREL_API __attribute__((visibility("default")))
+// What of a class with that mark stays hidden: an implementation that a public class only names, and templates
+// that every program makes for itself.
+#define VANTREL_LOCAL __attribute__((visibility("hidden")))

@@ -63,7 +63,7 @@ static U64 soundHead(TableView const& view) {
   }
 }
 
-class FileReader::State {
+class VANTREL_LOCAL FileReader::State {
  public:
   State(std::string path, Shape const& shape, Sink& sink, Presence presence);
 

@@ -721,7 +721,7 @@ std::optional<FilePlace> TableWriter::walk(U64 hint) {
 
 // ---- The face
 
-class FileWriter::State : public TableWriter {
+class VANTREL_LOCAL FileWriter::State : public TableWriter {
  public:
   using TableWriter::TableWriter;
 };

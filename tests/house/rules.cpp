@@ -58,8 +58,10 @@ bool isCpp(File const& f) { return endsWith(f.path, {".cpp", ".h"}); }
 bool isCMake(File const& f) { return endsWith(f.path, {"CMakeLists.txt", ".cmake", ".cmake.in"}); }
 bool isScript(File const& f) { return f.text.starts_with("#!"); }
 bool isProse(File const& f) { return f.path.ends_with(".md"); }
-// Text of others (the licence) and data are not ours to format.
-bool isOurs(File const& f) { return f.path != "LICENSE" && !endsWith(f.path, {".rules", ".json"}); }
+// Text of others (the licence), data and lists that a program makes are not ours to format.
+bool isOurs(File const& f) {
+  return f.path != "LICENSE" && !endsWith(f.path, {".rules", ".json", ".symbols"});
+}
 
 std::string folderOf(std::string const& path) { return fs::path(path).parent_path().generic_string(); }
 std::string normal(fs::path const& path) { return path.lexically_normal().generic_string(); }

@@ -23,7 +23,6 @@ void dumpPending(FastState const& state);
 
 // Writes one record under `index` (0xFFFFFFFF: known but not programmed) at facility level 9, and raises
 // maxOpId to every OpId it shows. `lastMax`, the highest of the last dump, is not used.
-VANTREL_API void dumpEntry(U32 index, EntryConfig const& config, CState_s const* c, OpId lastMax,
-                           OpId& maxOpId);
+void dumpEntry(U32 index, EntryConfig const& config, CState_s const* c, OpId lastMax, OpId& maxOpId);
 
 }  // namespace Vantrel

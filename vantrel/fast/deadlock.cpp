@@ -24,7 +24,7 @@
 namespace Vantrel {
 
 // One run of the check.
-struct FastVantrelImpl::Check {
+struct VANTREL_LOCAL FastVantrelImpl::Check {
   FastState::Keys visited;                               // the keys that its chains have met
   boost::container::small_vector<EntryKey, 8> passedBy;  // starts of chains that it has not followed
 };

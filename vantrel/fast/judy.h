@@ -27,7 +27,7 @@ namespace Vantrel {
 using Site = std::source_location;
 
 // Traces the failure and fails the assertion "false" at `site`.
-[[noreturn, gnu::cold]] VANTREL_API void judyFailed(char const* function, JError_t const& error, Site site);
+[[noreturn, gnu::cold]] void judyFailed(char const* function, JError_t const& error, Site site);
 
 // The untyped calls, each with its error check.
 namespace Judy {

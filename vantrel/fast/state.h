@@ -29,7 +29,7 @@
 
 namespace Vantrel {
 
-class VANTREL_API FastState {
+class FastState {
  public:
   using Records = boost::unordered_map<EntryKey, CState_s*, boost::hash<EntryKey>>;
   using Keys = boost::unordered_set<EntryKey, boost::hash<EntryKey>>;
@@ -110,6 +110,6 @@ struct CStatePool {
   U32 cread;  // records free
   U32 clen;   // records ever made, plus one
 };
-VANTREL_API CStatePool cstatePool();
+CStatePool cstatePool();
 
 }  // namespace Vantrel

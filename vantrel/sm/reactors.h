@@ -16,7 +16,7 @@
 namespace Vantrel {
 
 template <class NotifieeT, class Input>
-class VantrelSm::Reactor : public NotifieeT, public Ostra::PtrInterface {
+class VANTREL_LOCAL VantrelSm::Reactor : public NotifieeT, public Ostra::PtrInterface {
  public:
   Reactor(VantrelSm* owner, Ostra::Ptr<Input> input) : owner_(owner) { this->notifierIs(std::move(input)); }
   void ownerIsGone() {
@@ -38,7 +38,7 @@ class VantrelSm::Reactor : public NotifieeT, public Ostra::PtrInterface {
   VantrelSm* owner_;
 };
 
-class VantrelSm::TableReactor : public Reactor<TableConfig::Notifiee, TableConfig const> {
+class VANTREL_LOCAL VantrelSm::TableReactor : public Reactor<TableConfig::Notifiee, TableConfig const> {
  public:
   using Reactor::Reactor;
   void onEntry(EntryKey const& key) override {
@@ -54,7 +54,7 @@ class VantrelSm::TableReactor : public Reactor<TableConfig::Notifiee, TableConfi
   }
 };
 
-class VantrelSm::DebugReactor : public Reactor<DebugConfig::Notifiee, DebugConfig const> {
+class VANTREL_LOCAL VantrelSm::DebugReactor : public Reactor<DebugConfig::Notifiee, DebugConfig const> {
  public:
   using Reactor::Reactor;
   void onVersion() override { inputReplaced(); }
@@ -63,7 +63,8 @@ class VantrelSm::DebugReactor : public Reactor<DebugConfig::Notifiee, DebugConfi
   }
 };
 
-class VantrelSm::TimerReactor : public Reactor<Keel::TimerWheel::Notifiee, Keel::TimerWheel const> {
+class VANTREL_LOCAL VantrelSm::TimerReactor
+    : public Reactor<Keel::TimerWheel::Notifiee, Keel::TimerWheel const> {
  public:
   using Reactor::Reactor;
   void onTime() override { inputReplaced(); }
