@@ -114,6 +114,14 @@ TEST_F(Checker, wordsAreFoundWhereverTheyStand) {
                           offence("b.cpp", 2, "me/"), offence("c.txt", 1, "cation")));
 }
 
+TEST_F(Checker, whatGitKeepsIsNotRead) {
+  put(".git",
+      "gitdir: /wo"
+      "rk/main/.git/worktrees/x\n");
+  EXPECT_THAT(words(tree()), IsEmpty());
+  EXPECT_THAT(tree().files(), IsEmpty());
+}
+
 TEST_F(Checker, harmlessWordsPass) {
   put("a.md",
       "In part 2 users issue commands; Part of it. An issue with $DIR/wo"
@@ -152,6 +160,12 @@ TEST_F(Checker, endingsOfFilesAndLines) {
               ElementsAre(offence("a.cpp", 1, "no newline"), offence("b.cpp", 1, "trailing blanks"),
                           offence("b.cpp", 2, "a tab"), offence("b.cpp", 3, "carriage return"),
                           offence("c.cpp", 2, "empty lines")));
+}
+
+TEST_F(Checker, inputsOfFuzzTargetsAreData) {
+  put("fuzz/corpus/engine_fuzz/01", std::string(120, 'x') + "\t\r\n \n\n");
+  EXPECT_THAT(endings(tree()), IsEmpty());
+  EXPECT_THAT(lineLength(tree()), IsEmpty());
 }
 
 TEST_F(Checker, orphansAreNamed) {

@@ -60,7 +60,8 @@ bool isScript(File const& f) { return f.text.starts_with("#!"); }
 bool isProse(File const& f) { return f.path.ends_with(".md"); }
 // Text of others (the licence), data and lists that a program makes are not ours to format.
 bool isOurs(File const& f) {
-  return f.path != "LICENSE" && !endsWith(f.path, {".rules", ".json", ".symbols"});
+  return f.path != "LICENSE" && !endsWith(f.path, {".rules", ".json", ".symbols"}) &&
+         !f.path.starts_with("fuzz/corpus/");
 }
 
 std::string folderOf(std::string const& path) { return fs::path(path).parent_path().generic_string(); }
@@ -119,7 +120,7 @@ Tree::Tree(fs::path root) : root_(std::move(root)) {
   for (auto const& entry : walk) {
     if (entry.is_directory() && skippedFolder(entry.path().filename().string()))
       walk.disable_recursion_pending();
-    if (!entry.is_regular_file()) continue;
+    if (!entry.is_regular_file() || entry.path().filename() == ".git") continue;  // a worktree's
     std::ifstream in(entry.path(), std::ios::binary);
     std::string text((std::istreambuf_iterator<char>(in)), {});
     if (text.find('\0') != std::string::npos) continue;

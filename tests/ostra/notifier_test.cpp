@@ -7,6 +7,7 @@
 #include <memory>
 #include <random>
 #include <thread>
+#include <utility>
 
 #include "sample.h"
 
@@ -346,7 +347,7 @@ TEST(PtrTest, TheLastReferenceDeletes) {
   Ostra::Ptr<Ostra::Entity> third = sample;
   EXPECT_EQ(3u, sample->references());
   sample = nullptr;
-  third = third;
+  third = std::as_const(third);  // to itself
   Ostra::Ptr<Ostra::Entity> const moved = std::move(third);
   EXPECT_EQ(2u, second->references());
   EXPECT_FALSE(destroyed);

@@ -37,7 +37,7 @@ TEST(Assert, takesConditionsWithCommas) { PALLO_ASSERT("Model", std::is_same_v<i
 
 TEST(AssertDeathTest, printsExpressionModelLineAndFunction) {
   int const line = __LINE__;
-  auto const fail = [line] { PALLO_ASSERT("VantrelImpl", line < 0); };  // one line below
+  auto const fail = [&] { PALLO_ASSERT("VantrelImpl", line < 0); };  // one line below
   EXPECT_DEATH(fail(), testing::HasSubstr("assertion failed: line < 0, model file VantrelImpl, line " +
                                           std::to_string(line + 1) + ", function "));
   EXPECT_DEATH(PALLO_ASSERT("VantrelImpl", false), "function .*TestBody");
