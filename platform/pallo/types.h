@@ -11,6 +11,6 @@ using U64 = std::uint64_t;
 
 // Everything is hidden unless it carries this mark. Only installed headers have it.
 #define VANTREL_API __attribute__((visibility("default")))
-// What of a class with that mark stays hidden: an implementation that a public class only names, and templates
-// that every program makes for itself.
+// What of such a class stays hidden: an implementation that it only names, and templates that every program
+// instantiates for itself.
 #define VANTREL_LOCAL __attribute__((visibility("hidden")))
