@@ -26,6 +26,8 @@ check: ## every test: under the sanitizers first, then optimised, and each bench
 	$(SAY) "check: layout of the sources"
 	@scripts/format --check
 	@$(call configure,release)
+	$(SAY) "check: clang-tidy over the product's sources"
+	@JOBS=$(JOBS) scripts/tidy
 	$(SAY) "check: optimised build in build/"
 	@$(call compile,release) --target all benches
 	$(SAY) "check: sanitized build in build-asan-ubsan/"
@@ -68,11 +70,10 @@ soak: configured ## SOAK_MINUTES (10) of churn, then of seeded walks; 10,000 kil
 	$(SAY) "soak: tests that get better with time"
 	@scripts/soak_tests
 
-tidy: ## clang-tidy over every file
-	$(SAY) "tidy: build with clang-tidy in build-tidy/"
-	@scripts/bootstrap build tidy
-	@$(call configure,tidy)
-	@$(call compile,tidy)
+tidy: configured ## clang-tidy over the product's sources, not the tests'
+	$(SAY) "tidy: the checks of .clang-tidy"
+	@scripts/bootstrap tidy
+	@JOBS=$(JOBS) scripts/tidy
 
 PREFIX ?= /usr/local
 install: build ## library, public headers and executables below DESTDIR/PREFIX (/usr/local)
@@ -81,7 +82,7 @@ install: build ## library, public headers and executables below DESTDIR/PREFIX (
 
 clean: ## removes every build directory of the presets
 	$(SAY) "clean: removing build/ and the other presets' directories"
-	@rm -rf build build-debug build-asan-ubsan build-tsan build-coverage build-fuzz build-tidy
+	@rm -rf build build-debug build-asan-ubsan build-tsan build-coverage build-fuzz
 
 help: ## this list
 	@awk -F ':.*## ' '/^[a-z]+:.*## / { printf "  make %-8s %s\n", $$1, $$2 }' $(MAKEFILE_LIST)

@@ -42,7 +42,7 @@ std::string identifier(std::string_view label) {
 }
 
 // The language in which a CTF trace describes itself keeps these words for itself.
-std::string unreserved(std::string name) {
+std::string unreserved(std::string const& name) {
   static std::set<std::string_view> const reserved{
       "align",  "callsite",       "char",      "clock",   "const",    "double",  "enum",   "env",    "event",
       "float",  "floating_point", "int",       "integer", "long",     "short",   "signed", "stream", "string",

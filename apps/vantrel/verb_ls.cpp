@@ -114,6 +114,7 @@ struct Spot {
 
 std::vector<Spot> spotsOf(Snapshot const& snapshot) {
   std::vector<Spot> spots;
+  spots.reserve(snapshot.programmed.size() + snapshot.waiting.size());
   for (auto const& [ti, place] : snapshot.programmed)
     spots.push_back({ti, place.key, place.opId, "programmed"});
   for (auto const& [ti, place] : snapshot.waiting) spots.push_back({ti, place.key, place.opId, "waiting"});

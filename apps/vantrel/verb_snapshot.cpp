@@ -41,6 +41,7 @@ struct Row {
 
 std::vector<Row> rowsOf(Snapshot const& snapshot, Explainer const& explainer) {
   std::vector<Row> rows;
+  rows.reserve(snapshot.programmed.size() + snapshot.waiting.size());
   for (auto const& [ti, place] : snapshot.programmed) rows.push_back({ti, place, std::nullopt});
   for (auto const& [ti, place] : snapshot.waiting) rows.push_back({ti, place, explainer.explain(place.key)});
   std::ranges::stable_sort(rows, {}, &Row::position);

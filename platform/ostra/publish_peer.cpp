@@ -195,7 +195,7 @@ Peer::Verb const* Peer::verbOf(Message const& request) {
 }
 
 // What an operation did to this peer meanwhile (an entity went) is told before its answer.
-void Peer::answer(Message request) try {
+void Peer::answer(Message const& request) try {
   if (request.tag.kind > Field::Kind::Negative) refuse("\"tag\" must be a number or a text");
   std::string const& name = text(request.verb, "verb");
   Verb const* const verb = verbOf(request);

@@ -72,7 +72,7 @@ class Peer {
   void fail(std::string const& why, Wire::Field const& tag = {});
 
   static Verb const* verbOf(Message const& request);
-  void answer(Message request);
+  void answer(Message const& request);
   std::string list(Message const& request);
   std::string mount(Message const& request);
   std::string unmount(Message const& request);

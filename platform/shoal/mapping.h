@@ -27,7 +27,7 @@ Pallo::Descriptor openTableFile(std::string const& path, Access access);
 class Mapping {
  public:
   // Opens an existing file.
-  Mapping(std::string path, Access access) : Mapping(path, openTableFile(path, access), access) {}
+  Mapping(std::string const& path, Access access) : Mapping(path, openTableFile(path, access), access) {}
   // Of a file that is open and that `path` names, or will.
   Mapping(std::string path, Pallo::Descriptor file, Access access);
   ~Mapping();

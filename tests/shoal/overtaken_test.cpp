@@ -18,7 +18,7 @@
 #include "shoal/table_writer.h"
 
 #if defined(__x86_64__)
-#include <x86gprintrin.h>
+#include <x86intrin.h>
 
 namespace ShoalTest {
 namespace {

@@ -56,6 +56,7 @@ class Differ {
   void keepLongestFit() {
     std::vector<Candidate> const candidates = findCandidates();
     std::vector<U32> prios;
+    prios.reserve(candidates.size());
     for (Candidate const& c : candidates) prios.push_back(held_[c.held].prio);
     for (std::size_t const member : longestNonDecreasing(prios)) {
       auto const [rank, held] = candidates[member];

@@ -90,6 +90,7 @@ std::vector<Loader::Record> Loader::readTable() {
 
 void Loader::compare(std::vector<Record> const& records, std::vector<Rule> const& rules) {
   std::vector<Held> held;
+  held.reserve(records.size());
   for (Record const& record : records) held.push_back({record.rule, record.prio});
   Diff const difference = diff(held, rules);
   targets_.resize(rules.size());
