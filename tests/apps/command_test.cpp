@@ -460,8 +460,9 @@ TEST_F(CommandTest, ATableOfAnotherMappingIsLeftAlone) {
 
 // ---- crashes and size
 
+// Hardware takes its time, so that a load lasts longer than any of the pauses.
 TEST_F(CommandTest, AKilledLoaderIsFinishedByTheNext) {
-  auto const daemon = agent({"--size", "3000"});
+  auto const daemon = agent({"--size", "3000", "--hw-latency-us", "100"});
   std::vector<Acl::Rule> rules = Acl::generateRules(8, 2000);
   std::mt19937 random(9);
   int killed = 0;
