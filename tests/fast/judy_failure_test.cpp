@@ -75,8 +75,12 @@ struct Asserted {
   int line;
 };
 
-// "FastVantrelImpl::add" of "void Vantrel::FastVantrelImpl::add(...)".
-std::string operationIn(std::string const& signature) {
+// "FastVantrelImpl::add" of "void Vantrel::FastVantrelImpl::add(...)". The two compilers have two names for what
+// has none.
+std::string operationIn(std::string signature) {
+  std::string const clangs = "(anonymous namespace)";
+  if (auto const at = signature.find(clangs); at != std::string::npos)
+    signature.replace(at, clangs.size(), "{anonymous}");
   std::string const name = signature.substr(0, signature.find('('));
   std::string const full = name.substr(name.rfind(' ') + 1);
   auto const scope = full.rfind("::", full.rfind("::") - 1);
