@@ -75,8 +75,8 @@ struct Asserted {
   int line;
 };
 
-// "FastVantrelImpl::add" of "void Vantrel::FastVantrelImpl::add(...)". The two compilers have two names for what
-// has none.
+// "FastVantrelImpl::add" of "void Vantrel::FastVantrelImpl::add(...)". The two compilers have two names for
+// what has none.
 std::string operationIn(std::string signature) {
   std::string const clangs = "(anonymous namespace)";
   if (auto const at = signature.find(clangs); at != std::string::npos)
