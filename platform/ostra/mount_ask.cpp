@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <utility>
 
 #include "ostra/publish_wire.h"
 #include "pallo/unix_socket.h"
@@ -40,8 +41,10 @@ Wire::Message parsed(std::string_view line) try {
 
 // The socket, and how long to wait for what comes on it.
 struct VANTREL_LOCAL Asker::Connection {
-  Connection(std::string const& agentPath, double answerSeconds)
-      : path(agentPath), seconds(answerSeconds), socket(connectWithin(seconds, path), longestLine) {}
+  Connection(std::string agentPath, double answerSeconds)
+      : path(std::move(agentPath)),
+        seconds(answerSeconds),
+        socket(connectWithin(seconds, path), longestLine) {}
 
   std::string_view nextLine(double atMost);
   void await(double atMost);
@@ -51,7 +54,8 @@ struct VANTREL_LOCAL Asker::Connection {
   Pallo::LineSocket socket;
 };
 
-Asker::Asker(std::string path, double seconds) : agent_(std::make_unique<Connection>(path, seconds)) {}
+Asker::Asker(std::string path, double seconds)
+    : agent_(std::make_unique<Connection>(std::move(path), seconds)) {}
 
 Asker::~Asker() = default;
 
