@@ -327,10 +327,7 @@ void FileReader::State::fellBehind(U64 head) {
 }
 
 void FileReader::State::tellWhole() {
-  for (U64 const key : known_.those([this](U64 key) { return !view_->contains(key); })) {
-    known_.erase(key);
-    sink_.changed(key);
-  }
+  for (U64 const key : known_.those([this](U64 key) { return !view_->contains(key); })) tell(key);
   sink_.anythingChanged();
   wholeOwed_ = false;
 }
