@@ -57,7 +57,7 @@ TEST(BenchTable, CountsGrowthFromTenThousand) {
   EXPECT_DOUBLE_EQ(rows[2]["growth"], 2.5);
 }
 
-TEST(BenchTable, MakesColumnsOfCountersAndLinesOfWhatStandsBesideTheFigure) {
+TEST(BenchTable, MakesColumnsOfCountersAndRowsOfSideFigures) {
   Table table("between", "Between", "ns");
   table.add({"write", "ours", "1"}, {{"ns", 7.0}, {"also:p99", 70.0}, {"allocs", 2.0}});
   table.add({"write", "floor", "1"}, {{"ns", 7.0}, {"also:p99", 35.0}, {"allocs", 1.0}});

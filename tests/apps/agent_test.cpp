@@ -85,7 +85,7 @@ class AgentProcess : public testing::Test {
 
 }  // namespace
 
-TEST_F(AgentProcess, ProgramsMovesTradesAndDeletesAndCleansUpOnSigterm) {
+TEST_F(AgentProcess, ProgramsEntriesAndCleansUpOnSigterm) {
   auto const agent = startReady();
   auto const table = producer();
   for (U64 key = 1; key <= 5; ++key) table->entryIs(entry(key, static_cast<U32>(key)));
@@ -156,7 +156,7 @@ TEST_F(AgentProcess, ItsMemoryStaysFlatUnderAChurnOfTheSameKeys) {
   EXPECT_LT(agent->residentKib(), later + 17 * 1024);
 }
 
-TEST_F(AgentProcess, KilledInTheMiddleOfALoadItsSuccessorProgramsEveryEntry) {
+TEST_F(AgentProcess, SuccessorOfKilledAgentProgramsEveryEntry) {
   constexpr U64 entries = 5000;
   auto const table = producer();
   auto agent = startReady({"--hw-latency-us", "100"});
@@ -186,7 +186,7 @@ TEST_F(AgentProcess, ItsStatusTableStartsEmpty) {
   EXPECT_EQ(status(1), 0U) << "what it has not programmed is not acknowledged";
 }
 
-TEST_F(AgentProcess, FollowsAProducersNewFileAndWithdrawsWhatIsGoneFromIt) {
+TEST_F(AgentProcess, FollowsANewFileAndWithdrawsWhatIsGone) {
   auto const agent = startReady();
   auto table = producer();
   for (U64 key = 1; key <= 10; ++key) table->entryIs(entry(key, static_cast<U32>(key)));
@@ -367,7 +367,7 @@ TEST_F(AgentProcess, KeepsAnEntryWhoseRecordIsDamaged) {
   EXPECT_EQ(stop(*agent), 0);
 }
 
-TEST_F(AgentProcess, AnOpIdThatGoesBackWhileItsEntryWaitsDoesNotStopTheEngine) {
+TEST_F(AgentProcess, SurvivesAnOpIdThatGoesBackWhileItsEntryWaits) {
   auto const agent = startReady();
   auto const table = producer();
   table->entryIs(entry(1, 1));
@@ -399,7 +399,7 @@ TEST_F(AgentProcess, TheAlgorithmicEngineInterleavesPartitions) {
   EXPECT_THAT(agent->out(), HasSubstr("401 adds"));
 }
 
-TEST_F(AgentProcess, TheNullClientAcknowledgesOnlyWhatTheEngineItselfDoes) {
+TEST_F(AgentProcess, NullClientLeavesOnlyTheEnginesOwnAcks) {
   auto const agent = startReady({"--hw", "null"});
   auto const table = producer();
   table->entryIs(entry(1, 1));

@@ -343,7 +343,7 @@ TEST_F(CommandTest, AFileIsLoadedAndItsChangesAfterIt) {
   stop(*daemon);
 }
 
-TEST_F(CommandTest, AWaitingLoadHearsFromTheAgentThatTheTableIsFlushed) {
+TEST_F(CommandTest, WaitingLoadHearsThatTheTableIsFlushed) {
   std::string const rules = writeRules(Acl::generateRules(6, 100));
   std::vector<std::string> const load{"load", rules, "--wait", "--timeout", "60", "--json"};
   auto daemon = agent();
@@ -366,7 +366,7 @@ TEST_F(CommandTest, AWaitingLoadHearsFromTheAgentThatTheTableIsFlushed) {
 }
 
 // Once a death, and it goes on with whoever takes over. The agents but the last are too slow to finish.
-TEST_F(CommandTest, AWaitingLoadSaysThatTheAgentDiedAndGoesOnWithTheNext) {
+TEST_F(CommandTest, WaitingLoadReportsADeadAgentAndAwaitsTheNext) {
   constexpr auto severalLooks = std::chrono::milliseconds(700);
   std::vector<std::string> const slow{"--hw-latency-us", "20000"};
   auto daemon = agent(slow);

@@ -145,7 +145,7 @@ TEST_F(ManagementTest, TheFlushStatusFiresInAnotherProcess) {
   EXPECT_EQ(1, counts.flushes);
 }
 
-TEST_F(ManagementTest, TheSnapshotProtocolWorksAcrossProcessesAsBetweenObjects) {
+TEST_F(ManagementTest, SnapshotProtocolWorksAcrossProcesses) {
   start();
   Requester one(socket()), other(socket());
   ASSERT_TRUE(one.live());
@@ -174,7 +174,7 @@ TEST_F(ManagementTest, TheSnapshotProtocolWorksAcrossProcessesAsBetweenObjects) 
 }
 
 // The second's mount has not heard of the first's request when it asks.
-TEST_F(ManagementTest, EachOfTwoRequestersGetsASnapshotOfItsOwnMoment) {
+TEST_F(ManagementTest, EachRequesterGetsASnapshotOfItsOwnMoment) {
   want(1, 1, 10);
   start();
   Requester one(socket()), other(socket());

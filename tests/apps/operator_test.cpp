@@ -139,7 +139,7 @@ TEST_F(OperatorTest, WhatWouldBreakARunningEngineIsRefused) {
   EXPECT_EQ("true\n", said({"attr", "get", "frontEnd", "initialized"}));
 }
 
-TEST_F(OperatorTest, ARecordOutsideTheMappingThatAnOperatorSetIsReportedAndTheAgentGoesOn) {
+TEST_F(OperatorTest, ReportsARecordOutsideASetMappingAndGoesOn) {
   table = Ostra::make<Shoal::WriterTable<EntryConfig>>(dir / "config.shoal", Shoal::WriterOptions{});
   start();
   said({"attr", "set", "engine", "prioGrpShift", "4"});
@@ -224,7 +224,7 @@ TEST_F(OperatorTest, SnapshotSaysThatThereIsNoAgent) {
   EXPECT_THAT(gone.err, HasSubstr("mgmt.sock: Connection refused\n"));
 }
 
-TEST_F(OperatorTest, WatchRefusesAnEntityThatIsNotThereAndWaitsForThatOfASuccessor) {
+TEST_F(OperatorTest, WatchRefusesAnAbsentNameAndFollowsASuccessor) {
   start();
   Ended const early = run({"watch", "motor"});
   EXPECT_EQ(1, early.status);
@@ -252,7 +252,7 @@ TEST_F(OperatorTest, WatchRefusesAnEntityThatIsNotThereAndWaitsForThatOfASuccess
 
 // Two keys wait for position 6, which is free: one is too low for what lies before it, the other too high for
 // what lies behind; a third waits for a position that is held.
-TEST_F(OperatorTest, SnapshotSaysWhichNeighbourWouldBeOnTheWrongSide) {
+TEST_F(OperatorTest, SnapshotNamesTheNeighbourOnTheWrongSide) {
   want(1, 5, 10);
   want(2, 8, 20);
   start();
@@ -286,7 +286,7 @@ TEST_F(OperatorTest, SnapshotSaysWhichNeighbourWouldBeOnTheWrongSide) {
 }
 
 // The agent stands still while it is asked, and never answers; the one that takes its place does.
-TEST_F(OperatorTest, ASnapshotAskedOfAnAgentThatDiesIsTheSuccessors) {
+TEST_F(OperatorTest, SuccessorAnswersASnapshotAskedOfADyingAgent) {
   want(1, 5, 10);
   start();
   agent->signal(SIGSTOP);
@@ -310,7 +310,7 @@ TEST_F(OperatorTest, ASnapshotAskedOfAnAgentThatDiesIsTheSuccessors) {
 }
 
 // This one takes the question and goes before it answers. Its successor knows of no question.
-TEST_F(OperatorTest, ASnapshotThatAnAgentOwedWhenItWentIsTheSuccessors) {
+TEST_F(OperatorTest, SuccessorAnswersASnapshotItsAgentHadBegun) {
   want(1, 5, 10);
   auto const config = debugConfigFactory("debugConfig");
   auto owing = std::make_unique<Ostra::Publisher>(dir / "mgmt.sock");

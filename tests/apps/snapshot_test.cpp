@@ -126,7 +126,7 @@ class RealAgent : public testing::Test {
 
 // The lower half keeps its version; entries of the upper half change from before the request to behind the
 // last byte, one each time that this peer has read another piece.
-TEST_F(RealAgent, KeysAreAcknowledgedBetweenThePiecesOfASnapshotThatIsReadSlowly) {
+TEST_F(RealAgent, AcknowledgesKeysWhileASnapshotIsReadSlowly) {
   RawPeer peer(dir / "mgmt.sock");
   ASSERT_TRUE(peer.connected());
   peer.write(asking);

@@ -115,7 +115,7 @@ TEST_F(TableVerbs, AnIntactFilePassesTheCheck) {
                                                            {"unfinished", json::array()}}));
 }
 
-TEST_F(TableVerbs, ADamagedRecordFailsTheCheckAndIsMissingFromTheDump) {
+TEST_F(TableVerbs, DamagedRecordFailsCheckAndIsNotDumped) {
   std::string const path = filled("t", 300);
   damage(path, 123);
   Ended const text = run({"check", path});
@@ -220,7 +220,7 @@ TEST_F(TableVerbs, ADumpThatCouldNotBeWrittenSaysSo) {
   }
 }
 
-TEST_F(TableVerbs, LoadReadsTheStandardInputAndReplacesWhatIsThere) {
+TEST_F(TableVerbs, LoadReadsStdinAndReplacesWhatIsThere) {
   std::string const path = filled("t", 10);
   file("lines", "{\"key\":3,\"opId\":9,\"hdl\":1,\"pg\":2,\"prio\":3}\n\n");
   Process shell({"/bin/sh", "-c", VANTREL_BIN_DIR "/vantrel table load " + path + " <" + (dir / "lines")},

@@ -76,14 +76,14 @@ TEST(EntryConfig, EveryFieldTakesPartInEquality) {
   EXPECT_NE(base, other);
 }
 
-TEST(EntryConfig, SettingTableIndexZeroOfAnEmptyArrayMakesOneElement) {
+TEST(EntryConfig, SettingElementZeroOfAnEmptyArrayMakesOne) {
   EntryConfig c(EntryKey(1), OpId(1), 1, 0, 0);
   c.tableIndexIs(TableKey(0), 77);
   EXPECT_EQ(c.tableIndexs(), 1U);
   EXPECT_EQ(c.tableIndex(TableKey(0)), 77U);
 }
 
-TEST(EntryConfig, SettingAnIndexBeyondTheCountGrowsItWithZeroesBetween) {
+TEST(EntryConfig, SettingAnIndexBeyondTheCountFillsWithZeroes) {
   EntryConfig c(EntryKey(1), OpId(1), 1, 0, 0);
   c.tableIndexIs(TableKey(3), 9);
   EXPECT_EQ(c.tableIndexs(), 4U);
@@ -92,7 +92,7 @@ TEST(EntryConfig, SettingAnIndexBeyondTheCountGrowsItWithZeroesBetween) {
   EXPECT_EQ(c.tableIndexs(), 4U);
 }
 
-TEST(EntryConfig, SeventeenTableIndexesAndSixtyFourDataWordsCopy) {
+TEST(EntryConfig, CopiesAllTableIndexesAndDataWords) {
   EntryConfig const c = full();
   EntryConfig const copy = c;
   EXPECT_EQ(copy, c);
@@ -136,7 +136,7 @@ TEST(EntryConfig, ImageFollowsTheFieldOrder) {
   EXPECT_EQ(Traits::bytes, 616U);
 }
 
-TEST(EntryConfig, OneTableIndexTooManyRaisesTheSizeErrorNamingSeventeen) {
+TEST(EntryConfig, OneTableIndexTooManyThrowsNamingSeventeen) {
   std::byte image[Traits::bytes];
   Traits::encode(full(), image);
   U32 const count = 18;
@@ -151,7 +151,7 @@ TEST(EntryConfig, OneTableIndexTooManyRaisesTheSizeErrorNamingSeventeen) {
   EXPECT_THAT(text, testing::HasSubstr(" with contents: 64000000"));
 }
 
-TEST(EntryConfig, OneDataWordTooManyRaisesTheSizeErrorNamingSixtyFour) {
+TEST(EntryConfig, OneDataWordTooManyThrowsNamingSixtyFour) {
   std::byte image[Traits::bytes];
   Traits::encode(full(), image);
   U32 const count = 65;
@@ -198,7 +198,7 @@ TEST(DataKey, OutsideItsRangeRaisesARangeError) {
   EXPECT_THROW(DataKey(64), Ostra::RangeException);
 }
 
-TEST(OpId, TheDeleteMarkerIsGreaterThanEveryOrdinaryVersion) {
+TEST(OpId, DeleteMarkerExceedsEveryOrdinaryVersion) {
   EXPECT_EQ(OpId::deleteAcknowledge().value(), 0xFFFFFFFFFFFF0000U);
   EXPECT_GT(OpId::deleteAcknowledge(), OpId(0xFFFFFFFFFFFEFFFFU));
   EXPECT_GT(OpId(0x8000000000000000U), OpId(0x7FFFFFFFFFFFFFFFU));

@@ -10,7 +10,7 @@ namespace {
 
 bool fits(Mapping const& mapping, U16 pg, U32 ti) { return !mapping.violation(pg, ti); }
 
-TEST(MappingTest, FastSplitsThirtyTwoBitsBetweenGroupAndPosition) {
+TEST(MappingTest, FastSplitsItsBitsBetweenGroupAndPosition) {
   Mapping const mapping = Mapping::fast(19);
   EXPECT_TRUE(fits(mapping, 0, (1U << 19) - 1));
   EXPECT_FALSE(fits(mapping, 0, 1U << 19));
@@ -35,7 +35,7 @@ TEST(MappingTest, AlgorithmicInterleavesGroups) {
   EXPECT_FALSE(fits(mapping, 0, 262144));
 }
 
-TEST(MappingTest, AlgorithmicNeedsOneToSixtyFiveThousandPartitions) {
+TEST(MappingTest, AlgorithmicRefusesZeroAndTooManyPartitions) {
   EXPECT_THROW(Mapping::algorithmic(0), std::invalid_argument);
   EXPECT_THROW(Mapping::algorithmic(65537), std::invalid_argument);
   EXPECT_TRUE(fits(Mapping::algorithmic(65536), 65535, 65535));

@@ -165,7 +165,7 @@ TEST_F(TraceFile, HasItsRingSizesAndStringLimit) {
   EXPECT_THAT(messages(perProcess()), ElementsAre("[3] text:" + std::string(80, 'x')));
 }
 
-TEST_F(TraceFile, LiesInTheDirectoryOfTheEnvironmentWithoutTheProcessNumber) {
+TEST_F(TraceFile, HasNoProcessNumberInLumelogdir) {
   std::filesystem::create_directory(dir_ / "traces");
   EXPECT_EQ(inChild([this] {
               setenv("LUMELOGDIR", (dir_ / "traces").c_str(), 1);
@@ -295,7 +295,7 @@ TEST(Settings, HandlesHaveTheirNames) {
   EXPECT_STREQ(vantrelFastImplTrace().name(), "VantrelFastImpl");
 }
 
-TEST(Settings, AnEntryTraceHasSignatureModelFileLineAndOperation) {
+TEST(Settings, EntryTraceShowsSignatureFileLineAndOperation) {
   traceSettingIs("VantrelSm/8");
   testing::internal::CaptureStderr();
   VANTREL_TRACE_ENTRY(vantrelSmTrace(), 8, "Vantrel", "handleEntry");

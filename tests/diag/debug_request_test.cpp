@@ -33,7 +33,7 @@ class Order : public DebugStatus::Notifiee {
 
 }  // namespace
 
-TEST_F(DebugRequest, AnEmptyEngineAnswersWithFourEmptyCollectionsAndTheVersion) {
+TEST_F(DebugRequest, EmptyEngineAnswersWithEmptyCollections) {
   request(3);
   EXPECT_THAT(debugStatus->pending(), IsEmpty());
   EXPECT_THAT(debugStatus->pendingOpId(), IsEmpty());
@@ -42,7 +42,7 @@ TEST_F(DebugRequest, AnEmptyEngineAnswersWithFourEmptyCollectionsAndTheVersion) 
   EXPECT_EQ(debugStatus->version(), 3U);
 }
 
-TEST_F(DebugRequest, AnEntryProgrammedAndWaitingIsInBothViewsWithBothIdentifiers) {
+TEST_F(DebugRequest, ShowsAProgrammedWaitingEntryInBothViews) {
   put({.key = 1, .ti = 1, .opId = 11});
   put({.key = 2, .ti = 2, .opId = 12});
   put({.key = 1, .ti = 2, .opId = 21});
@@ -77,7 +77,7 @@ TEST_F(DebugRequest, VersionZeroEmptiesTheSnapshot) {
   EXPECT_EQ(debugStatus->version(), 0U);
 }
 
-TEST_F(DebugRequest, CollectionsAreEmptiedInOrderThenFilledAndTheVersionIsLast) {
+TEST_F(DebugRequest, EmptiesThenFillsAndWritesTheVersionLast) {
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 1});
   request(1);
@@ -111,7 +111,7 @@ TEST_F(DebugRequest, ClaimsAreShownAscending) {
   EXPECT_THAT(watcher.told, ElementsAre(1, 2, 3));
 }
 
-TEST_F(DebugRequest, AWatcherThatThrowsLeavesTheRequestUnansweredUntilTheNextChange) {
+TEST_F(DebugRequest, ThrowingWatcherLeavesTheRequestUnanswered) {
   class Throwing : public DebugStatus::Notifiee {
    public:
     void onStatus(U32 const&) override { throw std::runtime_error("watcher"); }
@@ -131,7 +131,7 @@ TEST_F(DebugRequest, AWatcherThatThrowsLeavesTheRequestUnansweredUntilTheNextCha
 
 // The inner request is answered whole, and then the outer goes on with what it had begun: its version is the
 // last that is written, so the inner request counts as unanswered until the trigger changes again.
-TEST_F(DebugRequest, ARequestFromInsideASnapshotIsAnsweredAndThenTakenBack) {
+TEST_F(DebugRequest, NestedRequestIsAnsweredAndThenTakenBack) {
   class Asking : public Order {
    public:
     void onPending(U32 const& ti) override {
@@ -181,7 +181,7 @@ TEST_F(DebugRequest, ARequestFromInsideASnapshotIsAnsweredAndThenTakenBack) {
 }
 
 // Without a front end nobody hears of it: what is answered is what was read at the beginning.
-TEST_F(DebugRequest, ARequestFromInsideASnapshotThatNobodyHearsWaitsForTheNextCall) {
+TEST_F(DebugRequest, UnheardNestedRequestWaitsForTheNextCall) {
   class Asking : public DebugStatus::Notifiee {
    public:
     void onStatus(U32 const&) override { ask(); }

@@ -80,7 +80,7 @@ TEST_F(Dump, ALineRaisesTheMaximumToEveryOpIdItShows) {
   EXPECT_EQ(maximum, OpId(15)) << "what a line does not show does not count, and it never falls";
 }
 
-TEST_F(Dump, ARecordThatIsNeitherProgrammedNorPendingHasOnlyPriorityAndGroup) {
+TEST_F(Dump, IdleRecordShowsOnlyPriorityAndGroup) {
   CState_s const r{EntryKey(77), OpId(0), {OpId(0), noIndex, PendingType::None}, 5, noIndex, 30, 1};
   EntryConfig c(EntryKey(77), OpId(12), 5, 1, 30);
   c.tableIndexIs(TableKey(0), 9);
@@ -173,7 +173,7 @@ TEST_F(Dump, AnUnclaimedIndexShowsKeyZeroIfThereIsOne) {
   state().positions.current.remove(9);
 }
 
-TEST_F(DumpDeathTest, AClaimListedUnderAnotherIndexIsFatalAfterTheDump) {
+TEST_F(DumpDeathTest, MisplacedClaimIsFatalAfterTheDump) {
   put({.key = 1, .ti = 7});
   put({.key = 2, .ti = 7});
   auto const damage = [this] {
@@ -187,7 +187,7 @@ TEST_F(DumpDeathTest, AClaimListedUnderAnotherIndexIsFatalAfterTheDump) {
                                                 "FastVantrelImpl,"));
 }
 
-TEST_F(DumpDeathTest, TwoRecordsAtOneIndexAreOneLineTheDumpGoesOnAndThenItIsFatal) {
+TEST_F(DumpDeathTest, DuplicatePositionIsFatalAfterTheDump) {
   put({.key = 1, .ti = 7});
   put({.key = 2, .ti = 8});
   auto const damage = [this] {
@@ -203,7 +203,7 @@ TEST_F(DumpDeathTest, TwoRecordsAtOneIndexAreOneLineTheDumpGoesOnAndThenItIsFata
       << "the later one is there then";
 }
 
-TEST_F(DumpDeathTest, TwoRecordsAtOneIndexWithAnotherCountStopOnTheCount) {
+TEST_F(DumpDeathTest, DuplicatePositionStopsOnADifferingCount) {
   put({.key = 1, .ti = 7});
   put({.key = 2, .ti = 8});
   put({.key = 3, .ti = 9});
@@ -229,7 +229,7 @@ TEST_F(DumpDeathTest, AnIndexWithoutARecordFailsItsAssertion) {
   EXPECT_DEATH(damage(), HasSubstr("assertion failed: c, model file FastVantrelImpl,"));
 }
 
-TEST_F(DumpDeathTest, ACountMismatchListsTheIndexThenFailsItsAssertion) {
+TEST_F(DumpDeathTest, CountMismatchListsTheIndexThenIsFatal) {
   put({.key = 1, .ti = 7});
   put({.key = 2, .ti = 8});
   auto const damage = [this] {

@@ -81,7 +81,7 @@ TEST(DebugStatus, MembersNotifyWithTheirKeyOnlyOnChange) {
   EXPECT_EQ(s->pending().at(4), EntryKey(8));
 }
 
-TEST(DebugStatus, RemovingAnAbsentKeyReturnsZeroAndNotifiesNobody) {
+TEST(DebugStatus, RemovingAnAbsentKeyReturnsZeroSilently) {
   auto const s = debugStatusFactory("st");
   StatusWatcher w;
   w.notifierIs(s);

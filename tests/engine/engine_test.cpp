@@ -92,7 +92,7 @@ TEST_F(EngineBase, NotInitializedDoesNothingAndTracesNothing) {
   EXPECT_THAT(records.take(), IsEmpty());
 }
 
-TEST_F(EngineBase, UnchangedKeySkipsThePendingWorkButNotTheDeadlockCheck) {
+TEST_F(EngineBase, UnchangedKeySkipsOnlyThePendingWork) {
   write({.key = 1, .ti = 4});
   EXPECT_THAT(handled(1), ElementsAre("processEntry 1", "checkDeadlock"));
 }
@@ -250,12 +250,12 @@ TEST(Helper, AcknowledgesByName) {
 
 using EngineBaseDeathTest = EngineBase;
 
-TEST_F(EngineBaseDeathTest, TraceIdentifierZeroFailsTheMissingLgIdAssertion) {
+TEST_F(EngineBaseDeathTest, TraceIdentifierZeroFailsAnAssertion) {
   EXPECT_DEATH(make<Probe>("p", table, debugConfig, debugStatus, client, 0U),
                HasSubstr("lgId() && \"missing lgId\", model file VantrelImpl,"));
 }
 
-TEST_F(EngineBaseDeathTest, OperationsThatAConcreteEngineMustProvideFailAnAssertion) {
+TEST_F(EngineBaseDeathTest, MissingConcreteOperationFailsAnAssertion) {
   auto const base = make<VantrelImpl>("b", table, debugConfig, debugStatus, client, 1U);
   EXPECT_DEATH(base->processPending(), HasSubstr("assertion failed: false, model file VantrelImpl,"));
   EXPECT_DEATH(base->processEntry(EntryConfig()),
@@ -308,7 +308,7 @@ TEST_F(EngineBase, DeleteForgetsTheKeyAndItsHandle) {
   EXPECT_THAT(probe->keyToHandle(), IsEmpty());
 }
 
-TEST_F(EngineBase, SecondNotificationWithTheSameHandleLeavesTheMapsAndProcessesAgain) {
+TEST_F(EngineBase, SameHandleAgainLeavesTheMapsAndProcessesAgain) {
   CountingWatcher w;
   w.notifierIs(probe);
   write({.key = 1, .ti = 1, .hdl = 11});
@@ -341,7 +341,7 @@ TEST_F(EngineBase, ReusedHandleReportsAChangeWhenEitherCallDoes) {
   EXPECT_FALSE(probe->handleEntryHelper(EntryKey(2)));
 }
 
-TEST_F(EngineBase, KeyThatChangesItsHandleIsNamedUnderBothHandles) {
+TEST_F(EngineBase, KeyThatChangesItsHandleIsNamedUnderBoth) {
   write({.key = 1, .ti = 1, .hdl = 11});
   handled(1);
   write({.key = 1, .ti = 1, .hdl = 12});
@@ -351,7 +351,7 @@ TEST_F(EngineBase, KeyThatChangesItsHandleIsNamedUnderBothHandles) {
   EXPECT_EQ(probe->keyToHandle().at(EntryKey(1)), 12U);
 }
 
-TEST_F(EngineBase, HandleMapsKeepTheirChangesWhenProgrammingThrows) {
+TEST_F(EngineBase, HandleMapsKeepChangesWhenProgrammingThrows) {
   class Throwing : public Probe {
    public:
     using Probe::Probe;
@@ -363,7 +363,7 @@ TEST_F(EngineBase, HandleMapsKeepTheirChangesWhenProgrammingThrows) {
   EXPECT_EQ(throwing->handleToKey().at(11), EntryKey(1));
 }
 
-TEST_F(EngineBase, DumpRunsAroundTheKeyOnlyWhileDebugIsOnAndTheStateDirty) {
+TEST_F(EngineBase, DumpRunsOnlyWithDebugOnAndADirtyState) {
   write({.key = 1, .ti = 1});
   probe->debugEnabledIs(true);
   EXPECT_THAT(handled(1), ElementsAre("dumpState", "processEntry 1", "checkDeadlock"));
@@ -393,7 +393,7 @@ TEST_F(EngineBase, DependantsThatSucceedAreAskedOnce) {
   EXPECT_EQ(probe->failedDepCnt(), 0U);
 }
 
-TEST_F(EngineBase, DependantsThatAlwaysFailAreTriedTheMaximumThenTheKeyIsGivenUp) {
+TEST_F(EngineBase, GivesAKeyUpAfterTheMostDependantAttempts) {
   FacilityLines lines("VantrelImpl/8");
   RingRecords records;
   write({.key = 1, .ti = 1, .opId = 77, .hdl = 11});
@@ -436,7 +436,7 @@ TEST_F(EngineBase, ARetryReadsTheRecordAfresh) {
   EXPECT_EQ(probe->dependantCalls, 2);
 }
 
-TEST_F(EngineBase, AnAbsentKeysDependantsAreAskedOnceAndTheAnswerIgnored) {
+TEST_F(EngineBase, AsksDependantsOfAnAbsentKeyOnce) {
   probe->dependants = [](EntryConfig const& e, EntryKey const& key) {
     EXPECT_TRUE(e.empty());
     EXPECT_EQ(key, EntryKey(9));
@@ -447,7 +447,7 @@ TEST_F(EngineBase, AnAbsentKeysDependantsAreAskedOnceAndTheAnswerIgnored) {
   EXPECT_EQ(probe->failedDepCnt(), 0U);
 }
 
-TEST_F(EngineBase, ADeleteMarkerGainedBetweenTwoAttemptsEndsTheRetries) {
+TEST_F(EngineBase, DeleteMarkerBetweenAttemptsEndsTheRetries) {
   write({.key = 1, .ti = 1});
   probe->dependants = [this](auto&&...) {
     write({.key = 1, .ti = 1, .del = true});
@@ -472,7 +472,7 @@ TEST_F(EngineBase, ACorruptRecordIsReportedAndReadsAsADelete) {
   EXPECT_EQ(damaged->lastCorruption(), "bad checksum");
 }
 
-TEST_F(EngineBase, AnOversizeRecordLeavesAsTheSizeErrorNotAsAGiveUp) {
+TEST_F(EngineBase, OversizeRecordThrowsTheSizeError) {
   class EighteenPositions : public Shoal::LocalTable<EntryConfig> {
    public:
     EntryConfig entry(EntryKey const&) const override {
@@ -496,7 +496,7 @@ class StatusWrites : public EngineWorld<FastVantrelImpl> {
   EntryKey const k{7};
 };
 
-TEST_F(StatusWrites, DelAckReplacesAnEarlierAcknowledgementByTheMarker) {
+TEST_F(StatusWrites, DelAckReplacesAnEarlierAcknowledgement) {
   helper->noopAck(k, OpId(5));
   helper->delAck(k);
   EXPECT_EQ(status->size(), 1U);
@@ -538,7 +538,7 @@ TEST_F(StatusWrites, WithoutAStatusTableNothingIsWrittenOrTraced) {
   EXPECT_THAT(lines.take(), IsEmpty());
 }
 
-TEST_F(StatusWrites, EngineRunsToCompletionAgainstTheBaseClientAlone) {
+TEST_F(StatusWrites, EngineRunsAgainstTheBaseClientAlone) {
   auto const bare = make<FastVantrelImpl>("e", table, debugConfig, debugStatus, helper, 1U);
   write({.key = 1, .ti = 1});
   bare->handleEntry(EntryKey(1));
@@ -573,7 +573,7 @@ TEST_F(EngineBase, TheBaseEnginesDependantsSucceedAtOnce) {
 }
 
 // The record that decides on the acknowledgement of the old key is the new key's, read afresh.
-TEST_F(EngineBase, AMarkerOnTheNewKeysFreshRecordAcknowledgesTheOldKey) {
+TEST_F(EngineBase, NewOwnersDeleteMarkerAcknowledgesTheOldKey) {
   write({.key = 1, .ti = 1, .hdl = 11});
   handled(1);
   write({.key = 2, .ti = 2, .hdl = 11});

@@ -18,7 +18,7 @@ TEST_F(Cleanup, WithoutHandlesOnlyRecordsAndFlushes) {
   EXPECT_THAT(records.take(), ElementsAre("doCleanup [1]"));
 }
 
-TEST_F(Cleanup, DeletesAProgrammedEntryOnceAndThenItsStatusBeforeTheOneFlush) {
+TEST_F(Cleanup, DeletesEntryThenStatusThenFlushesOnce) {
   put({.key = 1, .ti = 4, .opId = 77});
   status->entryIs(EntryStatus(EntryKey(1), OpId(77)));
   engine = nullptr;
@@ -27,13 +27,13 @@ TEST_F(Cleanup, DeletesAProgrammedEntryOnceAndThenItsStatusBeforeTheOneFlush) {
   EXPECT_EQ(status->size(), 0U);
 }
 
-TEST_F(Cleanup, AKeyWithAHandleButWithoutStateLosesItsStatusTwice) {
+TEST_F(Cleanup, StatelessKeyWithAHandleLosesItsStatusTwice) {
   engine->keyToHandleIs(EntryKey(5), 5);
   engine = nullptr;
   EXPECT_THAT(client->take(), ElementsAre("delStatus 5", "delStatus 5", "flush"));
 }
 
-TEST_F(Cleanup, DropsAPendingEntryWithoutAHardwareCallAndWakesNobody) {
+TEST_F(Cleanup, DropsAPendingEntryWithoutAHardwareCall) {
   put({.key = 1, .ti = 4});
   put({.key = 2, .ti = 4});
   client->take();

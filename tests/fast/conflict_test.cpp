@@ -13,7 +13,7 @@ class Conflict : public FastWorld {};
 using ConflictDeathTest = Conflict;
 }  // namespace
 
-TEST_F(Conflict, ConfigurationThatIsNotNewerIsStaleAndEndsAnyClaim) {
+TEST_F(Conflict, StaleConfigurationEndsAnyClaim) {
   put({.key = 1, .ti = 1, .opId = 100});
   put({.key = 2, .ti = 2, .opId = 101});
   EXPECT_TRUE(conflicts({.key = 1, .ti = 2, .opId = 200}));
@@ -39,7 +39,7 @@ TEST_F(Conflict, MarksTheEngineDirtyWhateverTheOutcome) {
   }
 }
 
-TEST_F(Conflict, APriorityClaimThatIsAskedForAgainIsRefreshedInPlace) {
+TEST_F(Conflict, RepeatedPriorityClaimIsRefreshedInPlace) {
   put({.key = 1, .ti = 1, .prio = 9, .opId = 10});
   EXPECT_TRUE(conflicts({.key = 2, .ti = 5, .prio = 4, .opId = 50}));
   EXPECT_TRUE(conflicts({.key = 2, .ti = 5, .prio = 4, .opId = 55}));
@@ -48,7 +48,7 @@ TEST_F(Conflict, APriorityClaimThatIsAskedForAgainIsRefreshedInPlace) {
   EXPECT_EQ(state().pending.count(), 1U);
 }
 
-TEST_F(Conflict, AnOlderConfigurationGivesUpTheKeysOwnNewerPriorityClaim) {
+TEST_F(Conflict, OlderConfigurationGivesUpItsNewerClaim) {
   put({.key = 1, .ti = 1, .prio = 9, .opId = 10});
   EXPECT_TRUE(conflicts({.key = 2, .ti = 5, .prio = 4, .opId = 50}));
   EXPECT_TRUE(conflicts({.key = 2, .ti = 5, .prio = 4, .opId = 40}));
@@ -89,7 +89,7 @@ TEST_F(Conflict, TheFirstPriorityAndGroupStay) {
   EXPECT_EQ(record(1).pg, 1);
 }
 
-TEST_F(Conflict, FreePositionBetweenEqualPrioritiesIsNotBlocked) {
+TEST_F(Conflict, FreePositionBetweenEqualsIsNotBlocked) {
   put({.key = 1, .ti = 1, .prio = 4});
   put({.key = 2, .ti = 3, .prio = 4});
   EXPECT_FALSE(conflicts({.key = 3, .ti = 2, .prio = 4}));
@@ -132,7 +132,7 @@ TEST_F(Conflict, OwnPositionNeverBlocksAndItsWaiterIsQueued) {
   EXPECT_THAT(queued(), ElementsAre(2));
 }
 
-TEST_F(Conflict, NewerOpIdKeepsTheClaimOnAnOccupiedPositionAndTheOtherStaysBlockedWithoutOne) {
+TEST_F(Conflict, NewerOpIdKeepsTheClaimOnAnOccupiedPosition) {
   put({.key = 1, .ti = 1, .opId = 10});
   EXPECT_TRUE(conflicts({.key = 2, .ti = 1, .opId = 50}));
   EXPECT_TRUE(conflicts({.key = 3, .ti = 1, .opId = 40}));
@@ -219,7 +219,7 @@ TEST_F(Conflict, IsTracedOnBothChannels) {
   EXPECT_THAT(records.take(), ElementsAre("not conflicting key:%q hdl:%i prio:%i opId:%q [1,2,22,4,51]"));
 }
 
-TEST_F(ConflictDeathTest, ANewerPendingClaimOfTheSameKeyFailsItsAssertionAfterOneLineAtLevelZero) {
+TEST_F(ConflictDeathTest, NewerClaimOfTheSameKeyTracesAndFails) {
   put({.key = 1, .ti = 1, .opId = 10});
   EXPECT_TRUE(conflicts({.key = 2, .ti = 1, .opId = 50}));
   write({.key = 2, .ti = 1, .opId = 40});
@@ -228,7 +228,7 @@ TEST_F(ConflictDeathTest, ANewerPendingClaimOfTheSameKeyFailsItsAssertionAfterOn
   EXPECT_DEATH(engine->isConflicting(table->entry(EntryKey(2))), HasSubstr("key=2 eOpId: 40 pOpId: 50"));
 }
 
-TEST_F(ConflictDeathTest, AClaimListedUnderAnotherPositionFailsItsAssertion) {
+TEST_F(ConflictDeathTest, MisplacedClaimFailsItsAssertion) {
   forge();
   put({.key = 1, .ti = 1, .opId = 10});
   EXPECT_TRUE(conflicts({.key = 2, .ti = 1, .opId = 50}));

@@ -146,7 +146,7 @@ TEST_F(Chain, JoiningALongOneReadsTwoRecords) {
 }
 
 // The claims of 1, 2 and 3 close a ring while the configuration of 2 names another position.
-TEST_F(Chain, ARingThatAConfigurationHeldOpenIsFoundFromAnyMemberLater) {
+TEST_F(Chain, FindsARingThatAConfigurationHeldOpen) {
   row(3);
   want(1, 2);
   want(2, 3);
@@ -189,7 +189,7 @@ TEST_F(Chain, AMemberAskedBeforeTheRingClosedIsAskedAgain) {
 }
 
 // 1, of another group, takes the handle of 3, whose removal wakes 2: the ring of 1 and 2 closes in that step.
-TEST_F(Chain, ARingThatClosesWhileItsMemberIsRetriedIsBroken) {
+TEST_F(Chain, BreaksARingThatClosesDuringARetry) {
   for (auto const& [a, b] : {std::pair<U64, U64>{2, 1}, {1, 2}}) {
     engineIs();
     put({.key = a, .ti = 1, .hdl = 20});

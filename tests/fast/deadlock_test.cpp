@@ -36,7 +36,7 @@ TEST_F(Deadlock, NothingBlockedTracesNothingAndChangesNothing) {
   EXPECT_THAT(records.take(), IsEmpty());
 }
 
-TEST_F(Deadlock, TwoEntriesThatWantEachOthersPositionTradePlaces) {
+TEST_F(Deadlock, TwoEntriesTradePlaces) {
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 2});
   want(1, 2);
@@ -99,7 +99,7 @@ TEST_F(Deadlock, AnEntryThatWaitsForItsFirstAddIsSkipped) {
   EXPECT_THAT(lines.take(), Contains("VantrelFastImpl/7 skipping pending move 2"));
 }
 
-TEST_F(Deadlock, AnEntryWhoseConfigurationNamesAnotherPositionIsSkipped) {
+TEST_F(Deadlock, SkipsAnEntryThatWantsAnotherPositionNow) {
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 2});
   want(1, 2);
@@ -111,7 +111,7 @@ TEST_F(Deadlock, AnEntryWhoseConfigurationNamesAnotherPositionIsSkipped) {
   EXPECT_THAT(lines.take(), Contains(HasSubstr("skipping pending move ")));
 }
 
-TEST_F(Deadlock, ADeleteMarkedRecordWithoutATableIndexIsAMismatch) {
+TEST_F(Deadlock, SkipsADeleteMarkedRecordWithoutATableIndex) {
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 2});
   want(1, 2);
@@ -137,7 +137,7 @@ TEST_F(Deadlock, APriorityBlockedEntryIsSkipped) {
 }
 
 // 3 claims beside the listed claims of a ring of 1 and 2, as a forged state: its chain enters the ring.
-TEST_F(Deadlock, AChainThatLeadsIntoARingFromOutsideStopsAtWhatItHasSeenAndBreaksNothing) {
+TEST_F(Deadlock, ChainIntoARingStopsAtASeenKeyAndBreaksNothing) {
   for (U64 key : {1, 2, 3}) put({.key = key, .ti = static_cast<U32>(key)});
   want(1, 2);
   want(2, 1);
@@ -156,7 +156,7 @@ TEST_F(Deadlock, AChainThatLeadsIntoARingFromOutsideStopsAtWhatItHasSeenAndBreak
   record(3).p = {OpId(0), noIndex, PendingType::None};
 }
 
-TEST_F(Deadlock, ARingEnteredFromOutsideStaysUntilALaterRunStartsOnAMember) {
+TEST_F(Deadlock, RingEnteredFromOutsideStaysUntilALaterRun) {
   for (U64 key : {1, 2, 3}) put({.key = key, .ti = static_cast<U32>(key)});
   want(1, 2);
   want(2, 1);
@@ -175,7 +175,7 @@ TEST_F(Deadlock, ARingEnteredFromOutsideStaysUntilALaterRunStartsOnAMember) {
   if (known(3)) record(3).p = {OpId(0), noIndex, PendingType::None};
 }
 
-TEST_F(Deadlock, AChainWhoseLastOccupantDoesNotWaitToMoveDeletesNothing) {
+TEST_F(Deadlock, ChainThatEndsOnASettledEntryDeletesNothing) {
   for (U64 key : {1, 2, 3}) put({.key = key, .ti = static_cast<U32>(key)});
   want(1, 2);
   want(2, 3);
@@ -197,7 +197,7 @@ TEST_F(Deadlock, TheVictimIsTheKeyThatTheSearchStartedFrom) {
   EXPECT_EQ(calls[0], "deadlock " + start + "@" + start);
 }
 
-TEST_F(Deadlock, ADeleteMarkedRecordThatStillNamesItsClaimIsARingMember) {
+TEST_F(Deadlock, DeleteMarkedRecordNamingItsClaimIsARingMember) {
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 2});
   want(1, 2);
@@ -221,7 +221,7 @@ TEST_F(Deadlock, TheCheckAndTheCleanUpCanBeInvokedByName) {
               testing::UnorderedElementsAre("del 1@2", "del 2@1", "delStatus 1", "delStatus 2", "flush"));
 }
 
-TEST_F(Deadlock, AnOversizeRecordMetInAChainLeavesAsTheSizeError) {
+TEST_F(Deadlock, OversizeRecordInAChainThrowsTheSizeError) {
   auto const big = make<Oversize>();
   auto const own = make<FastVantrelImpl>("own", big, debugConfig, debugStatus, client, 1U);
   for (U64 key : {1, 2}) {
@@ -263,7 +263,7 @@ TEST_F(DeadlockDeathTest, AQueuedClaimWithoutOccupantFailsItFromAfar) {
   EXPECT_DEATH(engine->checkDeadlock(), HasSubstr("assertion failed: PValue, model file FastVantrelImpl,"));
 }
 
-TEST_F(DeadlockDeathTest, AnOccupiedClaimWithoutOccupantFailsItsAssertion) {
+TEST_F(DeadlockDeathTest, OccupiedClaimWithoutOccupantFails) {
   forge();
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 2});

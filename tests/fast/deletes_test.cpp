@@ -21,13 +21,13 @@ using DeletesDeathTest = Deletes;
 constexpr U64 marker = 0xFFFFFFFFFFFF0000U;
 }  // namespace
 
-TEST_F(Deletes, OfAKeyNeverAddedWithAcknowledgementOnlyWritesDelAck) {
+TEST_F(Deletes, OfAnUnknownKeyWithAckOnlyWritesDelAck) {
   EXPECT_FALSE(engine->processDelete(EntryKey(1), true));
   EXPECT_THAT(client->take(), ElementsAre("delAck 1"));
   EXPECT_EQ(acknowledged(1), marker);
 }
 
-TEST_F(Deletes, OfAKeyNeverAddedWithoutAcknowledgementOnlyRemovesItsStatus) {
+TEST_F(Deletes, OfAnUnknownKeyWithoutAckRemovesItsStatus) {
   EXPECT_FALSE(engine->processDelete(EntryKey(1), false));
   EXPECT_THAT(client->take(), ElementsAre("delStatus 1"));
 }
@@ -48,7 +48,7 @@ TEST_F(Deletes, OfAKeyNeverAddedChangeNoState) {
   EXPECT_FALSE(engine->dirty());
 }
 
-TEST_F(Deletes, TheRecordHasGroupZeroAndNoDataWhateverTheEntryHad) {
+TEST_F(Deletes, PassARecordOfGroupZeroWithoutData) {
   EntryConfig full = config({.key = 1, .ti = 6, .prio = 9, .pg = 3});
   for (unsigned i = 0; i <= DataKey::max; ++i) full.dataIs(DataKey(i), i);
   table->entryQuietlyIs(full);
@@ -80,7 +80,7 @@ TEST_F(Deletes, OfAPendingEntryWithoutAcknowledgementIsSilent) {
   EXPECT_FALSE(blocked(2));
 }
 
-TEST_F(Deletes, OfAPendingEntryWithAcknowledgementOnlyAcknowledges) {
+TEST_F(Deletes, OfAPendingEntryWithAckOnlyAcknowledges) {
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 1});
   EXPECT_TRUE(engine->processDelete(EntryKey(2), true));
@@ -88,7 +88,7 @@ TEST_F(Deletes, OfAPendingEntryWithAcknowledgementOnlyAcknowledges) {
   EXPECT_EQ(acknowledged(2), marker);
 }
 
-TEST_F(Deletes, OfAProgrammedEntryWithAcknowledgementCarriesTheMarkerAndThePosition) {
+TEST_F(Deletes, OfAProgrammedEntryWithAckCarriesTheMarker) {
   put({.key = 1, .ti = 6, .prio = 9, .pg = 3, .hdl = 11});
   EXPECT_TRUE(engine->processDelete(EntryKey(1), true));
   EXPECT_THAT(client->take(), ElementsAre("del 1@6"));
@@ -103,7 +103,7 @@ TEST_F(Deletes, OfAProgrammedEntryWithAcknowledgementCarriesTheMarkerAndThePosit
   EXPECT_FALSE(sent.isDel());
 }
 
-TEST_F(Deletes, OfAProgrammedEntryWithoutAcknowledgementCarriesItsOwnOpId) {
+TEST_F(Deletes, OfAProgrammedEntryWithoutAckCarriesItsOpId) {
   put({.key = 1, .ti = 6, .opId = 77});
   EXPECT_TRUE(engine->processDelete(EntryKey(1), false));
   EXPECT_EQ(client->records.back().opId(), OpId(77));
@@ -129,7 +129,7 @@ TEST_F(Deletes, LeaveNothingOfTheKeyBehind) {
   EXPECT_THAT(put({.key = 1, .ti = 6}), ElementsAre("del 1@6", "add 1@6"));
 }
 
-TEST_F(Deletes, TheWaiterOfTheFreedPositionIsQueuedBeforeTheRange) {
+TEST_F(Deletes, QueueTheFreedPositionsWaiterBeforeTheRange) {
   put({.key = 1, .ti = 6, .prio = 20});
   put({.key = 2, .ti = 2, .prio = 30});
   put({.key = 3, .ti = 6, .prio = 20});
@@ -137,7 +137,7 @@ TEST_F(Deletes, TheWaiterOfTheFreedPositionIsQueuedBeforeTheRange) {
   EXPECT_THAT(woken(1), ElementsAre(3, 2, 4));
 }
 
-TEST_F(Deletes, WithoutNeighboursEveryWaiterOfTheGroupIsQueued) {
+TEST_F(Deletes, WithoutNeighboursQueueEveryWaiterOfTheGroup) {
   put({.key = 1, .ti = 6, .prio = 20});
   put({.key = 2, .ti = 0, .prio = 30});
   put({.key = 3, .ti = (1U << 19) - 1, .prio = 10});
@@ -145,7 +145,7 @@ TEST_F(Deletes, WithoutNeighboursEveryWaiterOfTheGroupIsQueued) {
   EXPECT_THAT(woken(1), ElementsAre(4, 2, 3)) << "the position's own waiter is woken whatever its group";
 }
 
-TEST_F(Deletes, BetweenEqualNeighboursOnlyTheFreedPositionsWaiterIsQueued) {
+TEST_F(Deletes, BetweenEqualsQueueOnlyTheFreedPositionsWaiter) {
   put({.key = 1, .ti = 5, .prio = 20});
   put({.key = 2, .ti = 6, .prio = 20});
   put({.key = 3, .ti = 7, .prio = 20});

@@ -35,7 +35,7 @@ class Drain : public FastWorld {
 
 }  // namespace
 
-TEST_F(Drain, AFailureOfADrainedKeyRetriesTheNotifiedKeyAndLosesTheDrainedOne) {
+TEST_F(Drain, FailureInADrainRetriesOnlyTheNotifiedKey) {
   tell({.key = 1, .ti = 1});
   EXPECT_THAT(tell({.key = 2, .ti = 1}), IsEmpty());
   failing = 2;
@@ -62,7 +62,7 @@ TEST_F(Drain, KeysBehindAFailedOneStayQueuedForTheNextDrain) {
 }
 
 // 1 waits for 2's position; the drained 2 turns out to want 1's: the ring is found while 3 is handled.
-TEST_F(Drain, AFailureOfARingsVictimRetriesTheNotifiedKeyAndLosesTheVictim) {
+TEST_F(Drain, FailureOfAVictimRetriesOnlyTheNotifiedKey) {
   for (U64 key : {1, 2, 3}) tell({.key = key, .ti = static_cast<U32>(key)});
   tell({.key = 1, .ti = 2});
   tell({.key = 2, .ti = 3});

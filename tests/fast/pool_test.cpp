@@ -10,7 +10,7 @@ namespace {
 class PoolDeathTest : public FastWorld {};
 }  // namespace
 
-TEST_F(PoolDeathTest, FirstAllocationGrowsThePoolToThreeAndReturnsTheSecondRecordOfItsBlock) {
+TEST_F(PoolDeathTest, FirstAllocationReturnsTheSecondOfTwoRecords) {
   EXPECT_EXIT(
       {
         bool const fresh = cstatePool().cread == 0 && cstatePool().clen == 1;

@@ -34,7 +34,7 @@ TEST_F(Programming, ANewEntryIsAddedAndIndexed) {
   EXPECT_EQ(client->records.back(), table->entry(EntryKey(1)));
 }
 
-TEST_F(Programming, SameLowBitsSamePositionIsAcknowledgedWithoutAWrite) {
+TEST_F(Programming, SameLowBitsAndPositionIsOnlyAcknowledged) {
   put({.key = 1, .ti = 4, .opId = 5 * version + 3});
   EXPECT_THAT(put({.key = 1, .ti = 4, .opId = (5 + 65535) * version + 3}), ElementsAre("noop 1"));
   EXPECT_EQ(acknowledged(1), (5 + 65535) * version + 3);
@@ -52,7 +52,7 @@ TEST_F(Programming, DifferentLowBitsAreWritten) {
   EXPECT_EQ(acknowledged(1), 0U) << "the acknowledgement of a write is the hardware layer's";
 }
 
-TEST_F(Programming, AChangedConfigurationWithANewPositionIsUpdatedThenMoved) {
+TEST_F(Programming, ChangedConfigurationIsUpdatedThenMoved) {
   put({.key = 1, .ti = 4, .opId = 5 * version + 3});
   EXPECT_THAT(put({.key = 1, .ti = 9, .opId = 6 * version + 4}), ElementsAre("update 1@9", "move 1@9"));
   EXPECT_EQ(record(1).sti, 9U);
@@ -62,12 +62,12 @@ TEST_F(Programming, AChangedConfigurationWithANewPositionIsUpdatedThenMoved) {
   EXPECT_EQ(state().positions.precedence.at(9), &record(1));
 }
 
-TEST_F(Programming, AnUnchangedConfigurationWithANewPositionIsOnlyMoved) {
+TEST_F(Programming, UnchangedConfigurationIsOnlyMoved) {
   put({.key = 1, .ti = 4, .opId = 5 * version + 3});
   EXPECT_THAT(put({.key = 1, .ti = 9, .opId = 6 * version + 3}), ElementsAre("move 1@9"));
 }
 
-TEST_F(Programming, ARejectedConfigurationCallsNothingAndReturnsFalse) {
+TEST_F(Programming, RejectedConfigurationCallsNothing) {
   put({.key = 1, .ti = 4});
   write({.key = 2, .ti = 4});
   EXPECT_FALSE(engine->processEntry(table->entry(EntryKey(2))));
@@ -83,21 +83,21 @@ TEST_F(Programming, TheWaiterOfAVacatedPositionMovesIn) {
 }
 
 // What a move queues, without the drain: a wrongly woken entry would be blocked again with the same claim.
-TEST_F(Programming, AMoveUpwardWakesTheSameGroupClaimsOfTheRangeItOpened) {
+TEST_F(Programming, MoveUpwardWakesClaimsOfTheOpenedRange) {
   put({.key = 1, .ti = 3, .prio = 20});
   for (U32 ti = 4; ti <= 10; ++ti) wait(100 + ti, ti, 15);
   wait(200, 2, 25);
   EXPECT_THAT(woken({.key = 1, .ti = 11, .prio = 20}), ElementsAre(104, 105, 106, 107, 108, 109, 110));
 }
 
-TEST_F(Programming, AMoveDownwardFromTenToThreeWakesTheClaimsOnFourToNine) {
+TEST_F(Programming, MoveFromTenToThreeWakesClaimsOnFourToNine) {
   put({.key = 1, .ti = 10, .prio = 20});
   for (U32 ti = 4; ti <= 9; ++ti) wait(100 + ti, ti, 30);
   wait(103, 2, 30);
   EXPECT_THAT(woken({.key = 1, .ti = 3, .prio = 20}), ElementsAre(104, 105, 106, 107, 108, 109));
 }
 
-TEST_F(Programming, TheVacatedPositionsWaiterIsQueuedBeforeTheRange) {
+TEST_F(Programming, QueuesTheVacatedPositionsWaiterFirst) {
   put({.key = 1, .ti = 10, .prio = 20});
   wait(101, 4, 30);
   wait(102, 10, 20);
@@ -126,7 +126,7 @@ TEST_F(Programming, MovingUpAnEqualNeighbourBelowOpensNothing) {
   EXPECT_THAT(woken({.key = 1, .ti = 20, .prio = 20}), IsEmpty());
 }
 
-TEST_F(Programming, MovingDownAnEqualNeighbourBelowOpensWhatIsAboveIt) {
+TEST_F(Programming, MovingDownFromAnEqualBelowOpensWhatIsAboveIt) {
   put({.key = 1, .ti = 20, .prio = 20});
   put({.key = 2, .ti = 10, .prio = 20});
   wait(101, 7, 30);
@@ -134,7 +134,7 @@ TEST_F(Programming, MovingDownAnEqualNeighbourBelowOpensWhatIsAboveIt) {
   EXPECT_THAT(woken({.key = 1, .ti = 5, .prio = 20}), ElementsAre(102)) << "7 still has 2 above it";
 }
 
-TEST_F(Programming, MovingUpAnEqualNeighbourAboveOpensWhatIsBelowIt) {
+TEST_F(Programming, MovingUpFromAnEqualAboveOpensWhatIsBelowIt) {
   put({.key = 1, .ti = 3, .prio = 20});
   put({.key = 2, .ti = 10, .prio = 20});
   wait(101, 5, 15);
@@ -186,7 +186,7 @@ TEST_F(Programming, TheWalkIsTraced) {
   EXPECT_THAT(lines.take(), Contains("VantrelFastImpl/8 walking prio between 4 9"));
 }
 
-TEST_F(ProgrammingDeathTest, AnEntryWithoutExactlyOneTableIndexFailsItsAssertion) {
+TEST_F(ProgrammingDeathTest, EntryWithoutExactlyOneTableIndexFails) {
   EntryConfig none(EntryKey(1), OpId(1), 1, 0, 0);
   EntryConfig two = none;
   two.tableIndexIs(TableKey(1), 5);
@@ -195,13 +195,13 @@ TEST_F(ProgrammingDeathTest, AnEntryWithoutExactlyOneTableIndexFailsItsAssertion
   EXPECT_DEATH(engine->processEntry(two), HasSubstr("assertion failed: entry.tableIndexs() == 1,"));
 }
 
-TEST_F(ProgrammingDeathTest, ProgrammingBeforeInitializationFailsItsAssertion) {
+TEST_F(ProgrammingDeathTest, ProgrammingBeforeInitializationFails) {
   engine->initializedIs(false);
   EXPECT_DEATH(engine->processEntry(config({.key = 1, .ti = 1})),
                HasSubstr("assertion failed: initialized(), model file FastVantrelImpl,"));
 }
 
-TEST_F(ProgrammingDeathTest, AMoveFromAPositionThatIsNotIndexedFailsItsAssertion) {
+TEST_F(ProgrammingDeathTest, MoveFromAnUnlistedPositionFails) {
   forge();
   put({.key = 1, .ti = 4});
   state().positions.current.remove(4);
@@ -209,7 +209,7 @@ TEST_F(ProgrammingDeathTest, AMoveFromAPositionThatIsNotIndexedFailsItsAssertion
   EXPECT_DEATH(handle(1), HasSubstr("assertion failed: rc, model file FastVantrelImpl,"));
 }
 
-TEST_F(ProgrammingDeathTest, AMoveFromAPlaceThatIsNotInThePrecedenceOrderFailsItsAssertion) {
+TEST_F(ProgrammingDeathTest, MoveFromOutsideThePrecedenceIndexFails) {
   forge();
   put({.key = 1, .ti = 4});
   state().positions.precedence.remove(4);
@@ -218,7 +218,7 @@ TEST_F(ProgrammingDeathTest, AMoveFromAPlaceThatIsNotInThePrecedenceOrderFailsIt
 }
 
 // The conflict check lets only newer configurations through: the record is damaged behind its back.
-TEST_F(ProgrammingDeathTest, AnOpIdThatIsNotNewerThanTheProgrammedOneFailsItsAssertion) {
+TEST_F(ProgrammingDeathTest, OpIdNotNewerThanTheProgrammedOneFails) {
   put({.key = 1, .ti = 4});
   write({.key = 1, .ti = 4});
   auto const damage = [this] {

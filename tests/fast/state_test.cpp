@@ -90,7 +90,7 @@ TEST_F(EngineState, UnknownKeyHasOpIdZero) {
   EXPECT_EQ(engine->currentOpId(EntryKey(5)), OpId(77));
 }
 
-TEST_F(EngineState, NumPendingIsZeroBeforeInitializationWhateverTheStateHolds) {
+TEST_F(EngineState, NumPendingIsZeroBeforeInitialization) {
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 1});
   EXPECT_EQ(engine->numPending(), 1U);
@@ -164,13 +164,13 @@ TEST_F(EngineState, PtiPacksGroupAndPosition) {
   EXPECT_EQ(engine->pti(8191, 0), 0xFFF80000U);
 }
 
-TEST_F(EngineState, ShiftsOfThirtyTwoAndMoreAreDoneOnSixtyFourBits) {
+TEST_F(EngineState, ShiftsOfThirtyTwoAndMoreAreWellDefined) {
   engine->prioGrpShiftIs(32);
   EXPECT_EQ(engine->pti(0, 0xFFFFFFFE), 0xFFFFFFFEU);
   EXPECT_EQ(engine->lti(0xFFFFFFFE), 0xFFFFFFFEU);
 }
 
-TEST_F(FastStateDeathTest, PositionsAndGroupsOutsideTheMappingFailTheirAssertions) {
+TEST_F(FastStateDeathTest, PositionOrGroupOutsideTheMappingFails) {
   EXPECT_DEATH(engine->pti(0, 1U << 19),
                HasSubstr("assertion failed: ti < ( 1UL << prioGrpShift() ), model file FastVantrelImpl,"));
   EXPECT_DEATH(
@@ -188,7 +188,7 @@ TEST_F(Atcam, MapsPartitionThenOffset) {
   EXPECT_EQ(engine->lti(0x3FFFF), 262143U);
 }
 
-TEST_F(AtcamDeathTest, WrongPartitionAndOffsetTooFarFailTheirAssertions) {
+TEST_F(AtcamDeathTest, WrongPartitionOrOffsetTooFarFails) {
   engineIs(4U);
   EXPECT_DEATH(engine->pti(2, 4001),
                HasSubstr("assertion failed: pg == partition, model file FastVantrelImpl,"));

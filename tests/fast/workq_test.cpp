@@ -13,7 +13,7 @@ class Workq : public FastWorld {};
 using WorkqDeathTest = Workq;
 }  // namespace
 
-TEST_F(Workq, QueuingForAPositionThatNobodyWaitsForChangesNothing) {
+TEST_F(Workq, QueuingForAnUnclaimedPositionChangesNothing) {
   state().addToWorkq(4);
   EXPECT_THAT(queued(), IsEmpty());
   EXPECT_TRUE(state().workqSet.empty());
@@ -40,7 +40,7 @@ TEST_F(Workq, AQueuedEntryKeepsItsClaim) {
   EXPECT_EQ(engine->numPending(), 1U);
 }
 
-TEST_F(Workq, KeysQueuedByARetryRunInTheSameDrainBehindThoseQueuedBefore) {
+TEST_F(Workq, KeysQueuedByARetryRunLastInTheSameDrain) {
   put({.key = 1, .ti = 1});  // the chain 3 -> 2 -> 1, each waiting for the one before it
   put({.key = 2, .ti = 2});
   put({.key = 3, .ti = 3});
@@ -80,7 +80,7 @@ TEST_F(Workq, IsTracedOnBothChannels) {
   EXPECT_THAT(records.take(), Contains("pending key:%q [1,2]"));
 }
 
-TEST_F(Workq, ClearingARecordThatIsNotPendingOnlyResetsItsFields) {
+TEST_F(Workq, ClearingAnIdleRecordOnlyResetsItsFields) {
   EntryPState_s p{OpId(5), noIndex, PendingType::Occupied};
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 1});
@@ -91,7 +91,7 @@ TEST_F(Workq, ClearingARecordThatIsNotPendingOnlyResetsItsFields) {
   EXPECT_EQ(state().pending.count(), 1U);
 }
 
-TEST_F(Workq, ClearingWithoutUnindexLeavesTheSlotToTheCaller) {
+TEST_F(Workq, ClearingWithoutUnindexLeavesTheSlot) {
   forge();
   put({.key = 1, .ti = 1});
   put({.key = 2, .ti = 1});
@@ -100,7 +100,7 @@ TEST_F(Workq, ClearingWithoutUnindexLeavesTheSlotToTheCaller) {
   EXPECT_EQ(record(2).p.ti, noIndex);
 }
 
-TEST_F(WorkqDeathTest, ClearingAClaimThatIsNotListedFailsItsAssertion) {
+TEST_F(WorkqDeathTest, ClearingAnUnlistedClaimFails) {
   EntryPState_s p{OpId(5), 77, PendingType::Occupied};
   EXPECT_DEATH(state().clearPending(p, true),
                HasSubstr("assertion failed: rc == 1, model file FastVantrelImpl,"));

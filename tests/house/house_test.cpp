@@ -31,6 +31,7 @@ TEST(Repository, arrows) { EXPECT_THAT(arrows(repository()), IsEmpty()); }
 TEST(Repository, surfaces) { EXPECT_THAT(surfaces(repository()), IsEmpty()); }
 TEST(Repository, words) { EXPECT_THAT(words(repository()), IsEmpty()); }
 TEST(Repository, lineLength) { EXPECT_THAT(lineLength(repository()), IsEmpty()); }
+TEST(Repository, testNames) { EXPECT_THAT(testNames(repository()), IsEmpty()); }
 TEST(Repository, licence) { EXPECT_THAT(licence(repository()), IsEmpty()); }
 TEST(Repository, endings) { EXPECT_THAT(endings(repository()), IsEmpty()); }
 TEST(Repository, orphans) { EXPECT_THAT(orphans(repository()), IsEmpty()); }
@@ -138,6 +139,15 @@ TEST_F(Checker, longLinesCountColumnsNotBytes) {
   put("b.md", "| " + wide + " |\n```\n" + wide + wide + "\n```\n" + wide + " y\n");
   EXPECT_THAT(lineLength(tree()),
               ElementsAre(offence("a.cpp", 2, "111 columns"), offence("b.md", 5, "112 columns")));
+}
+
+TEST_F(Checker, longTestNamesAreNamed) {
+  std::string const most(45, 'x'), more(46, 'x');
+  put("a.cpp", "TEST(Suite, " + most + ") {}\nTEST_F(Suite, " + more + ") {}\n  TEST(" + more + ")\n");
+  put("b.cpp", "TEST_P(\n    Suite,\n    " + more + ") {}\nTYPED_TEST(Suite, " + more + ") {}\nTEST(");
+  EXPECT_THAT(testNames(tree()),
+              ElementsAre(offence("a.cpp", 2, "46 characters"), offence("b.cpp", 1, "46 characters"),
+                          offence("b.cpp", 4, "46 characters")));
 }
 
 TEST_F(Checker, everySourceStatesItsLicence) {

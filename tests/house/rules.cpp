@@ -286,6 +286,38 @@ Offences lineLength(Tree const& tree) {
   return out;
 }
 
+namespace {
+
+// The name of the test that begins on the line, empty for any other line. The layout may break after the
+// parenthesis or the comma.
+std::string testName(File const& f, std::size_t line) {
+  constexpr std::string_view macros[] = {"TEST(", "TEST_F(", "TEST_P(", "TYPED_TEST("};
+  std::string text = f.lines[line - 1];
+  if (std::ranges::none_of(macros, [&](std::string_view macro) { return text.starts_with(macro); }))
+    return "";
+  for (std::size_t next = line; next < f.lines.size() && text.find(')') == std::string::npos; ++next)
+    text += f.lines[next];
+  std::size_t const from = text.find_first_not_of(' ', text.find(',') + 1);
+  return text.substr(from, text.find(')') - from);
+}
+
+}  // namespace
+
+Offences testNames(Tree const& tree) {
+  constexpr std::size_t limit = 45;
+  Offences out;
+  for (File const& f : tree.files()) {
+    if (!isCpp(f)) continue;
+    eachLine(f, [&](std::size_t n, std::string const&) {
+      std::string const name = testName(f, n);
+      if (name.size() > limit)
+        out.push_back(
+            {f.path, n, name + " has " + std::to_string(name.size()) + " characters, at most 45 are wanted"});
+    });
+  }
+  return out;
+}
+
 Offences licence(Tree const& tree) {
   constexpr std::string_view mark = "SPDX-License-Identifier: Apache-2.0";
   Offences out;

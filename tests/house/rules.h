@@ -50,6 +50,8 @@ Offences surfaces(Tree const& tree);
 Offences words(Tree const& tree);
 // At most 110 columns, where a line can be broken at all.
 Offences lineLength(Tree const& tree);
+// A test's name says in at most 45 characters what is asserted.
+Offences testNames(Tree const& tree);
 // The licence line of every source.
 Offences licence(Tree const& tree);
 // A last newline, no trailing blanks, no carriage returns, no tabs but where make needs them.

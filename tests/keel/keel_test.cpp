@@ -197,7 +197,7 @@ TYPED_TEST(Contract, inactiveAndMarkedOnesSleepOn) {
   EXPECT_THAT(this->log_, IsEmpty());
 }
 
-TYPED_TEST(Contract, whatCameWhileSwitchedOffComesOnceItIsSwitchedOn) {
+TYPED_TEST(Contract, deliversOnSwitchingOnWhatCameWhileOff) {
   auto const a = this->sleeper(1);
   a->timeMinIs(this->in(0.005));
   a->hasNotificationActiveIs(false);

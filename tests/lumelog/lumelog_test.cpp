@@ -134,7 +134,7 @@ TEST(Name, HasTheProcessNumberWhereItIsAsked) {
   EXPECT_EQ(log->path(), dir / fmt::format("x-{}.lg", getpid()));
 }
 
-TEST(Name, LiesInTheDirectoryThatWasGivenUnlessTheEnvironmentSaysOtherwise) {
+TEST(Name, LiesInTheGivenDirectoryUnlessEnvironmentWins) {
   TempDir given, environment;
   directoryIs(given.path());
   LogPtr first = make("a.lg");
@@ -451,7 +451,7 @@ TEST(Fork, TheChildDoesNotWriteIntoItsParentsFile) {
   EXPECT_EQ(log->sites(), 1U);
 }
 
-TEST(Fork, AChildThatOutlivesItsParentDoesNotKeepTheFileLive) {
+TEST(Fork, ChildOutlivingItsParentKeepsNoFileLive) {
   TempDir dir;
   int toChild[2];
   ASSERT_EQ(pipe(toChild), 0);

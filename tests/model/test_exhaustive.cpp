@@ -20,7 +20,7 @@ void say(std::string const& name, U32 length, std::size_t operations, Explored c
       static_cast<unsigned long long>(e.rings));
 }
 
-TEST(Exhaustive, engineAndModelAgreeAfterEverySequenceOfAFewOperations) {
+TEST(Exhaustive, engineAndModelAgreeAfterEveryShortSequence) {
   Explored total;
   int const extra = static_cast<int>(environment("VANTREL_EXHAUSTIVE_EXTRA", 0)) - (slow ? 1 : 0);
   for (SmallWorld const& world : smallWorlds(extra)) {

@@ -103,7 +103,7 @@ TEST(Liveness, inOneGroupEveryKeyArrivesWhenNoPositionIsFree) {
   std::printf("%llu rewrites of four keys on four positions\n", static_cast<unsigned long long>(runs));
 }
 
-TEST(Liveness, inOneGroupEveryKeyArrivesInLargeRandomRewrites) {
+TEST(Liveness, inOneGroupEveryKeyArrivesInRandomRewrites) {
   std::mt19937_64 random(1);
   Differ differ({});
   for (int run = 0; run < (slow ? 600 : 6000); ++run) {
@@ -201,7 +201,7 @@ U32 leftBehind(Rewrites const& r, U32 runs) {
   return count;
 }
 
-TEST(Liveness, withSeveralGroupsARingThroughAPriorityBlockedMemberStays) {
+TEST(Liveness, severalGroupsLeaveAPriorityBlockedRing) {
   constexpr U32 runs = slow ? 500 : 5000;
   for (U32 groups : {2U, 3U})
     for (U32 priorities : {2U, 10U})
@@ -209,7 +209,7 @@ TEST(Liveness, withSeveralGroupsARingThroughAPriorityBlockedMemberStays) {
         EXPECT_GT(leftBehind({groups, priorities, positions, false}, runs), 0U);
 }
 
-TEST(Liveness, nobodyIsLeftBehindInOneGroupOrWithOnePriorityOrWithGroupsApart) {
+TEST(Liveness, oneGroupOnePriorityOrGroupsApartLeaveNobody) {
   constexpr U32 runs = slow ? 500 : 5000;
   EXPECT_EQ(leftBehind({1, 10, 10, false}, runs), 0U);
   EXPECT_EQ(leftBehind({3, 1, 10, false}, runs), 0U);
@@ -226,7 +226,7 @@ std::vector<Step> smallestUnfinished() {
   return joined(first, writes(members, {2, 3, 0}, {0, 1, 2}, newest));
 }
 
-TEST(Liveness, theSmallestRingThroughAPriorityBlockedMemberIsNotBroken) {
+TEST(Liveness, smallestPriorityBlockedRingIsNotBroken) {
   Differ differ({});
   EXPECT_FALSE(arrives(differ, smallestUnfinished(), {2, 3, 0}));
   EXPECT_TRUE(arrived(differ.model(), {0, 1, 3}));
@@ -235,7 +235,7 @@ TEST(Liveness, theSmallestRingThroughAPriorityBlockedMemberIsNotBroken) {
   for (U64 key : {1U, 2U, 3U}) EXPECT_TRUE(waitsForRingThroughPriority(differ.model(), key));
 }
 
-TEST(Liveness, takingOneMemberOutAndPuttingItBackLetsTheOthersThrough) {
+TEST(Liveness, takingAMemberOutAndBackLetsTheOthersThrough) {
   for (U32 out : {1U, 2U, 3U}) {
     Differ differ({});
     EXPECT_FALSE(arrives(differ, smallestUnfinished(), {2, 3, 0}));
@@ -295,7 +295,7 @@ TEST(Liveness, noRewriteOfTwoKeysIsLeftUnfinishedInAnyGroups) {
     for (std::vector<Member> const& members : casts(2)) EXPECT_FALSE(findStuck(members, positions, found));
 }
 
-TEST(Liveness, theSearchFindsNothingSmallerThanThreeKeysOnFourPositions) {
+TEST(Liveness, searchFindsNothingBelowThreeKeysFourPositions) {
   Stuck found;
   for (std::vector<Member> const& members : casts(3)) EXPECT_FALSE(findStuck(members, 3, found));
   bool any = false;

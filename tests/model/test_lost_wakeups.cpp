@@ -26,7 +26,7 @@ void waitAndFail(Differ& differ) {
   differ.run(fail(2, -1));
 }
 
-TEST(LostWakeUps, aDependantThatFailsInTheDrainLeavesTheNotifiedKeyForRetryAndForgetsTheDrainedOne) {
+TEST(LostWakeUps, failureInTheDrainForgetsTheDrainedKey) {
   Differ differ({});
   waitAndFail(differ);
   differ.run(put(record(1, version(3), 1, 0, 0, 5)));
@@ -39,7 +39,7 @@ TEST(LostWakeUps, aDependantThatFailsInTheDrainLeavesTheNotifiedKeyForRetryAndFo
   EXPECT_EQ(differ.idleClaim(), 2U);
 }
 
-TEST(LostWakeUps, theDrainedKeyComesBackWithItsOwnNextNotification) {
+TEST(LostWakeUps, drainedKeyComesBackWhenNotifiedAgain) {
   Differ differ({});
   waitAndFail(differ);
   differ.run(put(record(1, version(3), 1, 0, 0, 5)));
@@ -63,7 +63,7 @@ TEST(LostWakeUps, keysQueuedBehindTheFailedOneRunInTheNextDrain) {
 
 // The drain stops at key 4, so key 2 stays in the blocked set, where the next check finds it in a ring with
 // key 1.
-TEST(LostWakeUps, aVictimWhoseDependantsFailIsDeletedAndNotRetried) {
+TEST(LostWakeUps, victimWithFailingDependantsIsNotRetried) {
   Differ differ({});
   differ.run(put(record(1, version(1), 1, 0, 0, 0)));
   differ.run(put(record(2, version(2), 2, 0, 0, 1)));
@@ -89,7 +89,7 @@ TEST(LostWakeUps, aVictimWhoseDependantsFailIsDeletedAndNotRetried) {
 
 // A claim on an occupied position outlives its occupant when the wake-up is lost; the next check meets it and
 // stops.
-TEST(LostWakeUpsDeathTest, theNextDeadlockCheckStopsAtAClaimWhoseOccupantIsGone) {
+TEST(LostWakeUpsDeathTest, nextCheckStopsAtAClaimWithoutOccupant) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   auto const run = [] {
     Differ differ({});

@@ -150,7 +150,7 @@ TEST_F(Replay, anAttributeThatBothHaveIsSetWhereTheStepSays) {
   EXPECT_THAT(r.out, Not(HasSubstr("add")));
 }
 
-TEST_F(Replay, theAlgorithmicEngineIsCleanedUpWhileItStillIsOne) {
+TEST_F(Replay, cleansTheAlgorithmicEngineUpByItsOwnMapping) {
   Result const r = run("-",
                        "{\"engine\":\"atcam\",\"maxPartitions\":4}\n"
                        "{\"do\":\"put\",\"key\":1,\"opId\":1,\"pg\":1,\"ti\":[4001]}\n"
@@ -224,7 +224,7 @@ TEST_F(Replay, aFileThatCannotBeReadIsNamed) {
   EXPECT_EQ(run(".").status, 1);
 }
 
-TEST_F(Replay, whatWasPrintedIsOutWhenAnAssertionEndsTheProcess) {
+TEST_F(Replay, flushesOutputBeforeAnAssertionEndsTheProcess) {
   Result const r = run("-",
                        "{\"do\":\"put\",\"key\":1,\"opId\":1,\"ti\":[1]}\n"
                        "{\"do\":\"put\",\"key\":2,\"opId\":1}\n"

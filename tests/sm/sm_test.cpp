@@ -70,7 +70,7 @@ class FrontEnd : public EngineWorld<FastVantrelImpl> {
 
 }  // namespace
 
-TEST_F(FrontEnd, StartsWithItsDefaultsAndOneWalkOfTheEmptyTable) {
+TEST_F(FrontEnd, StartsWithDefaultsAndOneWalkOfTheTable) {
   create();
   EXPECT_TRUE(sm->initialized());
   EXPECT_TRUE(sm->initialFlushed());
@@ -149,7 +149,7 @@ TEST_F(FrontEnd, FlushComesBeforeInitialFlushedAndTheCounter) {
   EXPECT_EQ(told, 1);
 }
 
-TEST_F(FrontEnd, WithoutFlushStatusNoCounterMovesAndTheFirstFlushIsNeverSaid) {
+TEST_F(FrontEnd, WithoutFlushStatusNeverReportsTheFirstFlush) {
   flushStatus = nullptr;
   create();
   EXPECT_FALSE(sm->initialFlushed());
@@ -183,7 +183,7 @@ TEST_F(FrontEnd, KeyNotificationReachesTheEngine) {
   EXPECT_THAT(keyEngine->take(), ElementsAre(8, 8));
 }
 
-TEST_F(FrontEnd, WholeCollectionNotificationWalksAndFlushesButMovesTheFlushCounterOnlyOnce) {
+TEST_F(FrontEnd, SecondWalkFlushesButLeavesTheFlushCounter) {
   create();
   client->take();
   write({.key = 1, .ti = 1});
@@ -218,7 +218,7 @@ TEST_F(FrontEnd, ReplacingTheTableByItselfRunsNothing) {
   EXPECT_THAT(client->take(), IsEmpty());
 }
 
-TEST_F(FrontEnd, ReplacingTheTableByNullDropsTheReactorAndSettingOneAgainWalksIt) {
+TEST_F(FrontEnd, NullTableDropsTheReactorAndANewOneIsWalked) {
   create();
   client->take();
   sm->tableConfigIs(nullptr);
@@ -234,7 +234,7 @@ TEST_F(FrontEnd, ReplacingTheTableByNullDropsTheReactorAndSettingOneAgainWalksIt
   EXPECT_EQ(sm->tableConfig(), nullptr);
 }
 
-TEST_F(FrontEnd, SwitchedOffItHearsNothingAndSwitchingOnWalksOnce) {
+TEST_F(FrontEnd, HearsNothingWhileOffAndWalksOnceSwitchedOn) {
   create();
   sm->hasNotificationActiveIs(false);
   client->take();
@@ -304,7 +304,7 @@ TEST_F(FrontEnd, ATableSetWhileMarkedForDeletionIsOwedItsWalk) {
   EXPECT_THAT(client->take(), ElementsAre("flush"));
 }
 
-TEST_F(FrontEnd, MarkedForDeletionItIgnoresEveryNotificationAndReactorsInheritTheMark) {
+TEST_F(FrontEnd, MarkedForDeletionIgnoresEveryNotification) {
   create();
   client->take();
   sm->markedForDeletionIs(true);
@@ -320,7 +320,7 @@ TEST_F(FrontEnd, MarkedForDeletionItIgnoresEveryNotificationAndReactorsInheritTh
   EXPECT_EQ(keyEngine->debugs, 0);
 }
 
-TEST_F(FrontEnd, DestroyedItLeavesItsInputsAloneAndDoesNotFlush) {
+TEST_F(FrontEnd, DestructionLeavesInputsAloneAndDoesNotFlush) {
   create();
   keyEngine->internal = {1};
   tell(1);
@@ -347,7 +347,7 @@ TEST_F(FrontEnd, DestroyedFromInsideItsOwnNotification) {
   EXPECT_THAT(keyEngine->take(), IsEmpty());
 }
 
-TEST_F(FrontEnd, TableDroppedFromInsideAWalkLeavesTheWalkOnItsTable) {
+TEST_F(FrontEnd, WalkGoesOnWhenItDropsItsTable) {
   write({.key = 1, .ti = 1});
   write({.key = 2, .ti = 2});
   create();
@@ -428,7 +428,7 @@ class DamagedWalk : public Shoal::LocalTable<EntryConfig> {
 };
 }  // namespace
 
-TEST_F(FrontEnd, DamageInAWalkIsReportedAndTheWalkCountsAsComplete) {
+TEST_F(FrontEnd, ReportsDamageInAWalkThatCountsAsComplete) {
   auto const damaged = make<DamagedWalk>();
   damaged->entryQuietlyIs(config({.key = 5, .ti = 5}));
   damaged->entryQuietlyIs(config({.key = 6, .ti = 6}));
@@ -488,7 +488,7 @@ TEST_F(FrontEnd, OnlyDamageIsTheTablesOwnToReport) {
   EXPECT_THAT(client->take(), IsEmpty()) << "a walk that was broken off is not flushed";
 }
 
-TEST_F(FrontEnd, HandlersAreTracedWithSignatureModelFileLineAndName) {
+TEST_F(FrontEnd, TracesHandlersWithSignatureFileLineAndName) {
   create();
   FacilityLines lines("VantrelSm/8");
   tell(1);
@@ -506,7 +506,7 @@ TEST_F(FrontEnd, HandlersAreTracedWithSignatureModelFileLineAndName) {
 
 // Retries.
 
-TEST_F(FrontEnd, ThreeFailuresShareOneWakeUpAfterTheFirstAndAreRetriedAscending) {
+TEST_F(FrontEnd, FailuresShareOneWakeUpAndAreRetriedAscending) {
   create();
   keyEngine->internal = {1, 2, 3};
   tell(3);
@@ -540,7 +540,7 @@ TEST_F(FrontEnd, AKeyThatAlwaysFailsIsRetriedOncePerPeriod) {
   }
 }
 
-TEST_F(FrontEnd, AFailureInAPassArmsTheNextWakeUpFromThatMoment) {
+TEST_F(FrontEnd, FailureInAPassArmsTheNextWakeUpFromThen) {
   create();
   keyEngine->internal = {1};
   tell(1);
@@ -550,7 +550,7 @@ TEST_F(FrontEnd, AFailureInAPassArmsTheNextWakeUpFromThatMoment) {
   EXPECT_EQ(wheel->earliest(), 13.0);
 }
 
-TEST_F(FrontEnd, AKeyAddedInAPassAboveTheCurrentOneIsVisitedInTheSamePass) {
+TEST_F(FrontEnd, PassVisitsAKeyAddedAboveTheCurrentOne) {
   create();
   keyEngine->internal = {5};
   tell(5);
@@ -627,7 +627,7 @@ TEST_F(FrontEnd, AKeyRemovedInAPassIsNotTried) {
   EXPECT_THAT(keyEngine->take(), ElementsAre(1, 3));
 }
 
-TEST_F(FrontEnd, WithoutAWheelFailedKeysAccumulateAndAreNeverRetried) {
+TEST_F(FrontEnd, WithoutAWheelNeverRetriesFailedKeys) {
   wheel = nullptr;
   create();
   keyEngine->internal = {1, 2};
@@ -678,7 +678,7 @@ TEST_F(FrontEnd, APassWhileNotInitializedDropsTheKeys) {
   EXPECT_THAT(failed(), IsEmpty());
 }
 
-TEST_F(FrontEnd, AnotherExceptionInAPassLeavesTheRestForTheNextFailure) {
+TEST_F(FrontEnd, OtherExceptionInAPassLeavesTheRestWaiting) {
   create();
   keyEngine->internal = {1, 2, 3};
   for (U64 key : {1, 2, 3}) tell(key);
@@ -832,7 +832,7 @@ TEST_F(FrontEnd, AWatcherOfTheCountersNeedsNoHandler) {
   EXPECT_EQ(flushStatus->flushCounter(), 1);
 }
 
-TEST_F(FrontEnd, AProducerThatAnswersTheTableCounterDuringConstructionIsHeardByTheFirstWalk) {
+TEST_F(FrontEnd, FirstWalkHearsAnswerToTheTableCounter) {
   class Answering : public VantrelFlushStatus::Notifiee {
    public:
     void onTableCounter() override { answer(); }
@@ -923,7 +923,7 @@ TEST_F(FrontEnd, AWalkThatThrewAtSwitchingOnIsStillOwed) {
   EXPECT_THAT(keyEngine->take(), ElementsAre(1));
 }
 
-TEST_F(FrontEnd, AnotherExceptionInAWalkPassesThroughWithoutAFlush) {
+TEST_F(FrontEnd, OtherExceptionInAWalkSkipsTheFlush) {
   create();
   client->take();
   write({.key = 1, .ti = 1});
@@ -932,7 +932,7 @@ TEST_F(FrontEnd, AnotherExceptionInAWalkPassesThroughWithoutAFlush) {
   EXPECT_THAT(client->take(), IsEmpty());
 }
 
-TEST_F(FrontEnd, ARetryThatFellDueWhileSwitchedOffComesWhenItIsSwitchedOn) {
+TEST_F(FrontEnd, RetryDueWhileOffComesWhenSwitchedOn) {
   create();
   keyEngine->internal = {1};
   tell(1);
@@ -957,7 +957,7 @@ TEST_F(FrontEnd, APeriodOfNothingRetriesOnceAnInstant) {
   EXPECT_THAT(keyEngine->take(), ElementsAre(1));
 }
 
-TEST_F(FrontEnd, WithARealEngineAKeyThatChangesNothingLeavesNoFailedKey) {
+TEST_F(FrontEnd, UnchangedKeyLeavesNoFailedKeyWithARealEngine) {
   engineIs();
   sm = vantrelSmFactory(table, status, debugConfig, debugStatus, engine, flushStatus, wheel);
   table->entryIs(config({.key = 1, .ti = 1, .opId = 5}));

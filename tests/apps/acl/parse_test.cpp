@@ -34,7 +34,7 @@ TEST(ParseTest, ReadsActions) {
   EXPECT_EQ(action("mark 4294967295"), (Action{ActionKind::Mark, 4294967295}));
 }
 
-TEST(ParseTest, BlanksTabsCommentsEmptyLinesAndCarriageReturns) {
+TEST(ParseTest, SkipsBlanksCommentsAndCarriageReturns) {
   std::string const spaced = "@10.0.0.0/8 192.0.2.1/32 0:65535   80  :443 0x06/0xFF\t \t0x0200/0x1200\r\n";
   std::string const file = "# edge filter\n\n" + spaced + "   \n \t# more\n" + good + "\n";
   EXPECT_EQ(parse(file, "f"), (std::vector{parse(good, "f")[0], parse(good, "f")[0]}));
