@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // How long the agent's event loop is held while a snapshot of the engine is taken and sent to another
-// process, and keys arrive. The pass is the dispatch in which the engine fills the snapshot; a slice each of
-// the others, which send it. These are times on the wall; the processor's part is what a busy machine does
-// not stretch.
+// process, while keys arrive. The pass is the dispatch in which the engine fills the snapshot; a slice is one
+// of the others, which send it. Times are of the wall clock; the processor's time beside them does not grow
+// on a busy machine.
 #include <benchmark/benchmark.h>
 #include <poll.h>
 #include <sys/wait.h>

@@ -19,7 +19,7 @@ void require(bool condition, char const* what, U64 key) {
   if (!condition) throw Broken(std::string(what) + ", key " + std::to_string(key));
 }
 
-// Where the indexes should have a record: its own place, unless a change is on its way.
+// Where the indexes should have a record: its own place, unless it is the one that is being changed.
 U32 indexedAt(CState_s const& c, InFlight const& change) {
   if (change.key != c.key.value()) return c.sti;
   switch (change.kind) {

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What must hold of the engine's state and of the hardware at any moment, checked from outside with full
-// scans.
+// Checks from outside, by full scans, the invariants of the engine's state and of the hardware.
 //
-// Errors: Broken, one sentence that names what does not hold.
+// Errors: Broken, one sentence that names the broken invariant.
 #pragma once
 
 #include <stdexcept>
@@ -18,10 +17,10 @@ class Broken : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// The precedence index of a position, worked out again.
+// The precedence index of a position, computed without the engine's code.
 U32 precedenceIndex(EngineChoice const& engine, U16 pg, U32 ti);
 
-// A change that is on its way while the hardware client is called: the indexes are ahead of the record then.
+// The change during which the hardware client is called: the indexes have it already, the record has not.
 struct InFlight {
   EventKind kind = EventKind::Flush;  // Add, Move and the deletes matter
   U64 key = 0;
@@ -31,12 +30,12 @@ struct InFlight {
 // All indexes of the state agree with its records, and the work queue with its set.
 void audit(Vantrel::FastState const& state, EngineChoice const& engine, InFlight const& change = {});
 
-// The hardware as its client sees it, call by call: who lies where, and whether the order holds in every
-// group, in the middle of a move too, when the entry lies at both places.
+// The hardware as its client sees it, call by call: which entry is where, and whether the order holds in
+// every group, also in the middle of a move, when the entry is at both positions.
 class HardwareView {
  public:
   explicit HardwareView(EngineChoice const& engine) : engine_(engine) {}
-  // `prio` and `pg` are those that the engine saw first.
+  // `prio` and `pg` must be those of the key's first configuration.
   void call(EventKind kind, Vantrel::EntryConfig const& entry, U32 prio, U16 pg);
   std::size_t size() const { return places_.size(); }
 

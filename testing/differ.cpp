@@ -72,7 +72,7 @@ std::string Differ::endsProcess(Step const& step) const {
   return "";
 }
 
-// The keys of a walk or a cleanup in the order in which the other side will visit them.
+// The keys of a walk or a clean-up in the order in which the engine will visit them.
 std::vector<U64> Differ::order(Step const& step) const {
   std::vector<U64> keys;
   if (step.what == Do::Walk)

@@ -27,11 +27,11 @@ class Differ : public World::Listener {
   explicit Differ(EngineChoice const& engine);
   // Throws Difference. After a cleanup nothing may follow.
   void run(Step const& step);
-  // Whether the step would end the engine's process, by an assertion that the model foresees; its text, or
-  // empty.
+  // Returns the text of the assertion by which the step would end the engine's process, as the model
+  // predicts; empty when it would not.
   std::string endsProcess(Step const& step) const;
-  // Back to an empty table and an engine that knows nothing, by removing every key; handles are forgotten.
-  // Compared like any other step.
+  // Removes every key, so that table and engine are empty, and forgets all handles. Compared like any other
+  // step.
   void empty();
 
   Model const& model() const { return model_; }
@@ -39,8 +39,8 @@ class Differ : public World::Listener {
   U64 steps() const { return steps_; }
   std::vector<Event> const& events() const { return events_; }  // of the last step
 
-  // Claims that wait for a position that is free and in order; the first one's key. An engine that lost no
-  // wake-up has none.
+  // Returns the key of a claim on a position that is free and in order, if there is one: only a lost wake-up
+  // leaves such a claim.
   std::optional<U64> idleClaim() const;
 
   void onEvent(EventKind kind, Vantrel::EntryConfig const& entry) override;
@@ -60,7 +60,7 @@ class Differ : public World::Listener {
   HardwareView hardware_;
   std::vector<Event> events_;
   Choices choices_;
-  std::string broken_;  // what an audit inside a hardware call found first
+  std::string broken_;  // the first finding of an audit inside a hardware call
   U64 steps_ = 0;
   Vantrel::FastState const* state_ = nullptr;
   std::optional<World> world_;

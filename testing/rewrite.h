@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Rewrites: a table whose entries lie where they should is told, entry by entry, that all of them belong
-// elsewhere. Does every entry arrive?
+// Rewrites: from one consistent placement of a table's entries to another, one write for each entry, to see
+// whether every entry arrives.
 #pragma once
 
 #include <random>
@@ -15,7 +15,7 @@ struct Member {
   U32 prio;
 };
 
-// A position for each member, all different; in order inside each group, or it is not consistent.
+// A position for each member, all different. Consistent when priorities are in order inside each group.
 using Placement = std::vector<U32>;
 
 bool consistent(std::vector<Member> const& members, Placement const& placement);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Scenarios: what may happen to a front end and its engine, one step a line, and what came of it, one event
-// a line. The bytes are described in docs/formats/scenario.md.
+// Scenarios: the steps that a front end and its engine are given, one a line, and the events that follow, one
+// a line. docs/formats/scenario.md describes both.
 //
-// Invariants: a step that was parsed has every field in range; print(parse(line)) means the same as line.
+// Invariants: a parsed step has every field in range; print(parse(line)) means the same as line.
 // Ownership: plain values.
 // Threading: none.
 // Errors: ScenarioError, one sentence that says what was expected and what came instead.
@@ -39,7 +39,7 @@ enum class Do : U8 { Put, Remove, Notify, Walk, Fail, Advance, Set, Debug, Show,
 
 struct Step {
   Do what = Do::Show;
-  bool quiet = false;          // put, remove: the table changes and nobody is told
+  bool quiet = false;          // put, remove: the table changes without a notification
   Vantrel::EntryConfig entry;  // put: the record; remove, notify, fail: its key
   std::int64_t times = 0;      // fail: how many attempts; -1 all, 0 none
   double seconds = 0.0;        // advance
@@ -54,7 +54,7 @@ struct Scenario {
   std::vector<Step> steps;
 };
 
-// Steps by hand, for tests and generators.
+// Make single steps, for tests and generators.
 Step put(Vantrel::EntryConfig const& entry, bool quiet = false);
 Step remove(U64 key, bool quiet = false);
 Step notify(U64 key);
@@ -69,7 +69,7 @@ Step cleanup();
 Vantrel::EntryConfig record(U64 key, U64 opId, U32 hdl, U16 pg, U32 prio, U32 ti);
 
 using Line = std::variant<EngineChoice, Step>;
-// Throws ScenarioError. Whether an engine line may stand here is the caller's business.
+// Throws ScenarioError. The caller must check whether an engine line is allowed here.
 Line parseLine(std::string_view line);
 // Throws ScenarioError that begins with "NAME:LINE: ".
 Scenario parseScenario(std::string_view name, std::string_view text);

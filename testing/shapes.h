@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Shapes of random scenarios: what a walk is made of, and the steps it takes. A walk never asks for what a
-// producer must not ask (a version between the programmed and the waiting one, a position of another
-// partition): that ends the process.
+// Shapes of random scenarios: the parameters of a walk, and the generator of its steps. A walk never does
+// what a producer must not do (write a version between the programmed and the waiting one, or a position of
+// another partition), for that ends the process.
 //
-// Ownership: plain values; the generator only looks at the model it was given.
+// Ownership: plain values; the generator only reads the model.
 // Cost: a scan of the model a step.
 #pragma once
 
@@ -22,11 +22,11 @@ struct Shape {
   U32 positions = 8;  // of each partition, with an algorithmic TCAM
   U32 priorities = 4;
   U32 groups = 1;
-  bool groupOfKey = true;  // a key keeps its group and its priority; else both may change
+  bool groupOfKey = true;  // a key keeps its group and priority; otherwise both may change
   bool sharedHandles = false;
-  bool strayOpIds = false;  // stale versions, equal ones, far-ahead ones; else they rise across the table
+  bool strayOpIds = false;  // stale, equal and far-ahead versions; otherwise they rise across the table
   bool failures = false;    // dependants fail, the clock moves
-  bool quietSteps = true;   // changes that nobody is told of, notifications without a change, walks
+  bool quietSteps = true;   // changes without a notification, notifications without a change, walks
   bool attributes = false;  // settings change on the way, debug snapshots are asked for
   U32 removals = 15;        // how many of a hundred steps remove, or mark for deletion
 };
@@ -40,7 +40,7 @@ using Draw = std::function<U32(U32 bound)>;
 class Steps {
  public:
   Steps(Shape const& shape, Draw draw) : shape_(shape), draw_(std::move(draw)) {}
-  // The next step of a walk that has brought the model where it is.
+  // Returns the next step of a walk, given the model after the steps so far.
   Step next(Model const& model);
 
  private:

@@ -20,7 +20,7 @@ Scenario without(Scenario const& scenario, std::size_t from, std::size_t count) 
   return rest;
 }
 
-// One pass over the scenario; true when a piece could go.
+// Makes one pass over the scenario. Returns whether a piece could be removed.
 bool takeOut(Scenario& scenario, std::size_t piece, std::function<bool(Scenario const&)> const& fails) {
   bool any = false;
   for (std::size_t from = 0; from < scenario.steps.size();) {

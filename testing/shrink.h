@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Makes a failing scenario small: steps are taken out, in ever smaller pieces, as long as it still fails.
+// Shrinks a failing scenario (delta debugging, A. Zeller, 1999): removes steps, in ever smaller pieces, as
+// long as it still fails.
 #pragma once
 
 #include <functional>
@@ -8,14 +9,14 @@
 
 namespace Testing {
 
-// `fails` must be true of `scenario`, and must not end the process on what is left of it.
+// `fails` must be true for `scenario`, and must not end the process for a part of it.
 Scenario shrink(Scenario scenario, std::function<bool(Scenario const&)> const& fails);
 
-// Runs a check in a child process: true when it returned true or the child died. What was taken out of a
-// scenario may make the rest one that ends the process.
+// Runs a check in a child process. Returns true when it returned true or the child died: a part of a scenario
+// may end the process.
 bool failsApart(std::function<bool()> const& check);
 
-// Writes the scenario where `vantrel replay` can run it, and returns the path: in the directory that
+// Writes the scenario to a file for `vantrel replay` and returns its path: in the directory that
 // VANTREL_FAILURES names, else in the system's for temporary files.
 std::string keep(Scenario const& scenario, std::string const& name);
 

@@ -2,8 +2,8 @@
 // Small worlds, tried exhaustively: every sequence of a given length over a short list of operations, each
 // run from an empty world (or a given beginning) on engine and model.
 //
-// Sequences that only rename keys, groups or handles are tried once: each name may be used first only after
-// those below it. An operation that would end the process is left out, and so is what would follow it.
+// Of sequences that differ only in the names of keys, groups or handles one is tried: a name is used only
+// after the smaller ones. An operation that would end the process is left out, and so is what would follow.
 #pragma once
 
 #include <string>

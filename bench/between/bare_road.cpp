@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The floor: a write is a copy of the record's words into a slot that both processes map, an acknowledgement
-// one of its version. Who sleeps says so, and is woken by an event descriptor watched edge-triggered, which
-// nobody has to read; who does not sleep is not woken.
+// The floor: a write copies the record's words into a slot that both processes map, an acknowledgement copies
+// its version. A process sets a flag before it sleeps, and only then is it woken, by an eventfd that is
+// watched edge-triggered, so that nobody has to read it.
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>

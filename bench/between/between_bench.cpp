@@ -3,9 +3,9 @@
 //
 //   one at a time   both sides sleep in between; the median, and what one write in a hundred, one in a
 //                   thousand takes longer than
-//   at saturation   up to 4096 writes are under way; who has so many goes on when half are done, and looks
-//                   every tenth of a millisecond: being woken for each would cost the far end a wake-up each.
-//                   The time of one
+//   at saturation   up to 4096 writes are under way. With so many the producer waits until half of them are
+//                   acknowledged, and polls every tenth of a millisecond, because waking it for each would
+//                   cost the far end a wake-up each. The time of one
 //   a processor each, one processor: where the two ends run, see road.h
 #include <benchmark/benchmark.h>
 

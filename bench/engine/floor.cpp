@@ -44,7 +44,7 @@ Places Floor::placesIn(Pcvoid_t array) {
   return all;
 }
 
-// All of it is read, as whoever programs it would, and not what its version and handle take alone.
+// The whole record is read, as for programming it, not only its version and handle.
 EntryConfig Floor::read(EntryKey key) const {
   EntryConfig entry = table_->LocalTable::entry(key);
   benchmark::DoNotOptimize(&entry);
@@ -82,6 +82,13 @@ void Floor::neighbours(U32 pti) {
   if (next) benchmark::DoNotOptimize(static_cast<CState*>(*next)->prio);
 }
 
+// What decides whether the entry may take the position: its occupant, its neighbours, its claim.
+void Floor::lookUp(CState const& c, U32 ti) {
+  benchmark::DoNotOptimize(at(current_, ti));
+  neighbours(pti(c, ti));
+  benchmark::DoNotOptimize(at(pending_, ti));
+}
+
 void Floor::enterAt(CState& c, U32 ti) {
   put(current_, ti, &c);
   put(precedence_, pti(c, ti), &c);
@@ -99,9 +106,7 @@ void Floor::add(EntryKey key) {
   keyToHandle_.try_emplace(key, entry.hdl());
   CState& c = enter(entry);
   U32 const ti = entry.tableIndex(TableKey(0));
-  benchmark::DoNotOptimize(at(current_, ti));
-  neighbours(pti(c, ti));
-  benchmark::DoNotOptimize(at(pending_, ti));
+  lookUp(c, ti);
   enterAt(c, ti);
   c.opId = entry.opId();
 }
@@ -126,9 +131,7 @@ void Floor::move(EntryKey key) {
   EntryConfig const entry = head(key);
   U32 const ti = entry.tableIndex(TableKey(0));
   U32 const old = c.sti;
-  benchmark::DoNotOptimize(at(current_, ti));
-  neighbours(pti(c, ti));
-  benchmark::DoNotOptimize(at(pending_, ti));
+  lookUp(c, ti);
   leave(c);
   enterAt(c, ti);
   c.opId = entry.opId();
@@ -232,9 +235,7 @@ void Floor::programWoken() {
   CState& c = find(key);
   EntryConfig const entry = head(key);
   U32 const ti = entry.tableIndex(TableKey(0));
-  benchmark::DoNotOptimize(at(current_, ti));
-  neighbours(pti(c, ti));
-  benchmark::DoNotOptimize(at(pending_, ti));
+  lookUp(c, ti);
   JudyLDel(&pending_, ti, PJE0);
   enterAt(c, ti);
   c.opId = entry.opId();
@@ -252,9 +253,7 @@ void Floor::moveWoken() {
   EntryConfig const entry = head(key);
   U32 const ti = entry.tableIndex(TableKey(0));
   U32 const old = c.sti;
-  benchmark::DoNotOptimize(at(current_, ti));
-  neighbours(pti(c, ti));
-  benchmark::DoNotOptimize(at(pending_, ti));
+  lookUp(c, ti);
   JudyLDel(&pending_, ti, PJE0);
   blocked_.erase(key);
   if (old != noIndex) leave(c);

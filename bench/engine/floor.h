@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Floor: the index operations and record reads that a key cannot do without, in the order in which the engine
-// needs them, on the same kinds of containers, with nothing around them: no judging, no virtual calls, no
-// traces, no notifications, no assertions. It knows beforehand what will happen, and is wrong for any other
-// input.
+// needs them, on the same kinds of containers, and nothing else: no decisions, no virtual calls, no traces,
+// no notifications, no assertions. Each function assumes its case, and is wrong for any other input.
 //
 // What each key costs, in the order of the work:
 //
@@ -89,6 +88,7 @@ class Floor {
   CState& find(EntryKey key);
   CState& enter(EntryConfig const& entry);
   void neighbours(U32 pti);
+  void lookUp(CState const& c, U32 ti);
   void enterAt(CState& c, U32 ti);
   void leave(CState const& c);
   void claim(CState& c, EntryConfig const& entry);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Timed: the part of an iteration that counts, as the counters that the reporter shows. The clock is the
-// thread's own: what is measured never waits, and whoever else wants the processor is not its cost.
+// Timed: measures a part of an iteration, for the counters that the reporter shows. The clock is the thread's
+// own: the measured code never waits, and other processes on the processor do not count.
 #pragma once
 
 #include <benchmark/benchmark.h>

@@ -376,10 +376,10 @@ bool Model::conflicts(EntryConfig const& entry) {
   if (r.at == ti) {
     wake(ti);
   } else if (occupant(ti)) {
-    claimOccupied(r, entry, ti);
+    claim(r, entry, ti, Wait::Occupied);
     return blocked();
   } else if (outOfOrderWith(r, ti)) {
-    claimOrdered(r, entry, ti);
+    claim(r, entry, ti, Wait::Priority);
     return blocked();
   } else if (ModelRecord* const other = waiter(ti); other && other != &r) {
     endClaim(*other);
@@ -390,10 +390,11 @@ bool Model::conflicts(EntryConfig const& entry) {
   return false;
 }
 
-// A free position that is out of order with a neighbour.
-void Model::claimOrdered(ModelRecord& r, EntryConfig const& entry, U32 ti) {
+// The newest version keeps the claim on a position, and an equal one takes it over.
+void Model::claim(ModelRecord& r, EntryConfig const& entry, U32 ti, Wait why) {
   ModelRecord* const holder = waiter(ti);
   if (holder && holder->waitOpId > entry.opId().value()) {
+    survive(why == Wait::Priority || holder != &r, "c->key != cp->key");
     endClaim(r);
     ++claimsLost_;
     return;
@@ -403,24 +404,7 @@ void Model::claimOrdered(ModelRecord& r, EntryConfig const& entry, U32 ti) {
   endClaim(r);
   r.waitOpId = entry.opId().value();
   r.waitsFor = ti;
-  r.why = Wait::Priority;
-}
-
-// A position that another entry holds.
-void Model::claimOccupied(ModelRecord& r, EntryConfig const& entry, U32 ti) {
-  ModelRecord* const holder = waiter(ti);
-  if (holder && holder->waitOpId > entry.opId().value()) {
-    survive(holder != &r, "c->key != cp->key");
-    endClaim(r);
-    ++claimsLost_;
-    return;
-  }
-  if (holder && holder != &r) ++claimsLost_;
-  if (holder) endClaim(*holder);
-  endClaim(r);
-  r.waitOpId = entry.opId().value();
-  r.waitsFor = ti;
-  r.why = Wait::Occupied;
+  r.why = why;
 }
 
 // ---- the fast engine: programming

@@ -126,8 +126,7 @@ class Model {
 
   // The fast engine.
   bool conflicts(Vantrel::EntryConfig const& entry);
-  void claimOrdered(ModelRecord& r, Vantrel::EntryConfig const& entry, U32 ti);
-  void claimOccupied(ModelRecord& r, Vantrel::EntryConfig const& entry, U32 ti);
+  void claim(ModelRecord& r, Vantrel::EntryConfig const& entry, U32 ti, Wait why);
   bool processEntry(Vantrel::EntryConfig const& entry);
   void moveRecord(U64 key, U32 to, Vantrel::EntryConfig const& entry);
   void wakeMoveRange(ModelRecord const& moved, U32 from, U32 to);

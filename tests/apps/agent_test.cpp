@@ -13,7 +13,7 @@
 #include "pallo/descriptor.h"
 #include "shoal/reader_table.h"
 #include "shoal/writer_table.h"
-#include "tests/support/process.h"
+#include "tests/support/agent.h"
 #include "vantrel/core/tables.h"
 
 using namespace TestSupport;
@@ -37,8 +37,7 @@ class AgentProcess : public testing::Test {
   }
   std::unique_ptr<Process> startReady(std::vector<std::string> const& flags = {}) {
     auto agent = start(flags);
-    EXPECT_TRUE(eventually([&] { return agent->out().find("ready in") != std::string::npos; }))
-        << agent->err();
+    awaitReady(*agent);
     return agent;
   }
   Ostra::Ptr<ConfigWriter> producer(bool replace = false) {

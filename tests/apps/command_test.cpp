@@ -12,7 +12,7 @@
 #include "shoal/reader_table.h"
 #include "shoal/writer_table.h"
 #include "tests/apps/acl_generator.h"
-#include "tests/support/process.h"
+#include "tests/support/agent.h"
 #include "vantrel/core/tables.h"
 
 namespace {
@@ -70,13 +70,7 @@ class CommandTest : public testing::Test {
   }
   std::unique_ptr<Process> agent(std::vector<std::string> const& flags = {}) {
     std::filesystem::create_directories(tables());
-    std::vector<std::string> arguments{VANTREL_BIN_DIR "/vantreld", "--dir", tables()};
-    arguments.insert(arguments.end(), flags.begin(), flags.end());
-    std::string const name = "agent" + std::to_string(++started_);
-    auto process = std::make_unique<Process>(arguments, dir / (name + ".out"), dir / (name + ".err"));
-    EXPECT_TRUE(eventually([&] { return process->out().find("ready in") != std::string::npos; }))
-        << process->err();
-    return process;
+    return startAgent(dir, tables(), flags, "agent" + std::to_string(++started_));
   }
   // No order was ever violated.
   static void stop(Process& process) {

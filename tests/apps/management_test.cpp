@@ -9,7 +9,7 @@
 #include "ostra/mount_ask.h"
 #include "ostra/piecewise_map.h"
 #include "shoal/writer_table.h"
-#include "tests/support/process.h"
+#include "tests/support/agent.h"
 #include "vantrel/vantrel.h"
 
 using namespace TestSupport;
@@ -28,12 +28,7 @@ constexpr bool sanitized = false;
 
 class ManagementTest : public testing::Test {
  protected:
-  void start() {
-    agent = std::make_unique<Process>(
-        std::vector<std::string>{VANTREL_BIN_DIR "/vantreld", "--dir", dir.path()}, dir / "out", dir / "err");
-    ASSERT_TRUE(eventually([&] { return agent->out().find("ready in") != std::string::npos; }))
-        << agent->err();
-  }
+  void start() { agent = startAgent(dir, dir.path()); }
   void want(U64 key, U32 ti, U32 prio) {
     if (!table) table = Ostra::make<ConfigWriter>(dir / "config.shoal", Shoal::WriterOptions{});
     EntryConfig c(EntryKey(key), OpId(opIds += 0x10001), static_cast<U32>(key), 0, prio);

@@ -6,7 +6,7 @@
 #include <regex>
 
 #include "tests/ostra/raw_peer.h"
-#include "tests/support/process.h"
+#include "tests/support/agent.h"
 
 using namespace TestSupport;
 
@@ -48,8 +48,7 @@ std::vector<std::string> linesOf(std::string const& command) {
 
 TEST(ManagementTranscript, HappensAsItIsWritten) {
   TempDir const dir;
-  Process agent({VANTREL_BIN_DIR "/vantreld", "--dir", dir.path(), "--size", "64"}, dir / "out", dir / "err");
-  ASSERT_TRUE(eventually([&] { return agent.out().find("ready in") != std::string::npos; })) << agent.err();
+  auto const agent = startAgent(dir, dir.path(), {"--size", "64"});
   OstraTest::RawPeer peer(dir / "mgmt.sock");
   ASSERT_TRUE(peer.connected());
   std::vector<Step> const steps = session();

@@ -10,8 +10,8 @@
 #include "ostra/publish.h"
 #include "shoal/writer_table.h"
 #include "tests/ostra/raw_peer.h"
+#include "tests/support/agent.h"
 #include "tests/support/in_child.h"
-#include "tests/support/process.h"
 #include "vantrel/vantrel.h"
 
 using namespace TestSupport;
@@ -31,12 +31,7 @@ struct Ended {
 
 class OperatorTest : public testing::Test {
  protected:
-  void start() {
-    agent = std::make_unique<Process>(
-        std::vector<std::string>{VANTREL_BIN_DIR "/vantreld", "--dir", dir.path()}, dir / "out", dir / "err");
-    ASSERT_TRUE(eventually([&] { return agent->out().find("ready in") != std::string::npos; }))
-        << agent->err();
-  }
+  void start() { agent = startAgent(dir, dir.path()); }
   void kill() {
     agent->signal(SIGKILL);
     agent->wait();

@@ -12,7 +12,7 @@
 #include "shoal/reader_table.h"
 #include "shoal/writer_table.h"
 #include "tests/ostra/raw_peer.h"
-#include "tests/support/process.h"
+#include "tests/support/agent.h"
 #include "vantrel/vantrel.h"
 
 using namespace TestSupport;
@@ -101,10 +101,7 @@ class RealAgent : public testing::Test {
  protected:
   RealAgent() {
     for (U32 n = 0; n < entries; ++n) table->entryIs(entry(n, 1));
-    agent = std::make_unique<Process>(
-        std::vector<std::string>{VANTREL_BIN_DIR "/vantreld", "--dir", dir.path()}, dir / "out", dir / "err");
-    EXPECT_TRUE(eventually([&] { return agent->out().find("ready in") != std::string::npos; }))
-        << agent->err();
+    agent = startAgent(dir, dir.path());
     status = Ostra::make<Shoal::ReaderTable<EntryStatus>>(dir / "status.shoal");
   }
   // A new version of the entry, and its acknowledgement, for which nobody else need move.

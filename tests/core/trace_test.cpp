@@ -73,15 +73,15 @@ TEST_F(TraceFile, IsOpenedOnceAProcess) {
   EXPECT_EQ(std::filesystem::file_size(dir_ / perProcess()), 17637376U) << "what its page says";
 }
 
+void handleByTwoEngines() {
+  auto const config = Ostra::make<Shoal::LocalTable<EntryConfig>>();
+  auto const hardware = Ostra::make<VantrelHelper>("hardware", nullptr);
+  for (U32 id : {3, 4})
+    Ostra::make<FastVantrelImpl>("engine", config, nullptr, nullptr, hardware, id)->handleEntry(EntryKey(70));
+}
+
 TEST_F(TraceFile, OfTwoEnginesIsOne) {
-  EXPECT_EQ(inChild([] {
-              auto const config = Ostra::make<Shoal::LocalTable<EntryConfig>>();
-              auto const hardware = Ostra::make<VantrelHelper>("hardware", nullptr);
-              for (U32 id : {3, 4})
-                Ostra::make<FastVantrelImpl>("engine", config, nullptr, nullptr, hardware, id)
-                    ->handleEntry(EntryKey(70));
-            }),
-            0);
+  EXPECT_EQ(inChild(handleByTwoEngines), 0);
   EXPECT_THAT(dir_.names(), ElementsAre(perProcess(), "err"));
   std::vector<std::string> const said = messages(perProcess());
   EXPECT_THAT(said, testing::IsSupersetOf({"[3] notify on key:70", "[4] notify on key:70"}));
@@ -90,11 +90,7 @@ TEST_F(TraceFile, OfTwoEnginesIsOne) {
 TEST_F(TraceFile, TwoEnginesThatHaveNoneSaySoOnceAndRunOn) {
   EXPECT_EQ(inChild([] {
               setenv("LUMELOGDIR", "/nonexistent", 1);
-              auto const config = Ostra::make<Shoal::LocalTable<EntryConfig>>();
-              auto const hardware = Ostra::make<VantrelHelper>("hardware", nullptr);
-              for (U32 id : {3, 4})
-                Ostra::make<FastVantrelImpl>("engine", config, nullptr, nullptr, hardware, id)
-                    ->handleEntry(EntryKey(70));
+              handleByTwoEngines();
             }),
             0);
   std::string const said = readFile(dir_ / "err");

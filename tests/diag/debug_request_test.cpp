@@ -4,9 +4,6 @@
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Pair;
 using testing::UnorderedElementsAre;
 

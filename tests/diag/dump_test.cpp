@@ -5,10 +5,6 @@
 #include "vantrel/core/trace.h"
 
 using namespace TestSupport;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
 

@@ -7,9 +7,6 @@
 #include "tests/support/engine_world.h"
 
 using namespace TestSupport;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
 

@@ -8,7 +8,6 @@
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;
-using testing::IsEmpty;
 
 namespace {
 
@@ -20,15 +19,6 @@ class Chain : public FastWorld {
   // Written and dispatched, then searched for rings.
   void want(U64 key, U32 ti) { put({.key = key, .ti = ti}); }
   void wantQuietly(U64 key, U32 ti) { write({.key = key, .ti = ti}); }
-};
-
-class CountingTable : public Shoal::LocalTable<EntryConfig> {
- public:
-  EntryConfig entry(EntryKey const& key) const override {
-    ++reads;
-    return LocalTable::entry(key);
-  }
-  mutable U64 reads = 0;
 };
 
 // The facility trace off and on: what is found out is the same.

@@ -5,10 +5,6 @@
 
 using namespace TestSupport;
 using testing::AnyOf;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
 class Deadlock : public FastWorld {

@@ -3,10 +3,6 @@
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
 class Deletes : public FastWorld {

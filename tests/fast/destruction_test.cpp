@@ -6,7 +6,6 @@
 #include "tests/support/freed.h"
 
 using namespace TestSupport;
-using testing::ElementsAre;
 
 namespace {
 

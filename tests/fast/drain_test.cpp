@@ -6,8 +6,6 @@
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 

@@ -11,9 +11,6 @@
 
 using namespace TestSupport;
 using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
 namespace {

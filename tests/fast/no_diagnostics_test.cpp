@@ -6,9 +6,6 @@
 #include "vantrel/fast/state.h"
 
 using namespace TestSupport;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
 

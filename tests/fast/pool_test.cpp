@@ -4,7 +4,6 @@
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;
-using testing::HasSubstr;
 
 namespace {
 class PoolDeathTest : public FastWorld {};

@@ -5,8 +5,6 @@
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
 

@@ -6,20 +6,8 @@
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
-
-class CountingTable : public Shoal::LocalTable<EntryConfig> {
- public:
-  EntryConfig entry(EntryKey const& key) const override {
-    ++reads;
-    return LocalTable::entry(key);
-  }
-  mutable U64 reads = 0;
-};
 
 class ThrowingClient : public FastWorld {
  protected:

@@ -6,7 +6,6 @@
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;
-using testing::ElementsAre;
 using Kind = WaitReason::Kind;
 
 namespace {

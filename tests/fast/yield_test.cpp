@@ -9,8 +9,6 @@
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
 

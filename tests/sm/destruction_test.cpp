@@ -10,8 +10,6 @@
 #include "tests/support/freed.h"
 
 using namespace TestSupport;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 

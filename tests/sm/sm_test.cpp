@@ -6,10 +6,6 @@
 #include "tests/support/engine_world.h"
 
 using namespace TestSupport;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
 

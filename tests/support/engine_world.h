@@ -24,6 +24,10 @@ namespace TestSupport {
 using namespace Vantrel;
 using Ostra::make;
 using Ostra::Ptr;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
 
 // "add 7@4", "del 7@4 op=65537", ... and the base's status writes, in order.
 class Client : public VantrelHelper {
@@ -106,6 +110,16 @@ class Oversize : public Shoal::LocalTable<EntryConfig> {
     return LocalTable::entry(key);
   }
   bool oversize = false;
+};
+
+// A table that counts how often a record is read.
+class CountingTable : public Shoal::LocalTable<EntryConfig> {
+ public:
+  EntryConfig entry(EntryKey const& key) const override {
+    ++reads;
+    return LocalTable::entry(key);
+  }
+  mutable U64 reads = 0;
 };
 
 // Ring-buffer records, "text [id, values...]", while it lives.
