@@ -5,8 +5,8 @@
 //   frontEnd = vantrelSmFactory(tableConfig, tableStatus, debugConfig, debugStatus, engine, flushStatus,
 //                               timerWheel)
 //
-// From then on the front end hears of changes in the table by itself; the agent's loop calls the dispatch()
-// of the table and of the wheel when their file descriptors are readable.
+// From then on the agent's loop must call dispatch() of the table and of the wheel when their file
+// descriptors are readable; they notify the front end.
 #pragma once
 
 #include "keel/timerfd_wheel.h"

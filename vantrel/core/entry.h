@@ -24,8 +24,7 @@ struct RecordTraits;
 
 namespace Vantrel {
 
-// The identity of one entry; what the producer packs into the 64 bits is its own affair. Prints as a decimal
-// number.
+// The identity of one entry: 64 bits that only the producer interprets. Prints as a decimal number.
 class EntryKey {
  public:
   constexpr EntryKey() = default;
@@ -46,15 +45,15 @@ class EntryKey {
   U64 value_ = 0;
 };
 
-// The version stamp of a configuration. Zero is none. Prints as a decimal number.
+// The version of a configuration; zero means none. Prints as a decimal number.
 class OpId {
  public:
   constexpr OpId() = default;
   constexpr explicit OpId(U64 value) : value_(value) {}
   constexpr U64 value() const { return value_; }
-  // What a delete that the producer asked for carries, and what acknowledges it.
+  // The version of a delete that the producer requested, and of its acknowledgement.
   static constexpr OpId deleteAcknowledge() { return OpId(0xFFFFFFFFFFFF0000U); }
-  // The producer changes the low part when match or action change; the high part counts.
+  // The producer changes the low part when match or action change; the high part counts versions.
   constexpr U16 low() const { return static_cast<U16>(value_); }
   constexpr U64 high() const { return value_ >> 16; }
   friend constexpr auto operator<=>(OpId const&, OpId const&) = default;
@@ -120,7 +119,7 @@ class EntryConfig {
   U32 datas() const { return data_.count(); }
   U64 data(DataKey k) const { return data_[k.value()]; }
   void dataIs(DataKey k, U64 value) { data_.elementIs(k.value(), value); }
-  // Refer to it where it is: an array of its own would not be aligned (Ostra::PodArray).
+  // Do not copy the array: outside its record its elements are not aligned (Ostra::PodArray).
   Data const& dataWords() const { return data_; }
 
   // The producer's delete marker: remove this entry and acknowledge the removal.
@@ -147,7 +146,7 @@ class EntryConfig {
   Data data_;
 };
 
-// What was done for one entry.
+// The acknowledgement of one entry.
 class EntryStatus {
  public:
   EntryStatus() = default;

@@ -7,8 +7,8 @@
 //   algorithmic, m partitions:  position = offset * m + partition
 //                               pti = [ partition | offset : s ]         partition = group, offset <= 0xFFFF
 //
-// Invariants: a position that violation() passes never makes the engine with the same parameters stop. Inside
-//   it pti() and lti() are inverse to each other on the position.
+// Invariants: a position that violation() accepts fails no assertion of an engine with the same parameters.
+//   For such a position lti(pti(position)) is the position.
 // Cost: a value; two shifts or one division a call.
 // Errors: std::invalid_argument for a shift or a number of partitions that no engine has.
 #pragma once
@@ -36,7 +36,7 @@ struct TcamMapping {
   static constexpr U32 lowMask(U32 bits) { return static_cast<U32>(left(1, bits) - 1); }
 };
 
-// With no partition at all every call divides by zero.
+// `partitions` must not be zero: every call divides by it.
 struct AlgorithmicMapping {
   static constexpr U32 defaultShift = 16;
   static constexpr U32 offsets = 1U << 16;  // positions of one partition
@@ -56,7 +56,7 @@ struct AlgorithmicMapping {
   }
 };
 
-// Either of the two, as a producer must know it.
+// Either of the two. A producer uses it to check positions before it writes them.
 class VANTREL_API Mapping {
  public:
   static constexpr U32 defaultShift = TcamMapping::defaultShift;
@@ -86,7 +86,7 @@ class VANTREL_API Mapping {
  private:
   Mapping(U32 shift, U32 partitions) : tcam_{shift}, algorithmic_{partitions} {}
   TcamMapping tcam_;
-  AlgorithmicMapping algorithmic_;  // no partition: the other one counts
+  AlgorithmicMapping algorithmic_;  // without partitions: tcam_ is in use
 };
 
 }  // namespace Vantrel

@@ -7,13 +7,13 @@
 // Bit 0 of flags is the delete marker; the other bits are zero. Elements beyond a count are zero.
 // Image of an EntryStatus, 16 bytes: 0 key 8 | 8 opId 8.
 //
-// The file keeps of an image what counts: the head as far as the last table index, and the tail, which begins
-// at 96 and holds the seventeenth table index, as far as the last data word.
+// A table file stores only the used words of an image: the head up to the last table index, and the tail,
+// which begins at 96 with the seventeenth table index, up to the last data word.
 //
 // Invariants: a record lies in memory as its image does; equal records have equal images.
 // Threading: none of its own; a table belongs to its thread.
-// Cost: what is copied is what counts, not the capacity of the arrays. A record is read from a file straight
-//   to where it is wanted.
+// Cost: only the used words are copied, not the capacity of the arrays. A record is read from the file
+//   straight into the caller's variable.
 // Errors: Pallo::InvalidSizeException for a count beyond its array, Pallo::CorruptionDetectedException for an
 //   image that ends too early. readEntry() reports the latter, as all damage but a wrong count, to the table.
 #pragma once
@@ -66,9 +66,10 @@ namespace Vantrel {
 using TableConfig = Shoal::Table<EntryConfig>;
 using TableStatus = Shoal::Table<EntryStatus>;
 
-// The key's record. Damage is reported to the table and reads as the empty configuration.
+// Returns the key's record. Damage is reported to the table and reads as the empty configuration.
 VANTREL_API EntryConfig readEntry(TableConfig const& table, EntryKey const& key);
-// The same for who only looks: damage of either kind reads as the empty configuration, and is not reported.
+// The same for diagnostics: damage, a wrong count included, reads as the empty configuration and is not
+// reported.
 VANTREL_API EntryConfig peekEntry(TableConfig const& table, EntryKey const& key);
 
 }  // namespace Vantrel

@@ -18,9 +18,9 @@ namespace {
 
 U32 keep = Lumelog::Options().keep;
 
-Pallo::AssertionHook agentsHook = nullptr;  // the one that was there before
+Pallo::AssertionHook agentsHook = nullptr;  // installed before ours, and called after it
 
-// Level 0: nothing else ever pushes it out of the ring. The whole text, which a string value would cut.
+// At level 0, which no other record uses: nothing overwrites it. As text, for a string value would be cut.
 void recordAssertion(Pallo::AssertionFailure const& failure) {
   if (lg)
     lg->recordText(0, failure.model, failure.line, 0,

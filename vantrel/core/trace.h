@@ -27,8 +27,8 @@ extern VANTREL_API Ostra::TraceHandle implTrace;
 extern VANTREL_API Ostra::TraceHandle fastImplTrace;
 }  // namespace Detail
 
-// The facility handles, one a class family. They are there before any code runs and register on first use, so
-// that a level that is off is tested without a guard.
+// The facility handles, one a class family. They are initialized at compile time and register on first use,
+// so that testing a level needs no initialization guard.
 inline Ostra::TraceHandle& vantrelSmTrace() { return Detail::smTrace; }
 inline Ostra::TraceHandle& vantrelImplTrace() { return Detail::implTrace; }
 inline Ostra::TraceHandle& vantrelFastImplTrace() { return Detail::fastImplTrace; }
@@ -41,13 +41,13 @@ extern VANTREL_API Lumelog::Log* lg;
 // current one.
 VANTREL_API void initLg();
 
-// How many trace files of dead processes stay, the newest, when the trace file is opened; 8 at first. Removes
-// what is more than that at once when it is open.
+// How many trace files of dead processes are kept, the newest ones, when the trace file is opened; 8 by
+// default. Setting it while the file is open removes the others at once.
 VANTREL_API U32 traceKeep();
 VANTREL_API void traceKeepIs(U32 keep);
 
-// While a key is handled, records share one reading of the clock. What takes time of its own says so, and the
-// next record reads the clock again; momentStands() takes that back.
+// While a key is handled, its records share one timestamp. Code that takes time calls momentPassed(), and the
+// next record reads the clock again; momentStands() cancels that.
 inline void momentPassed() {
   if (lg) lg->momentPassed();
 }

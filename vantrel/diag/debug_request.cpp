@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+// Answers a debug request: empties the four collections of DebugStatus, fills them from the engine's state,
+// and writes the version last.
 #include "vantrel/diag/debug_request.h"
 
 #include <array>
@@ -31,7 +33,7 @@ void show(CState_s const& c, DebugStatus& answer) {
   answer.statusOpIdIs(c.key, c.opId);
 }
 
-// The records lie all over the memory: the next ones are fetched while the ones before them are shown.
+// The records are scattered over the memory: 32 are prefetched at a time before they are shown.
 void showProgrammed(FastState const& state, DebugStatus& answer) {
   std::array<CState_s const*, 32> fetched;
   for (auto at = state.cstate.begin(); at != state.cstate.end();) {

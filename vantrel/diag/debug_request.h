@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Debug requests: the engine's claims and programmed positions, copied into DebugStatus. The version is
-// written last, so that who sees it match sees a complete snapshot.
+// written last: a reader that finds the version it asked for sees a complete snapshot.
 //
 // Threading: the agent's thread.
 // Cost: everything that the engine knows, once for each new version of the request.
-// Errors: none of its own; what a watcher of the answer throws passes through.
+// Errors: none of its own; an exception of a watcher of DebugStatus passes through.
 #pragma once
 
 namespace Vantrel {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Gives every engine of the process its dumps and its answers to debug requests.
+// Registers dumps and answers to debug requests for every engine of the process, before main() begins.
 #include "vantrel/fast/diagnostics.h"
 
 #include "vantrel/diag/debug_request.h"

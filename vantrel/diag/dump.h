@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Dump and audit: the whole state as text, and the consistency of its indexes checked on the way. A line
-// shows what the producer wants of a key beside what the engine has made of it:
+// Dump and audit: writes the whole state as text and checks that its indexes agree. A line shows the key's
+// configuration (c), what is programmed (s) and what is pending (p):
 //
 //   [4]=77->cti:9 cOpId:12 sti:4 sOpId:11 pending:9 pOpId:12 OCC prio:30 pg:1
 //
 // Threading: the agent's thread.
 // Cost: nothing is formatted while the facility's level is below 9.
-// Errors: a broken invariant ends the process, but only after the whole dump is out, so that the trace shows
-//   the state that led to it. Nothing is repaired.
+// Errors: a broken invariant fails an assertion, but only after the whole dump is written, so that the trace
+//   shows the state. Nothing is repaired.
 #pragma once
 
 #include "vantrel/core/tables.h"

@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 // Dependant tables: what an entry refers to in other hardware tables must exist before the entry is written.
-// The producer may still be writing it, so a failed attempt is repeated at once with a fresh copy of the
-// record, up to retryDepsMaxCnt attempts; then the key is given up until the front end's retry timer brings
-// it back.
+//
+//   read the configuration -> processDependantTables -> true: go on with the entry
+//          ^                         | false
+//          '-------------------------'   at most retryDepsMaxCnt attempts, then Ostra::InternalException
+//
+// The producer may still be writing the entry, so each attempt reads its record again. It does not wait
+// between attempts, and it does not keep the key: the front end does, and brings it back on a timer.
 #include "ostra/exception.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/engine/vantrel_impl.h"
 
 namespace Vantrel {
 
-// One variable, returned at one place: the record is never copied on its way.
+// One variable and one return, so that the record is never copied on its way to the caller.
 EntryConfig VantrelImpl::readAndProcessDeps(EntryKey const& key) {
   EntryConfig entry = readEntry(*tableConfig(), key);
   for (U32 attempts = 1;; ++attempts) {

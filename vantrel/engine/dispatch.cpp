@@ -16,7 +16,7 @@ namespace Vantrel {
 bool VantrelImpl::handleEntryHelper(EntryKey const& key) {
   ENGINE_ASSERT(initialized());
   VANTREL_RECORD(9, lgId(), "notify on key:", key);
-  if (forethought_) forethought_(*this, key);
+  if (prefetch_) prefetch_(*this, key);
   EntryConfig const entry = readAndProcessDeps(key);
   VANTREL_RECORD(9, lgId(), "handling key:", key, " hdl:", entry.hdl(), " opId:", entry.opId());
   if (debugEnabled()) dumpWhenDirty();
@@ -48,8 +48,8 @@ bool VantrelImpl::dispatchAddOrUpdate(EntryConfig const& entry, EntryKey const& 
   return processEntry(entry) || deleted;
 }
 
-// The old key goes before the new one is programmed. The acknowledgement is that of the new key's record,
-// read afresh.
+// The old key is deleted before the new one is programmed. Whether the delete is acknowledged, the new key's
+// record says, read again.
 bool VantrelImpl::takeOverHandle(U64 handle, EntryKey const& key, EntryKey const& old) {
   VANTREL_TRACE(vantrelImplTrace(), 9, "Reuse of handle: ", handle, ", deleting key: ", old);
   bool const ack = readEntry(*tableConfig(), key).isDel();

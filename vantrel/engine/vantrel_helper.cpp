@@ -34,8 +34,8 @@ void VantrelHelper::noopAck(EntryKey const& key, OpId const& opId) {
   tableStatus_->entryIs(EntryStatus(key, opId));
 }
 
-// Without the hardware operations: they take whole records, and an entry that reaches the hardware past the
-// engine is one that the engine does not know.
+// The hardware operations have no name: they take whole records, and the engine would not know of an entry
+// that was written past it.
 Ostra::TypeInfo const& VantrelHelper::staticType() {
   static Ostra::TypeInfo const type = Ostra::TypeInfo::of<VantrelHelper>("Vantrel::VantrelHelper")
                                           .reference("tableStatus", &VantrelHelper::tableStatus)

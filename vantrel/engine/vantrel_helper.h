@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// VantrelHelper: the seam between the engine and the hardware. A hardware layer derives from it.
+// VantrelHelper: the interface between the engine and the hardware. A hardware client derives from it.
 //
-// The engine calls one hardware operation at a time, in the order that keeps the priority order intact, and
+// The engine calls one hardware operation at a time, in an order that keeps the priority order intact, and
 // treats each as done when it returns. The base class programs nothing, so that an engine can run against it
-// alone, and writes the engine's own acknowledgements into the status table; the acknowledgements of hardware
-// operations are the subclass's.
+// alone. It writes the engine's own acknowledgements into the status table; the subclass must acknowledge the
+// hardware operations.
 //
 // Ownership: holds a reference to the status table, which may be null: then nothing is acknowledged.
 // Threading: the agent's event loop.
 // Errors: an override should not throw. The exception passes through the engine and leaves the call
-//   half-done: after addEntry the key waits for its own place, after moveEntry or a delete another position
-//   for it ends the process. Deleting the key puts it right (docs/limits.md). At clean-up, which runs in a
-//   destructor, an exception ends the process.
+//   half-done: after addEntry the key waits for its own position; after moveEntry or a delete, a
+//   configuration with another position ends the process. Deleting the key repairs the engine's state
+//   (docs/limits.md). At clean-up, which runs in a destructor, an exception ends the process.
 #pragma once
 
 #include <string>
@@ -44,10 +44,10 @@ class VANTREL_API VantrelHelper : public Ostra::Entity {
   virtual void delAck(EntryKey const& key);
   // Removes the key's status.
   virtual void delStatus(EntryKey const& key);
-  // Acknowledges `opId` for a key whose hardware entry is right already.
+  // Acknowledges `opId` for a key whose hardware entry needs no change.
   virtual void noopAck(EntryKey const& key, OpId const& opId);
 
-  // Commit what was batched: after each full walk of the configuration table, and at clean-up.
+  // Commits batched operations. Called after each full walk of the configuration table, and at clean-up.
   virtual void flush();
 
   static Ostra::TypeInfo const& staticType();

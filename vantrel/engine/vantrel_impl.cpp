@@ -41,7 +41,7 @@ void VantrelImpl::handleEntry(EntryKey const& key) {
   VANTREL_TRACE(vantrelImplTrace(), 9, "Finished notify on key=", key);
 }
 
-// What comes next reads the clock again.
+// The agent's work takes time: the next record reads the clock.
 void VantrelImpl::yieldNow() const {
   yield_->betweenKeys();
   momentPassed();
@@ -115,8 +115,9 @@ std::string keysWouldBeLost(VantrelImpl const&) {
 std::string ownersWouldBeLost(VantrelImpl const&) { return "the engine keeps who owns which handle itself"; }
 }  // namespace
 
-// Without processEntry, processDependantTables and readAndProcessDeps: they take or give whole records, which
-// no line can say; handleEntry does the same with the record that is in the table.
+// processEntry, processDependantTables and readAndProcessDeps have no name: they take or return whole
+// records, which a line on the management socket cannot carry. handleEntry does the same with the record in
+// the table.
 Ostra::TypeInfo const& VantrelImpl::staticType() {
   using I = VantrelImpl;
   static Ostra::TypeInfo const type =

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // VantrelImpl: the abstract engine. It fixes how one key is handled (dispatch, then pending work, then
-// deadlock check) and keeps which key owns which handle; where entries go is the concrete engine's affair.
+// deadlock check) and keeps which key owns which handle. The concrete engine decides where entries may go.
 //
 // Invariants: initialized() is true from the end of construction on.
 // Ownership: holds references to the configuration table, the debug entities and the hardware client.
 // Threading: the agent's event loop.
 // Errors: a key whose dependant tables cannot be programmed leaves handleEntry as Ostra::InternalException
-//   before anything of that key has changed, unless it was just taken out of a ring; every other exception
-//   passes through.
+//   before anything of that key has changed, unless the key was just deleted to break a ring; every other
+//   exception passes through.
 #pragma once
 
 #include <memory>
@@ -53,8 +53,8 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   // Turns one key into one delete or one add-or-update; true when the pending work should be run.
   virtual bool handleEntryHelper(EntryKey const& key);
 
-  // What a concrete engine provides. Here checkDeadlock, the dumps and handleDebug do nothing, every
-  // dependant table is fine, and the others fail an assertion.
+  // A concrete engine provides these. In this class checkDeadlock, the dumps and handleDebug do nothing,
+  // processDependantTables succeeds, and the others fail an assertion.
 
   // Finds and breaks rings of entries that wait for one another.
   virtual void checkDeadlock();
@@ -69,24 +69,24 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   virtual OpId currentOpId(EntryKey const& key) const;
   virtual U32 numPending() const;
   virtual U32 numDeadlock() const;
-  // Write the state into the facility trace; answer a debug request.
+  // The dumps write the state into the facility trace; handleDebug answers a debug request.
   virtual void dumpPending();
   virtual void dumpState();
   virtual void handleDebug();
-  // Programs what the entry depends on; true on success. Nothing to do here, and no time passed: an override
-  // that calls this one has its own time shown at a later record. `entry` is empty or delete-marked when the
-  // key is being deleted; the result is ignored then.
+  // Programs what the entry depends on; true on success. `entry` is empty or delete-marked when the key is
+  // being deleted; the result is ignored then. This one takes no time and keeps the key's shared timestamp
+  // (core/trace.h): when an override calls it, the override's own time shows only at a later record.
   virtual bool processDependantTables(EntryConfig const& entry, EntryKey const& key);
   // Opens the trace file and ends construction.
   virtual void handleInitialized();
 
-  // What handles many keys in one call calls betweenKeys() between two of them, so that an agent can serve
-  // others: a full walk, a retry pass, a drain of the work queue, the clean-up. No key is half-done then. It
-  // must not call the engine's handlers, nor dispatch what leads to them, nor release the engine, and must
-  // live as long as that, or until it is taken away. Null, as at the beginning: no call.
+  // A call that handles many keys (a full walk, a retry pass, a drain of the work queue, the clean-up) calls
+  // betweenKeys() between two of them, so that the agent can serve others. No key is half-done then.
+  // betweenKeys() must not call the engine's handlers, dispatch what leads to them, or release the engine.
+  // The object must outlive the engine, or be replaced before it goes. Null, the default: no call.
   //
-  // It may end the call by an exception (no Ostra::InternalException: that would have a key retried). What
-  // was done stays done:
+  // betweenKeys() may end the call by an exception (but not Ostra::InternalException, which would have a key
+  // retried). Finished work stays:
   //   walk      the other keys are not handed over; no flush, and flushCounter does not move
   //   pass      the other keys stay in failedKey, and no wake-up is armed until a key fails
   //   drain     the other keys stay queued for the next drain, blocked ones for the next deadlock check; a
@@ -109,16 +109,17 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   Ostra::Ptr<DebugConfig const> const& debugConfig() const { return debugConfig_; }
   Ostra::Ptr<DebugStatus> const& debugStatus() const { return debugStatus_; }
   Ostra::Ptr<VantrelHelper> const& helper() const { return helper_; }
-  // The same, to be called now: hardware takes its time, which the trace file shows.
+  // The hardware client, for one call now: the next trace record gets a new timestamp, for hardware takes
+  // time.
   VantrelHelper& hardware() const;
   U32 lgId() const { return lgId_; }
 
-  // How many times dependant tables are tried for one key before it is given up for now.
+  // How many times dependant tables are tried for one key before it is left to the retry timer.
   U32 retryDepsMaxCnt() const { return retryDepsMaxCnt_; }
   void retryDepsMaxCntIs(U32 v) {
     scalarIs("retryDepsMaxCnt", retryDepsMaxCnt_, v, &Notifiee::onRetryDepsMaxCnt);
   }
-  // How many keys were given up.
+  // How many times that happened.
   U64 failedDepCnt() const { return failedDepCnt_; }
   void failedDepCntIs(U64 v) { scalarIs("failedDepCnt", failedDepCnt_, v, &Notifiee::onFailedDepCnt); }
   void failedDepCntInc(U64 n) { failedDepCntIs(failedDepCnt_ + n); }
@@ -150,13 +151,14 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
 
  protected:
-  // Called with a key before its record is read, so that what the concrete engine knows of it is on its way
-  // into the caches meanwhile. Changes nothing. Null: nothing is called.
-  using Forethought = void (*)(VantrelImpl const& engine, EntryKey const& key);
-  void forethoughtIs(Forethought forethought) { forethought_ = forethought; }
+  // Called with a key before its configuration is read: prefetches what the concrete engine knows of the key.
+  // Must change nothing. Null: nothing is called.
+  using Prefetch = void (*)(VantrelImpl const& engine, EntryKey const& key);
+  void prefetchIs(Prefetch prefetch) { prefetch_ = prefetch; }
 
-  // The key's record with its dependant tables programmed; an empty or delete-marked one as it is. Throws
-  // Ostra::InternalException when they could not be programmed in retryDepsMaxCnt attempts.
+  // Returns the key's configuration once its dependant tables are programmed; an empty or delete-marked one
+  // after the first attempt, whatever came of it. Throws Ostra::InternalException after retryDepsMaxCnt
+  // attempts in vain.
   EntryConfig readAndProcessDeps(EntryKey const& key);
 
  private:
@@ -178,7 +180,7 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   bool dirty_ = true;
   bool alwaysProcessPending_ = false;
   bool initialized_ = false;
-  Forethought forethought_ = nullptr;
+  Prefetch prefetch_ = nullptr;
   Yield* yield_ = nullptr;
   std::unique_ptr<KeyOfHandle> const handleToKey_;
   std::unique_ptr<HandleOfKey> const keyToHandle_;

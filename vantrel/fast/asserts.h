@@ -5,9 +5,9 @@
 #include "pallo/assert.h"
 
 #define FAST_ASSERT(...) PALLO_ASSERT("FastVantrelImpl", __VA_ARGS__)
-// The text apart from the condition, for conditions that a formatter would rewrite.
+// Reports `text` instead of the condition's own text, which a formatter may lay out otherwise.
 #define FAST_ASSERT_AS(condition, text) PALLO_ASSERT_AS("FastVantrelImpl", condition, text)
-// Reported as the function and the line of another site (std::source_location).
+// Reports the function and the line of `site`, a std::source_location.
 #define FAST_ASSERT_AT(site, ...)                                                             \
   do {                                                                                        \
     if (!(__VA_ARGS__)) [[unlikely]]                                                          \

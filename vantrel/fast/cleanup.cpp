@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Clean-up: when an engine goes, everything it programmed or acknowledged is withdrawn. Deletes queue their
-// waiters as always, but nothing runs the queue any more.
+// Clean-up: when an engine is destroyed, everything it programmed or acknowledged is withdrawn. Deletes queue
+// their waiters as always, but the queue is not drained any more.
 //
 //   keyToHandle: 7 -> 70, 9 -> 90     programmed: | 9 |   | 7 |     9 waited for nothing, 7 claims position 0
 //   delete 9, its status              programmed: |   |   | 7 |     7 is queued, and stays where it is
@@ -25,8 +25,8 @@ void FastVantrelImpl::doCleanup() {
   if (helper()) hardware().flush();
 }
 
-// A destructor runs the clean-up while the object still is what it was: its pti is the one it programmed
-// with.
+// Called by the destructor of each class that overrides pti: the clean-up must use the pti that the entries
+// were programmed with.
 void FastVantrelImpl::cleanupOnce() {
   if (cleanedUp_) return;
   cleanedUp_ = true;

@@ -9,9 +9,9 @@
 //   prio 4 at 3: its neighbour below has 5 > 4:       prio 8 at 4: its neighbour above has 7 < 8:
 //                waits for 3 (type Priority)                       waits for 4 (type Priority)
 //
-// Equal priorities never block, other groups never block. A position has one claim: the one with the greater
-// pending OpId keeps it, and an equal one takes it over. What it does not do: choose positions, or remember
-// who lost a claim.
+// Equal priorities never block, other groups never block. A position has at most one claim: the one with the
+// greater pending OpId keeps it, and an equal one takes it over. It does not choose positions, and does not
+// remember who lost a claim.
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -24,11 +24,10 @@ bool FastVantrelImpl::isConflicting(EntryConfig const& entry) {
   return conflicts(entry, recordOf(entry));
 }
 
-// The key's record; a key seen for the first time gets one, with this entry's handle, priority and group for
-// good.
+// Returns the key's record. A new key gets one that keeps this entry's handle, priority and group for good.
 CState_s& FastVantrelImpl::recordOf(EntryConfig const& entry) {
   FastState& s = *state();
-  if (CState_s* const known = s.expected(entry.key())) return *known;
+  if (CState_s* const known = s.cachedRecord(entry.key())) return *known;
   CState_s& c = *s.cstateAlloc();
   c.key = entry.key();
   c.opId = OpId();
@@ -46,15 +45,27 @@ CState_s& FastVantrelImpl::recordOf(EntryConfig const& entry) {
 }
 
 bool FastVantrelImpl::conflicts(EntryConfig const& entry, CState_s& c) {
+  FastState& s = *state();
   if (c.opId >= entry.opId()) {  // not newer than what is programmed
-    state()->clearPending(c.p, true);
+    s.clearPending(c.p, true);
     return true;
   }
   for (U32 k = 0; k < entry.tableIndexs(); ++k)
-    if (!mayTake(entry, c, entry.tableIndex(TableKey(k)))) return conflictFound(entry, c);
-  return conflictFree(entry, c);
+    if (!mayTake(entry, c, entry.tableIndex(TableKey(k)))) {
+      VANTREL_RECORD(9, lgId(), "conflicting key:", c.key, " hdl:", c.hdl, " prio:", c.prio,
+                     " opId:", entry.opId());
+      s.blocked.insert(c.key);
+      return true;
+    }
+  s.clearPending(c.p, true);
+  if (!s.blocked.empty()) s.blocked.erase(c.key);
+  VANTREL_RECORD(9, lgId(), "not conflicting key:", c.key, " hdl:", c.hdl, " prio:", c.prio,
+                 " opId:", entry.opId());
+  return false;
 }
 
+// Whether the record may take ti now. If not, it has claimed ti, or a newer version keeps its claim there. If
+// so, a claim of another record on ti ends.
 bool FastVantrelImpl::mayTake(EntryConfig const& entry, CState_s& c, U32 ti) {
   FastState& s = *state();
   if (ti == c.sti) {
@@ -119,7 +130,7 @@ void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 t
     c.p.type = PendingType::Occupied;
   } else {
     slot = &c;
-    s.clearPending(c.p, true);  // may move the slots: this one is looked up again
+    s.clearPending(c.p, true);  // removes a slot and so may move this one: it is looked up again
     if (cp) s.clearPending(cp->p, false);
     CState_s** const found = s.pending.find(ti);
     FAST_ASSERT_AS(found, "PValue");
@@ -127,21 +138,6 @@ void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 t
     c.p = {entry.opId(), ti, PendingType::Occupied};
   }
   s.chains.claimMade(c);
-}
-
-bool FastVantrelImpl::conflictFound(EntryConfig const& entry, CState_s const& c) {
-  VANTREL_RECORD(9, lgId(), "conflicting key:", c.key, " hdl:", c.hdl, " prio:", c.prio,
-                 " opId:", entry.opId());
-  state()->blocked.insert(c.key);
-  return true;
-}
-
-bool FastVantrelImpl::conflictFree(EntryConfig const& entry, CState_s& c) {
-  state()->clearPending(c.p, true);
-  if (!state()->blocked.empty()) state()->blocked.erase(c.key);
-  VANTREL_RECORD(9, lgId(), "not conflicting key:", c.key, " hdl:", c.hdl, " prio:", c.prio,
-                 " opId:", entry.opId());
-  return false;
 }
 
 }  // namespace Vantrel

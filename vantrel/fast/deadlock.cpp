@@ -1,18 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-// Deadlocks: programmed entries that each wait for the position of the next one, in a ring. No ordinary step
-// frees a position before its entry has somewhere to go, so one member is deleted and dispatched again.
+// Deadlock detection in a wait-for graph in which every node has at most one successor (R. C. Holt, Some
+// Deadlock Properties of Computer Systems, 1972): follow the chain until it ends or comes back. A deadlock is
+// a ring of programmed entries that each wait for the position of the next one. No other step frees one of
+// their positions, so one member is deleted and dispatched again.
 //
 //   position:    1       2       3
 //              [ A ]-->[ B ]-->[ C ]        A waits for 2, B for 3, C for 1: the entry that the search
 //                ^---------------'          started from is deleted, the others follow into free positions
 //
-// The graph is never stored: a blocked entry has one successor, the occupant of the position it waits for,
-// and at most one predecessor, for a position has one claim. A ring is broken only from one of its own
-// members; a chain that leads into it from outside marks its members visited, and it stays until a later run.
+// The graph is not stored: the successor of a blocked entry is the occupant of the position it waits for, and
+// it has at most one predecessor, for a position has at most one claim. A ring is broken only from one of its
+// own members: a chain that leads into it from outside marks its members visited, and the ring stays until a
+// later run.
 //
-// Chains that are known to end (open_chains.h) are passed by: only their start's record is read. So a damaged
-// record is met when its key is handled, when a chain starts at it, and when a chain that comes back leads
-// through it; in a chain that ends it is not.
+// Chains that are known to end (open_chains.h) are skipped: only the configuration of their start is read. So
+// a damaged record is found when its key is handled, when a chain starts at it, and when a chain that comes
+// back leads through it; in a skipped chain it is not.
 #include <boost/container/small_vector.hpp>
 #include <utility>
 
@@ -25,15 +28,15 @@ namespace Vantrel {
 
 // One run of the check.
 struct VANTREL_LOCAL FastVantrelImpl::Check {
-  FastState::Keys visited;                               // the keys that its chains have met
-  boost::container::small_vector<EntryKey, 8> passedBy;  // starts of chains that it has not followed
+  FastState::Keys visited;                              // the keys on the chains that were followed
+  boost::container::small_vector<EntryKey, 8> skipped;  // starts of chains that were not followed
 };
 
 void FastVantrelImpl::checkDeadlock() {
   if (!state()->blocked.empty()) checkBlocked();
 }
 
-// Apart from the test for it, which mostly says no.
+// Out of line: mostly no key is blocked.
 [[gnu::noinline]] void FastVantrelImpl::checkBlocked() {
   VANTREL_TRACE(vantrelFastImplTrace(), 7, "checking deadlock");
   Check check;
@@ -43,13 +46,14 @@ void FastVantrelImpl::checkDeadlock() {
     blocked.erase(blocked.begin());
     momentPassed();
     VANTREL_RECORD(9, lgId(), "deadlock check key:", start);
-    if (passesBy(start, check)) continue;
+    if (skipsOpenChain(start, check)) continue;
     if (chainComesBack(start, check, &readEntry)) breakRing(start);
   }
   VANTREL_TRACE(vantrelFastImplTrace(), 7, "checking deadlock done");
 }
 
-// Follows the chain from `start`, one occupant at a time, until it ends or comes back.
+// Follows the chain from `start`, one occupant at a time. True when it comes back to `start`; false when it
+// ends or meets a visited key.
 bool FastVantrelImpl::chainComesBack(EntryKey const& start, Check& check, Reader read) const {
   for (EntryKey key = start;;) {
     if (!check.visited.insert(key).second) {
@@ -88,8 +92,8 @@ CState_s const* FastVantrelImpl::occupantWaitedFor(CState_s const& c, EntryConfi
   return occupant;
 }
 
-// The victim is the entry that the chain started from. It starts from nothing when it is dispatched again,
-// while the entry that waited for its position moves in.
+// The victim is the entry that the chain started from. Its delete queues the entry that waits for its
+// position. Dispatched again, the victim is a new entry, which waits; then the queue is drained.
 void FastVantrelImpl::breakRing(EntryKey const& victim) {
   VANTREL_TRACE(vantrelFastImplTrace(), 1, "found deadlock ", victim);
   momentPassed();
@@ -100,24 +104,25 @@ void FastVantrelImpl::breakRing(EntryKey const& victim) {
   deadlockCountInc(1);
 }
 
-// Whether the chain from `start` is known to end. Then nothing comes of it but the trace of its steps, and
-// the keys that it meets, which end a later chain of the run.
-bool FastVantrelImpl::passesBy(EntryKey const& start, Check& check) const {
+// True when the chain from `start` is known to end and need not be followed now. Following it would only
+// trace its steps and mark its keys visited, which end a later chain of the run: so skipped chains are
+// followed after all when that matters, that is before a chain that may be a ring, and for the trace.
+bool FastVantrelImpl::skipsOpenChain(EntryKey const& start, Check& check) const {
   CState_s* const c = state()->record(start);
   bool const ends = c && state()->chains.ends(*c);
   if (ends) {
     static_cast<void>(readEntry(*tableConfig(), start));
-    check.passedBy.push_back(start);
+    check.skipped.push_back(start);
   }
-  if (!ends || vantrelFastImplTrace().enabled(7)) catchUp(check);
+  if (!ends || vantrelFastImplTrace().enabled(7)) followSkipped(check);
   return ends;
 }
 
-// Follows what was passed by. Nothing has changed since: only a ring that is broken changes something, and
-// before that everything is followed. Damage is left to those who act on it, so that it is met at the same
-// moment whether somebody listens to the trace or not.
-void FastVantrelImpl::catchUp(Check& check) const {
-  for (EntryKey const& start : std::exchange(check.passedBy, {})) chainComesBack(start, check, &peekEntry);
+// The result is the same as if they had been followed in their turn: only breaking a ring changes the state,
+// and before that everything skipped is followed. peekEntry does not report damage, so that turning the trace
+// on does not change when damage is reported.
+void FastVantrelImpl::followSkipped(Check& check) const {
+  for (EntryKey const& start : std::exchange(check.skipped, {})) chainComesBack(start, check, &peekEntry);
 }
 
 }  // namespace Vantrel

@@ -8,8 +8,8 @@
 //             [ 10 ] [    ] [    ] [ 20 ] [    ] [    ] [ 30 ]
 //                      ^^^^^^^^^^^^^^^^^^^^^^^^^^^^^^  waiters of 2 to 6 may go now, in either direction
 //
-// An equal neighbour above keeps the lower side closed, one below the upper side. It does not run the queue:
-// its caller does.
+// A neighbour of equal priority at a lower position keeps the positions before the deleted one closed, one at
+// a higher position those behind it. A delete does not drain the queue: its caller does.
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -24,7 +24,7 @@ bool FastVantrelImpl::processDelete(EntryKey const& key, bool delAck) {
 bool FastVantrelImpl::processDeleteHelper(EntryKey const& key, bool deadlock, bool delAck) {
   FAST_ASSERT(initialized());
   VANTREL_TRACE(vantrelFastImplTrace(), 8, "trying to delete ", key);
-  CState_s* const c = state()->expected(key);
+  CState_s* const c = state()->cachedRecord(key);
   return c ? deleteKnown(*c, deadlock, delAck) : deleteUnknown(key, delAck);
 }
 
@@ -34,7 +34,7 @@ bool FastVantrelImpl::deleteKnown(CState_s& c, bool deadlock, bool delAck) {
   VANTREL_RECORD(9, lgId(), "deleting entry key:", c.key, " hdl:", c.hdl, " opId: ", c.opId,
                  " deadlock:", deadlock, " delAck: ", delAck);
   state()->clearPending(c.p, true);
-  // The group of a delete record is 0 whatever the entry's own.
+  // The hardware client expects group 0 in the record of a delete.
   EntryConfig record(c.key, delAck ? OpId::deleteAcknowledge() : c.opId, c.hdl, 0, c.prio);
   if (c.programmed()) {
     record.tableIndexIs(TableKey(0), c.sti);
@@ -59,8 +59,8 @@ void FastVantrelImpl::withdraw(CState_s const& c, EntryConfig const& record, boo
   throw;
 }
 
-// Takes the entry's place at ti from the indexes and wakes whom it kept waiting. Another entry may have it
-// already, when the hardware client threw at an earlier attempt.
+// Removes the entry's place at ti from the indexes and queues the entries that waited because of it. After a
+// hardware call that threw, another entry may hold the place already: then it stays.
 void FastVantrelImpl::vacate(CState_s const& c, U32 ti) {
   FastState& s = *state();
   if (!s.positions.hasStrays() || s.positions.current.at(ti) == &c) s.positions.remove(placeOf(c, ti));
@@ -68,7 +68,7 @@ void FastVantrelImpl::vacate(CState_s const& c, U32 ti) {
   wakeRange(c.pg, rangeOpenedByDelete(c, ti));
 }
 
-// The deleted entry is no longer in the index that is searched from its place.
+// The deleted entry is no longer in the precedence index: its neighbours are found from its old place.
 FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByDelete(CState_s const& c, U32 ti) const {
   constexpr U32 end = 0xFFFFFFFF;
   U32 const from = pti(c.pg, ti);
@@ -96,14 +96,15 @@ void FastVantrelImpl::forget(CState_s& c) {
   dirtyIs(true);
 }
 
-// A record that goes leaves no place behind, not even one that a call which threw kept it from knowing.
+// Removes places that the record itself does not know, because a hardware call threw after the indexes were
+// updated: the indexes must not refer to a freed record.
 void FastVantrelImpl::vacateStrays(CState_s const& c) {
   Positions& positions = state()->positions;
   for (U32 const ti : positions.takeStrays(c.key))
     if (positions.current.at(ti) == &c) vacate(c, ti);
 }
 
-// Not an error: the producer is answered, so that it is not left waiting.
+// Not an error: a producer that waits for the delete's acknowledgement gets it.
 bool FastVantrelImpl::deleteUnknown(EntryKey const& key, bool delAck) {
   VANTREL_TRACE(vantrelFastImplTrace(), 8, "not found entry ", key);
   VANTREL_RECORD(9, lgId(), "del not found key:", key);

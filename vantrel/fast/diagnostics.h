@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Diagnostics: what looks at an engine's state and decides nothing. The engine calls it and does not know it;
-// who provides it (vantrel/diag) registers it before main() begins.
+// Diagnostics: the functions that show an engine's state (dumps, debug requests) and change nothing. The
+// engine calls them through this table, because fast may not include diag; vantrel/diag registers them before
+// main() begins.
 //
-// Ownership: what is registered lives as long as the process.
-// Threading: registered once, before any thread.
-// Cost: nothing until it is asked for.
+// Ownership: what is registered must live as long as the process.
+// Threading: registered once, before any thread starts.
+// Cost: nothing until one of them is called.
 #pragma once
 
 #include "vantrel/core/tables.h"
@@ -21,7 +22,7 @@ struct Diagnostics {
   void (*handleDebug)(FastState const& state, DebugConfig const& request, DebugStatus& answer);
 };
 
-// Without, dumps write nothing and debug requests stay unanswered.
+// Registers them. Until then dumps write nothing and debug requests stay unanswered.
 void diagnosticsAre(Diagnostics const& diagnostics);
 
 }  // namespace Vantrel

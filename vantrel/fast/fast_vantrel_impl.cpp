@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Construction, the small answers, and the names of both fast engines.
+// Construction, simple queries, and what of both fast engines can be reached by name.
 #include "vantrel/fast/fast_vantrel_impl.h"
 
 #include <string>
@@ -21,8 +21,8 @@ FastVantrelImpl::FastVantrelImpl(std::string name, Ostra::Ptr<TableConfig const>
     : VantrelImpl(std::move(name), std::move(tableConfig), std::move(debugConfig), std::move(debugStatus),
                   std::move(helper), lgId) {
   FastVantrelImpl::handleInitialized();
-  forethoughtIs([](VantrelImpl const& engine, EntryKey const& key) {
-    static_cast<FastVantrelImpl const&>(engine).state()->expect(key);
+  prefetchIs([](VantrelImpl const& engine, EntryKey const& key) {
+    static_cast<FastVantrelImpl const&>(engine).state()->prefetch(key);
   });
 }
 
@@ -55,7 +55,7 @@ void FastVantrelImpl::handleInitialized() {
 void FastVantrelImpl::roomForKeysIs(U64 keys) { state()->roomIs(keys); }
 
 OpId FastVantrelImpl::currentOpId(EntryKey const& key) const {
-  CState_s const* const c = state()->expected(key);
+  CState_s const* const c = state()->cachedRecord(key);
   return c ? c->opId : OpId();
 }
 
@@ -63,7 +63,7 @@ U32 FastVantrelImpl::numPending() const { return initialized() ? state()->pendin
 
 U32 FastVantrelImpl::numDeadlock() const { return deadlockCount(); }
 
-// A precedence index has 32 bits: more leave none for the group, and no way to shift it.
+// A precedence index has 32 bits; the position cannot have more.
 void FastVantrelImpl::checkedPrioGrpShiftIs(U32 v) {
   if (v > Mapping::mostShift)
     throw Ostra::AttributeException("prioGrpShift: expected a number of bits from 0 to 32, got " +
@@ -84,8 +84,8 @@ std::string stateWouldBeLost(FastVantrelImpl const&) {
 
 }  // namespace
 
-// Without pti and lti, which are for the engine's own positions: others fail an assertion, and an operator's
-// typing error would end the agent. Without isConflicting, which takes a record and leaves a claim.
+// pti and lti have no name: a position outside the mapping fails an assertion, and an operator's typing error
+// would end the agent. Nor has isConflicting, which takes a record and leaves a claim.
 Ostra::TypeInfo const& FastVantrelImpl::staticType() {
   using F = FastVantrelImpl;
   static Ostra::TypeInfo const type =

@@ -3,8 +3,8 @@
 //
 // The producer chooses positions, the engine decides when a position may be taken: never while another entry
 // holds it, and never so that, inside one priority group, a lower `prio` would lie at a higher precedence
-// index than a higher one. An entry that must wait leaves a claim on its position and is woken by the change
-// that may have removed its obstacle.
+// index than a higher one. An entry that must wait leaves a claim on its position; the change that may have
+// removed its obstacle queues it for a retry.
 //
 // Invariants: see FastState.
 // Ownership: makes its FastState at construction and does not release it.
@@ -51,18 +51,20 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   void handleDebug() override;
   void handleInitialized() override;
 
-  // The precedence index of a position: its order inside a group is the hardware's. And back.
+  // The precedence index of a position, and back. Inside a group, precedence indexes have the hardware's
+  // order.
   virtual U32 pti(U16 pg, U32 ti) const;
   virtual U32 lti(U32 pti) const;
 
-  // May the entry be programmed at its table index now? When not, it is stale, or it waits with a claim (or
-  // lost it to a newer one).
+  // False when the entry may be programmed at its table index now. True when it is stale or must wait: then
+  // it has a claim, unless a newer version has one there.
   bool isConflicting(EntryConfig const& entry);
-  // `deadlock` asks the hardware through deleteEntryDeadlock. False when the engine does not know the key.
+  // Returns false when the engine does not know the key. With `deadlock` the hardware client is called by
+  // deleteEntryDeadlock.
   bool processDeleteHelper(EntryKey const& key, bool deadlock, bool delAck);
   // Deletes every key that has a handle.
   void doCleanup();
-  // Makes room for so many more keys, so that none of them has to wait while the map of all keys doubles and
+  // Reserves room for that many more keys, so that none of them waits while the map of all keys doubles and
   // the record pool grows: tens of milliseconds at a million. An agent that knows the size of its hardware
   // calls it once, at the start.
   void roomForKeysIs(U64 keys);
@@ -78,7 +80,7 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   }
   FastState* state() const { return state_; }
   void stateIs(FastState* v) { scalarIs(fastNotifiees_, "state", state_, v, &Notifiee::onState); }
-  // Rings broken.
+  // How many rings were broken.
   U32 deadlockCount() const { return deadlockCount_; }
   void deadlockCountIs(U32 v) {
     scalarIs(fastNotifiees_, "deadlockCount", deadlockCount_, v, &Notifiee::onDeadlockCount);
@@ -107,8 +109,6 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   CState_s const* priorityBlocker(CState_s const& c, U32 ti) const;
   void claimPriority(EntryConfig const& entry, CState_s& c, U32 ti, CState_s const& blocker);
   void claimOccupied(EntryConfig const& entry, CState_s& c, U32 ti);
-  bool conflictFound(EntryConfig const& entry, CState_s const& c);
-  bool conflictFree(EntryConfig const& entry, CState_s& c);
 
   // wait_reason.cpp
   CState_s const* newerAt(U32 ti, OpId opId) const;
@@ -127,7 +127,6 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
 
   // workq.cpp
   void retryNext();
-  void retry(EntryKey const& key);
 
   // deletes.cpp
   bool deleteKnown(CState_s& c, bool deadlock, bool delAck);
@@ -141,8 +140,8 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   // deadlock.cpp
   struct Check;
   void checkBlocked();
-  bool passesBy(EntryKey const& start, Check& check) const;
-  void catchUp(Check& check) const;
+  bool skipsOpenChain(EntryKey const& start, Check& check) const;
+  void followSkipped(Check& check) const;
   using Reader = EntryConfig (*)(TableConfig const&, EntryKey const&);
   bool chainComesBack(EntryKey const& start, Check& check, Reader read) const;
   CState_s const* occupantWaitedFor(CState_s const& c, EntryConfig const& config) const;

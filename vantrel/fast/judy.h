@@ -2,15 +2,15 @@
 // Judy arrays in the words of the domain: JudyMap<T> is an ordered map from an index to a T*, JudySet a set
 // of indexes.
 //
-// Invariants: a map holds no null value; insert() is the exception, whose caller fills the slot before he
-//   does anything else. A slot reference does not survive an insert or a removal in its map.
+// Invariants: a map holds no null value: the caller of insert() must fill a new slot before any other call. A
+//   slot reference is invalid after an insert or a removal in its map.
 // Ownership: the arrays free their own memory, never what the values point to.
 // Threading: the agent's thread.
-// Cost: a few cache lines an operation at a million indexes; the order costs nothing extra. A site costs
-//   nothing until Judy fails.
-// Errors: Judy fails for want of memory or on a damaged array; either ends the process after one trace line
-//   that names the Judy function, the error number and the error identifier. The assertion is the caller's:
-//   it names the function and the line that called the map or the set.
+// Cost: a few cache lines an operation at a million indexes; ordered access costs nothing extra. Passing the
+//   site costs nothing until Judy fails.
+// Errors: Judy fails for want of memory or on a damaged array. Either ends the process, after one trace line
+//   with the Judy function, the error number and the error identifier, by an assertion that names the
+//   function and the line that called the map or the set.
 #pragma once
 
 #include <Judy.h>
@@ -23,7 +23,7 @@
 
 namespace Vantrel {
 
-// The operation that calls a Judy function.
+// The place in the source that called the map or the set.
 using Site = std::source_location;
 
 // Traces the failure and fails the assertion "false" at `site`.
@@ -58,7 +58,7 @@ inline bool remove(Pvoid_t& array, Word_t index, Site site) {
   JError_t error;
   return checked(JudyLDel(&array, index, &error), "JudyLDel", error, site);
 }
-// These three move the index to what was found.
+// These three set `index` to the index that was found.
 inline PPvoid_t atOrAbove(Pcvoid_t array, Word_t& index, Site site) {
   JError_t error;
   return checked(JudyLFirst(array, &index, &error), "JudyLFirst", error, site);
@@ -116,7 +116,7 @@ class JudyMap {
   T* at(U32 index, Site site = Site::current()) const {
     return empty() ? nullptr : valueAt(Judy::get(array_, index, site));
   }
-  // The index's slot, made when there is none; a new one holds null.
+  // Returns the index's slot; a new one holds null.
   T** insert(U32 index, Site site = Site::current()) {
     return reinterpret_cast<T**>(Judy::insert(array_, index, site));
   }

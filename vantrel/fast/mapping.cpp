@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Mapping: the engines' pti and lti, as core/mapping.h has them. Positions and groups outside it are
-// assertions: the producer keeps inside.
+// The engines' pti and lti, by core/mapping.h. A position or a group outside the mapping fails an assertion:
+// the producer must keep inside.
 #include "vantrel/core/mapping.h"
 
 #include "vantrel/fast/asserts.h"

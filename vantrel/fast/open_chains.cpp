@@ -6,21 +6,23 @@
 namespace Vantrel {
 namespace {
 
-// A programmed entry that is to move to a position which another one holds.
+// Whether the entry is programmed and waits to move to a position that another one held.
 bool waitsToMove(CState_s const& c) {
   return c.programmed() && c.p.type == PendingType::Occupied && c.p.ti != c.sti;
 }
 
 }  // namespace
 
-// A claim on a position that nobody holds is met by following the chain.
 bool OpenChains::ends(CState_s& c) {
-  ask(c);
-  if (!c.p.open || !settled()) return false;
+  search(c);
+  bool const everyClaimHasAnOccupant = state_.workq.empty() && lost_ == 0 && !state_.positions.hasStrays();
+  if (!c.p.open || !everyClaimHasAnOccupant) return false;
   return !waitsToMove(c) || state_.positions.current.at(c.p.ti);
 }
 
-void OpenChains::ask(CState_s& c) {
+// Finds out whether the chain from `c` comes back, unless it is known to be open. If it does, no member of
+// the ring is open any more.
+void OpenChains::search(CState_s& c) {
   if (c.p.open) return;
   c.p.open = !comesBack(c);
   if (c.p.open) return;
@@ -31,8 +33,8 @@ void OpenChains::ask(CState_s& c) {
   }
 }
 
-// One step ahead, one step back, until one side ends or both meet. More steps than records: not a state that
-// the engine made, and for the ring check to tell.
+// Goes one step ahead and one step back in turn, until one side ends or both meet. The number of steps is
+// limited by that of the records: the engine never makes a longer chain, and the deadlock check fails on one.
 bool OpenChains::comesBack(CState_s const& c) const {
   CState_s const* ahead = occupantClaimed(c);
   CState_s const* behind = claimant(c);
@@ -45,17 +47,12 @@ bool OpenChains::comesBack(CState_s const& c) const {
   return ahead && behind;
 }
 
-// Every claim on an occupied position has its occupant, and records and indexes agree.
-bool OpenChains::settled() const {
-  return state_.workq.empty() && lost_ == 0 && !state_.positions.hasStrays();
-}
-
-// Who holds the position that a programmed entry claims.
+// The entry that holds the position which `c`, programmed, claims.
 CState_s* OpenChains::occupantClaimed(CState_s const& c) const {
   return waitsToMove(c) ? state_.positions.current.at(c.p.ti) : nullptr;
 }
 
-// The programmed entry that claims the position of another one.
+// The programmed entry that claims the position of `c`.
 CState_s* OpenChains::claimant(CState_s const& c) const {
   CState_s* const waiter = c.programmed() ? state_.pending.at(c.sti) : nullptr;
   return waiter && occupantClaimed(*waiter) == &c ? waiter : nullptr;

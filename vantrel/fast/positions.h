@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Positions: where records are programmed. Two indexes that change together, and the places that a hardware
-// call which threw left in them.
+// Positions: where records are programmed. Two indexes that change together, and a list of strays: places
+// that a hardware call which threw left in the indexes.
 //
 //   current:     ti ----------> record     who holds a position
 //   precedence:  pti(pg, ti) -> record     the same, in precedence order: neighbours decide a conflict
@@ -10,7 +10,8 @@
 // Ownership: the records are the state's.
 // Threading: the agent's thread.
 // Cost: two index operations for add and remove, four for move.
-// Errors: a place that cannot be entered or left is an assertion. A Judy failure is asserted at the caller.
+// Errors: a place that cannot be added or removed fails an assertion. A Judy failure is reported as the
+//   caller's.
 #pragma once
 
 #include <vector>
@@ -21,7 +22,7 @@
 
 namespace Vantrel {
 
-// A position and its precedence index in the group of the record that is meant.
+// A position, and its precedence index in the group of the record in question.
 struct Place {
   U32 ti;
   U32 pti;
@@ -47,10 +48,10 @@ class Positions {
     add(c, to, site);
   }
 
-  // The hardware client threw: the indexes were updated for the key's place at ti, its record was not.
+  // Called when the hardware client threw: the indexes have the key at ti, its record does not say so.
   void strayIs(EntryKey const& key, U32 ti) { strays_.push_back({key, ti}); }
   bool hasStrays() const { return !strays_.empty(); }
-  // Where a record that is about to go may be listed without saying so itself. They count no longer.
+  // Returns the key's strays and removes them from the list.
   std::vector<U32> takeStrays(EntryKey const& key) {
     std::vector<U32> places;
     std::erase_if(strays_, [&](Stray const& stray) {

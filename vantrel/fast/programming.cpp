@@ -4,7 +4,8 @@
 //   not programmed yet          -> addEntry
 //   unchanged, same position    -> noopAck
 //   changed                     -> updateEntry, and then
-//   another position            -> moveEntry; the vacated position's waiter and the opened range's wake
+//   another position            -> moveEntry; the waiters of the vacated position and of the opened range
+//                                  are queued
 //
 // What a move opens (priorities inside, one group), 30 moving from 6 to 2:
 //
@@ -12,7 +13,7 @@
 //             [ 10 ] [ -> ] [    ] [    ] [    ] [ 30 ] [ 40 ]
 //                             ^^^^^^^^^^^^^^^^^ claims here may have been out of order with 30 at 6
 //
-// It does not undo anything: the indexes are updated before the hardware client is called.
+// The indexes are updated before the hardware client is called, and when it throws nothing is undone.
 #include <algorithm>
 
 #include "vantrel/core/trace.h"
@@ -23,8 +24,8 @@
 namespace Vantrel {
 namespace {
 
-// The low part tells whether match or action changed; the high part counts versions, and one that is too far
-// ahead is written to be safe.
+// The low part tells whether match or action changed, the high part counts versions. After more versions than
+// the low part can tell apart, equal low parts prove nothing: the entry is rewritten.
 bool unchanged(OpId wanted, OpId programmed) {
   constexpr U64 maxVersionsAhead = 65535;
   return wanted.low() == programmed.low() && wanted.high() - programmed.high() <= maxVersionsAhead;
@@ -88,8 +89,8 @@ void FastVantrelImpl::move(EntryConfig const& entry, CState_s& c, U32 ti) try {
 
 Place FastVantrelImpl::placeOf(CState_s const& c, U32 ti) const { return {ti, pti(c.pg, ti)}; }
 
-// The indexes are those after the move: the moved entry itself can be a neighbour of its old position. A
-// neighbour of its own priority on the side it left keeps bounding the range as before: nothing opens.
+// The indexes are those after the move, so the moved entry itself can be a neighbour of its old position. A
+// neighbour of the same priority on the side that the entry left still bounds the range: nothing opens.
 FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByMove(CState_s const& c, U32 old, U32 ti) const {
   constexpr Range none{0, 0};
   U32 const from = pti(c.pg, old);

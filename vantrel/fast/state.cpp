@@ -7,7 +7,7 @@
 //   blocks: [ a b ] [ c d e f g h ]      clen = 9: eight records made, plus one
 //   cfree:  h g f | ...                  cread = 3: the next three allocations take f, g, h in this order
 //
-// It clears nothing: a record comes back as it was left, and whoever takes it fills every field.
+// It clears nothing: a record is handed out as it was left, and the caller must fill every field.
 #include "vantrel/fast/state.h"
 
 #include <algorithm>
@@ -25,8 +25,8 @@ constexpr U32 maxGrowth = 131072;
 struct Pool {
   U32 cread = 0;  // records free
   U32 clen = 1;   // records ever made, plus one
-  // The first cread of them are free. One to spare: a record given back twice is seen, not written past the
-  // end.
+  // The first cread of them are free. One to spare: a record that is freed twice fails the assertion in
+  // give() instead of being written past the end.
   std::vector<CState_s*> cfree = std::vector<CState_s*>(clen + 1);
   std::vector<void*> blocks;       // keeps every block in a leak checker's sight
   std::vector<FastState*> states;  // and every state

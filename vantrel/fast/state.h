@@ -10,9 +10,9 @@
 //
 // Invariants: a record with p.ti is listed in pending exactly under it. A key is in workqSet exactly when it
 //   is in workq.
-// Ownership: records come from one process-wide pool that never returns memory. A state is never released:
-//   whoever installed it in an engine owns its release, and the engine's own lives on, listed where a leak
-//   checker sees it.
+// Ownership: records come from one process-wide pool that never returns memory. An engine does not release
+//   its state: the one that it makes lives to the end of the process, listed so that no leak checker reports
+//   it; code that installs another (stateIs) must release that itself.
 // Threading: all engines of a process run on one thread; the pool is not locked.
 // Cost: a record beside its places in the indexes; no allocation but the pool's rare growth and Judy's own.
 #pragma once
@@ -56,52 +56,54 @@ class FastState {
     auto const at = cstate.find(key);
     return at == cstate.end() ? nullptr : at->second;
   }
-  // The key is about to be handled. What is known of it is looked up once, and fetched while other data of
-  // the key are.
-  void expect(EntryKey const& key) {
-    asked_ = {key, record(key)};
-    __builtin_prefetch(asked_.record);
+  // Looks the record of the key that is about to be handled up, keeps the result, and prefetches the record
+  // while the key's configuration is read.
+  void prefetch(EntryKey const& key) {
+    cached_ = {key, record(key)};
+    __builtin_prefetch(cached_.record);
   }
-  // The same as record(), at once when it is the key that is being handled.
-  CState_s* expected(EntryKey const& key) const { return key == asked_.key ? asked_.record : record(key); }
-  // Enters a record under its key, which is unknown; takes one out.
+  // The same as record(), without a look-up for the key that was prefetched last.
+  CState_s* cachedRecord(EntryKey const& key) const {
+    return key == cached_.key ? cached_.record : record(key);
+  }
+  // Enters a record under its key, which must be unknown.
   void enter(CState_s& c) {
     cstate.emplace(c.key, &c);
-    if (asked_.key == c.key) asked_.record = &c;
+    if (cached_.key == c.key) cached_.record = &c;
   }
   void erase(CState_s const& c) {
-    if (asked_.key == c.key) asked_.record = nullptr;
+    if (cached_.key == c.key) cached_.record = nullptr;
     cstate.erase(c.key);
   }
 
-  // So many more keys can be entered before the map of records and the pool grow.
+  // Reserves room for that many more keys in the map of records and in the pool.
   void roomIs(std::size_t keys);
-  // A record from the pool, as it was left: the caller fills every field.
+  // Returns a record from the pool. The caller must fill every field.
   CState_s* cstateAlloc();
   void cstateFree(CState_s* c);
 
-  // Ends a claim. With `unindex` its pending slot goes too, whatever record it points to; without, the caller
-  // is about to overwrite the slot.
+  // Ends a claim. With `unindex` its pending slot is removed, whatever record it points to; without, the
+  // caller must overwrite the slot.
   void clearPending(EntryPState_s& p, bool unindex) {
     if (unindex && p.ti != noIndex) unindexClaim(p.ti);
     chains.claimEnded(p);
     p = {OpId(), noIndex, PendingType::None};
   }
-  // Queues whoever waits for ti, unless it is queued already. The claim stays.
+  // Queues the key that waits for ti, if any, unless it is queued already. The claim stays.
   void addToWorkq(U32 ti) {
     if (CState_s const* const waiter = pending.at(ti)) queue(*waiter);
   }
 
  private:
-  // The key that expect() was told of last, and its record: what cstate has, through enter() and erase().
-  struct Asked {
+  // The key that was prefetched last, and its record as cstate has it; enter() and erase() keep it so.
+  struct Cached {
     EntryKey key;
     CState_s* record = nullptr;
   };
   void unindexClaim(U32 ti);
   void queue(CState_s const& waiter);
 
-  Asked asked_;
+  Cached cached_;
   U32 lgId_ = 0;
 };
 

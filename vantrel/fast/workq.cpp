@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The work queue: whoever waits for a position is retried when a change may have removed its obstacle.
+// The work queue: an entry that waits for a position is retried when a change may have removed its obstacle.
 //
 //   pending:  ti 4 -> key 7      addToWorkq(4):  workq [ 7 ]      processPending():  handleEntryHelper(7)
 //
-// The queue is edge-triggered: nothing is ever rescanned. A queued entry keeps its claim; its retry decides
-// what becomes of it. Keys queued while a drain runs are retried in the same drain.
+// The queue is edge-triggered: waiting entries are never scanned. A queued entry keeps its claim until its
+// retry renews or ends it. Keys queued while a drain runs are retried in the same drain. It does not keep a
+// key whose retry failed.
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -32,7 +33,7 @@ void FastVantrelImpl::processPending() {
   }
 }
 
-// Apart from its loop, which mostly does not begin.
+// Out of line: mostly the queue is empty.
 [[gnu::noinline]] void FastVantrelImpl::retryNext() {
   EntryKey const key = state()->workq.front();
   state()->workq.pop_front();
@@ -41,10 +42,6 @@ void FastVantrelImpl::processPending() {
   VANTREL_TRACE(vantrelFastImplTrace(), 8, "trying pending ", key);
   momentPassed();
   VANTREL_RECORD(9, lgId(), "pending key:", key);
-  retry(key);
-}
-
-void FastVantrelImpl::retry(EntryKey const& key) {
   if (CState_s* const c = state()->record(key)) state()->chains.claimRetried(c->p);
   handleEntryHelper(key);
 }

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// FailedKeys: the keys that wait for a retry, ascending, each with a flag. It may change under an iterator.
+// FailedKeys: the keys that wait for a retry, ascending, each with a flag. It may change while it is iterated
+// over.
 //
-//   keys 3, 5, 9      at 5: 5 is removed, 4 and 7 come      ++ leads to 7
+//   keys 3, 5, 9      iterator at 5; 5 is removed, 4 and 7 are inserted      ++ leads to 7
 //
-// Invariants: version() begins at 1 and rises whenever a key comes or goes. An iterator that advances finds
-//   the smallest key greater than its own in the collection as it is then: while the version is the one that
-//   it saw last, that is its successor; else it is searched for.
-// Ownership: an iterator refers to the collection and does not keep it.
+// Invariants: version() begins at 1 and rises when a key is inserted or removed. An iterator that advances
+//   finds the smallest key greater than its own in the collection as it is then: the successor while the
+//   version is the one that it saw last, else by a search.
+// Ownership: an iterator refers to the collection, which must outlive it.
 // Threading: the agent's event loop.
 // Cost: logarithmic in the number of keys; an advance over an unchanged collection is constant.
-// Errors: none. The key under an iterator must be there to be read.
+// Errors: none. An iterator must not be dereferenced after its key was removed.
 #pragma once
 
 #include <cstddef>
@@ -76,7 +77,7 @@ class FailedKeys {
 
   // Inserts the key, or overwrites its value.
   void set(EntryKey const& key, bool value) { version_ += keys_.insert_or_assign(key, value).second; }
-  // Removes the key under an iterator, which is returned to be advanced.
+  // Removes the iterator's key. Returns the iterator, which must be advanced before it is used.
   const_iterator erase(const_iterator at) {
     at.at_ = keys_.erase(at.at_);
     at.version_ = ++version_;

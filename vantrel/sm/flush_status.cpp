@@ -1,5 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
+// How the two counters are reached by name: a producer in another process reads and watches them.
+//
+//   tableCounter:  0 --front end made--> 1 --the next one made--> 2
+//   flushCounter:  0 --first walk flushed--> 1
+//
+// It does not count: the front ends do, and a write from outside is refused.
 #include "vantrel/sm/flush_status.h"
+
 #include "ostra/type_info.h"
 
 namespace Vantrel {

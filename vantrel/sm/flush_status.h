@@ -2,11 +2,11 @@
 // VantrelFlushStatus: two counters by which a producer in another process learns that its table has been
 // attached (tableCounter moved) and that the table's first contents are in hardware (flushCounter moved).
 //
-// Invariants: tableCounter moves once a front end, flushCounter once a front end's first complete walk, both
-//   modulo 256; storing the value that is there tells nobody.
+// Invariants: tableCounter moves once for each front end, flushCounter once for each front end's first
+//   complete walk, both modulo 256. Writing the present value notifies nobody.
 // Ownership: the agent makes it by name and passes it to the front ends, which hold it.
 // Threading: the agent's event loop.
-// Cost: a write that nobody watches is a comparison and a store.
+// Cost: a write without watchers is a comparison and a store.
 #pragma once
 
 #include "ostra/entity.h"

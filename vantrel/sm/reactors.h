@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The front end's watchers, one an input: each refers to its input and back to the front end.
+// The front end's watchers, one for each input: each refers to its input and back to the front end.
 //
-// Invariants: marked for deletion, or dropped by its owner, a reactor ignores every notification.
-// Ownership: the front end holds its reactors. A handler may drop its own reactor and even the front end:
-//   both are held while it runs.
+// Invariants: a reactor that is marked for deletion, or dropped by its owner, ignores every notification.
+// Ownership: the front end owns its reactors. A handler may drop its own reactor and even the front end: both
+//   are kept alive while it runs.
 // Threading: the agent's event loop.
-// Cost: two reference counts a notification.
+// Cost: two reference counts for each notification.
 #pragma once
 
 #include "vantrel/core/trace.h"
@@ -30,7 +30,7 @@ class VANTREL_LOCAL VantrelSm::Reactor : public NotifieeT, public Ostra::PtrInte
     if (this->markedForDeletion() || !owner_) return;
     Ostra::Ptr<Reactor> const keepReactor(this);
     VantrelSm& owner = *owner_;
-    auto const keepOwner = Ostra::keepAlive(&owner);  // nobody holds it yet while it is being constructed
+    auto const keepOwner = Ostra::keepAlive(&owner);  // does nothing while the owner is being constructed
     handler(owner);
   }
 
@@ -47,8 +47,8 @@ class VANTREL_LOCAL VantrelSm::TableReactor : public Reactor<TableConfig::Notifi
   void onEntryColl() override {
     call([](VantrelSm& sm) { sm.handleEntry(); });
   }
+  // This walk replaces the one that watching begins with, so that the table is walked once.
   void inputReplaced() {
-    // The walk that follows is the one that watching begins with.
     call([](VantrelSm& sm) { sm.handleEntry(); });
     synchronizedIs(hasNotificationActive() && !markedForDeletion());
   }

@@ -1,7 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Retry: keys whose dependants failed come back on the timer. All share one wake-up, armed by the first
-// failure after a pass; a pass hands over each waiting key once, in ascending order. A key that fails again
-// goes back to its own place, which the pass has left behind: it is not tried twice in one pass.
+// Retry: a key whose dependant tables failed is kept, and handed to the engine again when a timer fires. All
+// failed keys share one wake-up, armed by the first failure after a pass. A pass hands over each key once, in
+// ascending order:
+//
+//   failedKey 3, 5, 9    pass: 3 succeeds, 5 fails again, 9 succeeds    failedKey 5, a new wake-up armed
+//                                    '-- inserted behind the pass, which goes on to 9: tried once
+//
+// There is no back-off and no limit: a key is retried every retryPeriod seconds until it succeeds. Without a
+// timer wheel failed keys are kept, and no pass is made.
 #include "ostra/clock.h"
 #include "vantrel/sm/reactors.h"
 
@@ -26,7 +32,6 @@ void VantrelSm::failedKeyDelAll() {
   for (auto at = failedKey_.begin(); at != failedKey_.end(); ++at) at = failedKeyDel(at);
 }
 
-// Without a wheel the key is kept all the same, and nothing brings it back.
 void VantrelSm::doScheduleRetry(EntryKey const& key) {
   SM_TRACE_ENTRY("doScheduleRetry");
   if (timerReactor_ && timerReactor_->notifier() && !retryTimerSet()) {

@@ -1,5 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The front end between its inputs and the engine: reactors, full walks, flush bookkeeping.
+// The front end: a reactor for each input, and what each notification leads to.
+//
+//   configuration table  -- onEntry(key) ---->  the engine handles the key; a failed key is kept (retry.cpp)
+//                        -- onEntryColl() --->  every key of the table is handled, then the hardware flushed
+//   debug configuration  -- onVersion() ----->  the engine answers
+//   timer wheel          -- onTime() -------->  every failed key is handled
+//
+// It does not read configurations, order keys, or know positions: the engine does.
 #include "vantrel/sm/vantrel_sm.h"
 
 #include "ostra/exception.h"
@@ -30,7 +37,7 @@ VantrelSm::VantrelSm(Ostra::Ptr<TableConfig const> tableConfig, Ostra::Ptr<Table
   try {
     VantrelSm::handleInitialized();
   } catch (...) {
-    detachReactors();  // a round of notification may hold one of them longer
+    detachReactors();  // a notification that is under way may keep one of them alive
     throw;
   }
 }
@@ -73,8 +80,8 @@ void VantrelSm::markedForDeletionIs(bool marked) {
   eachReactor([marked](auto reactor) { reactor->markedForDeletionIs(marked); });
 }
 
-// Watching the same object already: nothing. Null: the reactor is dropped. Else it is pointed at the new
-// input, or made, and the input is handled at once.
+// Null drops the reactor. The input that it watches already changes nothing. Any other input is watched from
+// now on, by a new reactor if there is none, and is handled at once.
 template <class ReactorT, class Input>
 void VantrelSm::inputIs(Ostra::Ptr<ReactorT>& reactor, Ostra::Ptr<Input> input) {
   if (!input) return drop(reactor);
@@ -143,7 +150,7 @@ void VantrelSm::handleEntry() {
 }
 
 void VantrelSm::walk(TableConfig const& table) {
-  // Only the table's own steps are guarded: what the engine throws for a key is not damage of the table.
+  // Only the table's own steps are guarded: an exception of the engine says nothing about the table.
   auto const step = [&table](auto advance) -> std::optional<TableConfig::Place> {
     try {
       return advance();
@@ -194,8 +201,8 @@ std::string flushesWouldBeMiscounted(VantrelSm const&) {
 }
 }  // namespace
 
-// Without tableConfigDel, debugConfigDel and retryFailedTimerDel: nobody could give the front end its input
-// back by name.
+// tableConfigDel, debugConfigDel and retryFailedTimerDel have no name: the input could not be set again by
+// name.
 Ostra::TypeInfo const& VantrelSm::staticType() {
   using S = VantrelSm;
   static Ostra::TypeInfo const type =

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// VantrelSm: the front end. It hears of changes in the configuration table, hands their keys to the engine,
-// brings failed keys back on a timer, and walks the whole table when watching begins, when its watcher fell
-// behind and when the table is replaced.
+// VantrelSm: the front end. It watches the configuration table, hands changed keys to the engine, retries
+// failed keys on a timer, and walks the whole table when watching begins, when its watcher fell behind, and
+// when the table is replaced.
 //
-// Invariants: nothing is handed on before `initialized`. A key of failedKey is handed to the engine in the
-//   next pass.
+// Invariants: no key is handed to the engine before `initialized`. Every key of failedKey is handed to it in
+//   the next pass.
 // Ownership: holds references to every input. Each watched input has a reactor, which refers back to the
 //   front end.
 // Threading: the agent's event loop, one notification at a time.
@@ -22,8 +22,8 @@ namespace Vantrel {
 
 class VANTREL_API VantrelSm : public Ostra::Described {
  public:
-  // Makes a front end and switches notification on, which begins with a walk of the table. A null table,
-  // debug trigger or wheel leaves the features that need it inert; a null flush status, both counters.
+  // Makes a front end and switches notification on, which begins with a walk of the table. Without a table,
+  // debug configuration or wheel, what needs it does nothing; without a flush status nothing is counted.
   static Ostra::Ptr<VantrelSm> VantrelSmIs(Ostra::Ptr<TableConfig const> tableConfig,
                                            Ostra::Ptr<TableStatus> tableStatus,
                                            Ostra::Ptr<DebugConfig const> debugConfig,
@@ -33,15 +33,15 @@ class VANTREL_API VantrelSm : public Ostra::Described {
                                            Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer);
   ~VantrelSm() override;
 
-  // Forwarded to every reactor. Switching on walks a table whose changes may have been missed.
+  // Forwarded to every reactor. Switching on walks the table if changes may have been missed.
   virtual void hasNotificationActiveIs(bool active);
 
-  // Hands one key to the engine; a key whose dependants fail is kept for a retry.
+  // Hands one key to the engine; a key whose dependant tables fail is kept for a retry.
   virtual void handleEntry(EntryKey const& key);
   // Hands over every key of the table, then flushes the hardware client.
   virtual void handleEntry();
   virtual void handleInitialized();
-  // Marked for deletion, the reactors ignore every notification.
+  // While marked, the reactors ignore every notification.
   virtual void markedForDeletionIs(bool marked);
 
   // A different non-null input is handled at once: a full walk, a debug request, a retry pass.
@@ -67,7 +67,7 @@ class VANTREL_API VantrelSm : public Ostra::Described {
   Ostra::Ptr<VantrelFlushStatus> const& flushStatus() const { return flushStatus_; }
   Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer() const;
 
-  // These tell nobody. The first full walk was completed and flushed.
+  // Setting one of the following attributes notifies nobody. True once the first full walk was flushed.
   bool initialFlushed() const { return initialFlushed_; }
   void initialFlushedIs(bool v) { initialFlushed_ = v; }
   // Seconds before failed keys are retried.
@@ -85,13 +85,13 @@ class VANTREL_API VantrelSm : public Ostra::Described {
     failedKey_.set(key, value);
     failedKeyNotify(key);
   }
-  // The value of a key that was there, else false.
+  // Returns the value of the removed key, false when there was none.
   bool failedKeyDel(EntryKey const& key);
-  // Removes the key under the iterator, which is returned to be advanced.
+  // Removes the iterator's key. Returns the iterator, which must be advanced before it is used.
   FailedKeys::const_iterator failedKeyDel(FailedKeys::const_iterator at);
-  // One by one, ascending.
+  // Removes every key, ascending, one by one.
   void failedKeyDelAll();
-  // Where watchers would be told of a key that came or went: nobody watches.
+  // Called with each key that was inserted or removed. Does nothing: failedKey has no watchers.
   void failedKeyNotify(EntryKey const&) {}
 
   static Ostra::TypeInfo const& staticType();
@@ -122,7 +122,7 @@ class VANTREL_API VantrelSm : public Ostra::Described {
   void walk(TableConfig const& table);
   void firstFlushDone();
 
-  // What a reactor takes over when it is made or re-pointed.
+  // What a reactor gets when it is made or pointed at another input.
   bool notificationActive_ = true;
   bool marked_ = false;
   // In the order of construction; destruction releases them in reverse.
