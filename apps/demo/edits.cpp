@@ -6,7 +6,7 @@
 namespace Demo {
 namespace {
 
-// Of the addresses set aside for measurements, which no rule set names otherwise.
+// Addresses of 198.18.0.0/15, reserved for benchmarks, so that no rule set has them already.
 Acl::Rule dropHost(U32 host) {
   Acl::Rule rule;
   rule.source = {(198U << 24) | (18U << 16) | (host & 0x1FFFF), 0xFFFFFFFF};

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Changes to a rule set as an operator makes them: some at every place of the file.
+// Changes to a rule set as an operator makes them.
 #pragma once
 
 #include <random>
@@ -13,7 +13,7 @@ using Rules = std::vector<Acl::Rule>;
 
 // Puts `n` rules that drop one host each at random places.
 void insertBlocks(Rules& rules, std::size_t n, std::mt19937& random);
-// Takes `n` rules from random places, the last one never: it decides what no other rule does.
+// Removes `n` rules at random places, but never the last one, which matches what no other rule does.
 void removeSome(Rules& rules, std::size_t n, std::mt19937& random);
 // Gives `n` rules at random places another action: a mark.
 void changeActions(Rules& rules, std::size_t n, std::mt19937& random);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// demo: loads a rule file into the table of a running agent, edits it under way, and shows what happened.
+// demo: loads a rule file into the table of a running agent, edits it several times, and shows what happened.
 #include <fmt/format.h>
 #include <sys/ioctl.h>
 #include <unistd.h>

@@ -25,7 +25,7 @@ Groups groupsOf(std::vector<Placed> row) {
   return groups;
 }
 
-// A priority's height: by its rank among all, so that steps of any width fill the scale.
+// Maps a priority to a bar by its rank among all priorities, so that the whole scale is used.
 class Scale {
  public:
   explicit Scale(std::vector<Placed> const& row) {

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// A picture of the hardware's row for a terminal: positions from left to
-// right, a line a priority group in a colour of its own, a bar as high as the priority.
+// A picture of the hardware's row for a terminal: positions from left to right, one line and colour for each
+// priority group, a bar as high as the priority.
 //
 //   group 0  ▁▁▁▂▂·▂▃▃▃▄▄▄▅▅▅▆·▆▇▇██
 //
-// Where the order holds, the bars of a line never fall. A cell stands for as many positions as must share it;
-// it shows the greatest priority among them, a dot when all of them are free.
+// Where the order holds, the bars of a line never fall. When there are more positions than columns, a cell
+// shows the greatest priority of several; a dot means that all of them are free.
 #pragma once
 
 #include <cstddef>
@@ -22,10 +22,10 @@ struct Placed {
   U32 prio;
 };
 
-// `columns`: how wide a line may be. `colours`: for a terminal.
+// `columns` limits a line's width. `colours` adds a terminal's escape sequences.
 std::string picture(std::vector<Placed> row, std::size_t columns, bool colours);
 
-// Inside each group, no priority decreases along the positions.
+// Whether inside each group no priority decreases along the positions.
 bool inOrder(std::vector<Placed> row);
 
 }  // namespace Demo

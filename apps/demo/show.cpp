@@ -19,7 +19,7 @@ using Vantrel::EntryConfig;
 using Vantrel::EntryKey;
 using Vantrel::TableKey;
 
-// What the agent answers to the read of an object or of one of its collections.
+// Reads an entity's attributes, or the members of one of its collections, from the agent.
 Json attributesOf(Ostra::Asker& agent, std::string const& entity) {
   Json values;
   agent.ask(Json{{"verb", "read"}, {"entity", entity}}.dump(),
@@ -110,8 +110,8 @@ Show::Entries Show::wanted() const {
   return entries;
 }
 
-// Entries that may lie in any order among themselves, at least two together.
-std::vector<Show::Entries> Show::equals() const {
+// The classes, of at least two entries, of equal group and priority: those may trade places.
+std::vector<Show::Entries> Show::interchangeable() const {
   std::map<std::pair<U16, U32>, Entries> classes;
   for (EntryConfig const& e : wanted()) classes[{e.pg(), e.prio()}].push_back(e);
   std::vector<Entries> found;
@@ -131,7 +131,7 @@ void Show::rotate(Entries const& ring) {
 void Show::tradePlaces(std::size_t rings) {
   auto const started = Clock::now();
   U64 writes = 0, made = 0;
-  for (Entries& entries : equals()) {
+  for (Entries& entries : interchangeable()) {
     if (made == rings) break;
     entries.resize(std::min(entries.size(), 2 + made % 3));
     rotate(entries);
@@ -156,17 +156,13 @@ std::vector<Placed> Show::hardwareRow() const {
   return row;
 }
 
-U64 Show::unacknowledged() const {
-  return static_cast<U64>(std::ranges::count_if(
-      wanted(), [this](EntryConfig const& e) { return !producer_.acknowledged(e.key()); }));
-}
-
 bool Show::report(std::size_t columns, bool colours) {
   Ostra::Asker agent(socketOf(dir_));
   Json const hardware = attributesOf(agent, "hardware");
   Json const engine = attributesOf(agent, "engine");
   std::vector<Placed> const row = hardwareRow();
-  U64 const late = unacknowledged();
+  auto const late = static_cast<U64>(std::ranges::count_if(
+      wanted(), [this](EntryConfig const& e) { return !producer_.acknowledged(e.key()); }));
   U64 const violations = hardware.at("violations").get<U64>();
   auto const line = [](char const* left, U64 n, char const* right, std::string const& value) {
     fmt::print("  {:<18}{:>8}    {:<40}{:>10}\n", left, n, right, value);

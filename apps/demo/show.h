@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Show: a producer at work before an agent, and what the two of them did.
+// Show: the demo's producer, and its report of what producer and agent did.
 //
-// Every figure is from the run: times are taken at the write and at the acknowledgement's notification,
-// counts are those of the agent's hardware, and the picture is the hardware's row.
+// Every figure is measured in the run: times from the write to the acknowledgement's notification, counts
+// read from the agent's hardware, the picture drawn from the hardware's row.
 //
 // Ownership: the one writer of the directory's configuration table.
 // Threading: one thread.
-// Errors: std::runtime_error when the agent cannot be asked, or takes longer than `patience` for one step.
+// Errors: std::runtime_error when the agent cannot be reached, or takes longer than `patience` for one step.
 #pragma once
 
 #include <chrono>
@@ -27,11 +27,11 @@ class Show {
  public:
   Show(std::string dir, Vantrel::Mapping mapping, U32 size, double patience);
 
-  // Brings the table to the rules and waits until every change is acknowledged.
+  // Changes the table so that it holds the rules, and waits until every change is acknowledged.
   void load(std::string const& what, Rules const& rules);
   // Lets entries of equal priority trade places, two to four at a time, so that each waits for the next.
   void tradePlaces(std::size_t rings);
-  // Prints table and picture; true when every entry is acknowledged and the order held at every step.
+  // Prints figures and picture. Returns whether every entry is acknowledged and the order held at every step.
   bool report(std::size_t columns, bool colours);
 
  private:
@@ -43,10 +43,9 @@ class Show {
   void untilDone(Clock::time_point deadline);
   void said(std::string const& what, U64 writes, Clock::time_point started) const;
   Entries wanted() const;
-  std::vector<Entries> equals() const;
+  std::vector<Entries> interchangeable() const;
   void rotate(Entries const& ring);
   std::vector<Placed> hardwareRow() const;
-  U64 unacknowledged() const;
 
   std::string const dir_;
   U32 const size_;
@@ -54,8 +53,8 @@ class Show {
   Vantrel::SharedTables tables_;
   Vantrel::Producer producer_;
   Vantrel::Acknowledgements acknowledgements_;
-  std::unordered_map<U64, Clock::time_point> written_;
-  std::vector<double> milliseconds_;  // from a write to its acknowledgement
+  std::unordered_map<U64, Clock::time_point> written_;  // key -> when; until it is acknowledged
+  std::vector<double> milliseconds_;                    // from a write to its acknowledgement
 };
 
 }  // namespace Demo

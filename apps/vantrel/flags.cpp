@@ -20,20 +20,6 @@ U64 numberOf(std::string const& flag, std::string const& text, U64 most) {
   return value;
 }
 
-CLI::Option* addNumbers(CLI::App& app, std::string const& flag, std::vector<U64>& values,
-                        std::string const& help) {
-  return app
-      .add_option_function<std::vector<std::string>>(
-          flag,
-          [&values, flag](std::vector<std::string> const& texts) {
-            for (std::string const& text : texts)
-              values.push_back(numberOf(flag, text, std::numeric_limits<U64>::max()));
-          },
-          help)
-      ->delimiter(',')
-      ->type_name("N,N,...");
-}
-
 CLI::Option* addDir(CLI::App& app, std::string& dir) {
   return app.add_option("--dir", dir, "The directory that holds the tables")->required()->type_name("DIR");
 }

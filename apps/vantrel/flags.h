@@ -1,19 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// Flags that several verbs share. A value that is wrong is a CLI::ValidationError: usage, exit 2.
+// Flags that several verbs share. A wrong value throws CLI::ValidationError: the verb's usage, exit status 2.
 #pragma once
 
 #include <CLI/CLI.hpp>
 #include <limits>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "pallo/types.h"
 #include "vantrel/core/mapping.h"
 
 namespace VantrelCommand {
 
-// A number, decimal or 0x, of at most `most`.
+// Returns the number in `text`, decimal or 0x, which must be at most `most`.
 U64 numberOf(std::string const& flag, std::string const& text, U64 most);
 
 // A flag that takes such a number.
@@ -29,9 +28,6 @@ CLI::Option* addNumber(CLI::App& app, std::string const& flag, std::optional<T>&
           help)
       ->type_name("N");
 }
-// A flag that takes such numbers, separated by commas.
-CLI::Option* addNumbers(CLI::App& app, std::string const& flag, std::vector<U64>& values,
-                        std::string const& help);
 
 // --dir DIR
 CLI::Option* addDir(CLI::App& app, std::string& dir);
@@ -40,7 +36,7 @@ void addJson(CLI::App& app, bool& json);
 // --timeout S, a time of at least 0 seconds
 CLI::Option* addTimeout(CLI::App& app, std::optional<double>& seconds, std::string const& help);
 
-// --prio-grp-shift S, --max-partitions M: the engine's mapping, as the agent was told.
+// --prio-grp-shift S, --max-partitions M: the engine's mapping; must be the flags that the agent was given.
 struct MappingFlags {
   std::optional<U32> prioGrpShift;
   std::optional<U32> maxPartitions;

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Progress: shows how far something long has come, on stderr: a bar on a terminal, elsewhere a plain line
-// every few seconds. What ends within a second shows nothing.
+// Progress: shows on stderr how far a long operation is: a bar on a terminal, elsewhere a plain line every
+// two seconds. An operation that ends within a second shows nothing.
 //
-// Cost: a clock reading a call.
+// Cost: a clock reading for each call.
 #pragma once
 
 #include <chrono>
@@ -21,7 +21,7 @@ class Progress {
   Progress& operator=(Progress const&) = delete;
 
   void show(std::string const& what, U64 done, U64 all);
-  // Takes the bar off the terminal.
+  // Erases the bar from the terminal.
   void clear();
 
  private:

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Records as a CTF trace: a stream a trace file, an event class a message site, a field a value.
+// Writes records as a CTF trace: a stream for each trace file, an event class for each message site, a field
+// for each value.
 #include <fmt/format.h>
 
 #include <cctype>
@@ -28,7 +29,7 @@ struct Put {
 template <class T>
 using Ref = std::unique_ptr<T, Put<T>>;
 
-// A label as a word that CTF takes for a name.
+// Makes a label an identifier of CTF.
 std::string identifier(std::string_view label) {
   std::string name;
   for (char c : label) {
@@ -41,7 +42,7 @@ std::string identifier(std::string_view label) {
   return name.empty() || std::isdigit(static_cast<unsigned char>(name.front())) ? "value_" + name : name;
 }
 
-// The language in which a CTF trace describes itself keeps these words for itself.
+// Avoids the reserved words of TSDL, the language in which a CTF trace describes itself.
 std::string unreserved(std::string const& name) {
   static std::set<std::string_view> const reserved{
       "align",  "callsite",       "char",      "clock",   "const",    "double",  "enum",   "env",    "event",
@@ -50,7 +51,8 @@ std::string unreserved(std::string const& name) {
   return reserved.contains(name) ? name + "_value" : name;
 }
 
-// "handling key:" names the field key; a second " blocked by key:" blocked_by_key; a third gets a number.
+// The field of "handling key:" is named key; if that is taken, " blocked by key:" is named blocked_by_key; if
+// that is taken too, a number is appended.
 std::string fieldName(std::string const& label, std::set<std::string>& taken) {
   std::string const whole = identifier(label);
   std::string const last = unreserved(identifier(std::string_view(whole).substr(whole.rfind('_') + 1)));
@@ -60,7 +62,7 @@ std::string fieldName(std::string const& label, std::set<std::string>& taken) {
   return unique;
 }
 
-// The library puts an event's name between quotes as it is.
+// Escapes an event's name: the library puts it between quotes as it is.
 std::string eventName(std::string const& text) {
   std::string name;
   for (char c : text) {
@@ -101,7 +103,7 @@ class Ctf : public TraceSink {
       value.type == 's' ? setText(event.get(), kind.fields[i], std::string(value.text))
                         : setNumber(event.get(), kind.fields[i], value.number);
     }
-    // Files of different processes may overlap by their clocks' errors; here time never runs back.
+    // The clocks of different processes may differ a little, but in a CTF trace time must not run back.
     lastNs_ = std::max(lastNs_, record.realNs);
     check(bt_ctf_clock_set_time(clock_.get(), static_cast<std::int64_t>(lastNs_)) == 0);
     Stream& out = stream(reader);

@@ -21,7 +21,7 @@ using Json = nlohmann::ordered_json;
 
 constexpr U64 second = 1000000000;
 
-// A line stays a line, whatever a string value holds.
+// Escapes control characters, so that a record stays one line.
 std::string printable(std::string const& text) {
   std::string result;
   for (char c : text) {
@@ -79,7 +79,7 @@ class JsonLines : public TraceSink {
   void pause() override { std::fflush(stdout); }
 };
 
-// What the records of one site, or of one level, add up to.
+// The records of one site or of one level, summed up.
 struct Sum {
   U64 records = 0;
   U64 bytes = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where `vantrel trace` puts the records it shows.
+// The output formats of `vantrel trace`.
 //
 // Threading: one thread.
 // Errors: exceptions whose text names what could not be written.
@@ -16,7 +16,7 @@ class TraceSink {
  public:
   virtual ~TraceSink() = default;
   virtual void record(Lumelog::Reader const& reader, Lumelog::Record const& record) = 0;
-  // Nothing more comes for now: what was held back goes out.
+  // Called when no more records are there for now: writes what is buffered.
   virtual void pause() {}
   virtual void end() {}
 };
@@ -25,7 +25,8 @@ class TraceSink {
 std::unique_ptr<TraceSink> textSink(bool several);
 // One object a line.
 std::unique_ptr<TraceSink> jsonSink();
-// Records and bytes a message, how far back each ring reaches and how often it wrapped.
+// For each message the number and size of its records; for each ring, how far back it reaches and how often
+// it wrapped.
 std::unique_ptr<TraceSink> statsSink(bool json);
 // A trace in the Common Trace Format in a directory, which must be new or empty.
 std::unique_ptr<TraceSink> ctfSink(std::string const& directory);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// vantrel attr: the agent's entities, their attributes, collections and operations, by name.
+// vantrel attr: lists, reads, writes and invokes the agent's entities by name.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -28,7 +28,7 @@ class Agent {
  public:
   explicit Agent(Request const& request) : asker_(request.dir + "/mgmt.sock"), raw_(request.json) {}
 
-  // Each line of the answer, or, with --json, printed as it came.
+  // Calls `show` with each line of the answer, or, with --json, prints it as it came.
   template <class Show>
   void ask(Json const& request, Show show) {
     asker_.ask(request.dump(), [&](std::string_view line) {
@@ -56,9 +56,9 @@ class Agent {
 
 std::string shown(Json const& value) { return value.is_string() ? value.get<std::string>() : value.dump(); }
 
-// A word of the command line as a value of the type that the agent names.
+// Converts a word of the command line to a value of the type that the agent names.
 Json valueOf(std::string const& word, std::string const& type) {
-  if (type == "text" || type == "reference") return word;  // the agent says what it makes of a reference
+  if (type == "text" || type == "reference") return word;  // the agent refuses a wrong reference
   if (type == "bool") {
     if (word == "true" || word == "false") return word == "true";
     throw std::runtime_error(fmt::format("expected true or false, got \"{}\"", word));
@@ -77,7 +77,7 @@ Json valueOf(std::string const& word, std::string const& type) {
   throw std::runtime_error(fmt::format("expected a {}, got \"{}\"", type, word));
 }
 
-// "U32 -> U64" is {"U32", "U64"}, "(U8, text)" is {"U8", "text"}.
+// Splits a type: "U32 -> U64" into {"U32", "U64"}, "(U8, text)" into {"U8", "text"}.
 std::vector<std::string> typesOf(std::string const& type) {
   std::vector<std::string> types;
   std::string word;

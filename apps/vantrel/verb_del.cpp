@@ -2,6 +2,7 @@
 // vantrel del: removes one entry, with or without acknowledgement.
 #include <fmt/format.h>
 
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -9,7 +10,6 @@
 #include "apps/vantrel/awaiting.h"
 #include "apps/vantrel/command.h"
 #include "apps/vantrel/flags.h"
-#include "apps/vantrel/tables.h"
 #include "producer/producer.h"
 #include "producer/shared_tables.h"
 
@@ -27,13 +27,12 @@ struct Del {
   bool json = false;
 
   void run() const {
-    requireTable(Vantrel::SharedTables::configPath(dir));
-    Vantrel::SharedTables tables(dir);
+    std::string const path = Vantrel::SharedTables::configPath(dir);
+    if (!std::filesystem::exists(path)) throw std::runtime_error(fmt::format("there is no table {}", path));
+    Vantrel::SharedTables tables(dir);  // would make one
     Producer producer(tables.config(), tables.status(), Vantrel::Mapping::fast(), tables.changes());
     EntryKey const which(*key);
-    if (!producer.holds(which))
-      throw std::runtime_error(
-          fmt::format("there is no key {} in {}", *key, Vantrel::SharedTables::configPath(dir)));
+    if (!producer.holds(which)) throw std::runtime_error(fmt::format("there is no key {} in {}", *key, path));
     if (ack) acknowledged(tables, producer, which);
     producer.remove(which);
     if (json)

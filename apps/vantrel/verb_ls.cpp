@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// vantrel ls: lists a table, or the row of positions. vantrel status: one key's state.
+// vantrel ls: lists a table, or the row of positions. vantrel status: shows one key's state.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -33,7 +33,7 @@ using StatusFile = Shoal::ReaderTable<EntryStatus>;
 
 constexpr double snapshotSeconds = 10.0;
 
-// Every record, by key.
+// Returns every record, by key.
 template <class R>
 std::map<U64, R> recordsOf(Shoal::Table<R> const& table) {
   std::map<U64, R> records;
@@ -121,7 +121,7 @@ std::vector<Spot> spotsOf(Snapshot const& snapshot) {
   return spots;
 }
 
-// Without the agent's word: an entry whose version is acknowledged is at its position.
+// Without the agent's snapshot: an entry whose version is acknowledged is at its position.
 std::vector<Spot> spotsOf(std::map<U64, EntryConfig> const& wanted, Vantrel::TableStatus const* status) {
   std::vector<Spot> spots;
   for (auto const& [key, entry] : wanted) {
@@ -168,7 +168,7 @@ void listPositions(std::string const& dir, bool asJson) {
   }
 }
 
-// What stands in the status table is what an agent has done as long as it runs.
+// The status table is valid only while the agent that wrote it runs.
 void requireAgent(std::string const& dir) {
   auto const agent = agentViewOf(dir);
   if (!agent->reached())

@@ -5,6 +5,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <vector>
 
 #include "apps/vantrel/awaiting.h"
 #include "apps/vantrel/command.h"
@@ -84,7 +85,15 @@ void addPut(CLI::App& app) {
   addNumber(verb, "--pg", put->pg, "Its priority group")->required();
   addNumber(verb, "--prio", put->prio, "Its priority")->required();
   addNumber(verb, "--ti", put->ti, "Its position")->required();
-  addNumbers(verb, "--data", put->data, "Its data words: match and action");
+  verb.add_option_function<std::vector<std::string>>(
+          "--data",
+          [put](std::vector<std::string> const& words) {
+            for (std::string const& word : words)
+              put->data.push_back(numberOf("--data", word, std::numeric_limits<U64>::max()));
+          },
+          "Its data words: match and action")
+      ->delimiter(',')
+      ->type_name("N,N,...");
   put->mapping.addTo(verb);
   CLI::Option* const wait = verb.add_flag("--wait", put->wait, "Returns when it is acknowledged");
   addTimeout(verb, put->timeout, "How long --wait waits; without it, as long as it takes")->needs(wait);

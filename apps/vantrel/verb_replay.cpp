@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// vantrel replay: feeds a scenario through a real front end and engine with everything around them made up,
-// and prints what each step did.
+// vantrel replay: runs a scenario on a real front end and engine, with tables, hardware client and timer in
+// memory, and prints what each step did.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <fstream>
@@ -26,7 +26,7 @@ using Testing::World;
 
 void say(std::string const& line) { std::printf("%s\n", line.c_str()); }
 
-// What was printed must be out before an assertion ends the process.
+// Flushes the output before an assertion ends the process.
 class FlushOnAssertion {
  public:
   FlushOnAssertion() { previous_ = Pallo::assertionHookIs(&hook); }
@@ -98,7 +98,7 @@ class Replay : public World::Listener {
     finish();
   }
 
-  // The step's trace records follow its other lines; then all of it is out, for whoever reads along.
+  // Prints the step's trace records after its other lines, and flushes for a reader on a pipe.
   void finish() {
     for (TraceRecord const& record : records_) say(print(record));
     records_.clear();

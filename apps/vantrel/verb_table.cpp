@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// vantrel table: a table's file, looked at, verified, repaired, exported and imported.
+// vantrel table: shows, verifies, repairs, exports and imports a table's file.
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -75,7 +75,7 @@ bool holds(std::string const& path) {
   return Shoal::tableInfo(path).recordType == Shoal::RecordTraits<R>::typeName;
 }
 
-// Every record, or what is wrong with it; damage that the walk met at its end.
+// Calls `visit` with every record, and `damage` with what is wrong with one or with the walk.
 template <class R, class Visit, class Damage>
 void forRecords(std::string const& path, Visit visit, Damage damage) {
   Shoal::ReaderTable<R> const table(path);
@@ -96,7 +96,7 @@ void forRecords(std::string const& path, Visit visit, Damage damage) {
   if (table.corruptions() != before) damage(table.lastCorruption());
 }
 
-// What only who knows the record type can tell of a record that is otherwise whole.
+// Adds damage that Shoal::inspect, which does not know the record type, cannot find.
 template <class R>
 void checkRecords(std::string const& path, std::vector<std::string>& damage) {
   forRecords<R>(
@@ -154,7 +154,7 @@ Json toJson(EntryConfig const& r) {
 }
 Json toJson(EntryStatus const& r) { return {{"key", r.key().value()}, {"opId", r.opId().value()}}; }
 
-// One line a record. What cannot be read is said on the standard error, and costs the exit status.
+// Prints one line for each record. A record that cannot be read is named on stderr, and the exit status is 1.
 template <class R>
 void dumpRecords(std::string const& path) {
   bool damaged = false;
@@ -180,7 +180,7 @@ void dump(Request const& request) {
 
 // ---- load
 
-// A number of at most `most`; a missing one is `otherwise`.
+// Returns the number `name` of the object; 0 for a missing one that is not required.
 template <class T>
 T number(Json const& object, char const* name, bool required = true) {
   if (!object.contains(name) && !required) return 0;

@@ -173,8 +173,8 @@ bool anyLive(std::vector<Reader const*> const& readers) {
   return std::any_of(readers.begin(), readers.end(), [](Reader const* reader) { return reader->live(); });
 }
 
-// Ends when no process writes any more. What the last one wrote before it went is shown, because the look for
-// its end comes before the look for its records.
+// Ends when no process writes any more. Whether one is live is checked before its records are read, so that
+// its last ones are shown.
 void follow(std::vector<Reader const*> const& readers, Merge& merge, Filter const& filter, TraceSink& sink) {
   for (bool more = true; more;) {
     std::this_thread::sleep_for(pollEvery);

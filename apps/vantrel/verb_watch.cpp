@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// vantrel watch: an entity's values, then each change as it happens.
+// vantrel watch: shows an entity's values, then each change as it happens.
 #include <fmt/format.h>
 
 #include <chrono>
@@ -43,8 +43,8 @@ void show(Json const& line) {
     for (Json const& key : line["keys"]) fmt::print("{}[{}] deleted\n", attribute, shown(key));
 }
 
-// Until the connection ends; true when all was shown that was asked for.
-bool watch(Ostra::Asker& agent, Watching const& watching) {
+// Shows events until the connection ends, which throws; with --once, until all values are shown.
+void watch(Ostra::Asker& agent, Watching const& watching) {
   agent.ask(Json{{"verb", "mount"}, {"entity", watching.entity}}.dump(), [](std::string_view) {});
   while (true) {
     std::string const text = agent.nextEvent();
@@ -52,7 +52,7 @@ bool watch(Ostra::Asker& agent, Watching const& watching) {
     watching.json ? fmt::print("{}\n", text) : show(line);
     std::fflush(stdout);
     if (line.at("event") == "gone") throw std::runtime_error(watching.entity + " is gone");
-    if (watching.once && line.at("event") == "live") return true;
+    if (watching.once && line.at("event") == "live") return;
   }
 }
 
@@ -66,9 +66,9 @@ std::unique_ptr<Ostra::Asker> connectAgain(std::string const& path) {
   }
 }
 
-// An agent that is not there at the beginning, and an entity that it does not have, are errors. An agent that
-// goes away later is waited for, and so is the entity of its successor, which may take a moment.
-void watchOnAndOn(Watching const& watching) {
+// A missing agent and an unknown entity are errors at the beginning. Later, when the agent ends, its
+// successor is awaited, and the entity there, which the successor may export a little later.
+void watchAcrossAgents(Watching const& watching) {
   std::string const path = watching.dir + "/mgmt.sock";
   auto agent = std::make_unique<Ostra::Asker>(path);
   for (bool before = false;; before = true) {
@@ -98,7 +98,7 @@ void addWatch(CLI::App& app) {
   addJson(verb, watching->json);
   verb.add_flag("--once", watching->once, "Only the values; no changes");
   verb.footer("Example:\n  vantrel watch flushStatus --dir /run/vantrel");
-  verb.callback([watching] { watchOnAndOn(*watching); });
+  verb.callback([watching] { watchAcrossAgents(*watching); });
 }
 
 }  // namespace VantrelCommand

@@ -12,12 +12,12 @@ namespace {
 
 constexpr U32 traceId = 1;  // heads every trace record of the one engine
 
-// How long an engine that is at work lets questions and signals wait, seconds.
+// How long questions and signals wait for an engine that is at work, seconds.
 constexpr double patience = 0.005;
-// The reader of the configuration table wakes the loop once a second.
-constexpr double lookPeriod = 0.9;
+// Seconds. The reader of the configuration table wakes the loop once a second.
+constexpr double pollPeriod = 0.9;
 
-// The status table's writer lock is what makes the agent the only one on its directory.
+// The writer lock of the status table ensures that one agent at most serves the directory.
 Ostra::Ptr<Shoal::WriterTable<Vantrel::EntryStatus>> ownStatus(std::string const& dir) {
   try {
     return Ostra::make<Shoal::WriterTable<Vantrel::EntryStatus>>(dir + "/status.shoal",
@@ -29,7 +29,7 @@ Ostra::Ptr<Shoal::WriterTable<Vantrel::EntryStatus>> ownStatus(std::string const
 
 }  // namespace
 
-// A file descriptor on the loop; the descriptor stays its owner's.
+// Watches a file descriptor on the loop, and does not own it.
 class Agent::Watched {
  public:
   Watched(boost::asio::io_context& loop, int fd, std::function<void()> dispatch)
@@ -41,7 +41,8 @@ class Agent::Watched {
   Watched& operator=(Watched const&) = delete;
 
  private:
-  // After the dispatch, whatever it throws: no system call stands before an acknowledgement.
+  // Waits again after the dispatch, also when that throws. Not before it: the system call would delay the
+  // acknowledgement.
   struct AwaitedAgain {
     Watched& watched;
     ~AwaitedAgain() { watched.await(); }
@@ -58,7 +59,7 @@ class Agent::Watched {
   std::function<void()> const dispatch_;
 };
 
-// The keys that a table tells of, of which one dispatch may tell many.
+// Calls betweenKeys() at each key that the table notifies: one dispatch may notify many.
 class Agent::KeyWatcher : public Vantrel::TableConfig::Notifiee {
  public:
   explicit KeyWatcher(Agent& agent) : agent_(agent) {
@@ -123,8 +124,7 @@ void Agent::whenReadable(int fd, std::function<void()> dispatch) {
   watched_.push_back(std::make_unique<Watched>(loop_, fd, std::move(dispatch)));
 }
 
-// The engine exists from the start; the front end, which counts tables, from the moment on at which there is
-// one.
+// The engine is made at once. The front end, which counts attached tables, is made when there is a table.
 void Agent::awaitConfig() {
   config_ = Ostra::make<Config>(options_.dir + "/config.shoal", Config::Presence::awaited);
   makeEngine();
@@ -148,7 +148,7 @@ void Agent::attach() {
   frontEnd_ =
       Vantrel::vantrelSmFactory(config_, status_, debugConfig_, debugStatus_, engine_, flushStatus_, wheel_);
   publisher_->exportObject("frontEnd", frontEnd_);
-  engine_->handleDebug();  // who asked earlier
+  engine_->handleDebug();  // a request that was made before there was a front end
   sayDamage();
 }
 
@@ -167,7 +167,7 @@ void Agent::makeEngine() {
 int Agent::run() {
   try {
     serve();
-  } catch (Stop const&) {  // in the middle of something long
+  } catch (Stop const&) {  // it ended a walk or a drain
   }
   withdraw();
   sayWhatWasDone();
@@ -177,22 +177,23 @@ int Agent::run() {
 void Agent::serve() {
   if (config_->mounted()) attach();
   sayReady();
-  lookAround();
+  poll();
   while (!stop_.asked()) {
     try {
       loop_.run_one();
     } catch (Stop const&) {
       throw;
     } catch (std::exception const& e) {
-      if (config_->mounted() && !frontEnd_) throw;  // the first walk failed: nobody would hear of the table
+      if (config_->mounted() && !frontEnd_) throw;  // the first walk failed: the table would stay unwatched
       err_.provoked("{}", e.what());
     }
     sayDamage();
-    if (Ostra::now() - lookedAt_ >= lookPeriod) lookAround();
+    if (Ostra::now() - polledAt_ >= pollPeriod) poll();
   }
 }
 
-// No key is half-done. While the engine withdraws what it programmed, nothing ends that.
+// Serves readers, polls and looks for a stop signal, in between two keys. A stop signal does not end the
+// clean-up.
 void Agent::betweenKeys() {
   double const now = Ostra::now();
   if (now - servedAt_ < patience) return;
@@ -203,14 +204,14 @@ void Agent::betweenKeys() {
   } catch (std::exception const& e) {
     err_.provoked("{}", e.what());
   }
-  if (now - lookedAt_ >= lookPeriod) lookAround();
+  if (now - polledAt_ >= pollPeriod) poll();
   servedAt_ = Ostra::now();
   if (stop_.asked() && !withdrawing) throw Stop();
 }
 
-// For what nobody tells of.
-void Agent::lookAround() {
-  lookedAt_ = Ostra::now();
+// Looks for problems that nothing notifies.
+void Agent::poll() {
+  polledAt_ = Ostra::now();
   sayDamage();
   sayStatusProblem();
   out_.catchUp();
@@ -223,11 +224,14 @@ void Agent::sayReady() {
     wanted = config_->problem().empty()
                  ? "waiting for a producer's config.shoal"
                  : fmt::format("waiting for a table that can be read: {}", config_->problem());
-  out_.say("ready in {}: engine {}, {} {} positions, {}", options_.dir, options_.engineText(), options_.size,
+  std::string const engine = options_.engine == EngineKind::Atcam
+                                 ? fmt::format("atcam with {} partitions", options_.maxPartitions)
+                                 : "fast";
+  out_.say("ready in {}: engine {}, {} {} positions, {}", options_.dir, engine, options_.size,
            sim_ ? "simulated" : "imaginary", wanted);
 }
 
-// Each time it grew: the last of what was found damaged or refused.
+// Says the latest damaged or refused record whenever their number has grown.
 void Agent::sayDamage() {
   sayConfigProblem();
   if (config_->corruptions() == damageSaid_) return;
@@ -257,7 +261,8 @@ void Agent::sayStatusProblem() {
     err_.say("{}", problem);
 }
 
-// The front end goes first, then the engine, whose destructor cleans up. Others hold what is exported.
+// Releases the front end first, then the engine, whose destructor cleans up. The publisher holds references
+// to what it exports, so it must withdraw both.
 void Agent::withdraw() {
   if (!engine_) return;
   watched_.clear();

@@ -4,20 +4,20 @@
 //
 //   config.shoal --> ReaderTable --> VantrelSm --> FastVantrelImpl --> hardware client --> status.shoal
 //
-// What handles many keys (a full walk, the keys that vanished, a retry pass, a drain of the work queue, the
-// clean-up at the end) calls betweenKeys() between two of them. When a few milliseconds have passed, that
-// serves the readers on the management socket and looks whether the agent is to stop:
+// A call that handles many keys (a full walk, the keys that vanished, a retry pass, a drain of the work
+// queue, the clean-up) calls betweenKeys() between two of them. Every few milliseconds that serves the
+// readers on the management socket and checks whether the agent was asked to stop:
 //
 //   walk: key key key key ...            clean-up: key key key ...
 //             |       |                              |
 //             +-------+------- betweenKeys() --------+-------> questions; a signal ends a walk
 //
-// Invariants: the front end exists from the moment on at which a producer's table can be read.
-//   DIR/status.shoal is empty at the start: what this agent has not programmed is not acknowledged.
+// Invariants: the front end exists once a producer's table can be read. DIR/status.shoal is empty at the
+//   start: an entry that this agent has not programmed is not acknowledged.
 // Ownership: owns everything.
 // Threading: run() is the one thread.
-// Errors: what stands in the way of a start, the first walk of the table included, is thrown, one sentence
-//   each. At work, what one key's handling throws is said on stderr and the loop goes on; so is what is wrong
+// Errors: the constructor and the first walk of the table throw what prevents a start, one sentence each.
+//   Later, an exception from the handling of a key is written to stderr and the loop goes on; so are problems
 //   with the files of the tables.
 #pragma once
 
@@ -47,8 +47,8 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   Agent(Options options, Log& out, Log& err);
   ~Agent();
 
-  // Until SIGTERM or SIGINT; then everything programmed is withdrawn. Returns the process's exit status: 1
-  // when the hardware saw a rule broken.
+  // Serves until SIGTERM or SIGINT, then withdraws everything programmed. Returns the process's exit status:
+  // 1 when the hardware found a rule broken.
   int run();
 
  private:
@@ -65,7 +65,7 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   void serve();
   void betweenKeys() override;
   void whenReadable(int fd, std::function<void()> dispatch);
-  void lookAround();
+  void poll();
   void sayReady();
   void sayConfigProblem();
   void sayStatusProblem();
@@ -82,7 +82,7 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   Ostra::Ptr<Status> status_;
   OwnFile const statusFile_;
   Ostra::Ptr<Vantrel::VantrelHelper> hardware_;
-  Hw::SimulatedTcam* sim_ = nullptr;  // hardware_, when it is one
+  Hw::SimulatedTcam* sim_ = nullptr;  // hardware_, if it is a simulated one
   Ostra::Ptr<Vantrel::DebugConfig> debugConfig_;
   Ostra::Ptr<Vantrel::DebugStatus> debugStatus_;
   Ostra::Ptr<Vantrel::VantrelFlushStatus> flushStatus_;
@@ -94,10 +94,10 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   Ostra::Ptr<Vantrel::FastVantrelImpl> engine_;
   std::unique_ptr<KeyWatcher> keyWatcher_;
   Ostra::Ptr<Vantrel::VantrelSm> frontEnd_;
-  double servedAt_ = 0;
-  double lookedAt_ = 0;
-  U64 damageSaid_ = 0;
-  std::string configProblem_;  // that was said last
+  double servedAt_ = 0;  // when betweenKeys() served readers last, seconds
+  double polledAt_ = 0;
+  U64 damageSaid_ = 0;         // the number of damaged records that was said last
+  std::string configProblem_;  // the problem that was said last
   std::string statusProblem_;
 };
 

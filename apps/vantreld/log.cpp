@@ -12,7 +12,7 @@
 namespace Vantreld {
 namespace {
 
-// A pipe that is ready takes that much at once.
+// A pipe that is ready takes that much without blocking.
 constexpr std::size_t mostBytes = PIPE_BUF;
 
 bool isReady(int fd) {

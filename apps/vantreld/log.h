@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Log: what the agent says on stdout or stderr, a line at a time, whatever became of the other end.
+// Log: the agent's lines on stdout or stderr, written even when nobody reads the other end.
 //
-// Invariants: say() never throws, raises no signal (the process ignores SIGPIPE) and waits for no reader. A
-//   line that cannot be written now is dropped and counted, and the count is said as soon as something can be
-//   written again. So is the number of provoked lines that came too fast.
+// Invariants: say() never throws, raises no signal (the process must ignore SIGPIPE) and waits for no reader.
+//   A line that cannot be written now is dropped and counted, and the count is written before the next line
+//   that can be. The same holds for provoked lines over the rate limit.
 // Ownership: none; the descriptor stays open for the life of the process.
 // Threading: one thread.
 // Cost: two system calls a line.
@@ -29,12 +29,12 @@ class Log {
   void say(fmt::format_string<Args...> format, Args&&... args) noexcept {
     write([&] { return fmt::format(format, std::forward<Args>(args)...); });
   }
-  // A line that others can bring about as often as they like: a burst of ten, then one a second.
+  // For a line that other processes can cause as often as they like: at most ten at once, then one a second.
   template <class... Args>
   void provoked(fmt::format_string<Args...> format, Args&&... args) noexcept {
     if (mayBeProvoked()) say(format, std::forward<Args>(args)...);
   }
-  // Says what is still to be said of lines that were not. To be called now and then.
+  // Writes the counts of lines that were dropped. Must be called from time to time.
   void catchUp() noexcept;
 
  private:
@@ -52,11 +52,11 @@ class Log {
   bool put(std::string const& text);
 
   int const fd_;
-  U64 lost_ = 0;          // lines that could not be written
-  U64 held_ = 0;          // lines that came too fast
-  bool midLine_ = false;  // the last line was cut
-  double tokens_ = mostTokens;
-  double refilled_ = 0;  // when
+  U64 lost_ = 0;                // lines that could not be written
+  U64 held_ = 0;                // lines over the rate limit
+  bool midLine_ = false;        // the last line was written in part
+  double tokens_ = mostTokens;  // of a token bucket: a provoked line takes one, a second adds one
+  double refilled_ = 0;         // when tokens were added last, seconds
 };
 
 }  // namespace Vantreld

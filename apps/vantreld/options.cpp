@@ -30,10 +30,6 @@ Vantrel::Mapping Options::mapping() const {
   return Vantrel::Mapping::fast(prioGrpShift ? prioGrpShift : Vantrel::Mapping::defaultShift);
 }
 
-std::string Options::engineText() const {
-  return engine == EngineKind::Atcam ? fmt::format("atcam with {} partitions", maxPartitions) : "fast";
-}
-
 Options parse(int argc, char** argv) {
   Options o;
   CLI::App app(

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the agent is told on its command line.
+// The agent's command line.
 #pragma once
 
 #include <string>
@@ -22,11 +22,10 @@ struct Options {
   U32 hardwareLatencyUs = 0;
 
   Vantrel::Mapping mapping() const;
-  std::string engineText() const;
 };
 
-// Parses the command line; on a wrong flag or --help it prints what there is to say and ends the process,
-// with status 2 or 0.
+// Parses the command line. A wrong flag prints what is wrong and ends the process with status 2, --help
+// prints the help and ends it with 0.
 Options parse(int argc, char** argv);
 
 }  // namespace Vantreld

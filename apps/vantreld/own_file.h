@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// OwnFile: a file that this process made at a path, so that it can tell when somebody took it from there.
+// OwnFile: a file that this process made at a path. Tells when the path is gone or names another file.
 //
 // Invariants: problem() is empty while the path names the file that it named at construction.
 // Cost: one stat() a question.
@@ -14,7 +14,7 @@ namespace Vantreld {
 class OwnFile {
  public:
   explicit OwnFile(std::string path);
-  // What became of it, and what to do; empty when nothing did.
+  // Returns what happened to the file and what to do; empty while it is in its place.
   std::string problem() const;
 
  private:

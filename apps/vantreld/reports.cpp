@@ -53,7 +53,7 @@ void TraceControl::settingsIs(std::string const& settings) {
   scalarIs("settings", settings_, settings, &Notifiee::onSettings);
 }
 
-// None would remove what tells of a crash as soon as the agent is back.
+// Zero is refused: it would remove a crashed agent's trace file when its successor starts.
 void TraceControl::keepIs(U32 keep) {
   constexpr U32 most = 1000;
   if (keep == 0 || keep > most)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the agent lets an operator see besides the library's own entities: how far it is, the state of its
-// tables, and what is traced and kept.
+// The agent's own entities, published beside those of the library: its progress, the state of its tables, and
+// the settings of its traces.
 #pragma once
 
 #include <functional>
@@ -12,8 +12,8 @@
 
 namespace Vantreld {
 
-// How far the agent is: `waiting` for a table, `serving` one, or `withdrawing` what it programmed, of which
-// `left` acknowledged entries are left.
+// The agent's state: `waiting` for a table, `serving` one, or `withdrawing` its entries, of which `left`
+// acknowledged ones are left.
 class Progress : public Ostra::Entity {
  public:
   class Notifiee : public Ostra::NotifieeOf<Progress const> {
@@ -35,8 +35,8 @@ class Progress : public Ostra::Entity {
   U64 left_ = 0;
 };
 
-// One table: its path, how many records it has, what damage was found in it, and what is wrong with the file.
-// Read on request.
+// One table: its path, its number of records, the damage found in it, and a problem of its file. Each value
+// is computed when it is read.
 class TableReport : public Ostra::Described {
  public:
   TableReport(Ostra::Ptr<Shoal::TableBase const> table, std::function<U64()> size,
@@ -57,7 +57,7 @@ class TableReport : public Ostra::Described {
   std::function<std::string()> const problem_;
 };
 
-// The configuration table, and which of its records the engine does not get to see.
+// The configuration table, and its records that are kept from the engine.
 class ConfigReport : public TableReport {
  public:
   ConfigReport(Ostra::Ptr<Shoal::TableBase const> table, std::function<U64()> size,
@@ -75,7 +75,7 @@ class ConfigReport : public TableReport {
 };
 
 // The facility trace's levels, in the format of the TRACE environment variable, and how many trace files of
-// dead agents stay.
+// dead agents are kept.
 class TraceControl : public Ostra::Entity {
  public:
   class Notifiee : public Ostra::NotifieeOf<TraceControl const> {
@@ -87,7 +87,7 @@ class TraceControl : public Ostra::Entity {
   std::string const& settings() const { return settings_; }
   void settingsIs(std::string const& settings);
   U32 keep() const { return keep_; }
-  // Throws Ostra::AttributeException for a number that nobody means.
+  // Throws Ostra::AttributeException for a number below 1 or above 1000.
   void keepIs(U32 keep);
 
   static Ostra::TypeInfo const& staticType();

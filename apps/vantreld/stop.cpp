@@ -18,7 +18,7 @@ std::atomic<int> event = -1;
 std::atomic<bool> stopAsked = false;
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
-// A log may be in the middle of something.
+// Writes without a Log, which the signal may have interrupted.
 void sayAtOnce(std::string_view line) {
   pollfd waiting{STDERR_FILENO, POLLOUT, 0};
   if (::poll(&waiting, 1, 0) == 1)
@@ -30,7 +30,7 @@ void sayAtOnce(std::string_view line) {
   ::_exit(StopSignals::endedStatus);
 }
 
-// Calls nothing that a handler may not call.
+// Calls only what is async-signal-safe.
 void onStopSignal(int) {
   int const error = errno;
   if (stopAsked.exchange(true)) endNow();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// StopSignals: SIGTERM and SIGINT. The first one asks the agent to stop; the next one ends the process at
-// once, whatever it waits for.
+// StopSignals: SIGTERM and SIGINT. The first one asks the agent to stop; the second one ends the process at
+// once.
 //
 // Invariants: one object a process.
 // Ownership: owns its descriptor. The signals are ignored once the object is gone.
@@ -14,7 +14,7 @@
 
 namespace Vantreld {
 
-// Ends what is under way when the agent was asked to stop.
+// Thrown by betweenKeys() to end a walk or a drain when the agent was asked to stop.
 class Stop : public std::runtime_error {
  public:
   Stop() : std::runtime_error("the agent was asked to stop") {}
@@ -22,7 +22,7 @@ class Stop : public std::runtime_error {
 
 class StopSignals {
  public:
-  // What the process ends with at the second signal.
+  // The process's exit status after the second signal.
   static constexpr int endedStatus = 3;
 
   StopSignals();

@@ -26,8 +26,8 @@ Why outsideTheVersions(OpId opId) {
   return std::nullopt;
 }
 
-// The engine keeps the first group and priority of a key, and looks for its neighbours by them; hardware is
-// given those of the record.
+// The engine keeps a key's first group and priority and finds its neighbours by them, but the hardware client
+// is given those of the record: they must not differ.
 Why againstConstants(EntryConfig const& r, CState_s const& known) {
   auto const changed = [](char const* what, auto from, auto to) {
     return fmt::format("its {} changed from {} to {}: delete the key first", what, from, to);
@@ -38,8 +38,8 @@ Why againstConstants(EntryConfig const& r, CState_s const& known) {
   return std::nullopt;
 }
 
-// A version that goes back is never programmed; between what is programmed and what waits for the same
-// position, it stops the engine.
+// The engine never programs a version that is older than the programmed one. A version between the programmed
+// one and the one that waits for the same position fails an assertion of the engine.
 Why againstVersions(EntryConfig const& r, U32 ti, CState_s const& known) {
   if (r.opId() < known.opId)
     return fmt::format("OpId {}: expected one above {}, which is programmed", r.opId().value(),
@@ -49,7 +49,8 @@ Why againstVersions(EntryConfig const& r, U32 ti, CState_s const& known) {
   return std::nullopt;
 }
 
-// Its version is what the engine has: the position matters only to what a chain of waiting entries is asked.
+// The record that the engine programmed last. Its version keeps the engine from acting on it; its position
+// ends a chain of waiting entries (vantrel/fast/deadlock.cpp).
 EntryConfig asProgrammed(CState_s const& known) {
   EntryConfig record(known.key, known.opId, known.hdl, known.pg, known.prio);
   record.tableIndexIs(TableKey(0), known.programmed() ? known.sti : 0);
@@ -83,14 +84,14 @@ Why Validator::fault(EntryConfig const& r) const {
   return againstVersions(r, ti, *known);
 }
 
-// The mapping that the engine has now: an operator may set its shift while nothing is programmed.
+// Checks against the engine's shift of now, which an operator may set while nothing is programmed.
 Why Validator::outsideTheMapping(U16 pg, U32 ti) const {
   if (mapping_.isAlgorithmic())
     if (auto why = mapping_.violation(pg, ti)) return why;
   return Vantrel::Mapping::fast(engine_.prioGrpShift()).violation(pg, mapping_.offset(ti));
 }
 
-// True when the key or the reason is new: the engine reads a record as often as it likes.
+// Returns whether the key or the reason is new: the engine may read the same record many times.
 bool Validator::refuse(EntryKey const& key, std::string const& reason) {
   bool const isNew = refused_.insert(key).second;
   auto const at = listed_.find(key);

@@ -1,23 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
-// Validator: stands between the configuration table and the engine. A producer that keeps its rules never
-// writes a record that is refused here; a broken one must neither stop the agent nor disturb what lies in
-// hardware, and no more may a damaged record.
+// Validator: checks each record of the configuration table before the engine sees it. A producer that keeps
+// its rules never writes a record that is refused here. Neither a producer that breaks them nor a damaged
+// record may stop the agent or change what is in hardware.
 //
 //   the table's record                        what the engine reads
 //   good, or marked for delete, or absent     the same
-//   damaged or refused, key unknown           nothing: an absent key
-//   damaged or refused, key known             what it programmed last: version, handle, group, priority and
-//                                             position, without data words
+//   damaged or refused, key unknown           an absent record
+//   damaged or refused, key known             what the engine programmed last: version, handle, group,
+//                                             priority and position, without data words
 //
-// The engine does nothing with a version that is not newer than what it programmed, so that such an entry
-// stays as it is until its record is good again or goes. Its claim ends, for the record that made it is no
-// more.
+// The engine does nothing with a version that is not newer than the programmed one: the entry stays as it is
+// until its record is good again or is removed. Its claim ends, because the record that made it is gone.
 //
-// Invariants: refused() has each key whose record was found wrong when it was read last, with the reason; of
-//   more than `mostListed`, the later ones are counted only.
+// Invariants: refused() has each key whose record was refused when it was read last, with the reason. Beyond
+//   `mostListed` keys the later ones are only counted.
 // Ownership: refers to the engine.
 // Threading: the agent's event loop.
-// Cost: a look-up of the engine's record of the key; while nothing is refused, no more.
+// Cost: a look-up of the engine's record of the key; more only while some record is refused.
 #pragma once
 
 #include <boost/unordered/unordered_flat_set.hpp>
@@ -36,12 +35,13 @@ class Validator final : public Shoal::ReaderTable<Vantrel::EntryConfig>::Validat
   using Reasons = std::map<Vantrel::EntryKey, std::string>;
   static constexpr std::size_t mostListed = 1000;
 
-  // `report` is told of each record that is found damaged or refused, once a reason.
-  // The hardware has `size` positions.
+  // `size` is the number of hardware positions. `report` is called once for each reason why a record is
+  // damaged or refused.
   Validator(Vantrel::Mapping mapping, U32 size, Vantrel::FastVantrelImpl const& engine,
             std::function<void(std::string const&)> report);
 
-  // A record as it was read; `damage` says why it could not be.
+  // Checks `record` as it was read, and replaces it if it is refused. `damage`, if not null, says why it
+  // could not be read.
   void validate(Vantrel::EntryKey const& key, Vantrel::EntryConfig& record, char const* damage) override;
 
   Reasons const& refused() const { return listed_; }
@@ -62,7 +62,7 @@ class Validator final : public Shoal::ReaderTable<Vantrel::EntryConfig>::Validat
   Vantrel::FastVantrelImpl const& engine_;
   std::function<void(std::string const&)> const report_;
   boost::unordered_flat_set<Vantrel::EntryKey, KeyHash> refused_;
-  Reasons listed_;  // of the first of them
+  Reasons listed_;  // the first mostListed of refused_
 };
 
 }  // namespace Vantreld
