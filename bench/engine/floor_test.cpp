@@ -97,13 +97,13 @@ class FloorBesideEngine : public testing::Test {
   World<Floor> floor;
 };
 
-TEST_F(FloorBesideEngine, AddsAndUpdates) {
+TEST_F(FloorBesideEngine, HoldsTheSameAfterAddsAndUpdates) {
   both([](auto& world) { EXPECT_EQ(programmed(world.side).size(), n); });
   both([](auto& world) { world.update(3); });
   both([](auto& world) { world.acknowledge(4); });
 }
 
-TEST_F(FloorBesideEngine, MovesAndRemoves) {
+TEST_F(FloorBesideEngine, HoldsTheSameAfterMovesAndRemoves) {
   both([](auto& world) {
     for (U32 i = 0; i < n; i += 2) world.move(i);
     EXPECT_EQ(std::get<0>(programmed(world.side)[0]), 1U);
@@ -114,7 +114,7 @@ TEST_F(FloorBesideEngine, MovesAndRemoves) {
   });
 }
 
-TEST_F(FloorBesideEngine, BlocksAndWakes) {
+TEST_F(FloorBesideEngine, HoldsTheSameAfterBlocksAndWakes) {
   both([](auto& world) {
     for (U32 i = 0; i < n; ++i) world.block(i);
     EXPECT_EQ(waiting(world.side).size(), n);
@@ -130,7 +130,7 @@ TEST_F(FloorBesideEngine, BlocksAndWakes) {
   });
 }
 
-TEST_F(FloorBesideEngine, TurnsRings) {
+TEST_F(FloorBesideEngine, HoldsTheSameAfterRings) {
   World<Ours> engine(true);
   World<Floor> bare(true);
   for (auto const& [first, size] : {std::pair{0U, 2U}, {2U, 10U}, {12U, n - 12U}}) {
@@ -142,7 +142,7 @@ TEST_F(FloorBesideEngine, TurnsRings) {
   }
 }
 
-TEST_F(FloorBesideEngine, Walks) {
+TEST_F(FloorBesideEngine, HoldsTheSameAfterAWalk) {
   auto const table = Ostra::make<Floor::Table>();
   for (U32 const i : shuffled(n)) table->entryQuietlyIs(config(Layout{n}, i, i, 2 * i, 1));
   Ours engine(Layout{n}.shift(), table);

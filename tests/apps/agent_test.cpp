@@ -208,7 +208,7 @@ TEST_F(AgentProcess, ASecondAgentIsRefusedWithTheReason) {
 }
 
 // Whatever lies where the table is to be: said once, with the reason, and the agent waits on.
-TEST_F(AgentProcess, WaitsWhereSomethingElseIsTheTable) {
+TEST_F(AgentProcess, WaitsWhileAnotherFileIsAtTheTablesPath) {
   auto const isSaidOnce = [this](std::string const& what) {
     auto const agent = startReady();
     EXPECT_THAT(agent->out(), HasSubstr("waiting for a table that can be read: " + dir / "config.shoal"))
@@ -239,7 +239,7 @@ TEST_F(AgentProcess, WaitsWhereSomethingElseIsTheTable) {
   isSaidOnce("a damaged header");
 }
 
-TEST_F(AgentProcess, ReadsACopyOverItsTable) {
+TEST_F(AgentProcess, FollowsACopyWrittenOverItsTable) {
   auto const agent = startReady();
   auto table = producer();
   for (U64 key = 1; key <= 50; ++key) table->entryIs(entry(key, static_cast<U32>(key)));

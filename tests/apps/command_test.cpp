@@ -124,7 +124,7 @@ TEST_F(CommandTest, EveryVerbShowsAnExample) {
   }
 }
 
-TEST_F(CommandTest, AWrongFlagIsUsageAndTwo) {
+TEST_F(CommandTest, WrongFlagPrintsUsageAndExitsWithTwo) {
   for (std::vector<std::string> const& arguments : std::vector<std::vector<std::string>>{
            {},
            {"fly"},
@@ -161,7 +161,7 @@ void expectRefused(Ended const& ended, std::string const& name) {
   EXPECT_EQ(std::ranges::count(ended.err, '\n'), 1) << ended.err;
 }
 
-TEST_F(CommandTest, ATableThatIsNotThereIsSaid) {
+TEST_F(CommandTest, MissingTableIsReported) {
   expectRefused(at({"ls", "config"}), config());
   expectRefused(at({"ls", "status"}), "status.shoal");
   expectRefused(at({"ls", "positions"}), config());
@@ -170,7 +170,7 @@ TEST_F(CommandTest, ATableThatIsNotThereIsSaid) {
   EXPECT_FALSE(std::filesystem::exists(config())) << "none of these makes a table";
 }
 
-TEST_F(CommandTest, AFileThatIsNoTableIsSaid) {
+TEST_F(CommandTest, FileThatIsNoTableIsReported) {
   ASSERT_EQ(put("1", "0x10001", "1", "10", "5").status, 0);
   std::string const good = contents(config());
   std::string otherRecord = good;
@@ -213,7 +213,7 @@ TEST_F(CommandTest, WhatIsPutIsListedExactly) {
   EXPECT_EQ(lines[0]["data"], (json{0xFFFFFFFFFFFFFFFFU, 0U, 12U}));
 }
 
-TEST_F(CommandTest, ABrokenRuleIsSaidAndNothingIsWritten) {
+TEST_F(CommandTest, BrokenRuleIsReportedAndNothingWritten) {
   ASSERT_EQ(put("1", "0x10001", "1", "10", "5").status, 0);
   expectRefused(put("1", "0x20001", "1", "11", "5"), "a key keeps its priority");
   expectRefused(put("2", "0x20001", "1", "10", "6"), "a handle belongs to one key");
@@ -235,7 +235,7 @@ TEST_F(CommandTest, VersionAndHandleAreChosenWhenNotGiven) {
   EXPECT_NE(lines[0]["hdl"], lines[1]["hdl"]);
 }
 
-TEST_F(CommandTest, AnEntrysLifeWithAnAgent) {
+TEST_F(CommandTest, PutShowsAndDeletesAnEntryWithAnAgent) {
   auto const daemon = agent();
   ASSERT_EQ(put("7", "0x10001", "7", "10", "5", {"--data", "1", "--wait", "--timeout", "30"}).status, 0);
   EXPECT_EQ(at({"status", "7", "--json"}).lines().at(0)["opId"], 0x10001);
@@ -398,7 +398,7 @@ TEST_F(CommandTest, WaitingLoadReportsADeadAgentAndAwaitsTheNext) {
 }
 
 // Everything is acknowledged by an agent that is gone; only the flush is waited for.
-TEST_F(CommandTest, AWaitingLoadSaysThatNobodyIsThereToFlush) {
+TEST_F(CommandTest, WaitingLoadReportsThatNoAgentIsThere) {
   std::string const rules = writeRules(Acl::generateRules(6, 100));
   auto daemon = agent();
   ASSERT_EQ(at({"load", rules, "--wait", "--timeout", "60"}).status, 0);
@@ -423,7 +423,7 @@ TEST_F(CommandTest, WithoutWaitTheAgentFinishesAlone) {
   stop(*daemon);
 }
 
-TEST_F(CommandTest, PartitionsOfAnAlgorithmicEngine) {
+TEST_F(CommandTest, LoadSpreadsRulesOverPartitions) {
   auto const daemon = agent({"--engine", "atcam", "--max-partitions", "8", "--size", "2000"});
   std::vector<Acl::Rule> rules = Acl::generateRules(5, 1500);
   std::vector<std::string> const flags{"--wait", "--timeout",        "120", "--size",
@@ -504,7 +504,7 @@ std::ptrdiff_t amongStrangers(std::vector<Acl::Rule> const& rules, Acl::Rule con
   return 0;
 }
 
-TEST_F(CommandTest, AHundredThousandEntries) {
+TEST_F(CommandTest, LoadsAHundredThousandEntries) {
   auto const daemon = agent();
   std::vector<Acl::Rule> rules = Acl::generateRules(11, 100000);
   Ended const ended = at({"load", writeRules(rules), "--wait", "--timeout", "200", "--json"});

@@ -189,7 +189,7 @@ TEST_F(ManagementTest, EachRequesterGetsASnapshotOfItsOwnMoment) {
 // How long anything takes is the machine's affair, with a hundred processes that all read; `patience` only
 // ends a test that hangs. What must hold while one of them stands still: everybody else sees every request
 // answered before it goes on, what the agent keeps for it does not grow, and waiting for it costs nothing.
-TEST_F(ManagementTest, OfAHundredWatchersAStoppedOneDisturbsNobody) {
+TEST_F(ManagementTest, StoppedWatcherOfAHundredDisturbsNobody) {
   constexpr std::size_t watchers = 100, stopped = 50;
   constexpr U32 filled = sanitized ? 6 : 15;  // by then all that is kept for the stopped one is full
   constexpr U32 snapshots = sanitized ? 10 : 40;
@@ -258,7 +258,7 @@ TEST_F(ManagementTest, AKilledAgentIsReportedAndItsSuccessorFound) {
 }
 
 // It was asked, stood still and died; whoever asked has forgotten neither its mounts nor its question.
-TEST_F(ManagementTest, ASnapshotThatADyingAgentOwedIsTheSuccessors) {
+TEST_F(ManagementTest, SuccessorAnswersWhatADyingAgentOwed) {
   want(1, 1, 10);
   start();
   Requester requester(socket());

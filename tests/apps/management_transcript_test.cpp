@@ -46,7 +46,7 @@ std::vector<std::string> linesOf(std::string const& command) {
 
 }  // namespace
 
-TEST(ManagementTranscript, HappensAsItIsWritten) {
+TEST(ManagementTranscript, MatchesTheSessionOfTheFormatsPage) {
   TempDir const dir;
   auto const agent = startAgent(dir, dir.path(), {"--size", "64"});
   OstraTest::RawPeer peer(dir / "mgmt.sock");

@@ -181,7 +181,7 @@ TEST_F(OperatorTest, TraceLevelsOfARunningAgentAreSwitched) {
   EXPECT_THAT(agent->err(), HasSubstr("TRACE: cannot read \"nonsense\": expected NAME/LEVEL"));
 }
 
-TEST_F(OperatorTest, TraceFilesOfDeadAgentsAreKeptAsManyAsIsSaid) {
+TEST_F(OperatorTest, KeepsTheSetNumberOfDeadAgentsTraceFiles) {
   for (int i = 0; i < 10; ++i)
     ASSERT_EQ(0, inChild([&] {
                 Lumelog::Options options;
@@ -335,7 +335,7 @@ TEST_F(OperatorTest, WatchSaysThatAnEntityCannotBeWatched) {
   }
 }
 
-TEST_F(OperatorTest, BadLinesDoTheAgentNoHarm) {
+TEST_F(OperatorTest, AgentSurvivesBadLines) {
   want(1, 5, 10);
   start();
   std::string const socket = dir / "mgmt.sock";

@@ -64,7 +64,7 @@ class Turned : public testing::Test {
 }  // namespace
 
 // A slice has at most 32 KB and the line that went beyond; there is one peer, so a dispatch has one slice.
-TEST_F(Turned, ADispatchSendsASliceOfIt) {
+TEST_F(Turned, DispatchSendsOneSlice) {
   constexpr int mostBytes = 48 * 1024;
   constexpr double mostSeconds = 0.1;  // hundreds of times what it takes
   RawPeer peer(dir / "mgmt.sock");

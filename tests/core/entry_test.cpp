@@ -171,7 +171,7 @@ TEST(EntryConfig, AnAbsurdCountDumpsNoMoreThanTheRecordHolds) {
   EXPECT_LT(text.size(), 2U * 512 + 200);
 }
 
-TEST(EntryConfig, ThatEndsBeforeItsCountsIsDamage) {
+TEST(EntryConfig, ImageTooShortForItsCountsIsDamage) {
   std::byte image[Traits::bytes];
   Shoal::Extent const whole = Traits::encode(full(), image);
   EXPECT_EQ(decoded(image, whole), full());

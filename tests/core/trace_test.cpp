@@ -80,14 +80,14 @@ void handleByTwoEngines() {
     Ostra::make<FastVantrelImpl>("engine", config, nullptr, nullptr, hardware, id)->handleEntry(EntryKey(70));
 }
 
-TEST_F(TraceFile, OfTwoEnginesIsOne) {
+TEST_F(TraceFile, IsSharedByTwoEngines) {
   EXPECT_EQ(inChild(handleByTwoEngines), 0);
   EXPECT_THAT(dir_.names(), ElementsAre(perProcess(), "err"));
   std::vector<std::string> const said = messages(perProcess());
   EXPECT_THAT(said, testing::IsSupersetOf({"[3] notify on key:70", "[4] notify on key:70"}));
 }
 
-TEST_F(TraceFile, TwoEnginesThatHaveNoneSaySoOnceAndRunOn) {
+TEST_F(TraceFile, MissingForTwoEnginesIsReportedOnce) {
   EXPECT_EQ(inChild([] {
               setenv("LUMELOGDIR", "/nonexistent", 1);
               handleByTwoEngines();
@@ -217,7 +217,7 @@ TEST_F(TraceFile, IsNotOpenedWhenDisabled) {
   EXPECT_THAT(dir_.names(), ElementsAre("err"));
 }
 
-TEST_F(TraceFile, ThatCannotBeOpenedIsSaidOnce) {
+TEST_F(TraceFile, ThatCannotBeOpenedIsReportedOnce) {
   EXPECT_EQ(inChild([] {
               setenv("LUMELOGDIR", "/nonexistent", 1);
               initLg();
@@ -231,7 +231,7 @@ TEST_F(TraceFile, ThatCannotBeOpenedIsSaidOnce) {
             "it\n");
 }
 
-TEST_F(TraceFile, LeavesTheHookThatWasThereBeforeInPlace) {
+TEST_F(TraceFile, CallsTheAssertionHookThatWasInstalledBefore) {
   EXPECT_EQ(inChild([] {
               Pallo::assertionHookIs([](Pallo::AssertionFailure const&) { _exit(42); });
               initLg();
@@ -241,7 +241,7 @@ TEST_F(TraceFile, LeavesTheHookThatWasThereBeforeInPlace) {
   EXPECT_THAT(messages(perProcess()), testing::SizeIs(1));
 }
 
-TEST_F(TraceFile, OnAFullDiskIsSaidOnce) {
+TEST_F(TraceFile, OnAFullDiskIsReportedOnce) {
   std::filesystem::create_directory(dir_ / "full");
   int const result = inChild([this] {
     if (!mountSmallDisk(dir_ / "full", 1024)) _exit(77);

@@ -31,7 +31,7 @@ using DumpDeathTest = Dump;
 
 }  // namespace
 
-TEST_F(Dump, AnOversizeRecordLeavesAsTheSizeError) {
+TEST_F(Dump, OversizeRecordThrowsTheSizeError) {
   auto const big = make<Oversize>();
   auto const own = make<FastVantrelImpl>("own", big, debugConfig, debugStatus, client, 1U);
   big->entryQuietlyIs(config({.key = 1, .ti = 1}));

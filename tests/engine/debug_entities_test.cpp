@@ -149,7 +149,7 @@ TEST(DebugEntities, ARequestCanBeMadeByName) {
   EXPECT_EQ(c->version(), 6U);
 }
 
-TEST(DebugEntities, WhatTheyOfferByName) {
+TEST(DebugEntities, OfferTheseNames) {
   using TestSupport::offered;
   EXPECT_THAT(offered(DebugConfig::staticType()), ElementsAre("version U32", "versionInc (U32)"));
   EXPECT_THAT(offered(DebugStatus::staticType()),
@@ -176,7 +176,7 @@ TEST(DebugEntities, TheAnswerIsEmptiedByNameFromInsideOnly) {
   }
 }
 
-TEST(DebugEntities, OutsidersDoNotWriteTheAnswer) {
+TEST(DebugEntities, RefuseWritesToTheAnswerFromOutside) {
   auto const s = debugStatusFactory("status");
   try {
     s->typeInfo().writeFromOutside(*s, "version", U64{1});

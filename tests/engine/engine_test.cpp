@@ -174,7 +174,7 @@ TEST_F(EngineBase, EveryAttributeCanBeReachedByName) {
   EXPECT_TRUE(probe->initialized());
 }
 
-TEST_F(EngineBase, WhatItOffersByName) {
+TEST_F(EngineBase, OffersTheseNames) {
   EXPECT_THAT(
       offered(VantrelImpl::staticType()),
       ElementsAre("tableConfig reference", "debugConfig reference", "debugStatus reference",
@@ -190,7 +190,7 @@ TEST_F(EngineBase, WhatItOffersByName) {
                           "flush ()"));
 }
 
-TEST_F(EngineBase, OperationsByNameAreTheConcreteEngines) {
+TEST_F(EngineBase, OperationsByNameReachTheConcreteEngine) {
   Ostra::TypeInfo const& type = probe->typeInfo();
   probe->deleteResult = true;
   EXPECT_EQ(type.invoke(*probe, "processDelete", {U64{4}, true}), Ostra::Value(true));
@@ -221,7 +221,7 @@ TEST_F(EngineBase, AWatcherNeedsNoHandler) {
   EXPECT_EQ(probe->handleToKey().at(1), EntryKey(2));
 }
 
-TEST_F(EngineBase, OutsidersDoNotWriteWhoOwnsWhichHandle) {
+TEST_F(EngineBase, RefusesWritesToTheHandlesFromOutside) {
   for (char const* name : {"handleToKey", "keyToHandle", "handleToKeyDelAll", "keyToHandleDelAll"}) {
     try {
       probe->typeInfo().checkOutsider(*probe, name);

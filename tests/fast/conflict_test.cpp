@@ -234,7 +234,7 @@ TEST_F(ConflictDeathTest, MisplacedClaimFailsItsAssertion) {
                HasSubstr("assertion failed: c->p.ti == *ti, model file FastVantrelImpl,"));
 }
 
-TEST_F(ConflictDeathTest, ASlotThatVanishedFailsItsAssertion) {
+TEST_F(ConflictDeathTest, VanishedSlotFailsItsAssertion) {
   forge();
   put({.key = 1, .ti = 1, .opId = 10});
   put({.key = 3, .ti = 3, .opId = 11});

@@ -41,7 +41,7 @@ class ChainDamage : public Chain, public testing::WithParamInterface<char const*
 INSTANTIATE_TEST_SUITE_P(Traces, ChainDamage, testing::Values("VantrelFastImpl/0", "VantrelFastImpl/7"),
                          [](auto const& traced) { return traced.param[16] == '0' ? "off" : "on"; });
 
-TEST_P(ChainDamage, BehindTheStartOfAChainThatEndsIsNotMet) {
+TEST_P(ChainDamage, IsNotFoundBehindTheStartOfAnOpenChain) {
   damaging->oversize = 2;
   EXPECT_NO_THROW(join());
   EXPECT_EQ(record(1).p.ti, 2U);
@@ -51,7 +51,7 @@ TEST_P(ChainDamage, BehindTheStartOfAChainThatEndsIsNotMet) {
   EXPECT_EQ(damaging->corruptions(), 0U);
 }
 
-TEST_P(ChainDamage, AtTheStartOfAChainIsMet) {
+TEST_P(ChainDamage, IsFoundAtTheStartOfAChain) {
   write({.key = 1, .ti = 2});
   engine->handleEntryHelper(EntryKey(1));
   damaging->oversize = 1;
@@ -64,7 +64,7 @@ TEST_P(ChainDamage, AtTheStartOfAChainIsMet) {
 }
 
 // a waits for b, b for 3: the chain of whoever comes first in the run may pass the other, who is damaged.
-TEST_P(ChainDamage, AtAStartThatAnEarlierChainPassedIsMet) {
+TEST_P(ChainDamage, IsFoundAtAStartThatAnEarlierChainPassed) {
   std::set<U64> first;
   for (auto const& [a, b] : {std::pair<U64, U64>{1, 2}, {2, 1}}) {
     engineIs();
@@ -86,7 +86,7 @@ TEST_P(ChainDamage, AtAStartThatAnEarlierChainPassedIsMet) {
   EXPECT_EQ(first.size(), 2U) << "both orders were met";
 }
 
-TEST_P(ChainDamage, OfAMemberThatClosesARingIsMet) {
+TEST_P(ChainDamage, IsFoundInAMemberThatClosesARing) {
   join();
   damaging->corrupt = 2;
   want(3, 1);
@@ -103,7 +103,7 @@ TEST_P(ChainDamage, OfAMemberThatClosesARingIsMet) {
 }
 
 // A claim has lost its retry: the chain is followed for the sake of what it may find there.
-TEST_P(ChainDamage, OfAnyMemberIsMetWhileAClaimIsLost) {
+TEST_P(ChainDamage, IsFoundInAnyMemberWhileAClaimIsLost) {
   put({.key = 9, .ti = 9});
   put({.key = 10, .ti = 9});
   engine->retryDepsMaxCntIs(1);
@@ -116,7 +116,7 @@ TEST_P(ChainDamage, OfAnyMemberIsMetWhileAClaimIsLost) {
   damaging->oversize = 0;
 }
 
-TEST_F(Chain, JoiningALongOneReadsTwoRecords) {
+TEST_F(Chain, JoiningALongChainReadsTwoRecords) {
   auto const counting = make<CountingTable>();
   auto const own = make<FastVantrelImpl>("own", counting, debugConfig, debugStatus, client, 1U);
   constexpr U32 entries = 1000;
@@ -151,7 +151,7 @@ TEST_F(Chain, FindsARingThatAConfigurationHeldOpen) {
   EXPECT_EQ(record(3).sti, 1U);
 }
 
-TEST_F(Chain, AClaimThatIsMadeAnewIsFollowedAnew) {
+TEST_F(Chain, FindsARingThroughARenewedClaim) {
   row(4);
   want(1, 2);  // followed, open
   want(2, 4);
@@ -163,7 +163,7 @@ TEST_F(Chain, AClaimThatIsMadeAnewIsFollowedAnew) {
 }
 
 // 1 waits for 2's place; 2's claim closes the ring while both are candidates of one run, in either order.
-TEST_F(Chain, AMemberAskedBeforeTheRingClosedIsAskedAgain) {
+TEST_F(Chain, FindsARingThroughAMemberThatWasOpen) {
   for (auto const& [a, b] : {std::pair<U64, U64>{1, 2}, {2, 1}}) {
     engineIs();
     put({.key = a, .ti = 1});
@@ -196,7 +196,7 @@ TEST_F(Chain, BreaksARingThatClosesDuringARetry) {
 // p and q, of two groups, want each other's places. x waits for b, which waits for the order; breaking the
 // ring of p and q wakes b, whose record meanwhile names the place of x: a second ring, of keys that the run
 // has passed unless it began with p or q. Passed, it stays for a later run.
-TEST_F(Chain, ARingOfKeysAlreadySeenStays) {
+TEST_F(Chain, RingOfVisitedKeysStays) {
   std::set<U32> broken;
   for (U64 first = 1; first <= 64; ++first) {
     U64 const p = first, q = first + 100, x = first + 200, b = first + 300;
@@ -224,7 +224,7 @@ TEST_F(Chain, ARingOfKeysAlreadySeenStays) {
 }
 
 // With the facility trace on, every chain is read step by step.
-TEST_F(Chain, TheShortWayDoesWhatTheLongWayDoes) {
+TEST_F(Chain, SkippingOpenChainsChangesNoCall) {
   auto const played = [this](U32 seed, U32 groups, U32 entries, char const* trace) {
     auto const wanted = make<Shoal::LocalTable<EntryConfig>>();
     auto const own = make<FastVantrelImpl>("own", wanted, debugConfig, debugStatus, client, 1U);

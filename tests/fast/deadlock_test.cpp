@@ -249,7 +249,7 @@ TEST_F(DeadlockDeathTest, ACandidateWithoutStateFailsItsAssertion) {
 }
 
 // Nobody holds 3 any more, and the claim of 2 on it still waits for its retry when the chain from 1 comes by.
-TEST_F(DeadlockDeathTest, AQueuedClaimWithoutOccupantFailsItFromAfar) {
+TEST_F(DeadlockDeathTest, QueuedClaimWithoutOccupantFailsFromAnyStart) {
   forge();
   for (U64 key : {1, 2, 3}) put({.key = key, .ti = static_cast<U32>(key)});
   put({.key = 2, .ti = 3});

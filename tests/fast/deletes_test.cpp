@@ -28,7 +28,7 @@ TEST_F(Deletes, OfAnUnknownKeyWithoutAckRemovesItsStatus) {
   EXPECT_THAT(client->take(), ElementsAre("delStatus 1"));
 }
 
-TEST_F(Deletes, OfAKeyNeverAddedChangeNoState) {
+TEST_F(Deletes, OfAnUnknownKeyChangeNoState) {
   put({.key = 5, .ti = 5});
   put({.key = 6, .ti = 5});
   engine->dirtyIs(false);
@@ -54,7 +54,7 @@ TEST_F(Deletes, PassARecordOfGroupZeroWithoutData) {
   EXPECT_EQ(client->records.back().datas(), 0U);
 }
 
-TEST_F(Deletes, WaitersOfOtherGroupsInTheRangeArePassedOver) {
+TEST_F(Deletes, LeaveWaitersOfOtherGroupsInTheRangeAlone) {
   put({.key = 1, .ti = 6, .prio = 20});
   put({.key = 2, .ti = 100, .prio = 20, .pg = 1});
   put({.key = 11, .ti = 4, .prio = 30});

@@ -41,7 +41,7 @@ TEST_F(NoDiagnosticsDeathTest, RequestsWithoutTheEntitiesFail) {
   EXPECT_DEATH(own->handleDebug(), HasSubstr("assertion failed: debugConfig(), model file FastVantrelImpl,"));
 }
 
-TEST_F(NoDiagnostics, WhoRegistersIsAsked) {
+TEST_F(NoDiagnostics, RegisteredFunctionsAreCalled) {
   static FastState const* seen = nullptr;
   static constexpr Diagnostics looking{[](FastState const& state) { seen = &state; },
                                        [](FastState const&, TableConfig const&) {},

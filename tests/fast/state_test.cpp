@@ -115,7 +115,7 @@ TEST_F(EngineState, EveryAttributeCanBeReachedByName) {
   EXPECT_THAT(client->take(), testing::ElementsAre("deadlock 1@1"));
 }
 
-TEST_F(EngineState, WhatItOffersByNameBeyondTheBase) {
+TEST_F(EngineState, OffersTheNamesOfThisClassBeyondTheBase) {
   std::vector<std::string> const base = offered(VantrelImpl::staticType());
   std::vector<std::string> fast = offered(FastVantrelImpl::staticType());
   ASSERT_TRUE(std::equal(base.begin(), base.end(), fast.begin()));

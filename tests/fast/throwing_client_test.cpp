@@ -51,7 +51,7 @@ using ThrowingClientDeathTest = ThrowingClient;
 
 }  // namespace
 
-TEST_F(ThrowingClient, KeepsTheShortWayOpenAfterAnUpdate) {
+TEST_F(ThrowingClient, KeepsSkippingOpenChainsAfterAnUpdate) {
   chain();
   put({.key = 50, .ti = 50});
   ASSERT_EQ(readsOfJoining(), shortWay);

@@ -80,7 +80,7 @@ class Destruction : public testing::Test {
 
 }  // namespace
 
-TEST_F(Destruction, InputsGoInTheReverseOrderOfConstruction) {
+TEST_F(Destruction, ReleasesInputsInReverseOrder) {
   create();
   EXPECT_THAT(witness.gone, IsEmpty());
   sm = nullptr;
@@ -88,7 +88,7 @@ TEST_F(Destruction, InputsGoInTheReverseOrderOfConstruction) {
                                         "debugConfig", "tableStatus", "tableConfig"));
 }
 
-TEST_F(Destruction, EveryWatcherIsSilentBeforeTheFirstInputGoes) {
+TEST_F(Destruction, SilencesEveryReactorBeforeAnyInputGoes) {
   create();
   table->notifyEntry(EntryKey(1));
   debug->versionInc(1);
@@ -117,7 +117,7 @@ TEST_F(Destruction, TheTimerIsSilentWhenItOutlivesTheFrontEnd) {
 }
 
 // In the middle of the keys that a table has to tell, of which the front end holds the last reference.
-TEST_F(Destruction, OfAWatcherInItsTablesDispatchEndsIt) {
+TEST_F(Destruction, OfAReactorInADispatchEndsTheDispatch) {
   class Acting : public VantrelImpl {
    public:
     Acting() : VantrelImpl("engine", nullptr, nullptr, nullptr, nullptr, 1U) {}

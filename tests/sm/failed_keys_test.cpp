@@ -44,7 +44,7 @@ TEST_F(FailedKeysTest, KeysAscend) {
   EXPECT_EQ(at->first, EntryKey(5));
 }
 
-TEST_F(FailedKeysTest, VersionRisesWhenAKeyComesOrGoes) {
+TEST_F(FailedKeysTest, VersionRisesOnInsertionAndRemoval) {
   EXPECT_EQ(keys.version(), 4U);
   keys.set(EntryKey(5), false);
   EXPECT_EQ(keys.version(), 4U) << "its value changed, not the keys";
@@ -61,7 +61,7 @@ TEST_F(FailedKeysTest, IteratorAdvancesFromWhereItsKeyWas) {
   EXPECT_THAT(all(), IsEmpty());
 }
 
-TEST_F(FailedKeysTest, IteratorNoticesWhatCameAndWent) {
+TEST_F(FailedKeysTest, IteratorSeesInsertedAndRemovedKeys) {
   auto at = keys.find(EntryKey(5));
   at = keys.erase(at);
   for (U64 key : {4, 5, 7}) keys.set(EntryKey(key), true);

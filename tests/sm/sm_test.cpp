@@ -92,7 +92,7 @@ TEST_F(FrontEnd, StartWalksEveryKeyOnceThenFlushesOnce) {
   EXPECT_THAT(client->take(), ElementsAre("flush"));
 }
 
-TEST_F(FrontEnd, TableCounterWrapsAndTellsItsWatchers) {
+TEST_F(FrontEnd, TableCounterWrapsAndNotifies) {
   flushStatus->tableCounterIs(255);
   FlushWatcher w;
   w.notifierIs(flushStatus);
@@ -115,7 +115,7 @@ TEST_F(FrontEnd, TwoFrontEndsOnOneFlushStatusMoveItTwice) {
   EXPECT_EQ(flushStatus->flushCounter(), 2);
 }
 
-TEST_F(FrontEnd, SameCounterValueTellsNobody) {
+TEST_F(FrontEnd, SameCounterValueNotifiesNobody) {
   flushStatus->tableCounterIs(4);
   flushStatus->flushCounterIs(4);
   FlushWatcher w;
@@ -268,7 +268,7 @@ TEST_F(FrontEnd, AWatcherMadeWhileSwitchedOffIsOffToo) {
 }
 
 // Setting it walks it, but what comes until notification is on again is missed.
-TEST_F(FrontEnd, ATableSetWhileSwitchedOffIsOwedOneWalk) {
+TEST_F(FrontEnd, TableSetWhileOffIsWalkedWhenSwitchedOn) {
   create();
   sm->hasNotificationActiveIs(false);
   auto const other = make<Shoal::LocalTable<EntryConfig>>("other");
@@ -288,7 +288,7 @@ TEST_F(FrontEnd, ATableSetWhileSwitchedOffIsOwedOneWalk) {
   }
 }
 
-TEST_F(FrontEnd, ATableSetWhileMarkedForDeletionIsOwedItsWalk) {
+TEST_F(FrontEnd, TableSetWhileMarkedIsWalkedWhenUnmarked) {
   create();
   client->take();
   sm->markedForDeletionIs(true);
@@ -334,7 +334,7 @@ TEST_F(FrontEnd, DestructionLeavesInputsAloneAndDoesNotFlush) {
   EXPECT_EQ(flushStatus->tableCounter(), counter);
 }
 
-TEST_F(FrontEnd, DestroyedFromInsideItsOwnNotification) {
+TEST_F(FrontEnd, MayBeDestroyedInItsOwnNotification) {
   create();
   keyEngine->onKey = [this](U64) { sm = nullptr; };
   tell(1);
@@ -453,7 +453,7 @@ TEST_F(FrontEnd, DamageAtTheFirstKeyEndsTheWalkTheSameWay) {
 }
 
 // It is not the walked table that is damaged.
-TEST_F(FrontEnd, DamageThatTheEngineThrowsLeavesTheWalk) {
+TEST_F(FrontEnd, DamageThrownByTheEngineEndsTheWalk) {
   create();
   client->take();
   for (U64 key : {1, 2}) write({.key = key, .ti = static_cast<U32>(key)});
@@ -464,7 +464,7 @@ TEST_F(FrontEnd, DamageThatTheEngineThrowsLeavesTheWalk) {
   EXPECT_THAT(client->take(), IsEmpty());
 }
 
-TEST_F(FrontEnd, OnlyDamageIsTheTablesOwnToReport) {
+TEST_F(FrontEnd, WalkReportsOnlyDamageToTheTable) {
   class BrokenWalk : public Shoal::LocalTable<EntryConfig> {
    public:
     std::optional<Place> next(Place const&) const override {
@@ -570,7 +570,7 @@ TEST_F(FrontEnd, RetryOfNothingOnlyClearsTheTimerFlag) {
   EXPECT_THAT(keyEngine->take(), IsEmpty());
 }
 
-TEST_F(FrontEnd, FailedKeyOperations) {
+TEST_F(FrontEnd, FailedKeysAreSetFoundAndRemoved) {
   create();
   EXPECT_FALSE(sm->failedKeyDel(EntryKey(1)));
   sm->failedKeyIs(EntryKey(1), true);
@@ -780,7 +780,7 @@ TEST_F(FrontEnd, AttributesCanBeReachedByName) {
   EXPECT_THROW(type.writeFromOutside(*sm, "initialized", false), Ostra::AttributeException);
 }
 
-TEST_F(FrontEnd, WhatItOffersByName) {
+TEST_F(FrontEnd, OffersTheseNames) {
   EXPECT_THAT(
       offered(VantrelSm::staticType()),
       ElementsAre("tableConfig reference", "tableStatus reference", "debugConfig reference",
@@ -803,7 +803,7 @@ TEST_F(FrontEnd, FailedKeysAreKeptAndDroppedByName) {
   EXPECT_THAT(failed(), IsEmpty());
 }
 
-TEST_F(FrontEnd, OutsidersAreToldWhyTheyMayNotWrite) {
+TEST_F(FrontEnd, RefusesWritesFromOutsideWithTheReason) {
   create();
   auto const why = [&](auto const& entity, char const* name, Ostra::Value const& value) -> std::string {
     try {
@@ -847,7 +847,7 @@ TEST_F(FrontEnd, FirstWalkHearsAnswerToTheTableCounter) {
 
 // Called directly, by somebody who holds no reference of his own: the front end lives to the handler's end,
 // and no longer.
-TEST_F(FrontEnd, TheLastReferenceMayGoInsideAnyHandler) {
+TEST_F(FrontEnd, LastReferenceMayGoInsideAnyHandler) {
   write({.key = 1, .ti = 1});
   write({.key = 2, .ti = 2});
   std::vector<U32> held;  // references to the flush status when the engine is called
@@ -876,7 +876,7 @@ TEST_F(FrontEnd, TheLastReferenceMayGoInsideAnyHandler) {
 }
 
 // The walk is the table's watcher's; the timer's is switched on after it, and asks for the wake-up it missed.
-TEST_F(FrontEnd, TheLastReferenceMayGoInTheWalkAtSwitchingOn) {
+TEST_F(FrontEnd, LastReferenceMayGoInTheWalkAtSwitchingOn) {
   class Asked : public Keel::VirtualWheel {
    public:
     std::function<void()> onAsked;
@@ -907,7 +907,7 @@ TEST_F(FrontEnd, TheLastReferenceMayGoInTheWalkAtSwitchingOn) {
   EXPECT_EQ(flushStatus->references(), unheld);
 }
 
-TEST_F(FrontEnd, AWalkThatThrewAtSwitchingOnIsStillOwed) {
+TEST_F(FrontEnd, WalkThatThrewIsRepeatedWhenSwitchedOn) {
   create();
   sm->hasNotificationActiveIs(false);
   write({.key = 1, .ti = 1});
@@ -943,7 +943,7 @@ TEST_F(FrontEnd, RetryDueWhileOffComesWhenSwitchedOn) {
   EXPECT_FALSE(sm->retryTimerSet());
 }
 
-TEST_F(FrontEnd, APeriodOfNothingRetriesOnceAnInstant) {
+TEST_F(FrontEnd, ZeroPeriodRetriesOnceAnInstant) {
   create();
   sm->retryPeriodIs(-1);
   keyEngine->internal = {1};
