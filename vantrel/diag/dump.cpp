@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+// The dump goes over each index in turn (precedence, pending, current) and writes a line for each of its
+// records. What does not agree is noted on the way and fails an assertion when every line is written.
 #include "vantrel/diag/dump.h"
 
 #include <algorithm>

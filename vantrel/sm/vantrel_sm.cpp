@@ -146,7 +146,9 @@ void VantrelSm::handleEntry() {
   auto const keep = Ostra::keepAlive(this);
   walk(*table);
   if (auto const& helper = vantrelImpl()->helper()) helper->flush();
-  firstFlushDone();
+  if (initialFlushed() || !flushStatus()) return;
+  initialFlushedIs(true);
+  flushStatus()->flushCounterIs(static_cast<U8>(flushStatus()->flushCounter() + 1));
 }
 
 void VantrelSm::walk(TableConfig const& table) {
@@ -164,12 +166,6 @@ void VantrelSm::walk(TableConfig const& table) {
     place = step([&] { return table.next(*place); });
     if (place) vantrelImpl()->yield();
   }
-}
-
-void VantrelSm::firstFlushDone() {
-  if (initialFlushed() || !flushStatus()) return;
-  initialFlushedIs(true);
-  flushStatus()->flushCounterIs(static_cast<U8>(flushStatus()->flushCounter() + 1));
 }
 
 void VantrelSm::handleEntryCollNotify() {

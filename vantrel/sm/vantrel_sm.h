@@ -120,7 +120,6 @@ class VANTREL_API VantrelSm : public Ostra::Described {
   void eachReactor(Call call);
   void detachReactors();
   void walk(TableConfig const& table);
-  void firstFlushDone();
 
   // What a reactor gets when it is made or pointed at another input.
   bool notificationActive_ = true;
