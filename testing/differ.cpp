@@ -40,7 +40,7 @@ std::string shownEvents(std::vector<Event> const& events) {
 }  // namespace
 
 Differ::Differ(EngineChoice const& engine) : choice_(engine), model_(engine), hardware_(engine) {
-  world_.emplace(engine, *this, World::Trace::Told);
+  world_.emplace(engine, *this, World::Trace::On);
   state_ = world_->engine()->state();
   model_.start();
   compare();

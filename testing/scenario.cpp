@@ -34,7 +34,7 @@ std::string shown(Json const& value) {
   return text;
 }
 
-// One JSON object, read field by field. done() refuses the fields that nobody asked for.
+// One JSON object, read field by field. done() refuses fields that were not read.
 class Fields {
  public:
   explicit Fields(Json const& object) : object_(object) {}

@@ -48,7 +48,7 @@ bool Failures::attempt(U64 key) {
   return false;
 }
 
-// Tells each hardware call and nothing else.
+// Reports each hardware call to the listener and does nothing else.
 class World::Client : public Vantrel::VantrelHelper {
  public:
   Client(World& world, Ptr<Vantrel::TableStatus> statuses)
@@ -67,7 +67,7 @@ class World::Client : public Vantrel::VantrelHelper {
   World& world_;
 };
 
-// Tells each write, of an absent key too.
+// Reports each write to the listener, the removal of an absent key too.
 class World::Statuses : public Shoal::LocalTable<EntryStatus> {
  public:
   explicit Statuses(World& world) : LocalTable("TableStatus"), world_(world) {}
@@ -110,7 +110,7 @@ World::World(EngineChoice const& choice, Listener& listener, Trace trace)
       debugConfig_(Vantrel::debugConfigFactory("debugConfig")),
       debugStatus_(Vantrel::debugStatusFactory("debugStatus")),
       flushStatus_(make<Vantrel::VantrelFlushStatus>("flushStatus")) {
-  if (trace == Trace::Told)
+  if (trace == Trace::On)
     log_->tapIs([this](std::string_view text, std::span<U64 const> values) {
       if (!muted_) listener_.onTrace(text, values);
     });

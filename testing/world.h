@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// World: a real front end and a real engine with everything around them in one process: a configuration
-// table and a status table, a clock that stands still until it is moved, a hardware client that only tells
-// what it was asked, and dependant tables that fail on order. What a dry run, every differential test, the
-// fuzzers and the shrinker run on.
+// World: a real front end and a real engine in one process, with a configuration table and a status table in
+// memory, a clock that stands still until it is moved, a hardware client that only reports its calls, and
+// dependant tables that fail on request. Dry runs, differential tests, fuzzers and the shrinker run on it.
 //
-// Invariants: the hardware client writes no status of its own: each status told is a write of its base class.
+// Invariants: the hardware client writes no status: each reported status was written by its base class.
 // Ownership: owns all of it; the listener is the caller's and outlives the world.
 // Threading: one world at a time in a process: while it lives it is the process's clock and its trace log.
-// Errors: ScenarioError from check(), for what can only be known with the engine at hand.
+// Errors: ScenarioError from check(), for a step that is wrong for this engine.
 #pragma once
 
 #include <boost/unordered/unordered_flat_map.hpp>
@@ -28,7 +27,7 @@ namespace Testing {
 class Failures {
  public:
   void timesIs(U64 key, std::int64_t times);
-  // One attempt; true when it may succeed.
+  // Counts one attempt. Returns whether it succeeds.
   bool attempt(U64 key);
   void clear() { times_.clear(); }
 
@@ -51,16 +50,17 @@ class World {
     }
   };
 
-  enum class Trace : U8 { Off, Told };
+  enum class Trace : U8 { Off, On };
 
-  // What creating the front end does is told before this returns. The process's trace records go nowhere
-  // but, with Trace::Told, to the listener while the world lives.
+  // The listener is called for what creating the front end does, before this returns. While the world lives
+  // the process's trace records go to the listener with Trace::On, and nowhere otherwise.
   World(EngineChoice const& choice, Listener& listener, Trace trace);
   World(World const&) = delete;
   World& operator=(World const&) = delete;
   ~World();
 
-  // Refuses a step that names what is not there. What a running agent refuses to set, a dry run may.
+  // Throws for a step that sets an unknown attribute. Unlike in a running agent, every writable attribute
+  // may be set.
   void check(Step const& step) const;
   void run(Step const& step);
 

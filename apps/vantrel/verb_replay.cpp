@@ -85,7 +85,7 @@ class Replay : public World::Listener {
   }
 
   void start(EngineChoice const& engine) {
-    world_.emplace(engine, *this, trace_ ? World::Trace::Told : World::Trace::Off);
+    world_.emplace(engine, *this, trace_ ? World::Trace::On : World::Trace::Off);
     finish();
   }
 

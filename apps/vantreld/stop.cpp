@@ -22,7 +22,8 @@ static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_alw
 void sayAtOnce(std::string_view line) {
   pollfd waiting{STDERR_FILENO, POLLOUT, 0};
   if (::poll(&waiting, 1, 0) == 1)
-    static_cast<void>(::write(STDERR_FILENO, line.data(), line.size()) == 0);  // nobody is left to mind
+    static_cast<void>(::write(STDERR_FILENO, line.data(), line.size()) ==
+                      0);  // a failure cannot be reported any more
 }
 
 [[noreturn]] void endNow() {

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reference model: front end, engine, tables and clock as one flat heap of facts, every question
-// answered by a full scan. It is written to be checked by reading, not to be fast, and shares nothing with
-// what it is compared to but the records themselves.
+// The reference model: front end, engine, tables and clock as flat lists, every question answered by a full
+// scan. It is written to be checked by reading, not to be fast, and shares nothing with the engine but the
+// record types.
 //
-// It holds no index at all: who sits at a position, who waits for it, who is the nearest neighbour, is
-// found by looking at every record. So it cannot have two views that disagree.
+// It has no index: the occupant of a position, its waiter and its nearest neighbours are found by looking at
+// every record, so that it cannot have two views that disagree.
 //
-// Where the engine may choose (the next candidate of the deadlock check, the keys of a walk and of the
-// cleanup), the model is told the choice and checks that it was a legal one.
+// Where the engine may choose (the next candidate of the deadlock check, the order of a walk and of the
+// clean-up), the model is given the engine's choice and checks that it was a legal one.
 //
 // Invariants: after each hardware call no two programmed records share a position, and in each group
 //   priorities do not decrease along the precedence order; after each step no two records wait for one
@@ -37,11 +37,11 @@ class Fatal : public Illegal {
   using Illegal::Illegal;
 };
 
-// What the other side chose where it was free to.
+// What the engine chose where it may choose.
 struct Choices {
   std::vector<U64> candidates;  // of the deadlock check, in the order in which they were taken
   std::vector<U64> order;       // keys of a full walk or of the cleanup, in the order of the visit
-  bool foreseen = false;  // nobody took candidates yet: the model takes its own, the longest blocked first
+  bool foreseen = false;        // the engine has not run yet: the model chooses, the longest blocked first
 };
 
 // Why a record waits, as in the engine's records.

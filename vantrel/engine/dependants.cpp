@@ -6,7 +6,7 @@
 //          '-------------------------'   at most retryDepsMaxCnt attempts, then Ostra::InternalException
 //
 // The producer may still be writing the entry, so each attempt reads its record again. It does not wait
-// between attempts, and it does not keep the key: the front end does, and brings it back on a timer.
+// between attempts, and it does not keep the key: the front end does, and hands it over again on a timer.
 #include "ostra/exception.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/engine/vantrel_impl.h"

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // FastState: everything that the fast engine knows, and the per-key records it is made of.
 //
-//   cstate:     key -> record      every key that the engine was told of and has not forgotten
+//   cstate:     key -> record      every key that the engine knows
 //   positions:  ti --> record      where an entry is programmed (positions.h)
 //   pending:    ti --> record      who waits for a position, at most one each
 //   workq:      keys to retry, in order of arrival; workqSet: which they are
