@@ -199,7 +199,7 @@ TEST_F(SimulatedTcamTest, prioritiesAscendAfterAMove) {
   EXPECT_EQ(ruleBroken([&] { tcam_->moveEntry(record(2, 16, 0, 20, 50)); }), Rule::PrioritiesAscend);
 }
 
-TEST_F(SimulatedTcamTest, laterRecordsKeepTheFirstGroupAndPriority) {
+TEST_F(SimulatedTcamTest, aKeyKeepsItsGroupAndPriority) {
   tcam_->addEntry(record(1, 11, 0, 10, 100));
   tcam_->addEntry(record(2, 12, 0, 20, 200));
   tcam_->updateEntry(record(1, 13, 7, 99, 100));

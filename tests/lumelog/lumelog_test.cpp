@@ -134,7 +134,7 @@ TEST(Name, HasTheProcessNumberWhereItIsAsked) {
   EXPECT_EQ(log->path(), dir / fmt::format("x-{}.lg", getpid()));
 }
 
-TEST(Name, LiesInTheGivenDirectoryUnlessEnvironmentWins) {
+TEST(Name, LiesInTheDirectoryOfProgramOrEnvironment) {
   TempDir given, environment;
   directoryIs(given.path());
   LogPtr first = make("a.lg");
@@ -451,7 +451,7 @@ TEST(Fork, TheChildDoesNotWriteIntoItsParentsFile) {
   EXPECT_EQ(log->sites(), 1U);
 }
 
-TEST(Fork, ChildOutlivingItsParentKeepsNoFileLive) {
+TEST(Fork, AChildDoesNotKeepItsParentsFileLive) {
   TempDir dir;
   int toChild[2];
   ASSERT_EQ(pipe(toChild), 0);

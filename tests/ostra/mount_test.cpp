@@ -150,7 +150,7 @@ TEST_F(MountTest, AHandlerMayMount) {
   EXPECT_EQ(50, other->level());
 }
 
-TEST_F(MountTest, ReportsADeadAgentAndReconcilesItsSuccessor) {
+TEST_F(MountTest, ReportsADeadAgentAndComparesItsSuccessor) {
   sample_->hashedIs(1, 10);
   sample_->hashedIs(2, 20);
   sample_->levelIs(4);
@@ -177,7 +177,7 @@ TEST_F(MountTest, ReportsADeadAgentAndReconcilesItsSuccessor) {
 }
 
 // It was dropped in the middle of a long answer, comes back by itself, and holds what is there then.
-TEST_F(MountTest, DroppedReaderComesBackToAFreshSnapshot) {
+TEST_F(MountTest, AMountDroppedForNotReadingStartsAfresh) {
   restart({.stallSeconds = 0.1});
   for (U64 k = 0; k < 50000; ++k) sample_->hashedIs(k, k);
   sample_->levelIs(1);

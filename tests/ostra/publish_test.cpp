@@ -384,7 +384,7 @@ TEST_F(PublishTest, GarbageNeverDoesHarm) {
   EXPECT_THAT(ask(peer, R"({"verb":"list"})"), HasSubstr("entities"));
 }
 
-TEST_F(PublishTest, DeafPeerCostsBoundedMemoryAndGetsNewestValues) {
+TEST_F(PublishTest, ADeafPeerCostsLittleAndGetsNewestValues) {
   RawPeer peer(path_);
   ask(peer, R"({"verb":"mount","entity":"sample"})");
   Picture picture;
@@ -455,7 +455,7 @@ class SlowReader {
   RawPeer peer_;
 };
 
-TEST_F(PublishTest, SlowReaderGetsScalarsAndEveryFastMember) {
+TEST_F(PublishTest, TellsAllOfWhatChangesFasterThanItIsRead) {
   constexpr U64 members = 40000;
   for (U64 k = 0; k < members; ++k) sample_->hashedIs(k, 0);
   SlowReader slow(path_);
@@ -481,7 +481,7 @@ TEST_F(PublishTest, SlowReaderGetsScalarsAndEveryFastMember) {
   EXPECT_FALSE(slow.picture.scalars.contains("version")) << "nothing was complete";
 }
 
-TEST_F(PublishTest, SlowReaderGetsAMemberThatNeverStopsChanging) {
+TEST_F(PublishTest, TellsASlowReaderOfAMemberThatNeverRests) {
   SlowReader slow(path_);
   RawPeer quick(path_);
   ask(quick, R"({"verb":"mount","entity":"sample"})");
@@ -498,7 +498,7 @@ TEST_F(PublishTest, SlowReaderGetsAMemberThatNeverStopsChanging) {
   EXPECT_LT(hot, 2500u) << "never every step";
 }
 
-TEST_F(PublishTest, VersionFollowsASnapshotThatBeganAgain) {
+TEST_F(PublishTest, TellsAVersionBehindASnapshotBegunAgain) {
   for (U64 k = 0; k < 60000; ++k) sample_->hashedIs(k, 0);
   SlowReader slow(path_);
   for (U64 round = 1; round <= 40; ++round) {
@@ -521,7 +521,7 @@ TEST_F(PublishTest, VersionFollowsASnapshotThatBeganAgain) {
   for (auto const& [k, v] : sample_->hashed()) ASSERT_EQ(v, slow.picture.collections["hashed"][k].get<U64>());
 }
 
-TEST_F(PublishTest, BusyEntityLeavesOthersTheirTurn) {
+TEST_F(PublishTest, ABusyEntityLeavesOthersTheirTurn) {
   auto const quiet = Ostra::make<Sample>("zebra");
   publisher_->exportObject("zebra", quiet);
   RawPeer peer(path_);
