@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reference agent as a process: what a producer and an operator see of it, whatever happens to either
-// side.
+// The reference agent as a process, as a producer and an operator see it, also when either side is killed.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

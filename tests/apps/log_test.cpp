@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the agent's log does with lines that nobody takes, and with lines that come too fast.
+// The agent's log: lines that nobody reads, and lines over the rate limit.
 #include "apps/vantreld/log.h"
 
 #include <fcntl.h>

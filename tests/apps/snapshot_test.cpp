@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A large snapshot on its way to another process while keys arrive: what one dispatch may cost, and that keys
-// do not wait for whoever reads it.
+// A large snapshot is sent to another process while keys arrive: the cost of one dispatch, and that keys do
+// not wait for its reader.
 #include <gmock/gmock.h>
 #include <sys/ioctl.h>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the agent's validator lets the engine see, and what becomes of hardware when a producer breaks its
-// rules.
+// Which records the agent's validator lets the engine see, and that hardware stays in order when a producer
+// breaks its rules.
 #include "apps/vantreld/validator.h"
 
 #include <gmock/gmock.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Clean-up: what an engine withdraws when it goes.
+// Clean-up: what an engine withdraws when it is destroyed.
 #include "ostra/piecewise_map.h"
 #include "tests/support/fast_world.h"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Long chains: what a key costs that joins one, and that the short way there finds the same rings.
+// Long chains: the cost of a key that joins one, and that skipping open chains finds the same rings.
 #include <numeric>
 #include <random>
 #include <set>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Deletes: what reaches hardware and status, and who wakes, in which order.
+// Deletes: which calls reach hardware and status, and which waiters are queued, in which order.
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;

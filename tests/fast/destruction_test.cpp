@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What goes when an engine goes, and in which order: the clean-up first, with everything still there; then
-// watchers, handle maps, the references in the reverse order of construction, and the name.
+// The order of an engine's destruction: the clean-up first, while every member is there; then watchers,
+// handle maps, the references in the reverse order of construction, and the name.
 #include "ostra/piecewise_map.h"
 #include "tests/support/fast_world.h"
 #include "tests/support/freed.h"

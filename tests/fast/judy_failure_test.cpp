@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Judy made to fail: the functions below take the library's place and fail on order. A program of its own,
-// for they do so for all that is linked with them.
+// Failures of Judy: the functions below replace the library's and fail on request. A program of its own,
+// because they replace them for everything that is linked with them.
 #include <dlfcn.h>
 
 #include <optional>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The engine needs nobody who looks at its state: a program without the diagnostics links, and runs.
+// The engine works without diagnostics: a program without them links and runs.
 #include "tests/support/engine_world.h"
 #include "vantrel/fast/diagnostics.h"
 #include "vantrel/fast/fast_vantrel_impl.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Programming: add, update, move, acknowledge, and who wakes.
+// Programming: add, update, move, acknowledge, and which waiters are queued.
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;

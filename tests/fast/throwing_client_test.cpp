@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A hardware client that throws: what the engine believes then, until when, and what the ring check costs
-// meanwhile.
+// A hardware client that throws: the engine's state afterwards, what repairs it, and what the deadlock check
+// costs until then.
 #include <optional>
 
 #include "tests/support/fast_world.h"
@@ -43,7 +43,7 @@ class ThrowingClient : public FastWorld {
     put({.key = 1, .ti = 102});
     return joining + counting->reads - again;
   }
-  static constexpr U64 shortWay = 4;  // the records of the two keys, and theirs again as starts of a chain
+  static constexpr U64 skippingReads = 4;  // the records of the two keys, and again as starts of a chain
 
   Ptr<CountingTable> counting;
 };
@@ -54,9 +54,9 @@ using ThrowingClientDeathTest = ThrowingClient;
 TEST_F(ThrowingClient, KeepsSkippingOpenChainsAfterAnUpdate) {
   chain();
   put({.key = 50, .ti = 50});
-  ASSERT_EQ(readsOfJoining(), shortWay);
+  ASSERT_EQ(readsOfJoining(), skippingReads);
   failing("update", [&] { put({.key = 50, .ti = 50}); });
-  EXPECT_EQ(readsOfJoining(), shortWay) << "nothing was half-done";
+  EXPECT_EQ(readsOfJoining(), skippingReads) << "nothing was half-done";
   EXPECT_THAT(put({.key = 50, .ti = 50}), ElementsAre("update 50@50"));
   expectOrder();
 }
@@ -67,10 +67,10 @@ TEST_F(ThrowingClient, InAnAddLeavesThePlaceTaken) {
   EXPECT_EQ(record(50).sti, noIndex);
   EXPECT_THAT(put({.key = 50, .ti = 50}), IsEmpty()) << "it waits for itself";
   EXPECT_EQ(claimant(50), 50U);
-  EXPECT_GT(readsOfJoining(), shortWay);
+  EXPECT_GT(readsOfJoining(), skippingReads);
   EXPECT_THAT(put({.key = 51, .ti = 50}), IsEmpty());
   EXPECT_THAT(remove(50), ElementsAre("add 51@50")) << "it was never programmed, and its place is free";
-  EXPECT_EQ(readsOfJoining(), shortWay);
+  EXPECT_EQ(readsOfJoining(), skippingReads);
   expectOrder();
 }
 
@@ -88,9 +88,9 @@ TEST_F(ThrowingClient, InAMoveLeavesBothPlacesToTheDelete) {
   failing("move", [&] { put({.key = 50, .ti = 60}); });
   EXPECT_EQ(record(50).sti, 50U);
   EXPECT_THAT(put({.key = 52, .ti = 60}), IsEmpty());
-  EXPECT_GT(readsOfJoining(), shortWay);
+  EXPECT_GT(readsOfJoining(), skippingReads);
   EXPECT_THAT(remove(50), ElementsAre("del 50@50", "add 51@50", "add 52@60"));
-  EXPECT_EQ(readsOfJoining(), shortWay);
+  EXPECT_EQ(readsOfJoining(), skippingReads);
   expectOrder();
 }
 
@@ -102,7 +102,7 @@ TEST_F(ThrowingClient, InAMoveIsTakenOutAndPutBackByTheRetry) {
   failing("move", [&] { put({.key = 50, .ti = 60}); });
   handle(50);
   EXPECT_THAT(client->take(), ElementsAre("deadlock 50@50", "add 50@60", "add 51@50"));
-  EXPECT_EQ(readsOfJoining(), shortWay);
+  EXPECT_EQ(readsOfJoining(), skippingReads);
   expectOrder();
 }
 
@@ -114,9 +114,9 @@ TEST_F(ThrowingClient, InADeleteIsAskedAgain) {
             [&] { engine->processDeleteHelper(EntryKey(50), deadlock, false); });
     EXPECT_EQ(record(50).sti, 50U);
     EXPECT_EQ(state().positions.current.at(50), nullptr);
-    EXPECT_GT(readsOfJoining(), shortWay);
+    EXPECT_GT(readsOfJoining(), skippingReads);
     EXPECT_THAT(remove(50), ElementsAre("del 50@50"));
-    EXPECT_EQ(readsOfJoining(), shortWay) << deadlock;
+    EXPECT_EQ(readsOfJoining(), skippingReads) << deadlock;
     expectOrder();
   }
 }
@@ -137,9 +137,9 @@ TEST_F(ThrowingClient, TwiceForOneKeyLeavesNothingBehind) {
   failing("move", [&] { put({.key = 50, .ti = 52}); });
   failing("add", [&] { put({.key = 60, .ti = 60}); });
   EXPECT_THAT(remove(50), ElementsAre("del 50@51"));
-  EXPECT_GT(readsOfJoining(), shortWay) << "the other one is still there";
+  EXPECT_GT(readsOfJoining(), skippingReads) << "the other one is still there";
   EXPECT_THAT(remove(60), IsEmpty());
-  EXPECT_EQ(readsOfJoining(), shortWay);
+  EXPECT_EQ(readsOfJoining(), skippingReads);
   expectOrder();
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is called between two keys: when, in which state, and what stays done when it throws.
+// betweenKeys(): when it is called, in which state, and what stays done when it throws.
 #include <functional>
 #include <memory>
 #include <random>

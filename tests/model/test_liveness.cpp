@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Who arrives: in one group everybody, whatever lay where before; with several groups nearly everybody.
-// docs/limits.md tells producers what to make of it.
+// Which entries arrive: in one group all, from any placement; with several groups nearly all. docs/limits.md
+// says what a producer does about it.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a dependant table that fails at the wrong moment costs: the front end retries the key that it handed
-// over, and no other. Each case runs on engine and model.
+// A dependant table that fails during a drain: the front end retries the key that it handed over, and no
+// other. Each case runs on engine and model.
 #include <gmock/gmock.h>
 
 #include "testing/differ.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What goes when a front end goes, and in which order: its watchers fall silent, the failed keys go, then the
+// The order of a front end's destruction: its reactors are silenced, the failed keys are released, then the
 // inputs in the reverse order of construction.
 #include <functional>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the engine's tests stand on: an engine over in-process tables, a client that writes down what it is
-// asked, and both trace channels caught as text.
+// The fixture of the engine's tests: an engine over in-process tables, a client that records its calls, and
+// both trace channels caught as text.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -67,7 +67,7 @@ class Client : public VantrelHelper {
   }
 };
 
-// An engine whose dependants a test decides on.
+// An engine whose dependant tables succeed or fail as the test says.
 template <class Base>
 class Scripted : public Base {
  public:
@@ -80,7 +80,7 @@ class Scripted : public Base {
   int dependantCalls = 0;
 };
 
-// What a class offers by name: "version U32", "versionInc (U32)", ...
+// The names of a class and their types: "version U32", "versionInc (U32)", ...
 inline std::vector<std::string> offered(Ostra::TypeInfo const& type) {
   std::vector<std::string> names;
   for (Ostra::Attribute const* a : type.attributes()) names.push_back(a->name + " " + a->type);
@@ -102,7 +102,7 @@ class FacilityLines {
   FacilityText text_;
 };
 
-// A table whose every record is, when it is told to be, one of impossible array sizes.
+// A table that throws, while `oversize` is set, as for a record with an impossible count.
 class Oversize : public Shoal::LocalTable<EntryConfig> {
  public:
   EntryConfig entry(EntryKey const& key) const override {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The engine's tests that look at its state: one fast engine with shift 19, audited after each key and at the
-// test's end.
+// The fixture of tests that look at the engine's state: one fast engine with shift 19, audited after each key
+// and at the test's end.
 #pragma once
 
 #include "testing/audit.h"
@@ -29,7 +29,7 @@ class FastWorld : public EngineWorld<FastVantrelImpl> {
     audit();
   }
   void TearDown() override { audit(); }
-  // From here on the state is damaged on purpose.
+  // Stops the audits: the test damages the state on purpose.
   void forge() { forged_ = true; }
   void audit() {
     if (forged_ || !engine) return;

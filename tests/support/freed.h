@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Notices when a block of memory is given back. A test program that uses it links freed.cpp, which takes the
+// Notices when a block of memory is freed. A test program that uses it links freed.cpp, which takes the
 // place of operator new and delete.
 #pragma once
 

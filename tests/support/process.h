@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A child process of a test, its output in files, gone with the object.
+// A child process of a test, with its output in files. It is killed with the object.
 #pragma once
 
 #include <fcntl.h>
