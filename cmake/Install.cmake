@@ -9,6 +9,7 @@ include(CMakePackageConfigHelpers)
 # The headers that programs outside include; all others follow from them.
 set(entry_headers
   vantrel/vantrel.h                # an agent
+  vantrel/diag/wait_status.h       # why its entries wait, to be published
   vantrel/core/trace.h             # its trace, and records of its own in it
   platform/keel/timerfd_wheel.h    # the event loop's timer
   platform/keel/virtual_wheel.h    # the timer of an agent's tests

@@ -3,12 +3,12 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <utility>
 
 #include "ostra/mount.h"
 #include "ostra/piecewise_map.h"
-#include "vantrel/engine/debug_entities.h"
 #include "vantrel/sm/flush_status.h"
 
 namespace VantrelCommand {
@@ -17,14 +17,7 @@ namespace {
 using Vantrel::DebugConfig;
 using Vantrel::DebugStatus;
 using Vantrel::VantrelFlushStatus;
-
-template <class Positions, class OpIds>
-void collect(Positions const& positions, OpIds const& opIds, std::map<U32, Snapshot::Place>& places) {
-  for (auto const& [ti, key] : positions) {
-    auto const opId = opIds.find(key);
-    places[ti] = {key, opId == opIds.end() ? Vantrel::OpId() : opId->second};
-  }
-}
+using Vantrel::WaitStatus;
 
 class SocketView : public AgentView {
  public:
@@ -35,17 +28,14 @@ class SocketView : public AgentView {
     if (!config_) {
       config_ = agent_->mount<DebugConfig>();
       status_ = agent_->mount<DebugStatus>();
+      waits_ = agent_->mount<WaitStatus>();
     }
-    if (!agent_->dispatchUntil([this] { return agent_->live(*config_) && agent_->live(*status_); }, seconds))
-      return fail(whyNoAnswer());
+    if (!agent_->dispatchUntil([this] { return live(); }, seconds)) return fail(whyNoAnswer());
     ask();
     if (!agent_->dispatchUntil([this] { return answered() || !asked_->refusal.empty(); }, seconds))
       return fail("the agent took no snapshot in time");
     if (!asked_->refusal.empty()) return fail(asked_->refusal);
-    Snapshot snapshot;
-    collect(status_->status(), status_->statusOpId(), snapshot.programmed);
-    collect(status_->pending(), status_->pendingOpId(), snapshot.waiting);
-    return snapshot;
+    return Snapshot{status_, waits_};
   }
   bool flushed(double seconds) override {
     if (!connect()) return false;
@@ -71,10 +61,12 @@ class SocketView : public AgentView {
  private:
   // An agent that took another's place has not been asked yet.
   bool answered() {
-    if (!agent_->live(*config_) || !agent_->live(*status_)) return false;
+    if (!live()) return false;
     if (asked_->lost) ask();
-    return asked_->result && status_->answers(std::get<U64>(*asked_->result));
+    return asked_->result && status_->answers(std::get<U64>(*asked_->result)) &&
+           waits_->version() == status_->version();
   }
+  bool live() const { return agent_->live(*config_) && agent_->live(*status_) && agent_->live(*waits_); }
   void ask() { asked_ = agent_->invoke(*config_, "versionInc", {U64{1}}); }
   bool connect() {
     if (!agent_ && !listens()) {
@@ -96,12 +88,28 @@ class SocketView : public AgentView {
   std::string problem_;
   Ostra::Ptr<DebugConfig> config_;
   Ostra::Ptr<DebugStatus> status_;
+  Ostra::Ptr<WaitStatus> waits_;
   Ostra::Ptr<VantrelFlushStatus> flush_;
   std::shared_ptr<Ostra::Invocation const> asked_;
   std::unique_ptr<Ostra::Mounter> agent_;
 };
 
 }  // namespace
+
+std::vector<Snapshot::Place> Snapshot::inOrder() const {
+  std::vector<Place> all;
+  all.reserve(places->status().size() + places->pending().size());
+  for (auto const& [ti, key] : places->status()) all.push_back({ti, false, key});
+  for (auto const& [ti, key] : places->pending()) all.push_back({ti, true, key});
+  std::ranges::sort(all, {}, [](Place const& place) { return std::pair(place.ti, place.waits); });
+  return all;
+}
+
+Vantrel::OpId Snapshot::opIdOf(Place const& place) const {
+  auto const& opIds = place.waits ? places->pendingOpId() : places->statusOpId();
+  auto const at = opIds.find(place.key);
+  return at == opIds.end() ? Vantrel::OpId() : at->second;
+}
 
 std::unique_ptr<AgentView> agentViewOf(std::string const& dir) {
   return std::make_unique<SocketView>(dir + "/mgmt.sock");

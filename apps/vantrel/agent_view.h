@@ -4,23 +4,33 @@
 // Errors: an agent that does not answer is no error: there is no snapshot, and problem() says why.
 #pragma once
 
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
-#include "vantrel/core/entry.h"
+#include "ostra/ptr.h"
+#include "vantrel/diag/wait_status.h"
+#include "vantrel/engine/debug_entities.h"
 
 namespace VantrelCommand {
 
-// The engine at one moment.
+// The engine at one moment: what is where and who waits, and why. Kept up to date when another snapshot is
+// taken.
 struct Snapshot {
+  Ostra::Ptr<Vantrel::DebugStatus const> places;
+  Ostra::Ptr<Vantrel::WaitStatus const> waits;
+
+  // A key at a position, or waiting for it. A million of them are to be sorted.
   struct Place {
+    U32 ti;
+    bool waits;
     Vantrel::EntryKey key;
-    Vantrel::OpId opId;
   };
-  std::map<U32, Place> programmed;  // by position
-  std::map<U32, Place> waiting;     // by the position that is waited for
+  // By position; who waits for one stands behind who holds it.
+  std::vector<Place> inOrder() const;
+  // The version that is programmed there, or waits.
+  Vantrel::OpId opIdOf(Place const& place) const;
 };
 
 class AgentView {

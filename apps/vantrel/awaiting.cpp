@@ -95,9 +95,10 @@ void Awaiting::late() {
     noSnapshot = agent_->problem();
   }
   if (!snapshot) text += fmt::format("; {}", noSnapshot);
-  Explainer const explainer(*tables_.config(), std::move(snapshot), noSnapshot);
-  for (std::size_t i = 0; i < std::min(keys.size(), mostExplained); ++i)
-    text += "\n  " + explainer.explain(keys[i]).text;
+  std::vector<Vantrel::EntryKey> const explained(keys.begin(),
+                                                 keys.begin() + std::min(keys.size(), mostExplained));
+  Explainer const explainer(*tables_.config(), std::move(snapshot), noSnapshot, explained);
+  for (Vantrel::EntryKey const key : explained) text += "\n  " + explainer.explain(key);
   if (keys.size() > mostExplained) text += "\n  and " + ranges(keys, mostExplained);
   throw Late(text);
 }

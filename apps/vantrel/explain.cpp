@@ -3,99 +3,112 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <ctime>
+#include <unordered_set>
 #include <utility>
 
+#include "ostra/piecewise_map.h"
+
 namespace VantrelCommand {
+namespace {
 
 using Vantrel::EntryConfig;
 using Vantrel::EntryKey;
+using Vantrel::OpId;
 using Vantrel::TableKey;
+using Kind = Vantrel::WaitReason::Kind;
+
+template <class Map>
+auto find(Map const& map, typename Map::key_type key) {
+  auto const at = map.find(key);
+  return at == map.end() ? std::nullopt : std::optional(at->second);
+}
+
+// Of those among `keys` that the map of positions holds.
+std::unordered_map<U64, U32> positionsOf(std::vector<EntryKey> const& keys,
+                                         Vantrel::DebugStatus::KeyAtIndex const& map) {
+  std::unordered_set<U64> wanted;
+  for (EntryKey const key : keys) wanted.insert(key.value());
+  std::unordered_map<U64, U32> positions;
+  for (auto const& [ti, key] : map)
+    if (wanted.contains(key.value())) positions[key.value()] = ti;
+  return positions;
+}
+
+std::string duration(U64 seconds) {
+  if (seconds < 120) return fmt::format("{} s", seconds);
+  if (seconds < 7200) return fmt::format("{} min", seconds / 60);
+  return fmt::format("{} h", seconds / 3600);
+}
+
+// What is wanted of an entry that is at a position for which another one waits.
+std::string plans(EntryConfig const& holder, U32 position) {
+  if (holder == EntryConfig() || holder.isDel()) return "which is no longer wanted";
+  U32 const next = holder.tableIndexs() == 1 ? holder.tableIndex(TableKey(0)) : position;
+  return next == position ? "which is to stay there" : fmt::format("which is to go to position {}", next);
+}
+
+std::string obstacle(Wait const& wait, Vantrel::TableConfig const& config, U32 wanted) {
+  if (!wait.blocker) return "which is free";
+  auto const [key, position] = *wait.blocker;
+  if (wait.kind == Kind::Occupied)
+    return fmt::format("held by key {}, {}", key.value(), plans(readEntry(config, key), wanted));
+  return fmt::format("which is free, but key {} at position {} would be on its wrong side", key.value(),
+                     position);
+}
+
+std::optional<Wait::Blocker> blockerOf(Snapshot const& snapshot, EntryKey key) {
+  auto const position = find(snapshot.waits->blocker(), key);
+  auto const holder = position ? find(snapshot.places->status(), *position) : std::nullopt;
+  if (!holder) return std::nullopt;
+  return Wait::Blocker{*holder, *position};
+}
+
+}  // namespace
+
+Wait waitOf(Snapshot const& snapshot, Vantrel::TableConfig const& config, EntryKey key, U32 wanted) {
+  auto const since = find(snapshot.waits->since(), key);
+  U64 const now = static_cast<U64>(std::time(nullptr));
+  Wait wait{find(snapshot.waits->kind(), key).value_or(Kind::None),
+            blockerOf(snapshot, key),
+            since ? now - std::min(*since, now) : 0,
+            {}};
+  wait.text = fmt::format("it waits for position {}, {}, for {}", wanted, obstacle(wait, config, wanted),
+                          duration(wait.seconds));
+  return wait;
+}
 
 Explainer::Explainer(Vantrel::TableConfig const& config, std::optional<Snapshot> snapshot,
-                     std::string noSnapshot)
+                     std::string noSnapshot, std::vector<EntryKey> const& keys)
     : config_(config), snapshot_(std::move(snapshot)), noSnapshot_(std::move(noSnapshot)) {
-  for (auto place = config_.first(); place; place = config_.next(*place)) {
-    EntryConfig const entry = readEntry(config_, place->key);
-    if (entry.tableIndexs() == 1)
-      wishes_[entry.key().value()] = {entry.pg(), entry.prio(), entry.tableIndex(TableKey(0))};
-  }
   if (!snapshot_) return;
-  for (auto const& [ti, place] : snapshot_->programmed) programmedAt_[place.key.value()] = ti;
-  for (auto const& [ti, place] : snapshot_->waiting) waitsFor_[place.key.value()] = ti;
+  programmedAt_ = positionsOf(keys, snapshot_->places->status());
+  waitsFor_ = positionsOf(keys, snapshot_->places->pending());
 }
 
-Explanation Explainer::explain(EntryKey key) const {
+std::string Explainer::explain(EntryKey key) const {
   EntryConfig const entry = readEntry(config_, key);
-  Explanation explanation{key, entry.opId(), std::nullopt, std::nullopt, std::nullopt, {}};
-  std::string const why = reason(entry, explanation);
-  explanation.text = fmt::format("key {} (OpId {}): {}", key.value(), entry.opId().value(), why);
-  return explanation;
+  return fmt::format("key {} (OpId {}): {}", key.value(), entry.opId().value(), reason(entry));
 }
 
-std::string Explainer::reason(EntryConfig const& entry, Explanation& explanation) const {
+std::string Explainer::reason(EntryConfig const& entry) const {
   if (entry == EntryConfig()) return "its record is gone from the table";
   if (!snapshot_) return noSnapshot_;
-  if (entry.isDel()) return deleteReason(entry);
-  if (auto const waits = waitsFor_.find(entry.key().value()); waits != waitsFor_.end()) {
-    explanation.position = waits->second;
-    return waitReason(entry, explanation);
-  }
-  auto const at = programmedAt(entry.key());
-  if (!at)
+  auto const at = programmedAt_.find(entry.key().value());
+  bool const programmed = at != programmedAt_.end();
+  if (entry.isDel())
+    return programmed ? fmt::format("it is to be deleted and still at position {}", at->second)
+                      : "it is deleted, and the hardware has not acknowledged that";
+  if (auto const waits = waitsFor_.find(entry.key().value()); waits != waitsFor_.end())
+    return waitOf(*snapshot_, config_, entry.key(), waits->second).text;
+  if (!programmed)
     return "the agent neither holds it nor lets it wait: it has not seen it yet, or refuses the record";
-  if (snapshot_->programmed.at(*at).opId == entry.opId())
-    return fmt::format("it is at position {} in this version, and the hardware has not acknowledged it", *at);
-  return fmt::format("it is at position {} in an older version, {}", *at,
-                     snapshot_->programmed.at(*at).opId.value());
-}
-
-std::string Explainer::deleteReason(EntryConfig const& entry) const {
-  auto const at = programmedAt(entry.key());
-  return at ? fmt::format("it is to be deleted and still at position {}", *at)
-            : "it is deleted, and the hardware has not acknowledged that";
-}
-
-std::string Explainer::waitReason(EntryConfig const& entry, Explanation& explanation) const {
-  U32 const wanted = *explanation.position;
-  if (auto const holder = snapshot_->programmed.find(wanted); holder != snapshot_->programmed.end()) {
-    explanation.heldBy = holder->second.key;
-    auto const next = wishes_.find(holder->second.key.value());
-    std::string const more = next == wishes_.end() ? "which is no longer wanted"
-                             : next->second.ti == wanted
-                                 ? "which is to stay there"
-                                 : fmt::format("which is to go to position {}", next->second.ti);
-    return fmt::format("it waits for position {}, held by key {}, {}", wanted, holder->second.key.value(),
-                       more);
-  }
-  if (auto const neighbour = misplacedNeighbour(entry)) {
-    EntryKey const other = snapshot_->programmed.at(*neighbour).key;
-    explanation.outranks = other;
-    return fmt::format(
-        "it waits for position {}, which is free, but key {} at position {} would be on its wrong side",
-        wanted, other.value(), *neighbour);
-  }
-  return fmt::format("it waits for position {}, which is free", wanted);
-}
-
-std::optional<U32> Explainer::programmedAt(EntryKey key) const {
-  auto const at = programmedAt_.find(key.value());
-  if (at == programmedAt_.end()) return std::nullopt;
-  return at->second;
-}
-
-// The nearest entry of its group that contradicts its priority at the position it wants.
-std::optional<U32> Explainer::misplacedNeighbour(EntryConfig const& entry) const {
-  U32 const wanted = entry.tableIndex(TableKey(0));
-  std::optional<U32> nearest;
-  for (auto const& [ti, place] : snapshot_->programmed) {
-    auto const other = wishes_.find(place.key.value());
-    if (other == wishes_.end() || other->second.pg != entry.pg() || place.key == entry.key()) continue;
-    bool const wrong = ti < wanted ? other->second.prio > entry.prio() : other->second.prio < entry.prio();
-    if (!wrong) continue;
-    auto const distance = [&](U32 at) { return at < wanted ? wanted - at : at - wanted; };
-    if (!nearest || distance(ti) < distance(*nearest)) nearest = ti;
-  }
-  return nearest;
+  OpId const version = find(snapshot_->places->statusOpId(), entry.key()).value_or(OpId());
+  if (version == entry.opId())
+    return fmt::format("it is at position {} in this version, and the hardware has not acknowledged it",
+                       at->second);
+  return fmt::format("it is at position {} in an older version, {}", at->second, version.value());
 }
 
 }  // namespace VantrelCommand

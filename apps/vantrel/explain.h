@@ -1,53 +1,51 @@
 // SPDX-License-Identifier: Apache-2.0
-// Says of a key that is not acknowledged what it waits for.
+// Says of a key that is not acknowledged what it waits for, by what the engine published.
 //
 // Threading: one thread.
-// Cost: one walk of the configuration table to make; a few look-ups a key.
+// Cost: what is said of a waiting key, some look-ups and a read of its blocker's record; of other keys,
+//   together, one walk of the snapshot's positions when the explainer is made.
 #pragma once
 
-#include <map>
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "apps/vantrel/agent_view.h"
 #include "vantrel/core/tables.h"
 
 namespace VantrelCommand {
 
-struct Explanation {
-  Vantrel::EntryKey key;
-  Vantrel::OpId opId;                         // the version that is not acknowledged
-  std::optional<U32> position;                // that it waits for
-  std::optional<Vantrel::EntryKey> heldBy;    // who is at that position
-  std::optional<Vantrel::EntryKey> outranks;  // or who would be on the wrong side of it there
-  std::string text;                           // one line
+// Why an entry waits for a position.
+struct Wait {
+  Vantrel::WaitReason::Kind kind;
+  struct Blocker {
+    Vantrel::EntryKey key;
+    U32 position;
+  };
+  std::optional<Blocker> blocker;  // none: it is gone
+  U64 seconds;                     // for so long
+  std::string text;  // "it waits for position 5, held by key 1, which is to stay there, for 3 s"
 };
+// `key` waits for `wanted` in the snapshot. `config`: what is wanted of its blocker.
+Wait waitOf(Snapshot const& snapshot, Vantrel::TableConfig const& config, Vantrel::EntryKey key, U32 wanted);
 
 class Explainer {
  public:
-  // `snapshot`: of the agent; without one `noSnapshot` says why not.
-  Explainer(Vantrel::TableConfig const& config, std::optional<Snapshot> snapshot, std::string noSnapshot);
-  Explanation explain(Vantrel::EntryKey key) const;
+  // `snapshot`: of the agent; without one `noSnapshot` says why not. `keys`: those that will be asked for.
+  Explainer(Vantrel::TableConfig const& config, std::optional<Snapshot> snapshot, std::string noSnapshot,
+            std::vector<Vantrel::EntryKey> const& keys);
+  // One line.
+  std::string explain(Vantrel::EntryKey key) const;
 
  private:
-  struct Wish {
-    U16 pg;
-    U32 prio;
-    U32 ti;
-  };
-  std::string reason(Vantrel::EntryConfig const& entry, Explanation& explanation) const;
-  std::string deleteReason(Vantrel::EntryConfig const& entry) const;
-  std::string waitReason(Vantrel::EntryConfig const& entry, Explanation& explanation) const;
-  std::optional<U32> programmedAt(Vantrel::EntryKey key) const;
-  std::optional<U32> misplacedNeighbour(Vantrel::EntryConfig const& entry) const;
+  std::string reason(Vantrel::EntryConfig const& entry) const;
 
   Vantrel::TableConfig const& config_;
-  std::optional<Snapshot> snapshot_;
-  std::string noSnapshot_;
+  std::optional<Snapshot> const snapshot_;
+  std::string const noSnapshot_;
   std::unordered_map<U64, U32> programmedAt_;  // key -> position
   std::unordered_map<U64, U32> waitsFor_;      // key -> position
-  std::unordered_map<U64, Wish> wishes_;
 };
 
 }  // namespace VantrelCommand

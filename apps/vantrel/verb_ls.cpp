@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -14,6 +13,7 @@
 #include "apps/vantrel/agent_view.h"
 #include "apps/vantrel/command.h"
 #include "apps/vantrel/flags.h"
+#include "pallo/exception.h"
 #include "producer/acknowledgements.h"
 #include "producer/shared_tables.h"
 #include "shoal/reader_table.h"
@@ -33,15 +33,34 @@ using StatusFile = Shoal::ReaderTable<EntryStatus>;
 
 constexpr double snapshotSeconds = 10.0;
 
-// Returns every record, by key.
+// Shows every record, by key. Damage costs no intact record its line: it is named, and counted.
 template <class R>
-std::map<U64, R> recordsOf(Shoal::Table<R> const& table) {
-  std::map<U64, R> records;
-  for (auto place = table.first(); place; place = table.next(*place)) {
-    R const record = table.entry(place->key);
-    if (!(record == Shoal::RecordTraits<R>::empty())) records[place->key.value()] = record;
-  }
-  return records;
+U64 eachRecord(Shoal::Table<R> const& table, auto const& show) {
+  U64 damaged = 0;
+  auto const unlessDamaged = [&](auto const& read) {
+    try {
+      read();
+    } catch (Pallo::CorruptionDetectedException const& damage) {
+      fmt::print(stderr, "vantrel: {}: {}\n", table.name(), damage.what());
+      ++damaged;
+    }
+  };
+  std::vector<U64> keys;
+  unlessDamaged([&] {
+    for (auto place = table.first(); place; place = table.next(*place)) keys.push_back(place->key.value());
+  });
+  std::ranges::sort(keys);
+  for (U64 const key : keys)
+    unlessDamaged([&] {
+      R const record = table.entry(typename Shoal::Table<R>::Key(key));
+      if (!(record == Shoal::RecordTraits<R>::empty())) show(record);
+    });
+  return damaged;
+}
+
+// At the end of a listing.
+void requireUndamaged(Shoal::TableBase const& table, U64 damaged) {
+  if (damaged) throw std::runtime_error(table.name() + ": what is damaged is not listed");
 }
 
 Json json(EntryConfig const& entry) {
@@ -80,26 +99,29 @@ void listConfig(std::string const& dir, bool asJson) {
   if (!asJson)
     fmt::print("{:>10} {:>20} {:>10} {:>5} {:>10} {:>8}  {}\n", "KEY", "OPID", "HDL", "PG", "PRIO", "TI",
                "DATA");
-  for (auto const& [key, entry] : recordsOf<EntryConfig>(table)) {
+  U64 const damaged = eachRecord(table, [&](EntryConfig const& entry) {
     if (asJson)
       fmt::print("{}\n", json(entry).dump());
     else
-      fmt::print("{:>10} {:>20} {:>10} {:>5} {:>10} {:>8}  {}{}\n", key, entry.opId().value(), entry.hdl(),
-                 entry.pg(), entry.prio(), positions(entry), entry.isDel() ? "(to be deleted) " : "",
-                 content(entry));
-  }
+      fmt::print("{:>10} {:>20} {:>10} {:>5} {:>10} {:>8}  {}{}\n", entry.key().value(), entry.opId().value(),
+                 entry.hdl(), entry.pg(), entry.prio(), positions(entry),
+                 entry.isDel() ? "(to be deleted) " : "", content(entry));
+  });
+  requireUndamaged(table, damaged);
 }
 
 void listStatus(std::string const& dir, bool asJson) {
   StatusFile const table(SharedTables::statusPath(dir));
   if (!asJson) fmt::print("{:>10} {:>20}\n", "KEY", "OPID");
-  for (auto const& [key, status] : recordsOf<EntryStatus>(table)) {
+  U64 const damaged = eachRecord(table, [&](EntryStatus const& status) {
+    U64 const key = status.key().value();
     bool const deleted = status.opId() == OpId::deleteAcknowledge();
     if (asJson)
       fmt::print("{}\n", Json{{"key", key}, {"opId", status.opId().value()}, {"deleted", deleted}}.dump());
     else
       fmt::print("{:>10} {:>20}{}\n", key, status.opId().value(), deleted ? "  deleted" : "");
-  }
+  });
+  requireUndamaged(table, damaged);
 }
 
 // ---- positions
@@ -114,58 +136,56 @@ struct Spot {
 
 std::vector<Spot> spotsOf(Snapshot const& snapshot) {
   std::vector<Spot> spots;
-  spots.reserve(snapshot.programmed.size() + snapshot.waiting.size());
-  for (auto const& [ti, place] : snapshot.programmed)
-    spots.push_back({ti, place.key, place.opId, "programmed"});
-  for (auto const& [ti, place] : snapshot.waiting) spots.push_back({ti, place.key, place.opId, "waiting"});
+  for (Snapshot::Place const& place : snapshot.inOrder())
+    spots.push_back({place.ti, place.key, snapshot.opIdOf(place), place.waits ? "waiting" : "programmed"});
   return spots;
 }
 
 // Without the agent's snapshot: an entry whose version is acknowledged is at its position.
-std::vector<Spot> spotsOf(std::map<U64, EntryConfig> const& wanted, Vantrel::TableStatus const* status) {
+std::vector<Spot> spotsOf(ConfigFile const& config, Vantrel::TableStatus const* status, U64& damaged) {
   std::vector<Spot> spots;
-  for (auto const& [key, entry] : wanted) {
-    bool const there = status && readStatus(*status, EntryKey(key)).opId() == entry.opId();
+  damaged = eachRecord(config, [&](EntryConfig const& entry) {
+    bool const there = status && readStatus(*status, entry.key()).opId() == entry.opId();
     for (U32 const ti : entry.tableIndexes().elements())
-      spots.push_back({ti, EntryKey(key), entry.opId(),
+      spots.push_back({ti, entry.key(), entry.opId(),
                        entry.isDel() ? "to be deleted"
                        : there       ? "programmed"
                                      : "wanted"});
-  }
+  });
+  std::ranges::stable_sort(spots, {}, &Spot::ti);
   return spots;
+}
+
+void show(Spot const& spot, EntryConfig const& wanted, bool asJson) {
+  bool const known = wanted != EntryConfig();
+  if (asJson) {
+    Json line{
+        {"position", spot.ti}, {"state", spot.state}, {"key", spot.key.value()}, {"opId", spot.opId.value()}};
+    if (known) line.update({{"pg", wanted.pg()}, {"prio", wanted.prio()}});
+    fmt::print("{}\n", line.dump());
+  } else {
+    fmt::print("{:>10} {:<13} {:>10} {:>5} {:>10} {:>20}\n", spot.ti, spot.state, spot.key.value(),
+               known ? std::to_string(wanted.pg()) : "-", known ? std::to_string(wanted.prio()) : "-",
+               spot.opId.value());
+  }
 }
 
 void listPositions(std::string const& dir, bool asJson) {
   ConfigFile const config(SharedTables::configPath(dir));
-  std::map<U64, EntryConfig> const wanted = recordsOf<EntryConfig>(config);
   auto const agent = agentViewOf(dir);
   auto const snapshot = agent->snapshot(snapshotSeconds);
   Ostra::Ptr<StatusFile> status;
   if (!snapshot && std::filesystem::exists(SharedTables::statusPath(dir)))
     status = Ostra::make<StatusFile>(SharedTables::statusPath(dir));
-  std::vector<Spot> spots = snapshot ? spotsOf(*snapshot) : spotsOf(wanted, status.get());
-  std::ranges::stable_sort(spots, {}, &Spot::ti);
+  U64 damaged = 0;
+  std::vector<Spot> const spots = snapshot ? spotsOf(*snapshot) : spotsOf(config, status.get(), damaged);
   if (!asJson) {
     if (!snapshot) fmt::print("from the tables: {}\n", agent->problem());
     fmt::print("{:>10} {:<13} {:>10} {:>5} {:>10} {:>20}\n", "POSITION", "STATE", "KEY", "PG", "PRIO",
                "OPID");
   }
-  for (Spot const& spot : spots) {
-    auto const entry = wanted.find(spot.key.value());
-    bool const known = entry != wanted.end();
-    if (asJson) {
-      Json line{{"position", spot.ti},
-                {"state", spot.state},
-                {"key", spot.key.value()},
-                {"opId", spot.opId.value()}};
-      if (known) line.update({{"pg", entry->second.pg()}, {"prio", entry->second.prio()}});
-      fmt::print("{}\n", line.dump());
-    } else {
-      fmt::print("{:>10} {:<13} {:>10} {:>5} {:>10} {:>20}\n", spot.ti, spot.state, spot.key.value(),
-                 known ? std::to_string(entry->second.pg()) : "-",
-                 known ? std::to_string(entry->second.prio()) : "-", spot.opId.value());
-    }
-  }
+  for (Spot const& spot : spots) show(spot, readEntry(config, spot.key), asJson);
+  requireUndamaged(config, damaged);
 }
 
 // The status table is valid only while the agent that wrote it runs.

@@ -2,12 +2,11 @@
 // vantrel snapshot: what the engine has at each position, which entries wait for one, and for whom.
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
-#include <vector>
 
 #include "apps/vantrel/agent_view.h"
 #include "apps/vantrel/command.h"
@@ -20,7 +19,9 @@ namespace VantrelCommand {
 namespace {
 
 using Json = nlohmann::ordered_json;
+using Kind = Vantrel::WaitReason::Kind;
 using Vantrel::EntryConfig;
+using Vantrel::OpId;
 using Vantrel::SharedTables;
 using ConfigFile = Shoal::ReaderTable<EntryConfig>;
 
@@ -32,49 +33,30 @@ struct Asked {
   std::optional<double> timeout;
 };
 
-// An entry at a position, or waiting for it.
-struct Row {
-  U32 position;
-  Snapshot::Place place;
-  std::optional<Explanation> waits;
-};
-
-std::vector<Row> rowsOf(Snapshot const& snapshot, Explainer const& explainer) {
-  std::vector<Row> rows;
-  rows.reserve(snapshot.programmed.size() + snapshot.waiting.size());
-  for (auto const& [ti, place] : snapshot.programmed) rows.push_back({ti, place, std::nullopt});
-  for (auto const& [ti, place] : snapshot.waiting) rows.push_back({ti, place, explainer.explain(place.key)});
-  std::ranges::stable_sort(rows, {}, &Row::position);
-  return rows;
-}
-
-// The explanation without the "key N (OpId M): " that the row says already.
-std::string reasonOf(Explanation const& explanation) {
-  std::size_t const at = explanation.text.find("): ");
-  return at == std::string::npos ? explanation.text : explanation.text.substr(at + 3);
-}
-
-Json jsonOf(Row const& row) {
-  Json line{{"position", row.position},
+Json jsonOf(Snapshot::Place const& row, OpId opId, std::optional<Wait> const& wait) {
+  Json line{{"position", row.ti},
             {"state", row.waits ? "waiting" : "programmed"},
-            {"key", row.place.key.value()},
-            {"opId", row.place.opId.value()}};
-  if (!row.waits) return line;
-  if (row.waits->heldBy) line["heldBy"] = row.waits->heldBy->value();
-  if (row.waits->outranks) line["wrongSideOf"] = row.waits->outranks->value();
-  line["why"] = reasonOf(*row.waits);
+            {"key", row.key.value()},
+            {"opId", opId.value()}};
+  if (!wait) return line;
+  if (wait->blocker)
+    line[wait->kind == Kind::Occupied ? "heldBy" : "wrongSideOf"] = wait->blocker->key.value();
+  line["waitedSeconds"] = wait->seconds;
+  line["why"] = wait->text;
   return line;
 }
 
-void print(std::vector<Row> const& rows, bool asJson) {
+void print(Snapshot const& snapshot, ConfigFile const& config, bool asJson) {
   if (!asJson)
     fmt::print("{:>10} {:<10} {:>20} {:>20}  {}\n", "POSITION", "STATE", "KEY", "OPID", "WHY IT WAITS");
-  for (Row const& row : rows) {
+  for (Snapshot::Place const& row : snapshot.inOrder()) {
+    OpId const opId = snapshot.opIdOf(row);
+    auto const wait = row.waits ? std::optional(waitOf(snapshot, config, row.key, row.ti)) : std::nullopt;
     if (asJson)
-      fmt::print("{}\n", jsonOf(row).dump());
+      fmt::print("{}\n", jsonOf(row, opId, wait).dump());
     else
-      fmt::print("{:>10} {:<10} {:>20} {:>20}{}\n", row.position, row.waits ? "waiting" : "programmed",
-                 row.place.key.value(), row.place.opId.value(), row.waits ? "  " + reasonOf(*row.waits) : "");
+      fmt::print("{:>10} {:<10} {:>20} {:>20}{}\n", row.ti, row.waits ? "waiting" : "programmed",
+                 row.key.value(), opId.value(), wait ? "  " + wait->text : "");
   }
 }
 
@@ -85,9 +67,7 @@ void snapshot(Asked const& asked) {
     throw std::runtime_error(asked.dir + " holds no configuration table yet, so the agent takes no snapshot");
   auto const taken = agent->snapshot(asked.timeout.value_or(defaultTimeout));
   if (!taken) throw std::runtime_error(agent->problem());
-  ConfigFile const config(path);
-  Explainer const explainer(config, taken, {});
-  print(rowsOf(*taken, explainer), asked.json);
+  print(*taken, ConfigFile(path), asked.json);
 }
 
 }  // namespace

@@ -73,6 +73,19 @@ class Agent::KeyWatcher : public Vantrel::TableConfig::Notifiee {
   Agent& agent_;
 };
 
+// Says why whoever waits in a snapshot does so, while nothing has changed since.
+class Agent::SnapshotWatcher : public Vantrel::DebugStatus::Notifiee {
+ public:
+  explicit SnapshotWatcher(Agent& agent) : agent_(agent) {
+    notifierIs(agent.debugStatus_);
+    hasNotificationActiveIs(true);
+  }
+  void onVersion() override { agent_.waitStatus_->explain(*agent_.engine_, *agent_.debugStatus_); }
+
+ private:
+  Agent& agent_;
+};
+
 Agent::Agent(Options options, Log& out, Log& err)
     : options_(std::move(options)),
       out_(out),
@@ -81,6 +94,7 @@ Agent::Agent(Options options, Log& out, Log& err)
       statusFile_(status_->name()),
       debugConfig_(Vantrel::debugConfigFactory("debugConfig")),
       debugStatus_(Vantrel::debugStatusFactory("debugStatus")),
+      waitStatus_(Ostra::make<Vantrel::WaitStatus>("waitStatus")),
       flushStatus_(Ostra::make<Vantrel::VantrelFlushStatus>("flushStatus")),
       wheel_(Ostra::make<Keel::TimerfdWheel>()),
       progress_(Ostra::make<Progress>()) {
@@ -111,6 +125,7 @@ void Agent::publish() {
   publisher_->exportObject("flushStatus", flushStatus_);
   publisher_->exportObject("debugConfig", debugConfig_);
   publisher_->exportObject("debugStatus", debugStatus_);
+  publisher_->exportObject("waitStatus", waitStatus_);
   publisher_->exportObject("hardware", hardware_);
   publisher_->exportObject(
       "statusTable", Ostra::make<TableReport>(
@@ -162,6 +177,7 @@ void Agent::makeEngine() {
   if (options_.prioGrpShift) engine_->prioGrpShiftIs(options_.prioGrpShift);
   engine_->roomForKeysIs(options_.size);
   engine_->yieldIs(this);
+  snapshotWatcher_ = std::make_unique<SnapshotWatcher>(*this);
 }
 
 int Agent::run() {
@@ -267,6 +283,7 @@ void Agent::withdraw() {
   if (!engine_) return;
   watched_.clear();
   keyWatcher_ = nullptr;
+  snapshotWatcher_ = nullptr;
   frontEnd_ = nullptr;
   publisher_->withdraw("frontEnd");
   publisher_->withdraw("engine");

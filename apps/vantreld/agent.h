@@ -38,6 +38,7 @@
 #include "ostra/publish.h"
 #include "shoal/reader_table.h"
 #include "shoal/writer_table.h"
+#include "vantrel/diag/wait_status.h"
 #include "vantrel/vantrel.h"
 
 namespace Vantreld {
@@ -56,6 +57,7 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   using Status = Shoal::WriterTable<Vantrel::EntryStatus>;
   class Watched;
   class KeyWatcher;
+  class SnapshotWatcher;
 
   void makeHardware();
   void publish();
@@ -85,6 +87,7 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   Hw::SimulatedTcam* sim_ = nullptr;  // hardware_, if it is a simulated one
   Ostra::Ptr<Vantrel::DebugConfig> debugConfig_;
   Ostra::Ptr<Vantrel::DebugStatus> debugStatus_;
+  Ostra::Ptr<Vantrel::WaitStatus> waitStatus_;
   Ostra::Ptr<Vantrel::VantrelFlushStatus> flushStatus_;
   Ostra::Ptr<Keel::TimerfdWheel> wheel_;
   std::unique_ptr<Ostra::Publisher> publisher_;
@@ -93,6 +96,7 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   std::shared_ptr<Validator> validator_;
   Ostra::Ptr<Vantrel::FastVantrelImpl> engine_;
   std::unique_ptr<KeyWatcher> keyWatcher_;
+  std::unique_ptr<SnapshotWatcher> snapshotWatcher_;
   Ostra::Ptr<Vantrel::VantrelSm> frontEnd_;
   double servedAt_ = 0;  // when betweenKeys() served readers last, seconds
   double polledAt_ = 0;

@@ -51,7 +51,11 @@ struct Ended {
 class TableVerbs : public testing::Test {
  protected:
   Ended run(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {VANTREL_BIN_DIR "/vantrel", "table"});
+    arguments.insert(arguments.begin(), "table");
+    return command(std::move(arguments));
+  }
+  Ended command(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), VANTREL_BIN_DIR "/vantrel");
     Process process(arguments, dir / "out", dir / "err");
     int const status = process.wait();
     return {status, process.out(), process.err()};
@@ -133,6 +137,18 @@ TEST_F(TableVerbs, DamagedRecordFailsCheckAndIsNotDumped) {
   EXPECT_THAT(dump.err, AllOf(StartsWith("vantrel: "), HasSubstr("the record of key 123 is damaged")));
   EXPECT_EQ(std::ranges::count(dump.out, '\n'), 299);
   EXPECT_THAT(dump.out, testing::Not(HasSubstr("\"key\":123,")));
+}
+
+TEST_F(TableVerbs, ListingNamesDamageAndShowsTheRest) {
+  damage(filled("config.shoal", 300), 123);
+  for (char const* const what : {"config", "positions"}) {
+    Ended const ended = command({"ls", what, "--dir", dir.path(), "--json"});
+    EXPECT_EQ(ended.status, 1) << what;
+    EXPECT_THAT(ended.out, AllOf(HasSubstr("\"key\":122,"), HasSubstr("\"key\":124,"))) << what;
+    EXPECT_THAT(ended.out, testing::Not(HasSubstr("\"key\":123,"))) << what;
+    EXPECT_THAT(ended.err, AllOf(HasSubstr("config.shoal: the record of key 123 is damaged\n"),
+                                 HasSubstr("what is damaged is not listed\n")));
+  }
 }
 
 // Whole by its checksum, and yet no record of its type.

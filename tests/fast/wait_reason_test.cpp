@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Why an entry waits: the engine says it for each key, and changes nothing by saying so.
+#include <ctime>
 #include <optional>
 
 #include "ostra/exception.h"
@@ -59,6 +60,26 @@ TEST_F(Reason, NamesTheNeighbourBeforeWithMorePriority) {
   put({.key = 2, .ti = 8, .prio = 10});
   EXPECT_EQ(why(2).kind, Kind::Priority);
   expectOther(why(2), 1, 20, 7);
+}
+
+// Since the engine first had to let this configuration wait, whatever it waits for since then.
+TEST_F(Reason, TellsSinceWhenAConfigurationWaits) {
+  put({.key = 1, .ti = 7, .prio = 20});
+  U64 const before = static_cast<U64>(std::time(nullptr));
+  put({.key = 2, .ti = 7, .prio = 30});
+  EXPECT_GE(why(2).since + 1, before);  // its clock ticks some milliseconds late
+  EXPECT_LE(why(2).since, static_cast<U64>(std::time(nullptr)));
+  constexpr U32 hour = 3600;
+  CState_s& c = record(2);
+  c.p = {c.p.opId, c.p.ti, c.p.type, waitClock(hour)};
+  put({.key = 3, .ti = 8, .prio = 25});
+  put({.key = 1, .ti = 6, .prio = 20});
+  EXPECT_EQ(why(2).kind, Kind::Priority);
+  EXPECT_LE(why(2).since, before - hour + 1);
+  put({.key = 2, .ti = 8, .prio = 30});
+  EXPECT_EQ(why(2).kind, Kind::Occupied);
+  EXPECT_EQ(why(2).ti, 8U);
+  EXPECT_GE(why(2).since + 1, before) << "another configuration";
 }
 
 // Priorities that count are the first that the engine saw.

@@ -18,6 +18,14 @@
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
+namespace {
+
+// The claim that a configuration makes. One that has waited goes on waiting since then.
+EntryPState_s claimOf(EntryPState_s const& before, OpId opId, U32 ti, PendingType type) {
+  return {opId, ti, type, before.opId == opId ? before.since : waitClock()};
+}
+
+}  // namespace
 
 bool FastVantrelImpl::isConflicting(EntryConfig const& entry) {
   dirtyIs(true);
@@ -99,6 +107,7 @@ CState_s const* FastVantrelImpl::priorityBlocker(CState_s const& c, U32 ti) cons
 
 void FastVantrelImpl::claimPriority(EntryConfig const& entry, CState_s& c, U32 ti, CState_s const& blocker) {
   FastState& s = *state();
+  EntryPState_s const claim = claimOf(c.p, entry.opId(), ti, PendingType::Priority);
   CState_s*& slot = *s.pending.insert(ti);
   if (slot) {
     if (slot->p.opId > entry.opId()) return s.clearPending(c.p, true);  // the newer claim stands
@@ -110,7 +119,7 @@ void FastVantrelImpl::claimPriority(EntryConfig const& entry, CState_s& c, U32 t
                  " prio:", blocker.prio, " at ti:", blocker.sti);
   slot = &c;
   s.clearPending(c.p, true);
-  c.p = {entry.opId(), ti, PendingType::Priority};
+  c.p = claim;
 }
 
 void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 ti) {
@@ -124,10 +133,12 @@ void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 t
     FAST_ASSERT_AS(c.key != cp->key, "c->key != cp->key");
     return s.clearPending(c.p, true);  // the newer claim stands
   }
+  EntryPState_s const claim = claimOf(c.p, entry.opId(), ti, PendingType::Occupied);
   if (cp == &c) {
     FAST_ASSERT_AS(c.p.ti == ti, "c->p.ti == *ti");
-    c.p.opId = entry.opId();
-    c.p.type = PendingType::Occupied;
+    c.p.opId = claim.opId;
+    c.p.type = claim.type;
+    c.p.since = claim.since;
   } else {
     slot = &c;
     s.clearPending(c.p, true);  // removes a slot and so may move this one: it is looked up again
@@ -135,7 +146,7 @@ void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 t
     CState_s** const found = s.pending.find(ti);
     FAST_ASSERT_AS(found, "PValue");
     *found = &c;
-    c.p = {entry.opId(), ti, PendingType::Occupied};
+    c.p = claim;
   }
   s.chains.claimMade(c);
 }

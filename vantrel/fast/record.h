@@ -7,6 +7,8 @@
 // Cost: 48 bytes a record.
 #pragma once
 
+#include <ctime>
+
 #include "vantrel/core/entry.h"
 
 namespace Vantrel {
@@ -21,14 +23,27 @@ enum class PendingType : U8 {
 
 // A claim: what a record waits for.
 struct EntryPState_s {
-  OpId opId;         // of the configuration that waits; zero when nothing waits
-  U32 ti;            // the table index it waits for, or noIndex
-  PendingType type;  // why it waits
+  EntryPState_s() = default;
+  EntryPState_s(OpId waiting, U32 index, PendingType why, U32 when = 0)
+      : opId(waiting), ti(index), type(why), since(when & 0xFFFFFFF) {}
+
+  OpId opId;             // of the configuration that waits; zero when nothing waits
+  U32 ti;                // the table index it waits for, or noIndex
+  PendingType type : 2;  // why it waits
   // OpenChains keeps these two, from the making of a claim to its end.
-  bool open = false;  // the claims were followed from here and did not come back; false: they may
-  bool lost = false;  // its retry began and did not end: the position may have nobody who will wake it
+  bool open : 1 = false;  // the claims were followed from here and did not come back; false: they may
+  bool lost : 1 = false;  // its retry began and did not end: the position may have nobody who will wake it
+  U32 since : 28;         // when this configuration's claim was made, seconds of waitClock()
 };
 using EntryPState_t = EntryPState_s;
+static_assert(sizeof(EntryPState_s) == 16);
+
+// Seconds since `since`, on a clock that a change of the time of day does not move; 28 bits, eight years.
+inline U32 waitClock(U32 since = 0) {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return (static_cast<U32>(now.tv_sec) - since) & 0xFFFFFFF;
+}
 
 // What the engine knows of one key. hdl, prio and pg are those of the first configuration seen.
 struct CState_s {

@@ -10,7 +10,8 @@ namespace {
 using Kind = WaitReason::Kind;
 
 WaitReason reason(Kind kind, CState_s const& c, OpId opId, U32 ti, CState_s const* other) {
-  WaitReason r{kind, opId, ti, c.sti, c.prio, c.pg, std::nullopt};
+  WaitReason r{kind, opId, ti, c.sti, c.prio, c.pg, 0, std::nullopt};
+  if (kind != Kind::NoClaim) r.since = static_cast<U64>(std::time(nullptr)) - waitClock(c.p.since);
   if (other) r.other = {other->key, other->prio, other->sti};
   return r;
 }

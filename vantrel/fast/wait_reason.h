@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// WaitReason: why an entry waits, as the engine knows it at the moment of asking. Since when is not known.
+// WaitReason: why an entry waits, as the engine knows it at the moment of asking.
 //
 //   position:    1        2        3
 //              [ 10 ]   [    ]   [ 20 ]     key 7, priority 30, wants 2: kind Priority, other is at 3 with 20
@@ -33,6 +33,7 @@ struct WaitReason {
   U32 programmedAt = 0xFFFFFFFF;  // where the entry is meanwhile; 0xFFFFFFFF: nowhere
   U32 prio = 0;                   // that the order is judged by: the first one seen
   U16 pg = 0;
+  U64 since = 0;  // when it began to wait, seconds since 1970; 0: not known, as with NoClaim
   // Absent when the obstacle is gone: the entry is queued, its retry failed, or, with NoClaim, it has to be
   // notified before it is tried.
   std::optional<Other> other;
