@@ -146,8 +146,10 @@ TEST_F(TableVerbs, ListingNamesDamageAndShowsTheRest) {
     EXPECT_EQ(ended.status, 1) << what;
     EXPECT_THAT(ended.out, AllOf(HasSubstr("\"key\":122,"), HasSubstr("\"key\":124,"))) << what;
     EXPECT_THAT(ended.out, testing::Not(HasSubstr("\"key\":123,"))) << what;
-    EXPECT_THAT(ended.err, AllOf(HasSubstr("config.shoal: the record of key 123 is damaged\n"),
-                                 HasSubstr("what is damaged is not listed\n")));
+    EXPECT_THAT(
+        ended.err,
+        AllOf(HasSubstr("config.shoal: the record of key 123 is damaged, its checksum does not agree\n"),
+              HasSubstr("what is damaged is not listed\n")));
   }
 }
 
