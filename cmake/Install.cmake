@@ -28,6 +28,7 @@ set(entry_headers
   producer/producer.h              # a producer
   producer/shared_tables.h
   producer/acknowledgements.h
+  hw/executor.h                    # hardware that is late, or fails
   hw/recorder.h                    # hardware clients for tests
   hw/simulated_tcam.h)
 
