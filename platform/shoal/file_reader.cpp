@@ -68,7 +68,7 @@ class VANTREL_LOCAL FileReader::State {
   State(std::string path, Shape const& shape, Sink& sink, Presence presence);
 
   Extent read(U64 key, U64* image);
-  Extent readMended(U64 key, U64* image);
+  Change changeOf(U64 key);
   std::optional<FilePlace> walk(U64 hint, bool told);
   U64 size() const { return view_ ? view_->size() : 0; }
   std::string const& path() const { return path_; }
@@ -90,6 +90,8 @@ class VANTREL_LOCAL FileReader::State {
   void openFile();
   bool openIfThere();
   bool mend();
+  auto mended(auto lookUp);
+  void noteFound(U64 key, bool present);
   bool isCurrent() const;
   void follow();
   void complain(std::string const& what);
@@ -200,22 +202,33 @@ bool FileReader::State::mend() {
 
 // ---- Reading
 
+inline auto FileReader::State::mended(auto lookUp) {
+  for (bool isMended = false;; isMended = true) {
+    try {
+      return lookUp();
+    } catch (Pallo::CorruptionDetectedException const&) {
+      if (isMended || !mend()) throw;
+    }
+  }
+}
+
+inline void FileReader::State::noteFound(U64 key, bool present) {
+  for (Telling* told = telling_; told; told = told->outer)
+    if (told->key == key) (present ? told->present : told->absent) = true;
+}
+
 inline Extent FileReader::State::read(U64 key, U64* image) {
   if (!view_) return {};
-  Extent const extent = readMended(key, image);
-  for (Telling* told = telling_; told; told = told->outer)
-    if (told->key == key) (extent.isEmpty() ? told->absent : told->present) = true;
+  Extent const extent = mended([=, this] { return view_->read(key, image); });
+  noteFound(key, !extent.isEmpty());
   return extent;
 }
 
-inline Extent FileReader::State::readMended(U64 key, U64* image) {
-  for (bool mended = false;; mended = true) {
-    try {
-      return view_->read(key, image);
-    } catch (Pallo::CorruptionDetectedException const&) {
-      if (mended || !mend()) throw;
-    }
-  }
+Change FileReader::State::changeOf(U64 key) {
+  if (!view_) return {};
+  Change const change = mended([=, this] { return view_->changeOf(key); });
+  noteFound(key, change != Change{});
+  return change;
 }
 
 std::optional<FilePlace> FileReader::State::walk(U64 hint, bool told) {
@@ -362,6 +375,7 @@ FileReader::~FileReader() = default;
 Extent FileReader::read(U64 key, std::byte* image) {
   return state_->read(key, reinterpret_cast<U64*>(image));
 }
+Change FileReader::changeOf(U64 key) { return state_->changeOf(key); }
 std::optional<FilePlace> FileReader::walk(U64 hint, bool told) { return state_->walk(hint, told); }
 U64 FileReader::size() const { return state_->size(); }
 std::string const& FileReader::path() const { return state_->path(); }

@@ -39,6 +39,11 @@ U64 numberSpace() {
   return stat("/proc/self/ns/pid", &status) == 0 ? status.st_ino & 0xFFFF'FFFFU : 0;
 }
 
+void fillRandomly(void* at, std::size_t bytes) {
+  if (getrandom(at, bytes, 0) != static_cast<ssize_t>(bytes))
+    throw Pallo::Exception("no random numbers to be had for a new table");
+}
+
 // An empty table: the header, and one chunk of index of which the first buckets are in use.
 void writeEmptyTable(std::byte* base, Header const& header, U64 changes) {
   auto const put = [&](U64 offset, U64 value) { std::memcpy(base + offset, &value, sizeof value); };
@@ -66,9 +71,12 @@ Header newHeader(Shape const& shape, U32 ringEntries) {
   header.slotBytes = static_cast<U32>(slotBytes(shape.imageBytes));
   header.ringEntries = std::clamp<U32>(std::bit_ceil(ringEntries), 16, 1U << 20);
   header.chunkStart = static_cast<U32>(chunkStart(header.ringEntries));
-  if (getrandom(header.hash, sizeof header.hash, 0) != sizeof header.hash ||
-      getrandom(&header.fileId, sizeof header.fileId, 0) != sizeof header.fileId)
-    throw Pallo::Exception("no random numbers to be had for a new table");
+  fillRandomly(&header.tableId, sizeof header.tableId);
+  return renewed(header);
+}
+
+Header renewed(Header header) {
+  fillRandomly(header.hash, sizeof header.hash);
   header.madeAt = static_cast<U64>(time(nullptr));
   header.checksum = XXH3_64bits(&header, offsetof(Header, checksum));
   return header;

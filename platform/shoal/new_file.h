@@ -17,6 +17,8 @@
 namespace Shoal {
 
 Format::Header newHeader(Shape const& shape, U32 ringEntries);
+// The same table's in another file.
+Format::Header renewed(Format::Header header);
 
 // Takes the writer's lock of an open file, or throws WriterLockedException. Changes nothing in it.
 void lockForWriting(std::string const& path, int file);

@@ -82,6 +82,7 @@ class ReaderTable : public Table<R>, private FileReader::Sink {
     read(key, record);
     return record;
   }
+  Change changeOf(Key const& key) const override { return file_.changeOf(key.value()); }
   std::optional<Place> first() const override { return walk(0); }
   std::optional<Place> next(Place const& place) const override { return walk(place.hint); }
   U64 size() const override { return file_.size(); }

@@ -36,6 +36,14 @@ struct Extent {
   bool isEmpty() const { return (head | tail) == 0; }
 };
 
+// Which write a record is of: another one after each write of the key, whether it is removed in between, the
+// table is made anew from its records, or another table takes its place.
+struct Change {
+  U64 table = 0;   // names the table
+  U64 number = 0;  // of the table's changes; 0: the key is absent
+  bool operator==(Change const&) const = default;
+};
+
 // A present key, and the position after it.
 struct FilePlace {
   U64 key;
@@ -77,6 +85,7 @@ class VANTREL_API FileWriter {
 
   // As FileReader's.
   Extent read(U64 key, std::byte* image) const;
+  Change changeOf(U64 key) const;
   std::optional<FilePlace> walk(U64 hint) const;
   U64 size() const;
   // Changes that the table has ever seen, from all its writers, in the files it replaced too.
@@ -111,6 +120,8 @@ class VANTREL_API FileReader {
 
   // Reads a record's image; returns what of it is in use, nothing when the key is absent.
   Extent read(U64 key, std::byte* image);
+  // Which write the key's record is of.
+  Change changeOf(U64 key);
   // The first present key at or after a position; position 0 begins a walk. Damage of the index is thrown
   // where the walk ends, so that it costs no intact record its visit. `told`: those who watch know of the key
   // now.

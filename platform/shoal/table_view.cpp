@@ -184,11 +184,11 @@ Word* TableView::overflowLine(U64 unit) {
 
 // ---- Look-up
 
-Extent TableView::readAgain(U64 key, U64* image) {
+U64 TableView::findAgain(U64 key, U64* image) {
   int damagedAttempts = 0;
   for (int attempt = 0; attempt < maxAttempts; ++attempt) {
     Found const found = look(key, image);
-    if (found.look <= Look::absent) return found.extent;
+    if (found.look <= Look::absent) return found.state;
     if (found.look != Look::overtaken && ++damagedAttempts == maxDamagedAttempts)
       throwDamage(key, found.look);
   }
@@ -216,11 +216,11 @@ TableView::Found TableView::look(U64 key, U64* image) {
     auto const next = linkUnit(acquire(at[linkInLine]), bucket, depth);
     if (next && *next == 0) {
       std::atomic_thread_fence(std::memory_order_acquire);
-      return {bucketOf(hashed, buckets()) == bucket ? result : Look::overtaken, {}};
+      return {bucketOf(hashed, buckets()) == bucket ? result : Look::overtaken, 0};
     }
     at = next ? overflowLine(*next) : nullptr;
   }
-  return {Look::damagedIndex, {}};
+  return {Look::damagedIndex, 0};
 }
 
 TableView::Found TableView::lookInLine(Word const* line, U64 key, U64 hash, U64* image) {
@@ -230,14 +230,19 @@ TableView::Found TableView::lookInLine(Word const* line, U64 key, U64 hash, U64*
     if (found.look == Look::record || found.look == Look::overtaken) return found;
     result = std::max(result, found.look);
   }
-  return {isIntact(line) ? result : Look::damagedIndex, {}};  // an entry that is damaged may be the key's
+  return {isIntact(line) ? result : Look::damagedIndex, 0};  // an entry that is damaged may be the key's
+}
+
+Change TableView::changeOf(U64 key) {
+  std::array<U64, 128> usual;
+  std::vector<U64> larger(imageWords() > usual.size() ? imageWords() : 0);
+  U64 const state = find(key, larger.empty() ? usual.data() : larger.data());
+  return state == 0 ? Change{} : Change{header_.tableId, generation(state) / 2};
 }
 
 bool TableView::contains(U64 key) {
-  std::array<U64, 128> usual;
-  std::vector<U64> larger(imageWords() > usual.size() ? imageWords() : 0);
   try {
-    return !read(key, larger.empty() ? usual.data() : larger.data()).isEmpty();
+    return changeOf(key) != Change{};
   } catch (Pallo::CorruptionDetectedException const&) {
     return true;
   }

@@ -161,10 +161,7 @@ void TableWriter::open(Pallo::Descriptor file) {
 // Writes what the slots of a file hold into a new one, and puts that in its place. Owner and mode stay.
 Pallo::Descriptor TableWriter::remake(std::string const& path, Mapping const& old, Header const& header,
                                       Salvaged const& found) {
-  NewFile fresh(path,
-                newHeader({typeName(header), header.recordVersion, header.imageBytes, header.tailAt},
-                          header.ringEntries),
-                std::max(found.newest, changesOf(old)));
+  NewFile fresh(path, renewed(header), std::max(found.newest, changesOf(old)));
   struct stat status {};
   fstat(old.fd(), &status);
   if (fchown(fresh.fd(), status.st_uid, status.st_gid) != 0 || fchmod(fresh.fd(), status.st_mode & 0777) != 0)
@@ -172,15 +169,9 @@ Pallo::Descriptor TableWriter::remake(std::string const& path, Mapping const& ol
                         fmt::format("{}: the index is damaged, and only user {} can make the table anew",
                                     path, status.st_uid));
   TableWriter into(path, Pallo::Descriptor(dup(fresh.fd())));
-  std::vector<U64> image(header.imageBytes / 8);
-  for (Salvaged::Record const& record : found.records) {
-    Extent extent;
-    auto const* const slot = reinterpret_cast<Word const*>(old.base() + record.unit * unitBytes);
-    if (Slot::copy(slot, into.view_->room(), image.data(), extent) == Slot::Copy::whole)
-      into.put(record.key, image.data(), extent);
-  }
-  for (Salvaged::Damaged const& record : found.damaged)
-    into.adopt(record.key, reinterpret_cast<Word const*>(old.base() + record.unit * unitBytes));
+  for (auto const* const slots : {&found.records, &found.damaged})
+    for (Salvaged::Slot const& slot : *slots)
+      into.adopt(slot.key, reinterpret_cast<Word const*>(old.base() + slot.unit * unitBytes));
   return fresh.publish(true);
 }
 
@@ -211,14 +202,15 @@ bool TableWriter::isNamed(U64 key, U64 unit) {
   }
 }
 
-// A damaged slot as it is, unless there is an intact one.
-void TableWriter::adopt(U64 key, Word const* damaged) {
+// A slot of another file as it is, so that its record stays of the change that wrote it; a damaged one unless
+// there is an intact one.
+void TableWriter::adopt(U64 key, Word const* found) {
   Spot const spot = locate(key, view_->hash(key));
   if (spot.word) return;
   reserveSlot();
   if (!spot.hole) reserveLines(1);
   U64 const unit = takeSlot();
-  for (U64 i = 0; i < view_->header().slotBytes / 8; ++i) store(view_->slot(unit)[i], relaxed(damaged[i]));
+  for (U64 i = 0; i < view_->header().slotBytes / 8; ++i) store(view_->slot(unit)[i], relaxed(found[i]));
   beginChange(key);
   publish(spot, entry(unit, view_->hash(key)));
   endChange();
@@ -687,8 +679,8 @@ std::optional<U64> TableWriter::adoptFree(Survey const& survey) {
 // replaced.
 void TableWriter::refuseLostRecord(Word const* slot) const {
   std::vector<U64> image(view_->imageWords());
-  Extent extent;
-  if (Slot::copy(slot, view_->room(), image.data(), extent) != Slot::Copy::whole) return;
+  U64 state;
+  if (Slot::copy(slot, view_->room(), image.data(), state) != Slot::Copy::whole) return;
   if (view_->changedKey(head_) != image[0])
     throw Pallo::CorruptionDetectedException(
         view_->damage(fmt::format("the index is damaged: the entry of key {} is missing", image[0])));
@@ -737,6 +729,7 @@ std::vector<U64> FileWriter::removeAll() { return state_->removeAll(); }
 Extent FileWriter::read(U64 key, std::byte* image) const {
   return state_->view().read(key, reinterpret_cast<U64*>(image));
 }
+Change FileWriter::changeOf(U64 key) const { return state_->view().changeOf(key); }
 std::optional<FilePlace> FileWriter::walk(U64 hint) const { return state_->walk(hint); }
 U64 FileWriter::size() const { return state_->view().size(); }
 U64 FileWriter::changes() const { return state_->view().head(); }

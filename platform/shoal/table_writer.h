@@ -68,7 +68,7 @@ class TableWriter {
   void open(Pallo::Descriptor file);
   void heal();
   bool isNamed(U64 key, U64 unit);
-  void adopt(U64 key, Word const* damaged);
+  void adopt(U64 key, Word const* found);
   static Pallo::Descriptor remake(std::string const& path, Mapping const& old, Format::Header const& header,
                                   Salvaged const& found);
 

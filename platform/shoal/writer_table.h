@@ -37,6 +37,7 @@ class WriterTable : public Table<R> {
     Traits::accept(record, extent);
     return record;
   }
+  Change changeOf(Key const& key) const override { return file_.changeOf(key.value()); }
   std::optional<Place> first() const override { return placeOf(file_.walk(0)); }
   std::optional<Place> next(Place const& place) const override { return placeOf(file_.walk(place.hint)); }
   U64 size() const override { return file_.size(); }
