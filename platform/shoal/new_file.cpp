@@ -102,6 +102,12 @@ void nameHolder(std::string const& path, int file) {
   if (pwrite(file, &holder, sizeof holder, writerAt) != sizeof holder) failToMake(path, std::strerror(errno));
 }
 
+bool giveAccess(int file, mode_t mode, gid_t group) {
+  struct stat now {};
+  bool const given = (fstat(file, &now) == 0 && now.st_gid == group) || fchown(file, -1U, group) == 0;
+  return fchmod(file, given ? mode : mode & ~mode_t{0070}) == 0;
+}
+
 void allocate(int file, std::string const& path, U64 offset, U64 bytes) {
   struct stat before {};
   fstat(file, &before);
@@ -151,6 +157,12 @@ void NewFile::open() {
     if (lstat(fresh_.c_str(), &there) == 0 && here.st_ino == there.st_ino && here.st_dev == there.st_dev)
       break;
   }
+}
+
+void NewFile::keepAccessOf(int old) {
+  struct stat status {};
+  if (fstat(old, &status) != 0 || !giveAccess(fd(), status.st_mode & 0777, status.st_gid))
+    failToMake(path_, std::strerror(errno));
 }
 
 NewFile::~NewFile() {

@@ -8,6 +8,8 @@
 // Errors: FileException, WriterLockedException, NoSpaceException.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "pallo/descriptor.h"
@@ -25,6 +27,10 @@ void lockForWriting(std::string const& path, int file);
 // Writes this process's number into a table file that it locked, for the message to others.
 void nameHolder(std::string const& path, int file);
 
+// Gives a file a group and a mode; where it cannot be given to the group, the mode without the group's part.
+// False: it has another mode now, and errno says why.
+bool giveAccess(int file, mode_t mode, gid_t group);
+
 // Space is taken before it is written: a full file system answers here, not with a signal at some store.
 // Throws NoSpaceException, and the file has the length it had.
 void allocate(int file, std::string const& path, U64 offset, U64 bytes);
@@ -38,6 +44,8 @@ class NewFile {
   NewFile& operator=(NewFile const&) = delete;
 
   int fd() const { return file_.get(); }
+  // Lets those in who may use `old`, which it is to replace.
+  void keepAccessOf(int old);
   // Moves it to its place. Returns the open file; nothing when `replace` is false and a table is there by
   // now.
   Pallo::Descriptor publish(bool replace);

@@ -17,6 +17,7 @@
 
 #include "pallo/file_lock.h"
 #include "shoal/error.h"
+#include "shoal/new_file.h"
 
 namespace Shoal {
 namespace {
@@ -155,12 +156,9 @@ void Sidecar::refuseAnothersFiles() const {
   }
 }
 
-// Lets the group in that may read the table, whatever this process's own is; where the file cannot be given
-// to it, no group.
+// Lets the group in that may read the table, whatever this process's own is.
 void Sidecar::admit(int file, mode_t mode, gid_t group) const {
-  bool const given = statusOf(file).st_gid == group || ::fchown(file, -1U, group) == 0;
-  if (::fchmod(file, given ? mode : mode & ~mode_t{0070}) != 0)
-    failErrno(path_, "cannot be opened to readers");
+  if (!giveAccess(file, mode, group)) failErrno(path_, "cannot be opened to readers");
 }
 
 Pallo::Descriptor Sidecar::openPage(int more) const {

@@ -51,7 +51,9 @@ struct FilePlace {
 };
 
 struct WriterOptions {
-  bool replace = false;  // begin with an empty table in a new file, whatever table is there
+  // Begin with an empty table in a new file, whatever table is there; its mode stays, and its group where this
+  // user may give files to it.
+  bool replace = false;
   // Changes a reader may lag behind before it is told to walk; of a new file; a power of two.
   U32 ringEntries = 16384;
 };

@@ -130,6 +130,7 @@ TableWriter::TableWriter(std::string const& path, Shape const& shape, WriterOpti
     } else {
       U64 const changes = old ? changesOf(Mapping(path, Pallo::Descriptor(dup(old.get())), Access::read)) : 0;
       NewFile fresh(path, newHeader(shape, options.ringEntries), changes);
+      if (old) fresh.keepAccessOf(old.get());
       Sidecar::make(path, fresh.fd());
       file = fresh.publish(static_cast<bool>(old));
     }
