@@ -9,14 +9,11 @@
 // changed. It knows the keys that were told and those that a walk met.
 //
 // It never decides what a change means, and it waits for nobody.
-#include <algorithm>
-#include <array>
 #include <atomic>
-#include <boost/unordered/unordered_flat_set.hpp>
-#include <iterator>
 #include <utility>
 #include <vector>
 
+#include "ostra/piecewise_map.h"
 #include "ostra/time_slice.h"
 #include "pallo/exception.h"
 #include "shoal/error.h"
@@ -33,21 +30,8 @@ constexpr double usualSlice = 0.002;  // seconds
 constexpr U64 lineAhead = 8;
 constexpr U64 recordAhead = 4;
 
-// In many small sets, so that one which grows moves few keys.
-class KnownKeys {
- public:
-  void insert(U64 key) { setOf(key).insert(key); }
-  void erase(U64 key) { setOf(key).erase(key); }
-  std::vector<U64> those(auto const& wanted) const {
-    std::vector<U64> found;
-    for (Set const& set : sets_) std::ranges::copy_if(set, std::back_inserter(found), wanted);
-    return found;
-  }
-
- private:
-  using Set = boost::unordered_flat_set<U64>;
-  Set& setOf(U64 key) { return sets_[Format::mix(key) >> 56]; }
-  std::array<Set, 256> sets_;
+struct KeyHash {
+  std::size_t operator()(U64 key) const { return Format::mix(key); }
 };
 
 }  // namespace
@@ -114,7 +98,7 @@ class VANTREL_LOCAL FileReader::State {
   std::shared_ptr<Mapping> mapping_;
   std::unique_ptr<TableView> view_;  // null while there is no table
   std::optional<Watch> watch_;
-  KnownKeys known_;
+  Ostra::PiecewiseMap<U64, bool, KeyHash> known_;  // what counts is which keys are there
   Telling* telling_ = nullptr;
   U64 position_ = 0;  // the next change to tell
   double slice_ = usualSlice;
@@ -233,7 +217,7 @@ Change FileReader::State::changeOf(U64 key) {
 
 std::optional<FilePlace> FileReader::State::walk(U64 hint, bool told) {
   auto const place = view_ ? view_->walk(hint) : std::nullopt;
-  if (place && told) known_.insert(place->key);
+  if (place && told) known_.try_emplace(place->key);
   return place;
 }
 
@@ -340,7 +324,10 @@ void FileReader::State::fellBehind(U64 head) {
 }
 
 void FileReader::State::tellWhole() {
-  for (U64 const key : known_.those([this](U64 key) { return !view_->contains(key); })) tell(key);
+  std::vector<U64> gone;
+  for (auto const& [key, known] : known_)
+    if (!view_->contains(key)) gone.push_back(key);
+  for (U64 const key : gone) tell(key);
   sink_.anythingChanged();
   wholeOwed_ = false;
 }
@@ -362,7 +349,7 @@ void FileReader::State::tell(U64 key) {
 void FileReader::State::learn(Telling const& told) {
   telling_ = told.outer;
   if (told.present || (!told.absent && view_->contains(told.key)))
-    known_.insert(told.key);
+    known_.try_emplace(told.key);
   else
     known_.erase(told.key);
 }

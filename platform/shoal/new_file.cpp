@@ -18,7 +18,6 @@
 
 #include "pallo/file_lock.h"
 #include "shoal/error.h"
-#include "shoal/mapping.h"
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -149,13 +148,11 @@ void NewFile::open() {
         ::open(fresh_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0660));
     if (!file_) failToMake(path_, std::strerror(errno));
     struct stat here {};
-    struct stat there {};
     fstat(fd(), &here);
     if (!S_ISREG(here.st_mode) || here.st_uid != geteuid() || here.st_nlink > 1)
       failToMake(path_, fmt::format("{} is in the way, which another made", fresh_));
     lockForWriting(path_, fd());
-    if (lstat(fresh_.c_str(), &there) == 0 && here.st_ino == there.st_ino && here.st_dev == there.st_dev)
-      break;
+    if (Pallo::hasName(fd(), fresh_)) return;
   }
 }
 
@@ -169,11 +166,12 @@ NewFile::~NewFile() {
   if (file_) ::unlink(fresh_.c_str());
 }
 
-Pallo::Descriptor NewFile::publish(bool replace) {
+std::shared_ptr<Mapping> NewFile::publish(bool replace) {
   unsigned const how = replace ? 0U : RENAME_NOREPLACE;
-  if (::renameat2(AT_FDCWD, fresh_.c_str(), AT_FDCWD, path_.c_str(), how) == 0) return std::move(file_);
+  if (::renameat2(AT_FDCWD, fresh_.c_str(), AT_FDCWD, path_.c_str(), how) == 0)
+    return std::make_shared<Mapping>(path_, std::move(file_), Access::write);
   if (errno != EEXIST) failToMake(path_, std::strerror(errno));
-  return {};
+  return nullptr;
 }
 
 }  // namespace Shoal

@@ -10,10 +10,12 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 
 #include "pallo/descriptor.h"
 #include "shoal/format.h"
+#include "shoal/mapping.h"
 #include "shoal/table_file.h"
 
 namespace Shoal {
@@ -46,9 +48,9 @@ class NewFile {
   int fd() const { return file_.get(); }
   // Lets those in who may use `old`, which it is to replace.
   void keepAccessOf(int old);
-  // Moves it to its place. Returns the open file; nothing when `replace` is false and a table is there by
-  // now.
-  Pallo::Descriptor publish(bool replace);
+  // Moves it to its place. Returns it, mapped for writing; null when `replace` is false and a table is there
+  // by now.
+  std::shared_ptr<Mapping> publish(bool replace);
 
  private:
   void open();

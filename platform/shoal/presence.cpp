@@ -35,10 +35,6 @@ struct stat statusOf(int fd) {
   return status;
 }
 
-bool isSame(struct stat const& one, struct stat const& other) {
-  return one.st_ino == other.st_ino && one.st_dev == other.st_dev;
-}
-
 bool isForWantOfMeans(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
 
 }  // namespace
@@ -188,17 +184,6 @@ Pallo::Descriptor Sidecar::openFifo(unsigned slot, int mode) const {
   if (S_ISFIFO(status.st_mode) && status.st_uid == statusOf(directory_.get()).st_uid) return file;
   errno = 0;
   return {};
-}
-
-bool Sidecar::isCurrent() const {
-  struct stat there {};
-  return lstat(path_.c_str(), &there) == 0 && isSame(there, statusOf(directory_.get()));
-}
-
-bool Sidecar::isCurrent(std::string const& name, int file) const {
-  struct stat there {};
-  return fstatat(directory_.get(), name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 &&
-         isSame(there, statusOf(file));
 }
 
 // ---- The page of flags

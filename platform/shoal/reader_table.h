@@ -105,9 +105,7 @@ class ReaderTable : public Table<R>, private FileReader::Sink {
       record = Traits::empty();
   }
   std::optional<Place> walk(U64 hint) const {
-    auto const place = file_.walk(hint, !this->notifieeList().empty());
-    if (!place) return std::nullopt;
-    return Place{Key(place->key), place->hint};
+    return this->placeOf(file_.walk(hint, !this->notifieeList().empty()));
   }
   void changed(U64 key) override { this->notifyEntry(Key(key)); }
   void anythingChanged() override { this->notifyEntryColl(); }

@@ -138,6 +138,10 @@ class Table : public TableBase {
   virtual void entryDel(Key const& key) = 0;
 
  protected:
+  static std::optional<Place> placeOf(std::optional<FilePlace> const& place) {
+    if (!place) return std::nullopt;
+    return Place{Key(place->key), place->hint};
+  }
   void notifyEntry(Key const& key) const { notifieeList().notify(&Notifiee::onEntry, key); }
   void notifyEntryColl() const { notifieeList().notify(&Notifiee::onEntryColl); }
 };

@@ -51,8 +51,8 @@ struct FilePlace {
 };
 
 struct WriterOptions {
-  // Begin with an empty table in a new file, whatever table is there; its mode stays, and its group where this
-  // user may give files to it.
+  // Begin with an empty table in a new file, whatever table is there. Its mode stays, and its group where
+  // this user may give files to that.
   bool replace = false;
   // Changes a reader may lag behind before it is told to walk; of a new file; a power of two.
   U32 ringEntries = 16384;
@@ -69,6 +69,8 @@ struct WriterCounters {
   U64 repaired = 0;  // entries, lines and announcements put right at opening
   U64 rebuilds = 0;  // of the index, which was damaged
 };
+
+class TableWriter;
 
 class VANTREL_API FileWriter {
  public:
@@ -95,8 +97,7 @@ class VANTREL_API FileWriter {
   WriterCounters counters() const;
 
  private:
-  class State;
-  std::unique_ptr<State> state_;
+  std::unique_ptr<TableWriter> writer_;
 };
 
 class VANTREL_API FileReader {

@@ -122,13 +122,6 @@ TableView::TableView(std::shared_ptr<Mapping const> mapping)
         fmt::format("{}: {} bytes do not fit into this process's address space", path, limit_));
 }
 
-bool TableView::isWrittenOver() const {
-  auto const asOpened = std::bit_cast<std::array<U64, sizeof(Header) / 8>>(header_);
-  for (std::size_t i = 0; i < asOpened.size(); ++i)
-    if (acquire(*word(i * 8)) != asOpened[i]) return true;
-  return false;
-}
-
 std::string TableView::damage(std::string_view what) const {
   U64 const bytes = mapping_->fileBytes();
   if (mapping_->cutShort() && bytes < limit_)
@@ -251,10 +244,10 @@ bool TableView::contains(U64 key) {
 // ---- The ring of changes
 
 std::optional<U64> TableView::changedKey(U64 sequence) const {
-  U64 const at = ringAt + (sequence & (header_.ringEntries - 1)) * 16;
-  U64 const before = acquire(*word(at));
-  U64 const key = acquire(*word(at + 8));
-  if (before != stamp(sequence, key) || acquire(*word(at)) != before) return std::nullopt;
+  Word const* const change = this->change(sequence);
+  U64 const before = acquire(change[0]);
+  U64 const key = acquire(change[1]);
+  if (before != stamp(sequence, key) || acquire(change[0]) != before) return std::nullopt;
   return key;
 }
 
@@ -265,13 +258,11 @@ static void prefetchSlot(std::byte const* slot, U64 bytes) {
 }
 
 void TableView::prefetchLine(U64 sequence) const {
-  U64 const at = ringAt + (sequence & (header_.ringEntries - 1)) * 16;
-  __builtin_prefetch(firstLine(hash(relaxed(*word(at + 8)))));
+  __builtin_prefetch(firstLine(hash(relaxed(change(sequence)[1]))));
 }
 
 void TableView::prefetchRecord(U64 sequence) const {
-  U64 const at = ringAt + (sequence & (header_.ringEntries - 1)) * 16;
-  if (Word const* const found = firstTagged(hash(relaxed(*word(at + 8)))))
+  if (Word const* const found = firstTagged(hash(relaxed(change(sequence)[1]))))
     prefetchSlot(base_ + entryUnit(relaxed(*found)) * unitBytes, header_.slotBytes);
 }
 

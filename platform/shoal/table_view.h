@@ -14,6 +14,7 @@
 #include <array>
 #include <atomic>
 #include <bit>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -47,7 +48,7 @@ class TableView {
   Format::Header const& header() const { return header_; }
   Mapping const& mapping() const { return *mapping_; }
   // What is mapped begins otherwise than when it was opened: something else was written over it.
-  bool isWrittenOver() const;
+  bool isWrittenOver() const { return std::memcmp(base_, &header_, sizeof header_) != 0; }
 
   // Reads a record's image into `image`, which has room for a whole one; returns what of it is in use,
   // nothing when the key is absent.
@@ -80,6 +81,10 @@ class TableView {
   U64 chunkOffset(U64 chunk) const { return header_.chunkStart + chunk * Format::chunkBytes; }
   Word* word(U64 offset) const { return reinterpret_cast<Word*>(base_ + offset); }
   Word* slot(U64 unit) const { return word(unit * Format::unitBytes); }
+  // The ring's entry of a change: its stamp, and the key behind it.
+  Word* change(U64 sequence) const {
+    return word(Format::ringAt + (sequence & (header_.ringEntries - 1)) * 16);
+  }
   // Null when the directory or the place is damaged.
   Word* line(U64 bucket);
   Word* overflowLine(U64 unit);
@@ -115,7 +120,6 @@ class TableView {
   Word const* firstTagged(U64 hashed) const;
   void prefetchSlots(Word const* line) const;
 
-  bool keyAt(U64 entry, U64& key);
   std::optional<FilePlace> visit(Word const& word, Position const& position);
   Word* nextLine(Word* line, Position const& position);
   Word* lineAt(U64 bucket, U64 depth);
