@@ -6,7 +6,7 @@
 //
 // One that reads no slower than the ring goes round is told key by key. One that fell behind, or whose file
 // became another, is told of each key that it knew and that vanished, and then that anything may have
-// changed. It knows the keys that were told and those that a walk met.
+// changed. It knows the keys that were told, those that a walk met, and those that a look-up found.
 //
 // It never decides what a change means, and it waits for nobody.
 #include <atomic>
@@ -196,9 +196,16 @@ inline auto FileReader::State::mended(auto lookUp) {
   }
 }
 
+// Who looks a key up that nobody is told of just now may find it before it is told of its coming, and must be
+// told of its removal even when both are missed.
 inline void FileReader::State::noteFound(U64 key, bool present) {
-  for (Telling* told = telling_; told; told = told->outer)
-    if (told->key == key) (present ? told->present : told->absent) = true;
+  bool isTold = false;
+  for (Telling* told = telling_; told; told = told->outer) {
+    if (told->key != key) continue;
+    (present ? told->present : told->absent) = true;
+    isTold = true;
+  }
+  if (present && watch_ && !isTold) known_.try_emplace(key);
 }
 
 inline Extent FileReader::State::read(U64 key, U64* image) {
