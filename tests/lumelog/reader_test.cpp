@@ -20,13 +20,7 @@
 namespace Lumelog {
 namespace {
 
-using Test::LogPtr;
-using Test::make;
-using Test::messages;
-using Test::readFile;
-using Test::small;
-using Test::TempDir;
-using Test::writeFile;
+using namespace Test;
 
 void recordNumber(Log* log, U64 i) {
   switch (i % 3) {

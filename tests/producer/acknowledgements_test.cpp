@@ -2,7 +2,6 @@
 #include "producer/acknowledgements.h"
 
 #include <poll.h>
-#include <stdlib.h>
 
 #include <filesystem>
 
@@ -10,6 +9,7 @@
 #include "shoal/reader_table.h"
 #include "shoal/writer_table.h"
 #include "tests/producer/fixture.h"
+#include "tests/support/temp_dir.h"
 
 namespace Vantrel {
 namespace {
@@ -125,18 +125,14 @@ class StatusFileTest : public testing::Test {
   using Reader = Shoal::ReaderTable<EntryStatus>;
 
   StatusFileTest() {
-    std::string name = "/dev/shm/acknowledgements-XXXXXX";
-    if (!mkdtemp(name.data())) throw std::runtime_error("mkdtemp failed");
-    dir = name;
     startAgent(true);
     say(1, OpId::deleteAcknowledge());
     reader = Ostra::make<Reader>(path());
     waiting = std::make_unique<Acknowledgements>(reader);
     settle();
   }
-  ~StatusFileTest() override { std::filesystem::remove_all(dir); }
 
-  std::string path() const { return dir + "/status.shoal"; }
+  std::string path() const { return dir / "status.shoal"; }
   void startAgent(bool replace) {
     agent = nullptr;
     agent = Ostra::make<Writer>(path(), Shoal::WriterOptions{.replace = replace, .ringEntries = 16});
@@ -150,7 +146,7 @@ class StatusFileTest : public testing::Test {
     return waiting->done();
   }
 
-  std::string dir;
+  TestSupport::TempDir const dir;
   Ostra::Ptr<Writer> agent;
   Ostra::Ptr<Reader> reader;
   std::unique_ptr<Acknowledgements> waiting;
