@@ -127,7 +127,7 @@ TEST(Name, HasTheProcessNumberWhereItIsAsked) {
   EXPECT_EQ(log->path(), dir / fmt::format("x-{}.lg", getpid()));
 }
 
-TEST(Name, LiesInTheDirectoryThatWasGivenUnlessTheEnvironmentSaysOtherwise) {
+TEST(Name, LiesInTheDirectoryOfProgramOrEnvironment) {
   TempDir given, environment;
   directoryIs(given.path());
   LogPtr first = make("a.lg");
@@ -444,7 +444,7 @@ TEST(Fork, TheChildDoesNotWriteIntoItsParentsFile) {
   EXPECT_EQ(log->sites(), 1U);
 }
 
-TEST(Fork, AChildThatOutlivesItsParentDoesNotKeepTheFileLive) {
+TEST(Fork, AChildDoesNotKeepItsParentsFileLive) {
   TempDir dir;
   int toChild[2];
   ASSERT_EQ(pipe(toChild), 0);

@@ -140,7 +140,7 @@ TEST_F(MountTest, AHandlerMayMount) {
   EXPECT_EQ(50, other->level());
 }
 
-TEST_F(MountTest, ADeadAgentIsReportedAndItsSuccessorComparedWithWhatIsHere) {
+TEST_F(MountTest, ReportsADeadAgentAndComparesItsSuccessor) {
   sample_->hashedIs(1, 10);
   sample_->hashedIs(2, 20);
   sample_->levelIs(4);
@@ -167,7 +167,7 @@ TEST_F(MountTest, ADeadAgentIsReportedAndItsSuccessorComparedWithWhatIsHere) {
 }
 
 // It was dropped in the middle of a long answer, comes back by itself, and holds what is there then.
-TEST_F(MountTest, WhoWasDroppedForNotReadingComesBackToAFreshSnapshot) {
+TEST_F(MountTest, AMountDroppedForNotReadingStartsAfresh) {
   restart({.stallSeconds = 0.1});
   for (U64 k = 0; k < 50000; ++k) sample_->hashedIs(k, k);
   sample_->levelIs(1);
@@ -298,7 +298,7 @@ TEST_F(MountThrowTest, AWatcherThatThrowsLosesNothing) {
 }
 
 // What the mounter takes for the agent's mistakes when it comes from the agent.
-TEST_F(MountThrowTest, WhateverItThrows) {
+TEST_F(MountThrowTest, AWatcherMayThrowAnything) {
   Ostra::Mounter mounter(path_);
   auto const mounted = mounter.mount<Sample>();
   Diary diary;

@@ -150,7 +150,7 @@ TEST_F(NotifierTest, AWatcherThatLeavesAndComesBackMeanwhileIsNew) {
   EXPECT_THAT(take(), ElementsAre("a: level 2", "b: level 2"));
 }
 
-TEST_F(NotifierTest, AWatcherThatRepointsItselfToTheSameIsToldOnceAChange) {
+TEST_F(NotifierTest, AWatcherRepointedToTheSameIsToldOnce) {
   auto const a = watcher("a", sample_);
   a->then = [&] { a->notifierIs(Ostra::Ptr<Sample const>(sample_)); };
   sample_->levelIs(1);
@@ -183,7 +183,7 @@ TEST_F(NotifierTest, ANestedChangeIsToldToAllBeforeTheOuterGoesOn) {
                                   "b: level 3"));
 }
 
-TEST_F(NotifierTest, AWatcherThatJoinsInANestedRoundIsNotToldByAnyOuterOne) {
+TEST_F(NotifierTest, OuterRoundsLeaveOutWhoJoinedInANestedOne) {
   auto const a = watcher("a", sample_);
   std::unique_ptr<Diary> late;
   a->then = [&] {
@@ -194,7 +194,7 @@ TEST_F(NotifierTest, AWatcherThatJoinsInANestedRoundIsNotToldByAnyOuterOne) {
   EXPECT_THAT(take(), ElementsAre("a: level 1", "a: level 2"));
 }
 
-TEST_F(NotifierTest, AWatcherDestroyedInANestedRoundIsLeftOutOfEveryOuterOne) {
+TEST_F(NotifierTest, OuterRoundsLeaveOutWhoDiedInANestedOne) {
   auto a = watcher("a", sample_), b = watcher("b", sample_), c = watcher("c", sample_);
   a->then = [&] {
     if (sample_->level() == 1)
@@ -206,7 +206,7 @@ TEST_F(NotifierTest, AWatcherDestroyedInANestedRoundIsLeftOutOfEveryOuterOne) {
   EXPECT_THAT(take(), ElementsAre("a: level 1", "a: level 2", "c: level 2", "c: level 2"));
 }
 
-TEST_F(NotifierTest, AnObjectWhoseLastReferenceGoesLivesUntilTheChangeIsTold) {
+TEST_F(NotifierTest, AnObjectLivesUntilItsChangeIsTold) {
   bool destroyed = false;
   sample_->destroyed = &destroyed;
   auto const a = watcher("a", sample_), b = watcher("b", sample_);

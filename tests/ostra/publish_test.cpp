@@ -383,7 +383,7 @@ TEST_F(PublishTest, GarbageNeverDoesHarm) {
   EXPECT_THAT(ask(peer, R"({"verb":"list"})"), HasSubstr("entities"));
 }
 
-TEST_F(PublishTest, ADeafPeerCostsABoundedAmountAndLaterGetsTheNewestValues) {
+TEST_F(PublishTest, ADeafPeerCostsLittleAndGetsNewestValues) {
   RawPeer peer(path_);
   ask(peer, R"({"verb":"mount","entity":"sample"})");
   Picture picture;
@@ -454,7 +454,7 @@ class SlowReader {
   RawPeer peer_;
 };
 
-TEST_F(PublishTest, WhereMembersChangeFasterThanTheyAreReadScalarsAndEveryMemberAreToldAllTheSame) {
+TEST_F(PublishTest, TellsAllOfWhatChangesFasterThanItIsRead) {
   constexpr U64 members = 40000;
   for (U64 k = 0; k < members; ++k) sample_->hashedIs(k, 0);
   SlowReader slow(path_);
@@ -480,7 +480,7 @@ TEST_F(PublishTest, WhereMembersChangeFasterThanTheyAreReadScalarsAndEveryMember
   EXPECT_FALSE(slow.picture.scalars.contains("version")) << "nothing was complete";
 }
 
-TEST_F(PublishTest, AMemberThatChangesAllTheTimeIsToldToASlowReaderToo) {
+TEST_F(PublishTest, TellsASlowReaderOfAMemberThatNeverRests) {
   SlowReader slow(path_);
   RawPeer quick(path_);
   ask(quick, R"({"verb":"mount","entity":"sample"})");
@@ -497,7 +497,7 @@ TEST_F(PublishTest, AMemberThatChangesAllTheTimeIsToldToASlowReaderToo) {
   EXPECT_LT(hot, 2500u) << "never every step";
 }
 
-TEST_F(PublishTest, AVersionIsToldBehindASnapshotThatHadToBeginAgain) {
+TEST_F(PublishTest, TellsAVersionBehindASnapshotBegunAgain) {
   for (U64 k = 0; k < 60000; ++k) sample_->hashedIs(k, 0);
   SlowReader slow(path_);
   for (U64 round = 1; round <= 40; ++round) {
@@ -520,7 +520,7 @@ TEST_F(PublishTest, AVersionIsToldBehindASnapshotThatHadToBeginAgain) {
   for (auto const& [k, v] : sample_->hashed()) ASSERT_EQ(v, slow.picture.collections["hashed"][k].get<U64>());
 }
 
-TEST_F(PublishTest, AnEntityThatChangesAllTheTimeLeavesOthersTheirTurn) {
+TEST_F(PublishTest, ABusyEntityLeavesOthersTheirTurn) {
   auto const quiet = Ostra::make<Sample>("zebra");
   publisher_->exportObject("zebra", quiet);
   RawPeer peer(path_);

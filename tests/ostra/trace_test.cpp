@@ -115,7 +115,7 @@ TEST_F(Traces, LinesGoToAFileOnRequest) {
   std::filesystem::remove(path);
 }
 
-TEST_F(Traces, AFileThatCannotBeOpenedIsNamedAndTheRestApplies) {
+TEST_F(Traces, AFileThatCannotBeOpenedIsNamed) {
   EXPECT_THAT(said("Global/1 >/dev"), HasSubstr("TRACE: cannot write to \"/dev\": "));
   OSTRA_TRACE(global, 1, "here instead");
   EXPECT_EQ(out_.str(), "Global/1 here instead\n");

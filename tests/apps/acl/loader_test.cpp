@@ -338,7 +338,7 @@ TEST_F(LoaderTest, EqualRulesAreEntriesOfTheirOwn) {
   EXPECT_EQ(load(std::vector<Rule>(4)).deleted, 9U);
 }
 
-TEST_F(LoaderTest, MoreRulesThanPositionsAreRefusedBeforeAnythingIsWritten) {
+TEST_F(LoaderTest, RefusesTooManyRulesBeforeItWrites) {
   EXPECT_THROW(load(overlappingRules(101)), std::runtime_error);
   EXPECT_EQ(world.config->size(), 0U);
 }
