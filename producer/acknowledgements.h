@@ -34,7 +34,7 @@ class VANTREL_API Acknowledgements {
   void await(EntryKey key, OpId opId);
   // Waits for the acknowledgement of a delete that is about to be written. To be called before that: when the
   // mark of an earlier delete of the key still stands in the status table, only what is written after it
-  // counts. Any mark in another agent's table does, which begins empty.
+  // counts. Any mark in a table that takes its place does: an agent that starts begins with an empty one.
   void awaitDelete(EntryKey key);
   void forget(EntryKey key);
 

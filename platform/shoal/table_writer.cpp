@@ -263,9 +263,9 @@ void TableWriter::freeSlot(U64 entry) {
 
 // ---- Finding
 
+// What lies before the chunks wraps to far behind them.
 std::optional<U64> TableWriter::slotNumber(U64 unit) const {
-  U64 const offset =
-      unit * unitBytes - view_->header().chunkStart;  // far beyond every chunk when before them
+  U64 const offset = unit * unitBytes - view_->header().chunkStart;
   U64 const chunk = offset / chunkBytes;
   if (chunk >= kinds_.size() || kinds_[chunk] != Kind::slots) return std::nullopt;
   U64 const place = offset % chunkBytes / view_->header().slotBytes;
