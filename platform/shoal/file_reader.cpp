@@ -6,7 +6,7 @@
 //
 // One that reads no slower than the ring goes round is told key by key. One that fell behind, or whose file
 // became another, is told of each key that it knew and that vanished, and then that anything may have
-// changed. It knows the keys that were told, those that a walk met, and those that a look-up found.
+// changed. It knows the keys that were told, those that a walk met, and those that a look-up found first.
 //
 // It never decides what a change means, and it waits for nobody.
 #include <atomic>
@@ -75,7 +75,7 @@ class VANTREL_LOCAL FileReader::State {
   bool openIfThere();
   bool mend();
   auto mended(auto lookUp);
-  void noteFound(U64 key, bool present);
+  void noteFound(U64 key, U64 number);
   bool isCurrent() const;
   void follow();
   void complain(std::string const& what);
@@ -196,29 +196,25 @@ inline auto FileReader::State::mended(auto lookUp) {
   }
 }
 
-// Who looks a key up that nobody is told of just now may find it before it is told of its coming, and must be
-// told of its removal even when both are missed.
-inline void FileReader::State::noteFound(U64 key, bool present) {
-  bool isTold = false;
-  for (Telling* told = telling_; told; told = told->outer) {
-    if (told->key != key) continue;
-    (present ? told->present : told->absent) = true;
-    isTold = true;
-  }
-  if (present && watch_ && !isTold) known_.try_emplace(key);
+// `number` of the record's change, 0 when the key is absent. Who finds a record before its change is told
+// must be told of its removal even when both are missed.
+inline void FileReader::State::noteFound(U64 key, U64 number) {
+  for (Telling* told = telling_; told; told = told->outer)
+    if (told->key == key) (number != 0 ? told->present : told->absent) = true;
+  if (number > position_ && watch_) known_.try_emplace(key);
 }
 
 inline Extent FileReader::State::read(U64 key, U64* image) {
   if (!view_) return {};
-  Extent const extent = mended([=, this] { return view_->read(key, image); });
-  noteFound(key, !extent.isEmpty());
-  return extent;
+  U64 const state = mended([=, this] { return view_->find(key, image); });
+  noteFound(key, Format::generation(state) / 2);
+  return Format::extent(state);
 }
 
 Change FileReader::State::changeOf(U64 key) {
   if (!view_) return {};
   Change const change = mended([=, this] { return view_->changeOf(key); });
-  noteFound(key, change != Change{});
+  noteFound(key, change.number);
   return change;
 }
 

@@ -53,6 +53,8 @@ class TableView {
   // Reads a record's image into `image`, which has room for a whole one; returns what of it is in use,
   // nothing when the key is absent.
   Extent read(U64 key, U64* image) { return Format::extent(find(key, image)); }
+  // The same; returns the state of the record's slot, 0 when the key is absent.
+  U64 find(U64 key, U64* image);
   bool contains(U64 key);  // true for a key that cannot be read: its look-up says what is wrong
   // Which write the key's record is of.
   Change changeOf(U64 key);
@@ -109,8 +111,6 @@ class TableView {
   U64 guarded(U64 offset, std::string_view what) const;
   bool insideChunks(U64 offset, U64 bytes);
   U64 lookLimit();
-  // As read(); returns the state of the record's slot, 0 when the key is absent.
-  U64 find(U64 key, U64* image);
   U64 findAgain(U64 key, U64* image);
   Found look(U64 key, U64* image);
   Found lookInLine(Word const* line, U64 key, U64 hash, U64* image);
