@@ -22,25 +22,38 @@ class VANTREL_LOCAL Acknowledgements::Watcher : public TableStatus::Notifiee {
  public:
   struct Awaited {
     OpId opId;
-    bool stale;  // it stood there before it was awaited
+    Shoal::Change earlier;  // of the status that stood there before, and does not count
   };
 
-  void onEntry(EntryKey const& key) override {
-    if (auto const at = awaited_.find(key.value()); at != awaited_.end()) at->second.stale = false;
-    look(key);
-  }
+  void onEntry(EntryKey const& key) override { look(key); }
   void onEntryColl() override {
     std::vector<EntryKey> waiting;
     for (auto const& [key, awaited] : awaited_) waiting.emplace_back(key);
-    for (EntryKey const key : waiting) onEntry(key);
+    for (EntryKey const key : waiting) look(key);
   }
 
   void look(EntryKey key) {
     auto const at = awaited_.find(key.value());
-    if (at == awaited_.end() || at->second.stale) return;
-    if (readStatus(*notifier(), key).opId() != at->second.opId) return;
+    if (at == awaited_.end() || !isAcknowledged(key, at->second)) return;
     awaited_.erase(at);
     if (handler_) handler_(key);
+  }
+
+  // The change is asked for first: what is read after it is of this change, or of a later one.
+  bool isAcknowledged(EntryKey key, Awaited const& awaited) const {
+    if (awaited.earlier != Shoal::Change{} && changeOf(key).value_or(awaited.earlier) == awaited.earlier)
+      return false;
+    return readStatus(*notifier(), key).opId() == awaited.opId;
+  }
+
+  // Nothing when the status cannot be read, which is reported to the table.
+  std::optional<Shoal::Change> changeOf(EntryKey key) const {
+    try {
+      return notifier()->changeOf(key);
+    } catch (Pallo::CorruptionDetectedException const& damage) {
+      notifier()->corruptionDetected(damage.what());
+      return std::nullopt;
+    }
   }
 
   boost::unordered_flat_map<U64, Awaited> awaited_;
@@ -57,13 +70,13 @@ Acknowledgements::Acknowledgements(Ostra::Ptr<TableStatus const> status)
 Acknowledgements::~Acknowledgements() = default;
 
 void Acknowledgements::await(EntryKey key, OpId opId) {
-  watcher_->awaited_[key.value()] = {opId, false};
+  watcher_->awaited_[key.value()] = {opId, {}};
   watcher_->look(key);
 }
 
 void Acknowledgements::awaitDelete(EntryKey key) {
-  OpId const mark = OpId::deleteAcknowledge();
-  watcher_->awaited_[key.value()] = {mark, readStatus(*watcher_->notifier(), key).opId() == mark};
+  watcher_->awaited_[key.value()] = {OpId::deleteAcknowledge(),
+                                     watcher_->changeOf(key).value_or(Shoal::Change{})};
 }
 
 void Acknowledgements::forget(EntryKey key) { watcher_->awaited_.erase(key.value()); }

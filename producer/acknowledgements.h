@@ -5,8 +5,8 @@
 //   never becomes outstanding again by itself.
 // Ownership: holds the table it watches.
 // Threading: the thread that dispatches the table.
-// Cost: one read of a status per notification of an outstanding key; a whole-collection notification reads
-//   each outstanding key once.
+// Cost: a read of a status per notification of an outstanding key, and a look-up more for a second delete; a
+//   whole-collection notification does so with each outstanding key.
 #pragma once
 
 #include <functional>
@@ -34,8 +34,7 @@ class VANTREL_API Acknowledgements {
   void await(EntryKey key, OpId opId);
   // Waits for the acknowledgement of a delete that is about to be written. To be called before that: when the
   // mark of an earlier delete of the key still stands in the status table, only what is written after it
-  // counts. (Unless the status table's changes come too fast to be told one by one, or it becomes another
-  // file: then the mark counts.)
+  // counts. Any mark in a table that takes its place does: an agent that starts begins with an empty one.
   void awaitDelete(EntryKey key);
   void forget(EntryKey key);
 

@@ -55,16 +55,10 @@ Pallo::Descriptor openRegular(int directory, std::string const& name) {
   return fd;
 }
 
-bool hasName(int fd, int directory, std::string const& name) {
-  struct stat a, b;
-  return ::fstat(fd, &a) == 0 && ::fstatat(directory, name.c_str(), &b, AT_SYMLINK_NOFOLLOW) == 0 &&
-         a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
 // While a dead process's file is locked here, nobody else moves it.
 void putAsideIfDead(int directory, std::string const& name) {
   Pallo::Descriptor const fd = openRegular(directory, name);
-  if (!fd || !lock(fd.get()) || !hasName(fd.get(), directory, name)) return;
+  if (!fd || !lock(fd.get()) || !Pallo::hasName(fd.get(), name, directory)) return;
   for (unsigned n = 1; n < 1000000; ++n) {
     std::string const aside = fmt::format("{}.{}", name, n);
     if (::renameat2(directory, name.c_str(), directory, aside.c_str(), RENAME_NOREPLACE) == 0) return;
@@ -121,7 +115,7 @@ void removeOld(int directory, std::string const& name, std::size_t keep) {
   std::sort(old.begin(), old.end());
   for (std::size_t i = 0; i + keep < old.size(); ++i) {
     Pallo::Descriptor const file = openRegular(directory, old[i].second);
-    if (leftAt(file.get()) && lock(file.get()) && hasName(file.get(), directory, old[i].second))
+    if (leftAt(file.get()) && lock(file.get()) && Pallo::hasName(file.get(), old[i].second, directory))
       ::unlinkat(directory, old[i].second.c_str(), 0);
   }
 }

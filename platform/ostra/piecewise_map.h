@@ -138,8 +138,7 @@ class PiecewiseMap {
     size_ = 0;
   }
 
-  // Whoever walks the map in slices keeps the number of the next piece, and begins anew when their number has
-  // changed.
+  // Whoever walks the map in slices keeps the number of the next piece.
   std::span<Piece const> pieces() const { return const_cast<PiecewiseMap*>(this)->ownPieces(); }
 
  private:

@@ -47,8 +47,7 @@ Export::Export(std::string name, Ptr<Described> object, std::function<void()> wa
       wake_(std::move(wake)),
       attributes_(type().attributes()),
       longestLog_(shortLog),
-      scalarChanges_(attributes_.size()),
-      sharedKeys_(attributes_.size()) {
+      scalarChanges_(attributes_.size()) {
   Wire::LineWriter entry;
   entry.text("entity", name_).text("type", type().name()).value("mountable", watchable());
   listed_ = entry.opening() + '}';
@@ -88,7 +87,6 @@ void Export::scalarChanged(std::size_t attribute) {
 }
 
 void Export::memberChanged(Change change) {
-  ++changes_;
   if (needing_ == 0) return;
   if (log_.size() >= longestLog_ && base_ == needed_) makeRoom();
   if (needing_ == 0) return;
@@ -197,12 +195,7 @@ void Export::walked(Cursor& c) {
 }
 
 void Export::readOn(Cursor& c, Members& members) {
-  SharedKeys& shared = sharedKeys_[c.attribute];
-  bool const begins = entity_ && !c.member.keys && c.member.part == 0;
-  if (begins && shared.changes == changes_) c.member.keys = shared.keys.lock();
-  bool const copies = begins && !c.member.keys;
   attributes_[c.attribute]->membersFrom(*object_, c.member, membersALine, members);
-  if (copies && c.member.keys) shared = {c.member.keys, changes_};
 }
 
 void Export::follow(Cursor& c, std::string& out, std::size_t upTo, Turn const& turn) {

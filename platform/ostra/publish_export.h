@@ -124,16 +124,8 @@ class Export final : private AttributeWatcher {
   U64 needed_ = 0;                                             // no cursor needs a change before this
   U64 consumed_ = 0;                                           // no cursor is beyond this
   boost::unordered_flat_map<Change, U64, ChangeHash> latest_;  // each change's last number
-  U64 changes_ = 0;                                            // all there were while it was watched
   std::vector<U64> scalarChanges_;                             // each scalar's last change, by attribute
   U64 newestAtOnce_ = 0, newestLast_ = 0;                      // the last of all those, by when they are told
-
-  // The keys that a walk had to copy serve every walk that begins before the next change.
-  struct SharedKeys {
-    std::weak_ptr<void const> keys;
-    U64 changes = 0;
-  };
-  std::vector<SharedKeys> sharedKeys_;  // one an attribute
 };
 
 }  // namespace Ostra

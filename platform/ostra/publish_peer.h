@@ -2,7 +2,8 @@
 // One connection to the management socket: its requests, its mounts, and what it has yet to read.
 //
 // Invariants: while anything waits for the peer to read, no request is taken and nothing is produced; so it
-//   costs one request line and one slice or answer of memory. Answers come in the order of the requests.
+//   costs one request line, one slice or answer and, walking a hash map, one piece's keys of memory. Answers
+//   come in the order of the requests.
 // Ownership: the publisher's.
 // Threading: the agent's event loop.
 // Cost: one serve() reads 16 KB, takes at most 32 requests of which one acts on the agent, makes a slice of

@@ -11,8 +11,8 @@
 //   AttributeException, whose text names the class, the attribute, what was expected and what came.
 // Threading: tables are built once and only read.
 // Cost: a name is found by a linear search of its class. A collection is walked in slices (membersFrom) at
-//   one step a member, whatever happens to it between two slices. A walk keeps a copy of the keys of one
-//   piece of a map in pieces, of all keys of a map that has neither order, buckets nor pieces, and else none.
+//   one step a member, whatever happens to it between two slices. A walk of a hash map keeps a copy of the
+//   keys of one of its pieces.
 #pragma once
 
 #include <functional>
@@ -34,12 +34,10 @@ enum class AttributeKind { Scalar, Collection, Operation };
 
 // Where a walk of a collection stands between two slices.
 struct MemberCursor {
-  Value last;       // ordered collections: the key told last
-  U64 part = 0;     // hashed: the bucket to be told next; in pieces: the piece that is being told
-  U64 buckets = 0;  // hashed: how many there were; another number means that every member has moved
-  std::shared_ptr<void const> keys;  // in pieces: the piece's; others: all, when the walk began
+  Value last;                        // ordered collections: the key told last
+  U64 part = 0;                      // hash maps: the piece that is being told
+  std::shared_ptr<void const> keys;  // the piece's, when the walk came to it
   U64 next = 0;                      // which of `keys` is to be told next
-  bool begun = false;                // something was told before
   bool done = false;
 };
 
@@ -140,68 +138,47 @@ void tellPair(I const& at, Members& out) {
   out.emplace_back(ValueOf<KeyOf<M>>::to(key), ValueOf<MappedOf<M>>::to(value));
 }
 
-// A bucket is told whole, and empty ones count as a fraction of a member, so that a slice of a sparse map
-// ends too.
-template <class M>
-void hashedFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
-  if (cursor.buckets != map.bucket_count()) cursor.part = 0;
-  cursor.buckets = map.bucket_count();
-  U64 const stop = cursor.part + 16 * atMost;
-  std::size_t const enough = out.size() + atMost;
-  for (; cursor.part < cursor.buckets && cursor.part < stop && out.size() < enough; ++cursor.part)
-    for (auto at = map.begin(cursor.part), end = map.end(cursor.part); at != end; ++at) tellPair<M>(at, out);
-  cursor.done = cursor.part >= cursor.buckets;
-}
-
 template <class M>
 void orderedFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
-  auto at = cursor.begun ? map.upper_bound(fromValue<KeyOf<M>>("key", cursor.last)) : map.begin();
+  bool const begins = cursor.last == Value();
+  auto at = begins ? map.begin() : map.upper_bound(fromValue<KeyOf<M>>("key", cursor.last));
   for (; at != map.end() && atMost-- > 0; ++at) {
     tellPair<M>(at, out);
     cursor.last = out.back().first;
-    cursor.begun = true;
   }
   cursor.done = at == map.end();
 }
 
-// Tells members by a copy of the map's keys, made when the walk comes to it. True when all are told.
-template <class M>
-bool copiedFrom(M const& map, MemberCursor& cursor, std::size_t& atMost, Members& out) {
-  using Keys = std::vector<KeyOf<M>>;
-  if (!cursor.keys) {
-    auto keys = std::make_shared<Keys>();
-    keys->reserve(map.size());
-    for (auto at = map.begin(); at != map.end(); ++at) keys->push_back(at->first);
-    cursor.keys = std::move(keys);
-    cursor.next = 0;
-  }
-  Keys const& keys = *static_cast<Keys const*>(cursor.keys.get());
-  for (; cursor.next < keys.size() && atMost > 0; ++cursor.next, --atMost)
-    if (auto const at = map.find(keys[cursor.next]); at != map.end()) tellPair<M>(at, out);
-  if (cursor.next < keys.size()) return false;
-  cursor.keys.reset();
-  return true;
-}
-
-// A map that consists of pieces(), maps among which a key's hash chooses: one piece's keys are copied at a
-// time.
+// A hash map that consists of pieces(), among which a key's hash chooses: one piece's keys are copied at a
+// time, when the walk comes to it. One that falls into pieces meanwhile is walked on in the second.
 template <class M>
 void piecesFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
+  using Keys = std::vector<KeyOf<M>>;
   auto const& pieces = map.pieces();
-  while (cursor.part < pieces.size() && copiedFrom(pieces[cursor.part], cursor, atMost, out)) ++cursor.part;
-  cursor.done = cursor.part >= pieces.size();
+  for (; cursor.part < pieces.size(); ++cursor.part, cursor.keys.reset()) {
+    auto const& piece = pieces[cursor.part];
+    if (!cursor.keys) {
+      auto const keys = std::make_shared<Keys>();
+      keys->reserve(piece.size());
+      for (auto at = piece.begin(); at != piece.end(); ++at) keys->push_back(at->first);
+      cursor.keys = keys;
+      cursor.next = 0;
+    }
+    Keys const& keys = *static_cast<Keys const*>(cursor.keys.get());
+    for (; cursor.next < keys.size(); ++cursor.next, --atMost) {
+      if (atMost == 0) return;
+      if (auto const at = piece.find(keys[cursor.next]); at != piece.end()) tellPair<M>(at, out);
+    }
+  }
+  cursor.done = true;
 }
 
 template <class M>
 void membersFrom(M const& map, MemberCursor& cursor, std::size_t atMost, Members& out) {
-  if constexpr (requires { map.pieces()[0].begin(); })
+  if constexpr (requires { map.pieces(); })
     piecesFrom(map, cursor, atMost, out);
-  else if constexpr (requires { map.begin(map.bucket_count()); })
-    hashedFrom(map, cursor, atMost, out);
-  else if constexpr (requires { map.upper_bound(map.begin()->first); })
-    orderedFrom(map, cursor, atMost, out);
   else
-    cursor.done = copiedFrom(map, cursor, atMost, out);
+    orderedFrom(map, cursor, atMost, out);
 }
 
 template <class M>
@@ -250,7 +227,7 @@ class VANTREL_LOCAL TypeInfo::Builder {
     };
     return *this;
   }
-  // A collection: any map, ordered or hashed.
+  // A collection: an ordered map, or a hash map in pieces (piecewise_map.h).
   template <class M>
   Builder& collection(std::string name, M const& (C::*reader)() const) {
     using K = Detail::KeyOf<M>;

@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// Descriptor: owns one file descriptor and closes it.
+// Descriptor: owns one file descriptor and closes it. hasName: what a name stands for now.
 //
 // Ownership: moved, never copied; reset() and the destructor close it. Closing keeps errno.
 // Threading: that of its owner.
 // Cost: the size of an int.
 #pragma once
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 #include <utility>
 
 namespace Pallo {
@@ -37,5 +40,13 @@ class Descriptor {
  private:
   int fd_ = -1;
 };
+
+// The file of that name is the open one. A link is not followed.
+inline bool hasName(int fd, std::string const& name, int directory = AT_FDCWD) {
+  struct stat here {};
+  struct stat there {};
+  return ::fstat(fd, &here) == 0 && ::fstatat(directory, name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 &&
+         here.st_ino == there.st_ino && here.st_dev == there.st_dev;
+}
 
 }  // namespace Pallo

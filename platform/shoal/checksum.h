@@ -36,24 +36,13 @@ struct TableStep {
 };
 
 struct InstructionStep {
-  static bool isThere() {
-#if defined(__x86_64__)
-    return __builtin_cpu_supports("sse4.2");
-#else
-    return false;
-#endif
-  }
   // Only where it is there. Assembly, so that the code around it needs no other target.
   static U64 step(U64 crc, U64 word) {
-#if defined(__x86_64__)
     asm("crc32q %1, %0" : "+r"(crc) : "r"(word));
     return crc;
-#else
-    return TableStep::step(crc, word);
-#endif
   }
 };
 
-inline bool const hasInstruction = InstructionStep::isThere();
+inline bool const hasInstruction = __builtin_cpu_supports("sse4.2");
 
 }  // namespace Shoal::Checksum

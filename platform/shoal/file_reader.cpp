@@ -6,17 +6,14 @@
 //
 // One that reads no slower than the ring goes round is told key by key. One that fell behind, or whose file
 // became another, is told of each key that it knew and that vanished, and then that anything may have
-// changed. It knows the keys that were told and those that a walk met.
+// changed. It knows the keys that were told, those that a walk met, and those that a look-up found first.
 //
 // It never decides what a change means, and it waits for nobody.
-#include <algorithm>
-#include <array>
 #include <atomic>
-#include <boost/unordered/unordered_flat_set.hpp>
-#include <iterator>
 #include <utility>
 #include <vector>
 
+#include "ostra/piecewise_map.h"
 #include "ostra/time_slice.h"
 #include "pallo/exception.h"
 #include "shoal/error.h"
@@ -33,21 +30,8 @@ constexpr double usualSlice = 0.002;  // seconds
 constexpr U64 lineAhead = 8;
 constexpr U64 recordAhead = 4;
 
-// In many small sets, so that one which grows moves few keys.
-class KnownKeys {
- public:
-  void insert(U64 key) { setOf(key).insert(key); }
-  void erase(U64 key) { setOf(key).erase(key); }
-  std::vector<U64> those(auto const& wanted) const {
-    std::vector<U64> found;
-    for (Set const& set : sets_) std::ranges::copy_if(set, std::back_inserter(found), wanted);
-    return found;
-  }
-
- private:
-  using Set = boost::unordered_flat_set<U64>;
-  Set& setOf(U64 key) { return sets_[Format::mix(key) >> 56]; }
-  std::array<Set, 256> sets_;
+struct KeyHash {
+  std::size_t operator()(U64 key) const { return Format::mix(key); }
 };
 
 }  // namespace
@@ -68,7 +52,7 @@ class VANTREL_LOCAL FileReader::State {
   State(std::string path, Shape const& shape, Sink& sink, Presence presence);
 
   Extent read(U64 key, U64* image);
-  Extent readMended(U64 key, U64* image);
+  Change changeOf(U64 key);
   std::optional<FilePlace> walk(U64 hint, bool told);
   U64 size() const { return view_ ? view_->size() : 0; }
   std::string const& path() const { return path_; }
@@ -90,6 +74,8 @@ class VANTREL_LOCAL FileReader::State {
   void openFile();
   bool openIfThere();
   bool mend();
+  auto mended(auto lookUp);
+  void noteFound(U64 key, U64 number);
   bool isCurrent() const;
   void follow();
   void complain(std::string const& what);
@@ -112,7 +98,7 @@ class VANTREL_LOCAL FileReader::State {
   std::shared_ptr<Mapping> mapping_;
   std::unique_ptr<TableView> view_;  // null while there is no table
   std::optional<Watch> watch_;
-  KnownKeys known_;
+  Ostra::PiecewiseMap<U64, bool, KeyHash> known_;  // what counts is which keys are there
   Telling* telling_ = nullptr;
   U64 position_ = 0;  // the next change to tell
   double slice_ = usualSlice;
@@ -200,27 +186,41 @@ bool FileReader::State::mend() {
 
 // ---- Reading
 
-inline Extent FileReader::State::read(U64 key, U64* image) {
-  if (!view_) return {};
-  Extent const extent = readMended(key, image);
-  for (Telling* told = telling_; told; told = told->outer)
-    if (told->key == key) (extent.isEmpty() ? told->absent : told->present) = true;
-  return extent;
-}
-
-inline Extent FileReader::State::readMended(U64 key, U64* image) {
-  for (bool mended = false;; mended = true) {
+inline auto FileReader::State::mended(auto lookUp) {
+  for (bool isMended = false;; isMended = true) {
     try {
-      return view_->read(key, image);
+      return lookUp();
     } catch (Pallo::CorruptionDetectedException const&) {
-      if (mended || !mend()) throw;
+      if (isMended || !mend()) throw;
     }
   }
 }
 
+// `number` of the record's change, 0 when the key is absent. Who finds a record before its change is told
+// must be told of its removal even when both are missed.
+inline void FileReader::State::noteFound(U64 key, U64 number) {
+  for (Telling* told = telling_; told; told = told->outer)
+    if (told->key == key) (number != 0 ? told->present : told->absent) = true;
+  if (number > position_ && watch_) known_.try_emplace(key);
+}
+
+inline Extent FileReader::State::read(U64 key, U64* image) {
+  if (!view_) return {};
+  U64 const state = mended([=, this] { return view_->find(key, image); });
+  noteFound(key, Format::generation(state) / 2);
+  return Format::extent(state);
+}
+
+Change FileReader::State::changeOf(U64 key) {
+  if (!view_) return {};
+  Change const change = mended([=, this] { return view_->changeOf(key); });
+  noteFound(key, change.number);
+  return change;
+}
+
 std::optional<FilePlace> FileReader::State::walk(U64 hint, bool told) {
   auto const place = view_ ? view_->walk(hint) : std::nullopt;
-  if (place && told) known_.insert(place->key);
+  if (place && told) known_.try_emplace(place->key);
   return place;
 }
 
@@ -327,7 +327,10 @@ void FileReader::State::fellBehind(U64 head) {
 }
 
 void FileReader::State::tellWhole() {
-  for (U64 const key : known_.those([this](U64 key) { return !view_->contains(key); })) tell(key);
+  std::vector<U64> gone;
+  for (auto const& [key, known] : known_)
+    if (!view_->contains(key)) gone.push_back(key);
+  for (U64 const key : gone) tell(key);
   sink_.anythingChanged();
   wholeOwed_ = false;
 }
@@ -349,7 +352,7 @@ void FileReader::State::tell(U64 key) {
 void FileReader::State::learn(Telling const& told) {
   telling_ = told.outer;
   if (told.present || (!told.absent && view_->contains(told.key)))
-    known_.insert(told.key);
+    known_.try_emplace(told.key);
   else
     known_.erase(told.key);
 }
@@ -362,6 +365,7 @@ FileReader::~FileReader() = default;
 Extent FileReader::read(U64 key, std::byte* image) {
   return state_->read(key, reinterpret_cast<U64*>(image));
 }
+Change FileReader::changeOf(U64 key) { return state_->changeOf(key); }
 std::optional<FilePlace> FileReader::walk(U64 hint, bool told) { return state_->walk(hint, told); }
 U64 FileReader::size() const { return state_->size(); }
 std::string const& FileReader::path() const { return state_->path(); }

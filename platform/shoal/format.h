@@ -60,7 +60,7 @@ struct Header {
   U32 ringEntries;    // a power of two
   U32 chunkStart;     // offset of chunk 0
   U64 hash[4];        // the multiplier's low and high half, the addend's low and high half; random
-  U64 fileId;         // random
+  U64 tableId;        // random; stays when the table is made anew from its slots
   U64 madeAt;         // seconds since 1970
   U64 tailAt;         // the word of the image that begins its tail
   U64 reserved;       // zero

@@ -63,8 +63,8 @@ class Inspector {
     std::string const where = fmt::format("bucket {}, line {}, entry {}", bucket, depth, at);
     if (!entryIntact(entry) || !view_.slotInside(entryUnit(entry)))
       return damage(fmt::format("{}: the entry {:016x} is damaged", where, entry));
-    Extent extent;
-    switch (Slot::copy(view_.slot(entryUnit(entry)), view_.room(), image_.data(), extent)) {
+    U64 state;
+    switch (Slot::copy(view_.slot(entryUnit(entry)), view_.room(), image_.data(), state)) {
       case Slot::Copy::overtaken:
         return unfinished(fmt::format("{}: its slot is being written", where));
       case Slot::Copy::freed:
@@ -112,7 +112,7 @@ class Inspector {
     std::memcpy(&copy, view_.mapping().base() + headerCopyAt, sizeof copy);
     if (!isSound(copy)) damage("the copy of the header is damaged");
     auto const underWay = view_.changedKey(view_.head());
-    for (Salvaged::Record const& record : salvage(view_.mapping(), view_.header()).records)
+    for (Salvaged::Slot const& record : salvage(view_.mapping(), view_.header()).records)
       if (!slots_.contains(record.unit) && record.generation <= 2 * view_.head() && record.key != underWay)
         damage(fmt::format("the record at offset {}, of key {}, has no entry", record.unit * unitBytes,
                            record.key));

@@ -42,6 +42,10 @@ class LocalTable : public Table<R> {
     auto const at = index_.find(key.value());
     return at ? slots_[*at].record : Traits::empty();
   }
+  Change changeOf(Key const& key) const override {
+    auto const at = index_.find(key.value());
+    return at ? Change{.number = slots_[*at].change} : Change{};
+  }
   std::optional<Place> first() const override { return from(0); }
   std::optional<Place> next(Place const& place) const override { return from(place.hint + 1); }
   U64 size() const override { return index_.size(); }
@@ -59,13 +63,13 @@ class LocalTable : public Table<R> {
     U64 const key = Traits::key(record).value();
     auto at = index_.find(key);
     if (!at) index_.insert(key, *(at = takeSlot()));
-    slots_[*at] = {record, true};
+    slots_[*at] = {record, ++changes_};
   }
   // False when the key was absent.
   bool entryQuietlyDel(Key const& key) {
     auto const at = index_.find(key.value());
     if (!at) return false;
-    slots_[*at].used = false;
+    slots_[*at].change = 0;
     free_.push_back(*at);
     index_.erase(key.value());
     return true;
@@ -77,11 +81,11 @@ class LocalTable : public Table<R> {
  private:
   struct Slot {
     R record = Traits::empty();
-    bool used = false;
+    U64 change = 0;  // that wrote it; 0: free
   };
 
   std::optional<Place> from(U64 slot) const {
-    while (slot < slots_.size() && !slots_[slot].used) ++slot;
+    while (slot < slots_.size() && slots_[slot].change == 0) ++slot;
     if (slot == slots_.size()) return std::nullopt;
     return Place{Traits::key(slots_[slot].record), slot};
   }
@@ -98,6 +102,7 @@ class LocalTable : public Table<R> {
   KeyIndex index_;
   std::deque<Slot> slots_;
   std::vector<U32> free_;
+  U64 changes_ = 0;
 };
 
 }  // namespace Shoal

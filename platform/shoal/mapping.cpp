@@ -85,11 +85,4 @@ bool Mapping::mend(U64 bytes) {
   return map(base_, MAP_FIXED);
 }
 
-bool Mapping::isCurrent() const {
-  struct stat here {};
-  struct stat there {};
-  return fstat(fd(), &here) == 0 && lstat(path_.c_str(), &there) == 0 && here.st_ino == there.st_ino &&
-         here.st_dev == there.st_dev;
-}
-
 }  // namespace Shoal

@@ -43,7 +43,7 @@ class Mapping {
   bool cutShort() const { return guard_.hit(); }
   bool mend(U64 bytes);
   // The file at the path is this one.
-  bool isCurrent() const;
+  bool isCurrent() const { return Pallo::hasName(fd(), path_); }
 
  private:
   bool map(void* at, int more);

@@ -18,7 +18,6 @@
 
 #include "pallo/file_lock.h"
 #include "shoal/error.h"
-#include "shoal/mapping.h"
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -37,6 +36,11 @@ namespace {
 U64 numberSpace() {
   struct stat status {};
   return stat("/proc/self/ns/pid", &status) == 0 ? status.st_ino & 0xFFFF'FFFFU : 0;
+}
+
+void fillRandomly(void* at, std::size_t bytes) {
+  if (getrandom(at, bytes, 0) != static_cast<ssize_t>(bytes))
+    throw Pallo::Exception("no random numbers to be had for a new table");
 }
 
 // An empty table: the header, and one chunk of index of which the first buckets are in use.
@@ -66,9 +70,12 @@ Header newHeader(Shape const& shape, U32 ringEntries) {
   header.slotBytes = static_cast<U32>(slotBytes(shape.imageBytes));
   header.ringEntries = std::clamp<U32>(std::bit_ceil(ringEntries), 16, 1U << 20);
   header.chunkStart = static_cast<U32>(chunkStart(header.ringEntries));
-  if (getrandom(header.hash, sizeof header.hash, 0) != sizeof header.hash ||
-      getrandom(&header.fileId, sizeof header.fileId, 0) != sizeof header.fileId)
-    throw Pallo::Exception("no random numbers to be had for a new table");
+  fillRandomly(&header.tableId, sizeof header.tableId);
+  return renewed(header);
+}
+
+Header renewed(Header header) {
+  fillRandomly(header.hash, sizeof header.hash);
   header.madeAt = static_cast<U64>(time(nullptr));
   header.checksum = XXH3_64bits(&header, offsetof(Header, checksum));
   return header;
@@ -92,6 +99,12 @@ void lockForWriting(std::string const& path, int file) {
 void nameHolder(std::string const& path, int file) {
   U64 const holder = static_cast<U64>(getpid()) | numberSpace() << 32;
   if (pwrite(file, &holder, sizeof holder, writerAt) != sizeof holder) failToMake(path, std::strerror(errno));
+}
+
+bool giveAccess(int file, mode_t mode, gid_t group) {
+  struct stat now {};
+  bool const given = (fstat(file, &now) == 0 && now.st_gid == group) || fchown(file, -1U, group) == 0;
+  return fchmod(file, given ? mode : mode & ~mode_t{0070}) == 0;
 }
 
 void allocate(int file, std::string const& path, U64 offset, U64 bytes) {
@@ -135,25 +148,30 @@ void NewFile::open() {
         ::open(fresh_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0660));
     if (!file_) failToMake(path_, std::strerror(errno));
     struct stat here {};
-    struct stat there {};
     fstat(fd(), &here);
     if (!S_ISREG(here.st_mode) || here.st_uid != geteuid() || here.st_nlink > 1)
       failToMake(path_, fmt::format("{} is in the way, which another made", fresh_));
     lockForWriting(path_, fd());
-    if (lstat(fresh_.c_str(), &there) == 0 && here.st_ino == there.st_ino && here.st_dev == there.st_dev)
-      break;
+    if (Pallo::hasName(fd(), fresh_)) return;
   }
+}
+
+void NewFile::keepAccessOf(int old) {
+  struct stat status {};
+  if (fstat(old, &status) != 0 || !giveAccess(fd(), status.st_mode & 0777, status.st_gid))
+    failToMake(path_, std::strerror(errno));
 }
 
 NewFile::~NewFile() {
   if (file_) ::unlink(fresh_.c_str());
 }
 
-Pallo::Descriptor NewFile::publish(bool replace) {
+std::shared_ptr<Mapping> NewFile::publish(bool replace) {
   unsigned const how = replace ? 0U : RENAME_NOREPLACE;
-  if (::renameat2(AT_FDCWD, fresh_.c_str(), AT_FDCWD, path_.c_str(), how) == 0) return std::move(file_);
+  if (::renameat2(AT_FDCWD, fresh_.c_str(), AT_FDCWD, path_.c_str(), how) == 0)
+    return std::make_shared<Mapping>(path_, std::move(file_), Access::write);
   if (errno != EEXIST) failToMake(path_, std::strerror(errno));
-  return {};
+  return nullptr;
 }
 
 }  // namespace Shoal

@@ -17,6 +17,7 @@
 
 #include "pallo/file_lock.h"
 #include "shoal/error.h"
+#include "shoal/new_file.h"
 
 namespace Shoal {
 namespace {
@@ -32,10 +33,6 @@ struct stat statusOf(int fd) {
   struct stat status {};
   fstat(fd, &status);
   return status;
-}
-
-bool isSame(struct stat const& one, struct stat const& other) {
-  return one.st_ino == other.st_ino && one.st_dev == other.st_dev;
 }
 
 bool isForWantOfMeans(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
@@ -155,12 +152,9 @@ void Sidecar::refuseAnothersFiles() const {
   }
 }
 
-// Lets the group in that may read the table, whatever this process's own is; where the file cannot be given
-// to it, no group.
+// Lets the group in that may read the table, whatever this process's own is.
 void Sidecar::admit(int file, mode_t mode, gid_t group) const {
-  bool const given = statusOf(file).st_gid == group || ::fchown(file, -1U, group) == 0;
-  if (::fchmod(file, given ? mode : mode & ~mode_t{0070}) != 0)
-    failErrno(path_, "cannot be opened to readers");
+  if (!giveAccess(file, mode, group)) failErrno(path_, "cannot be opened to readers");
 }
 
 Pallo::Descriptor Sidecar::openPage(int more) const {
@@ -190,17 +184,6 @@ Pallo::Descriptor Sidecar::openFifo(unsigned slot, int mode) const {
   if (S_ISFIFO(status.st_mode) && status.st_uid == statusOf(directory_.get()).st_uid) return file;
   errno = 0;
   return {};
-}
-
-bool Sidecar::isCurrent() const {
-  struct stat there {};
-  return lstat(path_.c_str(), &there) == 0 && isSame(there, statusOf(directory_.get()));
-}
-
-bool Sidecar::isCurrent(std::string const& name, int file) const {
-  struct stat there {};
-  return fstatat(directory_.get(), name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 &&
-         isSame(there, statusOf(file));
 }
 
 // ---- The page of flags

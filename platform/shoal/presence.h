@@ -57,8 +57,10 @@ class Sidecar {
   // A slot's FIFO. Empty when it cannot be opened; errno says why, 0 that something else is in its place.
   Pallo::Descriptor openFifo(unsigned slot, int mode) const;
   // The directory at the path is this one, and what is inside under this name is this file.
-  bool isCurrent() const;
-  bool isCurrent(std::string const& name, int file) const;
+  bool isCurrent() const { return Pallo::hasName(directory_.get(), path_); }
+  bool isCurrent(std::string const& name, int file) const {
+    return Pallo::hasName(file, name, directory_.get());
+  }
 
  private:
   struct Access;  // whom the table lets read

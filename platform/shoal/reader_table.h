@@ -82,6 +82,7 @@ class ReaderTable : public Table<R>, private FileReader::Sink {
     read(key, record);
     return record;
   }
+  Change changeOf(Key const& key) const override { return file_.changeOf(key.value()); }
   std::optional<Place> first() const override { return walk(0); }
   std::optional<Place> next(Place const& place) const override { return walk(place.hint); }
   U64 size() const override { return file_.size(); }
@@ -104,9 +105,7 @@ class ReaderTable : public Table<R>, private FileReader::Sink {
       record = Traits::empty();
   }
   std::optional<Place> walk(U64 hint) const {
-    auto const place = file_.walk(hint, !this->notifieeList().empty());
-    if (!place) return std::nullopt;
-    return Place{Key(place->key), place->hint};
+    return this->placeOf(file_.walk(hint, !this->notifieeList().empty()));
   }
   void changed(U64 key) override { this->notifyEntry(Key(key)); }
   void anythingChanged() override { this->notifyEntryColl(); }

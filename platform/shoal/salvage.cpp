@@ -79,17 +79,16 @@ class Salvage {
   // What was never written, is half-written by a killed writer or was freed is no record.
   Slot::Copy searchSlot(U64 at) {
     Word const* const slot = word(at);
-    U64 const state = slot[1].load();
-    Extent extent;
+    U64 state;
+    Slot::Copy const copy = Slot::copy(slot, room_, image_.data(), state);
     if (state == 0) return Slot::Copy::overtaken;
-    Slot::Copy const copy = Slot::copy(slot, room_, image_.data(), extent);
     auto const head = unguard(word(headAt)->load(), headAt);
     bool const isUnderWay = copy == Slot::Copy::overtaken && head && generation(state) / 2 == *head + 1;
     if (copy == Slot::Copy::whole) {
       found_.newest = std::max(found_.newest, generation(state) / 2);
       found_.records.push_back({image_[0], generation(state), at / unitBytes});
     } else if (copy != Slot::Copy::freed && !isUnderWay) {
-      found_.damaged.push_back({slot[2].load(), at / unitBytes});
+      found_.damaged.push_back({slot[2].load(), generation(state), at / unitBytes});
     }
     return copy;
   }
@@ -99,7 +98,7 @@ class Salvage {
     std::ranges::sort(records, [](auto const& a, auto const& b) {
       return a.key != b.key ? a.key < b.key : a.generation > b.generation;
     });
-    auto const rest = std::ranges::unique(records, {}, &Salvaged::Record::key);
+    auto const rest = std::ranges::unique(records, {}, &Salvaged::Slot::key);
     records.erase(rest.begin(), rest.end());
   }
 

@@ -15,18 +15,13 @@
 namespace Shoal {
 
 struct Salvaged {
-  struct Record {
+  struct Slot {
     U64 key;
     U64 generation;
-    U64 unit;  // of the slot
-  };
-  // A slot that is not intact; its key may be what is damaged.
-  struct Damaged {
-    U64 key;
     U64 unit;
   };
-  std::vector<Record> records;
-  std::vector<Damaged> damaged;
+  std::vector<Slot> records;
+  std::vector<Slot> damaged;        // not intact; the key may be what is damaged
   std::vector<std::string> damage;  // in sentences: slots, or a whole chunk or more
   U64 newest = 0;                   // the greatest number of a change that wrote a record
 };

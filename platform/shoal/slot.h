@@ -53,29 +53,29 @@ template <class Word>
   return checksum<Checksum::TableStep>(state, tailAt, word);
 }
 
-// Copies a slot's record into an image, and says what of that is in use. `named()` says whether the index
+// Copies a slot's record into an image; `state` says what of that is in use. `named()` says whether the index
 // still names the slot. It is asked before the last look at the state, of a freed slot too: one that was
 // freed may have been published again in between.
 template <class Named>
-[[gnu::always_inline]] inline Copy copy(Words slot, Room room, U64* image, Extent& extent, Named named) {
-  U64 const state = slot[1].load(std::memory_order_acquire);
-  extent = Format::extent(state);
-  if (Format::isWriting(state)) return Copy::overtaken;
+[[gnu::always_inline]] inline Copy copy(Words slot, Room room, U64* image, U64& state, Named named) {
+  U64 const before = state = slot[1].load(std::memory_order_acquire);
+  Extent const extent = Format::extent(before);
+  if (Format::isWriting(before)) return Copy::overtaken;
   bool isWhole = false;
   if (extent.head <= room.head && extent.tail <= room.tail && !extent.isEmpty()) [[likely]] {
-    U64 const checksum = Slot::checksum(state, room.head, [=](U64 inSlot, U64 inImage) {
+    U64 const checksum = Slot::checksum(before, room.head, [=](U64 inSlot, U64 inImage) {
       return image[inImage] = slot[2 + inSlot].load(std::memory_order_relaxed);
     });
     isWhole = checksum == slot[0].load(std::memory_order_relaxed);
   }
   std::atomic_thread_fence(std::memory_order_acquire);
-  if (!named() || slot[1].load(std::memory_order_relaxed) != state) return Copy::overtaken;
+  if (!named() || slot[1].load(std::memory_order_relaxed) != before) return Copy::overtaken;
   if (isWhole) [[likely]]
     return Copy::whole;
-  return Format::isFreed(state) ? Copy::freed : Copy::damaged;
+  return Format::isFreed(before) ? Copy::freed : Copy::damaged;
 }
-[[gnu::always_inline]] inline Copy copy(Words slot, Room room, U64* image, Extent& extent) {
-  return copy(slot, room, image, extent, [] { return true; });
+[[gnu::always_inline]] inline Copy copy(Words slot, Room room, U64* image, U64& state) {
+  return copy(slot, room, image, state, [] { return true; });
 }
 
 }  // namespace Shoal::Slot

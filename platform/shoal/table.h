@@ -124,6 +124,8 @@ class Table : public TableBase {
   virtual R entry(Key const& key) const = 0;
   // The same for who only looks: past a reader's validator, which may act on what it is given.
   virtual R peek(Key const& key) const { return entry(key); }
+  // Which write the record is of.
+  virtual Change changeOf(Key const& key) const = 0;
   // The first place of a walk, and the one after `place`; nothing at the end. The order is the table's own.
   virtual std::optional<Place> first() const = 0;
   virtual std::optional<Place> next(Place const& place) const = 0;
@@ -136,6 +138,10 @@ class Table : public TableBase {
   virtual void entryDel(Key const& key) = 0;
 
  protected:
+  static std::optional<Place> placeOf(std::optional<FilePlace> const& place) {
+    if (!place) return std::nullopt;
+    return Place{Key(place->key), place->hint};
+  }
   void notifyEntry(Key const& key) const { notifieeList().notify(&Notifiee::onEntry, key); }
   void notifyEntryColl() const { notifieeList().notify(&Notifiee::onEntryColl); }
 };

@@ -36,6 +36,14 @@ struct Extent {
   bool isEmpty() const { return (head | tail) == 0; }
 };
 
+// Which write a record is of: another one after each write of the key, whether it is removed in between, the
+// table is made anew from its records, or another table takes its place.
+struct Change {
+  U64 table = 0;   // names the table
+  U64 number = 0;  // of the table's changes; 0: the key is absent
+  bool operator==(Change const&) const = default;
+};
+
 // A present key, and the position after it.
 struct FilePlace {
   U64 key;
@@ -43,7 +51,9 @@ struct FilePlace {
 };
 
 struct WriterOptions {
-  bool replace = false;  // begin with an empty table in a new file, whatever table is there
+  // Begin with an empty table in a new file, whatever table is there. Its mode stays, and its group where
+  // this user may give files to that.
+  bool replace = false;
   // Changes a reader may lag behind before it is told to walk; of a new file; a power of two.
   U32 ringEntries = 16384;
 };
@@ -59,6 +69,8 @@ struct WriterCounters {
   U64 repaired = 0;  // entries, lines and announcements put right at opening
   U64 rebuilds = 0;  // of the index, which was damaged
 };
+
+class TableWriter;
 
 class VANTREL_API FileWriter {
  public:
@@ -77,6 +89,7 @@ class VANTREL_API FileWriter {
 
   // As FileReader's.
   Extent read(U64 key, std::byte* image) const;
+  Change changeOf(U64 key) const;
   std::optional<FilePlace> walk(U64 hint) const;
   U64 size() const;
   // Changes that the table has ever seen, from all its writers, in the files it replaced too.
@@ -84,8 +97,7 @@ class VANTREL_API FileWriter {
   WriterCounters counters() const;
 
  private:
-  class State;
-  std::unique_ptr<State> state_;
+  std::unique_ptr<TableWriter> writer_;
 };
 
 class VANTREL_API FileReader {
@@ -111,6 +123,8 @@ class VANTREL_API FileReader {
 
   // Reads a record's image; returns what of it is in use, nothing when the key is absent.
   Extent read(U64 key, std::byte* image);
+  // Which write the key's record is of.
+  Change changeOf(U64 key);
   // The first present key at or after a position; position 0 begins a walk. Damage of the index is thrown
   // where the walk ends, so that it costs no intact record its visit. `told`: those who watch know of the key
   // now.

@@ -122,13 +122,6 @@ TableView::TableView(std::shared_ptr<Mapping const> mapping)
         fmt::format("{}: {} bytes do not fit into this process's address space", path, limit_));
 }
 
-bool TableView::isWrittenOver() const {
-  auto const asOpened = std::bit_cast<std::array<U64, sizeof(Header) / 8>>(header_);
-  for (std::size_t i = 0; i < asOpened.size(); ++i)
-    if (acquire(*word(i * 8)) != asOpened[i]) return true;
-  return false;
-}
-
 std::string TableView::damage(std::string_view what) const {
   U64 const bytes = mapping_->fileBytes();
   if (mapping_->cutShort() && bytes < limit_)
@@ -184,11 +177,11 @@ Word* TableView::overflowLine(U64 unit) {
 
 // ---- Look-up
 
-Extent TableView::readAgain(U64 key, U64* image) {
+U64 TableView::findAgain(U64 key, U64* image) {
   int damagedAttempts = 0;
   for (int attempt = 0; attempt < maxAttempts; ++attempt) {
     Found const found = look(key, image);
-    if (found.look <= Look::absent) return found.extent;
+    if (found.look <= Look::absent) return found.state;
     if (found.look != Look::overtaken && ++damagedAttempts == maxDamagedAttempts)
       throwDamage(key, found.look);
   }
@@ -216,11 +209,11 @@ TableView::Found TableView::look(U64 key, U64* image) {
     auto const next = linkUnit(acquire(at[linkInLine]), bucket, depth);
     if (next && *next == 0) {
       std::atomic_thread_fence(std::memory_order_acquire);
-      return {bucketOf(hashed, buckets()) == bucket ? result : Look::overtaken, {}};
+      return {bucketOf(hashed, buckets()) == bucket ? result : Look::overtaken, 0};
     }
     at = next ? overflowLine(*next) : nullptr;
   }
-  return {Look::damagedIndex, {}};
+  return {Look::damagedIndex, 0};
 }
 
 TableView::Found TableView::lookInLine(Word const* line, U64 key, U64 hash, U64* image) {
@@ -230,14 +223,19 @@ TableView::Found TableView::lookInLine(Word const* line, U64 key, U64 hash, U64*
     if (found.look == Look::record || found.look == Look::overtaken) return found;
     result = std::max(result, found.look);
   }
-  return {isIntact(line) ? result : Look::damagedIndex, {}};  // an entry that is damaged may be the key's
+  return {isIntact(line) ? result : Look::damagedIndex, 0};  // an entry that is damaged may be the key's
+}
+
+Change TableView::changeOf(U64 key) {
+  std::array<U64, 128> usual;
+  std::vector<U64> larger(imageWords() > usual.size() ? imageWords() : 0);
+  U64 const state = find(key, larger.empty() ? usual.data() : larger.data());
+  return state == 0 ? Change{} : Change{header_.tableId, generation(state) / 2};
 }
 
 bool TableView::contains(U64 key) {
-  std::array<U64, 128> usual;
-  std::vector<U64> larger(imageWords() > usual.size() ? imageWords() : 0);
   try {
-    return !read(key, larger.empty() ? usual.data() : larger.data()).isEmpty();
+    return changeOf(key) != Change{};
   } catch (Pallo::CorruptionDetectedException const&) {
     return true;
   }
@@ -246,10 +244,10 @@ bool TableView::contains(U64 key) {
 // ---- The ring of changes
 
 std::optional<U64> TableView::changedKey(U64 sequence) const {
-  U64 const at = ringAt + (sequence & (header_.ringEntries - 1)) * 16;
-  U64 const before = acquire(*word(at));
-  U64 const key = acquire(*word(at + 8));
-  if (before != stamp(sequence, key) || acquire(*word(at)) != before) return std::nullopt;
+  Word const* const change = this->change(sequence);
+  U64 const before = acquire(change[0]);
+  U64 const key = acquire(change[1]);
+  if (before != stamp(sequence, key) || acquire(change[0]) != before) return std::nullopt;
   return key;
 }
 
@@ -260,13 +258,11 @@ static void prefetchSlot(std::byte const* slot, U64 bytes) {
 }
 
 void TableView::prefetchLine(U64 sequence) const {
-  U64 const at = ringAt + (sequence & (header_.ringEntries - 1)) * 16;
-  __builtin_prefetch(firstLine(hash(relaxed(*word(at + 8)))));
+  __builtin_prefetch(firstLine(hash(relaxed(change(sequence)[1]))));
 }
 
 void TableView::prefetchRecord(U64 sequence) const {
-  U64 const at = ringAt + (sequence & (header_.ringEntries - 1)) * 16;
-  if (Word const* const found = firstTagged(hash(relaxed(*word(at + 8)))))
+  if (Word const* const found = firstTagged(hash(relaxed(change(sequence)[1]))))
     prefetchSlot(base_ + entryUnit(relaxed(*found)) * unitBytes, header_.slotBytes);
 }
 

@@ -14,6 +14,7 @@
 #include <array>
 #include <atomic>
 #include <bit>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -47,12 +48,16 @@ class TableView {
   Format::Header const& header() const { return header_; }
   Mapping const& mapping() const { return *mapping_; }
   // What is mapped begins otherwise than when it was opened: something else was written over it.
-  bool isWrittenOver() const;
+  bool isWrittenOver() const { return std::memcmp(base_, &header_, sizeof header_) != 0; }
 
   // Reads a record's image into `image`, which has room for a whole one; returns what of it is in use,
   // nothing when the key is absent.
-  Extent read(U64 key, U64* image);
+  Extent read(U64 key, U64* image) { return Format::extent(find(key, image)); }
+  // The same; returns the state of the record's slot, 0 when the key is absent.
+  U64 find(U64 key, U64* image);
   bool contains(U64 key);  // true for a key that cannot be read: its look-up says what is wrong
+  // Which write the key's record is of.
+  Change changeOf(U64 key);
   // The first present key at or after a position; position 0 begins a walk. Damage of the index that a walk
   // met is thrown where the walk ends, so that it costs no intact record its visit.
   std::optional<FilePlace> walk(U64 hint);
@@ -78,6 +83,10 @@ class TableView {
   U64 chunkOffset(U64 chunk) const { return header_.chunkStart + chunk * Format::chunkBytes; }
   Word* word(U64 offset) const { return reinterpret_cast<Word*>(base_ + offset); }
   Word* slot(U64 unit) const { return word(unit * Format::unitBytes); }
+  // The ring's entry of a change: its stamp, and the key behind it.
+  Word* change(U64 sequence) const {
+    return word(Format::ringAt + (sequence & (header_.ringEntries - 1)) * 16);
+  }
   // Null when the directory or the place is damaged.
   Word* line(U64 bucket);
   Word* overflowLine(U64 unit);
@@ -92,7 +101,7 @@ class TableView {
   enum class Look { record, absent, overtaken, damagedRecord, damagedIndex };
   struct Found {
     Look look;
-    Extent extent;  // of the record
+    U64 state;  // of the record's slot
   };
   struct Position {
     U64 bucket;
@@ -102,7 +111,7 @@ class TableView {
   U64 guarded(U64 offset, std::string_view what) const;
   bool insideChunks(U64 offset, U64 bytes);
   U64 lookLimit();
-  Extent readAgain(U64 key, U64* image);
+  U64 findAgain(U64 key, U64* image);
   Found look(U64 key, U64* image);
   Found lookInLine(Word const* line, U64 key, U64 hash, U64* image);
   Found copyRecord(Word const& word, U64 key, U64* image);
@@ -111,7 +120,6 @@ class TableView {
   Word const* firstTagged(U64 hashed) const;
   void prefetchSlots(Word const* line) const;
 
-  bool keyAt(U64 entry, U64& key);
   std::optional<FilePlace> visit(Word const& word, Position const& position);
   Word* nextLine(Word* line, Position const& position);
   Word* lineAt(U64 bucket, U64 depth);
@@ -182,30 +190,30 @@ template <class Wanted>
   U64 const entry = word.load(std::memory_order_acquire);
   U64 const unit = Format::entryUnit(entry);
   if (!Format::entryIntact(entry) || !slotInside(unit))
-    return {entry == 0 ? Look::absent : Look::damagedIndex, {}};
+    return {entry == 0 ? Look::absent : Look::damagedIndex, 0};
   Word const* const slot = this->slot(unit);
-  Extent extent;
+  U64 state;
   Slot::Copy const copy =
-      Slot::copy(slot, room_, image, extent, [&] { return word.load(std::memory_order_acquire) == entry; });
+      Slot::copy(slot, room_, image, state, [&] { return word.load(std::memory_order_acquire) == entry; });
   if (copy == Slot::Copy::whole && image[0] == key) [[likely]]
-    return {Look::record, extent};
-  if (copy == Slot::Copy::overtaken) return {Look::overtaken, {}};
-  if (copy == Slot::Copy::freed) return {Look::absent, {}};
+    return {Look::record, state};
+  if (copy == Slot::Copy::overtaken) return {Look::overtaken, 0};
+  if (copy == Slot::Copy::freed) return {Look::absent, 0};
   U64 const slotKey = slot[2].load(std::memory_order_relaxed);
   bool const ofAnotherKey = slotKey != key && Format::tag(hash(slotKey)) == Format::entryTag(entry);
-  return {ofAnotherKey ? Look::absent : Look::damagedRecord, {}};
+  return {ofAnotherKey ? Look::absent : Look::damagedRecord, 0};
 }
 
 // Most often the first entry with the key's tag is the key's, and nobody is at work on its record.
-[[gnu::always_inline]] inline Extent TableView::read(U64 key, U64* image) {
+[[gnu::always_inline]] inline U64 TableView::find(U64 key, U64* image) {
   U64 const hashed = hash(key);
   Word const* const word = visited_.key == key ? visited_.word : firstTagged(hashed);
   if (word) [[likely]] {
     Found const found = copyRecord(*word, key, image);
     if (found.look == Look::record) [[likely]]
-      return found.extent;
+      return found.state;
   }
-  return readAgain(key, image);
+  return findAgain(key, image);
 }
 
 }  // namespace Shoal

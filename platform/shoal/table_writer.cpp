@@ -69,23 +69,26 @@ void refuseOthers(Mapping const& file, bool toReplace) {
                         fmt::format("{} is not a table file, and is not replaced by one", file.path()));
 }
 
-// The table's file with the writer's lock; nothing when there is no file. One that was replaced while it was
-// being locked is not the table any more.
-Pallo::Descriptor lockedFile(std::string const& path, bool toReplace) {
+// The table's file with the writer's lock. One that was replaced while it was being locked is not the table
+// any more.
+std::shared_ptr<Mapping> lockedFile(std::string const& path, bool toReplace) {
   for (;;) {
-    Pallo::Descriptor file;
-    try {
-      file = openTableFile(path, Access::write);
-    } catch (FileException const& error) {
-      if (error.reason() == FileException::Reason::missing) return {};
-      throw;
-    }
-    Mapping const here(path, Pallo::Descriptor(dup(file.get())), Access::read);
-    refuseOthers(here, toReplace);
-    lockForWriting(path, file.get());
-    if (!here.isCurrent()) continue;
-    if (here.fileBytes() != 0) nameHolder(path, file.get());
+    auto file = std::make_shared<Mapping>(path, Access::write);
+    refuseOthers(*file, toReplace);
+    lockForWriting(path, file->fd());
+    if (!file->isCurrent()) continue;
+    if (file->fileBytes() != 0) nameHolder(path, file->fd());
     return file;
+  }
+}
+
+// The same; null when there is no file.
+std::shared_ptr<Mapping> lockedIfThere(std::string const& path, bool toReplace) {
+  try {
+    return lockedFile(path, toReplace);
+  } catch (FileException const& error) {
+    if (error.reason() == FileException::Reason::missing) return nullptr;
+    throw;
   }
 }
 
@@ -123,32 +126,25 @@ struct TableWriter::Survey {
 
 TableWriter::TableWriter(std::string const& path, Shape const& shape, WriterOptions const& options)
     : path_(path) {
-  for (Pallo::Descriptor file; !file;) {
-    Pallo::Descriptor old = lockedFile(path, options.replace);
-    if (old && !options.replace) {
-      file = std::move(old);
-    } else {
-      U64 const changes = old ? changesOf(Mapping(path, Pallo::Descriptor(dup(old.get())), Access::read)) : 0;
-      NewFile fresh(path, newHeader(shape, options.ringEntries), changes);
-      Sidecar::make(path, fresh.fd());
-      file = fresh.publish(static_cast<bool>(old));
-    }
-    if (!file) continue;
-    Mapping const mapping(path, Pallo::Descriptor(dup(file.get())), Access::read);
-    checkShape(path, checkedHeader(mapping), shape);
-    open(std::move(file));
-    break;
+  std::shared_ptr<Mapping> file;
+  while (!file) {
+    file = lockedIfThere(path, options.replace);
+    if (file && !options.replace) break;
+    NewFile fresh(path, newHeader(shape, options.ringEntries), file ? changesOf(*file) : 0);
+    if (file) fresh.keepAccessOf(file->fd());
+    Sidecar::make(path, fresh.fd());
+    file = fresh.publish(file != nullptr);
   }
+  checkShape(path, checkedHeader(*file), shape);
+  open(std::move(file));
   doorbells_.emplace(Sidecar::make(path, mapping_->fd()));
 }
 
-TableWriter::TableWriter(std::string path, Pallo::Descriptor file) : path_(std::move(path)) {
-  open(std::move(file));
-}
+TableWriter::TableWriter(std::shared_ptr<Mapping> file) : path_(file->path()) { open(std::move(file)); }
 
 // An index that is damaged is made anew.
-void TableWriter::open(Pallo::Descriptor file) {
-  mapping_ = std::make_shared<Mapping>(path_, std::move(file), Access::write);
+void TableWriter::open(std::shared_ptr<Mapping> file) {
+  mapping_ = std::move(file);
   view_ = std::make_unique<TableView>(mapping_);
   for (auto* const free : {&restingSlots_, &idleSlots_, &freeLines_}) free->clear();
   try {
@@ -159,28 +155,20 @@ void TableWriter::open(Pallo::Descriptor file) {
 }
 
 // Writes what the slots of a file hold into a new one, and puts that in its place. Owner and mode stay.
-Pallo::Descriptor TableWriter::remake(std::string const& path, Mapping const& old, Header const& header,
-                                      Salvaged const& found) {
-  NewFile fresh(path,
-                newHeader({typeName(header), header.recordVersion, header.imageBytes, header.tailAt},
-                          header.ringEntries),
-                std::max(found.newest, changesOf(old)));
+std::shared_ptr<Mapping> TableWriter::remake(Mapping const& old, Header const& header,
+                                             Salvaged const& found) {
+  std::string const& path = old.path();
+  NewFile fresh(path, renewed(header), std::max(found.newest, changesOf(old)));
   struct stat status {};
   fstat(old.fd(), &status);
   if (fchown(fresh.fd(), status.st_uid, status.st_gid) != 0 || fchmod(fresh.fd(), status.st_mode & 0777) != 0)
     throw FileException(FileException::Reason::notAllowed,
                         fmt::format("{}: the index is damaged, and only user {} can make the table anew",
                                     path, status.st_uid));
-  TableWriter into(path, Pallo::Descriptor(dup(fresh.fd())));
-  std::vector<U64> image(header.imageBytes / 8);
-  for (Salvaged::Record const& record : found.records) {
-    Extent extent;
-    auto const* const slot = reinterpret_cast<Word const*>(old.base() + record.unit * unitBytes);
-    if (Slot::copy(slot, into.view_->room(), image.data(), extent) == Slot::Copy::whole)
-      into.put(record.key, image.data(), extent);
-  }
-  for (Salvaged::Damaged const& record : found.damaged)
-    into.adopt(record.key, reinterpret_cast<Word const*>(old.base() + record.unit * unitBytes));
+  TableWriter into(std::make_shared<Mapping>(path, Pallo::Descriptor(dup(fresh.fd())), Access::write));
+  for (auto const* const slots : {&found.records, &found.damaged})
+    for (Salvaged::Slot const& slot : *slots)
+      into.adopt(slot.key, reinterpret_cast<Word const*>(old.base() + slot.unit * unitBytes));
   return fresh.publish(true);
 }
 
@@ -194,7 +182,7 @@ void TableWriter::heal() {
   Salvaged found = salvage(*mapping_, view_->header());
   refuseIfCutShort();
   std::erase_if(found.damaged, [this](auto const& record) { return !isNamed(record.key, record.unit); });
-  open(remake(path_, *mapping_, view_->header(), found));
+  open(remake(*mapping_, view_->header(), found));
   ++counters_.rebuilds;
 }
 
@@ -211,14 +199,15 @@ bool TableWriter::isNamed(U64 key, U64 unit) {
   }
 }
 
-// A damaged slot as it is, unless there is an intact one.
-void TableWriter::adopt(U64 key, Word const* damaged) {
+// A slot of another file as it is, so that its record stays of the change that wrote it; a damaged one unless
+// there is an intact one.
+void TableWriter::adopt(U64 key, Word const* found) {
   Spot const spot = locate(key, view_->hash(key));
   if (spot.word) return;
   reserveSlot();
   if (!spot.hole) reserveLines(1);
   U64 const unit = takeSlot();
-  for (U64 i = 0; i < view_->header().slotBytes / 8; ++i) store(view_->slot(unit)[i], relaxed(damaged[i]));
+  for (U64 i = 0; i < view_->header().slotBytes / 8; ++i) store(view_->slot(unit)[i], relaxed(found[i]));
   beginChange(key);
   publish(spot, entry(unit, view_->hash(key)));
   endChange();
@@ -226,13 +215,11 @@ void TableWriter::adopt(U64 key, Word const* damaged) {
 }
 
 Salvaged TableWriter::rebuild(std::string const& path) {
-  Pallo::Descriptor file = lockedFile(path, false);
-  if (!file) file = openTableFile(path, Access::write);  // says that it is missing
-  Mapping const old(path, std::move(file), Access::read);
-  Header const header = soundHeader(old);
-  Salvaged found = salvage(old, header);
+  auto const old = lockedFile(path, false);
+  Header const header = soundHeader(*old);
+  Salvaged found = salvage(*old, header);
   found.damaged.clear();
-  remake(path, old, header, found);
+  remake(*old, header, found);
   return found;
 }
 
@@ -265,7 +252,7 @@ void TableWriter::writeSlot(U64 unit, U64 const* image, Extent extent) {
 }
 
 void TableWriter::freeSlot(U64 entry) {
-  if (!isSlot(entryUnit(entry))) return;
+  if (!slotNumber(entryUnit(entry))) return;
   Word& slotState = view_->slot(entryUnit(entry))[1];
   store(slotState, state(generation(relaxed(slotState)), freed));
   restingSlots_.push_back(static_cast<U32>(entryUnit(entry)));
@@ -276,20 +263,22 @@ void TableWriter::freeSlot(U64 entry) {
 
 // ---- Finding
 
-bool TableWriter::isSlot(U64 unit) const {
-  U64 const offset = unit * unitBytes;
-  if (offset < view_->header().chunkStart) return false;
-  U64 const chunk = (offset - view_->header().chunkStart) / chunkBytes;
-  U64 const inside = (offset - view_->header().chunkStart) % chunkBytes;
-  return chunk < kinds_.size() && kinds_[chunk] == Kind::slots && inside % view_->header().slotBytes == 0 &&
-         inside / view_->header().slotBytes < slotsPerChunk();
+// What lies before the chunks wraps to far behind them.
+std::optional<U64> TableWriter::slotNumber(U64 unit) const {
+  U64 const offset = unit * unitBytes - view_->header().chunkStart;
+  U64 const chunk = offset / chunkBytes;
+  if (chunk >= kinds_.size() || kinds_[chunk] != Kind::slots) return std::nullopt;
+  U64 const place = offset % chunkBytes / view_->header().slotBytes;
+  if (offset % chunkBytes % view_->header().slotBytes != 0 || place >= slotsPerChunk()) return std::nullopt;
+  return chunk * slotsPerChunk() + place;
 }
 
 U64 TableWriter::keyOf(U64 entry) const { return relaxed(view_->slot(entryUnit(entry))[2]); }
 
 // An entry that names a slot whose key has the entry's tag.
 bool TableWriter::isSound(U64 entry) const {
-  return entryIntact(entry) && isSlot(entryUnit(entry)) && tag(view_->hash(keyOf(entry))) == entryTag(entry);
+  return entryIntact(entry) && slotNumber(entryUnit(entry)) &&
+         tag(view_->hash(keyOf(entry))) == entryTag(entry);
 }
 
 // The line after `line`, which is the bucket's at `depth`; null at the end.
@@ -408,9 +397,9 @@ U32 TableWriter::takeLine() {
 
 // A change is written into the ring before it is published, and counted after it.
 void TableWriter::beginChange(U64 key) {
-  U64 const at = ringAt + (head_ & (view_->header().ringEntries - 1)) * 16;
-  store(*view_->word(at + 8), key);
-  store(*view_->word(at), stamp(head_, key));
+  Word* const change = view_->change(head_);
+  store(change[1], key);
+  store(change[0], stamp(head_, key));
 }
 
 // Sequentially consistent: the one word that a watcher reads before it sleeps.
@@ -508,16 +497,11 @@ void TableWriter::splitWhileFull() {
     while (!splitsOff_ && 4 * count_ > recordsPerFourBuckets * buckets_ && buckets_ < maxBuckets) split();
   } catch (NoSpaceException const&) {
   } catch (Pallo::CorruptionDetectedException const&) {
-    splitsOff_ = !triesToHeal();
-  }
-}
-
-bool TableWriter::triesToHeal() {
-  try {
-    heal();
-    return true;
-  } catch (Pallo::Exception const&) {
-    return false;
+    try {
+      heal();
+    } catch (Pallo::Exception const&) {
+      splitsOff_ = true;
+    }
   }
 }
 
@@ -651,10 +635,9 @@ void TableWriter::surveyBucket(Survey& survey, U64 bucket) {
     for (unsigned i = 0; i < entriesPerLine; ++i) {
       U64 const entry = relaxed(line[i]);
       if (entry == 0) continue;
-      if (!entryIntact(entry) || !isSlot(entryUnit(entry))) throwLinesDamage(bucket);
-      U64 const inside = entryUnit(entry) * unitBytes - view_->header().chunkStart;
-      U64 const place = inside % chunkBytes / view_->header().slotBytes;
-      survey.slots[inside / chunkBytes * slotsPerChunk() + place] = true;
+      auto const slot = slotNumber(entryUnit(entry));
+      if (!entryIntact(entry) || !slot) throwLinesDamage(bucket);
+      survey.slots[*slot] = true;
       ++survey.count;
     }
   }
@@ -687,8 +670,8 @@ std::optional<U64> TableWriter::adoptFree(Survey const& survey) {
 // replaced.
 void TableWriter::refuseLostRecord(Word const* slot) const {
   std::vector<U64> image(view_->imageWords());
-  Extent extent;
-  if (Slot::copy(slot, view_->room(), image.data(), extent) != Slot::Copy::whole) return;
+  U64 state;
+  if (Slot::copy(slot, view_->room(), image.data(), state) != Slot::Copy::whole) return;
   if (view_->changedKey(head_) != image[0])
     throw Pallo::CorruptionDetectedException(
         view_->damage(fmt::format("the index is damaged: the entry of key {} is missing", image[0])));
@@ -721,25 +704,21 @@ std::optional<FilePlace> TableWriter::walk(U64 hint) {
 
 // ---- The face
 
-class VANTREL_LOCAL FileWriter::State : public TableWriter {
- public:
-  using TableWriter::TableWriter;
-};
-
 FileWriter::FileWriter(std::string const& path, Shape const& shape, WriterOptions const& options)
-    : state_(std::make_unique<State>(path, shape, options)) {}
+    : writer_(std::make_unique<TableWriter>(path, shape, options)) {}
 FileWriter::~FileWriter() = default;
 void FileWriter::put(U64 key, std::byte const* image, Extent extent) {
-  state_->put(key, reinterpret_cast<U64 const*>(image), extent);
+  writer_->put(key, reinterpret_cast<U64 const*>(image), extent);
 }
-bool FileWriter::remove(U64 key) { return state_->remove(key); }
-std::vector<U64> FileWriter::removeAll() { return state_->removeAll(); }
+bool FileWriter::remove(U64 key) { return writer_->remove(key); }
+std::vector<U64> FileWriter::removeAll() { return writer_->removeAll(); }
 Extent FileWriter::read(U64 key, std::byte* image) const {
-  return state_->view().read(key, reinterpret_cast<U64*>(image));
+  return writer_->view().read(key, reinterpret_cast<U64*>(image));
 }
-std::optional<FilePlace> FileWriter::walk(U64 hint) const { return state_->walk(hint); }
-U64 FileWriter::size() const { return state_->view().size(); }
-U64 FileWriter::changes() const { return state_->view().head(); }
-WriterCounters FileWriter::counters() const { return state_->counters(); }
+Change FileWriter::changeOf(U64 key) const { return writer_->view().changeOf(key); }
+std::optional<FilePlace> FileWriter::walk(U64 hint) const { return writer_->walk(hint); }
+U64 FileWriter::size() const { return writer_->view().size(); }
+U64 FileWriter::changes() const { return writer_->view().head(); }
+WriterCounters FileWriter::counters() const { return writer_->counters(); }
 
 }  // namespace Shoal

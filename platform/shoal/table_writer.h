@@ -64,20 +64,21 @@ class TableWriter {
   struct Survey;
   using Chain = std::vector<Word*>;  // the lines of one bucket
 
-  TableWriter(std::string path, Pallo::Descriptor file);
-  void open(Pallo::Descriptor file);
+  explicit TableWriter(std::shared_ptr<Mapping> file);
+  void open(std::shared_ptr<Mapping> file);
   void heal();
   bool isNamed(U64 key, U64 unit);
-  void adopt(U64 key, Word const* damaged);
-  static Pallo::Descriptor remake(std::string const& path, Mapping const& old, Format::Header const& header,
-                                  Salvaged const& found);
+  void adopt(U64 key, Word const* found);
+  static std::shared_ptr<Mapping> remake(Mapping const& old, Format::Header const& header,
+                                         Salvaged const& found);
 
   void store(Word& word, U64 value);
   void storeGuarded(U64 offset, U64 value);
   void writeSlot(U64 unit, U64 const* image, Extent extent);
   void freeSlot(U64 entry);
 
-  bool isSlot(U64 unit) const;
+  // By chunk and place; nothing when no slot begins there.
+  std::optional<U64> slotNumber(U64 unit) const;
   U64 slotsPerChunk() const { return Format::chunkBytes / view_->header().slotBytes; }
   U64 keyOf(U64 entry) const;
   bool isSound(U64 entry) const;
@@ -104,7 +105,6 @@ class TableWriter {
   std::vector<U64> removeFound();
 
   void splitWhileFull();
-  bool triesToHeal();
   void split();
   void ensureIndexChunk(U64 bucket);
   void writeBucket(U64 bucket, std::vector<U64> const& entries);

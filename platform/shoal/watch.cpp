@@ -4,12 +4,9 @@
 #include <fmt/format.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
-#include <cstring>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -33,45 +30,20 @@ std::pair<U64, U64> identityOf(std::string const& path) {
   return {status.st_dev, status.st_ino};
 }
 
-[[noreturn]] void throwUnwatchable(std::string const& path, std::string_view why) {
-  throw FileException(FileException::Reason::unwatchable,
-                      fmt::format("{}: cannot be watched: {}", path, why));
-}
-
-Pallo::Poller pollerFor(std::string const& path) {
-  try {
-    return {};
-  } catch (std::system_error const& error) {
-    throwUnwatchable(path, error.code().message());
-  }
+FileException unwatchable(std::string const& path, std::system_error const& why) {
+  return {FileException::Reason::unwatchable,
+          fmt::format("{}: cannot be watched: {}", path, why.code().message())};
 }
 
 }  // namespace
 
-Watch::Watch(std::string tablePath)
-    : tablePath_(std::move(tablePath)),
-      fileName_(tablePath_.substr(tablePath_.rfind('/') + 1)),
-      poller_(pollerFor(tablePath_)),
-      timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
-  if (!timer_ || !poll(timer_.get(), timer)) throwUnwatchable(tablePath_, std::strerror(errno));
+Watch::Watch(std::string const& tablePath) try
+    : tablePath_(tablePath), fileName_(tablePath_.substr(tablePath_.rfind('/') + 1)) {
+  poller_.add(timer_.fd(), timer);
   lookAgain();
   watchDirectory();
-}
-
-void Watch::wakeIn(long nanoseconds) {
-  itimerspec const then{{1, 0}, {0, nanoseconds}};
-  timerfd_settime(timer_.get(), 0, &then, nullptr);
-}
-
-// False, with errno set, when the kernel watches no more.
-bool Watch::poll(int fd, U64 tag, U32 events) {
-  try {
-    poller_.add(fd, tag, events);
-    return true;
-  } catch (std::system_error const& error) {
-    errno = error.code().value();
-    return false;
-  }
+} catch (std::system_error const& error) {
+  throw unwatchable(tablePath, error);
 }
 
 // Whoever copies something onto the table's file closes it afterwards, and so does the table's writer, dying.
@@ -80,7 +52,11 @@ void Watch::watchDirectory() {
   Pallo::Descriptor news(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
   U32 const events = IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE;
   if (!news || inotify_add_watch(news.get(), parentOf(tablePath_).c_str(), events) < 0) return;
-  if (poll(news.get(), directory)) directoryNews_ = std::move(news);
+  try {
+    poller_.add(news.get(), directory);
+    directoryNews_ = std::move(news);
+  } catch (std::system_error const&) {  // the kernel watches no more: the look once a second must do
+  }
 }
 
 void Watch::unwatchDirectory() {
@@ -119,8 +95,7 @@ Watch::News Watch::drain(int table) {
   Pallo::Poller::Events events;
   for (auto const& event : poller_.ready(events)) {
     if (event.tag == timer) {
-      U64 count;
-      everything |= read(timer_.get(), &count, sizeof count) > 0;
+      everything |= timer_.runsOut();
     } else if (event.tag == directory) {
       readDirectoryNews(news);
     } else if (registration_) {
@@ -146,10 +121,11 @@ void Watch::registerAnew(int table, News& news) {
   std::string problem;
   try {
     registration_.emplace(tablePath_, table);
-    if (!poll(registration_->fd(), fifo, EPOLLIN | EPOLLET))
-      throwUnwatchable(tablePath_, std::strerror(errno));
-  } catch (FileException const& error) {
+    poller_.add(registration_->fd(), fifo, EPOLLIN | EPOLLET);
+  } catch (std::system_error const& error) {
     registration_.reset();
+    problem = unwatchable(tablePath_, error).what();
+  } catch (FileException const& error) {
     if (error.reason() != FileException::Reason::missing) problem = error.what();
   } catch (Pallo::Exception const& error) {
     problem = error.what();

@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "pallo/descriptor.h"
+#include "pallo/events.h"
 #include "pallo/poller.h"
 #include "shoal/presence.h"
 
@@ -27,13 +28,13 @@ namespace Shoal {
 
 class Watch {
  public:
-  explicit Watch(std::string tablePath);
+  explicit Watch(std::string const& tablePath);
 
   int fd() const { return poller_.fd(); }
   void asleepIs(bool asleep);
   // Makes the descriptor readable at once, or in a tenth of a second.
-  void lookAgain() { wakeIn(1); }
-  void lookAgainSoon() { wakeIn(100'000'000); }
+  void lookAgain() { timer_.startIs(atOnce, period); }
+  void lookAgainSoon() { timer_.startIs(soon, period); }
 
   struct News {
     bool fileMayBeAnother = false;
@@ -44,8 +45,9 @@ class Watch {
   News drain(int table);
 
  private:
-  void wakeIn(long nanoseconds);
-  bool poll(int fd, U64 tag, U32 events = EPOLLIN);
+  static constexpr double atOnce = 2e-9;  // seconds; zero would stop the timer
+  static constexpr double soon = 0.1;
+  static constexpr double period = 1;
   void watchDirectory();
   void unwatchDirectory();
   void readDirectoryNews(News& news);
@@ -54,7 +56,7 @@ class Watch {
   std::string const tablePath_;
   std::string const fileName_;
   Pallo::Poller poller_;
-  Pallo::Descriptor timer_;
+  Pallo::Timer timer_;
   Pallo::Descriptor directoryNews_;
   std::pair<U64, U64> directoryWatched_;  // device and inode: the path may lead to another by now
   std::optional<Registration> registration_;

@@ -37,8 +37,11 @@ class WriterTable : public Table<R> {
     Traits::accept(record, extent);
     return record;
   }
-  std::optional<Place> first() const override { return placeOf(file_.walk(0)); }
-  std::optional<Place> next(Place const& place) const override { return placeOf(file_.walk(place.hint)); }
+  Change changeOf(Key const& key) const override { return file_.changeOf(key.value()); }
+  std::optional<Place> first() const override { return this->placeOf(file_.walk(0)); }
+  std::optional<Place> next(Place const& place) const override {
+    return this->placeOf(file_.walk(place.hint));
+  }
   U64 size() const override { return file_.size(); }
 
   void entryIs(R const& record) override {
@@ -59,10 +62,6 @@ class WriterTable : public Table<R> {
   U64 changes() const { return file_.changes(); }
 
  private:
-  static std::optional<Place> placeOf(std::optional<FilePlace> const& place) {
-    if (!place) return std::nullopt;
-    return Place{Key(place->key), place->hint};
-  }
   FileWriter file_;
 };
 

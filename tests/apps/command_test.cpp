@@ -397,6 +397,48 @@ TEST_F(CommandTest, WaitingLoadReportsADeadAgentAndAwaitsTheNext) {
   stop(*daemon);
 }
 
+TEST_F(CommandTest, LoadIsLateWhenItsAgentDies) {
+  std::vector<Acl::Rule> const rules = Acl::generateRules(6, 1000);
+  auto daemon = agent({"--hw-latency-us", "20000"});
+  auto const waiting = start({"load", writeRules(rules), "--wait", "--timeout", "1", "--dir", tables()});
+  Shoal::ReaderTable<EntryStatus> const statuses(tables() + "/status.shoal");
+  ASSERT_TRUE(eventually([&] { return statuses.size() > 0; }));
+  daemon->signal(SIGKILL);
+  daemon->wait();
+  EXPECT_EQ(waiting->wait(), 1);
+  EXPECT_THAT(waiting->err(), HasSubstr(" keys are not acknowledged within 1 s; cannot reach the agent at "));
+  EXPECT_THAT(waiting->out(), IsEmpty());
+  daemon = agent();
+  EXPECT_EQ(at({"load", dir / "rules", "--wait", "--timeout", "60"}).status, 0);
+  expectLoaded(rules);
+  stop(*daemon);
+}
+
+// The next agent never had the entries that go, and acknowledges that they are gone.
+TEST_F(CommandTest, LoadEndsItsDeletesWithTheNextAgent) {
+  std::vector<Acl::Rule> rules = Acl::generateRules(6, 300);
+  auto daemon = agent({"--hw-latency-us", "5000"});
+  ASSERT_EQ(at({"load", writeRules(rules), "--wait", "--timeout", "60"}).status, 0);
+  rules.erase(rules.begin(), rules.begin() + 200);
+  auto const waiting = start({"load", writeRules(rules), "--wait", "--dir", tables()});
+  Shoal::ReaderTable<EntryConfig> const configs(config());
+  auto const marked = [&] {
+    U64 n = 0;
+    for (auto place = configs.first(); place; place = configs.next(*place))
+      n += configs.entry(place->key).isDel();
+    return n;
+  };
+  ASSERT_TRUE(eventually([&] { return marked() > 0; }));
+  daemon->signal(SIGKILL);
+  daemon->wait();
+  ASSERT_GT(marked(), 0U);
+  daemon = agent();
+  EXPECT_EQ(waiting->wait(), 0) << waiting->err();
+  EXPECT_EQ(marked(), 0U);
+  expectLoaded(rules);
+  stop(*daemon);
+}
+
 // Everything is acknowledged by an agent that is gone; only the flush is waited for.
 TEST_F(CommandTest, WaitingLoadReportsThatNoAgentIsThere) {
   std::string const rules = writeRules(Acl::generateRules(6, 100));

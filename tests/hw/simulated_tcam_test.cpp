@@ -156,7 +156,7 @@ TEST_F(SimulatedTcamTest, addAndMoveNeedAFreePosition) {
   EXPECT_EQ(tcam_->audit(), "");
 }
 
-TEST_F(SimulatedTcamTest, noKeyTwice) {
+TEST_F(SimulatedTcamTest, refusesAKeyThatIsThere) {
   tcam_->addEntry(record(1, 11, 0, 10, 100));
   EXPECT_EQ(ruleBroken([&] { tcam_->addEntry(record(1, 12, 0, 10, 101)); }), Rule::KeyAbsent);
   EXPECT_THAT(said_, HasSubstr("add at 101: key 1 (group 0, priority 10, position 100) is there already"));

@@ -331,7 +331,7 @@ TEST(TimerfdWheel, survivesTimesFarAway) {
 }
 
 // Many sleepers against a plain sorted list.
-TEST(VirtualWheel, manySleepersInOrder) {
+TEST(VirtualWheel, wakesManySleepersInOrder) {
   std::mt19937 random(7);
   std::vector<int> log;
   auto const wheel = Ostra::make<VirtualWheel>();

@@ -23,12 +23,7 @@
 namespace Lumelog {
 namespace {
 
-using Test::LogPtr;
-using Test::make;
-using Test::readFile;
-using Test::small;
-using Test::TempDir;
-using Test::writeFile;
+using namespace Test;
 using testing::ElementsAre;
 
 // The hexadecimal bytes behind a mark of the page.

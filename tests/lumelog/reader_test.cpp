@@ -20,13 +20,7 @@
 namespace Lumelog {
 namespace {
 
-using Test::LogPtr;
-using Test::make;
-using Test::messages;
-using Test::readFile;
-using Test::small;
-using Test::TempDir;
-using Test::writeFile;
+using namespace Test;
 
 void recordNumber(Log* log, U64 i) {
   switch (i % 3) {
@@ -294,7 +288,7 @@ class Damaged : public testing::Test {
   std::vector<std::string> all_;
 };
 
-TEST_F(Damaged, NotATraceFile) {
+TEST_F(Damaged, AnotherFileIsRefused) {
   for (std::string const& bytes : {std::string(), std::string("hello"), std::string(100000, '\0')}) {
     writeFile(dir_ / "c.lg", bytes);
     EXPECT_THROW(Reader(dir_ / "c.lg"), Pallo::Exception);
@@ -360,7 +354,7 @@ TEST_F(Damaged, AWrongEndOfTheSitesCostsNothing) {
   EXPECT_EQ(shown(damage), all_);
 }
 
-TEST_F(Damaged, CutShortAtAnyPlace) {
+TEST_F(Damaged, AFileCutAnywhereShowsTheRest) {
   std::string const whole = bytes_;
   for (std::size_t size = whole.size(); size > 4096; size -= std::min<std::size_t>(size, 3001)) {
     bytes_ = whole.substr(0, size);

@@ -1,48 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
-// A directory for one test, gone with it, and what the tests write and read there.
+// What the tests of trace files write and read in a directory of their own.
 #pragma once
 
 #include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <vector>
+
+#include "tests/support/temp_dir.h"
 
 namespace Lumelog::Test {
 
-class TempDir {
- public:
-  TempDir() {
-    std::string name = (std::filesystem::temp_directory_path() / "lumelog-XXXXXX").string();
-    if (!mkdtemp(name.data())) std::abort();
-    path_ = name;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TempDir(TempDir const&) = delete;
-  TempDir& operator=(TempDir const&) = delete;
-
-  std::string path() const { return path_; }
-  std::string operator/(std::string const& name) const { return path_ + "/" + name; }
-  std::vector<std::string> names() const {
-    std::vector<std::string> result;
-    for (auto const& entry : std::filesystem::directory_iterator(path_))
-      result.push_back(entry.path().filename());
-    std::sort(result.begin(), result.end());
-    return result;
-  }
-
- private:
-  std::string path_;
-};
+using TestSupport::TempDir;
 
 inline std::string readFile(std::string const& path) {
   std::ifstream in(path, std::ios::binary);

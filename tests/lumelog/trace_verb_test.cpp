@@ -20,10 +20,7 @@
 namespace Lumelog {
 namespace {
 
-using Test::LogPtr;
-using Test::readFile;
-using Test::TempDir;
-using Test::writeFile;
+using namespace Test;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;

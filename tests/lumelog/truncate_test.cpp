@@ -30,14 +30,7 @@
 namespace Lumelog {
 namespace {
 
-using Test::LogPtr;
-using Test::make;
-using Test::messages;
-using Test::mountSmallDisk;
-using Test::readFile;
-using Test::small;
-using Test::TempDir;
-using Test::writeFile;
+using namespace Test;
 
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -39,8 +39,8 @@ TEST_F(ByNameTest, AreListedInTheOrderOfDeclaration) {
   std::vector<std::string> listed;
   for (Ostra::Attribute const* a : type_.attributes()) listed.push_back(a->name + " " + a->type);
   EXPECT_THAT(listed, ElementsAre("level U8", "title text", "ratio double", "locked bool", "fixed U32",
-                                  "ordered U32 -> text", "hashed U64 -> U64", "flat U64 -> U64", "add (U8)",
-                                  "above (U64)", "reached ()", "fail ()", "version U32"));
+                                  "ordered U32 -> text", "hashed U64 -> U64", "add (U8)", "above (U64)",
+                                  "reached ()", "fail ()", "version U32"));
 }
 
 TEST_F(ByNameTest, AreReadAndWritten) {
@@ -152,27 +152,28 @@ TEST_F(ByNameTest, MembersAreReadAndWrittenOneByOneAndAll) {
 class WalkTest : public testing::TestWithParam<char const*> {};
 
 TEST_P(WalkTest, ReachesEveryMemberThatStays) {
+  constexpr U64 members = 11'000;  // a hash map falls into pieces meanwhile
   std::string const name = GetParam();
   Ostra::TypeInfo const& type = Sample::staticType();
   Sample sample("sample");
   Value const value = name == "ordered" ? Value(std::string("x")) : Value(U64{1});
-  for (U64 k = 0; k < 3000; ++k) type.memberIs(sample, name, k, value);
+  for (U64 k = 0; k < members; ++k) type.memberIs(sample, name, k, value);
   std::set<U64> seen;
   Ostra::MemberCursor cursor;
-  U64 comes = 3000, goes = 0, slices = 0;
+  U64 comes = members, goes = 0, slices = 0;
   while (!cursor.done) {
     Ostra::Members slice;
     type.membersFrom(sample, name, cursor, 64, slice);
-    ASSERT_LE(slice.size(), 64u + 16u) << "a slice is a slice";
+    ASSERT_LE(slice.size(), 64u) << "a slice is a slice";
     for (auto const& [k, v] : slice) {
       EXPECT_EQ(value, v);
       seen.insert(std::get<U64>(k));
     }
-    for (int i = 0; i < 100 && comes < 8000; ++i) type.memberIs(sample, name, U64{comes++}, value);
+    for (int i = 0; i < 100 && comes < 2 * members; ++i) type.memberIs(sample, name, U64{comes++}, value);
     for (int i = 0; i < 5 && goes < 1000; ++i) type.memberDel(sample, name, U64{goes++});
     ASSERT_LT(++slices, 10000u) << "the walk ends";
   }
-  for (U64 k = 1000; k < 3000; ++k) ASSERT_TRUE(seen.contains(k)) << k;
+  for (U64 k = 1000; k < members; ++k) ASSERT_TRUE(seen.contains(k)) << k;
 }
 
 // Keys in sixteen small maps. Counts how often the members of each are gone through.
@@ -245,7 +246,7 @@ TEST_P(WalkTest, OfNothingEndsAtOnce) {
   EXPECT_TRUE(slice.empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Every, WalkTest, testing::Values("ordered", "hashed", "flat"));
+INSTANTIATE_TEST_SUITE_P(Every, WalkTest, testing::Values("ordered", "hashed"));
 
 }  // namespace
 }  // namespace OstraTest

@@ -13,6 +13,7 @@
 #include "ostra/publish.h"
 #include "raw_peer.h"
 #include "sample.h"
+#include "tests/support/temp_dir.h"
 
 namespace OstraTest {
 namespace {
@@ -59,7 +60,7 @@ class PublishProcessTest : public testing::Test {
     }
   }
 
-  TemporaryDirectory dir_;
+  TestSupport::TempDir const dir_;
   std::string const path_ = dir_.path() + "/mgmt.sock";
   Ostra::Ptr<Sample> sample_ = Ostra::make<Sample>("sample");
   std::unique_ptr<Ostra::Publisher> publisher_;

@@ -10,6 +10,7 @@
 
 #include "raw_peer.h"
 #include "sample.h"
+#include "tests/support/temp_dir.h"
 
 namespace OstraTest {
 
@@ -67,7 +68,7 @@ class Published : public testing::Test {
     }
   }
 
-  TemporaryDirectory dir_;
+  TestSupport::TempDir const dir_;
   std::string const path_ = dir_.path() + "/mgmt.sock";
   Ostra::Ptr<Sample> sample_ = Ostra::make<Sample>("sample");
   std::unique_ptr<Ostra::Publisher> publisher_;

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -21,23 +20,6 @@
 namespace OstraTest {
 
 using Json = nlohmann::ordered_json;
-
-// A directory that goes with its owner.
-class TemporaryDirectory {
- public:
-  TemporaryDirectory() {
-    char name[] = "/tmp/ostra-test-XXXXXX";
-    path_ = ::mkdtemp(name);
-  }
-  ~TemporaryDirectory() {
-    std::string const remove = "rm -rf " + path_;
-    if (::system(remove.c_str()) != 0) std::perror(path_.c_str());
-  }
-  std::string const& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 class RawPeer {
  public:

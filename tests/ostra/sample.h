@@ -4,14 +4,13 @@
 
 #include <fmt/format.h>
 
-#include <boost/unordered/unordered_flat_map.hpp>
-#include <boost/unordered/unordered_map.hpp>
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "ostra/entity.h"
+#include "ostra/piecewise_map.h"
 #include "ostra/type_info.h"
 
 namespace OstraTest {
@@ -25,11 +24,9 @@ class Sample : public Ostra::Entity {
     virtual void onVersion() {}
     virtual void onOrdered(U32 const&) {}
     virtual void onHashed(U64 const&) {}
-    virtual void onFlat(U64 const&) {}
   };
   using Ordered = std::map<U32, std::string>;
-  using Hashed = boost::unordered_map<U64, U64>;
-  using Flat = boost::unordered_flat_map<U64, U64>;
+  using Hashed = Ostra::PiecewiseMap<U64, U64>;
 
   using Entity::Entity;
   ~Sample() override {
@@ -56,9 +53,7 @@ class Sample : public Ostra::Entity {
   void hashedIs(U64 k, U64 v) { memberIs("hashed", hashed_, k, v, &Notifiee::onHashed); }
   U64 hashedDel(U64 k) { return memberDel("hashed", hashed_, k, &Notifiee::onHashed); }
   void hashedDelAll() { membersDelAll("hashed", hashed_, &Notifiee::onHashed); }
-  Flat const& flat() const { return flat_; }
-  void flatIs(U64 k, U64 v) { memberIs("flat", flat_, k, v, &Notifiee::onFlat); }
-  U64 flatDel(U64 k) { return memberDel("flat", flat_, k, &Notifiee::onFlat); }
+  std::map<U64, U64> hashedInOrder() const { return {hashed_.begin(), hashed_.end()}; }
 
   void add(U8 n) { levelIs(static_cast<U8>(level_ + n)); }
   U64 above(U64 n) const { return n + level_; }
@@ -77,7 +72,6 @@ class Sample : public Ostra::Entity {
             .attribute("fixed", &S::fixed)
             .collection("ordered", &S::ordered, &S::orderedIs, &S::orderedDel)
             .collection("hashed", &S::hashed, &S::hashedIs, &S::hashedDel)
-            .collection("flat", &S::flat, &S::flatIs, &S::flatDel)
             .refusedBecause(+[](S const& s) { return std::string(s.locked() ? "it is locked" : ""); })
             .operation("add", &S::add)
             .operation("above", &S::above)
@@ -100,7 +94,6 @@ class Sample : public Ostra::Entity {
   U32 version_ = 0;
   Ordered ordered_;
   Hashed hashed_;
-  Flat flat_;
 };
 
 // Writes down what it hears, then does what the test asked for.
@@ -114,7 +107,6 @@ class Diary : public Sample::Notifiee {
   void onVersion() override { wrote(fmt::format("version {}", notifier()->version())); }
   void onOrdered(U32 const& k) override { wrote(fmt::format("ordered {}", k)); }
   void onHashed(U64 const& k) override { wrote(fmt::format("hashed {}", k)); }
-  void onFlat(U64 const& k) override { wrote(fmt::format("flat {}", k)); }
 
   std::vector<std::string> const& lines() const { return *lines_; }
   std::vector<std::string> take() { return std::exchange(*lines_, {}); }

@@ -9,31 +9,14 @@
 #include <optional>
 #include <vector>
 
-#include "pallo/exception.h"
 #include "producer/producer.h"
-#include "shoal/local_table.h"
+#include "tests/support/damageable_table.h"
 
 namespace Vantrel {
 
 class ProducerTest : public testing::Test {
  protected:
-  // One record of it can be damaged, until it is written again.
-  class Config : public Shoal::LocalTable<EntryConfig> {
-   public:
-    EntryConfig entry(EntryKey const& key) const override {
-      if (damaged == key) throw Pallo::CorruptionDetectedException("the record is damaged");
-      return LocalTable::entry(key);
-    }
-    void entryIs(EntryConfig const& record) override {
-      if (damaged == record.key()) damaged.reset();
-      LocalTable::entryIs(record);
-    }
-    void entryDel(EntryKey const& key) override {
-      if (damaged == key) damaged.reset();
-      LocalTable::entryDel(key);
-    }
-    std::optional<EntryKey> damaged;
-  };
+  using Config = TestSupport::DamageableTable;
   using Status = Shoal::LocalTable<EntryStatus>;
 
   Ostra::Ptr<Config> config = Ostra::make<Config>();

@@ -172,6 +172,18 @@ TEST_F(ProducerTest, StepsOverADamagedRecordAndHealsIt) {
   EXPECT_EQ(record(2).hdl(), 10U) << "above every handle that was ever chosen";
 }
 
+TEST_F(ProducerTest, GivesAHealedKeyAFreeHandle) {
+  for (U64 key = 1; key <= 3; ++key) put(key, 10, static_cast<U32>(key));
+  config->damaged = EntryKey(2);
+  put(2, 20, 9);
+  U32 const handle = record(2).hdl();
+  EXPECT_EQ(handle, 4U) << "no key's, the damaged record's neither";
+  put(2, 20, 10);
+  EXPECT_EQ(record(2).hdl(), handle) << "it keeps it";
+  put(4, 30, 11);
+  EXPECT_EQ(record(4).hdl(), 5U);
+}
+
 TEST_F(ProducerTest, DeletesADamagedRecord) {
   put(1, 10, 5);
   put(2, 20, 6);

@@ -20,20 +20,20 @@ TEST_F(RulesTest, ANewVersionOfTheSameEntryIsTaken) {
   EXPECT_EQ(put(entry(1, version(3, 8), 11, 2, 10, 6, {0xA, 0xC})), std::nullopt);
 }
 
-TEST_F(RulesTest, ExactlyOneTableIndex) {
+TEST_F(RulesTest, AnEntryHasOneTableIndex) {
   EXPECT_EQ(put(EntryConfig(EntryKey(2), OpId(version(2, 0)), 12, 0, 10)), Rule::OneTableIndex);
   EntryConfig two = entry(2, version(2, 0), 12, 0, 10, 5);
   two.tableIndexIs(TableKey(1), 6);
   EXPECT_EQ(put(two), Rule::OneTableIndex);
 }
 
-TEST_F(RulesTest, PositionAndGroupInsideTheMapping) {
+TEST_F(RulesTest, PositionAndGroupLieInTheMapping) {
   EXPECT_EQ(put(entry(2, version(2, 0), 12, 0, 10, 1U << 19)), Rule::Mapping);
   EXPECT_EQ(put(entry(2, version(2, 0), 12, 8192, 10, 0)), Rule::Mapping);
   EXPECT_EQ(put(entry(2, version(2, 0), 12, 8191, 10, (1U << 19) - 1)), std::nullopt);
 }
 
-TEST_F(RulesTest, PositionAndGroupInsideTheAlgorithmicMapping) {
+TEST_F(RulesTest, PositionAndGroupLieInAlgorithmicMapping) {
   producer = std::make_unique<Producer>(config, status, Mapping::algorithmic(4));
   EXPECT_EQ(put(entry(2, version(2, 0), 12, 2, 10, 4001)), Rule::Mapping);
   EXPECT_EQ(put(entry(2, version(2, 0), 12, 1, 10, 4001)), std::nullopt);

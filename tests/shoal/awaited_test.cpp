@@ -82,7 +82,6 @@ struct Obstacle {
   std::function<void(std::string const&)> put;
   std::string said;
 };
-void PrintTo(Obstacle const& obstacle, std::ostream* out) { *out << obstacle.name; }
 
 // The first bytes of a table file.
 void putHalfATable(std::string const& path, std::size_t bytes) {
@@ -102,30 +101,6 @@ void spoilHead(std::string const& path) {
   file.write("damaged!", 8);
 }
 
-class Blocked : public testing::TestWithParam<Obstacle> {};
-
-TEST_P(Blocked, IsSaidOnceAndWaitedFor) {
-  for (bool const before : {true, false}) {
-    Directory dir;
-    std::string const path = dir / "t";
-    if (before) GetParam().put(path);
-    Watched w(path, Presence::awaited);
-    if (!before) GetParam().put(path);
-    w.awaitLook();
-    w.awaitLook();
-    expectEmpty(w);
-    EXPECT_THAT(w.reader->problem(), HasSubstr(GetParam().said));
-    EXPECT_EQ(w.reader->corruptions(), 1U) << w.reader->lastCorruption();
-    EXPECT_THAT(w.reader->lastCorruption(), HasSubstr(GetParam().said));
-    EXPECT_FALSE(readable(w.reader->fd(), atOnce)) << "it looks once a second";
-    fs::remove_all(path);
-    w.awaitLook();
-    EXPECT_THAT(w.reader->problem(), IsEmpty()) << "nothing is in its place any more";
-    expectFollowed(w, path);
-    EXPECT_EQ(w.reader->corruptions(), 1U) << w.reader->lastCorruption();
-  }
-}
-
 Obstacle const obstacles[] = {
     {"Directory", [](std::string const& path) { fs::create_directory(path); }, "/t is not a regular file"},
     {"Fifo", [](std::string const& path) { mkfifo(path.c_str(), 0600); }, "/t is not a regular file"},
@@ -137,8 +112,39 @@ Obstacle const obstacles[] = {
     {"HalfATable", [](std::string const& path) { putHalfATable(path, 700000); }, "/t is cut short"},
     {"DamagedHead", spoilHead, "number of changes"},
 };
-INSTANTIATE_TEST_SUITE_P(Awaited, Blocked, testing::ValuesIn(obstacles),
-                         [](auto const& obstacle) { return obstacle.param.name; });
+
+void expectSaidOnceAndWaitedFor(Obstacle const& obstacle, bool before) {
+  Directory dir;
+  std::string const path = dir / "t";
+  if (before) obstacle.put(path);
+  Watched w(path, Presence::awaited);
+  if (!before) obstacle.put(path);
+  w.awaitLook();
+  w.awaitLook();
+  expectEmpty(w);
+  EXPECT_THAT(w.reader->problem(), HasSubstr(obstacle.said));
+  EXPECT_EQ(w.reader->corruptions(), 1U) << w.reader->lastCorruption();
+  EXPECT_THAT(w.reader->lastCorruption(), HasSubstr(obstacle.said));
+  EXPECT_FALSE(readable(w.reader->fd(), atOnce)) << "it looks once a second";
+  fs::remove_all(path);
+  w.awaitLook();
+  EXPECT_THAT(w.reader->problem(), IsEmpty()) << "nothing is in its place any more";
+  expectFollowed(w, path);
+  EXPECT_EQ(w.reader->corruptions(), 1U) << w.reader->lastCorruption();
+}
+
+// Each in a process of its own and all at once: what they do most is wait for a look.
+TEST(Awaited, SaysOnceWhatIsInItsPlace) {
+  std::vector<std::pair<pid_t, std::string>> children;
+  for (Obstacle const& obstacle : obstacles)
+    for (bool const before : {true, false})
+      children.emplace_back(startChild([&] {
+                              expectSaidOnceAndWaitedFor(obstacle, before);
+                              return testing::Test::HasFailure() ? 1 : 0;
+                            }),
+                            obstacle.name + std::string(before ? " before" : " after"));
+  for (auto const& [child, name] : children) EXPECT_EQ(statusOf(child), 0) << name;
+}
 
 // A table that is copied to its place in pieces is followed when it is whole.
 TEST(Awaited, IsFollowedWhenItsCopyIsWhole) {

@@ -40,6 +40,12 @@ void pokeWord(std::string const& path, U64 offset, U64 word) {
   poke(path, offset, {reinterpret_cast<char const*>(&word), sizeof word});
 }
 
+// Fifty records, of keys 1 to 50.
+void makeTable(std::string const& path) {
+  Writer writer(path);
+  for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
+}
+
 void expectRefused(std::string const& path, Reason reason, std::string const& text) {
   try {
     Reader const reader(path);
@@ -110,10 +116,7 @@ U64 slotOf(std::string const& path, U64 key) {
 
 TEST(Damage, CostsTheDamagedRecordAlone) {
   Directory dir;
-  {
-    Writer writer(dir / "t");
-    for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
-  }
+  makeTable(dir / "t");
   U64 const slot = slotOf(dir / "t", 7);
   auto reader = Ostra::make<Reader>(dir / "t");
   for (U64 const at : {slot + 0, slot + 8, slot + 24, slot + 40, slot + 96}) {
@@ -136,10 +139,7 @@ TEST(Damage, CostsTheDamagedRecordAlone) {
 
 TEST(Damage, OfAKeyIsReportedAndHealedByAWrite) {
   Directory dir;
-  {
-    Writer writer(dir / "t");
-    for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
-  }
+  makeTable(dir / "t");
   U64 const slot = slotOf(dir / "t", 7);
   poke(dir / "t", slot + 16, "\x70");
   auto const reader = Ostra::make<Reader>(dir / "t");
@@ -157,10 +157,7 @@ TEST(Damage, OfAKeyIsReportedAndHealedByAWrite) {
 // Where the index is made anew, a record that is damaged beside it does not become an absent one.
 TEST(Damage, OfARecordOutlivesAHealing) {
   Directory dir;
-  {
-    Writer writer(dir / "t");
-    for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
-  }
+  makeTable(dir / "t");
   pokeWord(dir / "t", slotOf(dir / "t", 8) + 24, 5);
   pokeWord(dir / "t", Shoal::Format::countAt, 5);
   Writer writer(dir / "t");
@@ -194,10 +191,7 @@ TEST(Damage, OfAnEntryBringsNoOldRecordBack) {
 
 TEST(Damage, OfAnEntryIsHealedAtTheNextOpening) {
   Directory dir;
-  {
-    Writer writer(dir / "t");
-    for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
-  }
+  makeTable(dir / "t");
   pokeWord(dir / "t", entryOf(dir / "t", 7), 0);
   EXPECT_THAT(Shoal::inspect(dir / "t").damage, testing::Contains(HasSubstr("of key 7, has no entry")));
   Writer const writer(dir / "t");
@@ -258,10 +252,7 @@ TEST(Damage, ByTruncationIsNotHealedInSilence) {
 
 TEST(Damage, OfTheIndexIsSaidAtTheEndOfTheWalk) {
   Directory dir;
-  {
-    Writer writer(dir / "t");
-    for (U64 key = 1; key <= 50; ++key) writer.entryIs(record(key, 1));
-  }
+  makeTable(dir / "t");
   U64 const at = entryOf(dir / "t", 7);
   poke(dir / "t", at, std::string(1, static_cast<char>(bytesOf(dir / "t")[at] ^ 4)));
   Reader reader(dir / "t");

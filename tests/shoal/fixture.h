@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <functional>
@@ -17,6 +16,7 @@
 
 #include "shoal/reader_table.h"
 #include "shoal/writer_table.h"
+#include "tests/support/temp_dir.h"
 #include "vantrel/core/tables.h"
 
 namespace ShoalTest {
@@ -29,20 +29,9 @@ using Vantrel::TableKey;
 using Writer = Shoal::WriterTable<Config>;
 using Reader = Shoal::ReaderTable<Config>;
 
-// A directory in memory, gone with the object.
-class Directory {
- public:
-  Directory() {
-    std::string name = "/dev/shm/shoal-test-XXXXXX";
-    if (!mkdtemp(name.data())) throw std::runtime_error("mkdtemp failed");
-    path_ = name;
-  }
-  ~Directory() { std::filesystem::remove_all(path_); }
-  std::string operator/(std::string const& name) const { return path_ + "/" + name; }
-  std::string const& path() const { return path_; }
-
- private:
-  std::string path_;
+// A directory in memory.
+struct Directory : TestSupport::TempDir {
+  Directory() : TempDir("/dev/shm") {}
 };
 
 // A record whose every field follows from key and version: a mixture of two records shows.

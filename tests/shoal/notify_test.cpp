@@ -94,6 +94,24 @@ TEST(Notification, TellsRemovalOfKeyThatCameBackMeanwhile) {
   }
 }
 
+// Its watcher looked it up again on its own account, between two notifications.
+TEST(Notification, TellsRemovalOfKeyFoundBeforeItWasTold) {
+  Directory dir;
+  Writer writer(dir / "t", {.ringEntries = 16});
+  Watched w(dir / "t");
+  writer.entryIs(record(1, 1));
+  settle(*w.reader, 10);
+  writer.entryDel(EntryKey(1));
+  settle(*w.reader, 10);
+  ASSERT_EQ(w.watcher.keys, (std::vector<U64>{1, 1}));
+  writer.entryIs(record(1, 2));
+  EXPECT_EQ(w.reader->entry(EntryKey(1)), record(1, 2));
+  writer.entryDel(EntryKey(1));
+  for (U64 i = 0; i < 40; ++i) writer.entryIs(record(2, 3 + i));
+  settle(*w.reader, 10);
+  EXPECT_EQ(w.watcher.keys, (std::vector<U64>{1, 1, 1}));
+}
+
 // Notes keys and looks nothing up.
 class Listener : public Shoal::Table<Config>::Notifiee {
  public:

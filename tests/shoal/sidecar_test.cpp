@@ -437,6 +437,43 @@ TEST(Sidecar, AWatcherWithoutAGuardForItsFlagsLooks) {
 
 // ---- Users
 
+struct stat statusAt(std::string const& path) {
+  struct stat status {};
+  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+  return status;
+}
+
+TEST(ReplacedFile, KeepsItsModeAndGroup) {
+  Directory dir;
+  { Writer const make(dir / "t"); }
+  gid_t const group = isRoot() ? team : getegid();
+  ASSERT_EQ(chown((dir / "t").c_str(), -1U, group), 0);
+  ASSERT_EQ(chmod((dir / "t").c_str(), 0644), 0);
+  mode_t const before = umask(077);
+  { Writer const writer(dir / "t", {.replace = true}); }
+  umask(before);
+  EXPECT_EQ(statusAt(dir / "t").st_mode & 07777, 0644U);
+  EXPECT_EQ(statusAt(dir / "t").st_gid, group);
+  EXPECT_EQ(statusAt(dir / "t.watch").st_mode & 07777, 0755U) << "whoever may read may watch";
+}
+
+TEST(ReplacedFile, GivesItsGroupsRightsToNoOther) {
+  if (!isRoot()) GTEST_SKIP() << "only root becomes other users";
+  Directory dir;
+  { Writer const make(dir / "t"); }
+  for (std::string const& path : {dir.path(), dir / "t"}) ASSERT_EQ(chown(path.c_str(), owner, team), 0);
+  ASSERT_EQ(chmod((dir / "t").c_str(), 0664), 0);
+  fs::remove_all(dir / "t.watch");
+  EXPECT_EQ(statusOf(startChild([&] {
+              become(owner, owner);  // who is not in the team
+              Writer const writer(dir / "t", {.replace = true});
+              return 0;
+            })),
+            0);
+  EXPECT_EQ(statusAt(dir / "t").st_gid, owner);
+  EXPECT_EQ(statusAt(dir / "t").st_mode & 07777, 0604U);
+}
+
 // The owner writes under a umask; another of its group reads and is woken, a stranger is refused or reads,
 // as the table's mode says.
 class Umask : public testing::TestWithParam<mode_t> {};

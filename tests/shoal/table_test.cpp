@@ -14,6 +14,7 @@
 #include <random>
 
 #include "fixture.h"
+#include "shoal/inspect.h"
 #include "shoal/table_writer.h"
 
 namespace ShoalTest {
@@ -37,6 +38,62 @@ TEST(SharedTable, ReadsWhatWasWritten) {
   writer.entryDel(EntryKey(5));
   EXPECT_EQ(reader.entry(EntryKey(5)), Config());
   EXPECT_EQ(reader.size(), 0U);
+}
+
+TEST(SharedTable, GivesEachWriteOfAKeyANewChange) {
+  Directory dir;
+  Writer writer(dir / "t");
+  Reader reader(dir / "t");
+  EXPECT_EQ(reader.changeOf(EntryKey(5)), Shoal::Change());
+  std::vector<Shoal::Change> seen;
+  for (U64 round = 0; round < 40; ++round) {
+    writer.entryIs(record(5, 1));
+    Shoal::Change const change = reader.changeOf(EntryKey(5));
+    EXPECT_EQ(std::ranges::count(seen, change), 0) << round;
+    for (U64 key = 100 * round; key < 100 * round + 100; ++key) writer.entryIs(record(key + 6, 1));
+    EXPECT_EQ(reader.changeOf(EntryKey(5)), change) << "others were written";
+    EXPECT_EQ(writer.changeOf(EntryKey(5)), change);
+    seen.push_back(change);
+    if (round % 2 == 0) continue;
+    writer.entryDel(EntryKey(5));
+    EXPECT_EQ(reader.changeOf(EntryKey(5)), Shoal::Change());
+  }
+}
+
+TEST(SharedTable, GivesAnotherTableAtItsPathNewChanges) {
+  Directory dir;
+  std::vector<Shoal::Change> seen;
+  for (bool const replace : {false, true, false, true}) {
+    Writer writer(dir / "t", {.replace = replace});
+    writer.entryIs(record(5, 1));
+    EXPECT_EQ(std::ranges::count(seen, writer.changeOf(EntryKey(5))), 0) << seen.size();
+    seen.push_back(writer.changeOf(EntryKey(5)));
+    if (replace) std::filesystem::remove(dir / "t");  // the next one counts from zero again
+  }
+}
+
+TEST(SharedTable, KeepsChangesWhenMadeAnew) {
+  Directory dir;
+  {
+    Writer writer(dir / "t");
+    for (U64 key = 0; key < 300; ++key) writer.entryIs(record(key, 1));
+    for (U64 key = 0; key < 300; key += 3) writer.entryIs(record(key, 2));
+  }
+  auto const changes = [&] {
+    Reader const reader(dir / "t");
+    std::map<U64, U64> all;
+    for (U64 key = 0; key < 300; ++key) all[key] = reader.changeOf(EntryKey(key)).number;
+    EXPECT_EQ(reader.changeOf(EntryKey(7)).table, reader.changeOf(EntryKey(8)).table);
+    return std::pair(reader.changeOf(EntryKey(7)).table, all);
+  };
+  auto const before = changes();
+  EXPECT_EQ(Shoal::repair(dir / "t").records, 300U);
+  EXPECT_EQ(changes(), before);
+  Writer writer(dir / "t");
+  EXPECT_GE(writer.changes(), 400U);
+  writer.entryIs(record(7, 3));
+  EXPECT_GT(writer.changeOf(EntryKey(7)).number, before.second.rbegin()->second);
+  EXPECT_EQ(Shoal::inspect(dir / "t").damage, std::vector<std::string>());
 }
 
 TEST(SharedTable, AgreesWithAMapThroughGrowthAndReuse) {

@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -17,28 +16,9 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/temp_dir.h"
+
 namespace TestSupport {
-
-// A directory that goes with its object.
-class TempDir {
- public:
-  TempDir() {
-    std::string name = (std::filesystem::temp_directory_path() / "vantrel-test-XXXXXX").string();
-    if (!mkdtemp(name.data())) throw std::runtime_error("mkdtemp");
-    path_ = name;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TempDir(TempDir const&) = delete;
-  TempDir& operator=(TempDir const&) = delete;
-  std::string operator/(std::string const& name) const { return path_ + "/" + name; }
-  std::string const& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 inline std::string contents(std::string const& path) {
   std::ifstream in(path, std::ios::binary);

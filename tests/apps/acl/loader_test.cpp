@@ -18,6 +18,7 @@
 #include "hw/simulated_tcam.h"
 #include "shoal/local_table.h"
 #include "tests/apps/acl/random_rules.h"
+#include "tests/support/damageable_table.h"
 #include "vantrel/vantrel.h"
 
 namespace Acl {
@@ -28,7 +29,7 @@ using Vantrel::EntryKey;
 using Vantrel::EntryStatus;
 using Vantrel::Mapping;
 using Vantrel::TableKey;
-using Config = Shoal::LocalTable<EntryConfig>;
+using Config = TestSupport::DamageableTable;
 using Status = Shoal::LocalTable<EntryStatus>;
 
 // The engines' trace is not looked at here.
@@ -340,6 +341,21 @@ TEST_F(LoaderTest, EqualRulesAreEntriesOfTheirOwn) {
 TEST_F(LoaderTest, RefusesTooManyRulesBeforeItWrites) {
   EXPECT_THROW(load(overlappingRules(101)), std::runtime_error);
   EXPECT_EQ(world.config->size(), 0U);
+}
+
+// Nothing is known of what it held: its key goes, and the rule that is missing then comes under another.
+TEST_F(LoaderTest, ReplacesADamagedRecord) {
+  std::vector<Rule> const rules = overlappingRules(20);
+  load(rules);
+  for (bool const agentKnowsIt : {true, false}) {
+    world.config->damaged = world.hardware->positions().begin()->second;
+    if (!agentKnowsIt) world.startAgent();
+    Loader::Counts const n = load(rules);
+    EXPECT_EQ(n.kept, 19U);
+    EXPECT_EQ(n.added, 1U);
+    EXPECT_EQ(n.deleted, 1U);
+    EXPECT_FALSE(world.config->damaged) << "its record is gone";
+  }
 }
 
 TEST_F(LoaderTest, EntriesOfAnotherKindAreRefused) {
