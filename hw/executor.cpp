@@ -54,11 +54,11 @@ struct Executor::Call {
   U32 to = nowhere;                    // where; nowhere: it is done, or nothing is to be written
   U32 from = nowhere;                  // what is to be erased; likewise
   Status status = Status::Stays;
-  OpId opId;               // the status
+  OpId opId;                          // the status
   std::optional<EntryConfig> kept{};  // the entry, once the call is queued
-  U64 token = 0;                    // not 0: a step is under way
-  unsigned tries = 0;               // of the step at hand
-  double notBefore = 0;             // when it may be tried again
+  U64 token = 0;                      // not 0: a step is under way
+  unsigned tries = 0;                 // of the step at hand
+  double notBefore = 0;               // when it may be tried again
 
   bool isDone() const { return to == nowhere && from == nowhere; }
   bool endsTheKey() const { return status == Status::Goes || opId == OpId::deleteAcknowledge(); }
@@ -114,7 +114,11 @@ Executor::~Executor() { driver_.completedIs(nullptr); }
 void Executor::addEntry(EntryConfig const& entry) {
   Known& known = state_->known[entry.key()];
   known = {positionOf(entry), entry.prio(), entry.pg()};
-  take({.key = entry.key(), .order = known, .entry = &entry, .to = known.ti, .status = Call::Status::Is,
+  take({.key = entry.key(),
+        .order = known,
+        .entry = &entry,
+        .to = known.ti,
+        .status = Call::Status::Is,
         .opId = entry.opId()});
 }
 
@@ -124,16 +128,25 @@ void Executor::updateEntry(EntryConfig const& entry) {
   if (at == state_->known.end()) return addEntry(entry);
   Known const& known = at->second;
   bool const stays = positionOf(entry) == known.ti;
-  take({.key = entry.key(), .order = known, .entry = &entry, .to = known.ti,
-        .status = stays ? Call::Status::Is : Call::Status::Stays, .opId = entry.opId()});
+  take({.key = entry.key(),
+        .order = known,
+        .entry = &entry,
+        .to = known.ti,
+        .status = stays ? Call::Status::Is : Call::Status::Stays,
+        .opId = entry.opId()});
 }
 
 void Executor::moveEntry(EntryConfig const& entry) {
   auto const at = state_->known.find(entry.key());
   if (at == state_->known.end()) return addEntry(entry);
   U32 const old = std::exchange(at->second.ti, positionOf(entry));
-  take({.key = entry.key(), .order = at->second, .entry = &entry, .to = at->second.ti,
-        .from = old == at->second.ti ? nowhere : old, .status = Call::Status::Is, .opId = entry.opId()});
+  take({.key = entry.key(),
+        .order = at->second,
+        .entry = &entry,
+        .to = at->second.ti,
+        .from = old == at->second.ti ? nowhere : old,
+        .status = Call::Status::Is,
+        .opId = entry.opId()});
 }
 
 void Executor::deleteEntry(EntryConfig const& record) { remove(record); }
@@ -144,8 +157,11 @@ void Executor::remove(EntryConfig const& record) {
   Known const known = at == state_->known.end() ? Known{positionOf(record), 0, 0} : at->second;
   if (at != state_->known.end()) state_->known.erase(at);
   bool const asked = record.opId() == OpId::deleteAcknowledge();
-  take({.key = record.key(), .order = known, .from = known.ti,
-        .status = asked ? Call::Status::Is : Call::Status::Goes, .opId = record.opId()});
+  take({.key = record.key(),
+        .order = known,
+        .from = known.ti,
+        .status = asked ? Call::Status::Is : Call::Status::Goes,
+        .opId = record.opId()});
 }
 
 void Executor::delAck(EntryKey const& key) {
@@ -315,12 +331,11 @@ void Executor::failedDel(EntryKey const& key) {
 
 Ostra::TypeInfo const& Executor::staticType() {
   using E = Executor;
-  static Ostra::TypeInfo const type =
-      Ostra::TypeInfo::of<E>("Hw::Executor", &VantrelHelper::staticType())
-          .attribute("behind", &E::behind)
-          .attribute("retries", &E::retries)
-          .attribute("unwritten", &E::unwritten)
-          .collection("failed", &E::failed);
+  static Ostra::TypeInfo const type = Ostra::TypeInfo::of<E>("Hw::Executor", &VantrelHelper::staticType())
+                                          .attribute("behind", &E::behind)
+                                          .attribute("retries", &E::retries)
+                                          .attribute("unwritten", &E::unwritten)
+                                          .collection("failed", &E::failed);
   return type;
 }
 

@@ -79,7 +79,7 @@ class TableWriter {
 
   // By chunk and place; nothing when no slot begins there.
   std::optional<U64> slotNumber(U64 unit) const;
-  U64 slotsPerChunk() const { return Format::chunkBytes / view_->header().slotBytes; }
+  U64 slotsPerChunk() const { return static_cast<U32>(Format::chunkBytes) / view_->header().slotBytes; }
   U64 keyOf(U64 entry) const;
   bool isSound(U64 entry) const;
   Word* nextLine(Word const* line, U64 bucket, U64 depth);

@@ -273,8 +273,11 @@ TEST_P(Moods, KeepTheOrderAndLoseNothing) {
   driver.mood = [&] {
     if (!faults) return Kind::Done;
     U64 const at = random() % 100;
-    return at < 40 ? Kind::Done : at < 70 ? Kind::Later : at < 85 ? Kind::Again : at < 97 ? Kind::Unknown
-                                                                                       : Kind::Refused;
+    return at < 40   ? Kind::Done
+           : at < 70 ? Kind::Later
+           : at < 85 ? Kind::Again
+           : at < 97 ? Kind::Unknown
+                     : Kind::Refused;
   };
   startEngine();
   for (int step = 0; step < 4000; ++step) {
