@@ -95,8 +95,8 @@ void Awaiting::late() {
     noSnapshot = agent_->problem();
   }
   if (!snapshot) text += fmt::format("; {}", noSnapshot);
-  std::vector<Vantrel::EntryKey> const explained(keys.begin(),
-                                                 keys.begin() + std::min(keys.size(), mostExplained));
+  std::vector<Vantrel::EntryKey> explained = keys;
+  if (explained.size() > mostExplained) explained.resize(mostExplained);
   Explainer const explainer(*tables_.config(), std::move(snapshot), noSnapshot, explained);
   for (Vantrel::EntryKey const key : explained) text += "\n  " + explainer.explain(key);
   if (keys.size() > mostExplained) text += "\n  and " + ranges(keys, mostExplained);
