@@ -31,7 +31,7 @@ constexpr std::string_view requests[] = {
     R"({"verb":"unmount","entity":"sample"})",
     R"({"verb":"read","entity":"sample"})",
     R"({"verb":"read","entity":"sample","attribute":"hashed","tag":-2})",
-    R"({"verb":"read","entity":"sample","attribute":"flat"})",
+    R"({"verb":"read","entity":"sample","attribute":"ordered"})",
     R"({"verb":"read","entity":"sample","attribute":"ordered","key":3})",
     R"({"verb":"write","entity":"sample","attribute":"level","value":7})",
     R"({"verb":"write","entity":"sample","attribute":"hashed","key":4,"value":5})",
@@ -63,10 +63,7 @@ class ServesMeanwhile : public Sample::Notifiee {
 class World {
  public:
   World() : meanwhile_(publisher_) {
-    for (U64 k = 0; k < few; ++k) {
-      sample_->hashedIs(k, k);
-      sample_->flatIs(k, k);
-    }
+    for (U64 k = 0; k < few; ++k) sample_->hashedIs(k, k);
     meanwhile_.notifierIs(Ostra::Ptr<Sample const>(sample_));
     publisher_.exportObject("sample", sample_);
   }
