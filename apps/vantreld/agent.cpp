@@ -73,19 +73,6 @@ class Agent::KeyWatcher : public Vantrel::TableConfig::Notifiee {
   Agent& agent_;
 };
 
-// Says why whoever waits in a snapshot does so, while nothing has changed since.
-class Agent::SnapshotWatcher : public Vantrel::DebugStatus::Notifiee {
- public:
-  explicit SnapshotWatcher(Agent& agent) : agent_(agent) {
-    notifierIs(agent.debugStatus_);
-    hasNotificationActiveIs(true);
-  }
-  void onVersion() override { agent_.waitStatus_->explain(*agent_.engine_, *agent_.debugStatus_); }
-
- private:
-  Agent& agent_;
-};
-
 Agent::Agent(Options options, Log& out, Log& err)
     : options_(std::move(options)),
       out_(out),
@@ -132,7 +119,10 @@ void Agent::publish() {
                          status_, [this] { return status_->size(); }, [this] { return statusProblem_; }));
   publisher_->exportObject("agent", progress_);
   publisher_->exportObject("trace", Ostra::make<TraceControl>());
-  whenReadable(publisher_->fd(), [this] { publisher_->dispatch(); });
+  whenReadable(publisher_->fd(), [this] {
+    publisher_->dispatch();
+    explainSnapshot();
+  });
 }
 
 void Agent::whenReadable(int fd, std::function<void()> dispatch) {
@@ -167,6 +157,12 @@ void Agent::attach() {
   sayDamage();
 }
 
+// In the turn that took it, so that nothing has changed since. Not by a watcher of the snapshot, who would be
+// told of each member.
+void Agent::explainSnapshot() {
+  if (waitStatus_->version() != debugStatus_->version()) waitStatus_->explain(*engine_, *debugStatus_);
+}
+
 void Agent::makeEngine() {
   if (options_.engine == EngineKind::Atcam)
     engine_ = Ostra::make<Vantrel::FastVantrelAtcamImpl>("engine", config_, debugConfig_, debugStatus_,
@@ -177,7 +173,6 @@ void Agent::makeEngine() {
   if (options_.prioGrpShift) engine_->prioGrpShiftIs(options_.prioGrpShift);
   engine_->roomForKeysIs(options_.size);
   engine_->yieldIs(this);
-  snapshotWatcher_ = std::make_unique<SnapshotWatcher>(*this);
 }
 
 int Agent::run() {
@@ -283,7 +278,6 @@ void Agent::withdraw() {
   if (!engine_) return;
   watched_.clear();
   keyWatcher_ = nullptr;
-  snapshotWatcher_ = nullptr;
   frontEnd_ = nullptr;
   publisher_->withdraw("frontEnd");
   publisher_->withdraw("engine");

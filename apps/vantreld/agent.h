@@ -57,11 +57,11 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   using Status = Shoal::WriterTable<Vantrel::EntryStatus>;
   class Watched;
   class KeyWatcher;
-  class SnapshotWatcher;
 
   void makeHardware();
   void publish();
   void makeEngine();
+  void explainSnapshot();
   void awaitConfig();
   void attach();
   void serve();
@@ -96,7 +96,6 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   std::shared_ptr<Validator> validator_;
   Ostra::Ptr<Vantrel::FastVantrelImpl> engine_;
   std::unique_ptr<KeyWatcher> keyWatcher_;
-  std::unique_ptr<SnapshotWatcher> snapshotWatcher_;
   Ostra::Ptr<Vantrel::VantrelSm> frontEnd_;
   double servedAt_ = 0;  // when betweenKeys() served readers last, seconds
   double polledAt_ = 0;
