@@ -39,6 +39,26 @@ TEST_F(DebugRequest, EmptyEngineAnswersWithEmptyCollections) {
   EXPECT_EQ(debugStatus->version(), 3U);
 }
 
+// The agent serves others meanwhile, and may end it: then the request stays unanswered.
+TEST_F(DebugRequest, YieldsWhileItShowsManyEntries) {
+  struct Counting final : VantrelImpl::Yield {
+    void betweenKeys() override {
+      if (++count == stopAt) throw std::runtime_error("stop");
+    }
+    int count = 0, stopAt = 0;
+  } agent;
+  for (U32 key = 1; key <= 1000; ++key) put({.key = key, .ti = key});
+  for (U32 key = 1001; key <= 1600; ++key) put({.key = key, .ti = key - 1000});
+  engine->yieldIs(&agent);
+  request(1);
+  EXPECT_EQ(agent.count, 600 / 256 + 1600 / 256);
+  EXPECT_EQ(debugStatus->status().size(), 1000U);
+  agent.stopAt = agent.count + 3;
+  EXPECT_THROW(request(2), std::runtime_error);
+  EXPECT_EQ(debugStatus->version(), 1U);
+  engine->yieldIs(nullptr);
+}
+
 TEST_F(DebugRequest, ShowsAProgrammedWaitingEntryInBothViews) {
   put({.key = 1, .ti = 1, .opId = 11});
   put({.key = 2, .ti = 2, .opId = 12});

@@ -9,11 +9,11 @@
 
 namespace Vantrel {
 
-class DebugConfig;
-class DebugStatus;
 class FastState;
+class VantrelImpl;
 
-// Answers the request, unless it is answered already. Version 0 asks for an empty answer.
-void handleDebug(FastState const& state, DebugConfig const& request, DebugStatus& answer);
+// Answers the engine's request, unless it is answered already. Version 0 asks for an empty answer. Yields now
+// and then; what the agent throws then leaves the request unanswered.
+void handleDebug(VantrelImpl const& engine, FastState const& state);
 
 }  // namespace Vantrel

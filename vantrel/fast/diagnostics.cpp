@@ -9,7 +9,7 @@ namespace Vantrel {
 namespace {
 
 Diagnostics const nothing{[](FastState const&) {}, [](FastState const&, TableConfig const&) {},
-                          [](FastState const&, DebugConfig const&, DebugStatus&) {}};
+                          [](VantrelImpl const&, FastState const&) {}};
 constinit Diagnostics const* registered = &nothing;
 
 }  // namespace
@@ -28,7 +28,7 @@ void FastVantrelImpl::dumpState() {
 void FastVantrelImpl::handleDebug() {
   FAST_ASSERT(debugConfig());
   FAST_ASSERT(debugStatus());
-  registered->handleDebug(*state(), *debugConfig(), *debugStatus());
+  registered->handleDebug(*this, *state());
 }
 
 }  // namespace Vantrel

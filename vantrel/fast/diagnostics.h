@@ -12,14 +12,13 @@
 
 namespace Vantrel {
 
-class DebugConfig;
-class DebugStatus;
 class FastState;
+class VantrelImpl;
 
 struct Diagnostics {
   void (*dumpPending)(FastState const& state);
   void (*dumpState)(FastState const& state, TableConfig const& table);
-  void (*handleDebug)(FastState const& state, DebugConfig const& request, DebugStatus& answer);
+  void (*handleDebug)(VantrelImpl const& engine, FastState const& state);
 };
 
 // Registers them. Until then dumps write nothing and debug requests stay unanswered.
