@@ -45,7 +45,7 @@ TEST_F(NoDiagnostics, RegisteredFunctionsAreCalled) {
   static FastState const* seen = nullptr;
   static constexpr Diagnostics looking{[](FastState const& state) { seen = &state; },
                                        [](FastState const&, TableConfig const&) {},
-                                       [](FastState const&, DebugConfig const&, DebugStatus&) {}};
+                                       [](VantrelImpl const&, FastState const&) {}};
   diagnosticsAre(looking);
   engine->dumpPending();
   EXPECT_EQ(seen, engine->state());
