@@ -47,7 +47,8 @@ void showProgrammed(VantrelImpl const& engine, FastState const& state, DebugStat
     for (; n < fetched.size() && at != state.cstate.end(); ++n, ++at)
       __builtin_prefetch(fetched[n] = at->second);
     for (std::size_t i = 0; i < n; ++i) show(*fetched[i], answer);
-    if ((shown += n) % membersAtOnce == 0) engine.yield();
+    shown += n;
+    if (shown % membersAtOnce == 0) engine.yield();
   }
 }
 
