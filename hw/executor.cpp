@@ -85,6 +85,7 @@ struct Executor::State {
   std::size_t underWay = 0;
   U64 lastToken = 0;
   bool flushOwed = false;
+  double now = 0;  // when the queue was last looked through
   unsigned statusTries = 0;
   double statusNotBefore = 0;
   std::minstd_rand random;
@@ -195,7 +196,7 @@ void Executor::take(Call call) {
 bool Executor::advance(Call& call) {
   while (!call.isDone() || !mayBegin(call)) {
     bool const room = state_->underWay < driver_.mostAtOnce();
-    if (call.token != 0 || !room || call.notBefore > Ostra::now() || !mayBegin(call)) return false;
+    if (call.token != 0 || !room || call.notBefore > state_->now || !mayBegin(call)) return false;
     begin(call);
   }
   end(call);
@@ -269,6 +270,7 @@ void Executor::completed(U64 token, Outcome const& outcome) {
 
 // Lets everyone who may, in order.
 void Executor::pass() {
+  state_->now = Ostra::now();
   for (auto at = state_->queue.begin(); at != state_->queue.end();) {
     auto const call = at++;
     if (advance(*call)) state_->queue.erase(call);
@@ -306,12 +308,14 @@ void Executor::wake() {
   pass();
 }
 
+// For every call that was too early when the queue was last looked through, though its time may have come
+// since. What has waited for its time and now waits for others is tried when those are done.
 void Executor::rearm() {
   std::optional<double> next;
   auto const notLaterThan = [&](double time) { next = next ? std::min(*next, time) : time; };
   if (!state_->unwritten.empty()) notLaterThan(state_->statusNotBefore);
   for (Call const& call : state_->queue)
-    if (call.token == 0 && call.notBefore > Ostra::now()) notLaterThan(call.notBefore);
+    if (call.token == 0 && call.notBefore > state_->now) notLaterThan(call.notBefore);
   if (next) state_->alarm.timeMinIs(*next);
 }
 

@@ -154,6 +154,7 @@ void Agent::attach() {
       Vantrel::vantrelSmFactory(config_, status_, debugConfig_, debugStatus_, engine_, flushStatus_, wheel_);
   publisher_->exportObject("frontEnd", frontEnd_);
   engine_->handleDebug();  // a request that was made before there was a front end
+  explainSnapshot();
   sayDamage();
 }
 

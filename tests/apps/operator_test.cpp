@@ -7,6 +7,7 @@
 #include <regex>
 
 #include "lumelog/lumelog.h"
+#include "ostra/mount.h"
 #include "ostra/publish.h"
 #include "shoal/writer_table.h"
 #include "tests/ostra/raw_peer.h"
@@ -304,6 +305,19 @@ TEST_F(OperatorTest, SuccessorAnswersASnapshotAskedOfADyingAgent) {
       "{\"position\":5,\"state\":\"programmed\",\"key\":1,\"opId\":65537}\n"
       "{\"position\":6,\"state\":\"programmed\",\"key\":2,\"opId\":131074}\n",
       asking->out());
+}
+
+TEST_F(OperatorTest, ExplainsASnapshotAskedBeforeTheTable) {
+  start();
+  Ostra::Mounter mounter(dir / "mgmt.sock");
+  auto const config = mounter.mount<DebugConfig>();
+  auto const waits = mounter.mount<WaitStatus>();
+  ASSERT_TRUE(mounter.dispatchUntil([&] { return mounter.live(*config) && mounter.live(*waits); }, 10));
+  auto const asked = mounter.invoke(*config, "versionInc", {U64{1}});
+  ASSERT_TRUE(mounter.dispatchUntil([&] { return asked->result.has_value(); }, 10));
+  EXPECT_EQ(waits->version(), 0U);
+  want(1, 5, 10);
+  EXPECT_TRUE(mounter.dispatchUntil([&] { return waits->version() == 1; }, 10));
 }
 
 // This one takes the question and goes before it answers. Its successor knows of no question.

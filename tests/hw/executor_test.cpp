@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "keel/virtual_wheel.h"
+#include "ostra/clock.h"
 #include "ostra/piecewise_map.h"
 #include "shoal/local_table.h"
 #include "vantrel/vantrel.h"
@@ -204,6 +205,22 @@ TEST_F(ExecutorTest, FlushesBehindWhatIsQueued) {
   EXPECT_THAT(calls(), ElementsAre("write 1@5"));
   driver.completeOne(0, Kind::Done);
   EXPECT_THAT(calls(), ElementsAre("flush"));
+}
+
+// A clock that moves on whenever it is read: a pause is over before the wake-up is asked for.
+TEST_F(ExecutorTest, TriesAgainAfterAPauseThatIsOverAtOnce) {
+  struct Hurried : Ostra::Clock {
+    double now() const override { return time += 10; }
+    mutable double time = 1000;
+  } const hurried;
+  Ostra::Clock const* const before = Ostra::clockIs(&hurried);
+  driver.mood = [] { return Kind::Again; };
+  executor->addEntry(entry(1, 5, 10));
+  driver.mood = nullptr;
+  wheel->advance(2000);
+  Ostra::clockIs(before);
+  EXPECT_EQ(executor->behind(), 0U);
+  EXPECT_NE(acknowledged(1), 0U);
 }
 
 // A status table that is full for a while.
