@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/vantreld/log.h"
 
+#include <fcntl.h>
 #include <poll.h>
-#include <unistd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <climits>
@@ -20,14 +22,31 @@ bool isReady(int fd) {
   return ::poll(&waiting, 1, 0) == 1 && (waiting.revents & POLLOUT) != 0;
 }
 
+// Opens a pipe, terminal or device anew: O_NONBLOCK on the inherited description would reach the other
+// processes that write there. A regular file has its position in the description, a socket cannot be opened.
+Pallo::Descriptor openedAnew(int fd) {
+  struct stat file {};
+  if (::fstat(fd, &file) != 0 || S_ISREG(file.st_mode) || S_ISSOCK(file.st_mode)) return {};
+  std::string const path = fmt::format("/proc/self/fd/{}", fd);
+  return Pallo::Descriptor(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+}
+
 }  // namespace
+
+Log::Log(int fd) : fd_(fd), own_(openedAnew(fd)) {}
+
+ssize_t Log::sent(std::string const& line) const {
+  if (own_) return ::write(own_.get(), line.data(), line.size());
+  ssize_t const sent = ::send(fd_, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  if (sent >= 0 || errno != ENOTSOCK) return sent;
+  return isReady(fd_) ? ::write(fd_, line.data(), line.size()) : -1;
+}
 
 bool Log::put(std::string const& text) {
   std::string line = (midLine_ ? "\nvantreld: " : "vantreld: ") + text;
   line.resize(std::min(line.size(), mostBytes - 1));
   line += '\n';
-  if (!isReady(fd_)) return false;
-  ssize_t const written = ::write(fd_, line.data(), line.size());
+  ssize_t const written = sent(line);
   if (written > 0) midLine_ = static_cast<std::size_t>(written) < line.size();
   return written == static_cast<ssize_t>(line.size());
 }
