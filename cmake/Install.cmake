@@ -29,6 +29,7 @@ set(entry_headers
   producer/shared_tables.h
   producer/acknowledgements.h
   hw/executor.h                    # hardware that is late, or fails
+  hw/adoption.h                    # or outlives the agent
   hw/recorder.h                    # hardware clients for tests
   hw/simulated_tcam.h)
 

@@ -9,21 +9,29 @@
 // queue with its last step.
 #include "hw/executor.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <boost/unordered/unordered_flat_map.hpp>
 #include <cmath>
 #include <exception>
 #include <list>
 #include <map>
+#include <optional>
 #include <random>
 #include <utility>
 
 #include "ostra/clock.h"
 #include "ostra/piecewise_map.h"
+#include "ostra/time_slice.h"
 #include "ostra/type_info.h"
 
 namespace Hw {
 
+using Vantrel::EntryConfig;
+using Vantrel::EntryKey;
 using Vantrel::EntryStatus;
+using Vantrel::OpId;
 using Vantrel::TableKey;
 
 namespace {
@@ -32,24 +40,25 @@ constexpr U32 nowhere = 0xFFFFFFFF;
 // The first pause before a call is made again, and the longest, seconds.
 constexpr double firstPause = 0.001;
 constexpr double longestPause = 1.0;
+// How long the loop is held by acknowledgements that can be written at last.
+constexpr double sliceSeconds = 0.002;
 
-U32 positionOf(Executor::EntryConfig const& record) { return record.tableIndex(TableKey(0)); }
-
-}  // namespace
+U32 positionOf(EntryConfig const& record) { return record.tableIndex(TableKey(0)); }
 
 // What the engine believes of a key: where it is, and what its order is judged by.
-struct Executor::Known {
+struct Place {
   U32 ti;
   U32 prio;
   U16 pg;
+  bool isUnknown = false;  // nobody knows its group and priority
 };
 
-struct Executor::Call {
+struct Call {
   // What becomes of the key's status in the end.
   enum class Status { Stays, Is, Goes };
 
   EntryKey key;
-  Known order;                         // the key's, for rule 2
+  Place order;                         // the key's, for rule 2
   EntryConfig const* entry = nullptr;  // what is to be written
   U32 to = nowhere;                    // where; nowhere: it is done, or nothing is to be written
   U32 from = nowhere;                  // what is to be erased; likewise
@@ -61,142 +70,171 @@ struct Executor::Call {
   double notBefore = 0;               // when it may be tried again
 
   bool isDone() const { return to == nowhere && from == nowhere; }
+  bool isWrite() const { return to != nowhere; }
+  U32 position() const { return isWrite() ? to : from; }
   bool endsTheKey() const { return status == Status::Goes || opId == OpId::deleteAcknowledge(); }
 };
 
-class Executor::Alarm : public Keel::TimerWheel::Notifiee {
+std::string describe(Call const& call) {
+  return fmt::format("{} of key {} at position {}", call.isWrite() ? "write" : "erase", call.key.value(),
+                     call.position());
+}
+
+// The two would be out of order, one at `a`'s position and one at `ti`.
+bool contradict(Place const& a, Place const& b, U32 ti) {
+  if (a.isUnknown) return true;
+  if (a.pg != b.pg) return false;
+  return a.ti < ti ? a.prio > b.prio : a.prio < b.prio;
+}
+
+}  // namespace
+
+class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
  public:
-  Alarm(Executor& executor, Ostra::Ptr<Keel::TimerWheel const> wheel) : executor_(executor) {
-    notifierIs(std::move(wheel));
-    hasNotificationActiveIs(true);
-  }
-  void onTime() override { executor_.wake(); }
+  Queue(Executor& executor, Driver& driver, Ostra::Ptr<Keel::TimerWheel const> wheel);
+  ~Queue() override { driver_.completedIs(nullptr); }
+
+  void add(EntryConfig const& entry);
+  void update(EntryConfig const& entry);
+  void move(EntryConfig const& entry);
+  void remove(EntryConfig const& record);
+  void take(Call call);
+  void flush();
+  void inherit(U32 ti, EntryConfig const* entry);
+  U64 eraseInherited();
+  void detach();
+  void onTime() override;
 
  private:
+  // What becomes of a key's status when hardware did what it was asked for.
+  Call::Status done() const { return acknowledges_ ? Call::Status::Is : Call::Status::Stays; }
+  bool advance(Call& call);
+  bool mayBegin(Call const& call) const;
+  void begin(Call& call);
+  void settle(Call& call, Outcome const& outcome);
+  bool wasDone(Call const& call, Outcome const& outcome);
+  void tryAgain(Call& call, Outcome const& outcome);
+  void end(Call const& call);
+  void completed(U64 token, Outcome const& outcome);
+  void pass();
+  bool writeStatus(Call const& call);
+  void writeStatuses();
+  double pause(unsigned tries);
+  void rearm();
+  void problemIs(std::string const& problem);
+  void countersAre();
+  void failedIs(EntryKey const& key, std::string const& reason);
+  void failedDel(EntryKey const& key);
+
   Executor& executor_;
+  Driver& driver_;
+  bool const acknowledges_;
+  Ostra::PiecewiseMap<EntryKey, Place> known_;
+  struct Inherited {
+    EntryKey key;
+    Place order;
+  };
+  boost::unordered_flat_map<U32, Inherited> inherited_;  // by position
+  std::list<Call> queue_;
+  std::map<EntryKey, Call> unwritten_;  // the newest of each key
+  std::size_t underWay_ = 0;
+  U64 lastToken_ = 0;
+  bool flushOwed_ = false;
+  bool detached_ = false;
+  double now_ = 0;  // when the queue was last looked through
+  unsigned statusTries_ = 0;
+  double statusNotBefore_ = 0;
+  std::minstd_rand random_;
 };
 
-struct Executor::State {
-  State(Executor& executor, Ostra::Ptr<Keel::TimerWheel const> wheel) : alarm(executor, std::move(wheel)) {}
-
-  Ostra::PiecewiseMap<EntryKey, Known> known;
-  std::list<Call> queue;
-  std::map<EntryKey, Call> unwritten;  // the newest of each key
-  std::size_t underWay = 0;
-  U64 lastToken = 0;
-  bool flushOwed = false;
-  double now = 0;  // when the queue was last looked through
-  unsigned statusTries = 0;
-  double statusNotBefore = 0;
-  std::minstd_rand random;
-  Alarm alarm;
-
-  // A pause that doubles with each try. A quarter of it is chance, so that what failed together does not come
-  // back together.
-  double pause(unsigned tries) {
-    double const whole = std::min(longestPause, firstPause * std::exp2(std::min(tries, 30U)));
-    return whole * std::uniform_real_distribution<>(0.75, 1.0)(random);
-  }
-};
-
-Executor::Executor(std::string name, Ostra::Ptr<Vantrel::TableStatus> tableStatus, Driver& driver,
-                   Ostra::Ptr<Keel::TimerWheel const> wheel)
-    : VantrelHelper(std::move(name), std::move(tableStatus)),
-      driver_(driver),
-      failed_(std::make_unique<Reasons>()),
-      state_(std::make_unique<State>(*this, std::move(wheel))) {
+Executor::Queue::Queue(Executor& executor, Driver& driver, Ostra::Ptr<Keel::TimerWheel const> wheel)
+    : executor_(executor), driver_(driver), acknowledges_(driver.acknowledges()) {
+  notifierIs(std::move(wheel));
+  hasNotificationActiveIs(true);
   driver_.completedIs([this](U64 token, Outcome const& outcome) { completed(token, outcome); });
 }
 
-Executor::~Executor() { driver_.completedIs(nullptr); }
+// The engine's calls.
 
-// ---- The engine's calls
-
-void Executor::addEntry(EntryConfig const& entry) {
-  Known& known = state_->known[entry.key()];
+void Executor::Queue::add(EntryConfig const& entry) {
+  Place& known = known_[entry.key()];
   known = {positionOf(entry), entry.prio(), entry.pg()};
+  bool isThere = false;
+  if (!inherited_.empty()) {
+    auto const at = inherited_.find(known.ti);
+    isThere = at != inherited_.end() && at->second.key == entry.key();
+    if (isThere) inherited_.erase(at);
+  }
   take({.key = entry.key(),
         .order = known,
-        .entry = &entry,
-        .to = known.ti,
-        .status = Call::Status::Is,
+        .entry = isThere ? nullptr : &entry,
+        .to = isThere ? nowhere : known.ti,
+        .status = done(),
         .opId = entry.opId()});
 }
 
 // Before a move it names the new position, and is acknowledged there.
-void Executor::updateEntry(EntryConfig const& entry) {
-  auto const at = state_->known.find(entry.key());
-  if (at == state_->known.end()) return addEntry(entry);
-  Known const& known = at->second;
+void Executor::Queue::update(EntryConfig const& entry) {
+  auto const at = known_.find(entry.key());
+  if (at == known_.end()) return add(entry);
+  Place const& known = at->second;
   bool const stays = positionOf(entry) == known.ti;
   take({.key = entry.key(),
         .order = known,
         .entry = &entry,
         .to = known.ti,
-        .status = stays ? Call::Status::Is : Call::Status::Stays,
+        .status = stays ? done() : Call::Status::Stays,
         .opId = entry.opId()});
 }
 
-void Executor::moveEntry(EntryConfig const& entry) {
-  auto const at = state_->known.find(entry.key());
-  if (at == state_->known.end()) return addEntry(entry);
+void Executor::Queue::move(EntryConfig const& entry) {
+  auto const at = known_.find(entry.key());
+  if (at == known_.end()) return add(entry);
   U32 const old = std::exchange(at->second.ti, positionOf(entry));
   take({.key = entry.key(),
         .order = at->second,
         .entry = &entry,
         .to = at->second.ti,
         .from = old == at->second.ti ? nowhere : old,
-        .status = Call::Status::Is,
+        .status = done(),
         .opId = entry.opId()});
 }
 
-void Executor::deleteEntry(EntryConfig const& record) { remove(record); }
-void Executor::deleteEntryDeadlock(EntryConfig const& record) { remove(record); }
-
-void Executor::remove(EntryConfig const& record) {
-  auto const at = state_->known.find(record.key());
-  Known const known = at == state_->known.end() ? Known{positionOf(record), 0, 0} : at->second;
-  if (at != state_->known.end()) state_->known.erase(at);
+void Executor::Queue::remove(EntryConfig const& record) {
+  auto const at = known_.find(record.key());
+  Place const known = at == known_.end() ? Place{positionOf(record), 0, 0} : at->second;
+  if (at != known_.end()) known_.erase(at);
   bool const asked = record.opId() == OpId::deleteAcknowledge();
   take({.key = record.key(),
         .order = known,
         .from = known.ti,
-        .status = asked ? Call::Status::Is : Call::Status::Goes,
+        .status = asked || !acknowledges_ ? done() : Call::Status::Goes,
         .opId = record.opId()});
 }
 
-void Executor::delAck(EntryKey const& key) {
-  take({.key = key, .order = {}, .status = Call::Status::Is, .opId = OpId::deleteAcknowledge()});
-}
-void Executor::delStatus(EntryKey const& key) {
-  take({.key = key, .order = {}, .status = Call::Status::Goes, .opId = {}});
-}
-void Executor::noopAck(EntryKey const& key, OpId const& opId) {
-  take({.key = key, .order = {}, .status = Call::Status::Is, .opId = opId});
+void Executor::Queue::flush() {
+  flushOwed_ = true;
+  if (queue_.empty()) pass();
 }
 
-void Executor::flush() {
-  state_->flushOwed = true;
-  if (state_->queue.empty()) pass();
-}
-
-// ---- The queue
+// The queue.
 
 // Most often nothing is queued, and the call is done at once.
-void Executor::take(Call call) {
-  if (state_->queue.empty() && advance(call)) return;
-  Call& queued = state_->queue.emplace_back(std::move(call));
+void Executor::Queue::take(Call call) {
+  if (detached_) return;
+  if (queue_.empty() && advance(call)) return;
+  Call& queued = queue_.emplace_back(std::move(call));
   if (queued.entry) queued.entry = &queued.kept.emplace(*queued.entry);
-  if (state_->queue.size() > 1 && advance(queued)) state_->queue.pop_back();
+  if (queue_.size() > 1 && advance(queued)) queue_.pop_back();
   countersAre();
   rearm();
 }
 
 // Takes the steps that may be taken now. True when the call is done.
-bool Executor::advance(Call& call) {
+bool Executor::Queue::advance(Call& call) {
   while (!call.isDone() || !mayBegin(call)) {
-    bool const room = state_->underWay < driver_.mostAtOnce();
-    if (call.token != 0 || !room || call.notBefore > state_->now || !mayBegin(call)) return false;
+    bool const room = underWay_ < driver_.mostAtOnce();
+    if (call.token != 0 || !room || call.notBefore > now_ || !mayBegin(call)) return false;
     begin(call);
   }
   end(call);
@@ -204,56 +242,65 @@ bool Executor::advance(Call& call) {
 }
 
 // Rules 1 and 2.
-bool Executor::mayBegin(Call const& call) const {
-  for (Call const& earlier : state_->queue) {
+bool Executor::Queue::mayBegin(Call const& call) const {
+  for (Call const& earlier : queue_) {
     if (&earlier == &call) return true;
     if (earlier.key == call.key) return false;
-    if (call.to == nowhere || earlier.from == nowhere) continue;
+    if (!call.isWrite() || earlier.from == nowhere) continue;
     if (earlier.from == call.to) return false;
-    if (earlier.order.pg != call.order.pg) continue;
-    if (earlier.from < call.to ? earlier.order.prio > call.order.prio : earlier.order.prio < call.order.prio)
-      return false;
+    Place erased = earlier.order;
+    erased.ti = earlier.from;
+    if (contradict(erased, call.order, call.to)) return false;
   }
   return true;
 }
 
-void Executor::begin(Call& call) {
-  call.token = ++state_->lastToken;
-  ++state_->underWay;
+void Executor::Queue::begin(Call& call) {
+  call.token = ++lastToken_;
+  ++underWay_;
   Outcome outcome;
   try {
-    outcome = call.to != nowhere ? driver_.write(*call.entry, call.to, call.token)
-                                 : driver_.erase(call.key, call.from, call.token);
+    outcome = call.isWrite() ? driver_.write(*call.entry, call.to, call.token)
+                             : driver_.erase(call.key, call.from, call.token);
   } catch (std::exception const& error) {
-    outcome = {Outcome::Kind::Again, error.what()};
+    outcome = {Outcome::Kind::Unknown, error.what()};
   }
   if (outcome.kind != Outcome::Kind::Later) settle(call, outcome);
 }
 
-void Executor::settle(Call& call, Outcome const& outcome) {
+void Executor::Queue::settle(Call& call, Outcome const& outcome) {
   call.token = 0;
-  --state_->underWay;
-  bool const isWrite = call.to != nowhere;
-  bool const isDone = outcome.kind == Outcome::Kind::Done;
+  --underWay_;
+  bool const isWrite = call.isWrite();
+  bool const isDone = wasDone(call, outcome);
   bool const isRefused = outcome.kind == Outcome::Kind::Refused && isWrite;
-  if (!isDone && !isRefused) return tryAgain(call);
+  if (!isDone && !isRefused) return tryAgain(call, outcome);
   (isWrite ? call.to : call.from) = nowhere;
   call.tries = 0;
   if (isWrite && isDone) failedDel(call.key);
   if (isRefused) failedIs(call.key, outcome.reason);
 }
 
-void Executor::tryAgain(Call& call) {
-  call.notBefore = Ostra::now() + state_->pause(call.tries++);
-  scalarIs("retries", retries_, retries_ + 1, &Notifiee::onRetries);
+bool Executor::Queue::wasDone(Call const& call, Outcome const& outcome) {
+  if (outcome.kind != Outcome::Kind::Unknown) return outcome.kind == Outcome::Kind::Done;
+  auto const there = driver_.readBack(call.position());
+  if (!there) return false;
+  if (call.isWrite()) return *there == Held{call.key, call.entry->opId()};
+  return !*there || (*there)->key != call.key;
+}
+
+void Executor::Queue::tryAgain(Call& call, Outcome const& outcome) {
+  if (call.tries == 0) problemIs(fmt::format("{}: {}; it is tried again", describe(call), outcome.reason));
+  call.notBefore = Ostra::now() + pause(call.tries++);
+  executor_.scalarIs("retries", executor_.retries_, executor_.retries_ + 1, &Executor::Notifiee::onRetries);
 }
 
 // What is not in hardware is not acknowledged. A delete is.
-void Executor::end(Call const& call) {
+void Executor::Queue::end(Call const& call) {
   if (call.endsTheKey()) failedDel(call.key);
-  if (call.status == Call::Status::Stays || failed_->contains(call.key)) return;
-  if (!state_->unwritten.contains(call.key) && writeStatus(call)) return;
-  Call& waiting = state_->unwritten[call.key];
+  if (call.status == Call::Status::Stays || executor_.failed_->contains(call.key)) return;
+  if (!unwritten_.contains(call.key) && writeStatus(call)) return;
+  Call& waiting = unwritten_[call.key];
   waiting.key = call.key;
   waiting.status = call.status;
   waiting.opId = call.opId;
@@ -261,84 +308,182 @@ void Executor::end(Call const& call) {
   rearm();
 }
 
-void Executor::completed(U64 token, Outcome const& outcome) {
-  auto const at = std::ranges::find(state_->queue, token, &Call::token);
-  if (at == state_->queue.end()) return;
+void Executor::Queue::completed(U64 token, Outcome const& outcome) {
+  auto const at = std::ranges::find(queue_, token, &Call::token);
+  if (at == queue_.end()) return;
   settle(*at, outcome);
   pass();
 }
 
 // Lets everyone who may, in order.
-void Executor::pass() {
-  state_->now = Ostra::now();
-  for (auto at = state_->queue.begin(); at != state_->queue.end();) {
+void Executor::Queue::pass() {
+  now_ = Ostra::now();
+  for (auto at = queue_.begin(); at != queue_.end();) {
     auto const call = at++;
-    if (advance(*call)) state_->queue.erase(call);
+    if (advance(*call)) queue_.erase(call);
   }
-  if (state_->queue.empty() && std::exchange(state_->flushOwed, false)) driver_.flush();
+  if (queue_.empty() && std::exchange(flushOwed_, false) && !detached_) driver_.flush();
   countersAre();
   rearm();
 }
 
-// ---- Acknowledgements
+// What hardware holds from an earlier run.
 
-bool Executor::writeStatus(Call const& call) {
-  if (!tableStatus()) return true;
+void Executor::Queue::inherit(U32 ti, EntryConfig const* entry) {
+  if (entry)
+    inherited_[ti] = {entry->key(), {ti, entry->prio(), entry->pg()}};
+  else
+    inherited_[ti] = {EntryKey(0), {.ti = ti, .prio = 0, .pg = 0, .isUnknown = true}};
+}
+
+U64 Executor::Queue::eraseInherited() {
+  auto const strays = std::exchange(inherited_, {});
+  for (auto const& [ti, stray] : strays)
+    take({.key = stray.key, .order = stray.order, .from = ti, .opId = {}});
+  return strays.size();
+}
+
+void Executor::Queue::detach() {
+  detached_ = true;
+  queue_.clear();
+  unwritten_.clear();
+  inherited_.clear();
+  countersAre();
+}
+
+// Acknowledgements.
+
+bool Executor::Queue::writeStatus(Call const& call) {
+  auto const& table = executor_.tableStatus();
+  if (!table) return true;
   try {
     if (call.status == Call::Status::Goes)
-      tableStatus()->entryDel(call.key);
+      table->entryDel(call.key);
     else
-      tableStatus()->entryIs(EntryStatus(call.key, call.opId));
+      table->entryIs(EntryStatus(call.key, call.opId));
     return true;
-  } catch (std::exception const&) {
+  } catch (std::exception const& error) {
+    if (unwritten_.empty())
+      problemIs(
+          fmt::format("acknowledgement of key {}: {}; it is tried again", call.key.value(), error.what()));
     return false;
   }
 }
 
-void Executor::writeStatuses() {
-  std::erase_if(state_->unwritten, [this](auto const& waiting) { return writeStatus(waiting.second); });
-  state_->statusTries = state_->unwritten.empty() ? 0 : state_->statusTries + 1;
-  state_->statusNotBefore = Ostra::now() + state_->pause(state_->statusTries);
+// Once there was no space for one, only removals are tried.
+void Executor::Queue::writeStatuses() {
+  Ostra::TimeSlice slice(sliceSeconds);
+  bool isFull = false;
+  bool isOver = false;
+  for (auto at = unwritten_.begin(); at != unwritten_.end() && !isOver; isOver = slice.over()) {
+    bool const isTried = !isFull || at->second.status == Call::Status::Goes;
+    bool const isWritten = isTried && writeStatus(at->second);
+    isFull = isFull || !isWritten;
+    at = isWritten ? unwritten_.erase(at) : std::next(at);
+  }
+  statusTries_ = isFull ? statusTries_ + 1 : 0;
+  statusNotBefore_ = Ostra::now() + (isFull ? pause(statusTries_) : 0);
 }
 
-// ---- Time
+// Time.
 
-void Executor::wake() {
-  if (!state_->unwritten.empty() && state_->statusNotBefore <= Ostra::now()) writeStatuses();
+void Executor::Queue::onTime() {
+  if (!unwritten_.empty() && statusNotBefore_ <= Ostra::now()) writeStatuses();
   pass();
+}
+
+// Doubles with each try. A quarter of it is chance, so that what failed together does not come back together.
+double Executor::Queue::pause(unsigned tries) {
+  double const whole = std::min(longestPause, firstPause * std::exp2(std::min(tries, 30U)));
+  return whole * std::uniform_real_distribution<>(0.75, 1.0)(random_);
 }
 
 // For every call that was too early when the queue was last looked through, though its time may have come
 // since. What has waited for its time and now waits for others is tried when those are done.
-void Executor::rearm() {
+void Executor::Queue::rearm() {
   std::optional<double> next;
   auto const notLaterThan = [&](double time) { next = next ? std::min(*next, time) : time; };
-  if (!state_->unwritten.empty()) notLaterThan(state_->statusNotBefore);
-  for (Call const& call : state_->queue)
-    if (call.token == 0 && call.notBefore > state_->now) notLaterThan(call.notBefore);
-  if (next) state_->alarm.timeMinIs(*next);
+  if (!unwritten_.empty()) notLaterThan(statusNotBefore_);
+  for (Call const& call : queue_)
+    if (call.token == 0 && call.notBefore > now_) notLaterThan(call.notBefore);
+  if (next) timeMinIs(*next);
 }
 
-// ---- What others see
+// What others see.
 
-void Executor::countersAre() {
-  scalarIs("behind", behind_, state_->queue.size(), &Notifiee::onBehind);
-  scalarIs("unwritten", unwritten_, state_->unwritten.size(), &Notifiee::onUnwritten);
+void Executor::Queue::problemIs(std::string const& problem) {
+  executor_.scalarIs("problem", executor_.problem_, problem, &Executor::Notifiee::onProblem);
+}
+void Executor::Queue::countersAre() {
+  executor_.scalarIs("behind", executor_.behind_, queue_.size(), &Executor::Notifiee::onBehind);
+  executor_.scalarIs("unwritten", executor_.unwritten_, unwritten_.size(), &Executor::Notifiee::onUnwritten);
+}
+void Executor::Queue::failedIs(EntryKey const& key, std::string const& reason) {
+  executor_.memberIs("failed", *executor_.failed_, key, reason, &Executor::Notifiee::onFailed);
+}
+void Executor::Queue::failedDel(EntryKey const& key) {
+  if (!executor_.failed_->empty())
+    executor_.memberDel("failed", *executor_.failed_, key, &Executor::Notifiee::onFailed);
 }
 
-void Executor::failedIs(EntryKey const& key, std::string const& reason) {
-  memberIs("failed", *failed_, key, reason, &Notifiee::onFailed);
+Executor::Executor(std::string name, Ostra::Ptr<Vantrel::TableStatus> tableStatus, Driver& driver,
+                   Ostra::Ptr<Keel::TimerWheel const> wheel)
+    : VantrelHelper(std::move(name), std::move(tableStatus)),
+      failed_(std::make_unique<Reasons>()),
+      queue_(std::make_unique<Queue>(*this, driver, std::move(wheel))) {}
+
+Executor::~Executor() = default;
+
+void Executor::addEntry(EntryConfig const& entry) {
+  ++calls_.adds;
+  queue_->add(entry);
 }
-void Executor::failedDel(EntryKey const& key) {
-  if (!failed_->empty()) memberDel("failed", *failed_, key, &Notifiee::onFailed);
+void Executor::updateEntry(EntryConfig const& entry) {
+  ++calls_.updates;
+  queue_->update(entry);
 }
+void Executor::moveEntry(EntryConfig const& entry) {
+  ++calls_.moves;
+  queue_->move(entry);
+}
+void Executor::deleteEntry(EntryConfig const& record) {
+  ++calls_.deletes;
+  queue_->remove(record);
+}
+void Executor::deleteEntryDeadlock(EntryConfig const& record) {
+  ++calls_.deadlockDeletes;
+  queue_->remove(record);
+}
+void Executor::delAck(EntryKey const& key) {
+  queue_->take({.key = key, .order = {}, .status = Call::Status::Is, .opId = OpId::deleteAcknowledge()});
+}
+void Executor::delStatus(EntryKey const& key) {
+  queue_->take({.key = key, .order = {}, .status = Call::Status::Goes, .opId = {}});
+}
+void Executor::noopAck(EntryKey const& key, OpId const& opId) {
+  queue_->take({.key = key, .order = {}, .status = Call::Status::Is, .opId = opId});
+}
+void Executor::flush() {
+  ++calls_.flushes;
+  queue_->flush();
+}
+void Executor::inherit(U32 ti, EntryConfig const* entry) { queue_->inherit(ti, entry); }
+U64 Executor::eraseInherited() { return queue_->eraseInherited(); }
+void Executor::detach() { queue_->detach(); }
 
 Ostra::TypeInfo const& Executor::staticType() {
   using E = Executor;
   static Ostra::TypeInfo const type = Ostra::TypeInfo::of<E>("Hw::Executor", &VantrelHelper::staticType())
                                           .attribute("behind", &E::behind)
                                           .attribute("retries", &E::retries)
+                                          .attribute("problem", &E::problem)
                                           .attribute("unwritten", &E::unwritten)
+                                          .attribute("adds", &E::adds)
+                                          .attribute("updates", &E::updates)
+                                          .attribute("moves", &E::moves)
+                                          .attribute("deletes", &E::deletes)
+                                          .attribute("deadlockDeletes", &E::deadlockDeletes)
+                                          .attribute("flushes", &E::flushes)
                                           .collection("failed", &E::failed);
   return type;
 }

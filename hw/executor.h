@@ -26,12 +26,15 @@
 // Acknowledgements are written when their call is done. One that cannot be written (no space) is kept,
 // replaced by a newer one of its key, and tried again.
 //
+// Entries that hardware holds from an earlier run are inherited (adoption.h): when the engine adds one where
+// it already is, nothing is written.
+//
 // Invariants: at most one position holds a key, but for a move between its write and its erase. A key's
 //   acknowledgements appear in the order of its calls.
 // Ownership: refers to the driver; holds references to status table and wheel.
-// Threading: the agent's event loop.
+// Threading: the agent's event loop. The wheel must not be dispatched from inside a call.
 // Cost: while nothing is queued, a hash step a call and no copy. A queued call is copied once, and each
-//   completion looks through the queue.
+//   completion looks through the queue: the agent must stop feeding the engine while behind() is large.
 // Errors: none reach the engine.
 #pragma once
 
@@ -57,7 +60,13 @@ class VANTREL_API Executor : public Vantrel::VantrelHelper {
     virtual void onBehind() {}
     virtual void onFailed(EntryKey const&) {}
     virtual void onRetries() {}
+    virtual void onProblem() {}
     virtual void onUnwritten() {}
+  };
+
+  // The engine's calls, by kind.
+  struct Calls {
+    U64 adds = 0, updates = 0, moves = 0, deletes = 0, deadlockDeletes = 0, flushes = 0;
   };
 
   // `wheel`: its time paces what is tried again.
@@ -71,8 +80,11 @@ class VANTREL_API Executor : public Vantrel::VantrelHelper {
   Reasons const& failed() const { return *failed_; }
   // Calls that had to be made again.
   U64 retries() const { return retries_; }
+  // What went wrong last and is tried again: told once a call, not at each try. Empty before the first.
+  std::string const& problem() const { return problem_; }
   // Acknowledgements that could not be written yet.
   U64 unwritten() const { return unwritten_; }
+  Calls const& calls() const { return calls_; }
 
   void addEntry(EntryConfig const& entry) override;
   void deleteEntry(EntryConfig const& entry) override;
@@ -85,39 +97,36 @@ class VANTREL_API Executor : public Vantrel::VantrelHelper {
   // When everything that is queued is done.
   void flush() override;
 
+  // The position holds this entry from an earlier run; null when nobody knows which. Only before the engine's
+  // first call, or between calls of eraseInherited().
+  void inherit(U32 ti, EntryConfig const* entry);
+  // Erases every inherited entry that the engine has not added where it is. Returns their number. Requires
+  // that the engine added no other entry since inherit().
+  U64 eraseInherited();
+  // From now on nothing reaches hardware or the status table: the engine may be destroyed, and hardware goes
+  // on as it is. What is queued is dropped.
+  void detach();
+
   static Ostra::TypeInfo const& staticType();
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
 
  private:
-  struct Known;
-  struct Call;
-  struct State;
-  class Alarm;
+  class Queue;
 
-  void take(Call call);
-  void remove(EntryConfig const& record);
-  bool advance(Call& call);
-  bool mayBegin(Call const& call) const;
-  void begin(Call& call);
-  void settle(Call& call, Outcome const& outcome);
-  void tryAgain(Call& call);
-  void end(Call const& call);
-  void completed(U64 token, Outcome const& outcome);
-  void pass();
-  bool writeStatus(Call const& call);
-  void writeStatuses();
-  void wake();
-  void rearm();
-  void countersAre();
-  void failedIs(EntryKey const& key, std::string const& reason);
-  void failedDel(EntryKey const& key);
+  U64 adds() const { return calls_.adds; }
+  U64 updates() const { return calls_.updates; }
+  U64 moves() const { return calls_.moves; }
+  U64 deletes() const { return calls_.deletes; }
+  U64 deadlockDeletes() const { return calls_.deadlockDeletes; }
+  U64 flushes() const { return calls_.flushes; }
 
-  Driver& driver_;
   std::unique_ptr<Reasons> const failed_;
-  std::unique_ptr<State> const state_;
   U64 behind_ = 0;
   U64 retries_ = 0;
   U64 unwritten_ = 0;
+  std::string problem_;
+  Calls calls_;
+  std::unique_ptr<Queue> const queue_;
 };
 
 }  // namespace Hw

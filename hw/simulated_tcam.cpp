@@ -5,9 +5,7 @@
 
 #include <fmt/format.h>
 
-#include <chrono>
 #include <iterator>
-#include <thread>
 #include <utility>
 
 #include "ostra/piecewise_map.h"
@@ -20,28 +18,7 @@ using Vantrel::TableKey;
 
 namespace {
 
-std::string describe(SimulatedTcam::Entry const& e) {
-  return fmt::format("key {} (group {}, priority {}, position {})", e.key.value(), e.pg, e.prio, e.ti);
-}
-
 U32 positionOf(SimulatedTcam::EntryConfig const& record) { return record.tableIndex(TableKey(0)); }
-
-// The hardware's own time: the call returns no earlier.
-class Duration {
- public:
-  explicit Duration(U32 us) : us_(us) {
-    if (us_) end_ = std::chrono::steady_clock::now() + std::chrono::microseconds(us_);
-  }
-  Duration(Duration const&) = delete;
-  Duration& operator=(Duration const&) = delete;
-  ~Duration() {
-    if (us_) std::this_thread::sleep_until(end_);
-  }
-
- private:
-  U32 const us_;
-  std::chrono::steady_clock::time_point end_;
-};
 
 }  // namespace
 
@@ -65,24 +42,12 @@ char const* toText(Rule rule) {
   return "unknown rule";
 }
 
-SimulatedTcam::SimulatedTcam(std::string name, Ostra::Ptr<Vantrel::TableStatus> tableStatus, U32 size)
-    : VantrelHelper(std::move(name), std::move(tableStatus)),
-      size_(size),
-      entries_(std::make_unique<Ostra::PiecewiseMap<EntryKey, Entry>>()) {
-  violationHandlerIs(nullptr);
+std::string SimulatedTcam::describe(Entry const& e) {
+  return fmt::format("key {} (group {}, priority {}, position {})", e.key.value(), e.pg, e.prio, e.ti);
 }
-
-SimulatedTcam::~SimulatedTcam() = default;
 
 void SimulatedTcam::violationHandlerIs(ViolationHandler handler) {
   handler_ = handler ? std::move(handler) : [](Violation const& violation) { throw violation; };
-}
-
-void SimulatedTcam::latencyIs(U32 us) {
-  addLatencyIs(us);
-  updateLatencyIs(us);
-  moveLatencyIs(us);
-  deleteLatencyIs(us);
 }
 
 std::optional<SimulatedTcam::Entry> SimulatedTcam::entry(EntryKey const& key) const {
@@ -92,12 +57,15 @@ std::optional<SimulatedTcam::Entry> SimulatedTcam::entry(EntryKey const& key) co
 
 std::optional<SimulatedTcam::Entry> SimulatedTcam::at(U32 ti) const {
   auto const found = positions_.find(ti);
-  return found == positions_.end() ? std::nullopt : entry(found->second);
+  if (found == positions_.end()) return std::nullopt;
+  if (!leaving_.empty())
+    if (auto const old = leaving_.find(found->second); old != leaving_.end() && old->second.ti == ti)
+      return old->second;
+  return entry(found->second);
 }
 
 void SimulatedTcam::addEntry(EntryConfig const& record) {
   countOne("adds", count_.adds);
-  Duration const duration(latency_.add);
   if (auto const twin = entry(record.key())) {
     broken(Rule::KeyAbsent,
            fmt::format("add at {}: {} is there already", positionOf(record), describe(*twin)));
@@ -114,7 +82,6 @@ void SimulatedTcam::addEntry(EntryConfig const& record) {
 
 void SimulatedTcam::moveEntry(EntryConfig const& record) {
   countOne("moves", count_.moves);
-  Duration const duration(latency_.move);
   Entry* const moved = find("move", record);
   if (!moved || !canPlace("move", record)) return;
   U32 const old = std::exchange(moved->ti, positionOf(record));
@@ -128,7 +95,6 @@ void SimulatedTcam::moveEntry(EntryConfig const& record) {
 
 void SimulatedTcam::updateEntry(EntryConfig const& record) {
   countOne("updates", count_.updates);
-  Duration const duration(latency_.update);
   Entry* const updated = find("update", record);
   if (!updated || !namesOnePosition("update", record)) return;
   updated->opId = record.opId();
@@ -148,7 +114,6 @@ void SimulatedTcam::deleteEntryDeadlock(EntryConfig const& record) {
 void SimulatedTcam::flush() { countOne("flushes", count_.flushes); }
 
 void SimulatedTcam::remove(char const* call, EntryConfig const& record) {
-  Duration const duration(latency_.del);
   Entry* const gone = find(call, record);
   if (!gone || !namesOnePosition(call, record)) return;
   if (positionOf(record) != gone->ti) {
@@ -184,14 +149,16 @@ bool SimulatedTcam::namesOnePosition(char const* call, EntryConfig const& record
 }
 
 bool SimulatedTcam::canPlace(char const* call, EntryConfig const& record) {
-  if (!namesOnePosition(call, record)) return false;
-  U32 const ti = positionOf(record);
+  return namesOnePosition(call, record) && isFree(call, record.key(), positionOf(record));
+}
+
+bool SimulatedTcam::isFree(char const* call, EntryKey const& key, U32 ti) {
   if (ti >= size_)
-    return broken(Rule::PositionInRow, fmt::format("{} of key {} to position {}, the row has {}", call,
-                                                   record.key().value(), ti, size_));
+    return broken(Rule::PositionInRow,
+                  fmt::format("{} of key {} to position {}, the row has {}", call, key.value(), ti, size_));
   if (auto const holder = at(ti))
     return broken(Rule::PositionFree, fmt::format("{} of key {} to position {}, held by {}", call,
-                                                  record.key().value(), ti, describe(*holder)));
+                                                  key.value(), ti, describe(*holder)));
   return true;
 }
 
@@ -227,11 +194,11 @@ SimulatedTcam::Order::iterator SimulatedTcam::reordered(Entry const& entry, U32 
 }
 
 std::string SimulatedTcam::audit() const {
-  if (entries_->size() != positions_.size() || entries_->size() != order_.size())
-    return fmt::format("{} entries, {} positions, {} in order", entries_->size(), positions_.size(),
-                       order_.size());
+  if (entries_->size() + leaving_.size() != positions_.size() || positions_.size() != order_.size())
+    return fmt::format("{} entries, {} positions, {} in order", entries_->size() + leaving_.size(),
+                       positions_.size(), order_.size());
   for (auto const& [ti, key] : positions_) {
-    auto const e = entry(key);
+    auto const e = at(ti);
     if (!e || e->ti != ti)
       return fmt::format("position {} names key {}, which is not there", ti, key.value());
   }
@@ -258,6 +225,13 @@ Ostra::TypeInfo const& SimulatedTcam::staticType() {
           .attribute("updateLatency", &T::updateLatency, &T::updateLatencyIs)
           .attribute("moveLatency", &T::moveLatency, &T::moveLatencyIs)
           .attribute("deleteLatency", &T::deleteLatency, &T::deleteLatencyIs)
+          .attribute("busyRate", &T::busyRate, &T::busyRateIs)
+          .attribute("refusedRate", &T::refusedRate, &T::refusedRateIs)
+          .attribute("unknownRate", &T::unknownRate, &T::unknownRateIs)
+          .attribute("capacity", &T::capacity, &T::capacityIs)
+          .attribute("diesAt", &T::diesAt, &T::diesAtIs)
+          .attribute("atOnce", &T::atOnce, &T::atOnceIs)
+          .attribute("writes", &T::writes)
           .attribute("adds", &T::adds)
           .attribute("updates", &T::updates)
           .attribute("moves", &T::moves)

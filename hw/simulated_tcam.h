@@ -1,5 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// SimulatedTcam: a row of positions that checks every call as it arrives and acknowledges like real hardware.
+// SimulatedTcam: a row of positions that checks every call as it is carried out.
+//
+// It stands behind an Executor, as a driver: then it may be late, busy, full or dead, as its attributes say,
+// and its contents may outlive the process in a file. Or it stands behind an engine directly, as a hardware
+// client that does every call at once and acknowledges it:
 //
 //   position     100    101    102    103    104        one priority group: precedence falls from left
 //              | A 10 |      | B 10 |      | C 20 |     to right, and priorities must not decrease
@@ -11,13 +15,17 @@
 //
 // and after each call the nearest entries of the same group on both sides do not contradict the priority.
 //
+// A driver's write adds, updates or moves, by where the key is; a moved key is at two positions until the old
+// one is erased.
+//
 // The key finds an entry, not the position of a record: an update before a move names the position that the
 // entry is yet to reach (it is acknowledged at the move), and a delete record's group is always 0. Group and
 // priority are those that the key came with; later records of the key do not change them.
 //
 // Invariants: positions(), the entries and the order index name the same entries; audit() compares them.
-// Ownership: holds a reference to the status table (may be null: nothing is acknowledged).
-// Threading: the agent's event loop. A latency makes the call block that long.
+// Ownership: holds a reference to the status table (may be null: nothing is acknowledged), and the file of
+//   its contents.
+// Threading: the agent's event loop, which polls fd() when calls are late.
 // Cost: logarithmic in the entries; one acknowledgement an operation.
 // Errors: a broken rule is counted and handed to the violation handler, which by default throws it. When the
 //   handler returns, a call that has nowhere to go (position, key) is dropped unacknowledged; one that breaks
@@ -28,9 +36,13 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <random>
+#include <set>
 #include <stdexcept>
 #include <string>
 
+#include "hw/driver.h"
+#include "keel/timerfd_wheel.h"
 #include "ostra/piecewise_map_fwd.h"
 #include "vantrel/engine/vantrel_helper.h"
 
@@ -57,7 +69,9 @@ class VANTREL_API Violation : public std::logic_error {
   Rule rule_;
 };
 
-class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
+class ContentsFile;
+
+class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper, public Driver {
  public:
   using EntryConfig = Vantrel::EntryConfig;
   using EntryKey = Vantrel::EntryKey;
@@ -67,6 +81,7 @@ class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
    public:
     virtual void onCounter() {}      // any of the counters
     virtual void onLatency() {}      // any of the latencies
+    virtual void onMood() {}         // what a driver's calls meet
     virtual void onViolation() {}    // another one, lastViolation() tells
     virtual void onPosition(U32) {}  // an entry came to this position or left it
   };
@@ -96,7 +111,7 @@ class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
   std::optional<Entry> at(U32 ti) const;
   U64 entries() const { return positions_.size(); }
 
-  // Microseconds that each operation takes.
+  // Microseconds that a driver's call takes. The write of a move takes all of a move's time.
   U32 addLatency() const { return latency_.add; }
   U32 updateLatency() const { return latency_.update; }
   U32 moveLatency() const { return latency_.move; }
@@ -108,7 +123,35 @@ class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
   // All four at once.
   void latencyIs(U32 us);
 
-  // Calls that arrived, broken rules included.
+  // The share of a driver's calls that end so, from 0 to 1: busy, and worth another try; refused for good;
+  // unknown, of which half are carried out. They throw Ostra::AttributeException for another number.
+  double busyRate() const { return mood_.busy; }
+  double refusedRate() const { return mood_.refused; }
+  double unknownRate() const { return mood_.unknown; }
+  void busyRateIs(double share) { rateIs("busyRate", mood_.busy, share); }
+  void refusedRateIs(double share) { rateIs("refusedRate", mood_.refused, share); }
+  void unknownRateIs(double share) { rateIs("unknownRate", mood_.unknown, share); }
+  // A driver's write to a free position is refused when so many are held. At first: size().
+  U32 capacity() const { return mood_.capacity; }
+  void capacityIs(U32 entries) { scalarIs("capacity", mood_.capacity, entries, &Notifiee::onMood); }
+  // From its call of this number on the hardware is dead: nothing is carried out or answered. 0: it lives.
+  U64 diesAt() const { return mood_.diesAt; }
+  void diesAtIs(U64 call) { scalarIs("diesAt", mood_.diesAt, call, &Notifiee::onMood); }
+  // How many late calls it takes at once.
+  U32 atOnce() const { return mood_.atOnce; }
+  void atOnceIs(U32 calls) { scalarIs("atOnce", mood_.atOnce, calls, &Notifiee::onMood); }
+
+  // From now on the file has the contents. What it has from an earlier run is in the row now; entries beyond
+  // the row are gone. Returns their number. The row must be empty. Throws as ContentsFile does.
+  U64 contentsFileIs(std::string const& path);
+
+  // Readable when late calls are due; dispatch() completes them.
+  int fd() const { return wheel_->fd(); }
+  void dispatch() { wheel_->dispatch(); }
+
+  // A driver's calls that arrived.
+  U64 writes() const { return count_.writes; }
+  // By what they did, or were to do. An engine's calls that arrived, broken rules included.
   U64 adds() const { return count_.adds; }
   U64 updates() const { return count_.updates; }
   U64 moves() const { return count_.moves; }
@@ -127,6 +170,12 @@ class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
   void updateEntry(EntryConfig const& entry) override;
   void flush() override;
 
+  Outcome write(EntryConfig const& entry, U32 ti, U64 token) override;
+  Outcome erase(EntryKey const& key, U32 ti, U64 token) override;
+  std::size_t mostAtOnce() const override { return mood_.atOnce; }
+  std::optional<std::optional<Held>> readBack(U32 ti) override;
+  void contents(Visitor const& visit) override;
+
   // The first inconsistency between the indexes, or the first two entries of a group that are in the wrong
   // order, as a sentence; empty when all is well. Walks everything.
   std::string audit() const;
@@ -138,16 +187,32 @@ class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
   struct Latency {
     U32 add = 0, update = 0, move = 0, del = 0;
   };
+  struct Mood {
+    double busy = 0, refused = 0, unknown = 0;
+    U32 capacity;
+    U64 diesAt = 0;
+    U32 atOnce = 1;
+  };
   struct Count {
-    U64 adds = 0, updates = 0, moves = 0, deletes = 0, deadlockDeletes = 0, flushes = 0, violations = 0;
+    U64 adds = 0, updates = 0, moves = 0, deletes = 0, deadlockDeletes = 0, flushes = 0, violations = 0,
+        writes = 0;
+  };
+  class Alarm;
+  // A driver's call: an erase has no entry.
+  struct Step {
+    EntryKey key;
+    U32 ti;
+    EntryConfig const* entry;
   };
 
   void countOne(std::string_view name, U64& counter) {
     scalarIs(name, counter, counter + 1, &Notifiee::onCounter);
   }
+  static std::string describe(Entry const& entry);
   // Counts a broken rule and tells the handler. Always false, so that a check reads as one expression.
   bool broken(Rule rule, std::string const& text);
   bool canPlace(char const* call, EntryConfig const& record);
+  bool isFree(char const* call, EntryKey const& key, U32 ti);
   Entry* find(char const* call, EntryConfig const& record);
   bool namesOnePosition(char const* call, EntryConfig const& record);
   using Order = std::map<std::pair<U16, U32>, U32>;
@@ -157,14 +222,44 @@ class VANTREL_API SimulatedTcam : public Vantrel::VantrelHelper {
   void remove(char const* call, EntryConfig const& record);
   void acknowledge(EntryKey const& key, OpId const& opId);
 
+  // As a driver (simulated_driver.cpp).
+  void rateIs(std::string_view name, double& rate, double share);
+  bool isDead() const { return mood_.diesAt != 0 && count_.writes >= mood_.diesAt; }
+  Outcome answer(U64 token, U32 us, Step const& step);
+  Outcome carryOut(Outcome::Kind kind, Step const& step);
+  Outcome stepNow(Step const& step);
+  bool inherit(Entry const& held);
+  void complete();
+  Outcome::Kind draw();
+  U32 latencyOfWrite(EntryKey const& key, U32 ti) const;
+  Outcome writeNow(EntryConfig const& entry, U32 ti);
+  Outcome eraseNow(EntryKey const& key, U32 ti);
+  void addNow(EntryConfig const& entry, U32 ti);
+  void moveNow(Entry& entry, EntryConfig const& record, U32 ti);
+  void forget(EntryKey const& key, U32 ti);
+
   U32 const size_;
   Latency latency_;
+  Mood mood_;
   Count count_;
   std::string lastViolation_;
   ViolationHandler handler_;
   std::unique_ptr<Ostra::PiecewiseMap<EntryKey, Entry>> const entries_;
+  std::map<EntryKey, Entry> leaving_;  // moved keys, at the position that is to be erased yet
   std::map<U32, EntryKey> positions_;
-  Order order_;  // by group, then position: the entry's priority
+  Order order_;               // by group, then position: the entry's priority
+  std::set<U32> unreadable_;  // positions whose record in the file is damaged
+  std::unique_ptr<ContentsFile> file_;
+  Ostra::Ptr<Keel::TimerfdWheel> const wheel_;
+  std::unique_ptr<Alarm> const alarm_;
+  std::minstd_rand random_;
+  struct Late {
+    U64 token;
+    Outcome::Kind kind;
+    Step step;
+    std::optional<EntryConfig> kept;
+  };
+  std::multimap<double, Late> late_;  // by the time when they are done
 };
 
 }  // namespace Hw

@@ -13,7 +13,7 @@ namespace {
 constexpr U32 traceId = 1;  // heads every trace record of the one engine
 
 // How long questions and signals wait for an engine that is at work, seconds.
-constexpr double patience = 0.005;
+constexpr double patience = 0.002;
 // Seconds. The reader of the configuration table wakes the loop once a second.
 constexpr double pollPeriod = 0.9;
 
@@ -79,6 +79,7 @@ Agent::Agent(Options options, Log& out, Log& err)
       err_(err),
       status_(ownStatus(options_.dir)),
       statusFile_(status_->name()),
+      hardware_(options_, status_, err_),
       debugConfig_(Vantrel::debugConfigFactory("debugConfig")),
       debugStatus_(Vantrel::debugStatusFactory("debugStatus")),
       waitStatus_(Ostra::make<Vantrel::WaitStatus>("waitStatus")),
@@ -86,26 +87,15 @@ Agent::Agent(Options options, Log& out, Log& err)
       wheel_(Ostra::make<Keel::TimerfdWheel>()),
       progress_(Ostra::make<Progress>()) {
   Lumelog::directoryIs(options_.dir);
-  makeHardware();
   publish();
   whenReadable(stop_.fd(), [] {});
   whenReadable(wheel_->fd(), [this] { wheel_->dispatch(); });
+  for (int const fd : hardware_.fds())
+    if (fd >= 0) whenReadable(fd, [this] { hardware_.dispatch(); });
   awaitConfig();
 }
 
 Agent::~Agent() { withdraw(); }
-
-void Agent::makeHardware() {
-  if (options_.hardware == HardwareKind::Null) {
-    hardware_ = Ostra::make<Vantrel::VantrelHelper>("hardware", status_);
-    return;
-  }
-  auto const sim = Ostra::make<Hw::SimulatedTcam>("hardware", status_, options_.size);
-  sim->latencyIs(options_.hardwareLatencyUs);
-  sim->violationHandlerIs([this](Hw::Violation const& v) { err_.provoked("VIOLATION: {}", v.what()); });
-  sim_ = sim.get();
-  hardware_ = sim;
-}
 
 void Agent::publish() {
   publisher_ = std::make_unique<Ostra::Publisher>(options_.dir + "/mgmt.sock");
@@ -113,7 +103,7 @@ void Agent::publish() {
   publisher_->exportObject("debugConfig", debugConfig_);
   publisher_->exportObject("debugStatus", debugStatus_);
   publisher_->exportObject("waitStatus", waitStatus_);
-  publisher_->exportObject("hardware", hardware_);
+  hardware_.publish(*publisher_);
   publisher_->exportObject(
       "statusTable", Ostra::make<TableReport>(
                          status_, [this] { return status_->size(); }, [this] { return statusProblem_; }));
@@ -148,14 +138,35 @@ void Agent::awaitConfig() {
 }
 
 void Agent::attach() {
+  progress_->stateIs("adopting");
+  adopt();
   progress_->stateIs("serving");
   keyWatcher_ = std::make_unique<KeyWatcher>(*this);
   frontEnd_ =
       Vantrel::vantrelSmFactory(config_, status_, debugConfig_, debugStatus_, engine_, flushStatus_, wheel_);
   publisher_->exportObject("frontEnd", frontEnd_);
+  handOverUnwanted();
   engine_->handleDebug();  // a request that was made before there was a front end
   explainSnapshot();
   sayDamage();
+}
+
+void Agent::adopt() {
+  hardware_.adopt(*engine_, *config_, *validator_);
+  Hw::Adopted const& adopted = hardware_.adopted();
+  if (adopted.entries != 0 || adopted.erased != 0)
+    out_.say("adopted {} entries that the hardware held; {} positions are erased", adopted.entries,
+             adopted.erased);
+}
+
+// Behind the walk, so that what takes the place of such an entry may come first.
+void Agent::handOverUnwanted() {
+  auto const unwanted = hardware_.unwanted();
+  for (Vantrel::EntryKey const& key : unwanted) {
+    frontEnd_->handleEntry(key);
+    engine_->yield();
+  }
+  if (!unwanted.empty()) hardware_.executor()->flush();
 }
 
 // In the turn that took it, so that nothing has changed since. Not by a watcher of the snapshot, who would be
@@ -166,11 +177,11 @@ void Agent::explainSnapshot() {
 
 void Agent::makeEngine() {
   if (options_.engine == EngineKind::Atcam)
-    engine_ = Ostra::make<Vantrel::FastVantrelAtcamImpl>("engine", config_, debugConfig_, debugStatus_,
-                                                         hardware_, traceId, options_.maxPartitions);
+    engine_ = Ostra::make<Vantrel::FastVantrelAtcamImpl>(
+        "engine", config_, debugConfig_, debugStatus_, hardware_.executor(), traceId, options_.maxPartitions);
   else
-    engine_ = Ostra::make<Vantrel::FastVantrelImpl>("engine", config_, debugConfig_, debugStatus_, hardware_,
-                                                    traceId);
+    engine_ = Ostra::make<Vantrel::FastVantrelImpl>("engine", config_, debugConfig_, debugStatus_,
+                                                    hardware_.executor(), traceId);
   if (options_.prioGrpShift) engine_->prioGrpShiftIs(options_.prioGrpShift);
   engine_->roomForKeysIs(options_.size);
   engine_->yieldIs(this);
@@ -183,7 +194,7 @@ int Agent::run() {
   }
   withdraw();
   sayWhatWasDone();
-  return sim_ && sim_->violations() ? 1 : 0;
+  return hardware_.violations() != 0 ? 1 : 0;
 }
 
 void Agent::serve() {
@@ -204,19 +215,26 @@ void Agent::serve() {
   }
 }
 
-// Serves readers, polls and looks for a stop signal, in between two keys. A stop signal does not end the
-// clean-up.
 void Agent::betweenKeys() {
-  double const now = Ostra::now();
-  if (now - servedAt_ < patience) return;
+  if (Ostra::now() - servedAt_ >= patience) serveOthers();
+  if (!hardware_.isCrowded()) return;
+  while (!hardware_.isRelaxed()) {
+    hardware_.wait();
+    serveOthers();
+  }
+}
+
+// Serves readers and the hardware, polls, and looks for a stop signal, which does not end the clean-up.
+void Agent::serveOthers() {
   bool const withdrawing = progress_->state() == "withdrawing";
   if (withdrawing) progress_->leftIs(status_->size());
+  hardware_.dispatch();
   try {
     publisher_->dispatchReadOnly();
   } catch (std::exception const& e) {
     err_.provoked("{}", e.what());
   }
-  if (now - polledAt_ >= pollPeriod) poll();
+  if (Ostra::now() - polledAt_ >= pollPeriod) poll();
   servedAt_ = Ostra::now();
   if (stop_.asked() && !withdrawing) throw Stop();
 }
@@ -240,7 +258,7 @@ void Agent::sayReady() {
                                  ? fmt::format("atcam with {} partitions", options_.maxPartitions)
                                  : "fast";
   out_.say("ready in {}: engine {}, {} {} positions, {}", options_.dir, engine, options_.size,
-           sim_ ? "simulated" : "imaginary", wanted);
+           options_.hardware == HardwareKind::Sim ? "simulated" : "imaginary", wanted);
 }
 
 // Says the latest damaged or refused record whenever their number has grown.
@@ -282,23 +300,38 @@ void Agent::withdraw() {
   frontEnd_ = nullptr;
   publisher_->withdraw("frontEnd");
   publisher_->withdraw("engine");
-  progress_->leftIs(status_->size());
   progress_->stateIs("withdrawing");
-  if (progress_->left() != 0) out_.say("withdrawing {} entries", progress_->left());
+  if (options_.keep) {
+    finishHardware();
+    hardware_.executor()->detach();
+  } else {
+    hardware_.eraseRest();
+    progress_->leftIs(status_->size());
+    if (progress_->left() != 0) out_.say("withdrawing {} entries", progress_->left());
+  }
   engine_ = nullptr;
+  finishHardware();
   publisher_ = nullptr;
 }
 
-void Agent::sayWhatWasDone() {
-  if (!sim_) {
-    out_.say("stopped; statuses left: {}", status_->size());
-    return;
+// Lets the hardware do what it was asked for. What it does not answer to holds the agent until a second
+// signal.
+void Agent::finishHardware() {
+  bool isSaid = false;
+  while (hardware_.executor()->behind() != 0) {
+    hardware_.wait();
+    serveOthers();
+    if (hardware_.executor()->behind() == 0 || std::exchange(isSaid, true)) continue;
+    out_.say("waiting for the hardware, which is {} calls behind", hardware_.executor()->behind());
   }
-  std::string const calls = fmt::format(
-      "{} adds, {} updates, {} moves, {} deletes, {} deletes to break rings, {} flushes", sim_->adds(),
-      sim_->updates(), sim_->moves(), sim_->deletes(), sim_->deadlockDeletes(), sim_->flushes());
-  out_.say("stopped: {}, {} violations; entries left: {}, statuses left: {}", calls, sim_->violations(),
-           sim_->entries(), status_->size());
+}
+
+void Agent::sayWhatWasDone() {
+  std::string const summary = hardware_.summary();
+  if (summary.empty())
+    out_.say("stopped; statuses left: {}", status_->size());
+  else
+    out_.say("stopped: {}, statuses left: {}", summary, status_->size());
 }
 
 }  // namespace Vantreld

@@ -2,18 +2,20 @@
 // The reference agent: one event loop over tables, timer, management socket and signals, with the engine in
 // the middle.
 //
-//   config.shoal --> ReaderTable --> VantrelSm --> FastVantrelImpl --> hardware client --> status.shoal
+//   config.shoal --> ReaderTable --> VantrelSm --> FastVantrelImpl --> Hardware --> status.shoal
 //
 // A call that handles many keys (a full walk, the keys that vanished, a retry pass, a drain of the work
-// queue, the clean-up) calls betweenKeys() between two of them. Every few milliseconds that serves the
-// readers on the management socket and checks whether the agent was asked to stop:
+// queue, the clean-up) calls betweenKeys() between two of them. Every other millisecond that serves the
+// readers on the management socket and the hardware, and checks whether the agent was asked to stop; it waits
+// while the hardware is too far behind:
 //
 //   walk: key key key key ...            clean-up: key key key ...
 //             |       |                              |
 //             +-------+------- betweenKeys() --------+-------> questions; a signal ends a walk
 //
-// Invariants: the front end exists once a producer's table can be read. DIR/status.shoal is empty at the
-//   start: an entry that this agent has not programmed is not acknowledged.
+// Invariants: the front end exists once a producer's table can be read; just before, what hardware holds from
+//   an earlier run is adopted. DIR/status.shoal is empty at the start: an entry that this agent has neither
+//   adopted nor programmed is not acknowledged.
 // Ownership: owns everything.
 // Threading: run() is the one thread.
 // Errors: the constructor and the first walk of the table throw what prevents a start, one sentence each.
@@ -28,13 +30,13 @@
 #include <string>
 #include <vector>
 
+#include "apps/vantreld/hardware.h"
 #include "apps/vantreld/log.h"
 #include "apps/vantreld/options.h"
 #include "apps/vantreld/own_file.h"
 #include "apps/vantreld/reports.h"
 #include "apps/vantreld/stop.h"
 #include "apps/vantreld/validator.h"
-#include "hw/simulated_tcam.h"
 #include "ostra/publish.h"
 #include "shoal/reader_table.h"
 #include "shoal/writer_table.h"
@@ -48,8 +50,8 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   Agent(Options options, Log& out, Log& err);
   ~Agent();
 
-  // Serves until SIGTERM or SIGINT, then withdraws everything programmed. Returns the process's exit status:
-  // 1 when the hardware found a rule broken.
+  // Serves until SIGTERM or SIGINT, then withdraws everything programmed, unless it is to be kept. Returns
+  // the process's exit status: 1 when the hardware found a rule broken.
   int run();
 
  private:
@@ -58,7 +60,6 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   class Watched;
   class KeyWatcher;
 
-  void makeHardware();
   void publish();
   void makeEngine();
   void explainSnapshot();
@@ -66,6 +67,10 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   void attach();
   void serve();
   void betweenKeys() override;
+  void serveOthers();
+  void adopt();
+  void handOverUnwanted();
+  void finishHardware();
   void whenReadable(int fd, std::function<void()> dispatch);
   void poll();
   void sayReady();
@@ -83,8 +88,7 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   std::vector<std::unique_ptr<Watched>> watched_;
   Ostra::Ptr<Status> status_;
   OwnFile const statusFile_;
-  Ostra::Ptr<Vantrel::VantrelHelper> hardware_;
-  Hw::SimulatedTcam* sim_ = nullptr;  // hardware_, if it is a simulated one
+  Hardware hardware_;
   Ostra::Ptr<Vantrel::DebugConfig> debugConfig_;
   Ostra::Ptr<Vantrel::DebugStatus> debugStatus_;
   Ostra::Ptr<Vantrel::WaitStatus> waitStatus_;

@@ -17,10 +17,32 @@ void checkTogether(CLI::App const& app, Options const& o) {
   if (o.engine == EngineKind::Atcam && o.prioGrpShift && (o.maxPartitions - 1) >> (32 - o.prioGrpShift))
     throw CLI::ValidationError("--prio-grp-shift",
                                fmt::format("leaves no room for {} partitions", o.maxPartitions));
+  if (o.hardware == HardwareKind::Null && !o.sim.state.empty())
+    throw CLI::ValidationError("--sim-state", "belongs to --hw sim");
   if (o.size > o.mapping().positions())
     throw CLI::ValidationError(
         "--size", fmt::format("{} positions are more than the engine's mapping can name ({})", o.size,
                               o.mapping().positions()));
+}
+
+// What real hardware does on bad days.
+void addSimulation(CLI::App& app, SimOptions& o) {
+  auto const sim = [&app](char const* flag, auto& value, char const* help) {
+    return app.add_option(flag, value, help)->group("Simulated hardware");
+  };
+  sim("--hw-latency-us", o.latencyUs, "Microseconds that each hardware operation takes");
+  sim("--sim-at-once", o.atOnce, "Calls that may be under way at once (1)")->check(CLI::PositiveNumber);
+  sim("--sim-busy", o.busy, "Share of the calls that fail and are tried again, 0 to 1")
+      ->check(CLI::Range(0.0, 1.0));
+  sim("--sim-refused", o.refused, "Share of the calls that are refused for good")
+      ->check(CLI::Range(0.0, 1.0));
+  sim("--sim-unknown", o.unknown, "Share of the calls of which nobody knows whether they were done")
+      ->check(CLI::Range(0.0, 1.0));
+  sim("--sim-capacity", o.capacity, "Entries that it holds at most (one at each position)")
+      ->check(CLI::PositiveNumber);
+  sim("--sim-dies-at", o.diesAt, "The number of the call from which on it does not answer")
+      ->check(CLI::PositiveNumber);
+  sim("--sim-state", o.state, "File that has its contents and outlives the agent");
 }
 
 }  // namespace
@@ -41,8 +63,9 @@ Options parse(int argc, char** argv) {
       "Quarry-mbb-PID.lg (its\n"
       "trace; LUMELOGDIR puts it elsewhere, LUMELOG_DISABLE drops it). TRACE=\"VantrelFastImpl/9\" traces as "
       "text.\n\n"
-      "SIGTERM or SIGINT: it withdraws what it programmed and ends with 0, or 1 when the hardware saw a rule "
-      "broken.\nA second signal ends it at once with 3, and leaves everything where it is. A start that "
+      "SIGTERM or SIGINT: it withdraws what it programmed (--keep: nothing) and ends with 0, or 1 when the "
+      "hardware\nsaw a rule broken. A second signal ends it at once with 3, and leaves everything where it "
+      "is. A start that "
       "fails "
       "ends with 1,\na wrong flag with 2.");
   app.add_option("--dir", o.dir, "Directory of the tables, the management socket and the trace file")
@@ -62,7 +85,8 @@ Options parse(int argc, char** argv) {
   app.add_option("--hw", o.hardware, "sim (a checking simulation) or null (programs nothing)")
       ->transform(CLI::CheckedTransformer(
           std::map<std::string, HardwareKind>{{"sim", HardwareKind::Sim}, {"null", HardwareKind::Null}}));
-  app.add_option("--hw-latency-us", o.hardwareLatencyUs, "Microseconds that each hardware operation takes");
+  addSimulation(app, o.sim);
+  app.add_flag("--keep", o.keep, "Stop without withdrawing: hardware keeps its entries");
   try {
     app.parse(argc, argv);
     checkTogether(app, o);

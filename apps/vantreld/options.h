@@ -12,6 +12,16 @@ namespace Vantreld {
 enum class EngineKind { Fast, Atcam };
 enum class HardwareKind { Sim, Null };
 
+// What simulated hardware is like.
+struct SimOptions {
+  U32 latencyUs = 0;                          // a call
+  U32 atOnce = 1;                             // calls that may be under way
+  double busy = 0, refused = 0, unknown = 0;  // shares of the calls, 0 to 1
+  U32 capacity = 0;                           // entries; 0: one at each position
+  U64 diesAt = 0;                             // the number of a call; 0: it lives
+  std::string state;                          // the file of its contents; empty: it forgets them
+};
+
 struct Options {
   std::string dir;
   EngineKind engine = EngineKind::Fast;
@@ -19,7 +29,8 @@ struct Options {
   U32 prioGrpShift = 0;   // 0: the engine's own
   U32 size = 131072;      // positions in hardware
   HardwareKind hardware = HardwareKind::Sim;
-  U32 hardwareLatencyUs = 0;
+  SimOptions sim;
+  bool keep = false;  // stop without withdrawing
 
   Vantrel::Mapping mapping() const;
 };

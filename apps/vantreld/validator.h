@@ -44,6 +44,9 @@ class Validator final : public Shoal::ReaderTable<Vantrel::EntryConfig>::Validat
   // could not be read.
   void validate(Vantrel::EntryKey const& key, Vantrel::EntryConfig& record, char const* damage) override;
 
+  // Why the engine must not see the record, if so.
+  std::optional<std::string> fault(Vantrel::EntryConfig const& record) const;
+
   Reasons const& refused() const { return listed_; }
   U64 refusedCount() const { return refused_.size(); }
 
@@ -51,7 +54,6 @@ class Validator final : public Shoal::ReaderTable<Vantrel::EntryConfig>::Validat
   struct KeyHash {
     std::size_t operator()(Vantrel::EntryKey const& key) const { return key.hash(); }
   };
-  std::optional<std::string> fault(Vantrel::EntryConfig const& record) const;
   bool refuse(Vantrel::EntryKey const& key, std::string const& reason);
   void clear(Vantrel::EntryKey const& key);
 

@@ -81,7 +81,8 @@ TEST_F(OperatorTest, AttrListsGetsSetsAndInvokes) {
   want(1, 5, 10);
   start();
   std::string const entities = said({"attr", "list"});
-  for (char const* entity : {"flushStatus", "debugConfig", "debugStatus", "frontEnd", "engine", "hardware"})
+  for (char const* entity :
+       {"flushStatus", "debugConfig", "debugStatus", "frontEnd", "engine", "executor", "hardware"})
     EXPECT_THAT(entities, HasSubstr(std::string("\n") + entity + " "));
   EXPECT_THAT(said({"attr", "list", "engine"}), HasSubstr("prioGrpShift             scalar      U32"));
   EXPECT_EQ("19\n", said({"attr", "get", "engine", "prioGrpShift"}));
@@ -103,7 +104,7 @@ TEST_F(OperatorTest, AttrSaysWhatIsWrong) {
   expectRefused(
       {"attr", "get", "engin", "prioGrpShift"},
       "no entity is named \"engin\"; there are: agent, configTable, debugConfig, debugStatus, engine, "
-      "flushStatus, frontEnd, hardware, statusTable, trace, waitStatus");
+      "executor, flushStatus, frontEnd, hardware, statusTable, trace, waitStatus");
   EXPECT_THAT(run({"attr", "get", "engine", "prio"}).err,
               StartsWith("vantrel: Vantrel::FastVantrelImpl has no attribute \"prio\"; it has: "));
   expectRefused({"attr", "set", "engine", "debugEnabled", "yes"}, "expected true or false, got \"yes\"");
