@@ -27,8 +27,7 @@ using Vantrel::EntryConfig;
 
 static_assert(sizeof(Slot) == Shoal::RecordTraits<Slot>::bytes);
 
-ContentsFile::ContentsFile(std::string const& path)
-    : table_(Ostra::make<Shoal::WriterTable<Slot>>(path)) {}
+ContentsFile::ContentsFile(std::string const& path) : table_(Ostra::make<Shoal::WriterTable<Slot>>(path)) {}
 
 void ContentsFile::each(std::function<void(U32 ti, EntryConfig const* entry)> const& visit) const {
   for (auto at = table_->first(); at; at = table_->next(*at)) {

@@ -94,7 +94,8 @@ class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
   Queue(Executor& executor, Driver& driver, Ostra::Ptr<Keel::TimerWheel const> wheel);
   ~Queue() override { driver_.completedIs(nullptr); }
 
-  void add(EntryConfig const& entry);
+  // False when hardware holds the entry from an earlier run.
+  bool add(EntryConfig const& entry);
   void update(EntryConfig const& entry);
   void move(EntryConfig const& entry);
   void remove(EntryConfig const& record);
@@ -156,7 +157,7 @@ Executor::Queue::Queue(Executor& executor, Driver& driver, Ostra::Ptr<Keel::Time
 
 // The engine's calls.
 
-void Executor::Queue::add(EntryConfig const& entry) {
+bool Executor::Queue::add(EntryConfig const& entry) {
   Place& known = known_[entry.key()];
   known = {positionOf(entry), entry.prio(), entry.pg()};
   bool isThere = false;
@@ -171,12 +172,13 @@ void Executor::Queue::add(EntryConfig const& entry) {
         .to = isThere ? nowhere : known.ti,
         .status = done(),
         .opId = entry.opId()});
+  return !isThere;
 }
 
 // Before a move it names the new position, and is acknowledged there.
 void Executor::Queue::update(EntryConfig const& entry) {
   auto const at = known_.find(entry.key());
-  if (at == known_.end()) return add(entry);
+  if (at == known_.end()) return void(add(entry));
   Place const& known = at->second;
   bool const stays = positionOf(entry) == known.ti;
   take({.key = entry.key(),
@@ -189,7 +191,7 @@ void Executor::Queue::update(EntryConfig const& entry) {
 
 void Executor::Queue::move(EntryConfig const& entry) {
   auto const at = known_.find(entry.key());
-  if (at == known_.end()) return add(entry);
+  if (at == known_.end()) return void(add(entry));
   U32 const old = std::exchange(at->second.ti, positionOf(entry));
   take({.key = entry.key(),
         .order = at->second,
@@ -298,7 +300,8 @@ void Executor::Queue::tryAgain(Call& call, Outcome const& outcome) {
 // What is not in hardware is not acknowledged. A delete is.
 void Executor::Queue::end(Call const& call) {
   if (call.endsTheKey()) failedDel(call.key);
-  if (call.status == Call::Status::Stays || executor_.failed_->contains(call.key)) return;
+  if (call.status == Call::Status::Stays) return;
+  if (!executor_.failed_->empty() && executor_.failed_->contains(call.key)) return;
   if (!unwritten_.contains(call.key) && writeStatus(call)) return;
   Call& waiting = unwritten_[call.key];
   waiting.key = call.key;
@@ -434,10 +437,7 @@ Executor::Executor(std::string name, Ostra::Ptr<Vantrel::TableStatus> tableStatu
 
 Executor::~Executor() = default;
 
-void Executor::addEntry(EntryConfig const& entry) {
-  ++calls_.adds;
-  queue_->add(entry);
-}
+void Executor::addEntry(EntryConfig const& entry) { ++(queue_->add(entry) ? calls_.adds : calls_.adopted); }
 void Executor::updateEntry(EntryConfig const& entry) {
   ++calls_.updates;
   queue_->update(entry);
@@ -478,6 +478,7 @@ Ostra::TypeInfo const& Executor::staticType() {
                                           .attribute("retries", &E::retries)
                                           .attribute("problem", &E::problem)
                                           .attribute("unwritten", &E::unwritten)
+                                          .attribute("adopted", &E::adopted)
                                           .attribute("adds", &E::adds)
                                           .attribute("updates", &E::updates)
                                           .attribute("moves", &E::moves)

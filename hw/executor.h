@@ -64,9 +64,9 @@ class VANTREL_API Executor : public Vantrel::VantrelHelper {
     virtual void onUnwritten() {}
   };
 
-  // The engine's calls, by kind.
+  // The engine's calls, by kind. An add of what hardware holds already is not an add, but adopted.
   struct Calls {
-    U64 adds = 0, updates = 0, moves = 0, deletes = 0, deadlockDeletes = 0, flushes = 0;
+    U64 adopted = 0, adds = 0, updates = 0, moves = 0, deletes = 0, deadlockDeletes = 0, flushes = 0;
   };
 
   // `wheel`: its time paces what is tried again.
@@ -113,6 +113,7 @@ class VANTREL_API Executor : public Vantrel::VantrelHelper {
  private:
   class Queue;
 
+  U64 adopted() const { return calls_.adopted; }
   U64 adds() const { return calls_.adds; }
   U64 updates() const { return calls_.updates; }
   U64 moves() const { return calls_.moves; }

@@ -144,8 +144,8 @@ void SimulatedTcam::addNow(EntryConfig const& record, U32 ti) {
 
 void SimulatedTcam::moveNow(Entry& entry, EntryConfig const& record, U32 ti) {
   if (auto const old = leaving_.find(entry.key); old != leaving_.end()) {
-    broken(Rule::KeyAbsent, fmt::format("write at {}: {} is at position {} too", ti, describe(entry),
-                                        old->second.ti));
+    broken(Rule::KeyAbsent,
+           fmt::format("write at {}: {} is at position {} too", ti, describe(entry), old->second.ti));
     return;
   }
   if (file_) file_->holds(ti, record);
@@ -214,9 +214,8 @@ bool SimulatedTcam::inherit(Entry const& held) {
 
 void SimulatedTcam::contents(Visitor const& visit) {
   if (!file_) return;
-  file_->each([&](U32 ti, EntryConfig const* entry) {
-    visit(ti, unreadable_.contains(ti) ? nullptr : entry);
-  });
+  file_->each(
+      [&](U32 ti, EntryConfig const* entry) { visit(ti, unreadable_.contains(ti) ? nullptr : entry); });
 }
 
 }  // namespace Hw

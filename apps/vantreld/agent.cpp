@@ -67,7 +67,10 @@ class Agent::KeyWatcher : public Vantrel::TableConfig::Notifiee {
     synchronizedIs(true);
     hasNotificationActiveIs(true);
   }
-  void onEntry(Vantrel::EntryKey const&) override { agent_.betweenKeys(); }
+  void onEntry(Vantrel::EntryKey const&) override {
+    agent_.reserveStatuses();
+    agent_.betweenKeys();
+  }
 
  private:
   Agent& agent_;
@@ -138,6 +141,7 @@ void Agent::awaitConfig() {
 }
 
 void Agent::attach() {
+  reserveStatuses();
   progress_->stateIs("adopting");
   adopt();
   progress_->stateIs("serving");
@@ -151,12 +155,21 @@ void Agent::attach() {
   sayDamage();
 }
 
+// Before an entry is programmed there is space for its acknowledgement.
+void Agent::reserveStatuses() try {
+  if (!lacksSpace_) status_->reserve(config_->size());
+} catch (Shoal::NoSpaceException const& full) {
+  lacksSpace_ = true;
+  err_.provoked("no space for a status of each key: {}; entries are programmed, and acknowledged later",
+                full.what());
+}
+
 void Agent::adopt() {
   hardware_.adopt(*engine_, *config_, *validator_);
   Hw::Adopted const& adopted = hardware_.adopted();
-  if (adopted.entries != 0 || adopted.erased != 0)
-    out_.say("adopted {} entries that the hardware held; {} positions are erased", adopted.entries,
-             adopted.erased);
+  if (adopted.entries != 0) out_.say("adopted {} entries that the hardware held", adopted.entries);
+  if (adopted.erased != 0)
+    out_.say("{} positions of the hardware are erased: what they held cannot be adopted", adopted.erased);
 }
 
 // Behind the walk, so that what takes the place of such an entry may come first.
@@ -244,6 +257,7 @@ void Agent::poll() {
   polledAt_ = Ostra::now();
   sayDamage();
   sayStatusProblem();
+  if (std::exchange(lacksSpace_, false)) reserveStatuses();
   out_.catchUp();
   err_.catchUp();
 }

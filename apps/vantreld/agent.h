@@ -69,6 +69,7 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   void betweenKeys() override;
   void serveOthers();
   void adopt();
+  void reserveStatuses();
   void handOverUnwanted();
   void finishHardware();
   void whenReadable(int fd, std::function<void()> dispatch);
@@ -103,6 +104,7 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   Ostra::Ptr<Vantrel::VantrelSm> frontEnd_;
   double servedAt_ = 0;  // when betweenKeys() served readers last, seconds
   double polledAt_ = 0;
+  bool lacksSpace_ = false;    // for a status of each key; looked at again in poll()
   U64 damageSaid_ = 0;         // the number of damaged records that was said last
   std::string configProblem_;  // the problem that was said last
   std::string statusProblem_;

@@ -87,6 +87,9 @@ class VANTREL_API FileWriter {
   // Removes every record, damaged ones too. Returns the keys that there were.
   std::vector<U64> removeAll();
 
+  // Takes the space for so many records in all now: as long as there are no more, no write lacks any.
+  void reserve(U64 records);
+
   // As FileReader's.
   Extent read(U64 key, std::byte* image) const;
   Change changeOf(U64 key) const;

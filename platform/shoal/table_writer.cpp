@@ -339,11 +339,15 @@ TableWriter::Spot TableWriter::locateOrHeal(U64 key) {
 
 // ---- Space
 
-U64 TableWriter::addChunk(Kind kind) {
-  U64 const offset = view_->chunkOffset(chunks_);
-  if (offset + chunkBytes > mapping_->window())
+void TableWriter::refuseBeyondWindow(U64 chunks) const {
+  if (view_->chunkOffset(chunks_) + chunks * chunkBytes > mapping_->window())
     throw NoSpaceException(fmt::format("{}: the table cannot grow beyond {} bytes, and is as it was", path_,
                                        mapping_->window()));
+}
+
+U64 TableWriter::addChunk(Kind kind) {
+  U64 const offset = view_->chunkOffset(chunks_);
+  refuseBeyondWindow(1);
   atStorePoint();
   allocate(mapping_->fd(), path_, offset, chunkBytes);
   storeGuarded(chunksAt, chunks_ + 1);
@@ -352,15 +356,38 @@ U64 TableWriter::addChunk(Kind kind) {
   return chunks_++;
 }
 
+void TableWriter::addSlots() {
+  U64 const chunk = addChunk(Kind::slots);
+  for (U64 i = slotsPerChunk(); i-- > 0;) idleSlots_.push_back(slotUnit(chunk, i));
+}
+
 void TableWriter::reserveSlot() {
   if (!idleSlots_.empty()) [[likely]]
     return;
   try {
-    U64 const chunk = addChunk(Kind::slots);
-    for (U64 i = slotsPerChunk(); i-- > 0;) idleSlots_.push_back(slotUnit(chunk, i));
+    addSlots();
   } catch (NoSpaceException const&) {
     if (restingSlots_.empty()) throw;
   }
+}
+
+// Without a split each bucket begins one line at most that it does not fill. All of the space is taken at
+// once: what is found of too little would be missed by the next record.
+void TableWriter::reserve(U64 records) {
+  if (records <= count_) return;
+  refuseIfCutShort();
+  U64 const slots = records - count_;
+  U64 const lines = std::min(slots, buckets_) + slots / entriesPerLine;
+  auto const chunksFor = [](U64 wanted, U64 there, U64 perChunk) {
+    return wanted > there ? (wanted - there + perChunk - 1) / perChunk : 0;
+  };
+  U64 const chunks = chunksFor(slots, idleSlots_.size() + restingSlots_.size(), slotsPerChunk()) +
+                     chunksFor(lines, freeLines_.size(), linesPerChunk);
+  if (chunks == 0) return;
+  refuseBeyondWindow(chunks);
+  allocate(mapping_->fd(), path_, view_->chunkOffset(chunks_), chunks * chunkBytes);
+  reserveLines(lines);
+  while (idleSlots_.size() + restingSlots_.size() < slots) addSlots();
 }
 
 U32 TableWriter::takeSlot() {
@@ -713,6 +740,7 @@ void FileWriter::put(U64 key, std::byte const* image, Extent extent) {
   writer_->put(key, reinterpret_cast<U64 const*>(image), extent);
 }
 bool FileWriter::remove(U64 key) { return writer_->remove(key); }
+void FileWriter::reserve(U64 records) { writer_->reserve(records); }
 std::vector<U64> FileWriter::removeAll() { return writer_->removeAll(); }
 Extent FileWriter::read(U64 key, std::byte* image) const {
   return writer_->view().read(key, reinterpret_cast<U64*>(image));

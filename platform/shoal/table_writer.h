@@ -50,6 +50,7 @@ class TableWriter {
   void put(U64 key, U64 const* image, Extent extent);
   bool remove(U64 key);
   std::vector<U64> removeAll();
+  void reserve(U64 records);
   // As the view's, also where the table is made anew meanwhile.
   std::optional<FilePlace> walk(U64 hint);
   WriterCounters counters() const;
@@ -88,7 +89,9 @@ class TableWriter {
   Spot locate(U64 key, U64 hash);
   Spot locateOrHeal(U64 key);
 
+  void refuseBeyondWindow(U64 chunks) const;
   U64 addChunk(Kind kind);
+  void addSlots();
   void reserveSlot();
   U32 takeSlot();
   U32 slotUnit(U64 chunk, U64 place) const;

@@ -57,6 +57,9 @@ class WriterTable : public Table<R> {
   void cleanup() {
     for (U64 const key : file_.removeAll()) this->notifyEntry(Key(key));
   }
+  // Takes the space for so many records in all now: as long as there are no more, no write lacks any. Throws
+  // NoSpaceException, and the table is as it was.
+  void reserve(U64 records) { file_.reserve(records); }
   WriterCounters writerCounters() const { return file_.counters(); }
   // Changes that the table has ever seen, from all its writers, in the files it replaced too.
   U64 changes() const { return file_.changes(); }

@@ -70,6 +70,33 @@ void expectWhole(std::string const& path, U64 records) {
   EXPECT_EQ(found.records, records);
 }
 
+// Nothing is left on the file system, and all that was reserved can be written, in any order of inserts,
+// replaces and removals.
+TEST(FullFileSystem, TakesWhatWasReserved) {
+  onASmallFileSystem([](std::string const& dir) {
+    constexpr U64 records = 2000;
+    std::string const path = dir + "/t";
+    Writer writer(path);
+    writer.reserve(records);
+    std::ofstream ballast(dir + "/ballast", std::ios::binary);
+    while (ballast.write(std::string(4096, 'x').data(), 4096).flush()) continue;
+    for (U64 round = 0; round < 3; ++round) {
+      for (U64 key = 1; key <= records; ++key) writer.entryIs(record(key, round));
+      for (U64 key = 2; key <= records; key += 2) writer.entryDel(EntryKey(key));
+    }
+    expectWhole(path, records / 2);
+  });
+}
+
+TEST(FullFileSystem, SaysWhenItCannotReserve) {
+  onASmallFileSystem([](std::string const& dir) {
+    Writer writer(dir + "/t");
+    EXPECT_THROW(writer.reserve(1000000), Shoal::NoSpaceException);
+    writer.entryIs(record(1, 1));
+    expectWhole(dir + "/t", 1);
+  });
+}
+
 TEST(FullFileSystem, RefusesAWriteAndLeavesTheTableAsItWas) {
   onASmallFileSystem([](std::string const& dir) {
     std::string const path = dir + "/t";
