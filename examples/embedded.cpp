@@ -12,8 +12,8 @@ class PrintingHardware : public VantrelHelper {
   void addEntry(EntryConfig const& e) override { done("add", e); }
   void updateEntry(EntryConfig const& e) override { done("update", e); }
   void moveEntry(EntryConfig const& e) override { done("move", e); }
-  void deleteEntry(EntryConfig const& e) override { print("delete", e); }
-  void deleteEntryDeadlock(EntryConfig const& e) override { print("delete (ring)", e); }
+  void deleteEntry(EntryConfig const& e) override { gone("delete", e); }
+  void deleteEntryDeadlock(EntryConfig const& e) override { gone("delete (ring)", e); }
 
  private:
   static void print(char const* what, EntryConfig const& e) {
@@ -22,6 +22,13 @@ class PrintingHardware : public VantrelHelper {
   void done(char const* what, EntryConfig const& e) {
     print(what, e);
     noopAck(e.key(), e.opId());
+  }
+  void gone(char const* what, EntryConfig const& e) {
+    print(what, e);
+    if (e.opId() == OpId::deleteAcknowledge())
+      delAck(e.key());
+    else
+      delStatus(e.key());
   }
 };
 
@@ -46,5 +53,11 @@ int main() {
   want(1, 10, 200);  // key 2 is there: it waits
   want(2, 10, 100);  // key 1 is there, waiting for key 2: a ring, broken; key 3 comes in
   want(3, 5, 50);    // out of the way
-  std::cout << status->size() << " entries acknowledged; the engine goes and cleans up\n";
+  std::cout << status->size() << " entries acknowledged\n";
+
+  EntryConfig unwanted = config->entry(EntryKey(3));
+  unwanted.isDelIs(true);  // to be deleted, and that acknowledged by a mark
+  std::cout << "delete key 3\n";
+  config->entryIs(unwanted);
+  std::cout << "its status is " << status->entry(EntryKey(3)).opId() << "; the engine goes and cleans up\n";
 }
