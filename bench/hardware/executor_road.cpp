@@ -169,8 +169,9 @@ bool roads(std::string const& name) {
   return true;
 }
 
-[[maybe_unused]] bool const registered =
-    roads<Case::Add>("through an executor, add") && roads<Case::Update>("through an executor, update in place") &&
-    roads<Case::Move>("through an executor, move") && roads<Case::Delete>("through an executor, delete");
+[[maybe_unused]] bool const registered = roads<Case::Add>("through an executor, add") &&
+                                         roads<Case::Update>("through an executor, update in place") &&
+                                         roads<Case::Move>("through an executor, move") &&
+                                         roads<Case::Delete>("through an executor, delete");
 
 }  // namespace

@@ -24,7 +24,8 @@ namespace {
 class Agent {
  public:
   Agent(std::string const& file, Layout const& layout, Ostra::Ptr<TableConfig> config)
-      : config_(std::move(config)), tcam_(Ostra::make<Hw::SimulatedTcam>("hardware", nullptr, layout.positions())) {
+      : config_(std::move(config)),
+        tcam_(Ostra::make<Hw::SimulatedTcam>("hardware", nullptr, layout.positions())) {
     tcam_->contentsFileIs(file);
     executor_ = Ostra::make<Hw::Executor>("executor", status_, *tcam_, Ostra::make<Keel::VirtualWheel>(0.0));
     engine_ = Ostra::make<FastVantrelImpl>("engine", config_, nullptr, nullptr, executor_, 1);
