@@ -123,7 +123,7 @@ class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
   void rearm();
   void problemIs(std::string const& problem);
   void countersAre();
-  void failedIs(EntryKey const& key, std::string const& reason);
+  void failedIs(EntryConfig const& entry, std::string const& reason);
   void failedDel(EntryKey const& key);
 
   Executor& executor_;
@@ -278,7 +278,7 @@ void Executor::Queue::settle(Call& call, Outcome const& outcome) {
   (isWrite ? call.to : call.from) = nowhere;
   call.tries = 0;
   if (isWrite && isDone) failedDel(call.key);
-  if (isRefused) failedIs(call.key, outcome.reason);
+  if (isRefused) failedIs(*call.entry, outcome.reason);
 }
 
 bool Executor::Queue::wasDone(Call const& call, Outcome const& outcome) {
@@ -418,18 +418,22 @@ void Executor::Queue::countersAre() {
   executor_.scalarIs("behind", executor_.behind_, queue_.size(), &Executor::Notifiee::onBehind);
   executor_.scalarIs("unwritten", executor_.unwritten_, unwritten_.size(), &Executor::Notifiee::onUnwritten);
 }
-void Executor::Queue::failedIs(EntryKey const& key, std::string const& reason) {
-  executor_.memberIs("failed", *executor_.failed_, key, reason, &Executor::Notifiee::onFailed);
+void Executor::Queue::failedIs(EntryConfig const& entry, std::string const& reason) {
+  executor_.memberIs("failedOpId", *executor_.failedOpId_, entry.key(), entry.opId(),
+                     &Executor::Notifiee::onFailedOpId);
+  executor_.memberIs("failed", *executor_.failed_, entry.key(), reason, &Executor::Notifiee::onFailed);
 }
 void Executor::Queue::failedDel(EntryKey const& key) {
-  if (!executor_.failed_->empty())
-    executor_.memberDel("failed", *executor_.failed_, key, &Executor::Notifiee::onFailed);
+  if (executor_.failed_->empty()) return;
+  executor_.memberDel("failed", *executor_.failed_, key, &Executor::Notifiee::onFailed);
+  executor_.memberDel("failedOpId", *executor_.failedOpId_, key, &Executor::Notifiee::onFailedOpId);
 }
 
 Executor::Executor(std::string name, Ostra::Ptr<Vantrel::TableStatus> tableStatus, Driver& driver,
                    Ostra::Ptr<Keel::TimerWheel const> wheel)
     : VantrelHelper(std::move(name), std::move(tableStatus)),
       failed_(std::make_unique<Reasons>()),
+      failedOpId_(std::make_unique<Versions>()),
       queue_(std::make_unique<Queue>(*this, driver, std::move(wheel))) {}
 
 Executor::~Executor() = default;
@@ -484,7 +488,8 @@ Ostra::TypeInfo const& Executor::staticType() {
                                           .attribute("deletes", &E::deletes)
                                           .attribute("deadlockDeletes", &E::deadlockDeletes)
                                           .attribute("flushes", &E::flushes)
-                                          .collection("failed", &E::failed);
+                                          .collection("failed", &E::failed)
+                                          .collection("failedOpId", &E::failedOpId);
   return type;
 }
 

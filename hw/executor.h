@@ -54,11 +54,13 @@ class VANTREL_API Executor : public Vantrel::VantrelHelper {
   using EntryKey = Vantrel::EntryKey;
   using OpId = Vantrel::OpId;
   using Reasons = Ostra::PiecewiseMap<EntryKey, std::string>;
+  using Versions = Ostra::PiecewiseMap<EntryKey, OpId>;
 
   class VANTREL_API Notifiee : public Ostra::NotifieeOf<Executor const> {
    public:
     virtual void onBehind() {}
     virtual void onFailed(EntryKey const&) {}
+    virtual void onFailedOpId(EntryKey const&) {}
     virtual void onRetries() {}
     virtual void onProblem() {}
     virtual void onUnwritten() {}
@@ -78,6 +80,8 @@ class VANTREL_API Executor : public Vantrel::VantrelHelper {
   U64 behind() const { return behind_; }
   // Keys whose entry the hardware refuses for good, and why.
   Reasons const& failed() const { return *failed_; }
+  // The version of each of them that was refused, which tells an old refusal from that of a newer version.
+  Versions const& failedOpId() const { return *failedOpId_; }
   // Calls that had to be made again.
   U64 retries() const { return retries_; }
   // What went wrong last and is tried again: told once a call, not at each try. Empty before the first.
@@ -121,6 +125,7 @@ class VANTREL_API Executor : public Vantrel::VantrelHelper {
   U64 flushes() const { return calls_.flushes; }
 
   std::unique_ptr<Reasons> const failed_;
+  std::unique_ptr<Versions> const failedOpId_;
   U64 behind_ = 0;
   U64 retries_ = 0;
   U64 unwritten_ = 0;

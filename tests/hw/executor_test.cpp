@@ -177,14 +177,17 @@ TEST_F(ExecutorTest, WaitsForAnEraseThatFails) {
 
 TEST_F(ExecutorTest, LeavesARefusedEntryOut) {
   driver.mood = [] { return Kind::Refused; };
-  executor->addEntry(entry(1, 5, 10));
+  EntryConfig const first = entry(1, 5, 10);
+  executor->addEntry(first);
   driver.mood = nullptr;
   EXPECT_THAT(executor->failed(), ElementsAre(Pair(EntryKey(1), "a mood")));
+  EXPECT_THAT(executor->failedOpId(), ElementsAre(Pair(EntryKey(1), first.opId())));
   EXPECT_EQ(acknowledged(1), 0U);
   executor->noopAck(EntryKey(1), OpId(99 << 16));
   EXPECT_EQ(acknowledged(1), 0U) << "it is not there";
   executor->moveEntry(entry(1, 6, 10));
   EXPECT_THAT(executor->failed(), IsEmpty()) << "its next version is tried";
+  EXPECT_THAT(executor->failedOpId(), IsEmpty());
   EXPECT_EQ(driver.held.at(6).key, 1U);
   EXPECT_EQ(driver.held.size(), 1U);
 }
