@@ -20,8 +20,9 @@
 // agrees with it as long as the engine believes in it, and when the engine has withdrawn it, by rule 2 again.
 //
 // A missing entry breaks no order. So a write that is refused for good leaves its key out: the key is listed
-// in failed(), its later calls are carried out as if it were absent, and its next version is tried again. An
-// erase is never given up: whoever is to come to the position waits.
+// in failed(), its later calls are carried out as if it were absent, and its next version is tried again,
+// also one that the engine only acknowledges because match and action are the same. An erase is never given
+// up: whoever is to come to the position waits.
 //
 // Acknowledgements are written when their call is done. One that cannot be written (no space) is kept,
 // replaced by a newer one of its key, and tried again.
@@ -34,7 +35,8 @@
 // Ownership: refers to the driver; holds references to status table and wheel.
 // Threading: the agent's event loop. The wheel must not be dispatched from inside a call.
 // Cost: while nothing is queued, a hash step a call and no copy. A queued call is copied once, and each
-//   completion looks through the queue: the agent must stop feeding the engine while behind() is large.
+//   completion looks through the queue: the agent must stop feeding the engine while behind() is large. Of
+//   each refused entry a copy is kept.
 // Errors: none reach the engine.
 #pragma once
 
