@@ -190,8 +190,8 @@ void listPositions(std::string const& dir, bool asJson) {
   std::vector<Spot> const spots = snapshot ? spotsOf(*snapshot) : spotsOf(config, status.get(), damaged);
   if (!asJson) {
     if (!snapshot) fmt::print("from the tables: {}\n", agent->problem());
-    fmt::print("{:>10} {:<13} {:>10} {:>5} {:>10} {:>20}\n", "POSITION", "STATE", "KEY", "PG", "PRIO",
-               "OPID");
+    fmt::print("{:>10} {:<13} {:>10} {:>5} {:>10} {:>20}  {}\n", "POSITION", "STATE", "KEY", "PG", "PRIO",
+               "OPID", "WHY");
   }
   for (Spot const& spot : spots) show(spot, readEntry(config, spot.key), asJson);
   requireUndamaged(config, damaged);
