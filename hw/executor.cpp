@@ -28,6 +28,7 @@
 
 namespace Hw {
 
+using Vantrel::DataKey;
 using Vantrel::EntryConfig;
 using Vantrel::EntryKey;
 using Vantrel::EntryStatus;
@@ -47,9 +48,9 @@ U32 positionOf(EntryConfig const& record) { return record.tableIndex(TableKey(0)
 
 // What the engine believes of a key: where it is, and what its order is judged by.
 struct Place {
-  U32 ti;
-  U32 prio;
-  U16 pg;
+  U32 ti = nowhere;
+  U32 prio = 0;
+  U16 pg = 0;
   bool isUnknown = false;  // nobody knows its group and priority
 };
 
@@ -66,6 +67,7 @@ struct Call {
   OpId opId;                          // the status
   std::optional<EntryConfig> kept{};  // the entry, once the call is queued
   U64 token = 0;                      // not 0: a step is under way
+  bool isUnchanged = false;           // nothing is to be written, unless the key was refused
   unsigned tries = 0;                 // of the step at hand
   double notBefore = 0;               // when it may be tried again
 
@@ -99,6 +101,7 @@ class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
   void update(EntryConfig const& entry);
   void move(EntryConfig const& entry);
   void remove(EntryConfig const& record);
+  void acknowledge(EntryKey const& key, OpId const& opId);
   void take(Call call);
   void flush();
   void inherit(U32 ti, EntryConfig const* entry);
@@ -110,6 +113,8 @@ class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
   // What becomes of a key's status when hardware did what it was asked for.
   Call::Status done() const { return acknowledges_ ? Call::Status::Is : Call::Status::Stays; }
   bool advance(Call& call);
+  bool isOwed(Call const& call) const;
+  void writeRefused(Call& call);
   bool mayBegin(Call const& call) const;
   void begin(Call& call);
   void settle(Call& call, Outcome const& outcome);
@@ -124,7 +129,7 @@ class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
   void rearm();
   void problemIs(std::string const& problem);
   void countersAre();
-  void failedIs(EntryKey const& key, std::string const& reason);
+  void failedIs(EntryConfig const& entry, std::string const& reason);
   void failedDel(EntryKey const& key);
 
   Executor& executor_;
@@ -138,6 +143,7 @@ class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
   boost::unordered_flat_map<U32, Inherited> inherited_;  // by position
   std::list<Call> queue_;
   std::map<EntryKey, Call> unwritten_;  // the newest of each key
+  std::map<EntryKey, EntryConfig> refused_;
   std::size_t underWay_ = 0;
   U64 lastToken_ = 0;
   bool flushOwed_ = false;
@@ -214,6 +220,15 @@ void Executor::Queue::remove(EntryConfig const& record) {
         .opId = record.opId()});
 }
 
+void Executor::Queue::acknowledge(EntryKey const& key, OpId const& opId) {
+  auto const at = known_.find(key);
+  take({.key = key,
+        .order = at == known_.end() ? Place{} : at->second,
+        .status = Call::Status::Is,
+        .opId = opId,
+        .isUnchanged = at != known_.end()});
+}
+
 void Executor::Queue::flush() {
   flushOwed_ = true;
   if (queue_.empty()) pass();
@@ -239,8 +254,27 @@ bool Executor::Queue::advance(Call& call) {
     if (call.token != 0 || !room || call.notBefore > now_ || !mayBegin(call)) return false;
     begin(call);
   }
+  if (isOwed(call)) {
+    writeRefused(call);
+    return advance(call);
+  }
   end(call);
   return true;
+}
+
+bool Executor::Queue::isOwed(Call const& call) const {
+  return call.isUnchanged && refused_.contains(call.key);
+}
+
+// What the entry was refused as, in the version at hand, where the engine believes it to be.
+void Executor::Queue::writeRefused(Call& call) {
+  EntryConfig const& refused = refused_.at(call.key);
+  EntryConfig& entry = call.kept.emplace(call.key, call.opId, refused.hdl(), refused.pg(), refused.prio());
+  entry.tableIndexIs(TableKey(0), call.order.ti);
+  for (U32 i = 0; i < refused.datas(); ++i) entry.dataIs(DataKey(i), refused.data(DataKey(i)));
+  call.entry = &entry;
+  call.to = call.order.ti;
+  call.isUnchanged = false;
 }
 
 // Rules 1 and 2.
@@ -280,7 +314,7 @@ void Executor::Queue::settle(Call& call, Outcome const& outcome) {
   (isWrite ? call.to : call.from) = nowhere;
   call.tries = 0;
   if (isWrite && isDone) failedDel(call.key);
-  if (isRefused) failedIs(call.key, outcome.reason);
+  if (isRefused) failedIs(*call.entry, outcome.reason);
 }
 
 bool Executor::Queue::wasDone(Call const& call, Outcome const& outcome) {
@@ -421,18 +455,23 @@ void Executor::Queue::countersAre() {
   executor_.scalarIs("behind", executor_.behind_, queue_.size(), &Executor::Notifiee::onBehind);
   executor_.scalarIs("unwritten", executor_.unwritten_, unwritten_.size(), &Executor::Notifiee::onUnwritten);
 }
-void Executor::Queue::failedIs(EntryKey const& key, std::string const& reason) {
-  executor_.memberIs("failed", *executor_.failed_, key, reason, &Executor::Notifiee::onFailed);
+void Executor::Queue::failedIs(EntryConfig const& entry, std::string const& reason) {
+  executor_.memberIs("failedOpId", *executor_.failedOpId_, entry.key(), entry.opId(),
+                     &Executor::Notifiee::onFailedOpId);
+  refused_.insert_or_assign(entry.key(), entry);
+  executor_.memberIs("failed", *executor_.failed_, entry.key(), reason, &Executor::Notifiee::onFailed);
 }
 void Executor::Queue::failedDel(EntryKey const& key) {
-  if (!executor_.failed_->empty())
-    executor_.memberDel("failed", *executor_.failed_, key, &Executor::Notifiee::onFailed);
+  if (refused_.erase(key) == 0) return;
+  executor_.memberDel("failed", *executor_.failed_, key, &Executor::Notifiee::onFailed);
+  executor_.memberDel("failedOpId", *executor_.failedOpId_, key, &Executor::Notifiee::onFailedOpId);
 }
 
 Executor::Executor(std::string name, Ostra::Ptr<Vantrel::TableStatus> tableStatus, Driver& driver,
                    Ostra::Ptr<Keel::TimerWheel const> wheel)
     : VantrelHelper(std::move(name), std::move(tableStatus)),
       failed_(std::make_unique<Reasons>()),
+      failedOpId_(std::make_unique<Versions>()),
       queue_(std::make_unique<Queue>(*this, driver, std::move(wheel))) {}
 
 Executor::~Executor() = default;
@@ -460,9 +499,7 @@ void Executor::delAck(EntryKey const& key) {
 void Executor::delStatus(EntryKey const& key) {
   queue_->take({.key = key, .order = {}, .status = Call::Status::Goes, .opId = {}});
 }
-void Executor::noopAck(EntryKey const& key, OpId const& opId) {
-  queue_->take({.key = key, .order = {}, .status = Call::Status::Is, .opId = opId});
-}
+void Executor::noopAck(EntryKey const& key, OpId const& opId) { queue_->acknowledge(key, opId); }
 void Executor::flush() {
   ++calls_.flushes;
   queue_->flush();
@@ -485,7 +522,8 @@ Ostra::TypeInfo const& Executor::staticType() {
                                           .attribute("deletes", &E::deletes)
                                           .attribute("deadlockDeletes", &E::deadlockDeletes)
                                           .attribute("flushes", &E::flushes)
-                                          .collection("failed", &E::failed);
+                                          .collection("failed", &E::failed)
+                                          .collection("failedOpId", &E::failedOpId);
   return type;
 }
 

@@ -20,8 +20,9 @@
 // agrees with it as long as the engine believes in it, and when the engine has withdrawn it, by rule 2 again.
 //
 // A missing entry breaks no order. So a write that is refused for good leaves its key out: the key is listed
-// in failed(), its later calls are carried out as if it were absent, and its next version is tried again. An
-// erase is never given up: whoever is to come to the position waits.
+// in failed(), its later calls are carried out as if it were absent, and its next version is tried again,
+// also one that the engine only acknowledges because match and action are the same. An erase is never given
+// up: whoever is to come to the position waits.
 //
 // Acknowledgements are written when their call is done. One that cannot be written (no space) is kept,
 // replaced by a newer one of its key, and tried again.
@@ -34,7 +35,8 @@
 // Ownership: refers to the driver; holds references to status table and wheel.
 // Threading: the agent's event loop. The wheel must not be dispatched from inside a call.
 // Cost: while nothing is queued, a hash step a call and no copy. A queued call is copied once, and each
-//   completion looks through the queue: the agent must stop feeding the engine while behind() is large.
+//   completion looks through the queue: the agent must stop feeding the engine while behind() is large. Of
+//   each refused entry a copy is kept.
 // Errors: none reach the engine.
 #pragma once
 
@@ -54,11 +56,13 @@ class VANTREL_API Executor : public Vantrel::VantrelHelper {
   using EntryKey = Vantrel::EntryKey;
   using OpId = Vantrel::OpId;
   using Reasons = Ostra::PiecewiseMap<EntryKey, std::string>;
+  using Versions = Ostra::PiecewiseMap<EntryKey, OpId>;
 
   class VANTREL_API Notifiee : public Ostra::NotifieeOf<Executor const> {
    public:
     virtual void onBehind() {}
     virtual void onFailed(EntryKey const&) {}
+    virtual void onFailedOpId(EntryKey const&) {}
     virtual void onRetries() {}
     virtual void onProblem() {}
     virtual void onUnwritten() {}
@@ -78,6 +82,8 @@ class VANTREL_API Executor : public Vantrel::VantrelHelper {
   U64 behind() const { return behind_; }
   // Keys whose entry the hardware refuses for good, and why.
   Reasons const& failed() const { return *failed_; }
+  // The version of each of them that was refused, which tells an old refusal from that of a newer version.
+  Versions const& failedOpId() const { return *failedOpId_; }
   // Calls that had to be made again.
   U64 retries() const { return retries_; }
   // What went wrong last and is tried again: told once a call, not at each try. Empty before the first.
@@ -122,6 +128,7 @@ class VANTREL_API Executor : public Vantrel::VantrelHelper {
   U64 flushes() const { return calls_.flushes; }
 
   std::unique_ptr<Reasons> const failed_;
+  std::unique_ptr<Versions> const failedOpId_;
   U64 behind_ = 0;
   U64 retries_ = 0;
   U64 unwritten_ = 0;

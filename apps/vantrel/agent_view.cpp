@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/vantrel/agent_view.h"
 
+#include <fmt/format.h>
 #include <poll.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "ostra/mount.h"
+#include "ostra/mount_ask.h"
 #include "ostra/piecewise_map.h"
 #include "vantrel/sm/flush_status.h"
 
@@ -16,8 +19,41 @@ namespace {
 
 using Vantrel::DebugConfig;
 using Vantrel::DebugStatus;
+using Vantrel::OpId;
 using Vantrel::VantrelFlushStatus;
 using Vantrel::WaitStatus;
+
+using Json = nlohmann::json;
+
+void readExecutor(Ostra::Asker& agent, char const* collection, auto const& take) {
+  Json request{{"verb", "read"}, {"entity", "executor"}};
+  if (*collection) request["attribute"] = collection;
+  agent.ask(request.dump(), [&](std::string_view line) { take(Json::parse(line)); });
+}
+
+void forMembers(Ostra::Asker& agent, char const* collection, auto const& take) {
+  readExecutor(agent, collection, [&](Json const& answer) {
+    for (Json const& member : answer.at("members")) take(member.at(0).get<U64>(), member.at(1));
+  });
+}
+
+// A key of which only the version or only the reason arrived was refused, or written, just now.
+HardwareState hardwareStateOf(Ostra::Asker& agent) {
+  HardwareState state;
+  readExecutor(agent, "", [&](Json const& answer) {
+    Json const& values = answer.at("values");
+    state.behind = values.at("behind");
+    state.unwritten = values.at("unwritten");
+    state.problem = values.at("problem");
+  });
+  std::unordered_map<U64, OpId> versions;
+  forMembers(agent, "failedOpId", [&](U64 key, Json const& opId) { versions[key] = OpId(opId.get<U64>()); });
+  if (versions.empty()) return state;
+  forMembers(agent, "failed", [&](U64 key, Json const& reason) {
+    if (auto const at = versions.find(key); at != versions.end()) state.refused[key] = {at->second, reason};
+  });
+  return state;
+}
 
 class SocketView : public AgentView {
  public:
@@ -35,7 +71,13 @@ class SocketView : public AgentView {
     if (!agent_->dispatchUntil([this] { return answered() || !asked_->refusal.empty(); }, seconds))
       return fail("the agent took no snapshot in time");
     if (!asked_->refusal.empty()) return fail(asked_->refusal);
-    return Snapshot{status_, waits_};
+    return Snapshot{status_, waits_, hardware(seconds).value_or(HardwareState())};
+  }
+  std::optional<HardwareState> hardware(double seconds) override try {
+    Ostra::Asker agent(path_, seconds);
+    return hardwareStateOf(agent);
+  } catch (std::exception const&) {
+    return std::nullopt;
   }
   bool flushed(double seconds) override {
     if (!connect()) return false;
@@ -96,6 +138,20 @@ class SocketView : public AgentView {
 
 }  // namespace
 
+HardwareState::Refusal const* HardwareState::refusalOf(Vantrel::EntryKey key, OpId opId) const {
+  auto const at = refused.find(key.value());
+  return at != refused.end() && at->second.opId == opId ? &at->second : nullptr;
+}
+
+std::string HardwareState::delay() const {
+  std::string text;
+  if (behind != 0)
+    text = fmt::format("the hardware is {} call{} behind", behind, behind == 1 ? "" : "s");
+  else if (unwritten != 0)
+    text = fmt::format("{} acknowledgement{} cannot be written", unwritten, unwritten == 1 ? "" : "s");
+  return text.empty() || problem.empty() ? text : text + ": " + problem;
+}
+
 std::vector<Snapshot::Place> Snapshot::inOrder() const {
   std::vector<Place> all;
   all.reserve(places->status().size() + places->pending().size());
@@ -109,6 +165,15 @@ Vantrel::OpId Snapshot::opIdOf(Place const& place) const {
   auto const& opIds = place.waits ? places->pendingOpId() : places->statusOpId();
   auto const at = opIds.find(place.key);
   return at == opIds.end() ? Vantrel::OpId() : at->second;
+}
+
+HardwareState::Refusal const* Snapshot::refusalOf(Place const& place) const {
+  return place.waits ? nullptr : hardware.refusalOf(place.key, opIdOf(place));
+}
+
+char const* Snapshot::stateOf(Place const& place) const {
+  if (place.waits) return "waiting";
+  return refusalOf(place) ? "refused" : "programmed";
 }
 
 std::unique_ptr<AgentView> agentViewOf(std::string const& dir) {

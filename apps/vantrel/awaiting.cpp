@@ -14,11 +14,13 @@ namespace {
 
 constexpr double tick = 0.25;             // how often progress is looked at
 constexpr double snapshotSeconds = 10.0;  // how long the agent may take to explain itself
+constexpr double hardwareSeconds = 1.0;   // how long for an answer about its hardware
+constexpr int lookShare = 10;             // the pause between two of these, in times of the last one
 constexpr std::size_t mostExplained = 50;
 
-// The keys from `begin` on, as "keys 4-9, 12".
+// The keys from `begin` on, as "keys 4-9, 12", or "key 4".
 std::string ranges(std::vector<Vantrel::EntryKey> const& keys, std::size_t begin) {
-  std::string text = "keys ";
+  std::string text = keys.size() - begin == 1 ? "key " : "keys ";
   for (std::size_t i = begin; i < keys.size();) {
     std::size_t last = i;
     while (last + 1 < keys.size() && keys[last + 1].value() == keys[last].value() + 1) ++last;
@@ -47,15 +49,65 @@ double Awaiting::secondsLeft() const {
 
 void Awaiting::untilDone(std::string const& what) {
   U64 all = acknowledgements_.outstanding();
+  U64 const refusedBefore = refused_.size();
   while (!acknowledgements_.done()) {
     double const left = secondsLeft();
     if (left <= 0) late();
+    if (acknowledgements_.done()) break;
     sayWhenUnreachable();
     tables_.wait(std::min(left, tick));
+    lookAtHardware();
     all = std::max(all, acknowledgements_.outstanding());
-    progress_.show(what, all - acknowledgements_.outstanding(), all);
+    U64 const open = acknowledgements_.outstanding() + refused_.size() - refusedBefore;
+    progress_.show(what, all - std::min(open, all), all, delay_);
   }
   progress_.clear();
+}
+
+// A version that is listed as refused was refused after it was written: the number is the producer's own, and
+// rises.
+void Awaiting::lookAtHardware() {
+  auto const now = Clock::now();
+  if (now < hardwareDue_) return;
+  auto const state = agent_->hardware(std::min(hardwareSeconds, std::max(secondsLeft(), tick)));
+  auto const pause = std::max<Clock::duration>(
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(tick)),
+      lookShare * (Clock::now() - now));
+  hardwareDue_ = Clock::now() + pause;
+  delay_ = state ? state->delay() : "";
+  if (!state) return;
+  for (auto const& [key, refusal] : state->refused)
+    if (acknowledgements_.awaited(Vantrel::EntryKey(key)) == refusal.opId)
+      refuse(Vantrel::EntryKey(key), refusal);
+}
+
+void Awaiting::refuse(Vantrel::EntryKey key, HardwareState::Refusal const& refusal) {
+  acknowledgements_.forget(key);
+  refused_.insert(key);
+  if (refused_.size() <= mostExplained) {
+    progress_.clear();
+    fmt::print(stderr, "vantrel: key {} (OpId {}) is refused by the hardware: {}\n", key.value(),
+               refusal.opId.value(), refusal.reason);
+  }
+  if (handler_) handler_(key);
+}
+
+std::vector<Vantrel::EntryKey> Awaiting::refusedKeys() {
+  std::vector<Vantrel::EntryKey> keys;
+  if (auto const state = agent_->hardware(hardwareSeconds))
+    for (auto const& [key, refusal] : state->refused) keys.emplace_back(key);
+  return keys;
+}
+
+void Awaiting::requireNoneRefused() const {
+  if (!refused_.empty()) throw Refused(refusedText());
+}
+
+std::string Awaiting::refusedText() const {
+  std::vector<Vantrel::EntryKey> const keys(refused_.begin(), refused_.end());
+  return fmt::format(
+      "{} refused by the hardware ({}); mend what it says, then load or put again: a newer version is tried",
+      keys.size() == 1 ? "1 key is" : fmt::format("{} keys are", keys.size()), ranges(keys, 0));
 }
 
 bool Awaiting::untilFlushed() {
@@ -83,9 +135,13 @@ void Awaiting::sayWhenUnreachable() {
 
 void Awaiting::late() {
   progress_.clear();
+  hardwareDue_ = {};
+  lookAtHardware();
+  if (acknowledgements_.done()) return;
   std::vector<Vantrel::EntryKey> const keys = acknowledgements_.keys();
   std::string text = fmt::format("{} {} not acknowledged within {} s", keys.size(),
                                  keys.size() == 1 ? "key is" : "keys are", *timeout_);
+  if (!delay_.empty()) text += "; " + delay_;
   std::string noSnapshot = tables_.statusProblem();
   if (noSnapshot.empty())
     noSnapshot = fmt::format("no agent has made {}", Vantrel::SharedTables::statusPath(dir_));
@@ -100,6 +156,7 @@ void Awaiting::late() {
   Explainer const explainer(*tables_.config(), std::move(snapshot), noSnapshot, explained);
   for (Vantrel::EntryKey const key : explained) text += "\n  " + explainer.explain(key);
   if (keys.size() > mostExplained) text += "\n  and " + ranges(keys, mostExplained);
+  if (!refused_.empty()) text += "\n  and " + refusedText();
   throw Late(text);
 }
 

@@ -105,6 +105,8 @@ std::string Explainer::reason(EntryConfig const& entry) const {
   if (!programmed)
     return "the agent neither holds it nor lets it wait: it has not seen it yet, or refuses the record";
   OpId const version = find(snapshot_->places->statusOpId(), entry.key()).value_or(OpId());
+  if (auto const* refusal = snapshot_->hardware.refusalOf(entry.key(), entry.opId()))
+    return fmt::format("the hardware refuses it: {}", refusal->reason);
   if (version == entry.opId())
     return fmt::format("it is at position {} in this version, and the hardware has not acknowledged it",
                        at->second);

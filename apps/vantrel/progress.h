@@ -20,13 +20,14 @@ class Progress {
   Progress(Progress const&) = delete;
   Progress& operator=(Progress const&) = delete;
 
-  void show(std::string const& what, U64 done, U64 all);
+  // `note`: what else there is to say, or nothing.
+  void show(std::string const& what, U64 done, U64 all, std::string const& note = {});
   // Erases the bar from the terminal.
   void clear();
 
  private:
   using Clock = std::chrono::steady_clock;
-  void draw(std::string const& what, U64 done, U64 all);
+  void draw(std::string const& what, U64 done, U64 all, std::string const& note);
 
   bool const quiet_;
   bool const terminal_;

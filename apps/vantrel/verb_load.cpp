@@ -71,6 +71,7 @@ class Load {
     Acl::Loader loader(producer, awaiting.acknowledgements(), size.value_or(defaultSize));
     Latencies latencies;
     watch(loader, awaiting, latencies, rules.size());
+    for (EntryKey const key : awaiting.refusedKeys()) loader.refusedIs(key);
     loader.start(rules);
     if (wait)
       finish(loader, awaiting);
@@ -84,8 +85,10 @@ class Load {
  private:
   static void watch(Acl::Loader& loader, Awaiting& awaiting, Latencies& latencies, U64 rules) {
     awaiting.acknowledgements().onAcknowledgedIs([&](EntryKey key) { latencies.acknowledged(key); });
+    awaiting.onRefusedIs([&](EntryKey key) { loader.refusedIs(key); });
     loader.onWrittenIs([&, rules, written = U64{0}](EntryKey key) mutable {
       latencies.written(key);
+      awaiting.written(key);
       if (++written % writesPerLook != 0) return;
       awaiting.catchUp();
       awaiting.progress("written", std::min(written, rules), rules);
@@ -96,6 +99,7 @@ class Load {
       awaiting.untilDone("acknowledged");
       loader.advance();
     }
+    awaiting.requireNoneRefused();
   }
 
   void report(Acl::Loader const& loader, Latencies& latencies, U64 rules, double seconds) const {

@@ -32,6 +32,7 @@ using ConfigFile = Shoal::ReaderTable<EntryConfig>;
 using StatusFile = Shoal::ReaderTable<EntryStatus>;
 
 constexpr double snapshotSeconds = 10.0;
+constexpr double hardwareSeconds = 2.0;
 
 // Shows every record, by key. Damage costs no intact record its line: it is named, and counted.
 template <class R>
@@ -132,12 +133,16 @@ struct Spot {
   EntryKey key;
   OpId opId;
   char const* state;
+  std::string why = {};  // of a refused one
 };
 
 std::vector<Spot> spotsOf(Snapshot const& snapshot) {
   std::vector<Spot> spots;
-  for (Snapshot::Place const& place : snapshot.inOrder())
-    spots.push_back({place.ti, place.key, snapshot.opIdOf(place), place.waits ? "waiting" : "programmed"});
+  for (Snapshot::Place const& place : snapshot.inOrder()) {
+    auto const* const refusal = snapshot.refusalOf(place);
+    spots.push_back({place.ti, place.key, snapshot.opIdOf(place), snapshot.stateOf(place),
+                     refusal ? refusal->reason : ""});
+  }
   return spots;
 }
 
@@ -147,10 +152,13 @@ std::vector<Spot> spotsOf(ConfigFile const& config, Vantrel::TableStatus const* 
   damaged = eachRecord(config, [&](EntryConfig const& entry) {
     bool const there = status && readStatus(*status, entry.key()).opId() == entry.opId();
     for (U32 const ti : entry.tableIndexes().elements())
-      spots.push_back({ti, entry.key(), entry.opId(),
+      spots.push_back({ti,
+                       entry.key(),
+                       entry.opId(),
                        entry.isDel() ? "to be deleted"
                        : there       ? "programmed"
-                                     : "wanted"});
+                                     : "wanted",
+                       {}});
   });
   std::ranges::stable_sort(spots, {}, &Spot::ti);
   return spots;
@@ -162,11 +170,12 @@ void show(Spot const& spot, EntryConfig const& wanted, bool asJson) {
     Json line{
         {"position", spot.ti}, {"state", spot.state}, {"key", spot.key.value()}, {"opId", spot.opId.value()}};
     if (known) line.update({{"pg", wanted.pg()}, {"prio", wanted.prio()}});
+    if (!spot.why.empty()) line["why"] = spot.why;
     fmt::print("{}\n", line.dump());
   } else {
-    fmt::print("{:>10} {:<13} {:>10} {:>5} {:>10} {:>20}\n", spot.ti, spot.state, spot.key.value(),
+    fmt::print("{:>10} {:<13} {:>10} {:>5} {:>10} {:>20}{}\n", spot.ti, spot.state, spot.key.value(),
                known ? std::to_string(wanted.pg()) : "-", known ? std::to_string(wanted.prio()) : "-",
-               spot.opId.value());
+               spot.opId.value(), spot.why.empty() ? "" : "  " + spot.why);
   }
 }
 
@@ -181,8 +190,8 @@ void listPositions(std::string const& dir, bool asJson) {
   std::vector<Spot> const spots = snapshot ? spotsOf(*snapshot) : spotsOf(config, status.get(), damaged);
   if (!asJson) {
     if (!snapshot) fmt::print("from the tables: {}\n", agent->problem());
-    fmt::print("{:>10} {:<13} {:>10} {:>5} {:>10} {:>20}\n", "POSITION", "STATE", "KEY", "PG", "PRIO",
-               "OPID");
+    fmt::print("{:>10} {:<13} {:>10} {:>5} {:>10} {:>20}  {}\n", "POSITION", "STATE", "KEY", "PG", "PRIO",
+               "OPID", "WHY");
   }
   for (Spot const& spot : spots) show(spot, readEntry(config, spot.key), asJson);
   requireUndamaged(config, damaged);
@@ -213,15 +222,20 @@ void showStatus(std::string const& dir, U64 key, bool asJson) {
   EntryConfig entry;
   if (std::filesystem::exists(SharedTables::configPath(dir)))
     entry = ConfigFile(SharedTables::configPath(dir)).entry(EntryKey(key));
-  char const* const state = stateOf(entry, status);
-  if (asJson)
-    fmt::print("{}\n", Json{{"key", key},
-                            {"opId", status.opId().value()},
-                            {"wantedOpId", entry.opId().value()},
-                            {"state", state}}
-                           .dump());
-  else
-    fmt::print("key {}: {}, OpId {} of {}\n", key, state, status.opId().value(), entry.opId().value());
+  auto const hardware = agentViewOf(dir)->hardware(hardwareSeconds);
+  auto const* const refusal = hardware ? hardware->refusalOf(EntryKey(key), entry.opId()) : nullptr;
+  char const* const state = refusal ? "refused" : stateOf(entry, status);
+  if (asJson) {
+    Json line{{"key", key},
+              {"opId", status.opId().value()},
+              {"wantedOpId", entry.opId().value()},
+              {"state", state}};
+    if (refusal) line["why"] = refusal->reason;
+    fmt::print("{}\n", line.dump());
+  } else {
+    fmt::print("key {}: {}, OpId {} of {}{}\n", key, state, status.opId().value(), entry.opId().value(),
+               refusal ? ": " + refusal->reason : "");
+  }
   requireAgent(dir);
 }
 

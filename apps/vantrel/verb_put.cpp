@@ -65,6 +65,7 @@ struct Put {
       Awaiting awaiting(dir, tables, timeout, json);
       awaiting.await(EntryKey(*key), written);
       awaiting.untilDone("acknowledged");
+      awaiting.requireNoneRefused();
     }
     if (json)
       fmt::print("{}\n", nlohmann::ordered_json{{"key", *key}, {"opId", written.value()}}.dump());

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// vantrel snapshot: what the engine has at each position, which entries wait for one, and for whom.
+// vantrel snapshot: what the engine has at each position, what of it the hardware refuses, which entries wait
+// for a position, and for whom.
 #include <fmt/format.h>
 
 #include <filesystem>
@@ -21,7 +22,6 @@ namespace {
 using Json = nlohmann::ordered_json;
 using Kind = Vantrel::WaitReason::Kind;
 using Vantrel::EntryConfig;
-using Vantrel::OpId;
 using Vantrel::SharedTables;
 using ConfigFile = Shoal::ReaderTable<EntryConfig>;
 
@@ -33,30 +33,43 @@ struct Asked {
   std::optional<double> timeout;
 };
 
-Json jsonOf(Snapshot::Place const& row, OpId opId, std::optional<Wait> const& wait) {
+// What keeps the entry from the position.
+struct Obstacle {
+  std::optional<Wait> wait;
+  std::string why;
+};
+
+Obstacle obstacleOf(Snapshot const& snapshot, ConfigFile const& config, Snapshot::Place const& row) {
+  if (auto const* refusal = snapshot.refusalOf(row)) return {std::nullopt, refusal->reason};
+  if (!row.waits) return {};
+  Wait wait = waitOf(snapshot, config, row.key, row.ti);
+  std::string why = wait.text;
+  return {std::move(wait), std::move(why)};
+}
+
+Json jsonOf(Snapshot const& snapshot, Snapshot::Place const& row, Obstacle const& obstacle) {
   Json line{{"position", row.ti},
-            {"state", row.waits ? "waiting" : "programmed"},
+            {"state", snapshot.stateOf(row)},
             {"key", row.key.value()},
-            {"opId", opId.value()}};
-  if (!wait) return line;
-  if (wait->blocker)
-    line[wait->kind == Kind::Occupied ? "heldBy" : "wrongSideOf"] = wait->blocker->key.value();
-  line["waitedSeconds"] = wait->seconds;
-  line["why"] = wait->text;
+            {"opId", snapshot.opIdOf(row).value()}};
+  if (auto const& wait = obstacle.wait) {
+    if (wait->blocker)
+      line[wait->kind == Kind::Occupied ? "heldBy" : "wrongSideOf"] = wait->blocker->key.value();
+    line["waitedSeconds"] = wait->seconds;
+  }
+  if (!obstacle.why.empty()) line["why"] = obstacle.why;
   return line;
 }
 
 void print(Snapshot const& snapshot, ConfigFile const& config, bool asJson) {
-  if (!asJson)
-    fmt::print("{:>10} {:<10} {:>20} {:>20}  {}\n", "POSITION", "STATE", "KEY", "OPID", "WHY IT WAITS");
+  if (!asJson) fmt::print("{:>10} {:<10} {:>20} {:>20}  {}\n", "POSITION", "STATE", "KEY", "OPID", "WHY");
   for (Snapshot::Place const& row : snapshot.inOrder()) {
-    OpId const opId = snapshot.opIdOf(row);
-    auto const wait = row.waits ? std::optional(waitOf(snapshot, config, row.key, row.ti)) : std::nullopt;
+    Obstacle const obstacle = obstacleOf(snapshot, config, row);
     if (asJson)
-      fmt::print("{}\n", jsonOf(row, opId, wait).dump());
+      fmt::print("{}\n", jsonOf(snapshot, row, obstacle).dump());
     else
-      fmt::print("{:>10} {:<10} {:>20} {:>20}{}\n", row.ti, row.waits ? "waiting" : "programmed",
-                 row.key.value(), opId.value(), wait ? "  " + wait->text : "");
+      fmt::print("{:>10} {:<10} {:>20} {:>20}{}\n", row.ti, snapshot.stateOf(row), row.key.value(),
+                 snapshot.opIdOf(row).value(), obstacle.why.empty() ? "" : "  " + obstacle.why);
   }
 }
 
@@ -74,8 +87,9 @@ void snapshot(Asked const& asked) {
 
 void addSnapshot(CLI::App& app) {
   auto const asked = std::make_shared<Asked>();
-  CLI::App& verb =
-      *app.add_subcommand("snapshot", "The engine's positions, and what each waiting entry waits for");
+  CLI::App& verb = *app.add_subcommand("snapshot",
+                                       "The engine's positions, what each waiting entry waits for, and what "
+                                       "the hardware refuses");
   addDir(verb, asked->dir);
   addJson(verb, asked->json);
   addTimeout(verb, asked->timeout, "How long the agent may take (30)");

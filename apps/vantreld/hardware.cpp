@@ -4,8 +4,11 @@
 #include <fmt/format.h>
 #include <poll.h>
 
+#include <stdexcept>
+
 #include "ostra/piecewise_map.h"
 #include "ostra/type_info.h"
+#include "shoal/error.h"
 
 namespace Vantreld {
 namespace {
@@ -66,10 +69,18 @@ void Hardware::makeSimulated(Options const& options) {
   if (o.capacity != 0) sim_->capacityIs(o.capacity);
   sim_->diesAtIs(o.diesAt);
   sim_->atOnceIs(o.atOnce);
-  if (o.state.empty()) return;
-  U64 const beyond = sim_->contentsFileIs(o.state);
+  if (!o.state.empty()) takeState(o.state);
+}
+
+void Hardware::takeState(std::string const& path) try {
+  U64 const beyond = sim_->contentsFileIs(path);
   if (beyond != 0)
-    err_.say("{}: {} entries lay beyond position {} and are gone", o.state, beyond, options.size - 1);
+    err_.say("{}: {} entries lay beyond position {} and are gone", path, beyond, sim_->size() - 1);
+} catch (Shoal::WriterLockedException const& e) {
+  throw std::runtime_error(fmt::format("--sim-state: {}; give each agent a file of its own", e.what()));
+} catch (Shoal::FileException const& e) {
+  throw std::runtime_error(
+      fmt::format("--sim-state: {}; give the file of an earlier run, or a name that is not taken", e.what()));
 }
 
 void Hardware::publish(Ostra::Publisher& publisher) const {

@@ -88,6 +88,7 @@ class Hardware {
   class Watcher;
 
   void makeSimulated(Options const& options);
+  void takeState(std::string const& path);
 
   Log& err_;
   Ostra::Ptr<Hw::SimulatedTcam> sim_;  // null with --hw null

@@ -177,16 +177,49 @@ TEST_F(ExecutorTest, WaitsForAnEraseThatFails) {
 
 TEST_F(ExecutorTest, LeavesARefusedEntryOut) {
   driver.mood = [] { return Kind::Refused; };
-  executor->addEntry(entry(1, 5, 10));
-  driver.mood = nullptr;
+  EntryConfig const first = entry(1, 5, 10);
+  executor->addEntry(first);
   EXPECT_THAT(executor->failed(), ElementsAre(Pair(EntryKey(1), "a mood")));
+  EXPECT_THAT(executor->failedOpId(), ElementsAre(Pair(EntryKey(1), first.opId())));
   EXPECT_EQ(acknowledged(1), 0U);
   executor->noopAck(EntryKey(1), OpId(99 << 16));
   EXPECT_EQ(acknowledged(1), 0U) << "it is not there";
+  EXPECT_THAT(executor->failedOpId(), ElementsAre(Pair(EntryKey(1), OpId(99 << 16))));
+  driver.mood = nullptr;
   executor->moveEntry(entry(1, 6, 10));
   EXPECT_THAT(executor->failed(), IsEmpty()) << "its next version is tried";
+  EXPECT_THAT(executor->failedOpId(), IsEmpty());
   EXPECT_EQ(driver.held.at(6).key, 1U);
   EXPECT_EQ(driver.held.size(), 1U);
+}
+
+// The engine has nothing to write: the version differs in its number only.
+TEST_F(ExecutorTest, TriesARefusedEntryInAnUnchangedVersion) {
+  driver.mood = [] { return Kind::Refused; };
+  EntryConfig first = entry(1, 5, 10);
+  first.dataIs(DataKey(1), 0xAB);
+  executor->addEntry(first);
+  driver.mood = nullptr;
+  executor->noopAck(EntryKey(1), OpId(99 << 16));
+  EXPECT_EQ(acknowledged(1), U64{99} << 16);
+  EXPECT_EQ(driver.held.at(5).opId, U64{99} << 16);
+  EXPECT_THAT(executor->failed(), IsEmpty());
+  calls();
+  executor->noopAck(EntryKey(1), OpId(100 << 16));
+  EXPECT_THAT(calls(), IsEmpty());
+}
+
+// It is written where the engine had it when it acknowledged, before it is moved.
+TEST_F(ExecutorTest, TriesAnUnchangedVersionInItsTurn) {
+  driver.mood = [] { return Kind::Later; };
+  executor->addEntry(entry(1, 5, 10));
+  executor->noopAck(EntryKey(1), OpId(99 << 16));
+  executor->moveEntry(entry(1, OpId(100 << 16), 6, 10, 0));
+  driver.completeOne(0, Kind::Refused);
+  driver.mood = nullptr;
+  driver.completeOne(0, Kind::Done);
+  EXPECT_THAT(calls(), ElementsAre("write 1@5", "write 1@5", "write 1@6", "erase 1@5"));
+  EXPECT_EQ(acknowledged(1), U64{100} << 16);
 }
 
 TEST_F(ExecutorTest, AcknowledgesTheDeleteOfARefusedEntry) {

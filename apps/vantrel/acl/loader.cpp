@@ -336,9 +336,10 @@ void Loader::writeTargets(std::vector<Group> const& groups) {
 }
 
 // Found in the table, and perhaps without a claim: another record named the position, or an earlier load was
-// killed before it had written this one again.
+// killed before it had written this one again. Or the hardware refused it, and may take it now.
 bool Loader::needsRenewal(Target const& target) const {
-  return target.unawaited && (target.contested || (agentWorks_ && !producer_.acknowledged(target.key)));
+  bool const isLate = agentWorks_ && !producer_.acknowledged(target.key);
+  return target.unawaited && (target.contested || isRefused(target.key) || isLate);
 }
 
 void Loader::renew(Target& target) { written(target, producer_.move(target.key, target.ti)); }
@@ -367,6 +368,7 @@ OpId Loader::put(Target const& target, U32 ti) {
 
 void Loader::written(Target& target, OpId opId) {
   target.unawaited = false;
+  refused_.erase(target.key.value());
   if (handler_) handler_(target.key);
   acknowledgements_.await(target.key, opId);
 }
@@ -376,6 +378,7 @@ void Loader::awaitUnwritten() {
   for (Target& target : targets_) {
     if (!target.unawaited) continue;
     target.unawaited = false;
+    if (isRefused(target.key)) continue;
     if (auto const opId = producer_.awaited(target.key)) acknowledgements_.await(target.key, *opId);
   }
 }
@@ -421,7 +424,9 @@ U64 Loader::markDamaged() {
 // others.
 U64 Loader::markReady() {
   U64 const ready = mark([this](Old const& old) {
-    return !old.successor || targets_[*old.successor].presence == Presence::Present;
+    if (!old.successor) return true;
+    Target const& successor = targets_[*old.successor];
+    return successor.presence == Presence::Present && !isRefused(successor.key);
   });
   if (ready != 0 || absent() == 0 || room() != 0) return ready;
   U64 given = 0;

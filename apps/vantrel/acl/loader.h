@@ -6,6 +6,8 @@
 //   loader.start(rules);
 //   while (!loader.finished()) { ...wait until acknowledgements.done()...; loader.advance(); }
 //
+// An entry that the hardware refuses is not awaited, and what it was to take the place of stays.
+//
 // One round: rules that are new, or that come at another rank, get new keys; entries that are in their way
 // move; when every wanted entry is acknowledged, the old keys are marked for delete, and once that is
 // acknowledged their records go. If old and new do not fit together, entries without a successor go first,
@@ -23,6 +25,7 @@
 
 #include <functional>
 #include <optional>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -48,6 +51,10 @@ class Loader {
   // Called for each entry that is to be acknowledged, when it has been written and before it is awaited. May
   // dispatch the status table.
   void onWrittenIs(std::function<void(Vantrel::EntryKey)> handler) { handler_ = std::move(handler); }
+
+  // The hardware refuses this key's entry, as it is wanted or in an older version. Before start(): it is
+  // written again. Later: it is given up, unless a later round writes it.
+  void refusedIs(Vantrel::EntryKey key) { refused_.insert(key.value()); }
 
   // Compares and writes the first round.
   void start(std::vector<Rule> const& rules);
@@ -129,6 +136,7 @@ class Loader {
   void writeMove(Item const& item);
   void writeTargets(std::vector<Group> const& groups);
   bool needsRenewal(Target const& target) const;
+  bool isRefused(Vantrel::EntryKey key) const { return refused_.contains(key.value()); }
   void renew(Target& target);
   void change(Target& target, U32 ti);
   void add(Target& target, U32 ti);
@@ -159,6 +167,7 @@ class Loader {
   std::vector<Old> old_;                    // by priority, then position
   std::vector<Vantrel::EntryKey> damaged_;  // records that cannot be read
   std::vector<Vantrel::EntryKey> marked_;   // records to remove when acknowledged
+  std::unordered_set<U64> refused_;         // keys
   std::vector<U32> capacity_;               // of each group
   std::vector<U32> filled_;                 // entries of each group, marked ones not counted
 };
