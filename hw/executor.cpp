@@ -51,6 +51,7 @@ struct Place {
   U32 prio;
   U16 pg;
   bool isUnknown = false;  // nobody knows its group and priority
+  OpId inherited{};        // the version that an earlier run left there
 };
 
 struct Call {
@@ -163,7 +164,10 @@ void Executor::Queue::add(EntryConfig const& entry) {
   if (!inherited_.empty()) {
     auto const at = inherited_.find(known.ti);
     isThere = at != inherited_.end() && at->second.key == entry.key();
-    if (isThere) inherited_.erase(at);
+    if (isThere) {
+      known.inherited = at->second.order.inherited;
+      inherited_.erase(at);
+    }
   }
   take({.key = entry.key(),
         .order = known,
@@ -281,8 +285,10 @@ void Executor::Queue::settle(Call& call, Outcome const& outcome) {
   if (isRefused) failedIs(call.key, outcome.reason);
 }
 
+// A version that was there before the write proves nothing: another run may have given it to other contents.
 bool Executor::Queue::wasDone(Call const& call, Outcome const& outcome) {
   if (outcome.kind != Outcome::Kind::Unknown) return outcome.kind == Outcome::Kind::Done;
+  if (call.isWrite() && call.entry->opId() == call.order.inherited) return false;
   auto const there = driver_.readBack(call.position());
   if (!there) return false;
   if (call.isWrite()) return *there == Held{call.key, call.entry->opId()};
@@ -331,7 +337,7 @@ void Executor::Queue::pass() {
 
 void Executor::Queue::inherit(U32 ti, EntryConfig const* entry) {
   if (entry)
-    inherited_[ti] = {entry->key(), {ti, entry->prio(), entry->pg()}};
+    inherited_[ti] = {entry->key(), {ti, entry->prio(), entry->pg(), false, entry->opId()}};
   else
     inherited_[ti] = {EntryKey(0), {.ti = ti, .prio = 0, .pg = 0, .isUnknown = true}};
 }
