@@ -616,7 +616,7 @@ class RandomLives {
 };
 
 TEST_F(AdoptionTest, KeepsItsPromiseAtRandom) {
-  U64 const seeds = Testing::slow ? 200 : 6000;
+  U64 const seeds = Testing::slow ? 1000 : 6000;
   U64 const first = Testing::environment("VANTREL_SEED", 1);
   U64 calls = 0, victims = 0, deaths = 0, entries = 0, erased = 0;
   for (U64 seed = first; seed < first + seeds; ++seed) {
