@@ -7,6 +7,7 @@
 #include <numeric>
 #include <stdexcept>
 
+#include "ostra/clock.h"
 #include "ostra/piecewise_map.h"
 #include "shoal/error.h"
 
@@ -28,6 +29,7 @@ Met& Met::operator+=(Met const& other) {
   refusedAbsent += other.refusedAbsent;
   statusesRefused += other.statusesRefused;
   retries += other.retries;
+  flushes += other.flushes;
   return *this;
 }
 
@@ -91,6 +93,12 @@ bool Ledger::isOpen(EntryKey const& key) {
       lines, [&](Line const& line) { return !line.perhaps || !isThere(hardware_, key, line); });
 }
 
+bool Ledger::isOpen() {
+  for (U64 key = 1; key < lines_.size(); ++key)
+    if (isOpen(EntryKey(key))) return true;
+  return false;
+}
+
 // ---- The driver
 
 Outcome FailingDriver::write(EntryConfig const& entry, U32 ti, U64 token) {
@@ -101,9 +109,13 @@ Outcome FailingDriver::erase(EntryKey const& key, U32 ti, U64 token) { return an
 
 Outcome FailingDriver::answer(Call call) {
   bool const isWrite = call.entry.has_value();
-  if (!ledger_.next(call.key, isWrite, call.ti, isWrite ? call.entry->opId() : OpId()))
+  Ledger::Line const* const line =
+      ledger_.next(call.key, isWrite, call.ti, isWrite ? call.entry->opId() : OpId());
+  if (!line)
     hardware_.brokenIs(fmt::format("the engine did not ask for the {} of key {} at {} now",
                                    isWrite ? "write" : "erase", call.key.value(), call.ti));
+  else if (line->triedAt == Ostra::now())
+    hardware_.brokenIs(fmt::format("key {} is tried again without a pause", call.key.value()));
   checkUnderWay(call);
   Fate const fate = faults_ ? faults_->ofCall() : Fate::Done;
   ++met_.calls[static_cast<unsigned>(fate)];
@@ -134,6 +146,7 @@ Outcome FailingDriver::settle(Call const& call, Fate fate) {
   bool const isWrite = call.entry.has_value();
   Ledger::Line* const line = ledger_.next(call.key, isWrite, call.ti, isWrite ? call.entry->opId() : OpId());
   if (!line) return {};  // reported when it was begun
+  line->triedAt = Ostra::now();
   switch (fate) {
     case Fate::Done:
       carryOut(call);
@@ -156,6 +169,11 @@ Outcome FailingDriver::settle(Call const& call, Fate fate) {
       line->perhaps = shape_.readsBack;
       throw std::runtime_error("the driver throws");
   }
+}
+
+void FailingDriver::flush() {
+  ++met_.flushes;
+  if (ledger_.isOpen()) hardware_.brokenIs("a flush before what was queued earlier");
 }
 
 void FailingDriver::carryOut(Call const& call) {
@@ -285,6 +303,13 @@ class FailingWorld::WatchedExecutor : public Hw::Executor {
     Executor::deleteEntryDeadlock(record);
   }
 
+  void noopAck(EntryKey const& key, OpId const& opId) override {
+    bool const isOut = failed().contains(key) && !world_.ledger_.isOpen(key);
+    Executor::noopAck(key, opId);
+    if (isOut && world_.status_->entry(key).opId() == opId)
+      world_.hardware_.brokenIs(fmt::format("key {} is acknowledged and was refused", key.value()));
+  }
+
  private:
   void note(EntryConfig const& entry, bool isWrite, U32 ti, bool withdraws = false) {
     world_.ledger_.add(entry.key(), {isWrite, ti, entry.opId(), withdraws});
@@ -353,6 +378,11 @@ void FailingWorld::advance(double seconds) {
   look();
 }
 
+void FailingWorld::flush() {
+  flushesBefore_ = met_.flushes;
+  executor_->flush();
+}
+
 void FailingWorld::look() {
   met_.retries = executor_->retries();
   if (executor_->unwritten() != 0) return;
@@ -383,6 +413,7 @@ std::vector<EntryKey> FailingWorld::settle() {
     if (!isSettled()) advance(2);
   }
   if (!isSettled()) hardware_.brokenIs("it does not end");
+  if (flushesBefore_ == met_.flushes) hardware_.brokenIs("a flush was forgotten");
   look();
   std::vector<EntryKey> failed;
   for (auto const& [key, reason] : executor_->failed()) failed.push_back(key);

@@ -52,6 +52,7 @@ struct Met {
   U64 refusedAbsent = 0;    // moves whose write was refused: the key is absent
   U64 statusesRefused = 0;  // acknowledgements that met a full table
   U64 retries = 0;          // the executor's count
+  U64 flushes = 0;          // that reached the driver
 
   U64 allCalls() const;
   Met& operator+=(Met const& other);
@@ -88,6 +89,7 @@ class Ledger {
     OpId opId;             // of a write
     bool withdraws;        // the erase of a delete, not of a move
     bool perhaps = false;  // carried out, or not
+    double triedAt = -1;   // when it did not succeed
   };
   Ledger(std::size_t keys, TrueHardware& hardware)
       : lines_(keys + 1), refused_(keys + 1), hardware_(hardware) {}
@@ -97,6 +99,7 @@ class Ledger {
   Line* next(EntryKey const& key, bool isWrite, U32 ti, OpId opId);
   void done(EntryKey const& key);
   bool isOpen(EntryKey const& key);
+  bool isOpen();
   void refusedIs(EntryKey const& key, bool refused) { refused_[key.value()] = refused; }
   bool refused(EntryKey const& key) const { return refused_[key.value()]; }
 
@@ -118,6 +121,7 @@ class FailingDriver : public Hw::Driver {
 
   Hw::Outcome write(EntryConfig const& entry, U32 ti, U64 token) override;
   Hw::Outcome erase(EntryKey const& key, U32 ti, U64 token) override;
+  void flush() override;
   std::size_t mostAtOnce() const override { return shape_.mostAtOnce; }
   std::optional<std::optional<Hw::Held>> readBack(U32 ti) override;
 
@@ -205,6 +209,7 @@ class FailingWorld : public EngineWorld {
   void run(Step const& step);
   void completeOne(std::size_t which);
   void advance(double seconds);
+  void flush();
   void spaceIsFree() { isFull_ = false; }
   // Ends the faults, and lets everything arrive that can. Returns the keys that were refused for good.
   std::vector<EntryKey> settle();
@@ -236,6 +241,7 @@ class FailingWorld : public EngineWorld {
   FailingDriver driver_;
   Faults* faults_;
   bool isWithdrawn_ = false;
+  std::optional<U64> flushesBefore_;  // those that reached the driver before the last was asked for
   bool isFull_ = false;
   Ostra::Ptr<Status> status_;
   Ostra::Ptr<Hw::Executor> executor_;

@@ -323,6 +323,7 @@ class RandomRun {
       world_.completeOne(faults_.below(static_cast<unsigned>(world_.late())));
     if (faults_.chance(30)) world_.advance(faults_.chance(20) ? 2 : 0.005);
     if (faults_.chance(10)) world_.spaceIsFree();
+    if (faults_.chance(5)) world_.flush();
   }
 
   RandomFaults faults_;
