@@ -27,7 +27,7 @@ class Adoption {
       : engine_(engine), executor_(executor), driver_(driver), wanted_(wanted), fits_(fits) {}
 
   Adopted run() {
-    driver_.contents([this](U32 ti, EntryConfig const* entry) { inherit(ti, entry); });
+    inheritAll();
     for (bool const isWanted : {true, false})
       driver_.contents([this, isWanted](U32 ti, EntryConfig const* entry) {
         if (entry && isChosen(*entry, ti)) show(*entry, ti, isWanted);
@@ -46,6 +46,13 @@ class Adoption {
     }
   };
 
+  // What is to be erased must be known, when it is cut short too.
+  void inheritAll() try {
+    driver_.contents([this](U32 ti, EntryConfig const* entry) { inherit(ti, entry); });
+  } catch (...) {
+    driver_.contents([this](U32 ti, EntryConfig const* entry) { executor_.inherit(ti, entry); });
+    throw;
+  }
   // Of two positions of a key, the one that was written last is kept.
   void inherit(U32 ti, EntryConfig const* entry) {
     executor_.inherit(ti, entry);

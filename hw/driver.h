@@ -8,7 +8,8 @@
 // Invariants: a call says what came of it, at once or later through completed(), exactly once.
 // Ownership: the executor's user owns the driver, which must outlive the executor.
 // Threading: the agent's event loop.
-// Errors: a driver does not throw. What it throws all the same counts as Outcome::Unknown.
+// Errors: a driver does not throw. What it throws all the same counts as Outcome::Unknown; a flush is tried
+//   again.
 #pragma once
 
 #include <cstddef>

@@ -52,6 +52,7 @@ struct Place {
   U32 prio = 0;
   U16 pg = 0;
   bool isUnknown = false;  // nobody knows its group and priority
+  OpId inherited{};        // the version that an earlier run left there
 };
 
 struct Call {
@@ -119,10 +120,12 @@ class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
   void begin(Call& call);
   void settle(Call& call, Outcome const& outcome);
   bool wasDone(Call const& call, Outcome const& outcome);
+  std::optional<std::optional<Held>> readBack(U32 ti);
   void tryAgain(Call& call, Outcome const& outcome);
   void end(Call const& call);
   void completed(U64 token, Outcome const& outcome);
   void pass();
+  void flushWhenDone();
   bool writeStatus(Call const& call);
   void writeStatuses();
   double pause(unsigned tries);
@@ -147,6 +150,8 @@ class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
   std::size_t underWay_ = 0;
   U64 lastToken_ = 0;
   bool flushOwed_ = false;
+  unsigned flushTries_ = 0;
+  double flushNotBefore_ = 0;
   bool detached_ = false;
   double now_ = 0;  // when the queue was last looked through
   unsigned statusTries_ = 0;
@@ -170,7 +175,10 @@ bool Executor::Queue::add(EntryConfig const& entry) {
   if (!inherited_.empty()) {
     auto const at = inherited_.find(known.ti);
     isThere = at != inherited_.end() && at->second.key == entry.key();
-    if (isThere) inherited_.erase(at);
+    if (isThere) {
+      known.inherited = at->second.order.inherited;
+      inherited_.erase(at);
+    }
   }
   take({.key = entry.key(),
         .order = known,
@@ -230,7 +238,7 @@ void Executor::Queue::acknowledge(EntryKey const& key, OpId const& opId) {
 }
 
 void Executor::Queue::flush() {
-  flushOwed_ = true;
+  flushOwed_ = !detached_;
   if (queue_.empty()) pass();
 }
 
@@ -240,9 +248,9 @@ void Executor::Queue::flush() {
 void Executor::Queue::take(Call call) {
   if (detached_) return;
   if (queue_.empty() && advance(call)) return;
-  Call& queued = queue_.emplace_back(std::move(call));
-  if (queued.entry) queued.entry = &queued.kept.emplace(*queued.entry);
-  if (queue_.size() > 1 && advance(queued)) queue_.pop_back();
+  auto const queued = queue_.insert(queue_.end(), std::move(call));
+  if (queued->entry) queued->entry = &queued->kept.emplace(*queued->entry);
+  if (queue_.size() > 1 && advance(*queued)) queue_.erase(queued);
   countersAre();
   rearm();
 }
@@ -317,12 +325,20 @@ void Executor::Queue::settle(Call& call, Outcome const& outcome) {
   if (isRefused) failedIs(*call.entry, outcome.reason);
 }
 
+// A version that was there before the write proves nothing: another run may have given it to other contents.
 bool Executor::Queue::wasDone(Call const& call, Outcome const& outcome) {
   if (outcome.kind != Outcome::Kind::Unknown) return outcome.kind == Outcome::Kind::Done;
-  auto const there = driver_.readBack(call.position());
+  if (call.isWrite() && call.entry->opId() == call.order.inherited) return false;
+  auto const there = readBack(call.position());
   if (!there) return false;
   if (call.isWrite()) return *there == Held{call.key, call.entry->opId()};
   return !*there || (*there)->key != call.key;
+}
+
+std::optional<std::optional<Held>> Executor::Queue::readBack(U32 ti) try {
+  return driver_.readBack(ti);
+} catch (std::exception const&) {
+  return std::nullopt;
 }
 
 void Executor::Queue::tryAgain(Call& call, Outcome const& outcome) {
@@ -352,23 +368,32 @@ void Executor::Queue::completed(U64 token, Outcome const& outcome) {
   pass();
 }
 
-// Lets everyone who may, in order.
+// Lets everyone who may, in order. Whoever sees an acknowledgement may queue another call meanwhile.
 void Executor::Queue::pass() {
   now_ = Ostra::now();
-  for (auto at = queue_.begin(); at != queue_.end();) {
-    auto const call = at++;
-    if (advance(*call)) queue_.erase(call);
-  }
-  if (queue_.empty() && std::exchange(flushOwed_, false) && !detached_) driver_.flush();
+  for (auto at = queue_.begin(); at != queue_.end();) at = advance(*at) ? queue_.erase(at) : std::next(at);
+  flushWhenDone();
   countersAre();
   rearm();
+}
+
+void Executor::Queue::flushWhenDone() {
+  if (!flushOwed_ || !queue_.empty() || flushNotBefore_ > now_) return;
+  try {
+    driver_.flush();
+    flushOwed_ = false;
+    flushTries_ = 0;
+  } catch (std::exception const& error) {
+    if (flushTries_ == 0) problemIs(fmt::format("flush: {}; it is tried again", error.what()));
+    flushNotBefore_ = now_ + pause(flushTries_++);
+  }
 }
 
 // What hardware holds from an earlier run.
 
 void Executor::Queue::inherit(U32 ti, EntryConfig const* entry) {
   if (entry)
-    inherited_[ti] = {entry->key(), {ti, entry->prio(), entry->pg()}};
+    inherited_[ti] = {entry->key(), {ti, entry->prio(), entry->pg(), false, entry->opId()}};
   else
     inherited_[ti] = {EntryKey(0), {.ti = ti, .prio = 0, .pg = 0, .isUnknown = true}};
 }
@@ -382,6 +407,7 @@ U64 Executor::Queue::eraseInherited() {
 
 void Executor::Queue::detach() {
   detached_ = true;
+  flushOwed_ = false;
   queue_.clear();
   unwritten_.clear();
   inherited_.clear();
@@ -407,16 +433,18 @@ bool Executor::Queue::writeStatus(Call const& call) {
   }
 }
 
-// Once there was no space for one, only removals are tried.
+// Once there was no space for one, only removals are tried. Whoever sees one may replace it by a newer one.
 void Executor::Queue::writeStatuses() {
   Ostra::TimeSlice slice(sliceSeconds);
   bool isFull = false;
   bool isOver = false;
   for (auto at = unwritten_.begin(); at != unwritten_.end() && !isOver; isOver = slice.over()) {
-    bool const isTried = !isFull || at->second.status == Call::Status::Goes;
+    auto const [status, opId] = std::pair(at->second.status, at->second.opId);
+    bool const isTried = !isFull || status == Call::Status::Goes;
     bool const isWritten = isTried && writeStatus(at->second);
+    bool const isNewest = at->second.status == status && at->second.opId == opId;
     isFull = isFull || !isWritten;
-    at = isWritten ? unwritten_.erase(at) : std::next(at);
+    at = isWritten && isNewest ? unwritten_.erase(at) : std::next(at);
   }
   statusTries_ = isFull ? statusTries_ + 1 : 0;
   statusNotBefore_ = Ostra::now() + (isFull ? pause(statusTries_) : 0);
@@ -441,6 +469,7 @@ void Executor::Queue::rearm() {
   std::optional<double> next;
   auto const notLaterThan = [&](double time) { next = next ? std::min(*next, time) : time; };
   if (!unwritten_.empty()) notLaterThan(statusNotBefore_);
+  if (flushOwed_ && queue_.empty()) notLaterThan(flushNotBefore_);
   for (Call const& call : queue_)
     if (call.token == 0 && call.notBefore > now_) notLaterThan(call.notBefore);
   if (next) timeMinIs(*next);

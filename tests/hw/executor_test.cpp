@@ -283,6 +283,70 @@ TEST_F(ExecutorTest, KeepsWhatCannotBeAcknowledged) {
   EXPECT_EQ(executor->unwritten(), 0U);
 }
 
+// A producer in the same process, which writes a key's next version when it sees an acknowledgement.
+class Eager : public Shoal::Table<EntryStatus>::Notifiee {
+ public:
+  explicit Eager(Ostra::Ptr<Shoal::Table<EntryStatus> const> table) {
+    notifierIs(std::move(table));
+    synchronizedIs(true);
+    hasNotificationActiveIs(true);
+  }
+  void onEntry(EntryKey const&) override {
+    if (next) std::exchange(next, nullptr)();
+  }
+  std::function<void()> next;
+};
+
+TEST_F(ExecutorTest, TakesACallFromInsideACompletion) {
+  driver.mood = [] { return Kind::Later; };
+  executor->addEntry(entry(1, 5, 10));
+  Eager eager(status);
+  EntryConfig const newer = entry(1, 5, 10);
+  eager.next = [&] { executor->updateEntry(newer); };
+  driver.completeOne(0, Kind::Done);
+  EXPECT_THAT(calls(), ElementsAre("write 1@5", "write 1@5"));
+  ASSERT_EQ(driver.late.size(), 1U);
+  driver.completeOne(0, Kind::Done);
+  EXPECT_EQ(acknowledged(1), newer.opId().value());
+  EXPECT_EQ(executor->behind(), 0U);
+}
+
+TEST_F(ExecutorTest, TakesACallFromInsideAnAcknowledgement) {
+  auto const table = Ostra::make<Full>();
+  status = table;
+  executor = Ostra::make<Executor>("executor", status, driver, wheel);
+  table->full = true;
+  executor->addEntry(entry(1, 5, 10));
+  table->full = false;
+  Eager eager(status);
+  EntryConfig const newer = entry(1, 5, 10);
+  eager.next = [&] { executor->updateEntry(newer); };
+  wheel->advance(5);
+  wheel->advance(5);
+  EXPECT_EQ(acknowledged(1), newer.opId().value());
+  EXPECT_EQ(executor->unwritten(), 0U);
+}
+
+// Though a driver should not.
+TEST_F(ExecutorTest, SurvivesADriverThatThrows) {
+  struct Throwing : Moody {
+    std::optional<std::optional<Hw::Held>> readBack(U32) override { throw std::runtime_error("no bus"); }
+    void flush() override {
+      if (++flushes == 1) throw std::runtime_error("no bus");
+    }
+    int flushes = 0;
+  } throwing;
+  auto const failing = Ostra::make<Executor>("executor", status, throwing, wheel);
+  int left = 2;
+  throwing.mood = [&] { return left-- > 0 ? Kind::Unknown : Kind::Done; };
+  EntryConfig const first = entry(1, 5, 10);
+  EXPECT_NO_THROW(failing->addEntry(first));
+  EXPECT_NO_THROW(failing->flush());
+  EXPECT_NO_THROW(wheel->advance(5));
+  EXPECT_EQ(acknowledged(1), first.opId().value());
+  EXPECT_EQ(throwing.flushes, 2) << "tried again";
+}
+
 // ---- With an engine in front
 
 class Moods : public ExecutorTest, public testing::WithParamInterface<std::size_t> {
