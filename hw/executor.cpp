@@ -69,13 +69,13 @@ struct Call {
   std::optional<EntryConfig> kept{};  // the entry, once the call is queued
   U64 token = 0;                      // not 0: a step is under way
   bool isUnchanged = false;           // nothing is to be written, unless the key was refused
+  bool endsKey = false;               // the engine knows the key no longer
   unsigned tries = 0;                 // of the step at hand
   double notBefore = 0;               // when it may be tried again
 
   bool isDone() const { return to == nowhere && from == nowhere; }
   bool isWrite() const { return to != nowhere; }
   U32 position() const { return isWrite() ? to : from; }
-  bool endsTheKey() const { return status == Status::Goes || opId == OpId::deleteAcknowledge(); }
 };
 
 std::string describe(Call const& call) {
@@ -108,6 +108,7 @@ class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
   void inherit(U32 ti, EntryConfig const* entry);
   U64 eraseInherited();
   void detach();
+  bool isDetached() const { return detached_; }
   void onTime() override;
 
  private:
@@ -225,7 +226,8 @@ void Executor::Queue::remove(EntryConfig const& record) {
         .order = known,
         .from = known.ti,
         .status = asked || !acknowledges_ ? done() : Call::Status::Goes,
-        .opId = record.opId()});
+        .opId = record.opId(),
+        .endsKey = true});
 }
 
 void Executor::Queue::acknowledge(EntryKey const& key, OpId const& opId) {
@@ -322,7 +324,9 @@ void Executor::Queue::settle(Call& call, Outcome const& outcome) {
   (isWrite ? call.to : call.from) = nowhere;
   call.tries = 0;
   if (isWrite && isDone) failedDel(call.key);
-  if (isRefused) failedIs(*call.entry, outcome.reason);
+  if (!isRefused) return;
+  failedIs(*call.entry, outcome.reason);
+  if (call.from != nowhere) call.status = Call::Status::Goes;  // soon it is nowhere
 }
 
 // A version that was there before the write proves nothing: another run may have given it to other contents.
@@ -349,9 +353,10 @@ void Executor::Queue::tryAgain(Call& call, Outcome const& outcome) {
 
 // What is not in hardware is not acknowledged. A delete is.
 void Executor::Queue::end(Call const& call) {
-  if (call.endsTheKey()) failedDel(call.key);
+  if (call.endsKey) failedDel(call.key);
   if (call.status == Call::Status::Stays) return;
-  if (!executor_.failed_->empty() && executor_.failed_->contains(call.key)) return;
+  if (call.status == Call::Status::Is && !executor_.failed_->empty() && executor_.failed_->contains(call.key))
+    return;
   if (!unwritten_.contains(call.key) && writeStatus(call)) return;
   Call& waiting = unwritten_[call.key];
   waiting.key = call.key;
@@ -363,7 +368,7 @@ void Executor::Queue::end(Call const& call) {
 
 void Executor::Queue::completed(U64 token, Outcome const& outcome) {
   auto const at = std::ranges::find(queue_, token, &Call::token);
-  if (at == queue_.end()) return;
+  if (at == queue_.end() || outcome.kind == Outcome::Kind::Later) return;
   settle(*at, outcome);
   pass();
 }
@@ -515,7 +520,7 @@ void Executor::moveEntry(EntryConfig const& entry) {
   queue_->move(entry);
 }
 void Executor::deleteEntry(EntryConfig const& record) {
-  ++calls_.deletes;
+  if (!queue_->isDetached()) ++calls_.deletes;
   queue_->remove(record);
 }
 void Executor::deleteEntryDeadlock(EntryConfig const& record) {
@@ -523,14 +528,18 @@ void Executor::deleteEntryDeadlock(EntryConfig const& record) {
   queue_->remove(record);
 }
 void Executor::delAck(EntryKey const& key) {
-  queue_->take({.key = key, .order = {}, .status = Call::Status::Is, .opId = OpId::deleteAcknowledge()});
+  queue_->take({.key = key,
+                .order = {},
+                .status = Call::Status::Is,
+                .opId = OpId::deleteAcknowledge(),
+                .endsKey = true});
 }
 void Executor::delStatus(EntryKey const& key) {
-  queue_->take({.key = key, .order = {}, .status = Call::Status::Goes, .opId = {}});
+  queue_->take({.key = key, .order = {}, .status = Call::Status::Goes, .opId = {}, .endsKey = true});
 }
 void Executor::noopAck(EntryKey const& key, OpId const& opId) { queue_->acknowledge(key, opId); }
 void Executor::flush() {
-  ++calls_.flushes;
+  if (!queue_->isDetached()) ++calls_.flushes;
   queue_->flush();
 }
 void Executor::inherit(U32 ti, EntryConfig const* entry) { queue_->inherit(ti, entry); }

@@ -67,6 +67,10 @@ class Moody : public Driver {
   std::vector<Late> late;
   std::vector<std::string> calls;
 
+  bool doesAcknowledge = true;
+  bool acknowledges() const override { return doesAcknowledge; }
+
+  void completedAs(U64 token, Kind kind) { completed(token, {kind, "later"}); }
   void completeOne(std::size_t which, Kind kind) {
     Late const done = late[which];
     late.erase(late.begin() + which);
@@ -173,6 +177,44 @@ TEST_F(ExecutorTest, WaitsForAnEraseThatFails) {
   EXPECT_THAT(calls(), ElementsAre("erase 1@5", "write 2@5", "write 3@7"));
   EXPECT_EQ(executor->behind(), 0U);
   EXPECT_EQ(executor->retries(), 1U);
+}
+
+TEST_F(ExecutorTest, TakesBackTheStatusOfALostMove) {
+  EntryConfig const first = entry(1, 5, 10);
+  executor->addEntry(first);
+  driver.mood = [this] { return driver.calls.back().starts_with("erase") ? Kind::Again : Kind::Refused; };
+  executor->moveEntry(entry(1, 6, 10));
+  EXPECT_EQ(acknowledged(1), first.opId().value()) << "it is still there";
+  driver.mood = nullptr;
+  wheel->advance(1);
+  EXPECT_THAT(driver.held, IsEmpty());
+  EXPECT_EQ(acknowledged(1), 0U);
+  EntryConfig const again = entry(1, 7, 10);
+  executor->moveEntry(again);
+  EXPECT_EQ(acknowledged(1), again.opId().value());
+}
+
+TEST_F(ExecutorTest, IgnoresACompletionThatSaysLater) {
+  driver.mood = [] { return Kind::Later; };
+  executor->addEntry(entry(1, 5, 10));
+  driver.completedAs(driver.late.front().token, Kind::Later);
+  EXPECT_EQ(executor->retries(), 0U);
+  driver.completeOne(0, Kind::Done);
+  EXPECT_NE(acknowledged(1), 0U);
+}
+
+TEST_F(ExecutorTest, ForgetsAFailureWithItsKey) {
+  for (bool const acknowledges : {true, false}) {
+    driver.doesAcknowledge = acknowledges;
+    auto const other = Ostra::make<Executor>("other", status, driver, wheel);
+    driver.mood = [] { return Kind::Refused; };
+    EntryConfig const refused = entry(1, 5, 10);
+    other->addEntry(refused);
+    ASSERT_EQ(other->failed().size(), 1U);
+    driver.mood = nullptr;
+    other->deleteEntry(refused);
+    EXPECT_EQ(other->failed().size(), 0U);
+  }
 }
 
 TEST_F(ExecutorTest, LeavesARefusedEntryOut) {

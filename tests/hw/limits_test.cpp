@@ -66,12 +66,13 @@ TEST_F(Limits, ARefusedMoveLeavesItsKeyOut) {
   agent.config->entryIs(entry(0x20000, 10, 6));
   EXPECT_FALSE(agent.tcam->entry(key));
   EXPECT_TRUE(agent.executor->failed().contains(key));
+  EXPECT_EQ(acknowledged(agent), OpId()) << "the version before is not in effect any more";
   agent.config->entryIs(entry(0x30001, 10, 6));
   EXPECT_EQ(agent.tcam->at(6)->opId, OpId(0x30001)) << "a next version is tried again";
   EXPECT_EQ(acknowledged(agent), OpId(0x30001));
 }
 
-TEST_F(Limits, ARefusedUpdateLeavesTheOldVersion) {
+TEST_F(Limits, ARefusedUpdateIsTriedInTheNextVersion) {
   Agent agent(file, entry(0x10001, 10, 5));
   agent.tcam->refusedRateIs(1);
   agent.config->entryIs(entry(0x20002, 10, 5));
@@ -79,8 +80,8 @@ TEST_F(Limits, ARefusedUpdateLeavesTheOldVersion) {
   EXPECT_EQ(acknowledged(agent), OpId(0x10001));
   agent.tcam->refusedRateIs(0);
   agent.config->entryIs(entry(0x30002, 10, 5));
-  EXPECT_EQ(agent.tcam->at(5)->opId, OpId(0x10001)) << "nothing is to be written";
-  EXPECT_EQ(acknowledged(agent), OpId(0x10001));
+  EXPECT_EQ(agent.tcam->at(5)->opId, OpId(0x30002)) << "a next version is tried again";
+  EXPECT_EQ(acknowledged(agent), OpId(0x30002));
 }
 
 TEST_F(Limits, TheSameRecordIsAdoptedUnwritten) {
