@@ -12,8 +12,8 @@
 
 namespace Vantreld {
 
-// The agent's state: `waiting` for a table, `serving` one, or `withdrawing` its entries, of which `left`
-// acknowledged ones are left.
+// The agent's state: `waiting` for a table, `adopting` what hardware holds from an earlier run, `serving` a
+// table, or `withdrawing` its entries, of which `left` acknowledged ones are left.
 class Progress : public Ostra::Entity {
  public:
   class Notifiee : public Ostra::NotifieeOf<Progress const> {

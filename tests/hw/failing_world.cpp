@@ -69,6 +69,11 @@ bool isThere(TrueHardware const& hardware, EntryKey const& key, Ledger::Line con
 
 }  // namespace
 
+void Ledger::add(EntryKey const& key, Line const& line) {
+  lines_[key.value()].push_back(line);
+  dropWhatIsNotAskedFor(key);
+}
+
 Ledger::Line* Ledger::next(EntryKey const& key, bool isWrite, U32 ti, OpId opId) {
   auto& lines = lines_[key.value()];
   while (!lines.empty()) {
@@ -80,20 +85,30 @@ Ledger::Line* Ledger::next(EntryKey const& key, bool isWrite, U32 ti, OpId opId)
   return nullptr;
 }
 
-void Ledger::done(EntryKey const& key) {
+void Ledger::done(EntryKey const& key, bool isRefused) {
   auto& lines = lines_[key.value()];
-  if (lines.front().isWrite) refusedIs(key, false);
+  if (lines.front().isWrite) refused_[key.value()] = isRefused;
   lines.erase(lines.begin());
+  dropWhatIsNotAskedFor(key);
+}
+
+void Ledger::dropWhatIsNotAskedFor(EntryKey const& key) {
+  auto& lines = lines_[key.value()];
+  while (!lines.empty() && lines.front().ifRefused && !refused(key)) lines.erase(lines.begin());
 }
 
 // The executor may have read back that the call was done.
-bool Ledger::isOpen(EntryKey const& key) {
-  auto const& lines = lines_[key.value()];
-  return std::ranges::any_of(
-      lines, [&](Line const& line) { return !line.perhaps || !isThere(hardware_, key, line); });
+bool Ledger::isOpen(EntryKey const& key) const {
+  bool isRefused = refused(key);
+  for (Line const& line : lines_[key.value()]) {
+    if (line.ifRefused && !isRefused) continue;
+    if (!line.perhaps || !isThere(hardware_, key, line)) return true;
+    if (line.isWrite) isRefused = false;
+  }
+  return false;
 }
 
-bool Ledger::isOpen() {
+bool Ledger::isOpen() const {
   for (U64 key = 1; key < lines_.size(); ++key)
     if (isOpen(EntryKey(key))) return true;
   return false;
@@ -156,8 +171,7 @@ Outcome FailingDriver::settle(Call const& call, Fate fate) {
       return {Kind::Again, "busy"};
     case Fate::Refused:
       if (!isWrite) return {Kind::Refused, "not now"};
-      ledger_.done(call.key);
-      ledger_.refusedIs(call.key, true);
+      ledger_.done(call.key, true);
       return {Kind::Refused, "it cannot be expressed"};
     case Fate::UnknownDone:
       carryOut(call);
@@ -304,15 +318,16 @@ class FailingWorld::WatchedExecutor : public Hw::Executor {
   }
 
   void noopAck(EntryKey const& key, OpId const& opId) override {
-    bool const isOut = failed().contains(key) && !world_.ledger_.isOpen(key);
+    world_.ledger_.add(
+        key, {.isWrite = true, .ti = at_[key], .opId = opId, .withdraws = false, .ifRefused = true});
     Executor::noopAck(key, opId);
-    if (isOut && world_.status_->entry(key).opId() == opId)
+    if (failed().contains(key) && world_.status_->entry(key).opId() == opId)
       world_.hardware_.brokenIs(fmt::format("key {} is acknowledged and was refused", key.value()));
   }
 
  private:
   void note(EntryConfig const& entry, bool isWrite, U32 ti, bool withdraws = false) {
-    world_.ledger_.add(entry.key(), {isWrite, ti, entry.opId(), withdraws});
+    world_.ledger_.add(entry.key(), {isWrite, ti, entry.opId(), withdraws, false});
   }
   FailingWorld& world_;
   std::map<EntryKey, U32> at_;
@@ -440,6 +455,7 @@ std::string FailingWorld::withdraw(Faults& faults) {
   return failed.empty() ? "" : "a key has failed";
 }
 
+// An unchanged version is written where the version before was refused, and else only acknowledged.
 std::string FailingWorld::difference(PerfectWorld const& perfect) {
   for (U32 ti = 0; ti < shape_.positions; ++ti) {
     auto const& wanted = perfect.hardware().at(ti);
@@ -447,7 +463,7 @@ std::string FailingWorld::difference(PerfectWorld const& perfect) {
     auto const& any = held ? held : wanted;
     if (any && executor_->failed().contains(any->key())) continue;
     if (held.has_value() != wanted.has_value() ||
-        (held && (held->key() != wanted->key() || held->opId() != wanted->opId())))
+        (held && (held->key() != wanted->key() || held->opId().low() != wanted->opId().low())))
       return "hardware holds " + hardware_.text() + ", and is to hold " + perfect.hardware().text();
   }
   for (std::size_t i = 1; i <= keys(); ++i) {

@@ -88,23 +88,24 @@ class Ledger {
     U32 ti;
     OpId opId;             // of a write
     bool withdraws;        // the erase of a delete, not of a move
+    bool ifRefused;        // asked for only when the version before is refused
     bool perhaps = false;  // carried out, or not
     double triedAt = -1;   // when it did not succeed
   };
   Ledger(std::size_t keys, TrueHardware& hardware)
       : lines_(keys + 1), refused_(keys + 1), hardware_(hardware) {}
 
-  void add(EntryKey const& key, Line const& line) { lines_[key.value()].push_back(line); }
+  void add(EntryKey const& key, Line const& line);
   // The line of a call that the driver got; what is there already needs no call.
   Line* next(EntryKey const& key, bool isWrite, U32 ti, OpId opId);
-  void done(EntryKey const& key);
-  bool isOpen(EntryKey const& key);
-  bool isOpen();
-  void refusedIs(EntryKey const& key, bool refused) { refused_[key.value()] = refused; }
+  // The first line is done, or refused.
+  void done(EntryKey const& key, bool isRefused = false);
+  bool isOpen(EntryKey const& key) const;
+  bool isOpen() const;
   bool refused(EntryKey const& key) const { return refused_[key.value()]; }
 
  private:
-  void dropWhatIsThere(EntryKey const& key);
+  void dropWhatIsNotAskedFor(EntryKey const& key);
   std::vector<std::vector<Line>> lines_;
   std::vector<bool> refused_;
   TrueHardware& hardware_;
