@@ -63,6 +63,7 @@ Outcome SimulatedTcam::erase(EntryKey const& key, U32 ti, U64 token) {
 }
 
 U32 SimulatedTcam::latencyOfWrite(EntryKey const& key, U32 ti) const {
+  if ((latency_.add | latency_.update | latency_.move) == 0) return 0;
   auto const known = entries_->find(key);
   if (known == entries_->end()) return latency_.add;
   return known->second.ti == ti ? latency_.update : latency_.move;
@@ -173,9 +174,9 @@ Outcome SimulatedTcam::eraseNow(EntryKey const& key, U32 ti) {
 
 // A key that is at two positions stays at the other one.
 void SimulatedTcam::forget(EntryKey const& key, U32 ti) {
-  order_.erase({at(ti)->pg, ti});
   auto const old = leaving_.find(key);
   auto const known = entries_->find(key);
+  order_.erase({known->second.pg, ti});
   if (old == leaving_.end()) {
     countOne("deletes", count_.deletes);
     entries_->erase(known);

@@ -65,9 +65,8 @@ Options parse(int argc, char** argv) {
       "text.\n\n"
       "SIGTERM or SIGINT: it withdraws what it programmed (--keep: nothing) and ends with 0, or 1 when the "
       "hardware\nsaw a rule broken. A second signal ends it at once with 3, and leaves everything where it "
-      "is. A start that "
-      "fails "
-      "ends with 1,\na wrong flag with 2.");
+      "is. "
+      "A start that\nfails ends with 1, a wrong flag with 2.");
   app.add_option("--dir", o.dir, "Directory of the tables, the management socket and the trace file")
       ->required()
       ->check(CLI::ExistingDirectory);

@@ -1,18 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 // What an executor costs on the road of one key, while hardware does every call at once: the engine's part
-// and the acknowledgement, in front of an executor with a driver that has nothing to do, and in front of a
-// hardware client that only acknowledges.
+// and the acknowledgement, in front of an executor with a driver, and in front of a hardware client that does
+// the same. Either has nothing to do, or is the simulated row. The tables are in memory, or are files, as an
+// agent has them.
 #include <benchmark/benchmark.h>
 
 #include <array>
 #include <ctime>
 #include <memory>
 
+#include "bench/between/memory_dir.h"
 #include "bench/engine/layout.h"
 #include "bench/report/report.h"
 #include "hw/executor.h"
+#include "hw/simulated_tcam.h"
 #include "keel/virtual_wheel.h"
 #include "shoal/local_table.h"
+#include "shoal/reader_table.h"
+#include "shoal/writer_table.h"
 #include "vantrel/vantrel.h"
 
 using namespace Bench;
@@ -50,18 +55,45 @@ class Acknowledging : public VantrelHelper {
 };
 
 struct Direct {
-  explicit Direct(Ostra::Ptr<TableStatus> status) : client(Ostra::make<Acknowledging>("direct", status)) {}
+  Direct(Ostra::Ptr<TableStatus> status, U32) : client(Ostra::make<Acknowledging>("direct", status)) {}
   Ostra::Ptr<VantrelHelper> client;
 };
 struct Executed {
-  explicit Executed(Ostra::Ptr<TableStatus> status)
+  Executed(Ostra::Ptr<TableStatus> status, U32)
       : client(Ostra::make<Hw::Executor>("executor", status, driver, Ostra::make<Keel::VirtualWheel>(0.0))) {}
   NoDriver driver;
   Ostra::Ptr<VantrelHelper> client;
 };
 
+struct SimulatedDirect {
+  SimulatedDirect(Ostra::Ptr<TableStatus> status, U32 positions)
+      : client(Ostra::make<Hw::SimulatedTcam>("direct", status, positions)) {}
+  Ostra::Ptr<VantrelHelper> client;
+};
+struct SimulatedExecuted {
+  SimulatedExecuted(Ostra::Ptr<TableStatus> status, U32 positions)
+      : driver(Ostra::make<Hw::SimulatedTcam>("driver", nullptr, positions)),
+        client(Ostra::make<Hw::Executor>("executor", status, *driver, Ostra::make<Keel::VirtualWheel>(0.0))) {
+  }
+  Ostra::Ptr<Hw::SimulatedTcam> driver;
+  Ostra::Ptr<VantrelHelper> client;
+};
+
+struct InMemory {
+  Ostra::Ptr<Shoal::Table<EntryConfig>> producer = Ostra::make<Shoal::LocalTable<EntryConfig>>();
+  Ostra::Ptr<TableConfig const> config = producer;
+  Ostra::Ptr<TableStatus> status = Ostra::make<Shoal::LocalTable<EntryStatus>>();
+};
+struct InFiles {
+  MemoryDir dir;
+  Ostra::Ptr<Shoal::Table<EntryConfig>> producer =
+      Ostra::make<Shoal::WriterTable<EntryConfig>>(dir.path() + "/config");
+  Ostra::Ptr<TableConfig const> config = Ostra::make<Shoal::ReaderTable<EntryConfig>>(dir.path() + "/config");
+  Ostra::Ptr<TableStatus> status = Ostra::make<Shoal::WriterTable<EntryStatus>>(dir.path() + "/status");
+};
+
 // Entry i at position 2i or 2i + 1, all of them in hardware.
-template <class Side>
+template <class Side, class Tables>
 class World {
  public:
   explicit World(U32 entries) : layout_{entries}, order_(shuffled(entries)), aside_(entries) {
@@ -73,7 +105,7 @@ class World {
   U32 entries() const { return layout_.entries; }
   EntryKey want(U32 i, U16 action = 0) {
     ++version_;
-    config_->entryQuietlyIs(
+    tables_.producer->entryIs(
         config(layout_, i, i, 2 * i + (aside_[i] ? 1 : 0), version_, static_cast<U16>(version_ * action)));
     return keyOf(i);
   }
@@ -82,7 +114,7 @@ class World {
     return want(i);
   }
   EntryKey dontWant(U32 i) {
-    config_->entryQuietlyDel(keyOf(i));
+    tables_.producer->entryDel(keyOf(i));
     return keyOf(i);
   }
   void handle(EntryKey key) { engine_->handleEntry(key); }
@@ -93,11 +125,10 @@ class World {
   std::vector<U32> const order_;
   std::vector<bool> aside_;
   U64 version_ = 0;
-  Ostra::Ptr<Shoal::LocalTable<EntryConfig>> config_ = Ostra::make<Shoal::LocalTable<EntryConfig>>();
-  Ostra::Ptr<Shoal::LocalTable<EntryStatus>> status_ = Ostra::make<Shoal::LocalTable<EntryStatus>>();
-  Side side_{status_};
+  Tables tables_;
+  Side side_{tables_.status, layout_.positions()};
   Ostra::Ptr<FastVantrelImpl> engine_ =
-      Ostra::make<FastVantrelImpl>("engine", config_, nullptr, nullptr, side_.client, 1);
+      Ostra::make<FastVantrelImpl>("engine", tables_.config, nullptr, nullptr, side_.client, 1);
 };
 
 double threadNs() {
@@ -109,14 +140,14 @@ double threadNs() {
 // One world at a time: that of the last side and size asked for.
 std::shared_ptr<void> standing;
 [[maybe_unused]] bool const cleared = (atEnd([] { standing = nullptr; }), true);
-template <class Side>
-World<Side>& worldOf(U32 entries) {
-  static std::weak_ptr<World<Side>> last;
+template <class W>
+W& worldOf(U32 entries) {
+  static std::weak_ptr<W> last;
   auto world = last.lock();
   if (!world || world->entries() != entries) {
     world = nullptr;
     standing = nullptr;
-    world = std::make_shared<World<Side>>(entries);
+    world = std::make_shared<W>(entries);
     standing = world;
     last = world;
   }
@@ -125,9 +156,9 @@ World<Side>& worldOf(U32 entries) {
 
 enum class Case { Update, Move, Delete, Add };
 
-template <class Side, Case which>
+template <class W, Case which>
 void road(benchmark::State& state) {
-  auto& world = worldOf<Side>(static_cast<U32>(state.range(0)));
+  auto& world = worldOf<W>(static_cast<U32>(state.range(0)));
   U32 const batch = std::min(world.entries(), mostInABatch);
   double ns = 0;
   U64 keys = 0;
@@ -156,22 +187,30 @@ void road(benchmark::State& state) {
   state.counters["ns"] = ns / static_cast<double>(keys);
 }
 
-template <Case which>
+template <class Ours, class Floor, Case which>
 bool roads(std::string const& name) {
-  benchmark::RegisterBenchmark((name + "/ours").c_str(), road<Executed, which>)
+  benchmark::RegisterBenchmark((name + "/ours").c_str(), road<Ours, which>)
       ->Arg(10'000)
       ->Arg(100'000)
       ->Arg(1'000'000);
-  benchmark::RegisterBenchmark((name + "/floor").c_str(), road<Direct, which>)
+  benchmark::RegisterBenchmark((name + "/floor").c_str(), road<Floor, which>)
       ->Arg(10'000)
       ->Arg(100'000)
       ->Arg(1'000'000);
   return true;
 }
 
-[[maybe_unused]] bool const registered = roads<Case::Add>("through an executor, add") &&
-                                         roads<Case::Update>("through an executor, update in place") &&
-                                         roads<Case::Move>("through an executor, move") &&
-                                         roads<Case::Delete>("through an executor, delete");
+template <class Executed, class Direct, class Tables>
+bool allRoads(std::string const& hardware) {
+  return roads<World<Executed, Tables>, World<Direct, Tables>, Case::Add>(hardware + ", add") &&
+         roads<World<Executed, Tables>, World<Direct, Tables>, Case::Update>(hardware +
+                                                                             ", update in place") &&
+         roads<World<Executed, Tables>, World<Direct, Tables>, Case::Move>(hardware + ", move") &&
+         roads<World<Executed, Tables>, World<Direct, Tables>, Case::Delete>(hardware + ", delete");
+}
+[[maybe_unused]] bool const registered =
+    allRoads<Executed, Direct, InMemory>("an executor") &&
+    allRoads<Executed, Direct, InFiles>("an executor, tables in files") &&
+    allRoads<SimulatedExecuted, SimulatedDirect, InFiles>("the simulated row behind one, tables in files");
 
 }  // namespace
