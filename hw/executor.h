@@ -20,8 +20,9 @@
 // agrees with it as long as the engine believes in it, and when the engine has withdrawn it, by rule 2 again.
 //
 // A missing entry breaks no order. So a write that is refused for good leaves its key out: the key is listed
-// in failed(), its later calls are carried out as if it were absent, and its next version is tried again. An
-// erase is never given up: whoever is to come to the position waits.
+// in failed(), its later calls are carried out as if it were absent, and its next update or move is tried. A
+// version that changes neither match nor action nor position brings no such call: the key stays out. An erase
+// is never given up: whoever is to come to the position waits.
 //
 // Acknowledgements are written when their call is done. One that cannot be written (no space) is kept,
 // replaced by a newer one of its key, and tried again.
