@@ -66,12 +66,12 @@ struct Call {
   U32 from = nowhere;                  // what is to be erased; likewise
   Status status = Status::Stays;
   OpId opId;                          // the status
-  std::optional<EntryConfig> kept{};  // the entry, once the call is queued
   U64 token = 0;                      // not 0: a step is under way
   bool isUnchanged = false;           // nothing is to be written, unless the key was refused
   bool endsKey = false;               // the engine knows the key no longer
   unsigned tries = 0;                 // of the step at hand
   double notBefore = 0;               // when it may be tried again
+  std::optional<EntryConfig> kept{};  // the entry, once the call is queued
 
   bool isDone() const { return to == nowhere && from == nowhere; }
   bool isWrite() const { return to != nowhere; }
@@ -115,11 +115,13 @@ class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
   // What becomes of a key's status when hardware did what it was asked for.
   Call::Status done() const { return acknowledges_ ? Call::Status::Is : Call::Status::Stays; }
   bool advance(Call& call);
+  bool hasTime(Call const& call) const;
   bool isOwed(Call const& call) const;
   void writeRefused(Call& call);
   bool mayBegin(Call const& call) const;
   void begin(Call& call);
   void settle(Call& call, Outcome const& outcome);
+  void leaveOut(Call& call, std::string const& reason);
   bool wasDone(Call const& call, Outcome const& outcome);
   std::optional<std::optional<Held>> readBack(U32 ti);
   void tryAgain(Call& call, Outcome const& outcome);
@@ -257,12 +259,14 @@ void Executor::Queue::take(Call call) {
   rearm();
 }
 
-// Takes the steps that may be taken now. True when the call is done.
+// Takes the steps that may be taken now. True when the call is done. What allows its first step allows the
+// others: no earlier call can come in between.
 bool Executor::Queue::advance(Call& call) {
-  while (!call.isDone() || !mayBegin(call)) {
-    bool const room = underWay_ < driver_.mostAtOnce();
-    if (call.token != 0 || !room || call.notBefore > now_ || !mayBegin(call)) return false;
+  if (call.token != 0 || !hasTime(call) || (!queue_.empty() && !mayBegin(call))) return false;
+  while (!call.isDone()) {
+    if (!hasTime(call)) return false;
     begin(call);
+    if (call.token != 0) return false;
   }
   if (isOwed(call)) {
     writeRefused(call);
@@ -270,6 +274,12 @@ bool Executor::Queue::advance(Call& call) {
   }
   end(call);
   return true;
+}
+
+// The driver takes its next step now, if it has one.
+bool Executor::Queue::hasTime(Call const& call) const {
+  if (call.isDone()) return true;
+  return call.notBefore <= now_ && (underWay_ == 0 || underWay_ < driver_.mostAtOnce());
 }
 
 bool Executor::Queue::isOwed(Call const& call) const {
@@ -318,20 +328,23 @@ void Executor::Queue::settle(Call& call, Outcome const& outcome) {
   call.token = 0;
   --underWay_;
   bool const isWrite = call.isWrite();
-  bool const isDone = wasDone(call, outcome);
+  bool const isDone = outcome.kind == Outcome::Kind::Done || wasDone(call, outcome);
   bool const isRefused = outcome.kind == Outcome::Kind::Refused && isWrite;
   if (!isDone && !isRefused) return tryAgain(call, outcome);
   (isWrite ? call.to : call.from) = nowhere;
   call.tries = 0;
-  if (isWrite && isDone) failedDel(call.key);
-  if (!isRefused) return;
-  failedIs(*call.entry, outcome.reason);
+  if (isRefused) return leaveOut(call, outcome.reason);
+  if (isWrite && !refused_.empty()) failedDel(call.key);
+}
+
+void Executor::Queue::leaveOut(Call& call, std::string const& reason) {
+  failedIs(*call.entry, reason);
   if (call.from != nowhere) call.status = Call::Status::Goes;  // soon it is nowhere
 }
 
 // A version that was there before the write proves nothing: another run may have given it to other contents.
 bool Executor::Queue::wasDone(Call const& call, Outcome const& outcome) {
-  if (outcome.kind != Outcome::Kind::Unknown) return outcome.kind == Outcome::Kind::Done;
+  if (outcome.kind != Outcome::Kind::Unknown) return false;
   if (call.isWrite() && call.entry->opId() == call.order.inherited) return false;
   auto const there = readBack(call.position());
   if (!there) return false;
@@ -353,11 +366,10 @@ void Executor::Queue::tryAgain(Call& call, Outcome const& outcome) {
 
 // What is not in hardware is not acknowledged. A delete is.
 void Executor::Queue::end(Call const& call) {
-  if (call.endsKey) failedDel(call.key);
+  if (call.endsKey && !refused_.empty()) failedDel(call.key);
   if (call.status == Call::Status::Stays) return;
-  if (call.status == Call::Status::Is && !executor_.failed_->empty() && executor_.failed_->contains(call.key))
-    return;
-  if (!unwritten_.contains(call.key) && writeStatus(call)) return;
+  if (call.status == Call::Status::Is && !refused_.empty() && refused_.contains(call.key)) return;
+  if ((unwritten_.empty() || !unwritten_.contains(call.key)) && writeStatus(call)) return;
   Call& waiting = unwritten_[call.key];
   waiting.key = call.key;
   waiting.status = call.status;
