@@ -169,8 +169,6 @@ Executor::Queue::Queue(Executor& executor, Driver& driver, Ostra::Ptr<Keel::Time
   driver_.completedIs([this](U64 token, Outcome const& outcome) { completed(token, outcome); });
 }
 
-// The engine's calls.
-
 bool Executor::Queue::add(EntryConfig const& entry) {
   Place& known = known_[entry.key()];
   known = {positionOf(entry), entry.prio(), entry.pg()};
@@ -245,8 +243,6 @@ void Executor::Queue::flush() {
   flushOwed_ = !detached_;
   if (queue_.empty()) pass();
 }
-
-// The queue.
 
 // Most often nothing is queued, and the call is done at once.
 void Executor::Queue::take(Call call) {
@@ -406,8 +402,6 @@ void Executor::Queue::flushWhenDone() {
   }
 }
 
-// What hardware holds from an earlier run.
-
 void Executor::Queue::inherit(U32 ti, EntryConfig const* entry) {
   if (entry)
     inherited_[ti] = {entry->key(), {ti, entry->prio(), entry->pg(), false, entry->opId()}};
@@ -430,8 +424,6 @@ void Executor::Queue::detach() {
   inherited_.clear();
   countersAre();
 }
-
-// Acknowledgements.
 
 bool Executor::Queue::writeStatus(Call const& call) {
   auto const& table = executor_.tableStatus();
@@ -467,8 +459,6 @@ void Executor::Queue::writeStatuses() {
   statusNotBefore_ = Ostra::now() + (isFull ? pause(statusTries_) : 0);
 }
 
-// Time.
-
 void Executor::Queue::onTime() {
   if (!unwritten_.empty() && statusNotBefore_ <= Ostra::now()) writeStatuses();
   pass();
@@ -491,8 +481,6 @@ void Executor::Queue::rearm() {
     if (call.token == 0 && call.notBefore > now_) notLaterThan(call.notBefore);
   if (next) timeMinIs(*next);
 }
-
-// What others see.
 
 void Executor::Queue::problemIs(std::string const& problem) {
   executor_.scalarIs("problem", executor_.problem_, problem, &Executor::Notifiee::onProblem);

@@ -125,8 +125,6 @@ void listStatus(std::string const& dir, bool asJson) {
   requireUndamaged(table, damaged);
 }
 
-// ---- positions
-
 // One key at one position: what the agent has there, or what the producer wants there.
 struct Spot {
   U32 ti;
@@ -204,8 +202,6 @@ void requireAgent(std::string const& dir) {
     throw std::runtime_error(
         fmt::format("{}: what the status table says was true of the agent that wrote it", agent->problem()));
 }
-
-// ---- one key
 
 char const* stateOf(EntryConfig const& entry, EntryStatus const& status) {
   bool const gone = status.opId() == OpId::deleteAcknowledge();

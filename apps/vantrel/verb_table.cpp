@@ -37,8 +37,6 @@ struct Request {
   bool json = false;
 };
 
-// ---- info and check
-
 Json facts(std::string const& path) {
   Shoal::TableInfo const info = Shoal::tableInfo(path);
   auto const per = [](U64 a, U64 b) { return b ? static_cast<double>(a) / static_cast<double>(b) : 0.0; };
@@ -129,8 +127,6 @@ void check(Request const& request) {
   if (!found.damage.empty()) throw Exit{1};
 }
 
-// ---- repair
-
 void repair(Request const& request) {
   Shoal::Repair const repaired = Shoal::repair(request.file);
   if (!request.json)
@@ -140,8 +136,6 @@ void repair(Request const& request) {
   print(result, request.json);
   if (!repaired.lost.empty()) throw Exit{1};
 }
-
-// ---- dump
 
 Json toJson(EntryConfig const& r) {
   Json ti = Json::array();
@@ -177,8 +171,6 @@ void dump(Request const& request) {
     throw std::runtime_error(fmt::format("{} holds {} records, which cannot be shown as text", request.file,
                                          Shoal::tableInfo(request.file).recordType));
 }
-
-// ---- load
 
 // Returns the number `name` of the object; 0 for a missing one that is not required.
 template <class T>

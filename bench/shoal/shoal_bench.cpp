@@ -69,8 +69,6 @@ LmdbStore& lmdb(benchmark::State const& state) {
 }
 #endif
 
-// ---- Reads
-
 enum class Manner { oneByOne, overlapping };
 
 template <Manner manner>
@@ -138,8 +136,6 @@ void readFloorBytes(benchmark::State& state) {
   });
 }
 
-// ---- Walks
-
 void walk(benchmark::State& state) {
   World& world = toRead(state);
   std::vector<double> all;
@@ -168,8 +164,6 @@ void walkFloor(benchmark::State& state) {
     }));
   state.counters["ns"] = Bench::median(std::move(all));
 }
-
-// ---- Writes
 
 U64 freshKey(U64 number) { return number * 0x9E3779B97F4A7C15U; }  // even numbers are never a world's own
 

@@ -109,8 +109,6 @@ class VANTREL_LOCAL FileReader::State {
   std::string problem_;      // why it could not be opened
 };
 
-// ---- The file
-
 FileReader::State::State(std::string path, Shape const& shape, Sink& sink, Presence presence)
     : path_(std::move(path)),
       typeName_(shape.typeName),
@@ -184,8 +182,6 @@ bool FileReader::State::mend() {
   return !view_->isWrittenOver();
 }
 
-// ---- Reading
-
 inline auto FileReader::State::mended(auto lookUp) {
   for (bool isMended = false;; isMended = true) {
     try {
@@ -223,8 +219,6 @@ std::optional<FilePlace> FileReader::State::walk(U64 hint, bool told) {
   if (place && told) known_.try_emplace(place->key);
   return place;
 }
-
-// ---- Telling
 
 // Between its mounting and the beginning of the watch the file may have been replaced, and its writer may
 // have died.
@@ -356,8 +350,6 @@ void FileReader::State::learn(Telling const& told) {
   else
     known_.erase(told.key);
 }
-
-// ---- The face
 
 FileReader::FileReader(std::string path, Shape const& shape, Sink& sink, Presence presence)
     : state_(std::make_unique<State>(std::move(path), shape, sink, presence)) {}

@@ -39,8 +39,6 @@ bool isForWantOfMeans(int error) { return error == EMFILE || error == ENFILE || 
 
 }  // namespace
 
-// ---- The directory
-
 // Whoever may read the table may enter the directory, and set flags and ring.
 struct Sidecar::Access {
   explicit Access(int table) {
@@ -186,8 +184,6 @@ Pallo::Descriptor Sidecar::openFifo(unsigned slot, int mode) const {
   return {};
 }
 
-// ---- The page of flags
-
 Flags::Flags(Pallo::Descriptor file) : file_(std::move(file)) {
   void* const base = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file_.get(), 0);
   if (base == MAP_FAILED) failErrno("a table's page of flags", "cannot be mapped");
@@ -210,8 +206,6 @@ bool Flags::restore() {
   guard_.reset();
   return mmap(words_, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, file_.get(), 0) == words_;
 }
-
-// ---- The writer
 
 // Whoever watched the table's last writer is woken: there may be something that it did not come to announce.
 Doorbells::Doorbells(Sidecar sidecar) : sidecar_(std::move(sidecar)), flags_(sidecar_.openSlots()) {
@@ -259,8 +253,6 @@ void Doorbells::findWatchers() {
   if (cut)
     for (Watcher const& watcher : watchers_) wake(watcher);
 }
-
-// ---- A watcher
 
 Registration::Registration(std::string const& tablePath, int table)
     : sidecar_(Sidecar::open(tablePath, table)), flags_(sidecar_.openSlots()) {

@@ -130,8 +130,6 @@ std::string TableView::damage(std::string_view what) const {
   return fmt::format("{}: {}", mapping_->path(), what);
 }
 
-// ---- Places
-
 U64 TableView::guarded(U64 offset, std::string_view what) const {
   auto const value = unguard(acquire(*word(offset)), offset);
   if (!value)
@@ -174,8 +172,6 @@ Word* TableView::line(U64 bucket) {
 Word* TableView::overflowLine(U64 unit) {
   return insideChunks(unit * unitBytes, unitBytes) ? word(unit * unitBytes) : nullptr;
 }
-
-// ---- Look-up
 
 U64 TableView::findAgain(U64 key, U64* image) {
   int damagedAttempts = 0;
@@ -241,8 +237,6 @@ bool TableView::contains(U64 key) {
   }
 }
 
-// ---- The ring of changes
-
 std::optional<U64> TableView::changedKey(U64 sequence) const {
   Word const* const change = this->change(sequence);
   U64 const before = acquire(change[0]);
@@ -265,8 +259,6 @@ void TableView::prefetchRecord(U64 sequence) const {
   if (Word const* const found = firstTagged(hash(relaxed(change(sequence)[1]))))
     prefetchSlot(base_ + entryUnit(relaxed(*found)) * unitBytes, header_.slotBytes);
 }
-
-// ---- Walk
 
 std::optional<FilePlace> TableView::walk(U64 hint) {
   if (hint == 0) walkDamage_.clear();

@@ -146,8 +146,6 @@ class TableView {
   std::function<void(std::string_view)> damageSink_;
 };
 
-// ---- The look-up of nearly every key, in line
-
 // One bit for each entry of the line that `wanted` accepts, without a branch at each, which would be
 // mispredicted every other time.
 template <class Wanted>

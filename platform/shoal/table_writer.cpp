@@ -122,8 +122,6 @@ struct TableWriter::Survey {
   U64 count = 0;
 };
 
-// ---- Opening
-
 TableWriter::TableWriter(std::string const& path, Shape const& shape, WriterOptions const& options)
     : path_(path) {
   std::shared_ptr<Mapping> file;
@@ -229,8 +227,6 @@ WriterCounters TableWriter::counters() const {
   return counters;
 }
 
-// ---- Stores
-
 void TableWriter::store(Word& word, U64 value) {
   atStorePoint();
   word.store(value, std::memory_order_release);
@@ -260,8 +256,6 @@ void TableWriter::freeSlot(U64 entry) {
   idleSlots_.push_back(restingSlots_.front());
   restingSlots_.pop_front();
 }
-
-// ---- Finding
 
 // What lies before the chunks wraps to far behind them.
 std::optional<U64> TableWriter::slotNumber(U64 unit) const {
@@ -336,8 +330,6 @@ TableWriter::Spot TableWriter::locateOrHeal(U64 key) {
   }
   return locate(key, view_->hash(key));
 }
-
-// ---- Space
 
 void TableWriter::refuseBeyondWindow(U64 chunks) const {
   if (view_->chunkOffset(chunks_) + chunks * chunkBytes > mapping_->window())
@@ -422,8 +414,6 @@ U32 TableWriter::takeLine() {
   return unit;
 }
 
-// ---- Announcing
-
 // A change is written into the ring before it is published, and counted after it.
 void TableWriter::beginChange(U64 key) {
   Word* const change = view_->change(head_);
@@ -443,8 +433,6 @@ void TableWriter::refuseIfCutShort() const {
   if (mapping_->cutShort()) [[unlikely]]
     throw Pallo::CorruptionDetectedException(view_->damage("a write fell beyond its end"));
 }
-
-// ---- The operations
 
 void TableWriter::put(U64 key, U64 const* image, Extent extent) {
   refuseIfCutShort();
@@ -517,8 +505,6 @@ std::vector<U64> TableWriter::removeFound() {
   return keys;
 }
 
-// ---- Growth
-
 // Longer chains are better than a refused write: a split that finds no room is put off, and so are all where
 // damage could not be healed.
 void TableWriter::splitWhileFull() {
@@ -587,8 +573,6 @@ void TableWriter::dropEmptyLines(U64 bucket, Chain const& chain) {
     freeLines_.push_back(static_cast<U32>(unit));
   }
 }
-
-// ---- Taking over
 
 void TableWriter::takeOver() {
   buckets_ = view_->buckets();
@@ -730,8 +714,6 @@ std::optional<FilePlace> TableWriter::walk(U64 hint) {
   if (place) place->hint |= anew;
   return place;
 }
-
-// ---- The face
 
 FileWriter::FileWriter(std::string const& path, Shape const& shape, WriterOptions const& options)
     : writer_(std::make_unique<TableWriter>(path, shape, options)) {}

@@ -96,8 +96,6 @@ Counters Model::counters() const {
   return c;
 }
 
-// ---- the front end
-
 void Model::frontEndHandleEntry(U64 key) {
   if (!smInitialized_) return;
   try {
@@ -190,8 +188,6 @@ void Model::setAttribute(Step const& step) {
     throw Illegal("the model has no attribute " + name);
 }
 
-// ---- the engine base
-
 void Model::handleEntry(U64 key) {
   if (!initialized_) return;
   bool const changed = dispatch(key);
@@ -263,8 +259,6 @@ bool Model::dispatchEntry(EntryConfig const& entry, U64 key) {
   bool const processed = processEntry(entry);
   return processed || deleted;
 }
-
-// ---- the fast engine: places
 
 U32 Model::precedence(U16 pg, U32 ti) const {
   if (!engine_.atcam) {
@@ -350,8 +344,6 @@ void Model::wakeBetween(U16 pg, U64 lo, U64 hi) {
   for (U32 ti : positions) wake(ti);
 }
 
-// ---- the fast engine: may the entry be programmed now?
-
 bool Model::conflicts(EntryConfig const& entry) {
   dirty_ = true;
   U64 const key = entry.key().value();
@@ -407,8 +399,6 @@ void Model::claim(ModelRecord& r, EntryConfig const& entry, U32 ti, Wait why) {
   r.why = why;
 }
 
-// ---- the fast engine: programming
-
 bool Model::processEntry(EntryConfig const& entry) {
   survive(initialized_, "initialized()");
   survive(entry.tableIndexs() == 1, "entry.tableIndexs() == 1");
@@ -462,8 +452,6 @@ void Model::wakeMoveRange(ModelRecord const& moved, U32 from, U32 to) {
   wakeBetween(moved.pg, lo, hi);
 }
 
-// ---- the fast engine: deletes
-
 bool Model::processDelete(U64 key, bool deadlock, bool ack) {
   survive(initialized_, "initialized()");
   ModelRecord* const r = find(key);
@@ -505,8 +493,6 @@ void Model::wakeDeleteRange(ModelRecord const& gone) {
   if (prevSame) hi = gone.at;
   wakeBetween(gone.pg, lo, hi);
 }
-
-// ---- the fast engine: the drain and the rings
 
 void Model::drain() {
   survive(initialized_, "initialized()");
@@ -571,8 +557,6 @@ void Model::breakRing(U64 start) {
   ++deadlockCount_;
 }
 
-// ---- debug output, cleanup
-
 void Model::answerDebug() {
   if (debugVersion_ == snapshot_.version) return;
   snapshot_ = Snapshot{};
@@ -598,8 +582,6 @@ void Model::cleanUp(Choices const& choices) {
   }
   flush();
 }
-
-// ---- what leaves, and what must hold
 
 void Model::hardware(EventKind kind, EntryConfig const& entry) {
   events.push_back({kind, entry});

@@ -452,8 +452,6 @@ TEST_F(AgentProcess, WrongFlagsGetUsageAndStatusTwo) {
   }
 }
 
-// ---- What it says goes nowhere
-
 class AgentWithoutReader : public AgentProcess {
  protected:
   // Both outputs to `path`. It lives, programs, answers and stops in order.
@@ -494,8 +492,6 @@ TEST_F(AgentWithoutReader, WorksOnAClosedPipe) {
   Pallo::Descriptor pipe(open((dir / "pipe").c_str(), O_RDONLY | O_NONBLOCK));
   worksSayingInto(dir / "pipe", [&] { pipe = Pallo::Descriptor(); });
 }
-
-// ---- In the middle of something long
 
 class BusyAgent : public AgentProcess {
  protected:

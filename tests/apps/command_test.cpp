@@ -114,8 +114,6 @@ class CommandTest : public testing::Test {
   std::string err_;
 };
 
-// ---- flags and errors
-
 TEST_F(CommandTest, EveryVerbShowsAnExample) {
   for (char const* verb : {"load", "put", "del", "ls", "status"}) {
     Ended const help = run({verb, "--help"});
@@ -195,8 +193,6 @@ TEST_F(CommandTest, ASecondWriterIsRefusedAndTheFirstIsNamed) {
   expectRefused(ended, config());
   EXPECT_THAT(ended.err, HasSubstr(std::to_string(getpid())));
 }
-
-// ---- entries
 
 TEST_F(CommandTest, WhatIsPutIsListedExactly) {
   ASSERT_EQ(put("18446744073709551615", "0xFFFFFFFFFFFE0001", "4294967295", "4294967295", "524287",
@@ -294,8 +290,6 @@ TEST_F(CommandTest, ALateKeyIsNamedWithTheReason) {
           "its wrong side"));
   stop(*daemon);
 }
-
-// ---- rule files
 
 TEST_F(CommandTest, AMalformedFileWritesNothing) {
   std::string const file =
@@ -493,8 +487,6 @@ TEST_F(CommandTest, ATableOfAnotherMappingIsLeftAlone) {
   expectRefused(at({"load", file, "--max-partitions", "4"}), "cannot take over");
   EXPECT_EQ(at({"ls", "config"}).out, before);
 }
-
-// ---- crashes and size
 
 // Hardware takes its time, so that a load lasts longer than any of the pauses.
 TEST_F(CommandTest, AKilledLoaderIsFinishedByTheNext) {

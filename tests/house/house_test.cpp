@@ -32,6 +32,7 @@ TEST(Repository, surfaces) { EXPECT_THAT(surfaces(repository()), IsEmpty()); }
 TEST(Repository, words) { EXPECT_THAT(words(repository()), IsEmpty()); }
 TEST(Repository, lineLength) { EXPECT_THAT(lineLength(repository()), IsEmpty()); }
 TEST(Repository, testNames) { EXPECT_THAT(testNames(repository()), IsEmpty()); }
+TEST(Repository, banners) { EXPECT_THAT(banners(repository()), IsEmpty()); }
 TEST(Repository, licence) { EXPECT_THAT(licence(repository()), IsEmpty()); }
 TEST(Repository, endings) { EXPECT_THAT(endings(repository()), IsEmpty()); }
 TEST(Repository, orphans) { EXPECT_THAT(orphans(repository()), IsEmpty()); }
@@ -92,6 +93,12 @@ TEST_F(Checker, commandLinesAndColoursStayInThePrograms) {
   put("apps/vantrel/main.cpp", "#include <CLI/CLI.hpp>\n");
   EXPECT_THAT(surfaces(tree()),
               ElementsAre(offence("hw/tcam.cpp", 1, "CLI"), offence("hw/tcam.cpp", 2, "033")));
+}
+
+TEST_F(Checker, bannersAreFoundAndPicturesAreNot) {
+  put("hw/a.cpp", "// ---- Time\n  // ==========\n//   a --> b\n");
+  EXPECT_THAT(banners(tree()),
+              ElementsAre(offence("hw/a.cpp", 1, "banner"), offence("hw/a.cpp", 2, "banner")));
 }
 
 TEST_F(Checker, wordsAreFoundWhereverTheyStand) {

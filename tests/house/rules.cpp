@@ -318,6 +318,20 @@ Offences testNames(Tree const& tree) {
   return out;
 }
 
+Offences banners(Tree const& tree) {
+  Offences out;
+  for (File const& f : tree.files()) {
+    if (!isCpp(f)) continue;
+    eachLine(f, [&](std::size_t n, std::string const& line) {
+      std::size_t const at = line.find_first_not_of(' ');
+      if (at != std::string::npos &&
+          (line.substr(at).starts_with("// ---") || line.substr(at).starts_with("// ===")))
+        out.push_back({f.path, n, "a banner: a file that needs headings wants to be several"});
+    });
+  }
+  return out;
+}
+
 Offences licence(Tree const& tree) {
   constexpr std::string_view mark = "SPDX-License-Identifier: Apache-2.0";
   Offences out;

@@ -52,6 +52,8 @@ Offences words(Tree const& tree);
 Offences lineLength(Tree const& tree);
 // A test's name says in at most 45 characters what is asserted.
 Offences testNames(Tree const& tree);
+// A comment is no rule across the page.
+Offences banners(Tree const& tree);
 // The licence line of every source.
 Offences licence(Tree const& tree);
 // A last newline, no trailing blanks, no carriage returns, no tabs but where make needs them.

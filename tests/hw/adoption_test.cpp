@@ -90,8 +90,6 @@ class AdoptionTest : public testing::Test {
   Hw::Adopted adopted;
 };
 
-// ---- The difference
-
 TEST_F(AdoptionTest, CallsNothingWhenNothingChanged) {
   EXPECT_THAT(restart(), IsEmpty());
   EXPECT_EQ(adopted.entries, 3U);
@@ -155,8 +153,6 @@ TEST_F(AdoptionTest, CallsNothingAtTheSecondRestart) {
   EXPECT_THAT(restart(), IsEmpty());
   EXPECT_THAT(restart(), IsEmpty());
 }
-
-// ---- What cannot be taken over as it is
 
 TEST_F(AdoptionTest, AddsAnewWhatHasAnotherPriority) {
   want(record({2, 6, 25, 2, 0}));
@@ -282,8 +278,6 @@ TEST_F(AdoptionTest, ErasesWhatDoesNotFit) {
   expectArrived(agent);
 }
 
-// ---- Half-done moves
-
 TEST_F(AdoptionTest, FinishesOrUndoesAHalfDoneMove) {
   for (auto const& [from, to] : {std::pair{5U, 7U}, {7U, 5U}})
     for (U64 const newer : {4, 5})
@@ -314,8 +308,6 @@ TEST_F(AdoptionTest, UndoesWithoutAWriteAMoveBack) {
   want(record({2, 6, 20, 5}));
   EXPECT_THAT(restart(), ElementsAre("erase 2@5"));
 }
-
-// ---- Cut short, and late
 
 struct Impatient final : Vantrel::VantrelImpl::Yield {
   void betweenKeys() override {
@@ -357,8 +349,6 @@ TEST_F(AdoptionTest, AdoptsWhenHardwareIsLate) {
   while (!driver.late.empty()) driver.completeOne(driver.late.size() - 1);
   expectArrived(agent);
 }
-
-// ---- Killed at every call
 
 // Changes of every kind, at once: a move, a change, a priority, a removed and a new key, a half-done move,
 // and a position that cannot be read.
@@ -487,8 +477,6 @@ TEST_F(AdoptionTest, ArrivesThoughTheSimulatedRowDies) {
   }
   EXPECT_THAT(violations, IsEmpty());
 }
-
-// ---- At random
 
 // Lives of agents over the same hardware: each reads a table of its own, and is killed at some call, or not.
 class RandomLives {

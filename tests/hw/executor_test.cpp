@@ -389,8 +389,6 @@ TEST_F(ExecutorTest, SurvivesADriverThatThrows) {
   EXPECT_EQ(throwing.flushes, 2) << "tried again";
 }
 
-// ---- With an engine in front
-
 class Moods : public ExecutorTest, public testing::WithParamInterface<std::size_t> {
  protected:
   void startEngine() {

@@ -16,8 +16,6 @@ namespace TestHw {
 using Hw::Outcome;
 using Kind = Hw::Outcome::Kind;
 
-// ---- What was met
-
 U64 Met::allCalls() const { return std::accumulate(std::begin(calls), std::end(calls), U64{0}); }
 
 Met& Met::operator+=(Met const& other) {
@@ -56,8 +54,6 @@ std::string toText(Step const& step) {
       return fmt::format("remove {}", step.key);
   }
 }
-
-// ---- The ledger
 
 namespace {
 
@@ -113,8 +109,6 @@ bool Ledger::isOpen() const {
     if (isOpen(EntryKey(key))) return true;
   return false;
 }
-
-// ---- The driver
 
 Outcome FailingDriver::write(EntryConfig const& entry, U32 ti, U64 token) {
   return answer({entry.key(), ti, entry, token});
@@ -207,8 +201,6 @@ std::optional<std::optional<Hw::Held>> FailingDriver::readBack(U32 ti) {
   return there ? std::optional(Hw::Held{there->key(), there->opId()}) : std::optional<Hw::Held>();
 }
 
-// ---- Perfect hardware
-
 void PlainHardware::write(EntryConfig const& entry, U32 ti) {
   hardware.write(entry, ti);
   noopAck(entry.key(), entry.opId());
@@ -238,8 +230,6 @@ void PlainHardware::deleteEntry(EntryConfig const& record) {
   else
     delStatus(record.key());
 }
-
-// ---- The engine and its producer
 
 EngineWorld::EngineWorld(Shape const& shape) : shape_(shape), action_(shape.ranks.size() + 1) {}
 
@@ -281,8 +271,6 @@ PerfectWorld::PerfectWorld(Shape const& shape)
     : EngineWorld(shape), plain_(Ostra::make<PlainHardware>(status_, shape.positions)) {
   engineIs(plain_);
 }
-
-// ---- The failing world
 
 // Notes what the engine asks for before it is carried out.
 class FailingWorld::WatchedExecutor : public Hw::Executor {

@@ -25,8 +25,6 @@ using Kind = Step::Kind;
 using Testing::environment;
 using Testing::slow;
 
-// ---- Every small world
-
 // A walk over all leaves of a tree: each run starts at the root and asks which way to go.
 class Path {
  public:
@@ -241,8 +239,6 @@ TEST_F(World, KeepsItsPromiseInEverySmallWorld) {
   EXPECT_GT(runs, slow ? 5'000U : 200'000U);
   expectEveryKind(met);
 }
-
-// ---- At random
 
 class RandomFaults : public Faults {
  public:

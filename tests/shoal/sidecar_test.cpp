@@ -73,8 +73,6 @@ std::string refusal(std::string const& path) {
   return "";
 }
 
-// ---- What was planted in the place of something
-
 TEST(Sidecar, AWriterFollowsNoPlantedLink) {
   for (std::string const& name : std::initializer_list<std::string>{"t.watch", "t.watch.new", "t.new", "t"}) {
     for (bool const directory : {true, false}) {
@@ -235,8 +233,6 @@ TEST(Sidecar, ARacingPlanterGainsNothing) {
   outside.expectUntouched();
 }
 
-// ---- The flags
-
 // A watched table and its writer, which wakes it.
 class Meddled : public testing::Test {
  protected:
@@ -312,8 +308,6 @@ TEST_F(Meddled, TruncatedFlagsWakeNobodyWithoutEnd) {
   expectToldAtOnceAgain();
 }
 
-// ---- The FIFOs
-
 TEST_F(Meddled, ARemovedFifoIsLeftForAnother) {
   expectTold(aLook);
   w->awaitLook();
@@ -368,8 +362,6 @@ TEST_F(Meddled, AFifoHeldByAnotherHidesNoWritersEnd) {
     expectTold(aLook);
   }
 }
-
-// ---- Many
 
 TEST(Sidecar, TheWatcherBeyondTheLastSlotLooksAndSaysSo) {
   Directory dir;
@@ -434,8 +426,6 @@ TEST(Sidecar, AWatcherWithoutAGuardForItsFlagsLooks) {
   settle(*reader, 10);
   EXPECT_EQ(slotsTaken(dir / "t"), 1U);
 }
-
-// ---- Users
 
 struct stat statusAt(std::string const& path) {
   struct stat status {};
@@ -536,8 +526,6 @@ INSTANTIATE_TEST_SUITE_P(Sidecar, Umask, testing::Values(0022, 0027, 0007), [](a
   return std::to_string(mask.param / 64) + std::to_string(mask.param / 8 % 8) +
          std::to_string(mask.param % 8);
 });
-
-// ---- Beginnings
 
 // Where there is no directory yet, its watchers never see half of one.
 TEST(Sidecar, AppearsComplete) {

@@ -51,8 +51,6 @@ class Differ {
   using Band = std::vector<std::size_t>;
   using ByMatch = boost::unordered_flat_map<Rule, std::vector<std::size_t>, std::hash<Rule>>;
 
-  // ---- which entries stay
-
   void keepLongestFit() {
     std::vector<Candidate> const candidates = findCandidates();
     std::vector<U32> prios;
@@ -131,8 +129,6 @@ class Differ {
     return left;
   }
 
-  // ---- bands
-
   bool joins(std::size_t rank, U32 prio) const {
     auto const at = bands_.find(prio);
     return at == bands_.end() || fits(rank, at->second);
@@ -153,8 +149,6 @@ class Differ {
     placed_[rank].held.reset();
     std::erase(bands_[placed_[rank].prio], rank);
   }
-
-  // ---- priorities for the others
 
   bool stays(std::size_t rank) const { return placed_[rank].held.has_value(); }
 

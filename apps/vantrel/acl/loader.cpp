@@ -45,8 +45,6 @@ Loader::Loader(Vantrel::Producer& producer, Vantrel::Acknowledgements& acknowled
   filled_.resize(groups);
 }
 
-// ---- what is there and what is wanted
-
 void Loader::start(std::vector<Rule> const& rules) {
   U64 all = 0;
   for (U32 const capacity : capacity_) all += capacity;
@@ -153,8 +151,6 @@ void Loader::pairSuccessors(std::vector<Record> const& records) {
     at->second.pop_back();
   }
 }
-
-// ---- rounds
 
 void Loader::begin() {
   for (EntryKey const key : marked_) acknowledgements_.await(key, OpId::deleteAcknowledge());
@@ -390,8 +386,6 @@ void Loader::forTargets(std::vector<Group> const& groups, Visit visit) {
       if (item.wanted) visit(targets_[item.index], item.ti);
 }
 
-// ---- deletes
-
 template <class Which>
 U64 Loader::mark(Which which) {
   U64 marked = 0;
@@ -444,8 +438,6 @@ void Loader::removeMarked() {
   for (EntryKey const key : marked_) producer_.remove(key);
   marked_.clear();
 }
-
-// ---- room
 
 U64 Loader::absent() const {
   return static_cast<U64>(

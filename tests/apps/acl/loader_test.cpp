@@ -410,8 +410,6 @@ TEST(LoaderGroupsTest, RulesAreSpreadOverTheGroups) {
   expectHolds(world, overlappingRules(100));
 }
 
-// ---- chance
-
 enum class Shape { Fast, OneGroup, FourGroups };
 
 class RandomLoaderTest : public testing::TestWithParam<std::tuple<Shape, unsigned>> {
