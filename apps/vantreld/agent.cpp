@@ -157,9 +157,12 @@ void Agent::attach() {
 
 // Before an entry is programmed there is space for its acknowledgement.
 void Agent::reserveStatuses() try {
-  if (!lacksSpace_) status_->reserve(config_->size());
+  if (lacksSpace_) return;
+  status_->reserve(config_->size());
+  lackIsSaid_ = false;
 } catch (Shoal::NoSpaceException const& full) {
   lacksSpace_ = true;
+  if (std::exchange(lackIsSaid_, true)) return;
   err_.provoked("no space for a status of each key: {}; entries are programmed, and acknowledged later",
                 full.what());
 }

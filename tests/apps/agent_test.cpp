@@ -317,6 +317,7 @@ TEST_F(AgentProcess, AFullStatusTableDelaysAcknowledgements) {
     EXPECT_EQ(ask("attr get executor unwritten"), "0\n");
     EXPECT_THAT(agent->err(), HasSubstr("no space for a status of each key"));
     EXPECT_THAT(agent->err(), HasSubstr("hardware: acknowledgement of key "));
+    EXPECT_EQ(std::ranges::count(agent->err(), '\n'), 2) << "each once: " << agent->err();
     EXPECT_EQ(stop(*agent), 0);
     if (turn == 0) agent = startCramped();
   }
