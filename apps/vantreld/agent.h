@@ -104,7 +104,7 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   Ostra::Ptr<Vantrel::VantrelSm> frontEnd_;
   double servedAt_ = 0;  // when betweenKeys() served readers last, seconds
   double polledAt_ = 0;
-  bool lacksSpace_ = false;    // for a status of each key; looked at again in poll()
+  bool lacksSpace_ = false;  // for a status of each key; looked at again in poll()
   bool lackIsSaid_ = false;
   U64 damageSaid_ = 0;         // the number of damaged records that was said last
   std::string configProblem_;  // the problem that was said last

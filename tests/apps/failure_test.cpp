@@ -181,8 +181,9 @@ class FullFileSystem : public Failures {
  protected:
   void SetUp() override {
     if (unshare(CLONE_NEWNS) != 0) GTEST_SKIP() << "needs the right to mount";
-    ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-    ASSERT_EQ(mount("tmpfs", tables().c_str(), "tmpfs", 0, "size=64m"), 0);
+    mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);  // in a chroot, / is no mount point
+    if (mount("tmpfs", tables().c_str(), "tmpfs", 0, "size=64m") != 0)
+      GTEST_SKIP() << "no file system may be mounted here";
     isMounted = true;
   }
   void TearDown() override {
