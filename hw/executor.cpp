@@ -19,6 +19,7 @@
 #include <map>
 #include <optional>
 #include <random>
+#include <stdexcept>
 #include <utility>
 
 #include "ostra/clock.h"
@@ -37,7 +38,7 @@ using Vantrel::TableKey;
 
 namespace {
 
-constexpr U32 nowhere = 0xFFFFFFFF;
+constexpr U32 nowhere = Vantrel::VantrelHelper::Programmed::nowhere;
 // The first pause before a call is made again, and the longest, seconds.
 constexpr double firstPause = 0.001;
 constexpr double longestPause = 1.0;
@@ -52,7 +53,8 @@ struct Place {
   U32 prio = 0;
   U16 pg = 0;
   bool isUnknown = false;  // nobody knows its group and priority
-  OpId inherited{};        // the version that an earlier run left there
+
+  Place at(U32 other) const { return {other, prio, pg, isUnknown}; }
 };
 
 struct Call {
@@ -65,17 +67,28 @@ struct Call {
   U32 to = nowhere;                    // where; nowhere: it is done, or nothing is to be written
   U32 from = nowhere;                  // what is to be erased; likewise
   Status status = Status::Stays;
-  OpId opId;                          // the status
-  U64 token = 0;                      // not 0: a step is under way
-  bool isUnchanged = false;           // nothing is to be written, unless the key was refused
-  bool endsKey = false;               // the engine knows the key no longer
-  unsigned tries = 0;                 // of the step at hand
-  double notBefore = 0;               // when it may be tried again
-  std::optional<EntryConfig> kept{};  // the entry, once the call is queued
+  OpId opId;                 // the status
+  bool isUnchanged = false;  // nothing is to be written at `order`, unless the key was refused
+  bool endsKey = false;      // the engine knows the key no longer
 
   bool isDone() const { return to == nowhere && from == nowhere; }
   bool isWrite() const { return to != nowhere; }
   U32 position() const { return isWrite() ? to : from; }
+};
+
+// A call in the queue.
+struct Queued : Call {
+  explicit Queued(Call const& call) : Call(call) {}
+
+  U64 token = 0;                    // not 0: a step is under way
+  unsigned tries = 0;               // of the step at hand
+  double notBefore = 0;             // when it may be tried again
+  std::optional<EntryConfig> kept;  // the entry
+
+  void nextStep() {
+    (isWrite() ? to : from) = nowhere;
+    tries = 0;
+  }
 };
 
 std::string describe(Call const& call) {
@@ -103,7 +116,7 @@ class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
   void move(EntryConfig const& entry);
   void remove(EntryConfig const& record);
   void acknowledge(EntryKey const& key, OpId const& opId);
-  void take(Call call);
+  void take(Call const& call);
   void flush();
   void inherit(U32 ti, EntryConfig const* entry);
   U64 eraseInherited();
@@ -112,24 +125,37 @@ class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
   void onTime() override;
 
  private:
+  Place programmed(char const* call, EntryKey const& key) const;
+  bool takeOver(EntryConfig const& entry, U32 ti);
   // What becomes of a key's status when hardware did what it was asked for.
   Call::Status done() const { return acknowledges_ ? Call::Status::Is : Call::Status::Stays; }
-  bool advance(Call& call);
-  bool hasTime(Call const& call) const;
+  // No call is queued, and no key is owed anything.
+  bool isQuiet() const {
+    return queue_.empty() && refused_.empty() && unwritten_.empty() && leftThere_.empty();
+  }
+  void enqueue(Call const& call, Outcome const* outcome = nullptr);
+  bool advance(Queued& call);
+  bool hasTime(Queued const& call) const;
   bool isOwed(Call const& call) const;
-  void writeRefused(Call& call);
-  bool mayBegin(Call const& call) const;
-  void begin(Call& call);
-  void settle(Call& call, Outcome const& outcome);
-  void leaveOut(Call& call, std::string const& reason);
+  void writeRefused(Queued& call);
+  bool mayBegin(Queued const& call) const;
+  void begin(Queued& call);
+  void isBegun(Queued& call, Outcome const& outcome);
+  Outcome write(EntryConfig const& entry, U32 ti);
+  Outcome erase(EntryKey const& key, U32 ti);
+  void settle(Queued& call, Outcome const& outcome);
+  void stepIsDone(Queued& call);
+  void leaveOut(Queued& call, std::string const& reason);
   bool wasDone(Call const& call, Outcome const& outcome);
+  bool wasLeftThere(EntryConfig const& entry) const;
   std::optional<std::optional<Held>> readBack(U32 ti);
-  void tryAgain(Call& call, Outcome const& outcome);
+  void tryAgain(Queued& call, Outcome const& outcome);
   void end(Call const& call);
+  void statusIs(Call const& call);
   void completed(U64 token, Outcome const& outcome);
   void pass();
   void flushWhenDone();
-  bool writeStatus(Call const& call);
+  bool writeStatus(EntryKey const& key, Call::Status status, OpId const& opId);
   void writeStatuses();
   double pause(unsigned tries);
   void rearm();
@@ -141,14 +167,21 @@ class VANTREL_LOCAL Executor::Queue : public Keel::TimerWheel::Notifiee {
   Executor& executor_;
   Driver& driver_;
   bool const acknowledges_;
-  Ostra::PiecewiseMap<EntryKey, Place> known_;
   struct Inherited {
     EntryKey key;
+    OpId opId;
     Place order;
   };
   boost::unordered_flat_map<U32, Inherited> inherited_;  // by position
-  std::list<Call> queue_;
-  std::map<EntryKey, Call> unwritten_;  // the newest of each key
+  // Adopted as another version than an earlier run left there, which is this one, and not written since.
+  boost::unordered_flat_map<U64, OpId> leftThere_;  // by key
+  std::list<Queued> queue_;
+  struct Unwritten {
+    Call::Status status;
+    OpId opId;
+    bool operator==(Unwritten const&) const = default;
+  };
+  std::map<EntryKey, Unwritten> unwritten_;  // the newest of each key
   std::map<EntryKey, EntryConfig> refused_;
   std::size_t underWay_ = 0;
   U64 lastToken_ = 0;
@@ -169,74 +202,77 @@ Executor::Queue::Queue(Executor& executor, Driver& driver, Ostra::Ptr<Keel::Time
   driver_.completedIs([this](U64 token, Outcome const& outcome) { completed(token, outcome); });
 }
 
+// The executor keeps no index of its own: while nothing is queued, it need not know any key but the call's.
+Place Executor::Queue::programmed(char const* call, EntryKey const& key) const {
+  auto const* const known = executor_.VantrelHelper::programmed(key);
+  if (!known)
+    throw std::logic_error(
+        fmt::format("{} of key {}: the engine did not say where it is (programmedIs)", call, key.value()));
+  return {known->ti, known->prio, known->pg};
+}
+
 bool Executor::Queue::add(EntryConfig const& entry) {
-  Place& known = known_[entry.key()];
-  known = {positionOf(entry), entry.prio(), entry.pg()};
-  bool isThere = false;
-  if (!inherited_.empty()) {
-    auto const at = inherited_.find(known.ti);
-    isThere = at != inherited_.end() && at->second.key == entry.key();
-    if (isThere) {
-      known.inherited = at->second.order.inherited;
-      inherited_.erase(at);
-    }
-  }
+  Place const place{positionOf(entry), entry.prio(), entry.pg()};
+  bool const isThere = !inherited_.empty() && takeOver(entry, place.ti);
   take({.key = entry.key(),
-        .order = known,
+        .order = place,
         .entry = isThere ? nullptr : &entry,
-        .to = isThere ? nowhere : known.ti,
+        .to = isThere ? nowhere : place.ti,
         .status = done(),
         .opId = entry.opId()});
   return !isThere;
 }
 
+// False when it is not there.
+bool Executor::Queue::takeOver(EntryConfig const& entry, U32 ti) {
+  auto const at = inherited_.find(ti);
+  if (at == inherited_.end() || at->second.key != entry.key()) return false;
+  if (at->second.opId != entry.opId()) leftThere_[entry.key().value()] = at->second.opId;
+  inherited_.erase(at);
+  return true;
+}
+
 // Before a move it names the new position, and is acknowledged there.
 void Executor::Queue::update(EntryConfig const& entry) {
-  auto const at = known_.find(entry.key());
-  if (at == known_.end()) return void(add(entry));
-  Place const& known = at->second;
-  bool const stays = positionOf(entry) == known.ti;
+  Place const place = programmed("update", entry.key());
   take({.key = entry.key(),
-        .order = known,
+        .order = place,
         .entry = &entry,
-        .to = known.ti,
-        .status = stays ? done() : Call::Status::Stays,
+        .to = place.ti,
+        .status = positionOf(entry) == place.ti ? done() : Call::Status::Stays,
         .opId = entry.opId()});
 }
 
 void Executor::Queue::move(EntryConfig const& entry) {
-  auto const at = known_.find(entry.key());
-  if (at == known_.end()) return void(add(entry));
-  U32 const old = std::exchange(at->second.ti, positionOf(entry));
+  Place const old = programmed("move", entry.key());
+  U32 const ti = positionOf(entry);
   take({.key = entry.key(),
-        .order = at->second,
+        .order = old.at(ti),
         .entry = &entry,
-        .to = at->second.ti,
-        .from = old == at->second.ti ? nowhere : old,
+        .to = ti,
+        .from = old.ti == ti ? nowhere : old.ti,
         .status = done(),
         .opId = entry.opId()});
 }
 
 void Executor::Queue::remove(EntryConfig const& record) {
-  auto const at = known_.find(record.key());
-  Place const known = at == known_.end() ? Place{positionOf(record), 0, 0} : at->second;
-  if (at != known_.end()) known_.erase(at);
+  Place const place = programmed("delete", record.key());
   bool const asked = record.opId() == OpId::deleteAcknowledge();
   take({.key = record.key(),
-        .order = known,
-        .from = known.ti,
+        .order = place,
+        .from = place.ti,
         .status = asked || !acknowledges_ ? done() : Call::Status::Goes,
         .opId = record.opId(),
         .endsKey = true});
 }
 
 void Executor::Queue::acknowledge(EntryKey const& key, OpId const& opId) {
-  auto const at = known_.find(key);
+  auto const* const known = executor_.VantrelHelper::programmed(key);
   take({.key = key,
-        .order = at == known_.end() ? Place{} : at->second,
+        .order = known ? Place{known->ti, known->prio, known->pg} : Place{},
         .status = Call::Status::Is,
         .opId = opId,
-        .isUnchanged = at != known_.end()});
+        .isUnchanged = known != nullptr});
 }
 
 void Executor::Queue::flush() {
@@ -244,11 +280,32 @@ void Executor::Queue::flush() {
   if (queue_.empty()) pass();
 }
 
-// Most often nothing is queued, and the call is done at once.
-void Executor::Queue::take(Call call) {
+// Most often nobody waits, and hardware does each step at once. Inlined, so that such a call costs little
+// more than the driver's work.
+[[gnu::always_inline]] inline void Executor::Queue::take(Call const& call) {
   if (detached_) return;
-  if (queue_.empty() && advance(call)) return;
-  auto const queued = queue_.insert(queue_.end(), std::move(call));
+  if (!isQuiet()) return enqueue(call);
+  if (call.isWrite()) {
+    Outcome const outcome = write(*call.entry, call.to);
+    if (outcome.kind != Outcome::Kind::Done) return enqueue(call, &outcome);
+  }
+  if (call.from != nowhere) {
+    Outcome const outcome = erase(call.key, call.from);
+    if (outcome.kind != Outcome::Kind::Done) {
+      Call rest = call;
+      rest.to = nowhere;
+      return enqueue(rest, &outcome);
+    }
+  }
+  if (call.status != Call::Status::Stays) statusIs(call);
+}
+
+// `outcome`: of its first step, which was begun.
+void Executor::Queue::enqueue(Call const& call, Outcome const* outcome) {
+  Queued taken(call);
+  if (outcome) isBegun(taken, *outcome);
+  if (queue_.empty() && advance(taken)) return;
+  auto const queued = queue_.insert(queue_.end(), std::move(taken));
   if (queued->entry) queued->entry = &queued->kept.emplace(*queued->entry);
   if (queue_.size() > 1 && advance(*queued)) queue_.erase(queued);
   countersAre();
@@ -257,7 +314,7 @@ void Executor::Queue::take(Call call) {
 
 // Takes the steps that may be taken now. True when the call is done. What allows its first step allows the
 // others: no earlier call can come in between.
-bool Executor::Queue::advance(Call& call) {
+bool Executor::Queue::advance(Queued& call) {
   if (call.token != 0 || !hasTime(call) || (!queue_.empty() && !mayBegin(call))) return false;
   while (!call.isDone()) {
     if (!hasTime(call)) return false;
@@ -273,7 +330,7 @@ bool Executor::Queue::advance(Call& call) {
 }
 
 // The driver takes its next step now, if it has one.
-bool Executor::Queue::hasTime(Call const& call) const {
+bool Executor::Queue::hasTime(Queued const& call) const {
   if (call.isDone()) return true;
   return call.notBefore <= now_ && (underWay_ == 0 || underWay_ < driver_.mostAtOnce());
 }
@@ -283,7 +340,7 @@ bool Executor::Queue::isOwed(Call const& call) const {
 }
 
 // What the entry was refused as, in the version at hand, where the engine believes it to be.
-void Executor::Queue::writeRefused(Call& call) {
+void Executor::Queue::writeRefused(Queued& call) {
   EntryConfig const& refused = refused_.at(call.key);
   EntryConfig& entry = call.kept.emplace(call.key, call.opId, refused.hdl(), refused.pg(), refused.prio());
   entry.tableIndexIs(TableKey(0), call.order.ti);
@@ -294,58 +351,72 @@ void Executor::Queue::writeRefused(Call& call) {
 }
 
 // Rules 1 and 2.
-bool Executor::Queue::mayBegin(Call const& call) const {
-  for (Call const& earlier : queue_) {
+bool Executor::Queue::mayBegin(Queued const& call) const {
+  for (Queued const& earlier : queue_) {
     if (&earlier == &call) return true;
     if (earlier.key == call.key) return false;
     if (!call.isWrite() || earlier.from == nowhere) continue;
     if (earlier.from == call.to) return false;
-    Place erased = earlier.order;
-    erased.ti = earlier.from;
-    if (contradict(erased, call.order, call.to)) return false;
+    if (contradict(earlier.order.at(earlier.from), call.order, call.to)) return false;
   }
   return true;
 }
 
-void Executor::Queue::begin(Call& call) {
-  call.token = ++lastToken_;
+void Executor::Queue::begin(Queued& call) {
+  isBegun(call, call.isWrite() ? write(*call.entry, call.to) : erase(call.key, call.from));
+}
+
+void Executor::Queue::isBegun(Queued& call, Outcome const& outcome) {
+  call.token = lastToken_;
   ++underWay_;
-  Outcome outcome;
-  try {
-    outcome = call.isWrite() ? driver_.write(*call.entry, call.to, call.token)
-                             : driver_.erase(call.key, call.from, call.token);
-  } catch (std::exception const& error) {
-    outcome = {Outcome::Kind::Unknown, error.what()};
-  }
   if (outcome.kind != Outcome::Kind::Later) settle(call, outcome);
 }
 
-void Executor::Queue::settle(Call& call, Outcome const& outcome) {
-  call.token = 0;
-  --underWay_;
-  bool const isWrite = call.isWrite();
-  bool const isDone = outcome.kind == Outcome::Kind::Done || wasDone(call, outcome);
-  bool const isRefused = outcome.kind == Outcome::Kind::Refused && isWrite;
-  if (!isDone && !isRefused) return tryAgain(call, outcome);
-  (isWrite ? call.to : call.from) = nowhere;
-  call.tries = 0;
-  if (isRefused) return leaveOut(call, outcome.reason);
-  if (isWrite && !refused_.empty()) failedDel(call.key);
+Outcome Executor::Queue::write(EntryConfig const& entry, U32 ti) try {
+  return driver_.write(entry, ti, ++lastToken_);
+} catch (std::exception const& error) {
+  return {Outcome::Kind::Unknown, error.what()};
 }
 
-void Executor::Queue::leaveOut(Call& call, std::string const& reason) {
+Outcome Executor::Queue::erase(EntryKey const& key, U32 ti) try {
+  return driver_.erase(key, ti, ++lastToken_);
+} catch (std::exception const& error) {
+  return {Outcome::Kind::Unknown, error.what()};
+}
+
+void Executor::Queue::settle(Queued& call, Outcome const& outcome) {
+  call.token = 0;
+  --underWay_;
+  if (outcome.kind == Outcome::Kind::Done || wasDone(call, outcome)) return stepIsDone(call);
+  if (outcome.kind == Outcome::Kind::Refused && call.isWrite()) return leaveOut(call, outcome.reason);
+  tryAgain(call, outcome);
+}
+
+void Executor::Queue::stepIsDone(Queued& call) {
+  if (call.isWrite() && !refused_.empty()) failedDel(call.key);
+  if (!leftThere_.empty()) leftThere_.erase(call.key.value());
+  call.nextStep();
+}
+
+void Executor::Queue::leaveOut(Queued& call, std::string const& reason) {
   failedIs(*call.entry, reason);
+  call.nextStep();
   if (call.from != nowhere) call.status = Call::Status::Goes;  // soon it is nowhere
 }
 
 // A version that was there before the write proves nothing: another run may have given it to other contents.
 bool Executor::Queue::wasDone(Call const& call, Outcome const& outcome) {
   if (outcome.kind != Outcome::Kind::Unknown) return false;
-  if (call.isWrite() && call.entry->opId() == call.order.inherited) return false;
+  if (call.isWrite() && wasLeftThere(*call.entry)) return false;
   auto const there = readBack(call.position());
   if (!there) return false;
   if (call.isWrite()) return *there == Held{call.key, call.entry->opId()};
   return !*there || (*there)->key != call.key;
+}
+
+bool Executor::Queue::wasLeftThere(EntryConfig const& entry) const {
+  auto const at = leftThere_.find(entry.key().value());
+  return at != leftThere_.end() && at->second == entry.opId();
 }
 
 std::optional<std::optional<Held>> Executor::Queue::readBack(U32 ti) try {
@@ -354,7 +425,7 @@ std::optional<std::optional<Held>> Executor::Queue::readBack(U32 ti) try {
   return std::nullopt;
 }
 
-void Executor::Queue::tryAgain(Call& call, Outcome const& outcome) {
+void Executor::Queue::tryAgain(Queued& call, Outcome const& outcome) {
   if (call.tries == 0) problemIs(fmt::format("{}: {}; it is tried again", describe(call), outcome.reason));
   call.notBefore = Ostra::now() + pause(call.tries++);
   executor_.scalarIs("retries", executor_.retries_, executor_.retries_ + 1, &Executor::Notifiee::onRetries);
@@ -365,17 +436,19 @@ void Executor::Queue::end(Call const& call) {
   if (call.endsKey && !refused_.empty()) failedDel(call.key);
   if (call.status == Call::Status::Stays) return;
   if (call.status == Call::Status::Is && !refused_.empty() && refused_.contains(call.key)) return;
-  if ((unwritten_.empty() || !unwritten_.contains(call.key)) && writeStatus(call)) return;
-  Call& waiting = unwritten_[call.key];
-  waiting.key = call.key;
-  waiting.status = call.status;
-  waiting.opId = call.opId;
+  statusIs(call);
+}
+
+void Executor::Queue::statusIs(Call const& call) {
+  bool const isFirst = unwritten_.empty() || !unwritten_.contains(call.key);
+  if (isFirst && writeStatus(call.key, call.status, call.opId)) return;
+  unwritten_[call.key] = {call.status, call.opId};
   countersAre();
   rearm();
 }
 
 void Executor::Queue::completed(U64 token, Outcome const& outcome) {
-  auto const at = std::ranges::find(queue_, token, &Call::token);
+  auto const at = std::ranges::find(queue_, token, &Queued::token);
   if (at == queue_.end() || outcome.kind == Outcome::Kind::Later) return;
   settle(*at, outcome);
   pass();
@@ -404,9 +477,9 @@ void Executor::Queue::flushWhenDone() {
 
 void Executor::Queue::inherit(U32 ti, EntryConfig const* entry) {
   if (entry)
-    inherited_[ti] = {entry->key(), {ti, entry->prio(), entry->pg(), false, entry->opId()}};
+    inherited_[ti] = {entry->key(), entry->opId(), {ti, entry->prio(), entry->pg()}};
   else
-    inherited_[ti] = {EntryKey(0), {.ti = ti, .prio = 0, .pg = 0, .isUnknown = true}};
+    inherited_[ti] = {EntryKey(0), {}, {.ti = ti, .prio = 0, .pg = 0, .isUnknown = true}};
 }
 
 U64 Executor::Queue::eraseInherited() {
@@ -425,19 +498,18 @@ void Executor::Queue::detach() {
   countersAre();
 }
 
-bool Executor::Queue::writeStatus(Call const& call) {
+bool Executor::Queue::writeStatus(EntryKey const& key, Call::Status status, OpId const& opId) {
   auto const& table = executor_.tableStatus();
   if (!table) return true;
   try {
-    if (call.status == Call::Status::Goes)
-      table->entryDel(call.key);
+    if (status == Call::Status::Goes)
+      table->entryDel(key);
     else
-      table->entryIs(EntryStatus(call.key, call.opId));
+      table->entryIs(EntryStatus(key, opId));
     return true;
   } catch (std::exception const& error) {
     if (unwritten_.empty())
-      problemIs(
-          fmt::format("acknowledgement of key {}: {}; it is tried again", call.key.value(), error.what()));
+      problemIs(fmt::format("acknowledgement of key {}: {}; it is tried again", key.value(), error.what()));
     return false;
   }
 }
@@ -448,10 +520,10 @@ void Executor::Queue::writeStatuses() {
   bool isFull = false;
   bool isOver = false;
   for (auto at = unwritten_.begin(); at != unwritten_.end() && !isOver; isOver = slice.over()) {
-    auto const [status, opId] = std::pair(at->second.status, at->second.opId);
-    bool const isTried = !isFull || status == Call::Status::Goes;
-    bool const isWritten = isTried && writeStatus(at->second);
-    bool const isNewest = at->second.status == status && at->second.opId == opId;
+    Unwritten const tried = at->second;
+    bool const isTried = !isFull || tried.status == Call::Status::Goes;
+    bool const isWritten = isTried && writeStatus(at->first, tried.status, tried.opId);
+    bool const isNewest = at->second == tried;
     isFull = isFull || !isWritten;
     at = isWritten && isNewest ? unwritten_.erase(at) : std::next(at);
   }
@@ -477,7 +549,7 @@ void Executor::Queue::rearm() {
   auto const notLaterThan = [&](double time) { next = next ? std::min(*next, time) : time; };
   if (!unwritten_.empty()) notLaterThan(statusNotBefore_);
   if (flushOwed_ && queue_.empty()) notLaterThan(flushNotBefore_);
-  for (Call const& call : queue_)
+  for (Queued const& call : queue_)
     if (call.token == 0 && call.notBefore > now_) notLaterThan(call.notBefore);
   if (next) timeMinIs(*next);
 }

@@ -34,10 +34,11 @@
 //   acknowledgements appear in the order of its calls.
 // Ownership: refers to the driver; holds references to status table and wheel.
 // Threading: the agent's event loop. The wheel must not be dispatched from inside a call.
-// Cost: while nothing is queued, a hash step a call and no copy. A queued call is copied once, and each
-//   completion looks through the queue: the agent must stop feeding the engine while behind() is large. Of
-//   each refused entry a copy is kept.
-// Errors: none reach the engine.
+// Cost: while nothing is queued, no look-up and no copy: where an entry is, the engine says with the call. A
+//   queued call is copied once, and each completion looks through the queue: the agent must stop feeding the
+//   engine while behind() is large. Of each refused entry a copy is kept.
+// Errors: none of the hardware reach the engine. std::logic_error when an engine does not say where an entry
+//   is that it updates, moves or deletes (programmedIs).
 #pragma once
 
 #include <memory>

@@ -100,6 +100,39 @@ class Moody : public Driver {
   unsigned unknown = 0;
 };
 
+// Behind a test without an engine it says itself where an entry is.
+class Told : public Executor {
+ public:
+  using Executor::Executor;
+  void addEntry(EntryConfig const& e) override {
+    at_[e.key()] = {e.key(), e.tableIndex(TableKey(0)), e.prio(), e.pg()};
+    Executor::addEntry(e);
+  }
+  void updateEntry(EntryConfig const& e) override {
+    say(e.key());
+    Executor::updateEntry(e);
+  }
+  void moveEntry(EntryConfig const& e) override {
+    say(e.key());
+    at_[e.key()].ti = e.tableIndex(TableKey(0));
+    Executor::moveEntry(e);
+  }
+  void deleteEntry(EntryConfig const& e) override {
+    say(e.key());
+    Executor::deleteEntry(e);
+  }
+  void noopAck(EntryKey const& key, OpId const& opId) override {
+    say(key);
+    Executor::noopAck(key, opId);
+  }
+
+ private:
+  void say(EntryKey const& key) {
+    if (Programmed const& p = at_[key]; !programmed(key)) programmedIs(key, p.ti, p.prio, p.pg);
+  }
+  std::map<EntryKey, Programmed> at_;
+};
+
 class ExecutorTest : public testing::Test {
  protected:
   int const quiet = setenv("LUMELOG_DISABLE", "1", 1);
@@ -107,7 +140,7 @@ class ExecutorTest : public testing::Test {
   Ostra::Ptr<Shoal::LocalTable<EntryConfig>> config = Ostra::make<Shoal::LocalTable<EntryConfig>>();
   Ostra::Ptr<Shoal::LocalTable<EntryStatus>> status = Ostra::make<Shoal::LocalTable<EntryStatus>>();
   Moody driver;
-  Ostra::Ptr<Executor> executor = Ostra::make<Executor>("executor", status, driver, wheel);
+  Ostra::Ptr<Executor> executor = Ostra::make<Told>("executor", status, driver, wheel);
   U64 version = 0;
 
   EntryConfig entry(U64 key, U32 ti, U32 prio, U16 pg = 0) {
@@ -194,6 +227,16 @@ TEST_F(ExecutorTest, TakesBackTheStatusOfALostMove) {
   EXPECT_EQ(acknowledged(1), again.opId().value());
 }
 
+TEST_F(ExecutorTest, RefusesAnEngineThatDoesNotSayWhereItIs) {
+  auto const bare = Ostra::make<Executor>("bare", status, driver, wheel);
+  bare->addEntry(entry(1, 5, 10));
+  EXPECT_THROW(bare->moveEntry(entry(1, 6, 10)), std::logic_error);
+  EXPECT_THROW(bare->deleteEntry(entry(1, 5, 0)), std::logic_error);
+  bare->programmedIs(EntryKey(1), 5, 10, 0);
+  EXPECT_NO_THROW(bare->moveEntry(entry(1, 6, 10)));
+  EXPECT_THAT(calls(), ElementsAre("write 1@5", "write 1@6", "erase 1@5"));
+}
+
 TEST_F(ExecutorTest, IgnoresACompletionThatSaysLater) {
   driver.mood = [] { return Kind::Later; };
   executor->addEntry(entry(1, 5, 10));
@@ -206,7 +249,7 @@ TEST_F(ExecutorTest, IgnoresACompletionThatSaysLater) {
 TEST_F(ExecutorTest, ForgetsAFailureWithItsKey) {
   for (bool const acknowledges : {true, false}) {
     driver.doesAcknowledge = acknowledges;
-    auto const other = Ostra::make<Executor>("other", status, driver, wheel);
+    auto const other = Ostra::make<Told>("other", status, driver, wheel);
     driver.mood = [] { return Kind::Refused; };
     EntryConfig const refused = entry(1, 5, 10);
     other->addEntry(refused);
@@ -311,7 +354,7 @@ class Full : public Shoal::LocalTable<EntryStatus> {
 TEST_F(ExecutorTest, KeepsWhatCannotBeAcknowledged) {
   auto const table = Ostra::make<Full>();
   status = table;
-  executor = Ostra::make<Executor>("executor", status, driver, wheel);
+  executor = Ostra::make<Told>("executor", status, driver, wheel);
   table->full = true;
   executor->addEntry(entry(1, 5, 10));
   EntryConfig const newer = entry(1, 5, 10);
@@ -356,7 +399,7 @@ TEST_F(ExecutorTest, TakesACallFromInsideACompletion) {
 TEST_F(ExecutorTest, TakesACallFromInsideAnAcknowledgement) {
   auto const table = Ostra::make<Full>();
   status = table;
-  executor = Ostra::make<Executor>("executor", status, driver, wheel);
+  executor = Ostra::make<Told>("executor", status, driver, wheel);
   table->full = true;
   executor->addEntry(entry(1, 5, 10));
   table->full = false;
@@ -378,7 +421,7 @@ TEST_F(ExecutorTest, SurvivesADriverThatThrows) {
     }
     int flushes = 0;
   } throwing;
-  auto const failing = Ostra::make<Executor>("executor", status, throwing, wheel);
+  auto const failing = Ostra::make<Told>("executor", status, throwing, wheel);
   int left = 2;
   throwing.mood = [&] { return left-- > 0 ? Kind::Unknown : Kind::Done; };
   EntryConfig const first = entry(1, 5, 10);
@@ -391,6 +434,10 @@ TEST_F(ExecutorTest, SurvivesADriverThatThrows) {
 
 class Moods : public ExecutorTest, public testing::WithParamInterface<std::size_t> {
  protected:
+  Moods() {
+    executor = nullptr;  // before another takes its driver
+    executor = Ostra::make<Executor>("executor", status, driver, wheel);
+  }
   void startEngine() {
     engine = Ostra::make<FastVantrelImpl>("engine", config, nullptr, nullptr, executor, 1U);
     frontEnd = vantrelSmFactory(config, status, nullptr, nullptr, engine, nullptr, wheel);

@@ -27,6 +27,16 @@ class VANTREL_API VantrelHelper : public Ostra::Entity {
 
   Ostra::Ptr<TableStatus> const& tableStatus() const { return tableStatus_; }
 
+  // What the engine has in hardware of the key that a call names, for a client that keeps no such index.
+  struct Programmed {
+    EntryKey key;
+    U32 ti = nowhere;  // before the call
+    U32 prio = 0;      // the order is judged by these two, the first that the engine saw of the key
+    U16 pg = 0;
+
+    static constexpr U32 nowhere = 0xFFFFFFFF;
+  };
+
   // Programs a new entry at the position that element 0 of its table indexes names. The position is free.
   virtual void addEntry(EntryConfig const& entry);
   // Removes a programmed entry. Element 0 names the position to clear, `pg` is 0, and the OpId is the entry's
@@ -35,7 +45,8 @@ class VANTREL_API VantrelHelper : public Ostra::Entity {
   virtual void deleteEntry(EntryConfig const& entry);
   // The same, to break a ring of entries that wait for one another: the entry comes back.
   virtual void deleteEntryDeadlock(EntryConfig const& entry);
-  // Moves a programmed entry to the position that element 0 names. It is free; the old one is not named.
+  // Moves a programmed entry to the position that element 0 names. It is free; programmed() names the old
+  // one.
   virtual void moveEntry(EntryConfig const& entry);
   // Rewrites a programmed entry with a newer configuration. Before a move it names the new position already.
   virtual void updateEntry(EntryConfig const& entry);
@@ -50,11 +61,26 @@ class VANTREL_API VantrelHelper : public Ostra::Entity {
   // Commits batched operations. Called after each full walk of the configuration table, and at clean-up.
   virtual void flush();
 
+  // Valid inside updateEntry, moveEntry, the two deletes and noopAck. Null when the entry is not in hardware,
+  // or the engine did not say.
+  Programmed const* programmed(EntryKey const& key) const {
+    bool const isKnown = programmed_.key == key && programmed_.ti != Programmed::nowhere;
+    return isKnown ? &programmed_ : nullptr;
+  }
+  // The engine says it before each of these calls, and before addEntry.
+  void programmedIs(EntryKey const& key, U32 ti, U32 prio, U16 pg) {
+    programmed_.key = key;  // field by field, because a copy of the whole would wait for the fields' stores
+    programmed_.ti = ti;
+    programmed_.prio = prio;
+    programmed_.pg = pg;
+  }
+
   static Ostra::TypeInfo const& staticType();
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
 
  private:
   Ostra::Ptr<TableStatus> const tableStatus_;
+  Programmed programmed_;
 };
 
 }  // namespace Vantrel

@@ -51,9 +51,9 @@ void FastVantrelImpl::withdraw(CState_s const& c, EntryConfig const& record, boo
   vacate(c, c.sti);
   VANTREL_RECORD(9, lgId(), "del helper key:", c.key, " hdl:", c.hdl, " deadlock:", deadlock);
   if (deadlock)
-    hardware().deleteEntryDeadlock(record);
+    hardware(c).deleteEntryDeadlock(record);
   else
-    hardware().deleteEntry(record);
+    hardware(c).deleteEntry(record);
 } catch (...) {
   state()->positions.strayIs(c.key, c.sti);
   throw;

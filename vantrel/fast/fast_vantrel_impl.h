@@ -118,6 +118,9 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   void add(EntryConfig const& entry, CState_s& c, U32 ti);
   void move(EntryConfig const& entry, CState_s& c, U32 ti);
   Place placeOf(CState_s const& c, U32 ti) const;
+  using VantrelImpl::hardware;
+  // For one call about this key.
+  VantrelHelper& hardware(CState_s const& c) const;
   struct Range {  // of table indexes, [lo, hi)
     U32 lo;
     U32 hi;

@@ -53,11 +53,11 @@ void FastVantrelImpl::program(EntryConfig const& entry, CState_s& c, U32 ti) {
     bool const same = unchanged(entry.opId(), c.opId);
     if (same && ti == c.sti) {
       VANTREL_RECORD(9, lgId(), "noopAck key:", c.key, " hdl:", entry.hdl(), " opId:", entry.opId());
-      hardware().noopAck(c.key, entry.opId());
+      hardware(c).noopAck(c.key, entry.opId());
     }
     if (!same) {
       VANTREL_RECORD(9, lgId(), "update key:", c.key, " hdl:", entry.hdl());
-      hardware().updateEntry(entry);
+      hardware(c).updateEntry(entry);
     }
     if (ti != c.sti) move(entry, c, ti);
   }
@@ -68,7 +68,7 @@ void FastVantrelImpl::program(EntryConfig const& entry, CState_s& c, U32 ti) {
 void FastVantrelImpl::add(EntryConfig const& entry, CState_s& c, U32 ti) try {
   state()->positions.add(c, placeOf(c, ti));
   VANTREL_RECORD(9, lgId(), "add key:", c.key, " hdl:", entry.hdl());
-  hardware().addEntry(entry);
+  hardware(c).addEntry(entry);
 } catch (...) {
   state()->positions.strayIs(c.key, ti);
   throw;
@@ -79,12 +79,18 @@ void FastVantrelImpl::move(EntryConfig const& entry, CState_s& c, U32 ti) try {
   U32 const old = c.sti;
   s.positions.move(c, placeOf(c, old), placeOf(c, ti));
   VANTREL_RECORD(9, lgId(), "mov key:", c.key, " hdl:", entry.hdl(), " ", old, " prio:", c.prio, " to:", ti);
-  hardware().moveEntry(entry);
+  hardware(c).moveEntry(entry);
   s.addToWorkq(old);
   wakeRange(c.pg, rangeOpenedByMove(c, old, ti));
 } catch (...) {
   state()->positions.strayIs(c.key, ti);
   throw;
+}
+
+VantrelHelper& FastVantrelImpl::hardware(CState_s const& c) const {
+  VantrelHelper& helper = VantrelImpl::hardware();
+  helper.programmedIs(c.key, c.sti, c.prio, c.pg);
+  return helper;
 }
 
 Place FastVantrelImpl::placeOf(CState_s const& c, U32 ti) const { return {ti, pti(c.pg, ti)}; }
