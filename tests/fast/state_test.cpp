@@ -124,9 +124,10 @@ TEST_F(EngineState, OffersTheNamesOfThisClassBeyondTheBase) {
   EXPECT_THAT(std::vector(atcam.begin() + static_cast<std::ptrdiff_t>(fast.size()), atcam.end()),
               testing::ElementsAre("maxPartitions U32"));
   fast.erase(fast.begin(), fast.begin() + static_cast<std::ptrdiff_t>(base.size()));
-  EXPECT_THAT(fast, testing::ElementsAre("prioGrpShift U32", "state reference", "deadlockCount U32",
-                                         "deadlockCountInc (U32)", "processDeleteHelper (U64, bool, bool)",
-                                         "doCleanup ()"));
+  EXPECT_THAT(fast,
+              testing::ElementsAre("prioGrpShift U32", "state reference", "deadlockCount U32",
+                                   "deadlockCountInc (U32)", "breakMixedRings bool", "numMixedRings U32",
+                                   "processDeleteHelper (U64, bool, bool)", "doCleanup ()"));
 }
 
 TEST_F(EngineState, OperationsByNameAnswer) {
