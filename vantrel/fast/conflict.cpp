@@ -66,7 +66,7 @@ bool FastVantrelImpl::conflicts(EntryConfig const& entry, CState_s& c) {
       VANTREL_RECORD(9, lgId(), "conflicting key:", c.key, " hdl:", c.hdl, " prio:", c.prio,
                      " opId:", entry.opId());
       s.blocked.insert(c.key);
-      if (breakMixedRings() && (c.p.ti != claimed || c.p.type != why)) mixedRings_->suspect(c);
+      if (breakMixedRings() && (c.p.ti != claimed || c.p.type != why)) mixedRings_->claimMade(c);
       return true;
     }
   s.clearPending(c.p, true);
@@ -124,6 +124,7 @@ void FastVantrelImpl::claimPriority(EntryConfig const& entry, CState_s& c, U32 t
   slot = &c;
   s.clearPending(c.p, true);
   c.p = claim;
+  if (breakMixedRings() && c.programmed()) *s.priorityClaims.insert(ti) = &c;
 }
 
 void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 ti) {

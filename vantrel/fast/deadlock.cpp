@@ -22,6 +22,7 @@
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
+#include "vantrel/fast/mixed_rings.h"
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
@@ -34,7 +35,7 @@ struct VANTREL_LOCAL FastVantrelImpl::Check {
 
 void FastVantrelImpl::checkDeadlock() {
   if (!state()->blocked.empty()) checkBlocked();
-  if (breakMixedRings()) checkMixedRings();
+  if (breakMixedRings() && mixedRings_->maySeeOne()) checkMixedRings();
 }
 
 // Out of line: mostly no key is blocked.

@@ -23,6 +23,7 @@ bool cheaper(CState_s const* a, CState_s const* b) {
 void FastVantrelImpl::breakMixedRingsIs(bool v) {
   if (v == breakMixedRings_) return;
   mixedRings_->clear();
+  state()->priorityClaims.clear();
   if (v) reviewClaims();
   scalarIs(fastNotifiees_, "breakMixedRings", breakMixedRings_, v, &Notifiee::onBreakMixedRings);
 }
@@ -31,8 +32,11 @@ void FastVantrelImpl::breakMixedRingsIs(bool v) {
 // failed has nobody to wake it.
 void FastVantrelImpl::reviewClaims() {
   FastState& s = *state();
+  for (auto claim = s.pending.atOrAbove(0); claim; claim = s.pending.above(claim->index))
+    if (claim->value->p.type == PendingType::Priority && claim->value->programmed())
+      *s.priorityClaims.insert(claim->index) = claim->value;
   for (auto claim = s.pending.atOrAbove(0); claim; claim = s.pending.above(claim->index)) {
-    mixedRings_->suspect(*claim->value);
+    mixedRings_->claimMade(*claim->value);
     s.addToWorkq(claim->index);
   }
 }
@@ -51,15 +55,30 @@ void FastVantrelImpl::reviewClaims() {
 }
 
 void FastVantrelImpl::MixedRings::clear() {
-  suspects_.clear();
+  closing_.clear();
   kept_.clear();
 }
 
+void FastVantrelImpl::MixedRings::follow(CState_s const& c) {
+  if (comesBack(c)) closing_.push_back(c.key);
+}
+
+// Nothing changes unless an entry waits between the neighbours for the order.
+void FastVantrelImpl::MixedRings::vacated(U16 pg, Neighbours const& beside) {
+  JudyMap<CState_s> const& claims = engine_.state()->priorityClaims;
+  U32 const end = beside.above ? engine_.lti(beside.above->index) : noIndex;
+  auto claim = claims.atOrAbove(beside.below ? engine_.lti(beside.below->index) : 0);
+  while (claim && claim->index < end && claim->value->pg != pg) claim = claims.above(claim->index);
+  if (!claim || claim->index >= end) return;
+  if (beside.below) follow(*beside.below->value);
+  if (beside.above) follow(*beside.above->value);
+}
+
 CState_s const* FastVantrelImpl::MixedRings::nextVictim() {
-  if (!kept_.empty()) suspectKept();
-  while (!suspects_.empty()) {
-    CState_s const* const c = engine_.state()->record(suspects_.back());
-    suspects_.pop_back();
+  if (!kept_.empty()) reviewKept();
+  while (!closing_.empty()) {
+    CState_s const* const c = engine_.state()->record(closing_.back());
+    closing_.pop_back();
     if (!c || !comesBack(*c)) continue;
     std::vector<CState_s const*> const ring = ringOf(*c);
     auto const going =
@@ -73,12 +92,12 @@ CState_s const* FastVantrelImpl::MixedRings::nextVictim() {
 }
 
 // Those that went, or cannot go any more, are no longer kept.
-void FastVantrelImpl::MixedRings::suspectKept() {
+void FastVantrelImpl::MixedRings::reviewKept() {
   std::erase_if(kept_, [this](EntryKey const& key) {
     CState_s const* const c = engine_.state()->record(key);
     bool const waits = c && c->p.ti != noIndex;
     if (waits && mayStillGo(*c)) return false;
-    if (waits) suspect(*c);
+    if (waits) follow(*c);
     return true;
   });
 }
@@ -87,40 +106,44 @@ void FastVantrelImpl::MixedRings::keep(CState_s const& c) {
   if (std::find(kept_.begin(), kept_.end(), c.key) == kept_.end()) kept_.push_back(c.key);
 }
 
-// The entries that wait for a given one, for each other by way of it, and so on, one claim a step. Each of
-// them claims a position between the neighbours of the entry that it waits for.
+// The entries that wait for a given one, for each other by way of it, and so on. Of those that wait for an
+// entry one claims its position, and the others claim positions between its neighbours.
 class FastVantrelImpl::MixedRings::Waiters {
  public:
-  Waiters(MixedRings const& rings, CState_s const& c)
-      : rings_(rings), pending_(rings.engine_.state()->pending) {
+  Waiters(MixedRings const& rings, CState_s const& c) : rings_(rings), state_(*rings.engine_.state()) {
     found_.push_back(&c);
   }
-  // False when there is none left.
+  // Looks at one claim. False when there is none left.
   bool step() {
-    while (!claim_ || claim_->index >= end_) {
-      if (found_.empty()) return false;
-      enter(*found_.back());
+    if (claim_ && claim_->index < end_) {
+      add(claim_->value);
+      claim_ = state_.priorityClaims.above(claim_->index);
+      return true;
     }
-    if (rings_.obstacleOf(*claim_->value) == obstacle_) found_.push_back(claim_->value);
-    claim_ = pending_.above(claim_->index);
+    if (found_.empty()) return false;
+    obstacle_ = found_.back();
+    found_.pop_back();
+    add(state_.pending.at(obstacle_->sti));
+    if (!state_.priorityClaims.empty()) lookAround();
     return true;
   }
 
  private:
-  void enter(CState_s const& obstacle) {
-    found_.pop_back();
-    obstacle_ = &obstacle;
+  void add(CState_s const* waiter) {
+    if (waiter && rings_.obstacleOf(*waiter) == obstacle_) found_.push_back(waiter);
+  }
+  void lookAround() {
     FastVantrelImpl const& engine = rings_.engine_;
-    Neighbours const beside = engine.neighboursOf(obstacle.pg, obstacle.sti);
+    Neighbours const beside = engine.neighboursOf(obstacle_->pg, obstacle_->sti);
     end_ = beside.above ? engine.lti(beside.above->index) : noIndex;
-    claim_ = pending_.atOrAbove(beside.below ? engine.lti(beside.below->index) + 1 : 0);
+    claim_ = state_.priorityClaims.atOrAbove(beside.below ? engine.lti(beside.below->index) : 0);
   }
 
   MixedRings const& rings_;
-  JudyMap<CState_s> const& pending_;
-  boost::container::small_vector<CState_s const*, 8> found_;
+  FastState const& state_;
+  boost::container::small_vector<CState_s const*, 8> found_;  // whose waiters were not looked for yet
   CState_s const* obstacle_ = nullptr;
-  std::optional<JudyMap<CState_s>::Item> claim_;  // the next one to look at, below end_
+  std::optional<JudyMap<CState_s>::Item> claim_;  // the next one to look at, when it is below end_
   U32 end_ = 0;
 };
 

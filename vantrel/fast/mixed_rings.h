@@ -16,15 +16,15 @@
 // itself: such a ring is kept for the next check, and not broken.
 //
 // A ring whose claims are out of order among themselves stays: one of them cannot be met, and the victim
-// might have no place to come back to. The producer has to write a member anew, which makes it a suspect.
+// might have no place to come back to. The producer has to write a member anew, which makes a new claim.
 //
 // Why no ring is missed, and why one obstacle is enough:
 //   - What blocks an entry by priority lies on one side of its claim, for programmed entries are in order,
 //     and in one stretch next to it. All of that must leave, the nearest one too. When it has left, the next
 //     one is the obstacle.
-//   - A new edge leads from an entry whose claim is new, or to a neighbour of an entry that left. These are
-//     the suspects; a ring that appears contains one of them. Whoever comes to a position does not wait, so
-//     that no ring appears when an obstacle is replaced by it.
+//   - A new edge leads from an entry whose claim is new, or to a neighbour of an entry that left, from one
+//     that claims a position between the neighbours. Each is followed when it appears. Whoever comes to a
+//     position does not wait, so that no ring is closed when an obstacle is replaced by it.
 //   - An entry that waits for an obstacle outside of every ring follows a chain to an entry that does not
 //     wait. With a consistent target, written to the end, and no claim forgotten, that one lies at its
 //     target, where it is in nobody's way.
@@ -33,11 +33,13 @@
 // Out and back are two hardware calls. A member that is to be updated and moved needs two anyway, one that is
 // only to be moved needs one. A victim is no longer programmed, so it is in no ring until it has arrived.
 //
-// Invariants: between two checks every ring has a member among the suspects or the kept ones.
+// Invariants: between two checks each ring has a member among those that closed one, or among the kept ones,
+//   unless it contradicts itself.
 // Ownership: part of its engine.
 // Threading: the agent's thread.
-// Cost: a suspect costs the shorter of two searches, along its chain and back through those that wait for it;
-//   a ring costs a read of each member's configuration.
+// Cost: while nobody waits for the priority order a claim costs a look at what OpenChains found out. Else the
+//   shorter of two searches: along the chain, and back through those that wait for its start. A ring costs a
+//   read of each member's configuration.
 // Errors: none.
 #pragma once
 
@@ -52,19 +54,24 @@ class VANTREL_LOCAL FastVantrelImpl::MixedRings {
  public:
   explicit MixedRings(FastVantrelImpl const& engine) : engine_(engine) {}
 
-  // Must be called with an entry whose claim is new, and with the neighbours of a place that an entry left.
-  void suspect(CState_s const& c) {
-    if (c.programmed() && c.p.ti != noIndex) suspects_.push_back(c.key);
+  // Must be called when `c` has made a claim that differs from the one before.
+  void claimMade(CState_s const& c) {
+    if (!c.p.open || !engine_.state()->priorityClaims.empty()) follow(c);
   }
+  // Must be called when an entry of the group has left a place between these neighbours.
+  void vacated(U16 pg, Neighbours const& beside);
   void clear();
 
+  // Whether nextVictim() may find one.
+  bool maySeeOne() const { return !closing_.empty() || !kept_.empty(); }
   // Returns the victim of a ring, null when there is none.
   CState_s const* nextVictim();
 
  private:
   class Waiters;
 
-  void suspectKept();
+  void follow(CState_s const& c);
+  void reviewKept();
   void keep(CState_s const& c);
   bool comesBack(CState_s const& c) const;
   std::vector<CState_s const*> ringOf(CState_s const& start) const;
@@ -73,8 +80,8 @@ class VANTREL_LOCAL FastVantrelImpl::MixedRings {
   CState_s const* obstacleOf(CState_s const& c) const;
 
   FastVantrelImpl const& engine_;
-  std::vector<EntryKey> suspects_;
-  std::vector<EntryKey> kept_;  // members of rings that may still go by themselves
+  std::vector<EntryKey> closing_;  // entries whose chain came back; it may have opened since
+  std::vector<EntryKey> kept_;     // members of rings that may still go by themselves
 };
 
 }  // namespace Vantrel

@@ -109,10 +109,7 @@ Neighbours FastVantrelImpl::neighboursOf(U16 pg, U32 ti) const {
 // An entry that waited for the one that left may wait for one of the neighbours now, without being woken.
 Neighbours FastVantrelImpl::neighboursOfVacated(U16 pg, U32 ti) {
   Neighbours const beside = neighboursOf(pg, ti);
-  if (breakMixedRings()) {
-    if (beside.below) mixedRings_->suspect(*beside.below->value);
-    if (beside.above) mixedRings_->suspect(*beside.above->value);
-  }
+  if (breakMixedRings() && !state()->priorityClaims.empty()) mixedRings_->vacated(pg, beside);
   return beside;
 }
 
