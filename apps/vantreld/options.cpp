@@ -86,6 +86,8 @@ Options parse(int argc, char** argv) {
           std::map<std::string, HardwareKind>{{"sim", HardwareKind::Sim}, {"null", HardwareKind::Null}}));
   addSimulation(app, o.sim);
   app.add_flag("--keep", o.keep, "Stop without withdrawing: hardware keeps its entries");
+  app.add_flag("--strict", o.strict,
+               "Break rings of occupants only, and retry notified keys only (breakMixedRings is not set)");
   try {
     app.parse(argc, argv);
     checkTogether(app, o);

@@ -30,7 +30,8 @@ struct Options {
   U32 size = 131072;      // positions in hardware
   HardwareKind hardware = HardwareKind::Sim;
   SimOptions sim;
-  bool keep = false;  // stop without withdrawing
+  bool keep = false;    // stop without withdrawing
+  bool strict = false;  // leave rings through entries that wait for the priority order, and failed retries
 
   Vantrel::Mapping mapping() const;
 };
