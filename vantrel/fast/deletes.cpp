@@ -13,6 +13,7 @@
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
+#include "vantrel/fast/mixed_rings.h"
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
@@ -65,24 +66,26 @@ void FastVantrelImpl::vacate(CState_s const& c, U32 ti) {
   FastState& s = *state();
   if (!s.positions.hasStrays() || s.positions.current.at(ti) == &c) s.positions.remove(placeOf(c, ti));
   s.addToWorkq(ti);
-  wakeRange(c.pg, rangeOpenedByDelete(c, neighboursOfVacated(c.pg, ti), ti));
+  wakeRange(c.pg, rangeOpenedByDelete(c, ti));
+  if (breakMixedRings()) mixedRings_->vacated(c.pg, ti);
 }
 
 // The deleted entry is no longer in the precedence index: its neighbours are found from its old place.
-FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByDelete(CState_s const& c, Neighbours const& beside,
-                                                            U32 ti) const {
+FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByDelete(CState_s const& c, U32 ti) const {
   constexpr U32 end = 0xFFFFFFFF;
-  auto const& [prev, next] = beside;
-  bool const closedAbove = prev && prev->value->prio == c.prio;
-  bool const closedBelow = next && next->value->prio == c.prio;
+  U32 const from = pti(c.pg, ti);
+  auto const prev = state()->positions.precedence.below(from);
+  auto const next = state()->positions.precedence.above(from);
+  bool const closedAbove = prev && prev->value->samePriority(c);
+  bool const closedBelow = next && next->value->samePriority(c);
   if (closedAbove && closedBelow) return {ti + 1, ti};
   U32 lo = 0;
   if (closedBelow)
     lo = ti + 1;
-  else if (prev)
+  else if (prev && prev->value->pg == c.pg)
     lo = lti(prev->index) + 1;
   if (closedAbove) return {lo, ti};
-  return {lo, next ? lti(next->index) : end};
+  return {lo, next && next->value->pg == c.pg ? lti(next->index) : end};
 }
 
 void FastVantrelImpl::forget(CState_s& c) {

@@ -23,7 +23,6 @@ namespace Vantrel {
 
 class FastState;
 struct CState_s;
-struct Neighbours;
 struct Place;
 
 class VANTREL_API FastVantrelImpl : public VantrelImpl {
@@ -141,9 +140,7 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
     U32 lo;
     U32 hi;
   };
-  Neighbours neighboursOf(U16 pg, U32 ti) const;
-  Neighbours neighboursOfVacated(U16 pg, U32 ti);
-  Range rangeOpenedByMove(CState_s const& c, Neighbours const& beside, U32 old, U32 ti) const;
+  Range rangeOpenedByMove(CState_s const& c, U32 old, U32 ti) const;
   void wakeRange(U16 pg, Range range);
 
   // workq.cpp
@@ -157,7 +154,7 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   void withdraw(CState_s const& c, EntryConfig const& record, bool deadlock);
   void vacate(CState_s const& c, U32 ti);
   void vacateStrays(CState_s const& c);
-  Range rangeOpenedByDelete(CState_s const& c, Neighbours const& beside, U32 ti) const;
+  Range rangeOpenedByDelete(CState_s const& c, U32 ti) const;
   void forget(CState_s& c);
 
   // deadlock.cpp

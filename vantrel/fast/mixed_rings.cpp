@@ -63,8 +63,19 @@ void FastVantrelImpl::MixedRings::follow(CState_s const& c) {
   if (comesBack(c)) closing_.push_back(c.key);
 }
 
+FastVantrelImpl::MixedRings::Neighbours FastVantrelImpl::MixedRings::neighboursOf(U16 pg, U32 ti) const {
+  JudyMap<CState_s> const& precedence = engine_.state()->positions.precedence;
+  U32 const at = engine_.pti(pg, ti);
+  Neighbours beside{precedence.below(at), precedence.above(at)};
+  if (beside.below && beside.below->value->pg != pg) beside.below.reset();
+  if (beside.above && beside.above->value->pg != pg) beside.above.reset();
+  return beside;
+}
+
+// An entry that waited for the one that left may wait for one of the neighbours now, without being woken.
 // Nothing changes unless an entry waits between the neighbours for the order.
-void FastVantrelImpl::MixedRings::vacated(U16 pg, Neighbours const& beside) {
+void FastVantrelImpl::MixedRings::followBeside(U16 pg, U32 ti) {
+  Neighbours const beside = neighboursOf(pg, ti);
   JudyMap<CState_s> const& claims = engine_.state()->priorityClaims;
   U32 const end = beside.above ? engine_.lti(beside.above->index) : noIndex;
   auto claim = claims.atOrAbove(beside.below ? engine_.lti(beside.below->index) : 0);
@@ -134,7 +145,7 @@ class FastVantrelImpl::MixedRings::Waiters {
   }
   void lookAround() {
     FastVantrelImpl const& engine = rings_.engine_;
-    Neighbours const beside = engine.neighboursOf(obstacle_->pg, obstacle_->sti);
+    Neighbours const beside = rings_.neighboursOf(obstacle_->pg, obstacle_->sti);
     end_ = beside.above ? engine.lti(beside.above->index) : noIndex;
     claim_ = state_.priorityClaims.atOrAbove(beside.below ? engine.lti(beside.below->index) : 0);
   }

@@ -43,6 +43,7 @@
 // Errors: none.
 #pragma once
 
+#include <optional>
 #include <vector>
 
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -58,8 +59,10 @@ class VANTREL_LOCAL FastVantrelImpl::MixedRings {
   void claimMade(CState_s const& c) {
     if (!c.p.open || !engine_.state()->priorityClaims.empty()) follow(c);
   }
-  // Must be called when an entry of the group has left a place between these neighbours.
-  void vacated(U16 pg, Neighbours const& beside);
+  // Must be called when an entry of the group has left the position.
+  void vacated(U16 pg, U32 ti) {
+    if (!engine_.state()->priorityClaims.empty()) followBeside(pg, ti);
+  }
   void clear();
 
   // Whether nextVictim() may find one.
@@ -70,7 +73,14 @@ class VANTREL_LOCAL FastVantrelImpl::MixedRings {
  private:
   class Waiters;
 
+  // The nearest programmed records of a group on both sides of a place.
+  struct Neighbours {
+    std::optional<JudyMap<CState_s>::Item> below;
+    std::optional<JudyMap<CState_s>::Item> above;
+  };
+  Neighbours neighboursOf(U16 pg, U32 ti) const;
   void follow(CState_s const& c);
+  void followBeside(U16 pg, U32 ti);
   void reviewKept();
   void keep(CState_s const& c);
   bool comesBack(CState_s const& c) const;

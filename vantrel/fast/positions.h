@@ -14,7 +14,6 @@
 //   caller's.
 #pragma once
 
-#include <optional>
 #include <vector>
 
 #include "vantrel/fast/asserts.h"
@@ -27,12 +26,6 @@ namespace Vantrel {
 struct Place {
   U32 ti;
   U32 pti;
-};
-
-// The nearest programmed records of a group on both sides of a place.
-struct Neighbours {
-  std::optional<JudyMap<CState_s>::Item> below;
-  std::optional<JudyMap<CState_s>::Item> above;
 };
 
 class Positions {

@@ -72,7 +72,8 @@ void FastVantrelImpl::move(EntryConfig const& entry, CState_s& c, U32 ti) try {
   VANTREL_RECORD(9, lgId(), "mov key:", c.key, " hdl:", entry.hdl(), " ", old, " prio:", c.prio, " to:", ti);
   hardware(c).moveEntry(entry);
   s.addToWorkq(old);
-  wakeRange(c.pg, rangeOpenedByMove(c, neighboursOfVacated(c.pg, old), old, ti));
+  wakeRange(c.pg, rangeOpenedByMove(c, old, ti));
+  if (breakMixedRings()) mixedRings_->vacated(c.pg, old);
 } catch (...) {
   state()->positions.strayIs(c.key, ti);
   throw;
@@ -88,35 +89,21 @@ Place FastVantrelImpl::placeOf(CState_s const& c, U32 ti) const { return {ti, pt
 
 // The indexes are those after the move, so the moved entry itself can be a neighbour of its old position. A
 // neighbour of the same priority on the side that the entry left still bounds the range: nothing opens.
-FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByMove(CState_s const& c, Neighbours const& beside,
-                                                          U32 old, U32 ti) const {
+FastVantrelImpl::Range FastVantrelImpl::rangeOpenedByMove(CState_s const& c, U32 old, U32 ti) const {
   constexpr Range none{0, 0};
-  auto const& [prev, next] = beside;
+  U32 const from = pti(c.pg, old);
+  auto const prev = state()->positions.precedence.below(from);
+  auto const next = state()->positions.precedence.above(from);
   if (old > ti) {
-    if (next && next->value->prio == c.prio) return none;
+    if (next && next->value->samePriority(c)) return none;
     U32 lo = ti + 1;
-    if (prev && lti(prev->index) > ti) lo = lti(prev->index) + 1;
+    if (prev && prev->value->pg == c.pg && lti(prev->index) > ti) lo = lti(prev->index) + 1;
     return {lo, old};
   }
-  if (prev && prev->value->prio == c.prio) return none;
+  if (prev && prev->value->samePriority(c)) return none;
   U32 hi = ti;
-  if (next) hi = std::min(hi, lti(next->index));
+  if (next && next->value->pg == c.pg) hi = std::min(hi, lti(next->index));
   return {old + 1, hi};
-}
-
-Neighbours FastVantrelImpl::neighboursOf(U16 pg, U32 ti) const {
-  U32 const at = pti(pg, ti);
-  Neighbours beside{state()->positions.precedence.below(at), state()->positions.precedence.above(at)};
-  if (beside.below && beside.below->value->pg != pg) beside.below.reset();
-  if (beside.above && beside.above->value->pg != pg) beside.above.reset();
-  return beside;
-}
-
-// An entry that waited for the one that left may wait for one of the neighbours now, without being woken.
-Neighbours FastVantrelImpl::neighboursOfVacated(U16 pg, U32 ti) {
-  Neighbours const beside = neighboursOf(pg, ti);
-  if (breakMixedRings() && !state()->priorityClaims.empty()) mixedRings_->vacated(pg, beside);
-  return beside;
 }
 
 void FastVantrelImpl::wakeRange(U16 pg, Range range) {
