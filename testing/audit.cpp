@@ -70,11 +70,14 @@ U32 precedenceIndex(EngineChoice const& engine, U16 pg, U32 ti) {
 void audit(FastState const& state, EngineChoice const& engine, InFlight const& change) {
   Vantrel::Positions const& positions = state.positions;
   U32 claims = 0;
+  U32 priorityClaims = 0;
   U32 programmed = 0;
   for (auto const& [key, c] : state.cstate) {
     require(c->key == key, "a record under another key", key.value());
     auditClaim(state, *c);
     if (c->p.ti != noIndex) ++claims;
+    if (c->p.type == PendingType::Priority && c->programmed() && state.priorityClaims.at(c->p.ti) == c)
+      ++priorityClaims;
     U32 const at = indexedAt(*c, change);
     if (at == noIndex) continue;
     ++programmed;
@@ -83,6 +86,7 @@ void audit(FastState const& state, EngineChoice const& engine, InFlight const& c
             key.value());
   }
   require(state.pending.count() == claims, "more pending indexes than claims", change.key);
+  require(state.priorityClaims.count() == priorityClaims, "a claim on the order that is none", change.key);
   require(positions.current.count() == programmed, "more current indexes than programmed records",
           change.key);
   require(positions.precedence.count() == programmed, "more precedence indexes than programmed records",

@@ -51,6 +51,7 @@ void Differ::run(Step const& step) {
   events_.clear();
   model_.events.clear();
   choices_.candidates.clear();
+  choices_.victims.clear();
   choices_.order = order(step);
   world_->run(step);
   try {
@@ -65,7 +66,7 @@ void Differ::run(Step const& step) {
 std::string Differ::endsProcess(Step const& step) const {
   Model ahead = model_;
   try {
-    ahead.run(step, {{}, order(step), true});
+    ahead.run(step, {{}, {}, order(step), true});
   } catch (Fatal const& fatal) {
     return fatal.what();
   }
@@ -124,7 +125,9 @@ void Differ::hardwareCall(EventKind kind, EntryConfig const& entry) {
 }
 
 void Differ::onTrace(std::string_view text, std::span<U64 const> values) {
-  if (text.starts_with("deadlock check key:") && values.size() == 2) choices_.candidates.push_back(values[1]);
+  if (values.size() != 2) return;
+  if (text.starts_with("deadlock check key:")) choices_.candidates.push_back(values[1]);
+  if (text.starts_with("found mixed ring key:")) choices_.victims.push_back(values[1]);
 }
 
 void Differ::compare() {

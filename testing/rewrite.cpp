@@ -74,4 +74,39 @@ bool arrived(Model const& model, Placement const& placement) {
   return model.records().size() == placement.size();
 }
 
+bool arrives(Differ& differ, std::vector<Step> const& steps, Placement const& target) {
+  differ.empty();
+  for (Step const& step : steps) differ.run(step);
+  return arrived(differ.model(), target);
+}
+
+std::vector<U32> firstOrder(std::size_t members) {
+  std::vector<U32> order(members);
+  std::iota(order.begin(), order.end(), 0);
+  return order;
+}
+
+std::vector<Step> joined(std::vector<Step> first, std::vector<Step> const& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
+}
+
+std::vector<std::vector<Member>> casts(U32 keys) {
+  std::vector<std::vector<Member>> all;
+  U32 const kinds = 2 * keys;
+  U64 count = 1;
+  for (U32 i = 0; i < keys; ++i) count *= kinds;
+  for (U64 n = 0; n < count; ++n) {
+    std::vector<Member> members;
+    U64 digits = n;
+    for (U32 i = 0; i < keys; ++i, digits /= kinds)
+      members.push_back({static_cast<U16>(digits % kinds / keys), static_cast<U32>(digits % kinds % keys)});
+    bool const canonical = std::is_sorted(
+        members.begin(), members.end(),
+        [](Member const& a, Member const& b) { return a.pg != b.pg ? a.pg < b.pg : a.prio < b.prio; });
+    if (canonical) all.push_back(members);
+  }
+  return all;
+}
+
 }  // namespace Testing

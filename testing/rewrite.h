@@ -30,5 +30,14 @@ std::vector<Step> writes(std::vector<Member> const& members, Placement const& pl
 
 // Whether each member lies at its place.
 bool arrived(Model const& model, Placement const& placement);
+// Runs the steps from an empty world; whether all arrive at `target` in the end.
+bool arrives(Differ& differ, std::vector<Step> const& steps, Placement const& target);
+
+// 0, 1, 2 ...
+std::vector<U32> firstOrder(std::size_t members);
+std::vector<Step> joined(std::vector<Step> first, std::vector<Step> const& second);
+
+// The given number of members of up to two groups, of every kind; no two that differ only in names.
+std::vector<std::vector<Member>> casts(U32 keys);
 
 }  // namespace Testing

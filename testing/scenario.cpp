@@ -422,6 +422,7 @@ std::string print(Counters const& counters) {
   json["failedDepCnt"] = counters.failedDepCnt;
   json["numPending"] = counters.numPending;
   json["numDeadlock"] = counters.numDeadlock;
+  if (counters.numMixedRings != 0) json["numMixedRings"] = counters.numMixedRings;
   return json.dump();
 }
 

@@ -106,6 +106,7 @@ struct Counters {
   U64 failedDepCnt = 0;
   U32 numPending = 0;
   U32 numDeadlock = 0;
+  U32 numMixedRings = 0;
   friend bool operator==(Counters const&, Counters const&) = default;
 };
 

@@ -44,6 +44,11 @@ std::vector<Shape> makeShapes() {
     s.engine = {false, 0, 12, true}, s.groups = 2;
     s.sharedHandles = s.strayOpIds = s.failures = s.attributes = true, s.groupOfKey = false;
   }));
+  for (std::size_t i = 0, plain = all.size(); i < plain; ++i) {
+    all.push_back(all[i]);
+    all.back().name += "-mixed";
+    all.back().mixedRings = true;
+  }
   return all;
 }
 
@@ -55,6 +60,7 @@ std::vector<Shape> const& shapes() {
 }
 
 Step Steps::next(Model const& model) {
+  if (!std::exchange(begun_, true) && shape_.mixedRings) return set("breakMixedRings", true, "engine");
   U64 const key = 1 + draw_(shape_.keys);
   U32 const dice = draw_(100);
   if (dice < shape_.removals) {
@@ -74,6 +80,7 @@ Step Steps::next(Model const& model) {
 Step Steps::notification(U64 key) { return draw_(4) == 0 ? walk() : notify(key); }
 
 Step Steps::setting() {
+  if (shape_.mixedRings && draw_(4) == 0) return set("breakMixedRings", draw_(3) != 0, "engine");
   switch (draw_(6)) {
     case 0:
       return set("alwaysProcessPending", draw_(2) == 0);

@@ -28,6 +28,7 @@ struct Shape {
   bool failures = false;    // dependants fail, the clock moves
   bool quietSteps = true;   // changes without a notification, notifications without a change, walks
   bool attributes = false;  // settings change on the way, debug snapshots are asked for
+  bool mixedRings = false;  // breakMixedRings is set; with `attributes`, and unset on the way
   U32 removals = 15;        // how many of a hundred steps remove, or mark for deletion
 };
 
@@ -52,6 +53,7 @@ class Steps {
 
   Shape const shape_;
   Draw const draw_;
+  bool begun_ = false;
   U64 newest_ = 0;
   U32 debugVersion_ = 0;
 };

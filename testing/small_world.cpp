@@ -235,14 +235,36 @@ SmallWorld algorithmic() {
   return w;
 }
 
+// The same with breakMixedRings. No failure of a dependant may end the process then.
+SmallWorld mixed(SmallWorld w) {
+  w.name += "Mixed";
+  w.mayEndProcess = false;
+  w.beginning.insert(w.beginning.begin(), set("breakMixedRings", true, "engine"));
+  return w;
+}
+
+// Two keys of one group and one of another, in order on four positions. Each may be sent anywhere.
+SmallWorld mixedRings() {
+  SmallWorld w{.name = "Rings", .length = 5, .keysNamed = 3};
+  for (U32 i = 0; i < 3; ++i)
+    w.beginning.push_back(
+        put(record(i + 1, (i + 1) << 16, i + 1, static_cast<U16>(i / 2), i % 2, i == 2 ? 3 : i)));
+  for (U32 i = 0; i < 3; ++i)
+    for (U32 ti = 0; ti < 4; ++ti)
+      w.alphabet.push_back(
+          {put(record(i + 1, 0, i + 1, static_cast<U16>(i / 2), i % 2, ti)), i, 0, 0, false});
+  return mixed(w);
+}
+
 }  // namespace
 
 Explored explore(SmallWorld const& world, Scenario& scenario) { return Explorer(world, scenario).run(); }
 
 std::vector<SmallWorld> smallWorlds(int extra) {
-  std::vector<SmallWorld> worlds = {oneGroup(), priorities(), twoGroups(),  threeGroups(),
-                                    quiet(),    rings(),      fullTable(),  handles(),
-                                    versions(), failures(),   algorithmic()};
+  std::vector<SmallWorld> worlds = {oneGroup(),     priorities(),      twoGroups(),   threeGroups(),
+                                    quiet(),        rings(),           fullTable(),   handles(),
+                                    versions(),     failures(),        algorithmic(), mixed(threeGroups()),
+                                    mixed(quiet()), mixed(failures()), mixedRings()};
   for (SmallWorld& world : worlds) world.length = static_cast<U32>(static_cast<int>(world.length) + extra);
   return worlds;
 }

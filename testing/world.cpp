@@ -230,6 +230,7 @@ Counters World::counters() const {
   c.failedDepCnt = engine_->failedDepCnt();
   c.numPending = engine_->numPending();
   c.numDeadlock = engine_->numDeadlock();
+  c.numMixedRings = engine_->numMixedRings();
   return c;
 }
 

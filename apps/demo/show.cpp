@@ -170,7 +170,8 @@ bool Show::report(std::size_t columns, bool colours) {
   auto const count = [&hardware](char const* name) { return hardware.at(name).get<U64>(); };
   fmt::print("\n");
   line("entries", row.size(), "entries acknowledged", std::to_string(wanted().size() - late));
-  line("adds", count("adds"), "rings broken", std::to_string(engine.at("deadlockCount").get<U64>()));
+  U64 const rings = engine.at("deadlockCount").get<U64>() + engine.at("numMixedRings").get<U64>();
+  line("adds", count("adds"), "rings broken", std::to_string(rings));
   line("updates", count("updates"), "order violations", std::to_string(violations));
   line("moves", count("moves"), "write to acknowledgement, median",
        fmt::format("{:.2f} ms", quantile(milliseconds_, 0.5)));

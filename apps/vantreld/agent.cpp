@@ -211,6 +211,7 @@ void Agent::makeEngine() {
     engine_ = Ostra::make<Vantrel::FastVantrelImpl>("engine", config_, debugConfig_, debugStatus_,
                                                     hardware_.executor(), traceId);
   if (options_.prioGrpShift) engine_->prioGrpShiftIs(options_.prioGrpShift);
+  engine_->breakMixedRingsIs(!options_.strict);
   engine_->roomForKeysIs(options_.size);
   engine_->yieldIs(this);
 }

@@ -135,6 +135,8 @@ Options parse(int argc, char** argv) {
   app.add_flag("--hw-detach", o.detach, "Take away what an earlier run left in the kernel, and end");
   addSimulation(app, o.sim);
   app.add_flag("--keep", o.keep, "Stop without withdrawing: hardware keeps its entries");
+  app.add_flag("--strict", o.strict,
+               "Break rings of occupants only, and retry notified keys only (breakMixedRings is not set)");
   try {
     app.parse(argc, argv);
     checkXdp(app, o);

@@ -34,6 +34,7 @@ struct Options {
   Hw::XdpOptions xdp;
   bool detach = false;  // take away what an earlier run left attached, and end
   bool keep = false;    // stop without withdrawing
+  bool strict = false;  // leave rings through entries that wait for the priority order, and failed retries
 
   Vantrel::Mapping mapping() const;
 };

@@ -18,13 +18,18 @@ using namespace Bench;
 
 namespace {
 
+#ifdef BENCH_MIXED
+[[maybe_unused]] bool const titled =
+    titleIs("Growth, breakMixedRings set", "nanoseconds an entry; floor: the same, not set");
+#else
 [[maybe_unused]] bool const titled =
     titleIs("Growth", "nanoseconds an entry; order: of the whole shape's cost; reads: of records, an entry");
+#endif
 
 // Positions, groups and priorities as a shape wants them.
 class World {
  public:
-  explicit World(U32 shift) : side_(shift, table_) {}
+  World(U32 shift, bool mixed) : side_(shift, table_) { side_.engine().breakMixedRingsIs(mixed); }
 
   struct Place {
     U32 position;
@@ -84,6 +89,7 @@ struct Shape {
   U32 (*left)(U32 n);  // how many wait afterwards
 };
 
+template <bool mixed>
 void run(benchmark::State& state, Shape const& shape) {
   static std::map<std::string, Fit> fits;
   if (!traceFileIs(false)) state.SkipWithError("the trace file cannot be opened");
@@ -91,7 +97,7 @@ void run(benchmark::State& state, Shape const& shape) {
   Timed timed;
   U64 reads = 0;
   for (auto _ : state) {
-    World world(shape.shift ? shape.shift : static_cast<U32>(std::bit_width(2 * n)));
+    World world(shape.shift ? shape.shift : static_cast<U32>(std::bit_width(2 * n)), mixed);
     shape.prepare(world, n);
     U64 const before = world.reads();
     timed.run(n, [&] { shape.work(world, n); });
@@ -112,7 +118,7 @@ void longestKey(benchmark::State& state) {
   auto const n = static_cast<U32>(state.range(0));
   double longest = 0;
   for (auto _ : state) {
-    World world(static_cast<U32>(std::bit_width(2 * n)));
+    World world(static_cast<U32>(std::bit_width(2 * n)), false);
     for (U32 i = 0; i < n; ++i) world.write(i, {i});
     if (room) world.roomForKeysIs(n);
     for (U32 const i : shuffled(n)) longest = std::max(longest, Timed::nsOf([&] { world.handle(i); }));
@@ -122,6 +128,7 @@ void longestKey(benchmark::State& state) {
 
 U32 none(U32) { return 0; }
 U32 all(U32 n) { return n; }
+U32 oneMore(U32 n) { return n + 1; }
 
 // Entries 0 to n - 1 side by side, and one more behind them that stays. Each is to move to the next position.
 void row(World& world, U32 n) {
@@ -147,6 +154,14 @@ void waitingChain(World& world, U32 n) {
 void release(World& world, U32 n) {
   world.erase(n);
   world.handle(n);
+}
+
+// The same chain beside two entries of another group, of which one waits for the other's priority.
+void chainBesideAnother(World& world, U32 n) {
+  world.put(n + 1, {n + 4, 1, 1});
+  world.put(n + 2, {n + 5, 2, 1});
+  world.put(n + 1, {n + 6, 1, 1});
+  chain(world, n);
 }
 
 // The same chain, all of it waiting; each entry is written once more.
@@ -197,6 +212,8 @@ std::array const shapes{
     Shape{"chain written from its end", 1'000'000, 0, chain, fromItsEnd, all},
     Shape{"chain written from its start", 1'000'000, 0, chain, fromItsStart, all},
     Shape{"chain written in any order", 1'000'000, 0, chain, inAnyOrder, all},
+    Shape{"the same beside one that waits for the order", 1'000'000, 0, chainBesideAnother, inAnyOrder,
+          oneMore},
     Shape{"waiting chain written again", 1'000'000, 0, chainAgain, inAnyOrder, all},
     Shape{"waiting chain released", 1'000'000, 0, waitingChain, release, none},
     Shape{"permutation of all positions", 1'000'000, 0, permutation, inAnyOrder, none},
@@ -209,11 +226,20 @@ std::array const shapes{
 
 bool const registered = [] {
   for (Shape const& shape : shapes)
-    for (U32 const n : {1'000U, 3'000U, 10'000U, 100'000U, 1'000'000U})
-      if (n <= shape.largest)
-        benchmark::RegisterBenchmark((shape.name + "/ours").c_str(), [&shape](benchmark::State& state) {
+    for (U32 const n : {1'000U, 3'000U, 10'000U, 100'000U, 1'000'000U}) {
+      if (n > shape.largest) continue;
+      auto const side = [&](char const* name, auto run) {
+        benchmark::RegisterBenchmark((shape.name + name).c_str(), [&shape, run](benchmark::State& state) {
           run(state, shape);
         })->Arg(n);
+      };
+#ifdef BENCH_MIXED
+      side("/ours", &run<true>);
+      side("/floor", &run<false>);
+    }
+#else
+      side("/ours", &run<false>);
+    }
   for (U32 const n : {10'000U, 100'000U, 1'000'000U})
     for (bool const room : {false, true})
       benchmark::RegisterBenchmark(
@@ -221,6 +247,7 @@ bool const registered = [] {
           room ? &longestKey<true> : &longestKey<false>)
           ->Arg(n)
           ->Iterations(1);
+#endif
   return true;
 }();
 

@@ -56,4 +56,13 @@ class Ours {
   Ostra::Ptr<Vantrel::FastVantrelImpl> engine_;
 };
 
+// The same with breakMixedRings.
+class OursMixed : public Ours {
+ public:
+  explicit OursMixed(U32 shift, Ostra::Ptr<Table> table = Ostra::make<Table>())
+      : Ours(shift, std::move(table)) {
+    engine().breakMixedRingsIs(true);
+  }
+};
+
 }  // namespace Bench

@@ -4,7 +4,8 @@
 // the records and putting things back is not. Keys do not overlap: see keyDone(). The full walk has no such
 // fence on either side, and two cases are shown without it too.
 //
-// traced_bench is this file with the trace file on; engine_bench has it off.
+// traced_bench is this file with the trace file on; engine_bench has it off. mixed_bench is the engine with
+// breakMixedRings beside the engine without.
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 
@@ -23,7 +24,11 @@ using namespace Bench;
 
 namespace {
 
-#ifdef BENCH_TRACED
+#ifdef BENCH_MIXED
+constexpr bool traced = false;
+[[maybe_unused]] bool const titled =
+    titleIs("The road of one key, breakMixedRings set", "nanoseconds a key; floor: the same, not set");
+#elif defined(BENCH_TRACED)
 constexpr bool traced = true;
 [[maybe_unused]] bool const titled =
     titleIs("The road of one key, trace file on",
@@ -32,6 +37,14 @@ constexpr bool traced = true;
 constexpr bool traced = false;
 [[maybe_unused]] bool const titled =
     titleIs("The road of one key", "nanoseconds a key; allocs: without Judy's; bytes: of engine an entry");
+#endif
+
+#ifdef BENCH_MIXED
+using Ahead = OursMixed;
+using Beside = Ours;
+#else
+using Ahead = Ours;
+using Beside = Floor;
 #endif
 
 constexpr U32 maxBatch = 100'000;
@@ -201,7 +214,7 @@ class Case {
   }
 
  private:
-  static constexpr bool ours = std::is_same_v<Side, Ours>;
+  static constexpr bool ours = std::is_same_v<Side, Ahead>;
 
   // Each entry of the ring is to lie where the next one lies.
   static void turn(World<Side>& world, std::span<U32 const> ring) {
@@ -310,20 +323,20 @@ bool const registered = [] {
       benchmark::RegisterBenchmark((name + "/floor").c_str(), floor)->Arg(size);
     }
   };
-  both("add ascending", addAscending<Ours>, addAscending<Floor>);
-  both("add random", addRandom<Ours>, addRandom<Floor>);
-  both("update in place", update<Ours>, update<Floor>);
-  both("no-op acknowledgement", acknowledge<Ours>, acknowledge<Floor>);
-  both("move", move<Ours>, move<Floor>);
-  both("blocked add", block<Ours>, block<Floor>);
-  both("wake-up of a waiter", wake<Ours>, wake<Floor>);
-  both("ring of 2", ring<Ours, 2>, ring<Floor, 2>);
-  both("ring of 10", ring<Ours, 10>, ring<Floor, 10>);
-  both("ring of 1000", ring<Ours, 1000>, ring<Floor, 1000>);
-  both("delete", remove<Ours>, remove<Floor>);
-  both("update in place, keys overlapping", update<Ours, false>, update<Floor, false>);
-  both("no-op acknowledgement, keys overlapping", acknowledge<Ours, false>, acknowledge<Floor, false>);
-  both("full walk", fullWalk<Ours>, fullWalk<Floor>);
+  both("add ascending", addAscending<Ahead>, addAscending<Beside>);
+  both("add random", addRandom<Ahead>, addRandom<Beside>);
+  both("update in place", update<Ahead>, update<Beside>);
+  both("no-op acknowledgement", acknowledge<Ahead>, acknowledge<Beside>);
+  both("move", move<Ahead>, move<Beside>);
+  both("blocked add", block<Ahead>, block<Beside>);
+  both("wake-up of a waiter", wake<Ahead>, wake<Beside>);
+  both("ring of 2", ring<Ahead, 2>, ring<Beside, 2>);
+  both("ring of 10", ring<Ahead, 10>, ring<Beside, 10>);
+  both("ring of 1000", ring<Ahead, 1000>, ring<Beside, 1000>);
+  both("delete", remove<Ahead>, remove<Beside>);
+  both("update in place, keys overlapping", update<Ahead, false>, update<Beside, false>);
+  both("no-op acknowledgement, keys overlapping", acknowledge<Ahead, false>, acknowledge<Beside, false>);
+  both("full walk", fullWalk<Ahead>, fullWalk<Beside>);
   return true;
 }();
 

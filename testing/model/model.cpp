@@ -31,6 +31,9 @@ void require(bool condition, Parts const&... parts) {
   otherwise<Illegal>(condition, parts...);
 }
 void survive(bool condition, char const* assertion) { otherwise<Fatal>(condition, "assertion ", assertion); }
+bool unchanged(U64 wanted, U64 programmed) {
+  return (wanted & 0xFFFF) == (programmed & 0xFFFF) && (wanted >> 16) - (programmed >> 16) <= 65535;
+}
 bool samePriority(ModelRecord const& a, ModelRecord const& b) { return a.prio == b.prio && a.pg == b.pg; }
 
 }  // namespace
@@ -42,6 +45,7 @@ void Model::start() { fullWalk({}); }
 void Model::run(Step const& step, Choices const& choices) {
   choices_ = &choices;
   candidatesTaken_ = 0;
+  victimsTaken_ = 0;
   switch (step.what) {
     case Do::Put:
       table_[step.key()] = step.entry;
@@ -77,6 +81,7 @@ void Model::run(Step const& step, Choices const& choices) {
   }
   require(candidatesTaken_ == choices.candidates.size(),
           "the deadlock check took more candidates than it should");
+  require(victimsTaken_ == choices.victims.size(), "a victim where nothing was stuck");
   checkHardware();
   checkClaims();
   choices_ = nullptr;
@@ -93,6 +98,7 @@ Counters Model::counters() const {
   for (ModelRecord const& r : records_)
     if (initialized_ && r.waitsFor != nowhere) ++c.numPending;
   c.numDeadlock = deadlockCount_;
+  c.numMixedRings = numMixedRings_;
   return c;
 }
 
@@ -184,6 +190,8 @@ void Model::setAttribute(Step const& step) {
     alwaysProcessPending_ = flag();
   else if (name == "deadlockCount")
     deadlockCount_ = static_cast<U32>(number());
+  else if (name == "breakMixedRings")
+    breakMixedRingsIs(flag());
   else
     throw Illegal("the model has no attribute " + name);
 }
@@ -412,9 +420,9 @@ bool Model::processEntry(EntryConfig const& entry) {
     hardware(EventKind::Add, entry);
   } else {
     survive(opId > r.opId, "entry.opId() > c->opId");
-    bool const unchanged = (opId & 0xFFFF) == (r.opId & 0xFFFF) && (opId >> 16) - (r.opId >> 16) <= 65535;
-    if (unchanged && ti == r.at) statusIs(key, opId);
-    if (!unchanged) hardware(EventKind::Update, entry);
+    bool const same = unchanged(opId, r.opId);
+    if (same && ti == r.at) statusIs(key, opId);
+    if (!same) hardware(EventKind::Update, entry);
     if (ti != r.at) moveRecord(key, ti, entry);
   }
   r.opId = opId;
@@ -499,16 +507,31 @@ void Model::drain() {
   while (!workq_.empty()) {
     U64 const key = workq_.front();
     workq_.erase(workq_.begin());
-    try {
-      dispatch(key);
-    } catch (GiveUp const&) {
+    retry(key);
+  }
+}
+
+// With breakMixedRings a key that fails loses its claim and is retried by the front end.
+void Model::retry(U64 key) {
+  try {
+    dispatch(key);
+  } catch (GiveUp const&) {
+    if (!breakMixedRings_) {
       ++lostInDrain_;
       throw;
     }
+    if (ModelRecord* const r = find(key)) endClaim(*r);
+    dirty_ = true;
+    scheduleRetry(key);
   }
 }
 
 void Model::checkDeadlock() {
+  breakRings();
+  if (breakMixedRings_) breakMixedRings();
+}
+
+void Model::breakRings() {
   std::vector<U64> visited;
   while (!blocked_.empty()) {
     U64 const start = nextCandidate();
@@ -538,7 +561,8 @@ bool Model::ringFrom(U64 start, std::vector<U64>& visited) {
                              config.tableIndexs() > 0 && config.tableIndex(TableKey(0)) == r->waitsFor;
     if (!waitsToMove || r->why != Wait::Occupied) return false;
     ModelRecord const* const holder = occupant(r->waitsFor);
-    survive(holder != nullptr, "PValue");
+    survive(holder || breakMixedRings_, "PValue");
+    if (!holder) return false;
     if (holder->key == start) return true;
     key = holder->key;
   }
@@ -546,15 +570,97 @@ bool Model::ringFrom(U64 start, std::vector<U64>& visited) {
 }
 
 void Model::breakRing(U64 start) {
-  processDelete(start, true, false);
-  try {
-    dispatch(start);
-  } catch (GiveUp const&) {
-    ++lostInDrain_;
-    throw;
-  }
-  drain();
+  takeOutAndBack(start);
   ++deadlockCount_;
+}
+
+void Model::takeOutAndBack(U64 key) {
+  processDelete(key, true, false);
+  retry(key);
+  drain();
+}
+
+// Every claim is tried again when the search is switched on: its wake-up may have been lost before.
+void Model::breakMixedRingsIs(bool v) {
+  if (v && !breakMixedRings_) {
+    std::map<U32, U64> claims;
+    for (ModelRecord const& r : records_)
+      if (r.waitsFor != nowhere) claims[r.waitsFor] = r.key;
+    for (auto const& [ti, key] : claims) wake(ti);
+  }
+  breakMixedRings_ = v;
+}
+
+void Model::breakMixedRings() {
+  while (auto const victim = nextMixedVictim()) {
+    takeOutAndBack(*victim);
+    ++numMixedRings_;
+    breakRings();
+  }
+}
+
+// No ring may stand when the check ends.
+std::optional<U64> Model::nextMixedVictim() {
+  std::vector<U64> const legal = cheapestOfEachRing();
+  if (legal.empty()) return std::nullopt;
+  if (choices_ && choices_->foreseen) return legal.front();
+  require(choices_ && victimsTaken_ < choices_->victims.size(), "a ring that is stuck was not broken, key ",
+          legal.front());
+  U64 const victim = choices_->victims[victimsTaken_++];
+  require(contains(legal, victim), "a victim that is not the cheapest of a stuck ring: ", victim);
+  return victim;
+}
+
+// A member that is rewritten before it is moved takes two calls, as out and back does; one that is only moved
+// takes one.
+std::vector<U64> Model::cheapestOfEachRing() const {
+  std::vector<U64> all;
+  for (ModelRecord const& start : records_) {
+    std::vector<ModelRecord const*> const ring = ringOf(start);
+    bool stuck = !ring.empty();
+    for (ModelRecord const* a : ring) {
+      if (mayStillGo(*a)) stuck = false;
+      for (ModelRecord const* b : ring)
+        if (contradict(*a, *b)) stuck = false;
+    }
+    if (!stuck) continue;
+    ModelRecord const* best = nullptr;
+    for (ModelRecord const* r : ring) {
+      bool const better = !best || (unchanged(r->waitOpId, r->opId) == unchanged(best->waitOpId, best->opId)
+                                        ? r->at > best->at
+                                        : unchanged(best->waitOpId, best->opId));
+      if (better) best = r;
+    }
+    if (!contains(all, best->key)) all.push_back(best->key);
+  }
+  return all;
+}
+
+// The entries from one to the next that it waits for, back to the first; empty when that does not come back.
+std::vector<ModelRecord const*> Model::ringOf(ModelRecord const& start) const {
+  std::vector<ModelRecord const*> ring;
+  for (ModelRecord const* r = &start; ring.size() < records_.size(); r = obstacleOf(*r)) {
+    if (!r) return {};
+    ring.push_back(r);
+    if (obstacleOf(*r) == &start) return ring;
+  }
+  return {};
+}
+
+ModelRecord const* Model::obstacleOf(ModelRecord const& r) const {
+  if (r.at == nowhere || r.why == Wait::None) return nullptr;
+  return r.why == Wait::Occupied ? occupant(r.waitsFor) : outOfOrderWith(r, r.waitsFor);
+}
+
+// Whether both cannot have what they claim.
+bool Model::contradict(ModelRecord const& a, ModelRecord const& b) const {
+  return a.pg == b.pg && precedence(a.pg, a.waitsFor) < precedence(b.pg, b.waitsFor) && a.prio > b.prio;
+}
+
+bool Model::mayStillGo(ModelRecord const& r) const {
+  EntryConfig const config = read(r.key);
+  bool const asClaimed = config.tableIndexs() > 0 && config.tableIndex(TableKey(0)) == r.waitsFor;
+  return contains(workq_, r.key) || config == EntryConfig() || config.isDel() || !asClaimed;
 }
 
 void Model::answerDebug() {

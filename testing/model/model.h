@@ -6,8 +6,9 @@
 // It has no index: the occupant of a position, its waiter and its nearest neighbours are found by looking at
 // every record, so that it cannot have two views that disagree.
 //
-// Where the engine may choose (the next candidate of the deadlock check, the order of a walk and of the
-// clean-up), the model is given the engine's choice and checks that it was a legal one.
+// Where the engine may choose (the next candidate of the deadlock check, which of several rings is broken
+// first, the order of a walk and of the clean-up), the model is given the engine's choice and checks that it
+// was a legal one.
 //
 // Invariants: after each hardware call no two programmed records share a position, and in each group
 //   priorities do not decrease along the precedence order; after each step no two records wait for one
@@ -40,6 +41,7 @@ class Fatal : public Illegal {
 // What the engine chose where it may choose.
 struct Choices {
   std::vector<U64> candidates;  // of the deadlock check, in the order in which they were taken
+  std::vector<U64> victims;     // of rings through a priority-blocked entry, in the order of their deletes
   std::vector<U64> order;       // keys of a full walk or of the cleanup, in the order of the visit
   bool foreseen = false;        // the engine has not run yet: the model chooses, the longest blocked first
 };
@@ -135,8 +137,19 @@ class Model {
   void wakeBetween(U16 pg, U64 lo, U64 hi);
   void drain();
   void checkDeadlock();
+  void breakRings();
   bool ringFrom(U64 start, std::vector<U64>& visited);
   void breakRing(U64 start);
+  void takeOutAndBack(U64 key);
+  void breakMixedRingsIs(bool v);
+  void breakMixedRings();
+  std::optional<U64> nextMixedVictim();
+  std::vector<U64> cheapestOfEachRing() const;
+  std::vector<ModelRecord const*> ringOf(ModelRecord const& start) const;
+  ModelRecord const* obstacleOf(ModelRecord const& r) const;
+  bool mayStillGo(ModelRecord const& r) const;
+  bool contradict(ModelRecord const& a, ModelRecord const& b) const;
+  void retry(U64 key);
   void answerDebug();
   void cleanUp(Choices const& choices);
 
@@ -180,6 +193,8 @@ class Model {
   bool dirty_ = true;
   bool alwaysProcessPending_ = false;
   U32 deadlockCount_ = 0;
+  bool breakMixedRings_ = false;
+  U32 numMixedRings_ = 0;
   std::map<U64, U64> handleToKey_;
   std::map<U64, U64> keyToHandle_;
 
@@ -192,6 +207,7 @@ class Model {
 
   Choices const* choices_ = nullptr;  // of the step being run
   std::size_t candidatesTaken_ = 0;
+  std::size_t victimsTaken_ = 0;
   U64 lostInDrain_ = 0;
   U64 claimsLost_ = 0;
 };

@@ -106,6 +106,36 @@ TEST_F(AgentProcess, ProgramsEntriesAndCleansUpOnSigterm) {
   EXPECT_THAT(agent->err(), IsEmpty());
 }
 
+// Three entries of two groups that wait for each other, one of them for the priority order.
+class AgentWithMixedRing : public AgentProcess {
+ protected:
+  void close() {
+    table = producer();
+    for (EntryConfig const& e : {entry(1, 0, 0, 0), entry(2, 1, 1, 0), entry(3, 3, 0, 1)}) table->entryIs(e);
+    ASSERT_TRUE(acknowledged());
+    for (EntryConfig const& e : {entry(1, 2, 0, 0), entry(2, 3, 1, 0), entry(3, 0, 0, 1)}) table->entryIs(e);
+  }
+  Ostra::Ptr<ConfigWriter> table;
+};
+
+TEST_F(AgentWithMixedRing, BreaksItAndPublishesThat) {
+  auto const agent = startReady();
+  close();
+  EXPECT_TRUE(acknowledged()) << agent->err();
+  EXPECT_EQ(ask("attr get engine numMixedRings"), "1\n");
+  EXPECT_EQ(ask("attr get engine numPending"), "0\n");
+  EXPECT_EQ(stop(*agent), 0);
+  EXPECT_THAT(agent->out(), HasSubstr("1 deletes to break rings"));
+}
+
+TEST_F(AgentWithMixedRing, LeavesItWhenItIsStrict) {
+  auto const agent = startReady({"--strict"});
+  close();
+  EXPECT_TRUE(eventually([&] { return ask("attr get engine numPending") == "3\n"; })) << agent->err();
+  EXPECT_EQ(ask("attr get engine breakMixedRings"), "false\n");
+  EXPECT_EQ(ask("attr get engine numMixedRings"), "0\n");
+}
+
 TEST_F(AgentProcess, WaitsForAProducerAndSaysWhenItIsReady) {
   auto const agent = startReady();
   EXPECT_THAT(agent->out(), HasSubstr("waiting for a producer's config.shoal"));

@@ -3,6 +3,7 @@
 // exception leaves through processPending, so the front end retries the key that was notified, not the one
 // that failed.
 #include "keel/virtual_wheel.h"
+#include "ostra/exception.h"
 #include "tests/support/fast_world.h"
 
 using namespace TestSupport;
@@ -82,4 +83,19 @@ TEST_F(Drain, FailureOfAVictimRetriesOnlyTheNotifiedKey) {
   EXPECT_FALSE(known(2)) << "the retry brings back the notified key only";
   EXPECT_THAT(tell({.key = 2, .ti = 1}), IsEmpty()) << "waits for 1, which is queued";
   EXPECT_THAT(tell({.key = 9, .ti = 9}), ElementsAre("add 9@9", "update 1@2", "move 1@2", "add 2@1"));
+}
+
+TEST_F(Drain, FailedRetryWithoutAFrontEndLeavesNoClaim) {
+  engine->breakMixedRingsIs(true);
+  sm = nullptr;
+  EXPECT_EQ(engine->retries(), nullptr);
+  put({.key = 1, .ti = 1});
+  put({.key = 2, .ti = 1});
+  failing = 2;
+  EXPECT_THROW(put({.key = 1, .ti = 5}), Ostra::InternalException);
+  EXPECT_EQ(engine->numPending(), 0U);
+  failing = 0;
+  EXPECT_THAT(client->take(), ElementsAre("update 1@5", "move 1@5"));
+  engine->handleEntry(EntryKey(2));
+  EXPECT_THAT(client->take(), ElementsAre("add 2@1"));
 }

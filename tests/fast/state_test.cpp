@@ -13,6 +13,8 @@ class Watcher : public FastVantrelImpl::Notifiee {
   void onPrioGrpShift() override { ++count; }
   void onState() override { ++count; }
   void onDeadlockCount() override { ++count; }
+  void onBreakMixedRings() override { ++count; }
+  void onNumMixedRings() override { ++count; }
   int count = 0;
 };
 
@@ -64,12 +66,17 @@ TEST_F(EngineState, AttributesNotifyOnlyOnChange) {
   engine->deadlockCountIs(0);
   engine->prioGrpShiftIs(19);
   engine->stateIs(engine->state());
+  engine->breakMixedRingsIs(false);
+  engine->numMixedRingsIs(0);
   EXPECT_EQ(w.count, 0);
   EXPECT_EQ(engine->deadlockCountInc(3), 3U);
   EXPECT_EQ(engine->deadlockCountInc(0xFFFFFFFF), 2U);
   engine->deadlockCountIs(9);
   engine->prioGrpShiftIs(20);
   EXPECT_EQ(w.count, 4);
+  engine->breakMixedRingsIs(true);
+  engine->numMixedRingsIs(1);
+  EXPECT_EQ(w.count, 6);
 }
 
 TEST_F(EngineState, InitializingAgainKeepsTheState) {
@@ -124,9 +131,10 @@ TEST_F(EngineState, OffersTheNamesOfThisClassBeyondTheBase) {
   EXPECT_THAT(std::vector(atcam.begin() + static_cast<std::ptrdiff_t>(fast.size()), atcam.end()),
               testing::ElementsAre("maxPartitions U32"));
   fast.erase(fast.begin(), fast.begin() + static_cast<std::ptrdiff_t>(base.size()));
-  EXPECT_THAT(fast, testing::ElementsAre("prioGrpShift U32", "state reference", "deadlockCount U32",
-                                         "deadlockCountInc (U32)", "processDeleteHelper (U64, bool, bool)",
-                                         "doCleanup ()"));
+  EXPECT_THAT(fast,
+              testing::ElementsAre("prioGrpShift U32", "state reference", "deadlockCount U32",
+                                   "deadlockCountInc (U32)", "breakMixedRings bool", "numMixedRings U32",
+                                   "processDeleteHelper (U64, bool, bool)", "doCleanup ()"));
 }
 
 TEST_F(EngineState, OperationsByNameAnswer) {

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Which entries arrive: in one group all, from any placement; with several groups nearly all. docs/limits.md
-// says what a producer does about it.
+// says what a producer does about it. test_mixed_rings has the same with breakMixedRings.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <numeric>
 #include <string>
 
 #include "testing/rewrite.h"
@@ -15,26 +14,8 @@
 namespace Testing {
 namespace {
 
-std::vector<U32> firstOrder(std::size_t members) {
-  std::vector<U32> order(members);
-  std::iota(order.begin(), order.end(), 0);
-  return order;
-}
-
-// Runs the steps from an empty world; whether all arrive at `target` in the end.
-bool arrives(Differ& differ, std::vector<Step> const& steps, Placement const& target) {
-  differ.empty();
-  for (Step const& step : steps) differ.run(step);
-  return arrived(differ.model(), target);
-}
-
 std::string shown(std::vector<Step> const& steps, std::string const& name) {
   return "vantrel replay " + keep({EngineChoice{}, steps}, name);
-}
-
-std::vector<Step> joined(std::vector<Step> first, std::vector<Step> const& second) {
-  first.insert(first.end(), second.begin(), second.end());
-  return first;
 }
 
 // Every earlier state that `before` puts can lead to, every consistent target, every order of writing it.
@@ -268,25 +249,6 @@ bool findStuck(std::vector<Member> const& members, U32 positions, Stuck& found) 
       } while (std::next_permutation(order.begin(), order.end()));
     }
   return false;
-}
-
-// Members of up to two groups with the given number of keys: each key's group and priority.
-std::vector<std::vector<Member>> casts(U32 keys) {
-  std::vector<std::vector<Member>> all;
-  U32 const kinds = 2 * keys;
-  U64 count = 1;
-  for (U32 i = 0; i < keys; ++i) count *= kinds;
-  for (U64 n = 0; n < count; ++n) {
-    std::vector<Member> members;
-    U64 digits = n;
-    for (U32 i = 0; i < keys; ++i, digits /= kinds)
-      members.push_back({static_cast<U16>(digits % kinds / keys), static_cast<U32>(digits % kinds % keys)});
-    bool const canonical = std::is_sorted(
-        members.begin(), members.end(),
-        [](Member const& a, Member const& b) { return a.pg != b.pg ? a.pg < b.pg : a.prio < b.prio; });
-    if (canonical) all.push_back(members);
-  }
-  return all;
 }
 
 TEST(Liveness, noRewriteOfTwoKeysIsLeftUnfinishedInAnyGroups) {

@@ -20,6 +20,7 @@ struct Tally {
   U64 steps = 0;
   U64 moves = 0;
   U64 rings = 0;
+  U64 mixedRings = 0;
   U64 claimsLost = 0;
 };
 
@@ -30,12 +31,14 @@ std::string walkOnce(Shape const& shape, U64 seed, U64 length, Scenario& scenari
   scenario.engine = shape.engine;
   Differ differ(shape.engine);
   U64 const lostBefore = tally.claimsLost;
+  U64 const mixedBefore = tally.mixedRings;
   try {
     for (U64 i = 0; i < length; ++i) {
       Step const step = steps.next(differ.model());
       if (shape.failures && !differ.endsProcess(step).empty()) return "";
       scenario.steps.push_back(step);
       tally.claimsLost = lostBefore + differ.model().claimsLost();
+      tally.mixedRings = mixedBefore + differ.model().counters().numMixedRings;
       differ.run(scenario.steps.back());
       for (Event const& event : differ.events()) {
         if (event.kind == EventKind::Move) ++tally.moves;
@@ -72,9 +75,11 @@ TEST_P(Walks, engineAndModelAgreeAfterEveryStep) {
   }
   EXPECT_GT(tally.moves, 0U);
   EXPECT_TRUE(tally.rings > 0 || total < 60000);
-  std::printf("%s: %llu steps, %llu moves, %llu rings, %llu claims lost to others, seeds up to %llu\n",
+  EXPECT_TRUE(GetParam().mixedRings || tally.mixedRings == 0);
+  std::printf("%s: %llu steps, %llu moves, %llu rings, %llu mixed, %llu claims lost, seeds up to %llu\n",
               GetParam().name.c_str(), static_cast<unsigned long long>(tally.steps),
               static_cast<unsigned long long>(tally.moves), static_cast<unsigned long long>(tally.rings),
+              static_cast<unsigned long long>(tally.mixedRings),
               static_cast<unsigned long long>(tally.claimsLost), static_cast<unsigned long long>(seed - 1));
 }
 

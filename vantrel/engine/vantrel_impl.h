@@ -105,6 +105,19 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
       yieldNow();
   }
 
+  // Who hands a key over again after a while that the engine could not handle now, beside the key of the call
+  // itself, whose exception says so: the front end. The object must outlive the engine or be replaced before
+  // it goes. Null, the default: nobody.
+  class Retries {
+   public:
+    virtual void retryLater(EntryKey const& key) = 0;
+
+   protected:
+    ~Retries() = default;
+  };
+  void retriesIs(Retries* retries) { retries_ = retries; }
+  Retries* retries() const { return retries_; }
+
   Ostra::Ptr<TableConfig const> const& tableConfig() const { return tableConfig_; }
   Ostra::Ptr<DebugConfig const> const& debugConfig() const { return debugConfig_; }
   Ostra::Ptr<DebugStatus> const& debugStatus() const { return debugStatus_; }
@@ -156,6 +169,12 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   using Prefetch = void (*)(VantrelImpl const& engine, EntryKey const& key);
   void prefetchIs(Prefetch prefetch) { prefetch_ = prefetch; }
 
+  // False when there is nobody who does.
+  bool retryLater(EntryKey const& key) const {
+    if (retries_) retries_->retryLater(key);
+    return retries_;
+  }
+
   // Returns the key's configuration once its dependant tables are programmed; an empty or delete-marked one
   // after the first attempt, whatever came of it. Throws Ostra::InternalException after retryDepsMaxCnt
   // attempts in vain.
@@ -182,6 +201,7 @@ class VANTREL_API VantrelImpl : public Ostra::Entity {
   bool initialized_ = false;
   Prefetch prefetch_ = nullptr;
   Yield* yield_ = nullptr;
+  Retries* retries_ = nullptr;
   std::unique_ptr<KeyOfHandle> const handleToKey_;
   std::unique_ptr<HandleOfKey> const keyToHandle_;
 };

@@ -15,6 +15,7 @@
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
+#include "vantrel/fast/mixed_rings.h"
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
@@ -58,11 +59,14 @@ bool FastVantrelImpl::conflicts(EntryConfig const& entry, CState_s& c) {
     s.clearPending(c.p, true);
     return true;
   }
+  U32 const claimed = c.p.ti;
+  PendingType const why = c.p.type;
   for (U32 k = 0; k < entry.tableIndexs(); ++k)
     if (!mayTake(entry, c, entry.tableIndex(TableKey(k)))) {
       VANTREL_RECORD(9, lgId(), "conflicting key:", c.key, " hdl:", c.hdl, " prio:", c.prio,
                      " opId:", entry.opId());
       s.blocked.insert(c.key);
+      if (breakMixedRings() && (c.p.ti != claimed || c.p.type != why)) mixedRings_->claimMade(c);
       return true;
     }
   s.clearPending(c.p, true);
@@ -120,6 +124,7 @@ void FastVantrelImpl::claimPriority(EntryConfig const& entry, CState_s& c, U32 t
   slot = &c;
   s.clearPending(c.p, true);
   c.p = claim;
+  if (breakMixedRings() && c.programmed()) *s.priorityClaims.insert(ti) = &c;
 }
 
 void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 ti) {

@@ -22,6 +22,7 @@
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
+#include "vantrel/fast/mixed_rings.h"
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
@@ -34,6 +35,7 @@ struct VANTREL_LOCAL FastVantrelImpl::Check {
 
 void FastVantrelImpl::checkDeadlock() {
   if (!state()->blocked.empty()) checkBlocked();
+  if (breakMixedRings() && mixedRings_->maySeeOne()) checkMixedRings();
 }
 
 // Out of line: mostly no key is blocked.
@@ -88,20 +90,25 @@ CState_s const* FastVantrelImpl::occupantWaitedFor(CState_s const& c, EntryConfi
     VANTREL_TRACE(vantrelFastImplTrace(), 7, "skipping prio blocked ", c.key);
     return nullptr;
   }
-  FAST_ASSERT_AS(occupant, "PValue");
+  FAST_ASSERT_AS(occupant || breakMixedRings(), "PValue");
   return occupant;
 }
 
-// The victim is the entry that the chain started from. Its delete queues the entry that waits for its
-// position. Dispatched again, the victim is a new entry, which waits; then the queue is drained.
+// The victim is the entry that the chain started from.
 void FastVantrelImpl::breakRing(EntryKey const& victim) {
   VANTREL_TRACE(vantrelFastImplTrace(), 1, "found deadlock ", victim);
   momentPassed();
   VANTREL_RECORD(1, lgId(), "found deadlock key:", victim);
-  processDeleteHelper(victim, true, false);
-  handleEntryHelper(victim);
-  processPending();
+  takeOutAndBack(victim);
   deadlockCountInc(1);
+}
+
+// The delete queues the entries that wait for the victim. Dispatched again, the victim is a new entry, which
+// waits; then the queue is drained.
+void FastVantrelImpl::takeOutAndBack(EntryKey const& victim) {
+  processDeleteHelper(victim, true, false);
+  retry(victim);
+  processPending();
 }
 
 // True when the chain from `start` is known to end and need not be followed now. Following it would only

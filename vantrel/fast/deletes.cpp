@@ -13,6 +13,7 @@
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
+#include "vantrel/fast/mixed_rings.h"
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
@@ -66,6 +67,7 @@ void FastVantrelImpl::vacate(CState_s const& c, U32 ti) {
   if (!s.positions.hasStrays() || s.positions.current.at(ti) == &c) s.positions.remove(placeOf(c, ti));
   s.addToWorkq(ti);
   wakeRange(c.pg, rangeOpenedByDelete(c, ti));
+  if (breakMixedRings()) mixedRings_->vacated(c.pg, ti);
 }
 
 // The deleted entry is no longer in the precedence index: its neighbours are found from its old place.

@@ -10,6 +10,7 @@
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_atcam_impl.h"
+#include "vantrel/fast/mixed_rings.h"
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
@@ -19,7 +20,8 @@ FastVantrelImpl::FastVantrelImpl(std::string name, Ostra::Ptr<TableConfig const>
                                  Ostra::Ptr<DebugStatus> debugStatus, Ostra::Ptr<VantrelHelper> helper,
                                  U32 lgId)
     : VantrelImpl(std::move(name), std::move(tableConfig), std::move(debugConfig), std::move(debugStatus),
-                  std::move(helper), lgId) {
+                  std::move(helper), lgId),
+      mixedRings_(std::make_unique<MixedRings>(*this)) {
   FastVantrelImpl::handleInitialized();
   prefetchIs([](VantrelImpl const& engine, EntryKey const& key) {
     static_cast<FastVantrelImpl const&>(engine).state()->prefetch(key);
@@ -96,6 +98,8 @@ Ostra::TypeInfo const& FastVantrelImpl::staticType() {
           .refusedBecause(&stateWouldBeLost)
           .attribute("deadlockCount", &F::deadlockCount, &F::deadlockCountIs)
           .operation("deadlockCountInc", &F::deadlockCountInc)
+          .attribute("breakMixedRings", &F::breakMixedRings, &F::breakMixedRingsIs)
+          .attribute("numMixedRings", &F::numMixedRings)
           .operation("processDeleteHelper", &F::processDeleteHelper)
           .operation("doCleanup", &F::doCleanup);
   return type;

@@ -13,6 +13,8 @@
 // Errors: a broken invariant is an assertion against the model file FastVantrelImpl.
 #pragma once
 
+#include <memory>
+
 #include "vantrel/core/mapping.h"
 #include "vantrel/engine/vantrel_impl.h"
 #include "vantrel/fast/wait_reason.h"
@@ -30,6 +32,8 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
     virtual void onPrioGrpShift() {}
     virtual void onState() {}
     virtual void onDeadlockCount() {}
+    virtual void onBreakMixedRings() {}
+    virtual void onNumMixedRings() {}
   };
 
   FastVantrelImpl(std::string name, Ostra::Ptr<TableConfig const> tableConfig,
@@ -90,6 +94,17 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
     return deadlockCount_;
   }
 
+  // Every consistent target is reached: rings through entries that wait for the priority order are broken too
+  // (mixed_rings.h), and an entry whose retry fails is left to the front end's timer, like a notified one.
+  // Off by default: such a ring stays then, and so does the claim of an entry whose retry failed.
+  bool breakMixedRings() const { return breakMixedRings_; }
+  void breakMixedRingsIs(bool v);
+  // How many rings were broken that only this search sees.
+  U32 numMixedRings() const { return numMixedRings_; }
+  void numMixedRingsIs(U32 v) {
+    scalarIs(fastNotifiees_, "numMixedRings", numMixedRings_, v, &Notifiee::onNumMixedRings);
+  }
+
   // The watchers of this class's own attributes; those of the base are VantrelImpl's.
   Ostra::Notifier& notifieeList() const { return fastNotifiees_; }
 
@@ -130,6 +145,8 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
 
   // workq.cpp
   void retryNext();
+  void retry(EntryKey const& key);
+  void retryFailed(EntryKey const& key);
 
   // deletes.cpp
   bool deleteKnown(CState_s& c, bool deadlock, bool delAck);
@@ -149,11 +166,20 @@ class VANTREL_API FastVantrelImpl : public VantrelImpl {
   bool chainComesBack(EntryKey const& start, Check& check, Reader read) const;
   CState_s const* occupantWaitedFor(CState_s const& c, EntryConfig const& config) const;
   void breakRing(EntryKey const& victim);
+  void takeOutAndBack(EntryKey const& victim);
+
+  // mixed_rings.cpp
+  class MixedRings;
+  void reviewClaims();
+  void checkMixedRings();
 
   mutable Ostra::Notifier fastNotifiees_;
   U32 prioGrpShift_ = TcamMapping::defaultShift;
   FastState* state_ = nullptr;
   U32 deadlockCount_ = 0;
+  bool breakMixedRings_ = false;
+  U32 numMixedRings_ = 0;
+  std::unique_ptr<MixedRings> const mixedRings_;
   bool cleanedUp_ = false;
 };
 

@@ -110,7 +110,7 @@ class JudyMap {
   JudyMap() = default;
   JudyMap(JudyMap const&) = delete;
   JudyMap& operator=(JudyMap const&) = delete;
-  ~JudyMap() { JudyLFreeArray(&array_, PJE0); }
+  ~JudyMap() { clear(); }
 
   bool empty() const { return array_ == nullptr; }
   T* at(U32 index, Site site = Site::current()) const {
@@ -125,6 +125,7 @@ class JudyMap {
     return reinterpret_cast<T**>(Judy::get(array_, index, site));
   }
   bool remove(U32 index, Site site = Site::current()) { return Judy::remove(array_, index, site); }
+  void clear() { JudyLFreeArray(&array_, PJE0); }
 
   std::optional<Item> atOrAbove(U32 index, Site site = Site::current()) const {
     return step<&Judy::atOrAbove>(index, site);

@@ -19,19 +19,10 @@
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
+#include "vantrel/fast/mixed_rings.h"
 #include "vantrel/fast/state.h"
 
 namespace Vantrel {
-namespace {
-
-// The low part tells whether match or action changed, the high part counts versions. After more versions than
-// the low part can tell apart, equal low parts prove nothing: the entry is rewritten.
-bool unchanged(OpId wanted, OpId programmed) {
-  constexpr U64 maxVersionsAhead = 65535;
-  return wanted.low() == programmed.low() && wanted.high() - programmed.high() <= maxVersionsAhead;
-}
-
-}  // namespace
 
 bool FastVantrelImpl::processEntry(EntryConfig const& entry) {
   FAST_ASSERT(initialized());
@@ -82,6 +73,7 @@ void FastVantrelImpl::move(EntryConfig const& entry, CState_s& c, U32 ti) try {
   hardware(c).moveEntry(entry);
   s.addToWorkq(old);
   wakeRange(c.pg, rangeOpenedByMove(c, old, ti));
+  if (breakMixedRings()) mixedRings_->vacated(c.pg, old);
 } catch (...) {
   state()->positions.strayIs(c.key, ti);
   throw;

@@ -45,6 +45,14 @@ inline U32 waitClock(U32 since = 0) {
   return (static_cast<U32>(now.tv_sec) - since) & 0xFFFFFFF;
 }
 
+// Whether two versions of an entry match and act alike. The low part tells whether match or action changed,
+// the high part counts versions. After more versions than the low part can tell apart, equal low parts prove
+// nothing: the entry is rewritten.
+inline bool unchanged(OpId wanted, OpId programmed) {
+  constexpr U64 maxVersionsAhead = 65535;
+  return wanted.low() == programmed.low() && wanted.high() - programmed.high() <= maxVersionsAhead;
+}
+
 // What the engine knows of one key. hdl, prio and pg are those of the first configuration seen.
 struct CState_s {
   EntryKey key;

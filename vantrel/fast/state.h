@@ -4,6 +4,8 @@
 //   cstate:     key -> record      every key that the engine knows
 //   positions:  ti --> record      where an entry is programmed (positions.h)
 //   pending:    ti --> record      who waits for a position, at most one each
+//   priorityClaims: of pending, the programmed ones that wait for the priority order; kept while
+//               breakMixedRings is set
 //   workq:      keys to retry, in order of arrival; workqSet: which they are
 //   blocked:    keys whose last conflict check found them blocked; the deadlock check starts from them
 //   chains:     which chains of claims are known to end (open_chains.h)
@@ -40,6 +42,7 @@ class FastState {
   FastState& operator=(FastState const&) = delete;
 
   JudyMap<CState_s> pending;
+  JudyMap<CState_s> priorityClaims;
   Positions positions;
   JudySet workqSet;
 
@@ -86,6 +89,7 @@ class FastState {
   // caller must overwrite the slot.
   void clearPending(EntryPState_s& p, bool unindex) {
     if (unindex && p.ti != noIndex) unindexClaim(p.ti);
+    if (p.type == PendingType::Priority && !priorityClaims.empty()) priorityClaims.remove(p.ti);
     chains.claimEnded(p);
     p = {OpId(), noIndex, PendingType::None};
   }

@@ -4,8 +4,9 @@
 //   pending:  ti 4 -> key 7      addToWorkq(4):  workq [ 7 ]      processPending():  handleEntryHelper(7)
 //
 // The queue is edge-triggered: waiting entries are never scanned. A queued entry keeps its claim until its
-// retry renews or ends it. Keys queued while a drain runs are retried in the same drain. It does not keep a
-// key whose retry failed.
+// retry renews or ends it. Keys queued while a drain runs are retried in the same drain. A key whose retry
+// fails is handed to the front end with breakMixedRings, and lost without it.
+#include "ostra/exception.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -43,7 +44,22 @@ void FastVantrelImpl::processPending() {
   momentPassed();
   VANTREL_RECORD(9, lgId(), "pending key:", key);
   if (CState_s* const c = state()->record(key)) state()->chains.claimRetried(c->p);
+  retry(key);
+}
+
+void FastVantrelImpl::retry(EntryKey const& key) try {
   handleEntryHelper(key);
+} catch (Ostra::InternalException const&) {
+  if (!breakMixedRings()) throw;
+  retryFailed(key);
+}
+
+// Leaves the key to the front end's timer. Its claim ends: nobody would wake it a second time, and it would
+// stay when its obstacle is gone. Without a front end the caller learns of it.
+void FastVantrelImpl::retryFailed(EntryKey const& key) {
+  if (CState_s* const c = state()->record(key)) state()->clearPending(c->p, true);
+  dirtyIs(true);
+  if (!retryLater(key)) throw;
 }
 
 }  // namespace Vantrel

@@ -34,17 +34,19 @@ VantrelSm::VantrelSm(Ostra::Ptr<TableConfig const> tableConfig, Ostra::Ptr<Table
       vantrelImpl_(std::move(vantrelImpl)),
       flushStatus_(std::move(flushStatus)),
       timerReactor_(makeReactor<TimerReactor>(std::move(retryFailedTimer))) {
+  if (vantrelImpl_) vantrelImpl_->retriesIs(this);
   try {
     VantrelSm::handleInitialized();
   } catch (...) {
-    detachReactors();  // a notification that is under way may keep one of them alive
+    detach();  // a notification that is under way may keep a reactor alive
     throw;
   }
 }
 
-VantrelSm::~VantrelSm() { detachReactors(); }
+VantrelSm::~VantrelSm() { detach(); }
 
-void VantrelSm::detachReactors() {
+void VantrelSm::detach() {
+  if (vantrelImpl_ && vantrelImpl_->retries() == this) vantrelImpl_->retriesIs(nullptr);
   eachReactor([](auto const& reactor) { reactor->ownerIsGone(); });
 }
 

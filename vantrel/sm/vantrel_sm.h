@@ -20,7 +20,7 @@
 
 namespace Vantrel {
 
-class VANTREL_API VantrelSm : public Ostra::Described {
+class VANTREL_API VantrelSm : public Ostra::Described, private VantrelImpl::Retries {
  public:
   // Makes a front end and switches notification on, which begins with a walk of the table. Without a table,
   // debug configuration or wheel, what needs it does nothing; without a flush status nothing is counted.
@@ -118,8 +118,9 @@ class VANTREL_API VantrelSm : public Ostra::Described {
   static void drop(Ostra::Ptr<ReactorT>& reactor);
   template <class Call>
   void eachReactor(Call call);
-  void detachReactors();
+  void detach();
   void walk(TableConfig const& table);
+  void retryLater(EntryKey const& key) override { doScheduleRetry(key); }
 
   // What a reactor gets when it is made or pointed at another input.
   bool notificationActive_ = true;
