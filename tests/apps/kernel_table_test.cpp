@@ -41,6 +41,7 @@ class KernelTableTest : public Site {
     ASSERT_EQ(::mount("bpf", pins().c_str(), "bpf", 0, nullptr), 0) << std::strerror(errno);
   }
   void TearDown() override { ::umount2(pins().c_str(), MNT_DETACH); }
+  static std::string program() { return VANTREL_BIN_DIR "/vantreld"; }
   std::string pins() const { return dir / "pins"; }
   std::set<std::string> pinned() const {
     std::set<std::string> names;
@@ -71,9 +72,9 @@ TEST_F(KernelTableTest, DetachLeavesNothing) {
   start(flags());
   end(SIGTERM);
   EXPECT_TRUE(pinned().contains("link"));
-  Process detach({VANTREL_BIN_DIR "/vantreld", "--dir", tables(), "--hw", "xdp:filter,generic", "--hw-pin",
-                  pins(), "--hw-detach"},
-                 dir / "detach.out", dir / "detach.err");
+  Process detach(
+      {program(), "--dir", tables(), "--hw", "xdp:filter,generic", "--hw-pin", pins(), "--hw-detach"},
+      dir / "detach.out", dir / "detach.err");
   EXPECT_EQ(detach.wait(), 0) << detach.err();
   EXPECT_EQ(pinned(), before);
   EXPECT_NE(std::system("ip -d link show filter | grep -q prog/xdp"), 0);
@@ -85,13 +86,11 @@ TEST_F(KernelTableTest, WrongOptionsAreNamed) {
            {"other", "expected sim, null or xdp:INTERFACE"},
            {"xdp:filter,fast", "found \"fast\""},
        }) {
-    Process refused({VANTREL_BIN_DIR "/vantreld", "--dir", tables(), "--hw", option}, dir / "out",
-                    dir / "err");
+    Process refused({program(), "--dir", tables(), "--hw", option}, dir / "out", dir / "err");
     EXPECT_EQ(refused.wait(), 2);
     EXPECT_THAT(refused.err(), HasSubstr(said));
   }
-  Process keeps({VANTREL_BIN_DIR "/vantreld", "--dir", tables(), "--hw", "xdp:filter", "--keep"}, dir / "out",
-                dir / "err");
+  Process keeps({program(), "--dir", tables(), "--hw", "xdp:filter", "--keep"}, dir / "out", dir / "err");
   EXPECT_EQ(keeps.wait(), 2);
   EXPECT_THAT(keeps.err(), HasSubstr("needs --hw-pin"));
 }

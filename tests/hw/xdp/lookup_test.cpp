@@ -71,7 +71,8 @@ TEST_P(LookupTest, EqualsLinearOneForFilterRules) {
 TEST_P(LookupTest, EqualsLinearOneWhenRulesOverlap) {
   std::mt19937_64 random(11);
   std::vector<Acl::Rule> rules;
-  for (int i = 0; i < 300; ++i) rules.push_back(Acl::randomRule(random, 2));
+  rules.reserve(300);
+  while (rules.size() < 300) rules.push_back(Acl::randomRule(random, 2));
   compare(GetParam(), false, rules, 1000);
 }
 
