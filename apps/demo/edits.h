@@ -5,7 +5,7 @@
 #include <random>
 #include <vector>
 
-#include "apps/vantrel/acl/rule.h"
+#include "hw/acl/rule.h"
 
 namespace Demo {
 

@@ -9,10 +9,10 @@
 #include <stdexcept>
 #include <vector>
 
-#include "apps/vantrel/acl/rule.h"
 #include "apps/vantrel/agent_view.h"
 #include "apps/vantrel/command.h"
 #include "apps/vantrel/flags.h"
+#include "hw/acl/rule.h"
 #include "pallo/exception.h"
 #include "producer/acknowledgements.h"
 #include "producer/shared_tables.h"

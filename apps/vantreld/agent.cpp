@@ -27,6 +27,18 @@ Ostra::Ptr<Shoal::WriterTable<Vantrel::EntryStatus>> ownStatus(std::string const
   }
 }
 
+char const* kindOfPositions(HardwareKind kind) {
+  switch (kind) {
+    case HardwareKind::Sim:
+      return "simulated";
+    case HardwareKind::Null:
+      return "imaginary";
+    case HardwareKind::Xdp:
+      return "kernel";
+  }
+  return "";
+}
+
 }  // namespace
 
 // Watches a file descriptor on the loop, and does not own it.
@@ -276,7 +288,7 @@ void Agent::sayReady() {
                                  ? fmt::format("atcam with {} partitions", options_.maxPartitions)
                                  : "fast";
   out_.say("ready in {}: engine {}, {} {} positions, {}", options_.dir, engine, options_.size,
-           options_.hardware == HardwareKind::Sim ? "simulated" : "imaginary", wanted);
+           kindOfPositions(options_.hardware), wanted);
 }
 
 // Says the latest damaged or refused record whenever their number has grown.

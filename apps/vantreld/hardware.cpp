@@ -6,6 +6,7 @@
 
 #include <stdexcept>
 
+#include "apps/vantreld/xdp_hardware.h"
 #include "ostra/piecewise_map.h"
 #include "ostra/type_info.h"
 #include "shoal/error.h"
@@ -14,11 +15,6 @@ namespace Vantreld {
 namespace {
 
 constexpr int longestWaitMs = 2;
-
-Hw::Driver& driverOf(Ostra::Ptr<Hw::SimulatedTcam> const& sim, Ostra::Ptr<NullHardware> const& null) {
-  if (sim) return *sim;
-  return *null;
-}
 
 }  // namespace
 
@@ -48,15 +44,28 @@ class Hardware::Watcher : public Hw::Executor::Notifiee {
 
 Hardware::Hardware(Options const& options, Ostra::Ptr<Vantrel::TableStatus> status, Log& err)
     : err_(err), wheel_(Ostra::make<Keel::TimerfdWheel>()) {
-  if (options.hardware == HardwareKind::Sim)
-    makeSimulated(options);
-  else
-    null_ = Ostra::make<NullHardware>();
-  executor_ = Ostra::make<Hw::Executor>("executor", std::move(status), driverOf(sim_, null_), wheel_);
+  makeDriver(options);
+  executor_ = Ostra::make<Hw::Executor>("executor", std::move(status), *driver_, wheel_);
   watcher_ = std::make_unique<Watcher>(executor_, err_);
 }
 
 Hardware::~Hardware() = default;
+
+void Hardware::makeDriver(Options const& options) {
+  if (options.hardware == HardwareKind::Xdp) {
+    auto const xdp = makeXdp(options.xdp);
+    entity_ = xdp.entity;
+    driver_ = xdp.driver;
+  } else if (options.hardware == HardwareKind::Sim) {
+    makeSimulated(options);
+    entity_ = sim_;
+    driver_ = &*sim_;
+  } else {
+    auto const null = Ostra::make<NullHardware>();
+    entity_ = null;
+    driver_ = &*null;
+  }
+}
 
 void Hardware::makeSimulated(Options const& options) {
   SimOptions const& o = options.sim;
@@ -84,10 +93,7 @@ void Hardware::takeState(std::string const& path) try {
 }
 
 void Hardware::publish(Ostra::Publisher& publisher) const {
-  if (sim_)
-    publisher.exportObject("hardware", sim_);
-  else
-    publisher.exportObject("hardware", null_);
+  publisher.exportObject("hardware", entity_);
   publisher.exportObject("executor", executor_);
 }
 
@@ -108,7 +114,7 @@ void Hardware::wait() {
 void Hardware::adopt(Vantrel::FastVantrelImpl& engine, Vantrel::TableConfig const& wanted,
                      Validator const& validator) {
   if (std::exchange(adoptionBegan_, true)) return;
-  adopted_ = Hw::adopt(engine, *executor_, driverOf(sim_, null_), wanted,
+  adopted_ = Hw::adopt(engine, *executor_, *driver_, wanted,
                        [&](Vantrel::EntryConfig const& entry) { return !validator.fault(entry); });
 }
 

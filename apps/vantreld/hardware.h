@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Hardware: the agent's back end. The engine calls an executor, which makes a driver follow:
 //
-//   engine --> Hw::Executor --> Hw::SimulatedTcam (--hw sim), or NullHardware (--hw null)
+//   engine --> Hw::Executor --> Hw::SimulatedTcam (--hw sim), NullHardware (--hw null),
+//                               or Hw::XdpTcam (--hw xdp:INTERFACE)
 //
 // Ownership: holds references to the status table; refers to the log.
 // Threading: the agent's event loop, which polls fds().
@@ -57,8 +58,6 @@ class Hardware {
 
   // What the engine calls.
   Ostra::Ptr<Hw::Executor> const& executor() const { return executor_; }
-  // Entries in hardware.
-  U64 entries() const { return sim_ ? sim_->entries() : 0; }
   void publish(Ostra::Publisher& publisher) const;
 
   // Readable when late calls are completed, or are to be tried again; dispatch() does it.
@@ -79,7 +78,7 @@ class Hardware {
   // When adopt() was cut short: what it left is erased.
   void eraseRest();
 
-  // What it was asked to do, and what it holds. Empty with --hw null.
+  // What it was asked to do, and what it holds. Empty but with --hw sim.
   std::string summary() const;
   U64 violations() const { return sim_ ? sim_->violations() : 0; }
 
@@ -87,12 +86,14 @@ class Hardware {
   static constexpr U64 mostBehind = 256;
   class Watcher;
 
+  void makeDriver(Options const& options);
   void makeSimulated(Options const& options);
   void takeState(std::string const& path);
 
   Log& err_;
-  Ostra::Ptr<Hw::SimulatedTcam> sim_;  // null with --hw null
-  Ostra::Ptr<NullHardware> null_;
+  Ostra::Ptr<Hw::SimulatedTcam> sim_;  // null but with --hw sim
+  Ostra::Ptr<Ostra::Entity> entity_;   // what is published: that, or the one that takes its place
+  Hw::Driver* driver_ = nullptr;       // the same object
   Ostra::Ptr<Keel::TimerfdWheel> const wheel_;
   Ostra::Ptr<Hw::Executor> executor_;
   std::unique_ptr<Watcher> watcher_;

@@ -4,14 +4,22 @@
 
 #include <csignal>
 #include <exception>
+#include <utility>
 
 #include "apps/vantreld/agent.h"
+#include "apps/vantreld/xdp_hardware.h"
 
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   Vantreld::Log out(STDOUT_FILENO), err(STDERR_FILENO);
   try {
-    Vantreld::Agent agent(Vantreld::parse(argc, argv), out, err);
+    Vantreld::Options options = Vantreld::parse(argc, argv);
+    if (options.detach) {
+      Vantreld::detachXdp(options.xdp);
+      out.say("nothing is left in the kernel");
+      return 0;
+    }
+    Vantreld::Agent agent(std::move(options), out, err);
     return agent.run();
   } catch (std::exception const& e) {
     err.say("{}", e.what());

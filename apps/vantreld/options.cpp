@@ -5,9 +5,54 @@
 
 #include <CLI/CLI.hpp>
 #include <map>
+#include <sstream>
+#include <string_view>
 
 namespace Vantreld {
 namespace {
+
+// One word behind the interface.
+void xdpWord(Hw::XdpOptions& xdp, std::string const& word) {
+  static std::map<std::string, Hw::XdpHook> const hooks = {
+      {"native", Hw::XdpHook::Driver}, {"generic", Hw::XdpHook::Stack}, {"tc", Hw::XdpHook::Tc}};
+  if (auto const hook = hooks.find(word); hook != hooks.end())
+    xdp.hook = hook->second;
+  else if (word == "default=permit" || word == "default=deny")
+    xdp.permits = word == "default=permit";
+  else
+    throw CLI::ValidationError(
+        "--hw",
+        fmt::format("expected native, generic, tc, default=permit or default=deny, found \"{}\"", word));
+}
+
+void hardwareIs(Options& o, std::string const& text) {
+  constexpr std::string_view xdp = "xdp:";
+  if (text == "sim" || text == "null") {
+    o.hardware = text == "sim" ? HardwareKind::Sim : HardwareKind::Null;
+    return;
+  }
+  std::istringstream words(text.starts_with(xdp) ? text.substr(xdp.size()) : "");
+  if (!std::getline(words, o.xdp.interface, ',') || o.xdp.interface.empty())
+    throw CLI::ValidationError("--hw",
+                               fmt::format("expected sim, null or xdp:INTERFACE, found \"{}\"", text));
+  o.hardware = HardwareKind::Xdp;
+  for (std::string word; std::getline(words, word, ',');) xdpWord(o.xdp, word);
+}
+
+void checkXdp(CLI::App const& app, Options& o) {
+  if (o.hardware != HardwareKind::Xdp) {
+    if (!o.xdp.pins.empty() || o.detach)
+      throw CLI::ValidationError(o.detach ? "--hw-detach" : "--hw-pin", "belongs to --hw xdp:INTERFACE");
+    return;
+  }
+  if (!app.count("--size")) o.size = mostPositions;
+  if (o.size > mostPositions)
+    throw CLI::ValidationError(
+        "--size", fmt::format("--hw xdp has {} positions at most", static_cast<U32>(mostPositions)));
+  if (o.keep && o.xdp.pins.empty())
+    throw CLI::ValidationError("--keep", "needs --hw-pin: else the table ends with the agent");
+  o.xdp.positions = o.size;
+}
 
 void checkTogether(CLI::App const& app, Options const& o) {
   if (o.engine == EngineKind::Atcam && o.maxPartitions == 0)
@@ -17,7 +62,7 @@ void checkTogether(CLI::App const& app, Options const& o) {
   if (o.engine == EngineKind::Atcam && o.prioGrpShift && (o.maxPartitions - 1) >> (32 - o.prioGrpShift))
     throw CLI::ValidationError("--prio-grp-shift",
                                fmt::format("leaves no room for {} partitions", o.maxPartitions));
-  if (o.hardware == HardwareKind::Null && !o.sim.state.empty())
+  if (o.hardware != HardwareKind::Sim && !o.sim.state.empty())
     throw CLI::ValidationError("--sim-state", "belongs to --hw sim");
   if (o.size > o.mapping().positions())
     throw CLI::ValidationError(
@@ -81,15 +126,20 @@ Options parse(int argc, char** argv) {
   app.add_option("--size", o.size, "Positions in hardware")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
-  app.add_option("--hw", o.hardware, "sim (a checking simulation) or null (programs nothing)")
-      ->transform(CLI::CheckedTransformer(
-          std::map<std::string, HardwareKind>{{"sim", HardwareKind::Sim}, {"null", HardwareKind::Null}}));
+  app.add_option_function<std::string>(
+      "--hw", [&o](std::string const& text) { hardwareIs(o, text); },
+      "sim (a checking simulation), null (programs nothing) or xdp:INTERFACE[,native|generic|tc]\n"
+      "[,default=permit|deny] (a table in the kernel that the interface's packets pass through)");
+  app.add_option("--hw-pin", o.xdp.pins, "Directory in a BPF file system where that table outlives the agent")
+      ->check(CLI::ExistingDirectory);
+  app.add_flag("--hw-detach", o.detach, "Take away what an earlier run left in the kernel, and end");
   addSimulation(app, o.sim);
   app.add_flag("--keep", o.keep, "Stop without withdrawing: hardware keeps its entries");
   app.add_flag("--strict", o.strict,
                "Break rings of occupants only, and retry notified keys only (breakMixedRings is not set)");
   try {
     app.parse(argc, argv);
+    checkXdp(app, o);
     checkTogether(app, o);
   } catch (CLI::ParseError const& e) {
     std::exit(app.exit(e) == 0 ? 0 : 2);

@@ -4,13 +4,14 @@
 
 #include <string>
 
+#include "hw/xdp/program.h"
 #include "pallo/types.h"
 #include "vantrel/core/mapping.h"
 
 namespace Vantreld {
 
 enum class EngineKind { Fast, Atcam };
-enum class HardwareKind { Sim, Null };
+enum class HardwareKind { Sim, Null, Xdp };
 
 // What simulated hardware is like.
 struct SimOptions {
@@ -30,6 +31,8 @@ struct Options {
   U32 size = 131072;      // positions in hardware
   HardwareKind hardware = HardwareKind::Sim;
   SimOptions sim;
+  Hw::XdpOptions xdp;
+  bool detach = false;  // take away what an earlier run left attached, and end
   bool keep = false;    // stop without withdrawing
   bool strict = false;  // leave rings through entries that wait for the priority order, and failed retries
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "apps/vantrel/acl/rule.h"
+#include "hw/acl/rule.h"
 
 namespace Acl {
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "apps/vantrel/acl/rule.h"
+#include "hw/acl/rule.h"
 #include "shoal/reader_table.h"
 #include "tests/apps/acl_generator.h"
 #include "tests/support/agent.h"

@@ -26,7 +26,7 @@
 #include <optional>
 #include <vector>
 
-#include "apps/vantrel/acl/rule.h"
+#include "hw/acl/rule.h"
 
 namespace Acl {
 

@@ -29,7 +29,7 @@
 #include <utility>
 #include <vector>
 
-#include "apps/vantrel/acl/rule.h"
+#include "hw/acl/rule.h"
 #include "producer/acknowledgements.h"
 #include "producer/producer.h"
 

@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "apps/vantrel/acl/rule.h"
+#include "hw/acl/rule.h"
 
 namespace Acl {
 

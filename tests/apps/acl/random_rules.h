@@ -4,7 +4,7 @@
 
 #include <random>
 
-#include "apps/vantrel/acl/rule.h"
+#include "hw/acl/rule.h"
 
 namespace Acl {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "apps/vantrel/acl/rule.h"
+#include "hw/acl/rule.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,230 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "hw/xdp/program.h"
+
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <fmt/format.h>
+#include <linux/if_link.h>
+#include <net/if.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+extern "C" {
+extern char const vantrelTableObject[];
+extern char const vantrelTableObjectEnd[];
+}
+
+// The program, as the compiler for the kernel's machine made it.
+asm(".pushsection .rodata\n"
+    ".balign 16\n"
+    ".global vantrelTableObject\n.hidden vantrelTableObject\n"
+    ".global vantrelTableObjectEnd\n.hidden vantrelTableObjectEnd\n"
+    "vantrelTableObject:\n.incbin \"" VANTREL_TABLE_OBJECT
+    "\"\n"
+    "vantrelTableObjectEnd:\n.byte 0\n"
+    ".popsection\n");
+
+namespace Hw {
+namespace {
+
+constexpr char const* maps[] = {"bits", "sums", "refs", "records", "hits", "cpus", "shape"};
+
+[[noreturn]] void fail(std::string const& what, int error) {
+  error = std::abs(error);
+  throw std::runtime_error(
+      fmt::format("{}: {}{}", what, std::strerror(error),
+                  error == EPERM ? "; the capabilities CAP_BPF and CAP_NET_ADMIN are needed" : ""));
+}
+
+// libbpf would print; what failed is thrown instead.
+int silent(libbpf_print_level, char const*, va_list) { return 0; }
+
+// Options of libbpf, which say their own size.
+template <class T>
+T optionsOf() {
+  T options = {};
+  options.sz = sizeof options;
+  return options;
+}
+
+bpf_tc_hook ingressOf(U32 interface) {
+  auto hook = optionsOf<bpf_tc_hook>();
+  hook.ifindex = static_cast<int>(interface);
+  hook.attach_point = BPF_TC_INGRESS;
+  return hook;
+}
+
+bpf_tc_opts ourFilter() {
+  auto filter = optionsOf<bpf_tc_opts>();
+  filter.handle = filter.priority = 1;
+  return filter;
+}
+
+void detachTc(std::string const& interface) {
+  bpf_tc_hook const hook = ingressOf(::if_nametoindex(interface.c_str()));
+  bpf_tc_opts const filter = ourFilter();
+  bpf_tc_detach(&hook, &filter);
+}
+
+U64 wordsFor(U64 things) { return (things + 63) / 64; }
+
+}  // namespace
+
+XdpProgram::Mapping::~Mapping() {
+  if (at) ::munmap(at, bytes);
+}
+
+void XdpProgram::Closer::operator()(bpf_object* object) const { bpf_object__close(object); }
+
+XdpProgram::XdpProgram(XdpOptions const& options)
+    : options_(options), cpuCount_(static_cast<U32>(std::max(1, libbpf_num_possible_cpus()))) {
+  if (options_.positions == 0 || options_.positions > mostPositions)
+    throw std::runtime_error(fmt::format("{} positions: from 1 to {} are possible", options_.positions,
+                                         static_cast<U32>(mostPositions)));
+  open();
+  load();
+  map();
+  takeShape();
+  if (!options_.interface.empty()) attach();
+}
+
+XdpProgram::~XdpProgram() {
+  if (options_.pins.empty() && options_.hook == XdpHook::Tc && !options_.interface.empty())
+    detachTc(options_.interface);
+  if (link_ >= 0) ::close(link_);
+}
+
+void XdpProgram::open() {
+  if (!std::getenv("VANTREL_XDP_LOG")) libbpf_set_print(silent);
+  bpf_object* const object = bpf_object__open_mem(
+      vantrelTableObject, static_cast<std::size_t>(vantrelTableObjectEnd - vantrelTableObject), nullptr);
+  if (!object) fail("the table's program cannot be opened", errno);
+  object_.reset(object);
+  U64 const words = wordsFor(options_.positions);
+  size("bits", words * byteFields);
+  size("sums", wordsFor(words) * byteFields);
+  size("refs", options_.positions);
+  // One more than positions: an entry's next version is made before the last one goes.
+  size("records", options_.positions + 1);
+  size("hits", U64{cpuCount_} * (options_.positions + 1));
+  size("cpus", cpuCount_);
+  size("shape", 1);
+}
+
+void XdpProgram::size(char const* name, U64 entries) {
+  bpf_map* const map = bpf_object__find_map_by_name(object_.get(), name);
+  bpf_map__set_max_entries(map, static_cast<U32>(entries));
+  if (options_.pins.empty()) return;
+  if (int const error = bpf_map__set_pin_path(map, pin(name).c_str())) fail(pin(name), error);
+}
+
+void XdpProgram::load() {
+  if (int const error = bpf_object__load(object_.get()); error == -EINVAL && !options_.pins.empty())
+    throw std::runtime_error(options_.pins + ": holds a table of another shape; detach it first");
+  else if (error)
+    fail("the table's program cannot be loaded", error);
+  char const* const name = options_.hook == XdpHook::Tc ? "atTc" : "atXdp";
+  fd_ = bpf_program__fd(bpf_object__find_program_by_name(object_.get(), name));
+}
+
+template <class T>
+T* XdpProgram::mapped(char const* name) {
+  bpf_map const* const map = bpf_object__find_map_by_name(object_.get(), name);
+  std::size_t const bytes = std::size_t{bpf_map__value_size(map)} * bpf_map__max_entries(map);
+  void* const at = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, bpf_map__fd(map), 0);
+  if (at == MAP_FAILED) fail(fmt::format("the map {} cannot be mapped", name), errno);
+  Mapping& mapping = mappings_[mappingCount_++];
+  mapping.at = at;
+  mapping.bytes = bytes;
+  return static_cast<T*>(at);
+}
+
+void XdpProgram::map() {
+  bits_ = mapped<U64>("bits");
+  sums_ = mapped<U64>("sums");
+  refs_ = mapped<U64>("refs");
+  records_ = mapped<TcamRecord>("records");
+  hits_ = mapped<U64>("hits");
+  cpus_ = mapped<TcamCpu>("cpus");
+  shape_ = mapped<TcamShape>("shape");
+}
+
+void XdpProgram::takeShape() {
+  isTakenOver_ = shape_->version != 0;
+  if (isTakenOver_ && shape_->version != layoutVersion)
+    throw std::runtime_error(fmt::format("{}: its table has layout {}, this program writes {}; detach it",
+                                         options_.pins, shape_->version, static_cast<U32>(layoutVersion)));
+  *shape_ = {.version = layoutVersion,
+             .positions = options_.positions,
+             .sums = static_cast<U32>(wordsFor(wordsFor(options_.positions))),
+             .slots = options_.positions + 1,
+             .permits = options_.permits};
+}
+
+void XdpProgram::attach() {
+  U32 const interface = ::if_nametoindex(options_.interface.c_str());
+  if (interface == 0) fail(fmt::format("the interface {}", options_.interface), errno);
+  if (options_.hook == XdpHook::Tc)
+    attachTc(interface);
+  else
+    attachXdp(interface);
+}
+
+void XdpProgram::attachXdp(U32 interface) {
+  if (!options_.pins.empty()) link_ = bpf_obj_get(pin("link").c_str());
+  if (link_ >= 0) {
+    bpf_link_info info = {};
+    U32 bytes = sizeof info;
+    if (bpf_obj_get_info_by_fd(link_, &info, &bytes) != 0) fail(pin("link"), errno);
+    if (info.xdp.ifindex != interface)
+      throw std::runtime_error(options_.pins +
+                               ": its table is attached to another interface; detach it first");
+    if (bpf_link_update(link_, fd_, nullptr) != 0) fail("the program cannot be replaced", errno);
+    return;
+  }
+  auto how = optionsOf<bpf_link_create_opts>();
+  how.flags = options_.hook == XdpHook::Driver ? XDP_FLAGS_DRV_MODE : XDP_FLAGS_SKB_MODE;
+  link_ = bpf_link_create(fd_, static_cast<int>(interface), BPF_XDP, &how);
+  if (link_ < 0) fail(fmt::format("nothing can be attached to {}", options_.interface), errno);
+  if (!options_.pins.empty() && bpf_obj_pin(link_, pin("link").c_str()) != 0) fail(pin("link"), errno);
+}
+
+void XdpProgram::attachTc(U32 interface) {
+  bpf_tc_hook hook = ingressOf(interface);
+  if (int const error = bpf_tc_hook_create(&hook); error && error != -EEXIST)
+    fail(fmt::format("nothing can be attached to {}", options_.interface), error);
+  bpf_tc_opts filter = ourFilter();
+  filter.prog_fd = fd_;
+  filter.flags = BPF_TC_F_REPLACE;
+  if (int const error = bpf_tc_attach(&hook, &filter))
+    fail(fmt::format("nothing can be attached to {}", options_.interface), error);
+}
+
+void XdpProgram::detach() {
+  if (link_ >= 0) {
+    bpf_link_detach(link_);
+    ::close(std::exchange(link_, -1));
+  }
+  detach(options_);
+}
+
+void XdpProgram::detach(XdpOptions const& options) {
+  if (options.hook == XdpHook::Tc && !options.interface.empty()) detachTc(options.interface);
+  if (options.pins.empty()) return;
+  std::string const link = options.pins + "/link";
+  if (int const fd = bpf_obj_get(link.c_str()); fd >= 0) {
+    bpf_link_detach(fd);  // now, not when the last reference is gone
+    ::close(fd);
+  }
+  ::unlink(link.c_str());
+  for (char const* name : maps) ::unlink((options.pins + '/' + name).c_str());
+}
+
+}  // namespace Hw

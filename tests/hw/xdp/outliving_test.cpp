@@ -1,0 +1,314 @@
+// SPDX-License-Identifier: Apache-2.0
+// The table on an interface, in a network namespace of the test's own, and the table that outlives its agent,
+// in a BPF file system of the test's own.
+#include <arpa/inet.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <random>
+#include <thread>
+
+#include "tests/apps/acl/random_rules.h"
+#include "tests/hw/xdp/table.h"
+#include "tests/support/temp_dir.h"
+
+namespace XdpTest {
+namespace {
+
+using Hw::XdpOptions;
+using Hw::XdpTcam;
+using Kind = Hw::Outcome::Kind;
+
+// Runs the body in a thread with namespaces of its own for interfaces and mounts.
+void alone(std::function<void()> const& body) {
+  std::thread([&] {
+    ASSERT_EQ(::unshare(CLONE_NEWNET | CLONE_NEWNS), 0) << std::strerror(errno);
+    ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << std::strerror(errno);
+    body();
+  }).join();
+}
+
+void command(std::string const& line) { ASSERT_EQ(std::system(line.c_str()), 0) << line; }
+
+// Two ends of a cable; the packets that enter at `sender` are filtered where they leave, at `filter`.
+void makeCable() {
+  command(
+      "ip link add sender address 02:00:00:00:00:02 type veth peer name filter address 02:00:00:00:00:01");
+  command("ip address add 192.0.2.1/24 dev filter");
+  command("ip link set sender up; ip link set filter up");
+}
+
+Bytes datagram(U16 port) { return withChecksum(frame({0xC0000209, 0xC0000201, 1000, port, 0, udp})); }
+
+void send(Bytes const& frame, int times) {
+  int const out = ::socket(AF_PACKET, SOCK_RAW, 0);
+  sockaddr_ll to = {};
+  to.sll_family = AF_PACKET;
+  to.sll_ifindex = static_cast<int>(::if_nametoindex("sender"));
+  for (int i = 0; i < times; ++i)
+    ASSERT_EQ(::sendto(out, frame.data(), frame.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to),
+              static_cast<ssize_t>(frame.size()))
+        << std::strerror(errno);
+  ::close(out);
+}
+
+class Receiver {
+ public:
+  explicit Receiver(U16 port) {
+    sockaddr_in at = {};
+    at.sin_family = AF_INET;
+    at.sin_port = htons(port);
+    EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&at), sizeof at), 0) << std::strerror(errno);
+    timeval const patience{0, 200'000};
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  }
+  ~Receiver() { ::close(fd_); }
+  Receiver(Receiver const&) = delete;
+  Receiver& operator=(Receiver const&) = delete;
+  // Until none comes for a while.
+  int received() const {
+    int count = 0;
+    for (char buffer[64]; ::recv(fd_, buffer, sizeof buffer, 0) >= 0;) ++count;
+    return count;
+  }
+
+ private:
+  int const fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
+};
+
+Acl::Rule toPort(U16 port, Acl::ActionKind action) {
+  Acl::Rule r;
+  r.protocol = {udp, 0xFF};
+  r.destinationPort = {port, port};
+  r.action.kind = action;
+  return r;
+}
+
+class InterfaceTest : public TableTest {};
+class KillTest : public TableTest {};
+
+TEST_P(InterfaceTest, DeliversWhatEntriesPermit) {
+  alone([] {
+    makeCable();
+    Receiver const wanted(2000), unwanted(2001);
+    {
+      XdpTcam tcam("hardware", {.interface = "filter", .hook = GetParam(), .positions = 64});
+      tcam.write(entryOf(1, toPort(2000, Acl::ActionKind::Permit), 9), 9, 1);
+      tcam.write(entryOf(2, toPort(2001, Acl::ActionKind::Deny), 10), 10, 2);
+      send(datagram(2000), 100);
+      send(datagram(2001), 50);
+      EXPECT_EQ(wanted.received(), 100);
+      EXPECT_EQ(unwanted.received(), 0);
+      EXPECT_EQ(tcam.hits(EntryKey(1)), 100);
+      EXPECT_EQ(tcam.hits(EntryKey(2)), 50);
+    }
+    send(datagram(2001), 50);  // nothing filters any more
+    EXPECT_EQ(unwanted.received(), 50);
+  });
+}
+
+TEST_P(InterfaceTest, NamesInterfaceThatIsAbsent) {
+  alone([] {
+    try {
+      XdpTcam const tcam("hardware", {.interface = "filter", .hook = GetParam()});
+      ADD_FAILURE();
+    } catch (std::runtime_error const& e) {
+      EXPECT_THAT(e.what(), testing::StartsWith("the interface filter: "));
+    }
+  });
+}
+
+TEST_P(InterfaceTest, FiltersOnWhenTheAgentIsGone) {
+  alone([] {
+    makeCable();
+    TestSupport::TempDir const dir;
+    ASSERT_EQ(::mount("bpf", dir.path().c_str(), "bpf", 0, nullptr), 0) << std::strerror(errno);
+    XdpOptions const options{.interface = "filter", .hook = GetParam(), .positions = 64, .pins = dir.path()};
+    Receiver const unwanted(2001);
+    {
+      XdpTcam tcam("hardware", options);
+      tcam.write(entryOf(2, toPort(2001, Acl::ActionKind::Deny), 10), 10, 2);
+    }
+    send(datagram(2001), 50);
+    EXPECT_EQ(unwanted.received(), 0);
+    XdpTcam next("hardware", options);
+    EXPECT_EQ(next.hits(EntryKey(2)), 50);
+    send(datagram(2001), 50);
+    EXPECT_EQ(unwanted.received(), 0);
+    EXPECT_EQ(next.hits(EntryKey(2)), 100);
+    next.detach();
+    send(datagram(2001), 50);
+    EXPECT_EQ(unwanted.received(), 50);
+  });
+}
+
+TEST_F(KillTest, PinnedTableStaysAtItsInterface) {
+  alone([] {
+    makeCable();
+    TestSupport::TempDir const dir;
+    ASSERT_EQ(::mount("bpf", dir.path().c_str(), "bpf", 0, nullptr), 0) << std::strerror(errno);
+    XdpOptions options{.interface = "filter", .positions = 64, .pins = dir.path()};
+    { XdpTcam const tcam("hardware", options); }
+    options.interface = "sender";
+    EXPECT_THROW(XdpTcam("hardware", options), std::runtime_error);
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(Hooks, InterfaceTest, testing::Values(XdpHook::Driver, XdpHook::Stack, XdpHook::Tc),
+                         [](auto const& p) {
+                           return p.param == XdpHook::Tc      ? "Tc"
+                                  : p.param == XdpHook::Stack ? "Stack"
+                                                              : "Driver";
+                         });
+
+constexpr U32 positions = 300;
+constexpr U32 keys = 100;
+
+// What an agent that will be killed has done, in memory that its parent sees.
+struct Diary {
+  struct Entry {
+    U64 key, version;
+  };
+  Entry at[positions];  // as it was before the call; key 0: free
+  U32 changing;         // the position of the call
+  Entry becomes;        // what the call makes of it
+  U64 calls;
+};
+
+// A rule that follows from key and version.
+Acl::Rule ruleOf(U64 key, U64 version) {
+  std::mt19937_64 random(key * 1000 + version);
+  return Acl::randomRule(random, 2);
+}
+
+EntryConfig entryOf(Diary::Entry const& e, U32 ti) {
+  return XdpTest::entryOf(e.key, ruleOf(e.key, e.version), ti, e.version);
+}
+
+void call(XdpTcam& tcam, Diary& diary, U32 ti, Diary::Entry const& becomes) {
+  diary.changing = ti;
+  diary.becomes = becomes;
+  if (becomes.key != 0)
+    tcam.write(entryOf(becomes, ti), ti, 1);
+  else
+    tcam.erase(EntryKey(diary.at[ti].key), ti, 1);
+  diary.at[ti] = becomes;
+  ++diary.calls;
+}
+
+// Adds, updates, moves and deletes without end.
+[[noreturn]] void edit(XdpOptions const& options, Diary& diary, U64 seed) {
+  std::mt19937_64 random(seed);
+  XdpTcam tcam("hardware", options);
+  for (;;) {
+    U64 const key = 1 + random() % keys;
+    U32 const to = static_cast<U32>(random() % positions);
+    U32 from = positions;
+    for (U32 ti = 0; ti < positions; ++ti)
+      if (diary.at[ti].key == key) from = ti;
+    U64 const version = from == positions ? 1 : diary.at[from].version + 1;
+    if (from != positions && random() % 4 == 0) {
+      call(tcam, diary, from, {});
+    } else if (diary.at[to].key == 0 || to == from) {
+      call(tcam, diary, to, {key, version});
+      if (from != positions && from != to) call(tcam, diary, from, {});
+    }
+  }
+}
+
+using Contents = std::map<U32, EntryConfig>;
+
+Contents contentsOf(XdpTcam& tcam) {
+  Contents held;
+  tcam.contents([&](U32 ti, EntryConfig const* entry) {
+    ASSERT_TRUE(entry) << ti;
+    held.emplace(ti, *entry);
+  });
+  return held;
+}
+
+Contents contentsOf(Diary const& diary) {
+  Contents held;
+  for (U32 ti = 0; ti < positions; ++ti)
+    if (diary.at[ti].key != 0) held.emplace(ti, entryOf(diary.at[ti], ti));
+  return held;
+}
+
+// Bits say what the entries say, and no more: they are those of a table that was written afresh.
+void expectNoStaleBits(XdpTcam& tcam, Contents const& held) {
+  XdpTcam fresh("hardware", {.positions = positions});
+  for (auto const& [ti, entry] : held) fresh.write(entry, ti, 1);
+  for (U32 field = 0; field < byteFields; ++field) {
+    for (U32 word = 0; word < (positions + 63) / 64; ++word)
+      ASSERT_EQ(std::memcmp(tcam.program().bits(word, field), fresh.program().bits(word, field), 2048), 0);
+    ASSERT_EQ(std::memcmp(tcam.program().sums(0, field), fresh.program().sums(0, field), 2048), 0);
+  }
+}
+
+void killOnce(XdpOptions const& options, Diary& diary, U64 seed) {
+  pid_t const child = ::fork();
+  if (child == 0) edit(options, diary, seed);
+  ::usleep(20'000 + static_cast<useconds_t>(seed * 7919 % 10'000));
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+}
+
+TEST_F(KillTest, TableIsThatBeforeOrAfterTheCall) {
+  alone([] {
+    TestSupport::TempDir const dir;
+    ASSERT_EQ(::mount("bpf", dir.path().c_str(), "bpf", 0, nullptr), 0) << std::strerror(errno);
+    XdpOptions const options{.positions = positions, .pins = dir.path()};
+    void* const shared =
+        ::mmap(nullptr, sizeof(Diary), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(shared, MAP_FAILED);
+    auto& diary = *static_cast<Diary*>(shared);
+    U64 cut = 0;
+    for (U64 seed = 1; seed <= 60; ++seed) {
+      killOnce(options, diary, seed);
+      XdpTcam tcam("hardware", options);
+      Contents const held = contentsOf(tcam);
+      if (held != contentsOf(diary)) {
+        diary.at[diary.changing] = diary.becomes;
+        ++cut;
+      }
+      ASSERT_EQ(held, contentsOf(diary)) << "kill " << seed;
+      expectNoStaleBits(tcam, held);
+      // A key that was being moved is at one position again, as adoption would do it.
+      std::map<U64, U32> places;
+      for (auto const& [ti, entry] : held)
+        if (auto const known = places.find(entry.key().value()); known == places.end())
+          places.emplace(entry.key().value(), ti);
+        else
+          call(tcam, diary, ti, {});
+    }
+    EXPECT_GT(diary.calls, 1000);
+    RecordProperty("killed inside a call, behind its store", static_cast<int>(cut));
+    ::munmap(shared, sizeof(Diary));
+  });
+}
+
+TEST_F(KillTest, PinnedTableOfAnotherSizeIsRefused) {
+  alone([] {
+    TestSupport::TempDir const dir;
+    ASSERT_EQ(::mount("bpf", dir.path().c_str(), "bpf", 0, nullptr), 0) << std::strerror(errno);
+    { XdpTcam const tcam("hardware", {.positions = 64, .pins = dir.path()}); }
+    try {
+      XdpTcam const tcam("hardware", {.positions = 128, .pins = dir.path()});
+      ADD_FAILURE();
+    } catch (std::runtime_error const& e) {
+      EXPECT_EQ(e.what(), dir.path() + ": holds a table of another shape; detach it first");
+    }
+  });
+}
+
+}  // namespace
+}  // namespace XdpTest
