@@ -22,7 +22,7 @@ demo: build ## an agent under a live rule set, edited under way; RULES=FILE take
 	@scripts/demo
 
 check: ## every test: under the sanitizers first, then optimised, and each benchmark once, briefly
-	@scripts/bootstrap build check bench
+	@scripts/bootstrap build check bench xdp
 	$(SAY) "check: layout of the sources"
 	@scripts/format --check
 	@$(call configure,release)
@@ -44,7 +44,7 @@ check: ## every test: under the sanitizers first, then optimised, and each bench
 
 bench: ## a table of measurements a group; JSON=1 for one JSON document
 	@echo "==> bench: optimised build in build/" >&2
-	@scripts/bootstrap build bench >&2
+	@scripts/bootstrap build bench xdp >&2
 	@$(call configure,release)
 	@$(call compile,release) --target benches >&2
 	@scripts/bench $(if $(JSON),--json) $(BENCH_ARGS)
