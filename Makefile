@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # The everyday commands, thin over CMakePresets.json. `make help` lists them.
 .DEFAULT_GOAL := build
-.PHONY: build demo check bench fuzz coverage soak tidy install clean help configured
+.PHONY: build demo check bench fuzz coverage soak tidy install packages try-packages clean help configured
 
 JOBS ?= $(shell nproc)
 SAY = @printf '==> %s\n'
@@ -78,7 +78,15 @@ tidy: configured ## clang-tidy over the product's sources, not the tests'
 PREFIX ?= /usr/local
 install: build ## library, public headers and executables below DESTDIR/PREFIX (/usr/local)
 	$(SAY) "install: into $(DESTDIR)$(PREFIX)"
-	@DESTDIR=$(DESTDIR) cmake --install build --prefix $(PREFIX)
+	@DESTDIR=$(DESTDIR) cmake --install build --prefix $(PREFIX) --strip
+
+packages: build ## Debian packages: library, development files, programs; in build/packages
+	$(SAY) "packages: in build/packages"
+	@cd build && cpack -B packages
+
+try-packages: packages ## installs them on this machine, uses each, and takes them away again
+	$(SAY) "try-packages: an agent, the command, a program built against the library"
+	@scripts/try_packages build/packages
 
 clean: ## removes every build directory of the presets
 	$(SAY) "clean: removing build/ and the other presets' directories"

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-# What `make install` puts below its prefix: the shared library, the two programs, a CMake package, a
-# pkg-config file, and the headers that an agent or a producer includes with everything those include. The
-# list is computed from the #include lines: no header is installed that nobody outside can reach, and none
-# is forgotten.
+# What `make install` puts below its prefix: the shared library, the two programs, a unit for systemd, a
+# CMake package, a pkg-config file, and the headers that an agent or a producer includes with everything those
+# include. The list is computed from the #include lines: no header is installed that nobody outside can reach,
+# and none is forgotten.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -64,7 +64,7 @@ header_closure(headers ${entry_headers})
 foreach(header ${headers})
   string(REGEX REPLACE "^platform/" "" installed ${header})
   cmake_path(GET installed PARENT_PATH folder)
-  install(FILES ${header} DESTINATION ${include_dir}/${folder})
+  install(FILES ${header} DESTINATION ${include_dir}/${folder} COMPONENT development)
 endforeach()
 
 set(programs "")
@@ -75,7 +75,8 @@ foreach(program vantreld vantrel_command)
 endforeach()
 file(RELATIVE_PATH library_from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
 set_target_properties(libvantrel ${programs} PROPERTIES INSTALL_RPATH "$ORIGIN/${library_from_bin}")
-install(TARGETS libvantrel ${programs})
+install(TARGETS libvantrel LIBRARY COMPONENT library NAMELINK_COMPONENT development)
+install(TARGETS ${programs} COMPONENT tools)
 # What `make build` builds.
 add_custom_target(programs DEPENDS libvantrel ${programs} demo)
 
@@ -85,7 +86,13 @@ configure_package_config_file(cmake/VantrelConfig.cmake.in ${PROJECT_BINARY_DIR}
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/VantrelConfigVersion.cmake
   COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/VantrelConfig.cmake
-  ${PROJECT_BINARY_DIR}/VantrelConfigVersion.cmake DESTINATION ${package_dir})
+  ${PROJECT_BINARY_DIR}/VantrelConfigVersion.cmake DESTINATION ${package_dir}
+  COMPONENT development)
 file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/vantrel.pc.in ${PROJECT_BINARY_DIR}/vantrel.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/vantrel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${PROJECT_BINARY_DIR}/vantrel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+  COMPONENT development)
+
+# systemd looks into these whatever the prefix of the library directory.
+install(FILES apps/vantreld/vantreld.service DESTINATION lib/systemd/system COMPONENT tools)
+install(FILES apps/vantreld/vantrel.sysusers DESTINATION lib/sysusers.d RENAME vantrel.conf COMPONENT tools)

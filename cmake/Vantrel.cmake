@@ -15,7 +15,7 @@ find_package(PkgConfig REQUIRED)
 # vantrel_optional(NAME): looks through pkg-config for a package without which something is left out. Sets
 # NAME_FOUND, and makes PkgConfig::NAME. A packager can name those to do without, whether installed or not.
 set(VANTREL_WITHOUT "" CACHE STRING
-  "Optional packages to do without: benchmark, hiredis, libbpf, lmdb, lttng-ust")
+  "Optional packages to do without: benchmark, hiredis, libbpf, libmnl, lmdb, lttng-ust")
 macro(vantrel_optional name)
   if("${name}" IN_LIST VANTREL_WITHOUT)
     set(${name}_FOUND FALSE)

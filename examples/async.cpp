@@ -169,7 +169,7 @@ int main() {
 
   std::cout << "a table of six entries\n";
   for (U32 key = 1; key <= 6; ++key) want(key, 10 * key, 100 * key, key == 6 ? wrongAction : key);
-  auto frontEnd = vantrelSmFactory(config, status, nullptr, nullptr, engine, nullptr, nullptr);
+  auto frontEnd = vantrelSmFactory({.tableConfig = config, .tableStatus = status, .vantrelImpl = engine});
   std::cout << "the first walk is over, and the hardware is " << executor->behind() << " calls behind\n";
   loop.untilDone();
   for (auto const& [key, reason] : executor->failed())

@@ -37,7 +37,8 @@ int main() {
   auto const status = Ostra::make<Shoal::LocalTable<EntryStatus>>();
   auto const hardware = Ostra::make<PrintingHardware>("hardware", status);
   auto const engine = Ostra::make<FastVantrelImpl>("engine", config, nullptr, nullptr, hardware, 1);
-  auto const frontEnd = vantrelSmFactory(config, status, nullptr, nullptr, engine, nullptr, nullptr);
+  auto const frontEnd =
+      vantrelSmFactory({.tableConfig = config, .tableStatus = status, .vantrelImpl = engine});
 
   U64 version = 0;  // rises; the low 16 bits stay the same as long as match and action do
   auto const want = [&](U64 key, U32 prio, U32 position) {

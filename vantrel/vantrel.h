@@ -2,8 +2,7 @@
 // What an agent includes; nothing else is needed to drive the engine.
 //
 //   engine = make<FastVantrelImpl>(name, tableConfig, debugConfig, debugStatus, hardwareClient, traceId)
-//   frontEnd = vantrelSmFactory(tableConfig, tableStatus, debugConfig, debugStatus, engine, flushStatus,
-//                               timerWheel)
+//   frontEnd = vantrelSmFactory({.tableConfig = ..., .tableStatus = ..., .vantrelImpl = engine, ...})
 //
 // From then on the agent's loop must call dispatch() of the table and of the wheel when their file
 // descriptors are readable; they notify the front end.

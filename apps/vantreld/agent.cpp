@@ -2,6 +2,7 @@
 #include "apps/vantreld/agent.h"
 
 #include <fmt/format.h>
+#include <systemd/sd-daemon.h>
 
 #include "lumelog/lumelog.h"
 #include "ostra/clock.h"
@@ -38,6 +39,9 @@ char const* kindOfPositions(HardwareKind kind) {
   }
   return "";
 }
+
+// The service manager, if one started this process. It may be gone: nothing depends on its hearing it.
+void tellManager(std::string const& state) { static_cast<void>(::sd_notify(0, state.c_str())); }
 
 }  // namespace
 
@@ -287,8 +291,10 @@ void Agent::sayReady() {
   std::string const engine = options_.engine == EngineKind::Atcam
                                  ? fmt::format("atcam with {} partitions", options_.maxPartitions)
                                  : "fast";
-  out_.say("ready in {}: engine {}, {} {} positions, {}", options_.dir, engine, options_.size,
-           kindOfPositions(options_.hardware), wanted);
+  std::string const state = fmt::format("engine {}, {} {} positions, {}", engine, options_.size,
+                                        kindOfPositions(options_.hardware), wanted);
+  out_.say("ready in {}: {}", options_.dir, state);
+  tellManager("READY=1\nSTATUS=" + state);
 }
 
 // Says the latest damaged or refused record whenever their number has grown.
@@ -325,6 +331,7 @@ void Agent::sayStatusProblem() {
 // to what it exports, so it must withdraw both.
 void Agent::withdraw() {
   if (!engine_) return;
+  tellManager("STOPPING=1");
   watched_.clear();
   keyWatcher_ = nullptr;
   frontEnd_ = nullptr;

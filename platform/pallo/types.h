@@ -2,6 +2,10 @@
 // The integer names of the records, and the export mark of public symbols.
 #pragma once
 
+#if __cplusplus < 202002L
+#error "Vantrel's headers are C++20: compile with -std=c++20 or a later standard"
+#endif
+
 #include <cstdint>
 
 using U8 = std::uint8_t;

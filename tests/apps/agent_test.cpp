@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 
 #include <map>
 #include <optional>
@@ -83,6 +85,48 @@ class AgentProcess : public testing::Test {
 };
 
 }  // namespace
+
+// The socket on which a service manager is told.
+class ManagerSocket {
+ public:
+  explicit ManagerSocket(std::string const& path) {
+    sockaddr_un at = {};
+    at.sun_family = AF_UNIX;
+    path.copy(at.sun_path, sizeof at.sun_path - 1);
+    EXPECT_EQ(::bind(socket_.get(), reinterpret_cast<sockaddr*>(&at), sizeof at), 0) << std::strerror(errno);
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+  }
+  ~ManagerSocket() { ::unsetenv("NOTIFY_SOCKET"); }
+  // What was said since the last call.
+  std::string heard() {
+    char text[1024];
+    auto const bytes = ::recv(socket_.get(), text, sizeof text, MSG_DONTWAIT);
+    return {text, static_cast<std::size_t>(std::max<ssize_t>(bytes, 0))};
+  }
+
+ private:
+  Pallo::Descriptor socket_{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+};
+
+TEST_F(AgentProcess, TellsServiceManagerItsState) {
+  ManagerSocket manager(dir / "manager");
+  auto const agent = startReady({"--size", "64"});
+  std::string heard;
+  EXPECT_TRUE(eventually([&] { return !(heard = manager.heard()).empty(); }));
+  EXPECT_EQ(heard,
+            "READY=1\nSTATUS=engine fast, 64 simulated positions, waiting for a producer's config.shoal");
+  agent->signal(SIGTERM);
+  EXPECT_EQ(agent->wait(), 0);
+  EXPECT_EQ(manager.heard(), "STOPPING=1");
+}
+
+TEST_F(AgentProcess, ServesWithoutServiceManager) {
+  ::setenv("NOTIFY_SOCKET", (dir / "gone").c_str(), 1);
+  auto const agent = startReady();
+  ::unsetenv("NOTIFY_SOCKET");
+  agent->signal(SIGTERM);
+  EXPECT_EQ(agent->wait(), 0) << agent->err();
+}
 
 TEST_F(AgentProcess, ProgramsEntriesAndCleansUpOnSigterm) {
   auto const agent = startReady();

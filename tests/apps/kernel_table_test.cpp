@@ -2,7 +2,6 @@
 // vantreld with a table in the kernel: in a network namespace and a BPF file system of the test's own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -20,6 +19,7 @@
 #include <thread>
 
 #include "tests/hw/xdp/packets.h"
+#include "tests/support/namespaces.h"
 #include "tests/support/site.h"
 
 using namespace TestSupport;
@@ -30,9 +30,8 @@ namespace {
 class KernelTableTest : public Site {
  protected:
   void SetUp() override {
-    if (::unshare(CLONE_NEWNET | CLONE_NEWNS) != 0)
-      GTEST_SKIP() << "no network namespace can be made: " << std::strerror(errno);
-    ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << std::strerror(errno);
+    if (int const error = ownNetworkAndMounts(); error != 0)
+      GTEST_SKIP() << "no network namespace can be made: " << std::strerror(error);
     ASSERT_EQ(std::system("ip link add sender type veth peer name filter address 02:00:00:00:00:01 &&"
                           "ip address add 192.0.2.1/24 dev filter && ip link set sender up &&"
                           "ip link set filter up"),

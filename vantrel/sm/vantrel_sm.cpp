@@ -243,4 +243,11 @@ Ostra::Ptr<VantrelSm> vantrelSmFactory(Ostra::Ptr<TableConfig const> tableConfig
                                 std::move(retryFailedTimer));
 }
 
+Ostra::Ptr<VantrelSm> vantrelSmFactory(VantrelSmInputs inputs) {
+  return VantrelSm::VantrelSmIs(std::move(inputs.tableConfig), std::move(inputs.tableStatus),
+                                std::move(inputs.debugConfig), std::move(inputs.debugStatus),
+                                std::move(inputs.vantrelImpl), std::move(inputs.flushStatus),
+                                std::move(inputs.retryFailedTimer));
+}
+
 }  // namespace Vantrel

@@ -149,4 +149,18 @@ VANTREL_API Ostra::Ptr<VantrelSm> vantrelSmFactory(Ostra::Ptr<TableConfig const>
                                                    Ostra::Ptr<VantrelFlushStatus> flushStatus,
                                                    Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer);
 
+// The same by name; what is left out is null:
+//
+//   vantrelSmFactory({.tableConfig = config, .tableStatus = status, .vantrelImpl = engine});
+struct VantrelSmInputs {
+  Ostra::Ptr<TableConfig const> tableConfig = nullptr;
+  Ostra::Ptr<TableStatus> tableStatus = nullptr;
+  Ostra::Ptr<DebugConfig const> debugConfig = nullptr;
+  Ostra::Ptr<DebugStatus> debugStatus = nullptr;
+  Ostra::Ptr<VantrelImpl> vantrelImpl = nullptr;
+  Ostra::Ptr<VantrelFlushStatus> flushStatus = nullptr;
+  Ostra::Ptr<Keel::TimerWheel const> retryFailedTimer = nullptr;
+};
+VANTREL_API Ostra::Ptr<VantrelSm> vantrelSmFactory(VantrelSmInputs inputs);
+
 }  // namespace Vantrel

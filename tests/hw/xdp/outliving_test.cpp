@@ -19,6 +19,7 @@
 
 #include "tests/apps/acl/random_rules.h"
 #include "tests/hw/xdp/table.h"
+#include "tests/support/namespaces.h"
 #include "tests/support/temp_dir.h"
 
 namespace XdpTest {
@@ -31,8 +32,7 @@ using Kind = Hw::Outcome::Kind;
 // Runs the body in a thread with namespaces of its own for interfaces and mounts.
 void alone(std::function<void()> const& body) {
   std::thread([&] {
-    ASSERT_EQ(::unshare(CLONE_NEWNET | CLONE_NEWNS), 0) << std::strerror(errno);
-    ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << std::strerror(errno);
+    ASSERT_EQ(TestSupport::ownNetworkAndMounts(), 0);
     body();
   }).join();
 }
