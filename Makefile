@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # The everyday commands, thin over CMakePresets.json. `make help` lists them.
 .DEFAULT_GOAL := build
-.PHONY: build demo check bench fuzz coverage soak tidy install packages try-packages clean help configured
+.PHONY: build demo check bench fuzz coverage soak tidy install packages try-packages reference clean
+.PHONY: help configured
 
 JOBS ?= $(shell nproc)
 SAY = @printf '==> %s\n'
@@ -87,6 +88,11 @@ packages: build ## Debian packages: library, development files, programs; in bui
 try-packages: packages ## installs them on this machine, uses each, and takes them away again
 	$(SAY) "try-packages: an agent, the command, a program built against the library"
 	@scripts/try_packages build/packages
+
+reference: build ## the API as pages, in build/reference/html
+	$(SAY) "reference: the installed headers, by Doxygen"
+	@scripts/bootstrap docs
+	@scripts/reference build/reference
 
 clean: ## removes every build directory of the presets
 	$(SAY) "clean: removing build/ and the other presets' directories"
