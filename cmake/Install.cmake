@@ -93,6 +93,7 @@ configure_file(cmake/vantrel.pc.in ${PROJECT_BINARY_DIR}/vantrel.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vantrel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
   COMPONENT development)
 
+install(DIRECTORY scripts/probes DESTINATION ${CMAKE_INSTALL_DATADIR}/vantrel COMPONENT tools)
 # systemd looks into these whatever the prefix of the library directory.
 install(FILES apps/vantreld/vantreld.service DESTINATION lib/systemd/system COMPONENT tools)
 install(FILES apps/vantreld/vantrel.sysusers DESTINATION lib/sysusers.d RENAME vantrel.conf COMPONENT tools)

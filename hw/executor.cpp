@@ -26,6 +26,7 @@
 #include "ostra/piecewise_map.h"
 #include "ostra/time_slice.h"
 #include "ostra/type_info.h"
+#include "vantrel/core/probe.h"
 
 namespace Hw {
 
@@ -502,10 +503,12 @@ bool Executor::Queue::writeStatus(EntryKey const& key, Call::Status status, OpId
   auto const& table = executor_.tableStatus();
   if (!table) return true;
   try {
-    if (status == Call::Status::Goes)
+    if (status == Call::Status::Goes) {
       table->entryDel(key);
-    else
+    } else {
       table->entryIs(EntryStatus(key, opId));
+      VANTREL_PROBE(acknowledge, key.value(), opId.value());
+    }
     return true;
   } catch (std::exception const& error) {
     if (unwritten_.empty())

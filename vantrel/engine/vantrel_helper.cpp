@@ -2,6 +2,7 @@
 #include "vantrel/engine/vantrel_helper.h"
 
 #include "ostra/type_info.h"
+#include "vantrel/core/probe.h"
 #include "vantrel/core/trace.h"
 
 namespace Vantrel {
@@ -20,6 +21,7 @@ void VantrelHelper::delAck(EntryKey const& key) {
   if (!tableStatus_) return;
   VANTREL_TRACE(vantrelImplTrace(), 9, __PRETTY_FUNCTION__, " key:", key);
   tableStatus_->entryIs(EntryStatus(key, OpId::deleteAcknowledge()));
+  VANTREL_PROBE(acknowledge, key.value(), OpId::deleteAcknowledge().value());
 }
 
 void VantrelHelper::delStatus(EntryKey const& key) {
@@ -32,6 +34,7 @@ void VantrelHelper::noopAck(EntryKey const& key, OpId const& opId) {
   if (!tableStatus_) return;
   VANTREL_TRACE(vantrelImplTrace(), 9, __PRETTY_FUNCTION__, " key:", key);
   tableStatus_->entryIs(EntryStatus(key, opId));
+  VANTREL_PROBE(acknowledge, key.value(), opId.value());
 }
 
 // The hardware operations have no name: they take whole records, and the engine would not know of an entry

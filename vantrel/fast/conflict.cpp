@@ -12,6 +12,7 @@
 // Equal priorities never block, other groups never block. A position has at most one claim: the one with the
 // greater pending OpId keeps it, and an equal one takes it over. It does not choose positions, and does not
 // remember who lost a claim.
+#include "vantrel/core/probe.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -124,6 +125,7 @@ void FastVantrelImpl::claimPriority(EntryConfig const& entry, CState_s& c, U32 t
   slot = &c;
   s.clearPending(c.p, true);
   c.p = claim;
+  VANTREL_PROBE(claim, c.key.value(), ti, 1);
   if (breakMixedRings() && c.programmed()) *s.priorityClaims.insert(ti) = &c;
 }
 
@@ -154,6 +156,7 @@ void FastVantrelImpl::claimOccupied(EntryConfig const& entry, CState_s& c, U32 t
     c.p = claim;
   }
   s.chains.claimMade(c);
+  VANTREL_PROBE(claim, c.key.value(), ti, 0);
 }
 
 }  // namespace Vantrel

@@ -19,6 +19,7 @@
 #include <boost/container/small_vector.hpp>
 #include <utility>
 
+#include "vantrel/core/probe.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -99,6 +100,7 @@ void FastVantrelImpl::breakRing(EntryKey const& victim) {
   VANTREL_TRACE(vantrelFastImplTrace(), 1, "found deadlock ", victim);
   momentPassed();
   VANTREL_RECORD(1, lgId(), "found deadlock key:", victim);
+  VANTREL_PROBE(ring, victim.value(), 0);
   takeOutAndBack(victim);
   deadlockCountInc(1);
 }

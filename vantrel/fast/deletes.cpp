@@ -10,6 +10,7 @@
 //
 // A neighbour of equal priority at a lower position keeps the positions before the deleted one closed, one at
 // a higher position those behind it. A delete does not drain the queue: its caller does.
+#include "vantrel/core/probe.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -51,6 +52,7 @@ bool FastVantrelImpl::deleteKnown(CState_s& c, bool deadlock, bool delAck) {
 void FastVantrelImpl::withdraw(CState_s const& c, EntryConfig const& record, bool deadlock) try {
   vacate(c, c.sti);
   VANTREL_RECORD(9, lgId(), "del helper key:", c.key, " hdl:", c.hdl, " deadlock:", deadlock);
+  VANTREL_PROBE(remove, c.key.value(), c.sti, deadlock);
   if (deadlock)
     hardware(c).deleteEntryDeadlock(record);
   else

@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "vantrel/core/probe.h"
 #include "vantrel/core/trace.h"
 
 namespace Vantrel {
@@ -48,6 +49,7 @@ void FastVantrelImpl::reviewClaims() {
     VANTREL_TRACE(vantrelFastImplTrace(), 1, "found mixed ring ", victim);
     momentPassed();
     VANTREL_RECORD(1, lgId(), "found mixed ring key:", victim);
+    VANTREL_PROBE(ring, victim.value(), 1);
     takeOutAndBack(victim);
     numMixedRingsIs(numMixedRings() + 1);
     if (!state()->blocked.empty()) checkBlocked();

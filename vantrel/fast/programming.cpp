@@ -16,6 +16,7 @@
 // The indexes are updated before the hardware client is called, and when it throws nothing is undone.
 #include <algorithm>
 
+#include "vantrel/core/probe.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -48,6 +49,7 @@ void FastVantrelImpl::program(EntryConfig const& entry, CState_s& c, U32 ti) {
     }
     if (!same) {
       VANTREL_RECORD(9, lgId(), "update key:", c.key, " hdl:", entry.hdl());
+      VANTREL_PROBE(update, c.key.value(), entry.opId().value(), c.sti);
       hardware(c).updateEntry(entry);
     }
     if (ti != c.sti) move(entry, c, ti);
@@ -59,6 +61,7 @@ void FastVantrelImpl::program(EntryConfig const& entry, CState_s& c, U32 ti) {
 void FastVantrelImpl::add(EntryConfig const& entry, CState_s& c, U32 ti) try {
   state()->positions.add(c, placeOf(c, ti));
   VANTREL_RECORD(9, lgId(), "add key:", c.key, " hdl:", entry.hdl());
+  VANTREL_PROBE(add, c.key.value(), entry.opId().value(), ti);
   hardware(c).addEntry(entry);
 } catch (...) {
   state()->positions.strayIs(c.key, ti);
@@ -70,6 +73,7 @@ void FastVantrelImpl::move(EntryConfig const& entry, CState_s& c, U32 ti) try {
   U32 const old = c.sti;
   s.positions.move(c, placeOf(c, old), placeOf(c, ti));
   VANTREL_RECORD(9, lgId(), "mov key:", c.key, " hdl:", entry.hdl(), " ", old, " prio:", c.prio, " to:", ti);
+  VANTREL_PROBE(move, c.key.value(), entry.opId().value(), old, ti);
   hardware(c).moveEntry(entry);
   s.addToWorkq(old);
   wakeRange(c.pg, rangeOpenedByMove(c, old, ti));

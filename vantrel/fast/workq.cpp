@@ -7,6 +7,7 @@
 // retry renews or ends it. Keys queued while a drain runs are retried in the same drain. A key whose retry
 // fails is handed to the front end with breakMixedRings, and lost without it.
 #include "ostra/exception.h"
+#include "vantrel/core/probe.h"
 #include "vantrel/core/trace.h"
 #include "vantrel/fast/asserts.h"
 #include "vantrel/fast/fast_vantrel_impl.h"
@@ -22,6 +23,7 @@ void FastState::unindexClaim(U32 ti) {
 void FastState::queue(CState_s const& waiter) {
   VANTREL_TRACE(vantrelFastImplTrace(), 9, "adding ", waiter.key, " to workq");
   VANTREL_RECORD(9, lgId(), "adding key:", waiter.key, " to workq");
+  VANTREL_PROBE(wake_up, waiter.key.value(), waiter.p.ti);
   if (workqSet.insert(waiter.key.value())) workq.push_back(waiter.key);
 }
 
