@@ -76,9 +76,11 @@ U8 placeIn(Keys const& keys, EntryKey const& key) {
   return 0;
 }
 
+}  // namespace
+
 // Names numbered by their first appearance.
 template <class Name>
-class Labels {
+class CanonicalForm::Labels {
  public:
   explicit Labels(bool renames) : renames_(renames) {}
   U8 of(Name name) {
@@ -102,14 +104,11 @@ class Labels {
     }
     return names;
   }
-  std::vector<Name> const& labelled() const { return names_; }
 
  private:
   bool renames_;
   std::vector<Name> names_;
 };
-
-}  // namespace
 
 CanonicalForm::CanonicalForm(SmallWorld const& world, bool renames, FormOf what)
     : keys_(keysOf(world)),
@@ -156,6 +155,7 @@ void CanonicalForm::rankVersions(Differ const& differ) {
   versions_.erase(std::unique(versions_.begin(), versions_.end()), versions_.end());
 }
 
+// Whether the version of the configuration is not compared any more.
 bool CanonicalForm::settled(EntryConfig const& entry, CState_s const* c) const {
   return !handlesShared_ && !givenVersions_ && c && c->opId >= entry.opId() && c->p.ti == Vantrel::noIndex;
 }
@@ -167,57 +167,65 @@ U64 CanonicalForm::version(OpId opId) const {
   return (static_cast<U64>(at - versions_.begin() + 1) << 16) | opId.low();
 }
 
-void CanonicalForm::readKey(Differ const& differ, U64 name, Key& out) {
+void CanonicalForm::readKey(Differ const& differ, U64 name, Key& out) const {
   EntryKey const key(name);
+  FastState const& state = differ.state();
+  EntryConfig const entry = differ.world().table().entry(key);
+  CState_s const* const c = state.record(key);
+  if (state.cachedRecord(key) != c) throw Broken("a stale prefetched record, key " + std::to_string(name));
+  out.plain.clear();
+  out.groups.clear();
+  out.handles.clear();
+  writeConfiguration(entry, c, out);
+  if (c) writeRecord(*c, out);
+  writePlaces(differ, key, out);
+  out.blank = std::all_of(out.plain.begin(), out.plain.end(), [](char byte) { return byte == 0; });
+}
+
+void CanonicalForm::writeConfiguration(EntryConfig const& entry, CState_s const* c, Key& out) const {
+  bool const present = !entry.empty();
+  bool const wanted = present && !entry.isDel();
+  bool const inHardware = wanted && c && c->opId >= entry.opId();
+  append(out.plain, U64{present} | U64{wanted} << 1 | U64{inHardware} << 2 | U64{c != nullptr} << 3, 1);
+  if (present) append(out.plain, entry.tableIndexs() ? small(entry.tableIndex(TableKey(0))) : nothing, 1);
+  if (!wanted) return;
+  append(out.plain, settled(entry, c) ? entry.opId().low() : version(entry.opId()), 8);
+  append(out.plain, small(entry.prio()), 1);
+  out.groups.push_back(entry.pg());
+  out.handles.push_back(entry.hdl());
+}
+
+void CanonicalForm::writeRecord(CState_s const& c, Key& out) const {
+  bool const marks = what_ != FormOf::WithoutChainMarks;
+  append(out.plain, givenVersions_ ? c.opId.value() : c.opId.low(), 8);
+  append(out.plain, version(c.p.opId), 8);
+  append(out.plain, small(c.prio), 1);
+  append(out.plain, small(c.sti), 1);
+  append(out.plain, small(c.p.ti), 1);
+  append(out.plain, static_cast<U64>(c.p.type) | U64{marks && c.p.open} << 2 | U64{marks && c.p.lost} << 3,
+         1);
+  out.groups.push_back(c.pg);
+  out.handles.push_back(c.hdl);
+}
+
+// Where the key is listed, beside the indexes by position.
+void CanonicalForm::writePlaces(Differ const& differ, EntryKey const& key, Key& out) {
   World const& world = differ.world();
   FastState const& state = differ.state();
   FastVantrelImpl const& engine = *world.engine();
-  EntryConfig const entry = world.table().entry(key);
-  CState_s const* const c = state.record(key);
-  if (state.cachedRecord(key) != c) throw Broken("the prefetched record is stale, key " + std::to_string(name));
+  auto const& rings = *(engine.*memberOf(MixedRingsOfEngine{}));
+  append(out.plain, placeIn(state.workq, key), 1);
+  append(out.plain, placeIn(state.blocked, key), 1);
+  append(out.plain, placeIn(rings.*memberOf(KeptRings{}), key), 1);
+  append(out.plain, placeIn(rings.*memberOf(ClosingRings{}), key), 1);
+  append(out.plain, world.frontEnd()->failedKey().find(key) != world.frontEnd()->failedKey().end(), 1);
+  append(out.plain, static_cast<U64>(world.failures().times(key.value())), 1);
+  auto const owned = std::count_if(engine.handleToKey().begin(), engine.handleToKey().end(),
+                                   [&](auto const& owner) { return owner.second == key; });
   auto const handle = engine.keyToHandle().find(key);
   bool const mapped = handle != engine.keyToHandle().end();
-
-  std::string& plain = out.plain;
-  plain.clear();
-  out.groups.clear();
-  out.handles.clear();
-  bool const inTable = !entry.empty();
-  append(plain,
-         U64{inTable} | U64{entry.isDel()} << 1 | U64{c != nullptr} << 2 | U64{mapped} << 3 |
-             U64{inTable && !entry.isDel() && c && c->opId >= entry.opId()} << 4,
-         1);
-  if (inTable) append(plain, entry.tableIndexs() ? small(entry.tableIndex(TableKey(0))) : nothing, 1);
-  if (inTable && !entry.isDel()) {
-    append(plain, settled(entry, c) ? entry.opId().low() : version(entry.opId()), 8);
-    append(plain, small(entry.prio()), 1);
-    out.groups.push_back(entry.pg());
-    out.handles.push_back(entry.hdl());
-  }
-  if (c) {
-    bool const marks = what_ != FormOf::WithoutChainMarks;
-    append(plain, givenVersions_ ? c->opId.value() : c->opId.low(), 8);
-    append(plain, version(c->p.opId), 8);
-    append(plain, small(c->prio), 1);
-    append(plain, small(c->sti), 1);
-    append(plain, small(c->p.ti), 1);
-    append(plain,
-           static_cast<U64>(c->p.type) | U64{marks && c->p.open} << 2 | U64{marks && c->p.lost} << 3, 1);
-    out.groups.push_back(c->pg);
-    out.handles.push_back(c->hdl);
-  }
+  append(out.plain, static_cast<U64>(owned) << 1 | U64{mapped}, 1);
   if (mapped) out.handles.push_back(handle->second);
-  auto const& rings = *(engine.*memberOf(MixedRingsOfEngine{}));
-  append(plain, placeIn(state.workq, key), 1);
-  append(plain, placeIn(state.blocked, key), 1);
-  append(plain, placeIn(rings.*memberOf(KeptRings{}), key), 1);
-  append(plain, placeIn(rings.*memberOf(ClosingRings{}), key), 1);
-  append(plain, world.frontEnd()->failedKey().find(key) != world.frontEnd()->failedKey().end(), 1);
-  append(plain, static_cast<U64>(world.failures().times(name)), 1);
-  append(plain, static_cast<U64>(std::count_if(engine.handleToKey().begin(), engine.handleToKey().end(),
-                                               [&](auto const& owner) { return owner.second == key; })),
-         1);
-  out.blank = std::all_of(plain.begin(), plain.end(), [](char byte) { return byte == 0; });
 }
 
 // Writes the form with the keys in this order, and keeps it if it is the least one so far.
@@ -232,27 +240,9 @@ void CanonicalForm::tryOrder(Naming::Names const& order, Differ const& differ) {
     for (U16 group : key.groups) bytes.push_back(static_cast<char>(groups.of(group)));
     for (U64 handle : key.handles) bytes.push_back(static_cast<char>(handles.of(handle)));
   }
-  // Handles that no key names, by their owner.
-  auto const& owners = differ.world().engine()->handleToKey();
-  if (renames_)
-    for (U32 i = 0; i < keys_; ++i)
-      for (auto const& [handle, key] : owners)
-        if (key.value() == U64{order[i]} + 1) handles.of(handle);
-  std::string owned(2 * Naming::most, '\0');
-  for (auto const& [handle, key] : owners)
-    for (U32 i = 0; i < keys_; ++i)
-      if (key.value() == U64{order[i]} + 1) owned.at(handles.of(handle)) = static_cast<char>(i + 1);
-  bytes += owned;
-  bytes += rest(differ);
-  if (walks_) {
-    Table const& table = differ.world().table();
-    for (auto const& slot : table.*memberOf(Slots{}))
-      bytes.push_back(static_cast<char>(
-          slot.change == 0 ? 0 : std::find(order.begin(), order.end(), slot.record.key().value() - 1) -
-                                     order.begin() + 1));
-    bytes.push_back(static_cast<char>(nothing));
-    for (U32 slot : table.*memberOf(FreeSlots{})) bytes.push_back(static_cast<char>(slot));
-  }
+  writeOwners(differ, order, handles, bytes);
+  writeRest(differ, bytes);
+  if (walks_) writeSlots(differ, order, bytes);
   if (!best_.empty() && best_ <= bytes) return;
   best_ = std::move(bytes);
   naming_.keys = order;
@@ -260,16 +250,36 @@ void CanonicalForm::tryOrder(Naming::Names const& order, Differ const& differ) {
   naming_.handles = handles.all(1);
 }
 
+// Who owns each handle; those that no key names are labelled by their owner.
+void CanonicalForm::writeOwners(Differ const& differ, Naming::Names const& order, Labels<U64>& handles,
+                                std::string& bytes) const {
+  std::string owners(2 * Naming::most, '\0');
+  for (U32 i = 0; i < keys_; ++i)
+    for (auto const& [handle, key] : differ.world().engine()->handleToKey())
+      if (key.value() == U64{order[i]} + 1) owners.at(handles.of(handle)) = static_cast<char>(i + 1);
+  bytes += owners;
+}
+
+// The table's slots with the keys in them, and the free ones in the order in which they are used again. A
+// walk over the table goes by them.
+void CanonicalForm::writeSlots(Differ const& differ, Naming::Names const& order, std::string& bytes) {
+  Table const& table = differ.world().table();
+  for (auto const& slot : table.*memberOf(Slots{})) {
+    auto const place = std::find(order.begin(), order.end(), slot.record.key().value() - 1);
+    append(bytes, slot.change == 0 ? 0 : static_cast<U64>(place - order.begin()) + 1, 1);
+  }
+  append(bytes, nothing, 1);
+  for (U32 slot : table.*memberOf(FreeSlots{})) append(bytes, slot, 1);
+}
+
 // What belongs to no key.
-std::string CanonicalForm::rest(Differ const& differ) const {
+void CanonicalForm::writeRest(Differ const& differ, std::string& bytes) {
   World const& world = differ.world();
-  std::string bytes;
   auto const wakeUp = world.wheel().earliest();
   append(bytes, wakeUp ? 1 + static_cast<U64>(std::llround((*wakeUp - world.wheel().now()) * 10)) : 0, 4);
   append(bytes, world.frontEnd()->retryTimerSet(), 1);
   append(bytes, differ.state().chains.*memberOf(LostClaims{}), 1);
   append(bytes, differ.model().lostInDrain() > 0, 1);  // idle claims are no error from then on
-  return bytes;
 }
 
 namespace {

@@ -2,8 +2,8 @@
 // Canonical form of a small world's state: the bytes that decide everything that engine, front end and tables
 // will do, written so that two states that differ only in names have the same bytes.
 //
-//   key 1: at 0, version 0x50000    key 3 of the other: at 0, version 0x90000
-//   key 2: claims 0, 0x70001        key 1 of the other: claims 0, 0xA0001       the same form: [0, v1] [?0, v2.1]
+//   key 1: at 0                      key 3: at 0
+//   key 2: claims 0, version 7       key 1: claims 0, version 12      the same form: [at 0] [claims 0, v1]
 //
 // What is in it: of every key the record in the table, the engine's record with its claim and the claim's
 // marks, its places in the work queue, the blocked set and the lists of the search for mixed rings, its
@@ -19,15 +19,20 @@
 //   - Handle, group, priority and version of a record that is marked for delete: dispatch reads the mark,
 //     and the checks for rings the position.
 //
-// Why names may be changed:
-//   - Versions are compared for order, and for equality of the low 16 bits; whether one is more than 65535
-//     ahead matters too, but no walk makes so many. So their ranks and low bits are enough.
-//   - Keys are looked up and compared for equality. Two things go by their order or their hash: the pass over
-//     failed keys (worlds where keys fail are not renamed), and which blocked key the deadlock check takes
-//     first. The model says when there was such a choice (Model::choices), and what follows from it is not
-//     taken for a difference.
-//   - Handles are looked up only. Groups are compared for equality only, but in the precedence index, where
-//     they decide who is neighbour to whom; the engine ignores a neighbour of another group.
+// Why versions may be replaced by their ranks: they are compared for order, and for equality of the low 16
+// bits. Whether one is more than 65535 ahead matters too, but no walk makes so many. The version in hardware
+// is compared with the key's own configuration and claim only, and a claim is always newer: so its low bits
+// and whether the configuration is newer are enough. A configuration that is in hardware, while its key
+// claims nothing, is compared again only when the entry is deleted and the configuration stays. Only the
+// taking over of a handle does that: where keys share no handles, its low bits are enough. Where operations
+// give versions, they stay as they are.
+//
+// Why names may be changed: keys, handles and groups are looked up and compared for equality.
+//   - A group decides in the precedence index who is neighbour to whom, but the engine ignores a neighbour of
+//     another group.
+//   - Failed keys are retried in ascending order. Worlds where keys fail are not renamed.
+//   - Which blocked key the deadlock check takes first goes by its hash. The model counts such choices
+//     (Model::choices). When another state follows after one, that is counted, and is no difference.
 //
 // Threading: none. Cost: some hundred nanoseconds.
 // Errors: Broken, when the prefetched record is stale.
@@ -72,14 +77,21 @@ class CanonicalForm {
     std::vector<U16> groups;   // of the record in the table, of the engine's record
     std::vector<U64> handles;  // the same, and the one that the engine knows for the key
   };
-  class Writer;
+  template <class Name>
+  class Labels;
 
   void rankVersions(Differ const& differ);
-  void readKey(Differ const& differ, U64 key, Key& out);
   bool settled(Vantrel::EntryConfig const& entry, Vantrel::CState_s const* c) const;
   U64 version(Vantrel::OpId opId) const;
+  void readKey(Differ const& differ, U64 name, Key& out) const;
+  void writeConfiguration(Vantrel::EntryConfig const& entry, Vantrel::CState_s const* c, Key& out) const;
+  void writeRecord(Vantrel::CState_s const& c, Key& out) const;
+  static void writePlaces(Differ const& differ, Vantrel::EntryKey const& key, Key& out);
   void tryOrder(Naming::Names const& order, Differ const& differ);
-  std::string rest(Differ const& differ) const;
+  void writeOwners(Differ const& differ, Naming::Names const& order, Labels<U64>& handles,
+                   std::string& bytes) const;
+  static void writeSlots(Differ const& differ, Naming::Names const& order, std::string& bytes);
+  static void writeRest(Differ const& differ, std::string& bytes);
 
   U32 const keys_;
   bool const renames_;
@@ -95,7 +107,7 @@ class CanonicalForm {
 
 // Whether the operations stay the same when keys, groups and handles are renamed.
 bool mayRename(SmallWorld const& world);
-// How many keys there are.
+// How many keys the operations name.
 U32 keysOf(SmallWorld const& world);
 
 }  // namespace Testing

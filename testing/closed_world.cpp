@@ -200,8 +200,8 @@ class Closer {
     bool const first = successor(from, operation) == untried;
     if (first) ++found_.transitions, ++states_[from].tried;
     Step const step = stepOf(concrete(operation));
-    if (successor(from, operation) == ends ||
-        (world_.mayEndProcess && !differ_->endsProcess(step).empty())) {
+    if (successor(from, operation) == ends || (world_.mayEndProcess && !differ_->endsProcess(step).empty())) {
+      walk_.pop_back();
       if (!first && successor(from, operation) != ends)
         throw Difference("an operation ends the process that did not end it in the same state");
       found_.ending += first;
@@ -321,7 +321,8 @@ class Closer {
 
   void repeatSome() {
     std::mt19937_64 random(states_.size());
-    auto const goal = found_.repeated + static_cast<U64>(how_.repeat * static_cast<double>(found_.transitions));
+    U64 const more = static_cast<U64>(how_.repeat * static_cast<double>(found_.transitions));
+    U64 const goal = found_.repeated + more;
     while (found_.repeated < goal) {
       if (walk_.size() + 64 > longestWalk) beginWalk();
       runOperation(static_cast<U32>(random() % operations_));
@@ -380,10 +381,10 @@ class Closer {
   U32 const operations_;
   bool handlesNamed_ = false;
   std::optional<Differ> differ_;
-  std::vector<U16> walk_;  // the operations since the world was made,
+  std::vector<U16> walk_;      // the operations since the world was made,
   std::size_t walkBegan_ = 0;  // and the first one since it was empty
   bool atBeginning_ = false;
-  U32 running_ = 0;  // the last operation,
+  U32 running_ = 0;   // the last operation,
   Id runningIn_ = 0;  // and the state that it was run in
   U64 told_ = 0;
   Id at_ = 0;

@@ -42,12 +42,12 @@ struct Closed {
   U64 choices = 0;      // where the engine chose and another state followed than the first time
   U64 rings = 0;        // broken, in transitions
   U64 walks = 0;
-  U32 depth = 0;  // steps to the state that is farthest from the beginning
+  U32 depth = 0;               // steps to the state that is farthest from the beginning
   std::vector<U64> deep = {};  // how many states are that many steps away
 };
 
 struct Closing {
-  bool rename = true;   // keys, groups and handles, where the operations allow it
+  bool rename = true;  // keys, groups and handles, where the operations allow it
   FormOf form = FormOf::Everything;
   U64 mostTransitions = ~U64{0};
   double repeat = 0.02;  // how many transitions the walk at the end repeats, of all
