@@ -142,7 +142,13 @@ class Closer {
       State& state = states_[id];
       U16 const far = next == ends ? tooFar : static_cast<U16>(states_[next].far + 1);
       state.far = std::max(state.far, far);
-      if (state.far >= tooFar) return std::nullopt;
+      if (state.far >= tooFar) {  // a dead end: begin again, unless it is where the walk is
+        if (id == at_) return std::nullopt;
+        ++search_;
+        way_.clear();
+        id = at_;
+        continue;
+      }
       state.onWay = search_;
       state.place = static_cast<U32>(way_.size());
       way_.push_back(operation);
