@@ -228,11 +228,12 @@ class Closer {
     bool const first = successorNow == untried;
     if (first) successorNow = at_;
     found_.repeated += !first;
+    found_.choices += first && chose;
     if (successorNow != at_) {
       if (!chose)
         throw Difference("two states with the same canonical form go different ways by operation " +
                          std::to_string(operation));
-      ++found_.choices;
+      ++found_.otherWays;
       others_.emplace_back(from, at_);
       return;
     }

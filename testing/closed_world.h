@@ -39,7 +39,8 @@ struct Closed {
   U64 ending = 0;       // of these, not run: they would end the process
   U64 repeated = 0;     // run again, compared with the first time
   U64 sampled = 0;      // of these, with the calls that they made
-  U64 choices = 0;      // where the engine chose and another state followed than the first time
+  U64 choices = 0;      // of the transitions, where the deadlock check had more than one key to begin with
+  U64 otherWays = 0;    // of the repeated ones, where it chose and another state followed than the first time
   U64 rings = 0;        // broken, in transitions
   U64 walks = 0;
   U32 depth = 0;               // steps to the state that is farthest from the beginning
