@@ -61,7 +61,7 @@ class Closer {
   Closed run() {
     try {
       beginWalk();
-      while (exploreOne() && found_.transitions < how_.mostTransitions) tellProgress();
+      while (left() > 0 && found_.transitions < how_.mostTransitions && exploreOne()) tellProgress();
       found_.closed = left() == 0;
       if (found_.closed) repeatSome();
     } catch (Difference const& error) {
