@@ -65,7 +65,7 @@ coverage: ## which lines of vantrel/ the tests run; fails below 95 %
 	@scripts/coverage
 
 soak: configured ## SOAK_MINUTES (10) of churn, then of seeded walks; 10,000 kills
-	@$(call compile,release) --target programs shoal_kill_test test_walks test_exhaustive
+	@$(call compile,release) --target programs shoal_kill_test test_walks test_exhaustive test_closed_worlds
 	$(SAY) "soak: churning the same keys, watching order, acknowledgements and memory"
 	@scripts/soak
 	$(SAY) "soak: tests that get better with time"

@@ -35,6 +35,8 @@ class Differ : public World::Listener {
   void empty();
 
   Model const& model() const { return model_; }
+  World const& world() const { return *world_; }
+  Vantrel::FastState const& state() const { return *state_; }
   EngineChoice const& engine() const { return choice_; }
   U64 steps() const { return steps_; }
   std::vector<Event> const& events() const { return events_; }  // of the last step

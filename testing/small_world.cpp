@@ -2,6 +2,7 @@
 #include "testing/small_world.h"
 
 #include <algorithm>
+#include <string_view>
 
 namespace Testing {
 namespace {
@@ -56,7 +57,7 @@ class Explorer {
     scenario_ = {world_.engine, {}};
     for (Step const& step : world_.beginning) runStep(step);
     for (U32 i = 0; i < world_.length; ++i) {
-      Step const step = stepAt(i);
+      Step const step = world_.step(*path_[i], i + 1);
       if (world_.mayEndProcess && !differ_.endsProcess(step).empty()) return fresh_ = i;
       if (i >= fresh_) ++explored_.prefixes;
       ++explored_.steps;
@@ -74,18 +75,6 @@ class Explorer {
       if (event.kind == EventKind::DeleteDeadlock) ++explored_.rings;
     if (auto const idle = differ_.idleClaim(); idle && differ_.model().lostInDrain() == 0)
       throw Difference("key " + std::to_string(*idle) + " waits for a position that is free and in order");
-  }
-
-  Step stepAt(U32 i) const {
-    Operation const& o = *path_[i];
-    Step step = o.step;
-    if (step.what != Do::Put || o.givenOpId) return step;
-    EntryConfig const& e = o.step.entry;
-    U64 const opId =
-        ((world_.beginning.size() + i + 1) << 16) | e.prio();  // another priority is another match
-    step.entry = record(e.key().value(), opId, e.hdl(), e.pg(), e.prio(), e.tableIndex(Vantrel::TableKey(0)));
-    step.entry.isDelIs(e.isDel());
-    return step;
   }
 
   SmallWorld const& world_;
@@ -136,6 +125,14 @@ SmallWorld oneGroup() {
   addPuts(w, {.keys = 3, .positions = {0, 1, 2}, .priorities = 2});
   addRemoves(w, 3);
   addMarks(w, 3);
+  return w;
+}
+
+SmallWorld notified() {
+  SmallWorld w{.name = "Notified", .length = 5};
+  addPuts(w, {.keys = 3, .positions = {0, 1, 2}, .priorities = 2});
+  addRemoves(w, 3);
+  addNotifies(w, 3);
   return w;
 }
 
@@ -258,6 +255,16 @@ SmallWorld mixedRings() {
 
 }  // namespace
 
+Step SmallWorld::step(Operation const& o, U64 n) const {
+  Step step = o.step;
+  if (step.what != Do::Put || o.givenOpId) return step;
+  EntryConfig const& e = o.step.entry;
+  U64 const opId = ((beginning.size() + n) << 16) | e.prio();  // another priority is another match
+  step.entry = record(e.key().value(), opId, e.hdl(), e.pg(), e.prio(), e.tableIndex(Vantrel::TableKey(0)));
+  step.entry.isDelIs(e.isDel());
+  return step;
+}
+
 Explored explore(SmallWorld const& world, Scenario& scenario) { return Explorer(world, scenario).run(); }
 
 std::vector<SmallWorld> smallWorlds(int extra) {
@@ -266,6 +273,16 @@ std::vector<SmallWorld> smallWorlds(int extra) {
                                     versions(),     failures(),        algorithmic(), mixed(threeGroups()),
                                     mixed(quiet()), mixed(failures()), mixedRings()};
   for (SmallWorld& world : worlds) world.length = static_cast<U32>(static_cast<int>(world.length) + extra);
+  return worlds;
+}
+
+std::vector<SmallWorld> closedWorlds() {
+  std::vector<SmallWorld> worlds = smallWorlds(0);
+  worlds.insert(worlds.begin(), {notified(), mixed(notified())});
+  for (SmallWorld& world : worlds)
+    for (std::string_view const name :
+         {"NotifiedMixed", "OneGroup", "Priorities", "TwoGroups", "ThreeGroups", "ThreeGroupsMixed"})
+      if (world.name == name) world.large = true;
   return worlds;
 }
 

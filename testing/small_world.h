@@ -32,6 +32,10 @@ struct SmallWorld {
   bool symmetric = true;  // keys may be renamed
   bool symmetricGroups = true;
   bool mayEndProcess = false;  // some operations end the process after some others
+  bool large = false;          // too many states to be closed in a minute
+
+  // The operation as the n-th step after the beginning, from 1.
+  Step step(Operation const& operation, U64 n) const;
 };
 
 struct Explored {
@@ -46,5 +50,7 @@ Explored explore(SmallWorld const& world, Scenario& scenario);
 
 // The worlds of the check; with `extra`, each sequence is that much longer, or shorter.
 std::vector<SmallWorld> smallWorlds(int extra);
+// The worlds that closed_world.h closes: the same, and a small one with every key notified again.
+std::vector<SmallWorld> closedWorlds();
 
 }  // namespace Testing

@@ -29,6 +29,11 @@ class Failures {
   void timesIs(U64 key, std::int64_t times);
   // Counts one attempt. Returns whether it succeeds.
   bool attempt(U64 key);
+  // How many of the key's next attempts fail; -1 all.
+  std::int64_t times(U64 key) const {
+    auto const at = times_.find(key);
+    return at == times_.end() ? 0 : at->second;
+  }
   void clear() { times_.clear(); }
 
  private:
@@ -74,6 +79,7 @@ class World {
   Shoal::LocalTable<Vantrel::EntryStatus> const& statuses() const;
   Keel::VirtualWheel const& wheel() const { return *wheel_; }
   Failures& failures() { return failures_; }
+  Failures const& failures() const { return failures_; }
 
  private:
   class Client;

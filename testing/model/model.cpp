@@ -541,6 +541,7 @@ void Model::breakRings() {
 }
 
 U64 Model::nextCandidate() {
+  if (blocked_.size() > 1) ++choicesMade_;
   if (choices_ && choices_->foreseen) return blocked_.front();
   require(choices_ && candidatesTaken_ < choices_->candidates.size(),
           "the deadlock check stopped while keys were blocked");

@@ -97,6 +97,8 @@ class Model {
   U64 lostInDrain() const { return lostInDrain_; }
   // How many claims ended without their key being queued: beaten by a newer claim, or their position taken.
   U64 claimsLost() const { return claimsLost_; }
+  // How often the deadlock check had more than one blocked key to go on with.
+  U64 choices() const { return choicesMade_; }
 
   // The nearest programmed records of any group beside a place in the precedence order; null when there is
   // none.
@@ -210,6 +212,7 @@ class Model {
   std::size_t victimsTaken_ = 0;
   U64 lostInDrain_ = 0;
   U64 claimsLost_ = 0;
+  U64 choicesMade_ = 0;
 };
 
 }  // namespace Testing
