@@ -93,6 +93,30 @@ configure_file(cmake/vantrel.pc.in ${PROJECT_BINARY_DIR}/vantrel.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vantrel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
   COMPONENT development)
 
+# The manual is made of what the programs say themselves. A sanitized program would want its options for that.
+find_program(SCDOC scdoc)
+if(SCDOC AND programs AND NOT VANTREL_SANITIZE)
+  set(pages "")
+  foreach(page vantrel.1 vantreld.8)
+    cmake_path(GET page STEM name)
+    cmake_path(GET page EXTENSION section)
+    string(SUBSTRING ${section} 1 -1 section)
+    set(made ${PROJECT_BINARY_DIR}/man/${page})
+    add_custom_command(OUTPUT ${made}
+      COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/man
+      COMMAND ${PROJECT_SOURCE_DIR}/scripts/man ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${name} ${section}
+        ${PROJECT_SOURCE_DIR}/docs/man/${name}.scd >${made}
+      DEPENDS ${programs} scripts/man docs/man/${name}.scd)
+    install(FILES ${made} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT tools)
+    list(APPEND pages ${made})
+  endforeach()
+  add_custom_target(manual ALL DEPENDS ${pages})
+  add_dependencies(programs manual)
+endif()
+install(FILES scripts/completion/vantrel.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+  RENAME vantrel COMPONENT tools)
+install(FILES scripts/completion/_vantrel DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions
+  COMPONENT tools)
 install(DIRECTORY scripts/probes DESTINATION ${CMAKE_INSTALL_DATADIR}/vantrel COMPONENT tools)
 # systemd looks into these whatever the prefix of the library directory.
 install(FILES apps/vantreld/vantreld.service DESTINATION lib/systemd/system COMPONENT tools)
