@@ -3,8 +3,12 @@
 
 #include <fmt/format.h>
 
-#include <cstdlib>
+#include <unistd.h>
 
+#include <cstdlib>
+#include <ctime>
+
+#include "lumelog/lumelog.h"
 #include "ostra/exception.h"
 #include "ostra/type_info.h"
 #include "vantrel/core/trace.h"
@@ -15,12 +19,27 @@ namespace {
 std::string agentKnows(Progress const&) { return "the agent knows itself how far it is"; }
 }  // namespace
 
+Progress::Progress(Vantrel::Geometry const& geometry)
+    : Entity("agent"),
+      geometry_(geometry),
+      pid_(static_cast<U64>(::getpid())),
+      started_(static_cast<U64>(std::time(nullptr))) {}
+
+std::string Progress::traceFile() const { return Vantrel::lg ? Vantrel::lg->path() : ""; }
+
 Ostra::TypeInfo const& Progress::staticType() {
   static Ostra::TypeInfo const type = Ostra::TypeInfo::of<Progress>("Vantreld::Progress")
                                           .attribute("state", &Progress::state, &Progress::stateIs)
                                           .refusedBecause(&agentKnows)
                                           .attribute("left", &Progress::left, &Progress::leftIs)
-                                          .refusedBecause(&agentKnows);
+                                          .refusedBecause(&agentKnows)
+                                          .attribute("size", &Progress::size)
+                                          .attribute("engine", &Progress::engine)
+                                          .attribute("prioGrpShift", &Progress::prioGrpShift)
+                                          .attribute("maxPartitions", &Progress::maxPartitions)
+                                          .attribute("pid", &Progress::pid)
+                                          .attribute("started", &Progress::started)
+                                          .attribute("traceFile", &Progress::traceFile);
   return type;
 }
 
