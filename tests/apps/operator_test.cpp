@@ -104,7 +104,7 @@ TEST_F(OperatorTest, AttrSaysWhatIsWrong) {
   expectRefused(
       {"attr", "get", "engin", "prioGrpShift"},
       "no entity is named \"engin\"; there are: agent, configTable, debugConfig, debugStatus, engine, "
-      "executor, flushStatus, frontEnd, hardware, statusTable, trace, waitStatus");
+      "executor, flushStatus, frontEnd, hardware, metrics, statusTable, trace, waitStatus, waiting");
   EXPECT_THAT(run({"attr", "get", "engine", "prio"}).err,
               StartsWith("vantrel: Vantrel::FastVantrelImpl has no attribute \"prio\"; it has: "));
   expectRefused({"attr", "set", "engine", "debugEnabled", "yes"}, "expected true or false, got \"yes\"");
