@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <unordered_map>
 #include <utility>
 
 #include "apps/vantrel/explain.h"
@@ -29,6 +30,35 @@ std::string ranges(std::vector<Vantrel::EntryKey> const& keys, std::size_t begin
     if (last != i) text += "-" + std::to_string(keys[last].value());
     i = last + 1;
   }
+  return text;
+}
+
+}  // namespace
+
+namespace {
+
+// A line for each reason, the first one met first, and after some lines the rest without one.
+std::string byReason(Explainer const& explainer, std::vector<Vantrel::EntryKey> const& keys) {
+  std::vector<std::pair<std::string, std::vector<Vantrel::EntryKey>>> groups;
+  std::unordered_map<std::string, std::size_t> groupOf;
+  std::vector<Vantrel::EntryKey> rest;
+  for (Vantrel::EntryKey const key : keys) {
+    std::string reason = explainer.reasonOf(key);
+    auto const known = groupOf.find(reason);
+    if (known != groupOf.end()) {
+      groups[known->second].second.push_back(key);
+    } else if (groups.size() < mostExplained) {
+      groupOf[reason] = groups.size();
+      groups.push_back({std::move(reason), {key}});
+    } else {
+      rest.push_back(key);
+    }
+  }
+  std::string text;
+  for (auto const& [reason, members] : groups)
+    text += "\n  " + (members.size() == 1 ? explainer.explain(members[0])
+                                          : fmt::format("{}: {}", ranges(members, 0), reason));
+  if (!rest.empty()) text += "\n  and " + ranges(rest, 0);
   return text;
 }
 
@@ -151,11 +181,8 @@ void Awaiting::late() {
     noSnapshot = agent_->problem();
   }
   if (!snapshot) text += fmt::format("; {}", noSnapshot);
-  std::vector<Vantrel::EntryKey> explained = keys;
-  if (explained.size() > mostExplained) explained.resize(mostExplained);
-  Explainer const explainer(*tables_.config(), std::move(snapshot), noSnapshot, explained);
-  for (Vantrel::EntryKey const key : explained) text += "\n  " + explainer.explain(key);
-  if (keys.size() > mostExplained) text += "\n  and " + ranges(keys, mostExplained);
+  Explainer const explainer(*tables_.config(), std::move(snapshot), noSnapshot, keys);
+  text += byReason(explainer, keys);
   if (!refused_.empty()) text += "\n  and " + refusedText();
   throw Late(text);
 }

@@ -12,6 +12,7 @@
 #include "apps/vantrel/agent_view.h"
 #include "apps/vantrel/command.h"
 #include "apps/vantrel/flags.h"
+#include "apps/vantrel/rules.h"
 #include "hw/acl/rule.h"
 #include "pallo/exception.h"
 #include "producer/acknowledgements.h"
@@ -195,6 +196,33 @@ void listPositions(std::string const& dir, bool asJson) {
   requireUndamaged(config, damaged);
 }
 
+// In the format of a rule file, so that it can be loaded again; with `keys` each line's key and place.
+void listRules(std::string const& dir, bool keys, bool asJson) {
+  ConfigFile const config(SharedTables::configPath(dir));
+  RuleList const rules(config);
+  if (keys && !asJson)
+    fmt::print("{:>6} {:>10} {:>10} {:>10}  {}\n", "LINE", "KEY", "POSITION", "PRIO", "RULE");
+  for (RuleList::Item const& item : rules.items()) {
+    std::string const text = Acl::text(item.rule);
+    if (asJson)
+      fmt::print("{}\n", Json{{"line", item.line},
+                              {"key", item.key.value()},
+                              {"position", item.ti},
+                              {"pg", item.pg},
+                              {"prio", item.prio},
+                              {"rule", text}}
+                             .dump());
+    else if (keys)
+      fmt::print("{:>6} {:>10} {:>10} {:>10}  {}\n", item.line, item.key.value(), item.ti, item.prio, text);
+    else
+      fmt::print("{}\n", text);
+  }
+  if (rules.others() != 0)
+    throw std::runtime_error(
+        fmt::format("{} {} no rule of a packet filter and not listed: see vantrel ls config", rules.others(),
+                    rules.others() == 1 ? "entry is" : "entries are"));
+}
+
 // The status table is valid only while the agent that wrote it runs.
 void requireAgent(std::string const& dir) {
   auto const agent = agentViewOf(dir);
@@ -229,10 +257,15 @@ void showStatus(std::string const& dir, U64 key, bool asJson) {
     if (refusal) line["why"] = refusal->reason;
     fmt::print("{}\n", line.dump());
   } else {
-    fmt::print("key {}: {}, OpId {} of {}{}\n", key, state, status.opId().value(), entry.opId().value(),
+    bool const versions = std::string_view(state) != "deleted" && std::string_view(state) != "unknown";
+    std::string const has =
+        status.opId() == OpId::deleteAcknowledge() ? "its delete" : std::to_string(status.opId().value());
+    fmt::print("key {}: {}{}{}\n", key, state,
+               versions ? fmt::format(", OpId {} of {}", has, entry.opId().value()) : "",
                refusal ? ": " + refusal->reason : "");
   }
   requireAgent(dir);
+  if (std::string_view(state) == "unknown") throw Exit{1};
 }
 
 struct Listing {
@@ -240,6 +273,7 @@ struct Listing {
   std::string what;
   std::optional<U64> key;
   bool json = false;
+  bool keys = false;
 };
 
 }  // namespace
@@ -247,11 +281,13 @@ struct Listing {
 void addLs(CLI::App& app) {
   auto const listing = std::make_shared<Listing>();
   CLI::App& verb = *app.add_subcommand("ls", "Lists a table, or the positions from left to right");
-  verb.add_option("WHAT", listing->what, "config, status or positions")
+  verb.add_option("WHAT", listing->what,
+                  "config, status, positions or rules (in order of precedence, loadable again)")
       ->required()
-      ->check(CLI::IsMember({"config", "status", "positions"}));
+      ->check(CLI::IsMember({"config", "status", "positions", "rules"}));
   addDir(verb, listing->dir);
   addJson(verb, listing->json);
+  verb.add_flag("--keys", listing->keys, "Of rules: each line's key and position too");
   verb.footer("Example:\n  vantrel ls positions --dir /run/vantrel --json");
   verb.callback([listing] {
     if (listing->what == "config") listConfig(listing->dir, listing->json);
@@ -259,6 +295,9 @@ void addLs(CLI::App& app) {
       listStatus(listing->dir, listing->json);
       requireAgent(listing->dir);
     }
+    if (listing->keys && listing->what != "rules")
+      throw CLI::ValidationError("--keys", "belongs to ls rules");
+    if (listing->what == "rules") listRules(listing->dir, listing->keys, listing->json);
     if (listing->what == "positions") listPositions(listing->dir, listing->json);
   });
 }
