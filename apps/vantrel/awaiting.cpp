@@ -14,7 +14,8 @@ namespace VantrelCommand {
 namespace {
 
 constexpr double tick = 0.25;             // how often progress is looked at
-constexpr double snapshotSeconds = 10.0;  // how long the agent may take to explain itself
+constexpr double snapshotSeconds = 10.0;  // how long the agent may take to explain itself, at most as
+                                          // long again as the deadline was
 constexpr double hardwareSeconds = 1.0;   // how long for an answer about its hardware
 constexpr int lookShare = 10;             // the pause between two of these, in times of the last one
 constexpr std::size_t mostExplained = 50;
@@ -177,7 +178,7 @@ void Awaiting::late() {
     noSnapshot = fmt::format("no agent has made {}", Vantrel::SharedTables::statusPath(dir_));
   std::optional<Snapshot> snapshot;
   if (tables_.hasStatus()) {
-    snapshot = agent_->snapshot(snapshotSeconds);
+    snapshot = agent_->snapshot(std::clamp(*timeout_, 1.0, snapshotSeconds));
     noSnapshot = agent_->problem();
   }
   if (!snapshot) text += fmt::format("; {}", noSnapshot);

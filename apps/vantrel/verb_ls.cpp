@@ -178,10 +178,10 @@ void show(Spot const& spot, EntryConfig const& wanted, bool asJson) {
   }
 }
 
-void listPositions(std::string const& dir, bool asJson) {
+void listPositions(std::string const& dir, bool asJson, double seconds) {
   ConfigFile const config(SharedTables::configPath(dir));
   auto const agent = agentViewOf(dir);
-  auto const snapshot = agent->snapshot(snapshotSeconds);
+  auto const snapshot = agent->snapshot(seconds);
   Ostra::Ptr<StatusFile> status;
   if (!snapshot && std::filesystem::exists(SharedTables::statusPath(dir)))
     status = Ostra::make<StatusFile>(SharedTables::statusPath(dir));
@@ -240,13 +240,13 @@ char const* stateOf(EntryConfig const& entry, EntryStatus const& status) {
   return status.opId() == OpId() || gone ? "not acknowledged" : "an older version is acknowledged";
 }
 
-void showStatus(std::string const& dir, U64 key, bool asJson) {
+void showStatus(std::string const& dir, U64 key, bool asJson, double seconds) {
   StatusFile const statuses(SharedTables::statusPath(dir));
   EntryStatus const status = statuses.entry(EntryKey(key));
   EntryConfig entry;
   if (std::filesystem::exists(SharedTables::configPath(dir)))
     entry = ConfigFile(SharedTables::configPath(dir)).entry(EntryKey(key));
-  auto const hardware = agentViewOf(dir)->hardware(hardwareSeconds);
+  auto const hardware = agentViewOf(dir)->hardware(seconds);
   auto const* const refusal = hardware ? hardware->refusalOf(EntryKey(key), entry.opId()) : nullptr;
   char const* const state = refusal ? "refused" : stateOf(entry, status);
   if (asJson) {
@@ -274,6 +274,7 @@ struct Listing {
   std::optional<U64> key;
   bool json = false;
   bool keys = false;
+  std::optional<double> timeout;
 };
 
 }  // namespace
@@ -287,6 +288,7 @@ void addLs(CLI::App& app) {
       ->check(CLI::IsMember({"config", "status", "positions", "rules"}));
   addDir(verb, listing->dir);
   addJson(verb, listing->json);
+  addTimeout(verb, listing->timeout, "Of positions: how long the agent may take (10)");
   verb.add_flag("--keys", listing->keys, "Of rules: each line's key and position too");
   verb.footer("Example:\n  vantrel ls positions --dir /run/vantrel --json");
   verb.callback([listing] {
@@ -298,7 +300,8 @@ void addLs(CLI::App& app) {
     if (listing->keys && listing->what != "rules")
       throw CLI::ValidationError("--keys", "belongs to ls rules");
     if (listing->what == "rules") listRules(listing->dir, listing->keys, listing->json);
-    if (listing->what == "positions") listPositions(listing->dir, listing->json);
+    if (listing->what == "positions")
+      listPositions(listing->dir, listing->json, listing->timeout.value_or(snapshotSeconds));
   });
 }
 
@@ -315,8 +318,11 @@ void addStatus(CLI::App& app) {
       ->type_name("N");
   addDir(verb, listing->dir);
   addJson(verb, listing->json);
+  addTimeout(verb, listing->timeout, "How long the agent may take (2)");
   verb.footer("Example:\n  vantrel status 7 --dir /run/vantrel --json");
-  verb.callback([listing] { showStatus(listing->dir, *listing->key, listing->json); });
+  verb.callback([listing] {
+    showStatus(listing->dir, *listing->key, listing->json, listing->timeout.value_or(hardwareSeconds));
+  });
 }
 
 }  // namespace VantrelCommand

@@ -5,8 +5,10 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
+#include <string_view>
 
 #include "lumelog/lumelog.h"
 #include "ostra/exception.h"
@@ -67,7 +69,26 @@ TraceControl::TraceControl() : Entity("trace"), keep_(Vantrel::traceKeep()) {
   if (char const* const settings = std::getenv("TRACE")) settings_ = settings;
 }
 
+namespace {
+
+// What the TRACE variable would be passed over for with a line on stderr, that the writer never sees.
+void requireReadable(std::string_view part) {
+  auto const slash = part.rfind('/');
+  bool const level = slash != std::string_view::npos && slash != 0 && slash + 2 == part.size() &&
+                     part.back() >= '0' && part.back() <= '9';
+  if (!level && !part.starts_with('>'))
+    throw Ostra::AttributeException(
+        fmt::format("settings: expected NAME/LEVEL with a level from 0 to 9, or >FILE, found \"{}\"", part));
+}
+
+}  // namespace
+
 void TraceControl::settingsIs(std::string const& settings) {
+  for (std::string_view rest = settings; !rest.empty();) {
+    std::size_t const end = std::min(rest.find_first_of(",; \t\n"), rest.size());
+    if (end > 0) requireReadable(rest.substr(0, end));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
   Vantrel::traceSettingIs(settings.c_str());
   scalarIs("settings", settings_, settings, &Notifiee::onSettings);
 }

@@ -98,6 +98,7 @@ class TraceControl : public Ostra::Entity {
   };
   TraceControl();
   std::string const& settings() const { return settings_; }
+  // Throws Ostra::AttributeException for a part that is none.
   void settingsIs(std::string const& settings);
   U32 keep() const { return keep_; }
   // Throws Ostra::AttributeException for a number below 1 or above 1000.

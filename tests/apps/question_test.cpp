@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What an operator asks, and what must not happen unasked.
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -444,4 +445,16 @@ TEST_F(QuestionTest, OperatorsPageIsAnsweredAsWritten) {
       EXPECT_NE(said.end(), std::ranges::find(said, line)) << step.command << " says no line " << line << "\n"
                                                            << out;
   }
+}
+
+TEST_F(QuestionTest, JournalGetsThePriorityOfEachLine) {
+  std::string const out = dir / "out", err = dir / "err";
+  std::ofstream(out).flush();
+  struct stat file {};
+  ASSERT_EQ(0, stat(out.c_str(), &file));
+  setenv("JOURNAL_STREAM", (std::to_string(file.st_dev) + ":" + std::to_string(file.st_ino)).c_str(), 1);
+  Process daemon({VANTREL_BIN_DIR "/vantreld", "--dir", tables()}, out, err);
+  unsetenv("JOURNAL_STREAM");
+  awaitReady(daemon);
+  EXPECT_THAT(daemon.out(), StartsWith("<6>vantreld: ready in "));
 }
