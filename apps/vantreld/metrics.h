@@ -9,8 +9,8 @@
 // Invariants: at most `mostTimed` keys are timed at once.
 // Ownership: holds references to what it reads.
 // Threading: the agent's event loop.
-// Cost: notified() and look() together below 5 ns a key: a branch, and for one key in 256 a read of its record
-//   and some look-ups of its status; text(), some ten microseconds.
+// Cost: notified() and look() together below 5 ns a key: a branch, and for one key in 256 a read of its
+//   record and some look-ups of its status; text(), some ten microseconds.
 // Errors: writeTo() returns why the file could not be written.
 #pragma once
 
