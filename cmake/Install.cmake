@@ -28,6 +28,7 @@ set(entry_headers
   producer/producer.h              # a producer
   producer/shared_tables.h
   producer/acknowledgements.h
+  producer/geometry.h              # what the agent has
   hw/executor.h                    # hardware that is late, or fails
   hw/adoption.h                    # or outlives the agent
   hw/recorder.h                    # hardware clients for tests

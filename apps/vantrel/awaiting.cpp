@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <unordered_map>
 #include <utility>
 
 #include "apps/vantrel/explain.h"
@@ -13,7 +14,8 @@ namespace VantrelCommand {
 namespace {
 
 constexpr double tick = 0.25;             // how often progress is looked at
-constexpr double snapshotSeconds = 10.0;  // how long the agent may take to explain itself
+constexpr double snapshotSeconds = 10.0;  // how long the agent may take to explain itself, at most as
+                                          // long again as the deadline was
 constexpr double hardwareSeconds = 1.0;   // how long for an answer about its hardware
 constexpr int lookShare = 10;             // the pause between two of these, in times of the last one
 constexpr std::size_t mostExplained = 50;
@@ -29,6 +31,35 @@ std::string ranges(std::vector<Vantrel::EntryKey> const& keys, std::size_t begin
     if (last != i) text += "-" + std::to_string(keys[last].value());
     i = last + 1;
   }
+  return text;
+}
+
+}  // namespace
+
+namespace {
+
+// A line for each reason, the first one met first, and after some lines the rest without one.
+std::string byReason(Explainer const& explainer, std::vector<Vantrel::EntryKey> const& keys) {
+  std::vector<std::pair<std::string, std::vector<Vantrel::EntryKey>>> groups;
+  std::unordered_map<std::string, std::size_t> groupOf;
+  std::vector<Vantrel::EntryKey> rest;
+  for (Vantrel::EntryKey const key : keys) {
+    std::string reason = explainer.reasonOf(key);
+    auto const known = groupOf.find(reason);
+    if (known != groupOf.end()) {
+      groups[known->second].second.push_back(key);
+    } else if (groups.size() < mostExplained) {
+      groupOf[reason] = groups.size();
+      groups.push_back({std::move(reason), {key}});
+    } else {
+      rest.push_back(key);
+    }
+  }
+  std::string text;
+  for (auto const& [reason, members] : groups)
+    text += "\n  " + (members.size() == 1 ? explainer.explain(members[0])
+                                          : fmt::format("{}: {}", ranges(members, 0), reason));
+  if (!rest.empty()) text += "\n  and " + ranges(rest, 0);
   return text;
 }
 
@@ -147,15 +178,12 @@ void Awaiting::late() {
     noSnapshot = fmt::format("no agent has made {}", Vantrel::SharedTables::statusPath(dir_));
   std::optional<Snapshot> snapshot;
   if (tables_.hasStatus()) {
-    snapshot = agent_->snapshot(snapshotSeconds);
+    snapshot = agent_->snapshot(std::clamp(*timeout_, 1.0, snapshotSeconds));
     noSnapshot = agent_->problem();
   }
   if (!snapshot) text += fmt::format("; {}", noSnapshot);
-  std::vector<Vantrel::EntryKey> explained = keys;
-  if (explained.size() > mostExplained) explained.resize(mostExplained);
-  Explainer const explainer(*tables_.config(), std::move(snapshot), noSnapshot, explained);
-  for (Vantrel::EntryKey const key : explained) text += "\n  " + explainer.explain(key);
-  if (keys.size() > mostExplained) text += "\n  and " + ranges(keys, mostExplained);
+  Explainer const explainer(*tables_.config(), std::move(snapshot), noSnapshot, keys);
+  text += byReason(explainer, keys);
   if (!refused_.empty()) text += "\n  and " + refusedText();
   throw Late(text);
 }

@@ -36,12 +36,6 @@ std::unordered_map<U64, U32> positionsOf(std::vector<EntryKey> const& keys,
   return positions;
 }
 
-std::string duration(U64 seconds) {
-  if (seconds < 120) return fmt::format("{} s", seconds);
-  if (seconds < 7200) return fmt::format("{} min", seconds / 60);
-  return fmt::format("{} h", seconds / 3600);
-}
-
 // What is wanted of an entry that is at a position for which another one waits.
 std::string plans(EntryConfig const& holder, U32 position) {
   if (holder == EntryConfig() || holder.isDel()) return "which is no longer wanted";
@@ -66,6 +60,12 @@ std::optional<Wait::Blocker> blockerOf(Snapshot const& snapshot, EntryKey key) {
 }
 
 }  // namespace
+
+std::string duration(U64 seconds) {
+  if (seconds < 120) return fmt::format("{} s", seconds);
+  if (seconds < 7200) return fmt::format("{} min", seconds / 60);
+  return fmt::format("{} h", seconds / 3600);
+}
 
 Wait waitOf(Snapshot const& snapshot, Vantrel::TableConfig const& config, EntryKey key, U32 wanted) {
   auto const since = find(snapshot.waits->since(), key);

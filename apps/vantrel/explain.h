@@ -30,6 +30,9 @@ struct Wait {
 // `key` waits for `wanted` in the snapshot. `config`: what is wanted of its blocker.
 Wait waitOf(Snapshot const& snapshot, Vantrel::TableConfig const& config, Vantrel::EntryKey key, U32 wanted);
 
+// A time for people: "90 s", "3 min".
+std::string duration(U64 seconds);
+
 class Explainer {
  public:
   // `snapshot`: of the agent; without one `noSnapshot` says why not. `keys`: those that will be asked for.
@@ -37,6 +40,8 @@ class Explainer {
             std::vector<Vantrel::EntryKey> const& keys);
   // One line.
   std::string explain(Vantrel::EntryKey key) const;
+  // Without the key and its version.
+  std::string reasonOf(Vantrel::EntryKey key) const { return reason(readEntry(config_, key)); }
 
  private:
   std::string reason(Vantrel::EntryConfig const& entry) const;

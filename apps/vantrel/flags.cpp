@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/vantrel/flags.h"
 
+#include <fmt/format.h>
+
 #include <charconv>
 #include <cmath>
+#include <filesystem>
+#include <stdexcept>
 
 namespace VantrelCommand {
 
@@ -21,7 +25,10 @@ U64 numberOf(std::string const& flag, std::string const& text, U64 most) {
 }
 
 CLI::Option* addDir(CLI::App& app, std::string& dir) {
-  return app.add_option("--dir", dir, "The directory that holds the tables")->required()->type_name("DIR");
+  return app.add_option("--dir", dir, "The directory that holds the tables")
+      ->required()
+      ->envname("VANTREL_DIR")
+      ->type_name("DIR");
 }
 
 void addJson(CLI::App& app, bool& json) { app.add_flag("--json", json, "One JSON object a line"); }
@@ -39,19 +46,46 @@ CLI::Option* addTimeout(CLI::App& app, std::optional<double>& seconds, std::stri
       ->type_name("SECONDS");
 }
 
-void MappingFlags::addTo(CLI::App& app) {
+void GeometryFlags::addTo(CLI::App& app) {
+  addNumber(app, "--size", size,
+            "Positions of the hardware table, 0 to N-1 (what the agent has; 131072 before there is one)");
   addNumber(app, "--prio-grp-shift", prioGrpShift,
-            "The fast engine's bits for the position in a precedence index (19)",
+            "The fast engine's bits for the position in a precedence index (what the agent has, or 19)",
             Vantrel::Mapping::mostShift);
   addNumber(app, "--max-partitions", maxPartitions,
-            "The algorithmic engine's number of partitions; without it the engine is the fast one", 65536);
+            "The algorithmic engine's number of partitions (what the agent has, or none: the fast engine)",
+            65536);
 }
 
-Vantrel::Mapping MappingFlags::mapping() const {
+namespace {
+
+void requireSame(std::string const& dir, char const* flag, std::optional<U32> given, U32 has) {
+  if (given && *given != has)
+    throw std::runtime_error(fmt::format(
+        "{} {} contradicts the agent of {}, which has {}: leave the flag out, or start the agent with it",
+        flag, *given, dir, has));
+}
+
+}  // namespace
+
+Vantrel::Geometry GeometryFlags::of(std::string const& dir) const {
   if (maxPartitions == 0U)
     throw CLI::ValidationError("--max-partitions", "expected a number from 1 to 65536, instead got 0");
-  if (maxPartitions) return Vantrel::Mapping::algorithmic(*maxPartitions);
-  return Vantrel::Mapping::fast(prioGrpShift.value_or(Vantrel::Mapping::defaultShift));
+  auto const agent = Vantrel::Geometry::read(dir);
+  if (!agent) {
+    Vantrel::Geometry const none;
+    return {size.value_or(none.size), prioGrpShift.value_or(none.prioGrpShift), maxPartitions.value_or(0)};
+  }
+  requireSame(dir, "--size", size, agent->size);
+  requireSame(dir, "--max-partitions", maxPartitions, agent->maxPartitions);
+  requireSame(dir, "--prio-grp-shift", prioGrpShift, agent->prioGrpShift);
+  return *agent;
+}
+
+void requireDirectory(std::string const& dir) {
+  if (!std::filesystem::is_directory(dir))
+    throw std::runtime_error(
+        fmt::format("there is no directory {}: correct --dir, or make it first (mkdir -p {})", dir, dir));
 }
 
 }  // namespace VantrelCommand

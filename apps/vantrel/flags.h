@@ -8,7 +8,7 @@
 #include <string>
 
 #include "pallo/types.h"
-#include "vantrel/core/mapping.h"
+#include "producer/geometry.h"
 
 namespace VantrelCommand {
 
@@ -36,12 +36,19 @@ void addJson(CLI::App& app, bool& json);
 // --timeout S, a time of at least 0 seconds
 CLI::Option* addTimeout(CLI::App& app, std::optional<double>& seconds, std::string const& help);
 
-// --prio-grp-shift S, --max-partitions M: the engine's mapping; must be the flags that the agent was given.
-struct MappingFlags {
+// --size N, --prio-grp-shift S, --max-partitions M: for a directory that no agent has served yet. Where one
+// has, it says what it has, and a flag may not contradict it.
+struct GeometryFlags {
+  std::optional<U32> size;
   std::optional<U32> prioGrpShift;
   std::optional<U32> maxPartitions;
   void addTo(CLI::App& app);
-  Vantrel::Mapping mapping() const;
+  // Throws CLI::ValidationError for flags that no agent could have, std::runtime_error for a contradiction.
+  Vantrel::Geometry of(std::string const& dir) const;
 };
+
+// A verb that writes into a directory does not make it: a typing error would become a new table, that no
+// agent reads.
+void requireDirectory(std::string const& dir);
 
 }  // namespace VantrelCommand

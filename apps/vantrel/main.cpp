@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <string>
 
 #include "apps/vantrel/command.h"
 
@@ -18,10 +19,24 @@ void addAttr(CLI::App& app);
 void addWatch(CLI::App& app);
 void addSnapshot(CLI::App& app);
 void addTable(CLI::App& app);
+void addShow(CLI::App& app);
+void addMetrics(CLI::App& app);
+void addWhy(CLI::App& app);
 
 // In the order in which --help shows them.
-constexpr AddVerb verbs[] = {addLoad,   addPut,  addDel,   addLs,       addStatus, addTrace,
-                             addReplay, addAttr, addWatch, addSnapshot, addTable};
+constexpr AddVerb verbs[] = {addLoad,    addPut,   addDel,    addLs,   addStatus, addWhy,      addShow,
+                             addMetrics, addTrace, addReplay, addAttr, addWatch,  addSnapshot, addTable};
+
+// One line: what is wrong, and where the usage is.
+std::string usageError(CLI::App const* app, CLI::Error const& e) {
+  std::string verb = "vantrel";
+  while (!app->get_subcommands().empty()) {
+    app = app->get_subcommands().front();
+    verb += " " + app->get_name();
+  }
+  return std::string("vantrel: ") + e.what() + "; see " + verb + " --help\n";
+}
+
 }  // namespace VantrelCommand
 
 int main(int argc, char** argv) {
@@ -30,7 +45,8 @@ int main(int argc, char** argv) {
       "vantrel");
   app.require_subcommand(1);
   for (VantrelCommand::AddVerb add : VantrelCommand::verbs) add(app);
-  app.failure_message(CLI::FailureMessage::help);  // a wrong flag: what is wrong, and the verb's usage
+  app.set_version_flag("--version", "vantrel " VANTREL_VERSION);
+  app.failure_message(&VantrelCommand::usageError);
   try {
     app.parse(argc, argv);
   } catch (CLI::Success const& e) {

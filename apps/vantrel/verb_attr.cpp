@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
 #include <vector>
 
@@ -22,11 +24,14 @@ struct Request {
   std::string dir, entity, attribute, value, key;
   std::vector<std::string> arguments;
   bool json = false;
+  bool yes = false;
+  std::optional<double> timeout;
 };
 
 class Agent {
  public:
-  explicit Agent(Request const& request) : asker_(request.dir + "/mgmt.sock"), raw_(request.json) {}
+  explicit Agent(Request const& request)
+      : asker_(request.dir + "/mgmt.sock", request.timeout.value_or(30)), raw_(request.json) {}
 
   // Calls `show` with each line of the answer, or, with --json, prints it as it came.
   template <class Show>
@@ -147,9 +152,33 @@ void set(Request const& request) {
   agent.ask(ask, [](Json const& answer) { fmt::print("{}\n", shown(answer.at("value"))); });
 }
 
+// What an operation takes from the packets, or makes a producer believe, that nobody wants by a slip of the
+// keyboard.
+struct Danger {
+  char const* operation;
+  char const* what;
+};
+constexpr Danger dangers[] = {
+    {"doCleanup", "deletes every entry from the hardware, which then forwards without them"},
+    {"processDelete", "deletes an entry from the hardware although it is wanted"},
+    {"processDeleteHelper", "deletes an entry from the hardware although it is wanted"},
+    {"delAck", "makes the producer believe that a delete was done"},
+    {"delStatus", "makes the producer believe that an entry was never programmed"},
+    {"noopAck", "makes the producer believe that a version is in hardware"},
+    {"failedKeyDelAll", "makes the agent forget which keys it has to try again"},
+};
+
+void requireConfirmed(Request const& request) {
+  auto const danger = std::ranges::find(dangers, request.attribute, &Danger::operation);
+  if (danger != std::end(dangers) && !request.yes)
+    throw std::runtime_error(fmt::format("{} {} {}: give --yes if that is wanted", request.entity,
+                                         request.attribute, danger->what));
+}
+
 void invoke(Request const& request) {
   Agent agent(request);
   Json const operation = agent.attribute(request.entity, request.attribute);
+  requireConfirmed(request);
   std::vector<std::string> const types = typesOf(operation.at("type").get<std::string>());
   Json arguments = Json::array();
   for (std::size_t i = 0; i < request.arguments.size(); ++i)
@@ -171,6 +200,7 @@ CLI::App& addAction(CLI::App& attr, std::shared_ptr<Request> const& request, cha
   CLI::App& action = *attr.add_subcommand(name, help);
   addDir(action, request->dir);
   addJson(action, request->json);
+  addTimeout(action, request->timeout, "How long the agent may take for a line (30)");
   action.callback([request, work] { work(*request); });
   return action;
 }
@@ -210,6 +240,7 @@ void addAttr(CLI::App& app) {
   CLI::App& invoking = addAction(attr, request, "invoke", "Calls an operation", &invoke);
   invoking.add_option("ENTITY", request->entity, "Which entity")->required();
   invoking.add_option("OPERATION", request->attribute, "Which operation")->required();
+  invoking.add_flag("--yes", request->yes, "Also when it takes entries from the hardware, or forges");
   invoking.add_option("ARGUMENT", request->arguments, "What it takes");
 }
 

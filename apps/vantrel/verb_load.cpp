@@ -5,17 +5,21 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <unordered_map>
 #include <vector>
 
 #include "apps/vantrel/acl/loader.h"
 #include "apps/vantrel/acl/parse.h"
+#include "apps/vantrel/acl/rehearsal.h"
 #include "apps/vantrel/awaiting.h"
 #include "apps/vantrel/command.h"
 #include "apps/vantrel/flags.h"
 #include "producer/shared_tables.h"
+#include "shoal/reader_table.h"
 
 namespace VantrelCommand {
 namespace {
@@ -23,8 +27,9 @@ namespace {
 using Vantrel::EntryKey;
 using Clock = std::chrono::steady_clock;
 
-constexpr U32 defaultSize = 131072;
-constexpr U64 writesPerLook = 256;  // how often acknowledgements are looked at while writing
+constexpr U64 fewDeletions = 10;        // that many entries may go unasked,
+constexpr U64 mostDeletedPercent = 50;  // and that share of all
+constexpr U64 writesPerLook = 256;      // how often acknowledgements are looked at while writing
 
 // From a write to its acknowledgement, in milliseconds.
 class Latencies {
@@ -56,19 +61,24 @@ class Load {
   std::string dir;
   bool wait = false;
   std::optional<double> timeout;
-  std::optional<U32> size;
-  MappingFlags mapping;
+  GeometryFlags geometry;
+  bool dryRun = false;
+  bool force = false;
   bool json = false;
   bool flushed = false;
 
   void run() {
-    Vantrel::Mapping const engine = mapping.mapping();
-    std::vector<Acl::Rule> const rules = Acl::parseFile(file);
+    Vantrel::Geometry const agent = geometry.of(dir);
+    std::vector<std::size_t> lines;
+    std::vector<Acl::Rule> const rules = Acl::parseFile(file, &lines);
+    requireDirectory(dir);
+    if (dryRun) return show(rehearsed(agent, rules), rules, lines);
     auto const started = Clock::now();
     Vantrel::SharedTables tables(dir);
-    Vantrel::Producer producer(tables.config(), tables.status(), engine, tables.changes());
+    Vantrel::Producer producer(tables.config(), tables.status(), agent.mapping(), tables.changes());
     Awaiting awaiting(dir, tables, timeout, false);
-    Acl::Loader loader(producer, awaiting.acknowledgements(), size.value_or(defaultSize));
+    Acl::Loader loader(producer, awaiting.acknowledgements(), agent.size);
+    if (!force) loader.onComparedIs(&requireFewDeletions);
     Latencies latencies;
     watch(loader, awaiting, latencies, rules.size());
     for (EntryKey const key : awaiting.refusedKeys()) loader.refusedIs(key);
@@ -83,6 +93,83 @@ class Load {
   }
 
  private:
+  // Null when there is none.
+  template <class R>
+  static Ostra::Ptr<Shoal::ReaderTable<R>> opened(std::string const& path) {
+    if (!std::filesystem::exists(path)) return nullptr;
+    return Ostra::make<Shoal::ReaderTable<R>>(path);
+  }
+  // The tables as they are, read beside whoever writes them.
+  Acl::Rehearsal rehearsed(Vantrel::Geometry const& agent, std::vector<Acl::Rule> const& rules) const {
+    auto const config = opened<Vantrel::EntryConfig>(Vantrel::SharedTables::configPath(dir));
+    auto const status = opened<Vantrel::EntryStatus>(Vantrel::SharedTables::statusPath(dir));
+    return Acl::rehearse(config.get(), status.get(), agent.mapping(), agent.size, rules);
+  }
+
+  static constexpr char marks[] = {'+', '~', '>', '-'};
+  static constexpr char const* words[] = {"add", "change", "move", "delete"};
+
+  // One line for each rule that is not kept as it is.
+  void show(Acl::Rehearsal const& rehearsal, std::vector<Acl::Rule> const& rules,
+            std::vector<std::size_t> const& lines) const {
+    for (Acl::Rehearsal::Difference const& d : rehearsal.differences)
+      json ? showJson(d, lines) : showText(d, lines);
+    std::string const refusal = force ? "" : refusalOf(rehearsal.present, rehearsal.leaving);
+    U64 const count[] = {
+        rehearsal.count(Acl::Rehearsal::Kind::Add), rehearsal.count(Acl::Rehearsal::Kind::Change),
+        rehearsal.count(Acl::Rehearsal::Kind::Move), rehearsal.count(Acl::Rehearsal::Kind::Delete)};
+    U64 const kept = rules.size() - count[0] - count[1] - count[2];
+    if (json) {
+      nlohmann::ordered_json line{{"rules", rules.size()},
+                                  {"add", count[0]},
+                                  {"change", count[1]},
+                                  {"move", count[2]},
+                                  {"delete", count[3]},
+                                  {"keep", kept},
+                                  {"hardwareWrites", rehearsal.writes()},
+                                  {"hardwareErases", rehearsal.erases()}};
+      if (!refusal.empty()) line["refused"] = refusal;
+      fmt::print("{}\n", line.dump());
+      return;
+    }
+    fmt::print("{}: {} rules: {} to add, {} to change, {} to move, {} to delete, {} to keep\n", file,
+               rules.size(), count[0], count[1], count[2], count[3], kept);
+    fmt::print("in hardware at least {} writes and {} erases; nothing was written now\n", rehearsal.writes(),
+               rehearsal.erases());
+    if (!refusal.empty()) fmt::print("without --dry-run this is refused: {}\n", refusal);
+  }
+  static std::string where(Acl::Rehearsal::Difference const& d) {
+    if (!d.from) return fmt::format("to {}", d.to.value_or(0));
+    if (!d.to) return fmt::format("from {}", *d.from);
+    return *d.from == *d.to ? fmt::format("at {}", *d.from) : fmt::format("{} -> {}", *d.from, *d.to);
+  }
+  static void showText(Acl::Rehearsal::Difference const& d, std::vector<std::size_t> const& lines) {
+    auto const kind = static_cast<std::size_t>(d.kind);
+    fmt::print("{} {:<10} key {:<8} {:<16} {}\n", marks[kind],
+               d.rule ? fmt::format("line {}", lines[*d.rule]) : words[kind], d.key.value(), where(d),
+               Acl::text(d.what));
+  }
+  static void showJson(Acl::Rehearsal::Difference const& d, std::vector<std::size_t> const& lines) {
+    nlohmann::ordered_json line{{"do", words[static_cast<std::size_t>(d.kind)]}, {"key", d.key.value()}};
+    if (d.rule) line["line"] = lines[*d.rule];
+    if (d.from) line["from"] = *d.from;
+    if (d.to) line["to"] = *d.to;
+    line["rule"] = Acl::text(d.what);
+    fmt::print("{}\n", line.dump());
+  }
+
+  // Empty when few enough entries go.
+  static std::string refusalOf(U64 present, U64 leaving) {
+    if (leaving <= fewDeletions || leaving * 100 <= present * mostDeletedPercent) return "";
+    return fmt::format(
+        "it would delete {} of {} entries ({} %); look with --dry-run, and give --force if that is wanted",
+        leaving, present, leaving * 100 / present);
+  }
+  static void requireFewDeletions(U64 present, U64 leaving) {
+    std::string const refusal = refusalOf(present, leaving);
+    if (!refusal.empty()) throw std::runtime_error("this load is refused: " + refusal);
+  }
+
   static void watch(Acl::Loader& loader, Awaiting& awaiting, Latencies& latencies, U64 rules) {
     awaiting.acknowledgements().onAcknowledgedIs([&](EntryKey key) { latencies.acknowledged(key); });
     awaiting.onRefusedIs([&](EntryKey key) { loader.refusedIs(key); });
@@ -146,11 +233,17 @@ void addLoad(CLI::App& app) {
   addTimeout(verb, load->timeout,
              "How long --wait waits; then the late keys are named. Without it, as long as it takes")
       ->needs(wait);
-  addNumber(verb, "--size", load->size,
-            fmt::format("Positions of the hardware table, 0 to N-1 ({})", defaultSize));
-  load->mapping.addTo(verb);
+  verb.add_flag("--dry-run", load->dryRun,
+                "Writes nothing: shows what would be added (+), changed (~), moved (>) and deleted (-)")
+      ->excludes(wait);
+  verb.add_flag("--force", load->force,
+                fmt::format("Also when more than {} entries and {} % of all are deleted", fewDeletions,
+                            mostDeletedPercent));
+  load->geometry.addTo(verb);
   addJson(verb, load->json);
-  verb.footer("Example:\n  vantrel load edge_filter.rules --dir /run/vantrel --wait --timeout 30");
+  verb.footer(
+      "Example:\n  vantrel load edge_filter.rules --dir /run/vantrel --dry-run\n"
+      "  vantrel load edge_filter.rules --dir /run/vantrel --wait --timeout 30");
   verb.callback([load] { load->run(); });
 }
 

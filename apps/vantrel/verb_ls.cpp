@@ -12,6 +12,7 @@
 #include "apps/vantrel/agent_view.h"
 #include "apps/vantrel/command.h"
 #include "apps/vantrel/flags.h"
+#include "apps/vantrel/rules.h"
 #include "hw/acl/rule.h"
 #include "pallo/exception.h"
 #include "producer/acknowledgements.h"
@@ -177,10 +178,10 @@ void show(Spot const& spot, EntryConfig const& wanted, bool asJson) {
   }
 }
 
-void listPositions(std::string const& dir, bool asJson) {
+void listPositions(std::string const& dir, bool asJson, double seconds) {
   ConfigFile const config(SharedTables::configPath(dir));
   auto const agent = agentViewOf(dir);
-  auto const snapshot = agent->snapshot(snapshotSeconds);
+  auto const snapshot = agent->snapshot(seconds);
   Ostra::Ptr<StatusFile> status;
   if (!snapshot && std::filesystem::exists(SharedTables::statusPath(dir)))
     status = Ostra::make<StatusFile>(SharedTables::statusPath(dir));
@@ -193,6 +194,33 @@ void listPositions(std::string const& dir, bool asJson) {
   }
   for (Spot const& spot : spots) show(spot, readEntry(config, spot.key), asJson);
   requireUndamaged(config, damaged);
+}
+
+// In the format of a rule file, so that it can be loaded again; with `keys` each line's key and place.
+void listRules(std::string const& dir, bool keys, bool asJson) {
+  ConfigFile const config(SharedTables::configPath(dir));
+  RuleList const rules(config);
+  if (keys && !asJson)
+    fmt::print("{:>6} {:>10} {:>10} {:>10}  {}\n", "LINE", "KEY", "POSITION", "PRIO", "RULE");
+  for (RuleList::Item const& item : rules.items()) {
+    std::string const text = Acl::text(item.rule);
+    if (asJson)
+      fmt::print("{}\n", Json{{"line", item.line},
+                              {"key", item.key.value()},
+                              {"position", item.ti},
+                              {"pg", item.pg},
+                              {"prio", item.prio},
+                              {"rule", text}}
+                             .dump());
+    else if (keys)
+      fmt::print("{:>6} {:>10} {:>10} {:>10}  {}\n", item.line, item.key.value(), item.ti, item.prio, text);
+    else
+      fmt::print("{}\n", text);
+  }
+  if (rules.others() != 0)
+    throw std::runtime_error(
+        fmt::format("{} {} no rule of a packet filter and not listed: see vantrel ls config", rules.others(),
+                    rules.others() == 1 ? "entry is" : "entries are"));
 }
 
 // The status table is valid only while the agent that wrote it runs.
@@ -212,13 +240,13 @@ char const* stateOf(EntryConfig const& entry, EntryStatus const& status) {
   return status.opId() == OpId() || gone ? "not acknowledged" : "an older version is acknowledged";
 }
 
-void showStatus(std::string const& dir, U64 key, bool asJson) {
+void showStatus(std::string const& dir, U64 key, bool asJson, double seconds) {
   StatusFile const statuses(SharedTables::statusPath(dir));
   EntryStatus const status = statuses.entry(EntryKey(key));
   EntryConfig entry;
   if (std::filesystem::exists(SharedTables::configPath(dir)))
     entry = ConfigFile(SharedTables::configPath(dir)).entry(EntryKey(key));
-  auto const hardware = agentViewOf(dir)->hardware(hardwareSeconds);
+  auto const hardware = agentViewOf(dir)->hardware(seconds);
   auto const* const refusal = hardware ? hardware->refusalOf(EntryKey(key), entry.opId()) : nullptr;
   char const* const state = refusal ? "refused" : stateOf(entry, status);
   if (asJson) {
@@ -229,10 +257,15 @@ void showStatus(std::string const& dir, U64 key, bool asJson) {
     if (refusal) line["why"] = refusal->reason;
     fmt::print("{}\n", line.dump());
   } else {
-    fmt::print("key {}: {}, OpId {} of {}{}\n", key, state, status.opId().value(), entry.opId().value(),
+    bool const versions = std::string_view(state) != "deleted" && std::string_view(state) != "unknown";
+    std::string const has =
+        status.opId() == OpId::deleteAcknowledge() ? "its delete" : std::to_string(status.opId().value());
+    fmt::print("key {}: {}{}{}\n", key, state,
+               versions ? fmt::format(", OpId {} of {}", has, entry.opId().value()) : "",
                refusal ? ": " + refusal->reason : "");
   }
   requireAgent(dir);
+  if (std::string_view(state) == "unknown") throw Exit{1};
 }
 
 struct Listing {
@@ -240,6 +273,8 @@ struct Listing {
   std::string what;
   std::optional<U64> key;
   bool json = false;
+  bool keys = false;
+  std::optional<double> timeout;
 };
 
 }  // namespace
@@ -247,11 +282,14 @@ struct Listing {
 void addLs(CLI::App& app) {
   auto const listing = std::make_shared<Listing>();
   CLI::App& verb = *app.add_subcommand("ls", "Lists a table, or the positions from left to right");
-  verb.add_option("WHAT", listing->what, "config, status or positions")
+  verb.add_option("WHAT", listing->what,
+                  "config, status, positions or rules (in order of precedence, loadable again)")
       ->required()
-      ->check(CLI::IsMember({"config", "status", "positions"}));
+      ->check(CLI::IsMember({"config", "status", "positions", "rules"}));
   addDir(verb, listing->dir);
   addJson(verb, listing->json);
+  addTimeout(verb, listing->timeout, "Of positions: how long the agent may take (10)");
+  verb.add_flag("--keys", listing->keys, "Of rules: each line's key and position too");
   verb.footer("Example:\n  vantrel ls positions --dir /run/vantrel --json");
   verb.callback([listing] {
     if (listing->what == "config") listConfig(listing->dir, listing->json);
@@ -259,7 +297,11 @@ void addLs(CLI::App& app) {
       listStatus(listing->dir, listing->json);
       requireAgent(listing->dir);
     }
-    if (listing->what == "positions") listPositions(listing->dir, listing->json);
+    if (listing->keys && listing->what != "rules")
+      throw CLI::ValidationError("--keys", "belongs to ls rules");
+    if (listing->what == "rules") listRules(listing->dir, listing->keys, listing->json);
+    if (listing->what == "positions")
+      listPositions(listing->dir, listing->json, listing->timeout.value_or(snapshotSeconds));
   });
 }
 
@@ -276,8 +318,11 @@ void addStatus(CLI::App& app) {
       ->type_name("N");
   addDir(verb, listing->dir);
   addJson(verb, listing->json);
+  addTimeout(verb, listing->timeout, "How long the agent may take (2)");
   verb.footer("Example:\n  vantrel status 7 --dir /run/vantrel --json");
-  verb.callback([listing] { showStatus(listing->dir, *listing->key, listing->json); });
+  verb.callback([listing] {
+    showStatus(listing->dir, *listing->key, listing->json, listing->timeout.value_or(hardwareSeconds));
+  });
 }
 
 }  // namespace VantrelCommand

@@ -31,7 +31,7 @@ struct Put {
   std::optional<U32> prio;
   std::optional<U32> ti;
   std::vector<U64> data;
-  MappingFlags mapping;
+  GeometryFlags geometry;
   bool wait = false;
   std::optional<double> timeout;
   bool json = false;
@@ -57,9 +57,13 @@ struct Put {
     if (data.size() > DataKey::max + 1)
       throw CLI::ValidationError("--data",
                                  fmt::format("expected at most 64 words, instead got {}", data.size()));
-    Vantrel::Mapping const engine = mapping.mapping();
+    Vantrel::Geometry const agent = geometry.of(dir);
+    requireDirectory(dir);
+    if (Vantrel::Geometry::read(dir) && *ti >= agent.size)
+      throw std::runtime_error(fmt::format("position {} lies beyond the hardware's {} positions, 0 to {}",
+                                           *ti, agent.size, agent.size - 1));
     Vantrel::SharedTables tables(dir);
-    Producer producer(tables.config(), tables.status(), engine, tables.changes());
+    Producer producer(tables.config(), tables.status(), agent.mapping(), tables.changes());
     OpId const written = write(producer);
     if (wait) {
       Awaiting awaiting(dir, tables, timeout, json);
@@ -78,7 +82,8 @@ struct Put {
 
 void addPut(CLI::App& app) {
   auto const put = std::make_shared<Put>();
-  CLI::App& verb = *app.add_subcommand("put", "Writes one wanted entry; makes the table when there is none");
+  CLI::App& verb = *app.add_subcommand(
+      "put", "Writes one wanted entry; makes the table, but not its directory, when there is none");
   addDir(verb, put->dir);
   addNumber(verb, "--key", put->key, "The entry's key")->required();
   addNumber(verb, "--op-id", put->opId, "Its version; without it and --hdl both are chosen");
@@ -95,7 +100,7 @@ void addPut(CLI::App& app) {
           "Its data words: match and action")
       ->delimiter(',')
       ->type_name("N,N,...");
-  put->mapping.addTo(verb);
+  put->geometry.addTo(verb);
   CLI::Option* const wait = verb.add_flag("--wait", put->wait, "Returns when it is acknowledged");
   addTimeout(verb, put->timeout, "How long --wait waits; without it, as long as it takes")->needs(wait);
   addJson(verb, put->json);

@@ -83,7 +83,8 @@ class Agent::KeyWatcher : public Vantrel::TableConfig::Notifiee {
     synchronizedIs(true);
     hasNotificationActiveIs(true);
   }
-  void onEntry(Vantrel::EntryKey const&) override {
+  void onEntry(Vantrel::EntryKey const& key) override {
+    agent_.metrics_->notified(key);
     agent_.reserveStatuses();
     agent_.betweenKeys();
   }
@@ -104,7 +105,8 @@ Agent::Agent(Options options, Log& out, Log& err)
       waitStatus_(Ostra::make<Vantrel::WaitStatus>("waitStatus")),
       flushStatus_(Ostra::make<Vantrel::VantrelFlushStatus>("flushStatus")),
       wheel_(Ostra::make<Keel::TimerfdWheel>()),
-      progress_(Ostra::make<Progress>()) {
+      progress_(Ostra::make<Progress>(options_.geometry())) {
+  options_.geometry().write(options_.dir);
   Lumelog::directoryIs(options_.dir);
   publish();
   whenReadable(stop_.fd(), [] {});
@@ -150,6 +152,13 @@ void Agent::awaitConfig() {
   publisher_->exportObject("configTable", Ostra::make<ConfigReport>(
                                               config_, [this] { return config_->size(); },
                                               [this] { return config_->problem(); }, validator_));
+  waiting_ = Ostra::make<Waiting>(err_);
+  waiting_->warnAfterIs(options_.warnAfter);
+  publisher_->exportObject("waiting", waiting_);
+  metrics_ = Ostra::make<Metrics>(
+      Metrics::Sources{progress_, waiting_, engine_, hardware_.executor(), config_, status_, validator_,
+                       [this] { return frontEnd_ ? static_cast<U64>(frontEnd_->failedKey().size()) : 0; }});
+  publisher_->exportObject("metrics", metrics_);
   whenReadable(config_->fd(), [this] {
     config_->dispatch();
     if (!frontEnd_ && config_->mounted()) attach();
@@ -243,6 +252,7 @@ void Agent::serve() {
       if (config_->mounted() && !frontEnd_) throw;  // the first walk failed: the table would stay unwatched
       err_.provoked("{}", e.what());
     }
+    metrics_->look();
     sayDamage();
     if (Ostra::now() - polledAt_ >= pollPeriod) poll();
   }
@@ -262,6 +272,10 @@ void Agent::serveOthers() {
   bool const withdrawing = progress_->state() == "withdrawing";
   if (withdrawing) progress_->leftIs(status_->size());
   hardware_.dispatch();
+  if (metrics_) {
+    metrics_->sliced();
+    metrics_->look();
+  }
   try {
     publisher_->dispatchReadOnly();
   } catch (std::exception const& e) {
@@ -278,8 +292,19 @@ void Agent::poll() {
   sayDamage();
   sayStatusProblem();
   if (std::exchange(lacksSpace_, false)) reserveStatuses();
+  if (frontEnd_) waiting_->look(*engine_, *config_);
+  writeMetrics();
   out_.catchUp();
   err_.catchUp();
+}
+
+void Agent::writeMetrics() {
+  if (!metrics_ || options_.metrics.empty() || Ostra::now() - metricsWrittenAt_ < options_.metricsInterval)
+    return;
+  metricsWrittenAt_ = Ostra::now();
+  std::string const problem = metrics_->writeTo(options_.metrics);
+  if (!problem.empty() && problem != metricsProblem_) err_.say("{}", problem);
+  metricsProblem_ = problem;
 }
 
 void Agent::sayReady() {
@@ -337,6 +362,8 @@ void Agent::withdraw() {
   frontEnd_ = nullptr;
   publisher_->withdraw("frontEnd");
   publisher_->withdraw("engine");
+  publisher_->withdraw("metrics");
+  metrics_ = nullptr;
   progress_->stateIs("withdrawing");
   if (options_.keep) {
     finishHardware();

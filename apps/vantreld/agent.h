@@ -32,11 +32,13 @@
 
 #include "apps/vantreld/hardware.h"
 #include "apps/vantreld/log.h"
+#include "apps/vantreld/metrics.h"
 #include "apps/vantreld/options.h"
 #include "apps/vantreld/own_file.h"
 #include "apps/vantreld/reports.h"
 #include "apps/vantreld/stop.h"
 #include "apps/vantreld/validator.h"
+#include "apps/vantreld/waiting.h"
 #include "ostra/publish.h"
 #include "shoal/reader_table.h"
 #include "shoal/writer_table.h"
@@ -77,6 +79,7 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   void sayReady();
   void sayConfigProblem();
   void sayStatusProblem();
+  void writeMetrics();
   void sayDamage();
   void withdraw();
   void sayWhatWasDone();
@@ -100,6 +103,10 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   Ostra::Ptr<Config> config_;
   std::shared_ptr<Validator> validator_;
   Ostra::Ptr<Vantrel::FastVantrelImpl> engine_;
+  Ostra::Ptr<Waiting> waiting_;
+  Ostra::Ptr<Metrics> metrics_;
+  double metricsWrittenAt_ = 0;
+  std::string metricsProblem_;  // the problem that was said last
   std::unique_ptr<KeyWatcher> keyWatcher_;
   Ostra::Ptr<Vantrel::VantrelSm> frontEnd_;
   double servedAt_ = 0;  // when betweenKeys() served readers last, seconds

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdlib>
 
 #include "ostra/clock.h"
 
@@ -31,9 +32,17 @@ Pallo::Descriptor openedAnew(int fd) {
   return Pallo::Descriptor(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
+// JOURNAL_STREAM names the file that is the journal's, by device and inode.
+bool journalReads(int fd) {
+  char const* const journal = std::getenv("JOURNAL_STREAM");
+  struct stat file {};
+  return journal && ::fstat(fd, &file) == 0 && fmt::format("{}:{}", file.st_dev, file.st_ino) == journal;
+}
+
 }  // namespace
 
-Log::Log(int fd) : fd_(fd), own_(openedAnew(fd)) {}
+Log::Log(int fd, int priority)
+    : fd_(fd), prefix_(journalReads(fd) ? fmt::format("<{}>", priority) : ""), own_(openedAnew(fd)) {}
 
 ssize_t Log::sent(std::string const& line) const {
   if (own_) return ::write(own_.get(), line.data(), line.size());
@@ -43,7 +52,7 @@ ssize_t Log::sent(std::string const& line) const {
 }
 
 bool Log::put(std::string const& text) {
-  std::string line = (midLine_ ? "\nvantreld: " : "vantreld: ") + text;
+  std::string line = (midLine_ ? "\n" : "") + prefix_ + "vantreld: " + text;
   line.resize(std::min(line.size(), mostBytes - 1));
   line += '\n';
   ssize_t const written = sent(line);

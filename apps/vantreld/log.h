@@ -23,7 +23,8 @@ namespace Vantreld {
 
 class Log {
  public:
-  explicit Log(int fd);
+  // `priority`: that of syslog, which heads a line when the journal reads it.
+  explicit Log(int fd, int priority = 6);
   Log(Log const&) = delete;
   Log& operator=(Log const&) = delete;
 
@@ -55,6 +56,7 @@ class Log {
   ssize_t sent(std::string const& line) const;
 
   int const fd_;
+  std::string const prefix_;     // "<6>", or nothing: the journal does not read it
   Pallo::Descriptor const own_;  // does not block; none for a regular file or a socket
   U64 lost_ = 0;                 // lines that could not be written
   U64 held_ = 0;                 // lines over the rate limit

@@ -11,7 +11,8 @@
 
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
-  Vantreld::Log out(STDOUT_FILENO), err(STDERR_FILENO);
+  std::signal(SIGHUP, SIG_IGN);  // a terminal that was closed does not withdraw what forwards packets
+  Vantreld::Log out(STDOUT_FILENO), err(STDERR_FILENO, 4);
   try {
     Vantreld::Options options = Vantreld::parse(argc, argv);
     if (options.detach) {

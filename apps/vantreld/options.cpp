@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdlib>
 #include <map>
 #include <sstream>
 #include <string_view>
@@ -38,6 +39,29 @@ void hardwareIs(Options& o, std::string const& text) {
   o.hardware = HardwareKind::Xdp;
   for (std::string word; std::getline(words, word, ',');) xdpWord(o.xdp, word);
 }
+
+void engineIs(Options& o, std::string const& text) {
+  if (text != "fast" && text != "atcam")
+    throw CLI::ValidationError("--engine", fmt::format("expected fast or atcam, found \"{}\"", text));
+  o.engine = text == "fast" ? EngineKind::Fast : EngineKind::Atcam;
+}
+
+// In words: the library's own checks name a range of 300 digits.
+CLI::Validator const aboveZero(
+    [](std::string& text) {
+      bool const digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+      if (digits && text.find_first_not_of('0') != std::string::npos) return std::string();
+      return fmt::format("expected a number above 0, found \"{}\"", text);
+    },
+    "");
+CLI::Validator const aShare(
+    [](std::string& text) {
+      char* end = nullptr;
+      double const share = std::strtod(text.c_str(), &end);
+      if (!text.empty() && *end == '\0' && share >= 0 && share <= 1) return std::string();
+      return fmt::format("expected a share from 0 to 1, found \"{}\"", text);
+    },
+    "");
 
 void checkXdp(CLI::App const& app, Options& o) {
   if (o.hardware != HardwareKind::Xdp) {
@@ -76,26 +100,25 @@ void addSimulation(CLI::App& app, SimOptions& o) {
     return app.add_option(flag, value, help)->group("Simulated hardware");
   };
   sim("--hw-latency-us", o.latencyUs, "Microseconds that each hardware operation takes");
-  sim("--sim-at-once", o.atOnce, "Calls that may be under way at once (1)")->check(CLI::PositiveNumber);
-  sim("--sim-busy", o.busy, "Share of the calls that fail and are tried again, 0 to 1")
-      ->check(CLI::Range(0.0, 1.0));
-  sim("--sim-refused", o.refused, "Share of the calls that are refused for good")
-      ->check(CLI::Range(0.0, 1.0));
+  sim("--sim-at-once", o.atOnce, "Calls that may be under way at once (1)")->check(aboveZero);
+  sim("--sim-busy", o.busy, "Share of the calls that fail and are tried again, 0 to 1")->check(aShare);
+  sim("--sim-refused", o.refused, "Share of the calls that are refused for good")->check(aShare);
   sim("--sim-unknown", o.unknown, "Share of the calls of which nobody knows whether they were done")
-      ->check(CLI::Range(0.0, 1.0));
-  sim("--sim-capacity", o.capacity, "Entries that it holds at most (one at each position)")
-      ->check(CLI::PositiveNumber);
-  sim("--sim-dies-at", o.diesAt, "The number of the call from which on it does not answer")
-      ->check(CLI::PositiveNumber);
+      ->check(aShare);
+  sim("--sim-capacity", o.capacity, "Entries that it holds at most (one at each position)")->check(aboveZero);
+  sim("--sim-dies-at", o.diesAt, "The number of the call from which on it does not answer")->check(aboveZero);
   sim("--sim-state", o.state, "File that has its contents and outlives the agent");
 }
 
 }  // namespace
 
-Vantrel::Mapping Options::mapping() const {
-  if (engine == EngineKind::Atcam) return Vantrel::Mapping::algorithmic(maxPartitions);
-  return Vantrel::Mapping::fast(prioGrpShift ? prioGrpShift : Vantrel::Mapping::defaultShift);
+Vantrel::Geometry Options::geometry() const {
+  bool const fast = engine == EngineKind::Fast;
+  U32 const shift = fast ? Vantrel::Mapping::defaultShift : Vantrel::AlgorithmicMapping::defaultShift;
+  return {size, prioGrpShift ? prioGrpShift : shift, fast ? 0 : maxPartitions};
 }
+
+Vantrel::Mapping Options::mapping() const { return geometry().mapping(); }
 
 Options parse(int argc, char** argv) {
   Options o;
@@ -104,7 +127,7 @@ Options parse(int argc, char** argv) {
       "vantreld");
   app.footer(
       "Example:\n  vantreld --dir /run/vantrel --size 65536\n\n"
-      "Files in DIR: config.shoal (the producer's), status.shoal and mgmt.sock (the agent's), "
+      "Files in DIR: config.shoal (the producer's), status.shoal, geometry and mgmt.sock (the agent's), "
       "Quarry-mbb-PID.lg (its\n"
       "trace; LUMELOGDIR puts it elsewhere, LUMELOG_DISABLE drops it). TRACE=\"VantrelFastImpl/9\" traces as "
       "text.\n\n"
@@ -112,20 +135,23 @@ Options parse(int argc, char** argv) {
       "hardware\nsaw a rule broken. A second signal ends it at once with 3, and leaves everything where it "
       "is. "
       "A start that\nfails ends with 1, a wrong flag with 2.");
+  app.set_version_flag("--version", "vantreld " VANTREL_VERSION);
+  app.failure_message([](CLI::App const*, CLI::Error const& e) {
+    return fmt::format("vantreld: {}; see vantreld --help\n", e.what());
+  });
   app.add_option("--dir", o.dir, "Directory of the tables, the management socket and the trace file")
       ->required()
+      ->envname("VANTREL_DIR")
       ->check(CLI::ExistingDirectory);
-  app.add_option("--engine", o.engine, "fast (TCAM) or atcam (algorithmic TCAM)")
-      ->transform(CLI::CheckedTransformer(
-          std::map<std::string, EngineKind>{{"fast", EngineKind::Fast}, {"atcam", EngineKind::Atcam}}));
+  app.add_option_function<std::string>(
+      "--engine", [&o](std::string const& text) { engineIs(o, text); },
+      "fast (TCAM) or atcam (algorithmic TCAM)");
   app.add_option("--max-partitions", o.maxPartitions, "Partitions that table indexes interleave (atcam)")
       ->check(CLI::Range(1U, 65536U));
   app.add_option("--prio-grp-shift", o.prioGrpShift,
                  "Bits of a precedence index that hold the position (19; atcam 16)")
       ->check(CLI::Range(16U, Vantrel::Mapping::mostShift));
-  app.add_option("--size", o.size, "Positions in hardware")
-      ->check(CLI::PositiveNumber)
-      ->capture_default_str();
+  app.add_option("--size", o.size, "Positions in hardware")->check(aboveZero)->capture_default_str();
   app.add_option_function<std::string>(
       "--hw", [&o](std::string const& text) { hardwareIs(o, text); },
       "sim (a checking simulation), null (programs nothing) or xdp:INTERFACE[,native|generic|tc]\n"
@@ -134,6 +160,11 @@ Options parse(int argc, char** argv) {
       ->check(CLI::ExistingDirectory);
   app.add_flag("--hw-detach", o.detach, "Take away what an earlier run left in the kernel, and end");
   addSimulation(app, o.sim);
+  app.add_option("--metrics", o.metrics, "File that gets the agent's counts as OpenMetrics text");
+  app.add_option("--metrics-interval", o.metricsInterval, "Seconds between two of its texts (15)")
+      ->check(aboveZero);
+  app.add_option("--warn-after", o.warnAfter, "Seconds that an entry may wait before it is named (60)")
+      ->check(aboveZero);
   app.add_flag("--keep", o.keep, "Stop without withdrawing: hardware keeps its entries");
   app.add_flag("--strict", o.strict,
                "Break rings of occupants only, and retry notified keys only (breakMixedRings is not set)");

@@ -6,6 +6,7 @@
 
 #include "hw/xdp/program.h"
 #include "pallo/types.h"
+#include "producer/geometry.h"
 #include "vantrel/core/mapping.h"
 
 namespace Vantreld {
@@ -32,10 +33,14 @@ struct Options {
   HardwareKind hardware = HardwareKind::Sim;
   SimOptions sim;
   Hw::XdpOptions xdp;
-  bool detach = false;  // take away what an earlier run left attached, and end
-  bool keep = false;    // stop without withdrawing
+  std::string metrics;       // the file for a textfile collector; empty: none
+  U32 metricsInterval = 15;  // seconds between two of its texts
+  U32 warnAfter = 60;        // seconds that an entry may wait before it is named
+  bool detach = false;       // take away what an earlier run left attached, and end
+  bool keep = false;         // stop without withdrawing
   bool strict = false;  // leave rings through entries that wait for the priority order, and failed retries
 
+  Vantrel::Geometry geometry() const;
   Vantrel::Mapping mapping() const;
 };
 

@@ -8,12 +8,14 @@
 
 #include "apps/vantreld/validator.h"
 #include "ostra/entity.h"
+#include "producer/geometry.h"
 #include "shoal/table.h"
 
 namespace Vantreld {
 
 // The agent's state: `waiting` for a table, `adopting` what hardware holds from an earlier run, `serving` a
-// table, or `withdrawing` its entries, of which `left` acknowledged ones are left.
+// table, or `withdrawing` its entries, of which `left` acknowledged ones are left. And what it was started
+// with: its geometry, when, and where its trace is.
 class Progress : public Ostra::Entity {
  public:
   class Notifiee : public Ostra::NotifieeOf<Progress const> {
@@ -21,16 +23,27 @@ class Progress : public Ostra::Entity {
     virtual void onState() {}
     virtual void onLeft() {}
   };
-  Progress() : Entity("agent") {}
+  explicit Progress(Vantrel::Geometry const& geometry);
   std::string const& state() const { return state_; }
   void stateIs(std::string const& state) { scalarIs("state", state_, state, &Notifiee::onState); }
   U64 left() const { return left_; }
   void leftIs(U64 left) { scalarIs("left", left_, left, &Notifiee::onLeft); }
 
+  U64 pid() const { return pid_; }
+  U64 started() const { return started_; }  // seconds since 1970
+  std::string traceFile() const;            // empty: none is written
+  U32 size() const { return geometry_.size; }
+  std::string engine() const { return geometry_.engine(); }
+  U32 prioGrpShift() const { return geometry_.prioGrpShift; }
+  U32 maxPartitions() const { return geometry_.maxPartitions; }
+
   static Ostra::TypeInfo const& staticType();
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
 
  private:
+  Vantrel::Geometry const geometry_;
+  U64 const pid_;
+  U64 const started_;
   std::string state_ = "waiting";
   U64 left_ = 0;
 };
@@ -85,6 +98,7 @@ class TraceControl : public Ostra::Entity {
   };
   TraceControl();
   std::string const& settings() const { return settings_; }
+  // Throws Ostra::AttributeException for a part that is none.
   void settingsIs(std::string const& settings);
   U32 keep() const { return keep_; }
   // Throws Ostra::AttributeException for a number below 1 or above 1000.

@@ -104,7 +104,7 @@ TEST_F(OperatorTest, AttrSaysWhatIsWrong) {
   expectRefused(
       {"attr", "get", "engin", "prioGrpShift"},
       "no entity is named \"engin\"; there are: agent, configTable, debugConfig, debugStatus, engine, "
-      "executor, flushStatus, frontEnd, hardware, statusTable, trace, waitStatus");
+      "executor, flushStatus, frontEnd, hardware, metrics, statusTable, trace, waitStatus, waiting");
   EXPECT_THAT(run({"attr", "get", "engine", "prio"}).err,
               StartsWith("vantrel: Vantrel::FastVantrelImpl has no attribute \"prio\"; it has: "));
   expectRefused({"attr", "set", "engine", "debugEnabled", "yes"}, "expected true or false, got \"yes\"");
@@ -180,8 +180,9 @@ TEST_F(OperatorTest, TraceLevelsOfARunningAgentAreSwitched) {
   want(3, 7, 30);
   ASSERT_TRUE(eventually([&] { return said({"attr", "get", "hardware", "entries"}) == "3\n"; }));
   EXPECT_EQ(before, contents(file));
-  EXPECT_EQ("nonsense\n", said({"attr", "set", "trace", "settings", "nonsense"}));
-  EXPECT_THAT(agent->err(), HasSubstr("TRACE: cannot read \"nonsense\": expected NAME/LEVEL"));
+  expectRefused({"attr", "set", "trace", "settings", "nonsense"},
+                "settings: expected NAME/LEVEL with a level from 0 to 9, or >FILE, found \"nonsense\"");
+  EXPECT_EQ("\n", said({"attr", "get", "trace", "settings"})) << "the levels stay as they were";
 }
 
 TEST_F(OperatorTest, KeepsTheSetNumberOfDeadAgentsTraceFiles) {

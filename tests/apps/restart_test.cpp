@@ -96,7 +96,7 @@ TEST_F(Restart, FinishesALoadThatAKillCutShort) {
     int const pause = static_cast<int>(random() % 60);
     SCOPED_TRACE("killed after " + std::to_string(pause) + " ms");
     startAgain({"--hw-latency-us", "50"});
-    auto const load = begin(loading(static_cast<U64>(round), 800, {"--timeout", "120"}));
+    auto const load = begin(loading(static_cast<U64>(round), 800, {"--timeout", "120", "--force"}));
     std::this_thread::sleep_for(std::chrono::milliseconds(pause));
     end(SIGKILL);
     startAgain();

@@ -53,7 +53,15 @@ void Loader::start(std::vector<Rule> const& rules) {
   std::vector<Record> const records = readTable();
   agentWorks_ = producer_.anyStatus();
   compare(records, rules);
+  auto const leaving = std::ranges::count_if(old_, [](Old const& old) { return !old.successor; });
+  if (compared_) compared_(records.size(), static_cast<U64>(leaving));
   begin();
+}
+
+std::vector<EntryKey> Loader::keys() const {
+  std::vector<EntryKey> keys;
+  for (Target const& target : targets_) keys.push_back(target.key);
+  return keys;
 }
 
 std::vector<Loader::Record> Loader::readTable() {

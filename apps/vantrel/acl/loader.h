@@ -56,6 +56,10 @@ class Loader {
   // written again. Later: it is given up, unless a later round writes it.
   void refusedIs(Vantrel::EntryKey key) { refused_.insert(key.value()); }
 
+  // Called once, before anything is written, with the number of entries that the table has and of those that
+  // are to go without a successor of the same match. What it throws ends the load.
+  void onComparedIs(std::function<void(U64 present, U64 leaving)> handler) { compared_ = std::move(handler); }
+
   // Compares and writes the first round.
   void start(std::vector<Rule> const& rules);
   // Goes on when everything that was written is acknowledged.
@@ -67,6 +71,8 @@ class Loader {
   void leave();
 
   Counts const& counts() const { return counts_; }
+  // The key of each rule, in their order; meaningful when finished.
+  std::vector<Vantrel::EntryKey> keys() const;
   // Old entries that are still to be deleted.
   U64 remaining() const;
 
@@ -160,6 +166,7 @@ class Loader {
   Vantrel::Producer& producer_;
   Vantrel::Acknowledgements& acknowledgements_;
   std::function<void(Vantrel::EntryKey)> handler_;
+  std::function<void(U64, U64)> compared_;
   Stage stage_ = Stage::Idle;
   Counts counts_;
   bool agentWorks_ = false;                 // an agent has acknowledged something

@@ -159,26 +159,28 @@ ParseError::ParseError(std::string const& file, std::size_t line, std::size_t co
       line_(line),
       column_(column) {}
 
-std::vector<Rule> parse(std::string_view text, std::string const& name) {
+std::vector<Rule> parse(std::string_view text, std::string const& name, std::vector<std::size_t>* lines) {
   std::vector<Rule> rules;
   for (std::size_t number = 1; !text.empty(); ++number) {
     std::size_t const end = text.find('\n');
     std::string_view line = text.substr(0, end);
     text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
     if (line.ends_with('\r')) line.remove_suffix(1);
-    if (!passedOver(line)) rules.push_back(Line(line, name, number).rule());
+    if (passedOver(line)) continue;
+    rules.push_back(Line(line, name, number).rule());
+    if (lines) lines->push_back(number);
   }
   return rules;
 }
 
-std::vector<Rule> parseFile(std::string const& path) {
+std::vector<Rule> parseFile(std::string const& path, std::vector<std::size_t>* lines) {
   if (std::filesystem::is_directory(path))
     throw std::runtime_error(path + " is a directory, expected a rule file");
   std::ifstream in(path, std::ios::binary);
   if (!in)
     throw std::runtime_error(fmt::format("cannot read the rule file {}: {}", path, std::strerror(errno)));
   std::string const text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  return parse(text, path);
+  return parse(text, path, lines);
 }
 
 }  // namespace Acl

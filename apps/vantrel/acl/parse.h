@@ -30,9 +30,10 @@ class ParseError : public std::runtime_error {
   std::size_t column_;
 };
 
-// `name` is the file's name in messages.
-std::vector<Rule> parse(std::string_view text, std::string const& name);
+// `name` is the file's name in messages. `lines`: gets the number of each rule's line, from 1.
+std::vector<Rule> parse(std::string_view text, std::string const& name,
+                        std::vector<std::size_t>* lines = nullptr);
 // Raises std::runtime_error for a file that cannot be read.
-std::vector<Rule> parseFile(std::string const& path);
+std::vector<Rule> parseFile(std::string const& path, std::vector<std::size_t>* lines = nullptr);
 
 }  // namespace Acl
