@@ -86,9 +86,10 @@ void Planner::lookForJumpers(int level, Extent& extent) {
     if (place > last) place = first;
     U32 const slot = row_.places().at(place);
     Rule const& rule = rules_[slot];
-    if (rule.mark == edit_ || isOld(slot) || !rule.bounds.allow(priority)) continue;
-    if (rule.bounds.low < reach.low) reach.low = rule.bounds.low, lowest = slot;
-    if (rule.bounds.high > reach.high) reach.high = rule.bounds.high, highest = slot;
+    Bounds const bounds = withinBarrier(rule.bounds, priority);
+    if (rule.mark == edit_ || isOld(slot) || !bounds.allow(priority)) continue;
+    if (bounds.low < reach.low) reach.low = bounds.low, lowest = slot;
+    if (bounds.high > reach.high) reach.high = bounds.high, highest = slot;
   }
   if (lowest != Places::nobody)
     if (int const i = row_.levelAbove(reach.low); i < extent.low)
@@ -96,6 +97,14 @@ void Planner::lookForJumpers(int level, Extent& extent) {
   if (highest != Places::nobody)
     if (int const i = row_.levelFrom(reach.high) - 1; i > extent.high)
       extent.high = i, extent.highBy = {level, highest, true};
+}
+
+// What of the bounds lies on the side of the barrier where the priority is; nothing inside the barrier.
+Planner::Bounds Planner::withinBarrier(Bounds bounds, U32 priority) const {
+  if (!barrier_.possible()) return bounds;
+  if (priority <= barrier_.low) return {bounds.low, std::min(bounds.high, barrier_.low + 1)};
+  if (priority >= barrier_.high) return {std::max(bounds.low, barrier_.high - 1), bounds.high};
+  return {priority, priority};
 }
 
 // A member of the level goes to its other end; returns the place that it leaves.

@@ -92,18 +92,15 @@ void Planner::resolve(U32 rule, Match const& match, Conflict const& conflict) {
   std::ranges::sort(down, {}, rank);
   std::ranges::sort(up, std::ranges::greater(), rank);
   U32 floor = conflict.below;
+  // A rule that jumped over the gap meanwhile could be in the way of those that are still to come.
+  barrier_ = {conflict.below, conflict.above};
   for (U32 const r : down) {
-    Bounds bounds = boundsOf(r, neighbours(r, this->match(r)));
-    bounds.high = std::min(bounds.high, conflict.above);
-    rekey(r, bounds, Pick::Lowest);
+    rekey(r, {0, conflict.above}, Pick::Lowest);
     floor = std::max(floor, row_.priority(r));
   }
   floor = std::max(floor, boundsOf(rule, neighbours(rule, match)).low);
-  for (U32 const r : up) {
-    Bounds bounds = boundsOf(r, neighbours(r, this->match(r)));
-    bounds.low = std::max(bounds.low, floor);
-    rekey(r, bounds, Pick::Highest);
-  }
+  for (U32 const r : up) rekey(r, {floor, everything().high}, Pick::Highest);
+  barrier_ = {0, 0};
 }
 
 // Numbers levels anew until at least `least` numbers lie between two neighbouring levels, and more if there
@@ -146,8 +143,8 @@ void Planner::shift(int level, U32 priority) {
   for (U32 place = first; place <= last; ++place)
     if (U32 const slot = row_.places().at(place); slot != Places::nobody) members.push_back(slot);
   if (priority > from) std::ranges::reverse(members);
-  Bounds const bounds{std::min(from, priority - 1), std::max(from, priority + 1)};
-  for (U32 const slot : members) rekey(slot, bounds, Pick::Middle, priority);
+  Bounds const limits{std::min(from, priority - 1), std::max(from, priority + 1)};
+  for (U32 const slot : members) rekey(slot, limits, Pick::Middle, priority);
 }
 
 }  // namespace Planning

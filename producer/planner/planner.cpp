@@ -138,8 +138,7 @@ void Planner::settle(U32 rule, Match const& match) {
     widen(bounds.low, bounds.high, 1);
     bounds = boundsOf(rule, beside);
   }
-  ++edit_;
-  for (U32 const other : beside) rules_[other].mark = edit_;
+  keepInPlace(beside);
   place(rule, bounds, true, Pick::Middle);
   rules_[rule].bounds = bounds;
   tell(rule, beside);
@@ -160,7 +159,7 @@ void Planner::place(U32 rule, Bounds const& bounds, bool mayJump, Pick pick, U32
   int const first = row_.levelAbove(bounds.low);
   int const last = row_.levelFrom(bounds.high) - 1;
   U32 const wanted = level != 0 ? level : wantedLevel(rule, bounds);
-  U32 hole = nearestHole(first, last, wanted);
+  U32 hole = nearHole(first, last, wanted);
   if (hole == Places::none) {
     hole = freeByChain(bounds, mayJump);
     if (mayJump) refreshOne();
@@ -179,18 +178,35 @@ U32 Planner::wantedLevel(U32 rule, Bounds const& bounds) const {
   return std::clamp(static_cast<U32>((low + high) / 2), bounds.low, bounds.high);
 }
 
-// In the room of these levels, the free place nearest to the wanted level.
-U32 Planner::nearestHole(int first, int last, U32 wanted) const {
+// In the room of these levels, a free place near the wanted level: of the nearest few on either side one that
+// has other free places close by, so that the last one of a stretch is left to those who can go nowhere else.
+U32 Planner::nearHole(int first, int last, U32 wanted) const {
   U32 const begin = row_.roomBegin(first), end = row_.roomEnd(last);
   if (begin >= end) return Places::none;
   int const i = row_.levelFrom(wanted);
   U32 const target = i > last ? end - 1 : i < first ? begin : (row_.level(i).first + row_.level(i).last) / 2;
-  U32 const above = row_.places().freeFrom(target);
-  U32 const below = row_.places().freeUpTo(target);
-  bool const aboveIn = above != Places::none && above < end;
-  bool const belowIn = below != Places::none && below >= begin;
-  if (aboveIn && belowIn) return above - target < target - below ? above : below;
-  return aboveIn ? above : belowIn ? below : Places::none;
+  Places const& places = row_.places();
+  U32 best = Places::none, least = Places::none;
+  auto const look = [&](U32 hole) {
+    U32 const above = std::min(places.freeFrom(hole + 1), places.size());
+    U32 const below = hole == 0 ? Places::none : places.freeUpTo(hole - 1);
+    U32 const apart = above - (below == Places::none ? 0 : below);
+    U32 const distance = apart + (hole > target ? hole - target : target - hole) / 2;
+    if (distance < least) least = distance, best = hole;
+  };
+  U32 hole = target;
+  for (U32 looked = 0; looked < holesLooked; ++looked, ++hole) {
+    hole = places.freeFrom(hole);
+    if (hole >= end) break;
+    look(hole);
+  }
+  hole = target;
+  for (U32 looked = 0; looked < holesLooked && hole > begin; ++looked) {
+    hole = places.freeUpTo(hole - 1);
+    if (hole == Places::none || hole < begin) break;
+    look(hole);
+  }
+  return best;
 }
 
 // At a free place: a level beside it, the one nearer to the wanted one, or else a new one.
@@ -243,14 +259,24 @@ void Planner::deleteOld(U32 old) {
   unused_.push_back(old);
 }
 
-void Planner::rekey(U32 rule, Bounds const& bounds, Pick pick, U32 level) {
+// Another level within the limits, besides the rule's own bounds.
+void Planner::rekey(U32 rule, Bounds const& limits, Pick pick, U32 level) {
+  std::vector<U32> const beside = isOld(rule) ? std::vector<U32>() : neighbours(rule, match(rule));
+  Bounds bounds = isOld(rule) ? everything() : boundsOf(rule, beside);
+  bounds = {std::max(bounds.low, limits.low), std::min(bounds.high, limits.high)};
+  keepInPlace(beside);
   U32 const old = keepOld(rule);
-  place(rule, bounds, false, pick, level);
+  place(rule, bounds, level == 0, pick, level);
   deleteOld(old);
   if (isOld(rule)) return;
-  std::vector<U32> const beside = neighbours(rule, match(rule));
   rules_[rule].bounds = boundsOf(rule, beside);
   tell(rule, beside);
+}
+
+// Until the next edit of a place: a rule that overlaps the one in hand must not jump over its bounds.
+void Planner::keepInPlace(std::vector<U32> const& rules) {
+  ++edit_;
+  for (U32 const rule : rules) rules_[rule].mark = edit_;
 }
 
 // An empty window: neighbours in the list that do not overlap share a level, and the free places are spread

@@ -17,8 +17,9 @@
 //
 //   bounds     The overlap index names the rules that overlap. The greatest level of those before and the
 //              least of those behind are the bounds; the rule's level must lie strictly between.
-//   hole       A free place in the room of any such level costs no further write. Of several, the nearest to
-//              where the list's neighbours are: levels that rise along the list seldom contradict each other.
+//   hole       A free place in the room of any such level costs no further write. Of several, one near to
+//              where the list's neighbours are, for levels that rise along the list seldom contradict each
+//              other; and one among other free places, so that no stretch of the row loses its last.
 //   chain      Without one, places are made free from the nearest hole on: a member of the neighbouring level
 //              moves to its other side (one write), or a rule that overlaps few others goes to a far level
 //              under a new key (two writes). Of all such chains the one with the fewest writes, as far as
@@ -119,6 +120,7 @@ class Planner {
  private:
   static constexpr U32 candidates = 24;  // rules of a level that a chain looks at
   static constexpr U32 thresholds = 4;   // ways out of a contradiction that are followed to their end
+  static constexpr U32 holesLooked = 4;  // on either side of where a rule wants to be
   static constexpr int nowhere = -1;
 
   // A rule's level must lie strictly between.
@@ -173,12 +175,13 @@ class Planner {
   // One rule to one place.
   void place(U32 rule, Bounds const& bounds, bool mayJump, Pick pick, U32 level = 0);
   U32 wantedLevel(U32 rule, Bounds const& bounds) const;
-  U32 nearestHole(int first, int last, U32 wanted) const;
+  U32 nearHole(int first, int last, U32 wanted) const;
   U32 levelAt(U32 hole, Bounds const& bounds, U32 wanted, Pick pick) const;
   U32 between(U32 low, U32 high, Pick pick) const;
   void add(U32 rule, U32 priority, U32 place);
   void move(U32 rule, U32 place);
-  void rekey(U32 rule, Bounds const& bounds, Pick pick, U32 level = 0);
+  void keepInPlace(std::vector<U32> const& rules);
+  void rekey(U32 rule, Bounds const& limits, Pick pick, U32 level = 0);
   // The rule whose entry a slot has.
   U32 owner(U32 slot) const { return isOld(slot) ? rules_[slot].oldOf : slot; }
   bool isOld(U32 slot) const { return rules_[slot].oldOf != Places::nobody; }
@@ -189,6 +192,7 @@ class Planner {
   U32 freeByChain(Bounds const& bounds, bool mayJump);
   std::vector<Hop> findChain(int first, int last, bool mayJump);
   void lookForJumpers(int level, Extent& extent);
+  Bounds withinBarrier(Bounds bounds, U32 priority) const;
   std::optional<U32> jump(Hop const& hop, U32 hole);
   U32 step(Hop const& hop, U32 hole);
 
@@ -211,8 +215,9 @@ class Planner {
   std::vector<U32> marks_;  // scratch: by slot, the visit that saw it
   U32 visit_ = 0;
   U32 edit_ = 0;
-  U32 sampled_ = 0;    // where the next look for jumpers begins
-  U32 refreshed_ = 0;  // the slot whose bounds were found out last
+  Bounds barrier_{0, 0};  // while it is possible(), no rule jumps to between these or over them
+  U32 sampled_ = 0;       // where the next look for jumpers begins
+  U32 refreshed_ = 0;     // the slot whose bounds were found out last
   U64 nextKey_;
 };
 
