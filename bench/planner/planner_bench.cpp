@@ -23,6 +23,8 @@
 namespace Bench {
 namespace {
 
+constexpr U64 all = ~U64{0};
+
 enum class Edit { Insert, Replace };
 
 struct Case {
@@ -62,7 +64,8 @@ class Run {
     absent_.resize(rules_.size() / 2);
   }
 
-  Counts run(U64 edits) {
+  // Ends early after so many writes.
+  Counts run(U64 edits, U64 mostWrites) {
     std::vector<U32> list = present_;
     std::ranges::sort(list);
     for (U32 const rule : list) row_.wantedIs(rule, true);
@@ -71,7 +74,8 @@ class Run {
     row_.editDone();
     std::vector<U64> writes;
     double const begin = processorNanoseconds();
-    while (writes.size() < edits && !absent_.empty()) {
+    for (U64 done = 0; done < mostWrites && writes.size() < edits && !absent_.empty();
+         done += writes.back()) {
       one(*scheme);
       writes.push_back(row_.editDone());
     }
@@ -118,14 +122,14 @@ class Run {
 };
 
 // Checking looks at every entry after every write.
-U64 editsToCheck(Rules const& rules) { return std::clamp<U64>(4000000 / rules.size(), 20, 400); }
+constexpr U64 looks = 100000000;
 
 void measure(benchmark::State& state, Case const& c, U64 edits) {
   try {
     if (brief()) edits = std::min<U64>(edits, 50);
-    U64 const holes = Run(c, true).run(std::min(edits, editsToCheck(rulesOf(c.set)))).holes;
+    U64 const holes = Run(c, true).run(edits, looks / rulesOf(c.set).size()).holes;
     for (auto _ : state) {
-      Counts const counts = Run(c, false).run(edits);
+      Counts const counts = Run(c, false).run(edits, all);
       state.counters["ns"] = counts.nanoseconds;
       state.counters["also:writes"] = counts.writes;
       state.counters["also:writes, 99 of 100"] = counts.worst;
@@ -143,7 +147,6 @@ struct Peer {
   U64 edits;      // replacements in which it is measured
 };
 
-constexpr U64 all = ~U64{0};
 constexpr U64 replacements = 10000;
 
 void add(std::string const& title, char const* side, Case const& c, U64 edits) {

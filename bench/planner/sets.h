@@ -13,8 +13,8 @@
 
 namespace Bench {
 
-// Distinct matches in the order of the list: "fw1_1k", "fw1_10k", or a kind and a number of rules, "acl 1000".
-// Throws std::runtime_error for a set that is not there.
+// Distinct matches in the order of the list: "fw1_1k", "fw1_10k", or a kind and a number of rules, as in
+// "acl 1000". Throws std::runtime_error for a set that is not there.
 Rules ruleSet(std::string const& name);
 
 }  // namespace Bench
