@@ -35,7 +35,8 @@ class Chains : public Scheme {
   }
   void insert(U32 rule) override {
     for (int tries = 0; low(rule) > high(rule); ++tries) {
-      if (tries == 100) throw std::logic_error("a contradiction is not resolved");
+      if (tries == 100)
+        throw std::runtime_error("skipped: chains written so find no way out of a contradiction");
       resolve(rule);
     }
     add(rule, freePlace(low(rule), high(rule)));
@@ -55,33 +56,50 @@ class Chains : public Scheme {
     return place;
   }
 
-  // Rules that must be behind and lie before one that must be before go behind it, the last of the list
-  // first.
+  // Towards a free place: upwards, rules that must be behind and lie before one that must be before go behind
+  // it, the last of the list first; or downwards the other way round.
   void resolve(U32 rule) {
-    U32 const from = low(rule);
-    std::vector<U32> early;
+    bool const up = places_.freeFrom(low(rule)) != Places::none;
+    std::vector<U32> wrong = misplaced(rule, up);
+    std::ranges::sort(wrong);
+    if (up) std::ranges::reverse(wrong);
+    for (U32 const other : wrong) {
+      std::vector<U32> const way =
+          up ? chain(low(rule), high(other), true) : chain(low(other), high(rule), false);
+      if (way.empty()) return;  // the free place is elsewhere by now
+      follow(way);
+      move(where_[other], way.front());
+    }
+  }
+  // Those that must be behind the rule and lie before its lowest place, and those that must be behind these;
+  // or the other way round.
+  std::vector<U32> misplaced(U32 rule, bool up) const {
+    U32 const limit = up ? low(rule) : high(rule);
+    std::vector<U32> wrong;
     for (std::vector<U32> open{rule}; !open.empty();) {
       U32 const at = open.back();
       open.pop_back();
-      for (U32 const other : behind_[at])
-        if (where_[other] < from && std::ranges::find(early, other) == early.end())
-          early.push_back(other), open.push_back(other);
+      for (U32 const other : up ? behind_[at] : before_[at]) {
+        bool const isWrong =
+            where_[other] != Places::none && (up ? where_[other] < limit : where_[other] >= limit);
+        if (isWrong && std::ranges::find(wrong, other) == wrong.end())
+          wrong.push_back(other), open.push_back(other);
+      }
     }
-    std::ranges::sort(early, std::ranges::greater());
-    for (U32 const other : early) {
-      U32 const place = freePlace(low(rule), high(other));
-      move(where_[other], place);
-    }
+    return wrong;
   }
 
   // A free place from low on and up to, without, high; made free by the shorter chain.
   U32 freePlace(U32 low, U32 high) {
     if (U32 const place = places_.freeFrom(low); place != Places::none && place < high) return place;
-    std::vector<U32> const up = chain(low, high, true);
-    std::vector<U32> const down = chain(low, high, false);
+    std::vector<U32> const up = chain(low, high, true), down = chain(low, high, false);
     std::vector<U32> const& best = up.empty() || (!down.empty() && down.size() < up.size()) ? down : up;
-    for (std::size_t i = best.size() - 1; i > 0; --i) move(best[i - 1], best[i]);
+    follow(best);
     return best.front();
+  }
+  // Frees the first place of a chain.
+  void follow(std::vector<U32> const& chain) {
+    for (std::size_t i = chain.size() - 1; i > 0; --i) move(chain[i - 1], chain[i]);
   }
 
   // Places, the last of them free: what is at each goes to the next. Empty when there is no such chain.

@@ -70,6 +70,20 @@ TEST_F(PlannerTest, InsertWritesOnceWhenThereIsRoom) {
   EXPECT_EQ(writes[0].what, Do::Add);
 }
 
+TEST_F(PlannerTest, InsertBeforeARuleLiesBeforeIt) {
+  std::vector<Write> writes;
+  auto const write = [&writes](Write const& w) { writes.push_back(w); };
+  Planner planner({.size = 1024});
+  U32 const denyAll = planner.insert({});
+  Match web;
+  web.rest.destination = {80, 80};
+  planner.insert(web, denyAll);  // before it in the list
+  for (Write const& planned : planner.takeWrites()) write(planned);
+  ASSERT_EQ(writes.size(), 2U);
+  EXPECT_LT(writes[1].position, writes[0].position);
+  EXPECT_LT(writes[1].priority, writes[0].priority);
+}
+
 TEST_F(PlannerTest, RulesThatDoNotOverlapNeedNoMoves) {
   Planner planner({.size = 10});
   U32 before = Planner::atEnd;
