@@ -148,7 +148,7 @@ void Planner::settle(U32 rule, Match const& match) {
 void Planner::refreshOne() {
   for (U32 looked = 0; looked < 8; ++looked) {
     refreshed_ = refreshed_ + 1 < rules_.size() ? refreshed_ + 1 : 0;
-    if (!row_.has(refreshed_)) continue;
+    if (!row_.has(refreshed_) || isOld(refreshed_)) continue;
     rules_[refreshed_].bounds = boundsOf(refreshed_, neighbours(refreshed_, match(refreshed_)));
     return;
   }
