@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "apps/vantrel/acl/loader.h"
+#include "apps/vantrel/acl/match.h"
 #include "ostra/mount_ask.h"
 
 namespace Demo {
@@ -56,7 +56,8 @@ Show::Show(std::string dir, Vantrel::Mapping mapping, U32 size, double patience)
       patience_(patience),
       tables_(dir_),
       producer_(tables_.config(), tables_.status(), mapping, tables_.changes()),
-      acknowledgements_(tables_.status()) {
+      acknowledgements_(tables_.status()),
+      planner_({.size = size}) {
   acknowledgements_.onAcknowledgedIs([this](EntryKey key) { acknowledged(key); });
 }
 
@@ -100,6 +101,21 @@ void Show::load(std::string const& what, Rules const& rules) {
     loader.advance();
   }
   said(what, writes, started);
+  loaded_.added += loader.counts().added;
+  loaded_.moved += loader.counts().moved;
+  loaded_.deleted += loader.counts().deleted;
+  plan(rules);
+}
+
+void Show::plan(Rules const& rules) {
+  std::vector<Planning::Match> list;
+  for (Acl::Rule const& rule : rules) list.push_back(Acl::matchOf(rule));
+  planner_.assign(list);
+  for (Planning::Write const& write : planner_.takeWrites()) {
+    planned_.added += write.what == Planning::Do::Add;
+    planned_.moved += write.what == Planning::Do::Move;
+    planned_.deleted += write.what == Planning::Do::Delete;
+  }
 }
 
 Show::Entries Show::wanted() const {
@@ -177,6 +193,12 @@ bool Show::report(std::size_t columns, bool colours) {
        fmt::format("{:.2f} ms", quantile(milliseconds_, 0.5)));
   line("deletes", count("deletes") + count("deadlockDeletes"), "write to acknowledgement, 99 of 100",
        fmt::format("{:.2f} ms", quantile(milliseconds_, 0.99)));
+  auto const lists = [](char const* how, Acl::Loader::Counts const& n) {
+    fmt::print("  {:<42}{:>6} adds{:>6} moves{:>6} deletes\n", how, n.added, n.moved, n.deleted);
+  };
+  fmt::print("\n");
+  lists("the lists, kept in order (as loaded)", loaded_);
+  lists("the same, ordered where rules overlap", planned_);
   fmt::print("\n{}", picture(row, columns, colours));
   fmt::print("{:<10}positions from left to right, bars as high as the priority: they never fall\n", "");
   return late == 0 && violations == 0 && row.size() == wanted().size() && inOrder(row);

@@ -17,7 +17,9 @@
 
 #include "apps/demo/edits.h"
 #include "apps/demo/picture.h"
+#include "apps/vantrel/acl/loader.h"
 #include "producer/acknowledgements.h"
+#include "producer/planner/planner.h"
 #include "producer/producer.h"
 #include "producer/shared_tables.h"
 
@@ -42,6 +44,7 @@ class Show {
   void acknowledged(Vantrel::EntryKey key);
   void untilDone(Clock::time_point deadline);
   void said(std::string const& what, U64 writes, Clock::time_point started) const;
+  void plan(Rules const& rules);
   Entries wanted() const;
   std::vector<Entries> interchangeable() const;
   void rotate(Entries const& ring);
@@ -55,6 +58,9 @@ class Show {
   Vantrel::Acknowledgements acknowledgements_;
   std::unordered_map<U64, Clock::time_point> written_;  // key -> when; until it is acknowledged
   std::vector<double> milliseconds_;                    // from a write to its acknowledgement
+  Acl::Loader::Counts loaded_;                          // what the lists took
+  Planning::Planner planner_;                           // the same lists, placed by their overlaps
+  Acl::Loader::Counts planned_;                         // what they would have taken so
 };
 
 }  // namespace Demo

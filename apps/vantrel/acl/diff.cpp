@@ -5,7 +5,7 @@
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <limits>
 
-#include "apps/vantrel/acl/longest.h"
+#include "producer/planner/longest.h"
 
 namespace Acl {
 namespace {
@@ -56,7 +56,7 @@ class Differ {
     std::vector<U32> prios;
     prios.reserve(candidates.size());
     for (Candidate const& c : candidates) prios.push_back(held_[c.held].prio);
-    for (std::size_t const member : longestNonDecreasing(prios)) {
+    for (std::size_t const member : Planning::longestNonDecreasing(prios)) {
       auto const [rank, held] = candidates[member];
       if (!set_[rank] && !taken_[held] && joins(rank, held_[held].prio)) keep(rank, held);
     }

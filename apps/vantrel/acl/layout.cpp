@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/vantrel/acl/layout.h"
 
-#include "apps/vantrel/acl/longest.h"
 #include "pallo/assert.h"
+#include "producer/planner/longest.h"
 
 namespace Acl {
 namespace {
@@ -16,7 +16,7 @@ std::vector<std::size_t> staying(std::vector<std::optional<U32>> const& places, 
     slack.push_back(*places[i] - i);
     ranks.push_back(i);
   }
-  std::vector<std::size_t> chain = longestNonDecreasing(slack);
+  std::vector<std::size_t> chain = Planning::longestNonDecreasing(slack);
   for (std::size_t& member : chain) member = ranks[member];
   return chain;
 }

@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <vector>
 
-namespace Acl {
+namespace Planning {
 
 // The indexes of one longest non-decreasing subsequence of `values`, ascending.
 template <class T>
@@ -31,4 +31,4 @@ std::vector<std::size_t> longestNonDecreasing(std::vector<T> const& values) {
   return chain;
 }
 
-}  // namespace Acl
+}  // namespace Planning
