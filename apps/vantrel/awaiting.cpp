@@ -50,7 +50,7 @@ std::string byReason(Explainer const& explainer, std::vector<Vantrel::EntryKey> 
       groups[known->second].second.push_back(key);
     } else if (groups.size() < mostExplained) {
       groupOf[reason] = groups.size();
-      groups.push_back({std::move(reason), {key}});
+      groups.emplace_back(std::move(reason), std::vector{key});
     } else {
       rest.push_back(key);
     }

@@ -60,6 +60,7 @@ void Loader::start(std::vector<Rule> const& rules) {
 
 std::vector<EntryKey> Loader::keys() const {
   std::vector<EntryKey> keys;
+  keys.reserve(targets_.size());
   for (Target const& target : targets_) keys.push_back(target.key);
   return keys;
 }
