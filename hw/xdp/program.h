@@ -7,8 +7,8 @@
 //   old one without a packet between them.
 // Threading: one thread.
 // Cost: memory for the maps, 680 bytes a position and 8 for each CPU.
-// Errors: std::runtime_error with one sentence when the kernel, a capability or the interface is missing, or
-//   when pinned maps are of another shape.
+// Errors: std::runtime_error with one sentence when the kernel, a capability or the interface is missing,
+//   when pinned maps are of another shape, or attached elsewhere, and when somebody else's filter is at tc.
 #pragma once
 
 #include <memory>
@@ -83,6 +83,8 @@ class XdpProgram {
   template <class T>
   T* mapped(char const* name);
   void takeShape();
+  U32 interfaceIndex() const;
+  void refuseOther(U32 interface) const;
   void attach();
   void attachXdp(U32 interface);
   void attachTc(U32 interface);
