@@ -11,8 +11,9 @@
 // Ownership: owns the program. References nothing else.
 // Threading: the agent's event loop.
 // Cost: a call sets or clears up to 3,840 bits and waits for the look-ups that run, once. No packet waits.
-// Errors: the constructor throws as XdpProgram does. An entry whose data is no rule, a mark without tc, and
-//   a position beyond the table are refused.
+// Errors: the constructor throws as XdpProgram does, and on a real-time kernel where nothing waits for
+//   look-ups that preempt one another. An entry whose data is no rule, a mark without tc, and a position
+//   beyond the table are refused.
 #pragma once
 
 #include <optional>
@@ -34,6 +35,7 @@ class XdpTcam : public Ostra::Entity, public Driver {
   class Notifiee : public Ostra::NotifieeOf<XdpTcam const> {
    public:
     virtual void onWrites() {}
+    virtual void onGracePeriods() {}
   };
 
   XdpTcam(std::string name, XdpOptions const& options);
@@ -45,6 +47,8 @@ class XdpTcam : public Ostra::Entity, public Driver {
   U64 hits(EntryKey const& key) const;
   // Packets that no entry decided.
   U64 undecided(Reason reason) const;
+  // Drains that waited for a grace period, because look-ups of one CPU may interleave.
+  U64 gracePeriods() const { return gracePeriods_; }
   XdpProgram& program() { return program_; }
   // Nothing filters from then on, and no pin is left.
   void detach() { program_.detach(); }
@@ -58,7 +62,9 @@ class XdpTcam : public Ostra::Entity, public Driver {
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
 
  protected:
-  // Returns when every look-up that runs now has ended. A test overrides it to show what it is for.
+  // For tests of what the machine that they run on is not like.
+  XdpTcam(std::string name, XdpOptions const& options, bool mayInterleave, bool hasGracePeriods);
+  // Returns when every look-up that runs now has ended. Tests override it to show what it is for.
   virtual void drain();
 
  private:
@@ -86,12 +92,19 @@ class XdpTcam : public Ostra::Entity, public Driver {
   void takeOver();
   void mendRow(U32 word);
   void mendSums(U32 sum);
+  void refuseUnsafe() const;
+  static bool endsInTurn(TcamCpu& cpu);
+  void awaitGracePeriod();
+  static void awaitQuiet(TcamCpu& cpu);
 
+  bool mayInterleave_;  // look-ups of one CPU
+  bool const hasGracePeriods_;
   XdpProgram program_;
   bool const canMark_;
   std::vector<U32> freeSlots_, freeCounters_;
   std::unordered_map<EntryKey, Place> places_;
   U64 writes_ = 0;
+  U64 gracePeriods_ = 0;
 };
 
 }  // namespace Hw
