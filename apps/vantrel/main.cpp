@@ -15,13 +15,14 @@ void addStatus(CLI::App& app);
 void addTrace(CLI::App& app);
 void addReplay(CLI::App& app);
 void addAttr(CLI::App& app);
+void addHw(CLI::App& app);
 void addWatch(CLI::App& app);
 void addSnapshot(CLI::App& app);
 void addTable(CLI::App& app);
 
 // In the order in which --help shows them.
-constexpr AddVerb verbs[] = {addLoad,   addPut,  addDel,   addLs,       addStatus, addTrace,
-                             addReplay, addAttr, addWatch, addSnapshot, addTable};
+constexpr AddVerb verbs[] = {addLoad,   addPut,  addDel, addLs,    addStatus,   addTrace,
+                             addReplay, addAttr, addHw,  addWatch, addSnapshot, addTable};
 }  // namespace VantrelCommand
 
 int main(int argc, char** argv) {

@@ -91,7 +91,12 @@ void detachTc(std::string const& interface) {
   bpf_tc_detach(&hook, &filter);
 }
 
-// As the option of the agent names it.
+U32 numberOf(XdpHook hook) { return static_cast<U32>(hook) + 1; }
+
+U64 wordsFor(U64 things) { return (things + 63) / 64; }
+
+}  // namespace
+
 char const* nameOf(XdpHook hook) {
   switch (hook) {
     case XdpHook::Driver:
@@ -103,12 +108,6 @@ char const* nameOf(XdpHook hook) {
   }
   return "";
 }
-
-U32 numberOf(XdpHook hook) { return static_cast<U32>(hook) + 1; }
-
-U64 wordsFor(U64 things) { return (things + 63) / 64; }
-
-}  // namespace
 
 XdpProgram::Mapping::~Mapping() {
   if (at) ::munmap(at, bytes);
@@ -126,6 +125,12 @@ XdpProgram::XdpProgram(XdpOptions const& options)
   map();
   takeShape();
   if (!options_.interface.empty()) attach();
+}
+
+U64 XdpProgram::memory() const {
+  U64 sum = 0;
+  for (Mapping const& mapping : mappings_) sum += mapping.bytes;
+  return sum;
 }
 
 U32 XdpProgram::interfaceIndex() const {

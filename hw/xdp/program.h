@@ -28,6 +28,9 @@ enum class XdpHook {
   Tc,      // tc ingress: the only one that can mark packets
 };
 
+// As the option of the agent names it.
+char const* nameOf(XdpHook hook);
+
 struct XdpOptions {
   std::string interface = {};  // empty: attached nowhere, for test runs
   XdpHook hook = XdpHook::Driver;
@@ -51,6 +54,9 @@ class XdpProgram {
   U32 positions() const { return shape_->positions; }
   U32 slots() const { return shape_->slots; }
   U32 cpuCount() const { return cpuCount_; }
+  XdpOptions const& options() const { return options_; }
+  // Of all maps, bytes.
+  U64 memory() const;
   // The maps were there, from an earlier run.
   bool isTakenOver() const { return isTakenOver_; }
   // For test runs.

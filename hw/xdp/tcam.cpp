@@ -144,7 +144,16 @@ Ostra::TypeInfo const& XdpTcam::staticType() {
                                           .attribute("fragments", &XdpTcam::fragments)
                                           .attribute("malformed", &XdpTcam::malformedPackets)
                                           .attribute("notIpv4", &XdpTcam::otherProtocols)
-                                          .attribute("gracePeriods", &XdpTcam::gracePeriods);
+                                          .attribute("gracePeriods", &XdpTcam::gracePeriods)
+                                          .attribute("arp", &XdpTcam::arpPackets)
+                                          .attribute("mode", &XdpTcam::mode)
+                                          .attribute("interface", &XdpTcam::interface)
+                                          .attribute("attached", &XdpTcam::attached)
+                                          .attribute("default", &XdpTcam::otherwise)
+                                          .attribute("positions", &XdpTcam::positions)
+                                          .attribute("memory", &XdpTcam::memory)
+                                          .operation("entriesFrom", &XdpTcam::entriesFrom)
+                                          .operation("detach", &XdpTcam::detach);
   return type;
 }
 
@@ -156,7 +165,8 @@ XdpTcam::XdpTcam(std::string name, XdpOptions const& options, bool mayInterleave
       mayInterleave_(mayInterleave),
       hasGracePeriods_(hasGracePeriods),
       program_((refuseUnsafe(), options)),
-      canMark_(options.hook == XdpHook::Tc) {
+      canMark_(options.hook == XdpHook::Tc),
+      attached_(!options.interface.empty()) {
   takeOver();
 }
 
@@ -380,6 +390,24 @@ void XdpTcam::mendSums(U32 sum) {
     for (U32 v = 0; v < rowValues; ++v)
       for (U32 word = sum * 64; word < std::min(words, sum * 64 + 64); ++word)
         if (program_.bits(word, field)[v] == 0) clear(program_.sums(sum, field)[v], U64{1} << word % 64);
+}
+
+void XdpTcam::detach() {
+  program_.detach();
+  scalarIs("attached", attached_, false, &Notifiee::onAttached);
+}
+
+std::string XdpTcam::entriesFrom(U32 ti) const {
+  constexpr U32 mostLines = 256;
+  std::string text;
+  for (U32 lines = 0; ti < program_.positions() && lines < mostLines; ++ti) {
+    U64 const ref = refAt(ti);
+    if (!isSound(ref)) continue;
+    TcamRecord const& r = program_.records()[ref - 1];
+    text += fmt::format("{} {} {} {}\n", ti, r.key, hits(EntryKey(r.key)), Acl::text(ruleOf(r)));
+    ++lines;
+  }
+  return text;
 }
 
 U64 XdpTcam::hits(EntryKey const& key) const {

@@ -36,6 +36,7 @@ class XdpTcam : public Ostra::Entity, public Driver {
    public:
     virtual void onWrites() {}
     virtual void onGracePeriods() {}
+    virtual void onAttached() {}
   };
 
   XdpTcam(std::string name, XdpOptions const& options);
@@ -50,8 +51,11 @@ class XdpTcam : public Ostra::Entity, public Driver {
   // Drains that waited for a grace period, because look-ups of one CPU may interleave.
   U64 gracePeriods() const { return gracePeriods_; }
   XdpProgram& program() { return program_; }
+  // The entries from that position on, some hundreds at most, a line each: position, key, hits and rule.
+  // Empty when there is none.
+  std::string entriesFrom(U32 ti) const;
   // Nothing filters from then on, and no pin is left.
-  void detach() { program_.detach(); }
+  void detach();
 
   Outcome write(EntryConfig const& entry, U32 ti, U64 token) override;
   Outcome erase(EntryKey const& key, U32 ti, U64 token) override;
@@ -72,6 +76,13 @@ class XdpTcam : public Ostra::Entity, public Driver {
   U64 fragments() const { return undecided(fragment); }
   U64 malformedPackets() const { return undecided(malformed); }
   U64 otherProtocols() const { return undecided(notIpv4); }
+  U64 arpPackets() const { return undecided(arp); }
+  std::string mode() const { return nameOf(program_.options().hook); }
+  std::string const& interface() const { return program_.options().interface; }
+  std::string otherwise() const { return program_.options().permits ? "permit" : "deny"; }
+  U32 positions() const { return program_.positions(); }
+  U64 memory() const { return program_.memory(); }
+  bool attached() const { return attached_; }
 
   // Where a key is: at one position, or at two while it is moved.
   struct Place {
@@ -105,6 +116,7 @@ class XdpTcam : public Ostra::Entity, public Driver {
   std::unordered_map<EntryKey, Place> places_;
   U64 writes_ = 0;
   U64 gracePeriods_ = 0;
+  bool attached_;  // to the interface
 };
 
 }  // namespace Hw
