@@ -20,15 +20,6 @@ constexpr U32 positions = 4096;
 constexpr U32 inOneCall = 20000;  // packets
 constexpr U32 slow = 500;         // entries that a look-up examines in vain, so that it takes long
 
-// A table that does not wait for look-ups.
-class Hasty : public Hw::XdpTcam {
- public:
-  using XdpTcam::XdpTcam;
-
- protected:
-  void drain() override {}
-};
-
 // Knows which look-ups ran when a drain began, and that they had ended when it was over.
 class Witness : public Hw::XdpTcam {
  public:

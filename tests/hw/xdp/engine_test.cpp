@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The engine edits a long rule list while packets are sent at all of it, on each CPU.
 //
-// Each packet is one that a single rule of the list matches, so the lists before and after every edit agree
-// on it: that rule decides. Rules move through a position that is free, as a producer does who wants no rings.
-// The kernel counts which entry decided.
+// Each packet is one that a single rule of the list matches. The lists before and after every edit agree on
+// it: that rule decides. Rules move through a position that is free, as a producer moves them who wants no
+// rings. The kernel counts which entry decided. The control, a table that does not wait, must show wrong
+// verdicts.
 //
 // VANTREL_KERNEL_PACKETS and VANTREL_KERNEL_RULES say how many.
 #include <atomic>
@@ -85,17 +86,14 @@ class Barrage {
 // The engine above the table, and a producer. One position, the last, is free between edits.
 class World {
  public:
-  World(XdpHook hook, std::vector<Acl::Rule> rules)
-      : tcam(Ostra::make<Hw::XdpTcam>(
-            "hardware",
-            Hw::XdpOptions{.hook = hook, .positions = static_cast<U32>(rules.size()) + 1, .permits = false})),
+  World(Ostra::Ptr<Hw::XdpTcam> table, std::vector<Acl::Rule> rules)
+      : tcam(std::move(table)),
         rules_(std::move(rules)),
         row_(rules_.size() + 1),
         free_(static_cast<U32>(rules_.size())) {
     for (U32 ti = 0; ti < size(); ++ti) want(row_[ti] = ti, ti);
   }
   U32 size() const { return static_cast<U32>(rules_.size()); }
-  std::vector<Acl::Rule> const& rules() const { return rules_; }
   void swap(U32 a, U32 b) {
     for (U32 const ti : {a, b, size()}) vacate(ti);
   }
@@ -151,28 +149,38 @@ class EngineTest : public TableTest {
   EngineTest() { setenv("LUMELOG_DISABLE", "1", 1); }
 };
 
+// Moves some of the rules.
+void edit(World& world, std::mt19937_64& random) {
+  U32 const length = 2 + static_cast<U32>(random() % 200);
+  U32 const first = static_cast<U32>(random() % (world.size() - length));
+  U32 const last = first + length - 1;
+  switch (random() % 3) {
+    case 0:
+      return world.reverse(first, last);
+    case 1:
+      return world.rotate(first, last);
+    default:
+      return world.swap(first, last);
+  }
+}
+
+template <class Table>
+Ostra::Ptr<Table> tableFor(std::vector<Acl::Rule> const& rules, XdpHook hook) {
+  auto const positions = static_cast<U32>(rules.size()) + 1;
+  return Ostra::make<Table>("hardware",
+                            Hw::XdpOptions{.hook = hook, .positions = positions, .permits = false});
+}
+
 TEST_P(EngineTest, RuleDecidesItsPacketsWhereverItMoves) {
   U64 const packets = Testing::environment("VANTREL_KERNEL_PACKETS", Testing::slow ? 100'000 : 500'000);
-  World world(GetParam(), Acl::generateRules(7, Testing::environment("VANTREL_KERNEL_RULES", 1000)));
+  auto const rules = Acl::generateRules(7, Testing::environment("VANTREL_KERNEL_RULES", 1000));
+  World world(tableFor<Hw::XdpTcam>(rules, GetParam()), rules);
   world.expectSettled();
-  Barrage barrage(world.tcam->program().fd(), targetsOf(world.rules(), GetParam()));
+  Barrage barrage(world.tcam->program().fd(), targetsOf(rules, GetParam()));
   ASSERT_GT(barrage.targets().size(), world.size() / 16);
   std::mt19937_64 random(3);
   int edits = 0;
-  for (; edits < 30 || barrage.sent() < packets; ++edits) {
-    U32 const length = 2 + static_cast<U32>(random() % 200);
-    U32 const first = static_cast<U32>(random() % (world.size() - length));
-    switch (random() % 3) {
-      case 0:
-        world.reverse(first, first + length - 1);
-        break;
-      case 1:
-        world.rotate(first, first + length - 1);
-        break;
-      default:
-        world.swap(first, first + length - 1);
-    }
-  }
+  for (; edits < 30 || barrage.sent() < packets; ++edits) edit(world, random);
   barrage.stop();
   world.expectSettled();
   EXPECT_EQ(barrage.wrong(), 0);
@@ -181,6 +189,17 @@ TEST_P(EngineTest, RuleDecidesItsPacketsWhereverItMoves) {
     EXPECT_EQ(world.tcam->hits(EntryKey(barrage.targets()[i].key)), barrage.sentTo(i)) << i;
   std::cout << barrage.sent() << " packets at " << barrage.targets().size() << " of " << world.size()
             << " rules, " << edits << " edits, " << world.moves() << " moves\n";
+}
+
+TEST_P(EngineTest, LosesVerdictsWithoutDrain) {
+  if (std::thread::hardware_concurrency() < 2) GTEST_SKIP() << "one CPU: no edit meets a look-up";
+  auto const rules = Acl::generateRules(7, 1000);
+  World world(tableFor<Hasty>(rules, GetParam()), rules);
+  Barrage barrage(world.tcam->program().fd(), targetsOf(rules, GetParam()));
+  std::mt19937_64 random(3);
+  while (barrage.sent() < 100'000'000 && world.tcam->undecided(noEntryMatches) == 0) edit(world, random);
+  EXPECT_GT(world.tcam->undecided(noEntryMatches), 0);
+  std::cout << "the first within " << barrage.sent() << " packets\n";
 }
 
 INSTANTIATE_TEST_SUITE_P(Hooks, EngineTest, testing::Values(XdpHook::Driver, XdpHook::Tc),

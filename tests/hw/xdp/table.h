@@ -8,6 +8,15 @@
 
 namespace XdpTest {
 
+// A table that does not wait for look-ups.
+class Hasty : public Hw::XdpTcam {
+ public:
+  using XdpTcam::XdpTcam;
+
+ protected:
+  void drain() override {}
+};
+
 class TableTest : public testing::TestWithParam<XdpHook> {
  protected:
   void SetUp() override {
