@@ -16,6 +16,7 @@ void addStatus(CLI::App& app);
 void addTrace(CLI::App& app);
 void addReplay(CLI::App& app);
 void addAttr(CLI::App& app);
+void addHw(CLI::App& app);
 void addWatch(CLI::App& app);
 void addSnapshot(CLI::App& app);
 void addTable(CLI::App& app);
@@ -24,8 +25,8 @@ void addMetrics(CLI::App& app);
 void addWhy(CLI::App& app);
 
 // In the order in which --help shows them.
-constexpr AddVerb verbs[] = {addLoad,    addPut,   addDel,    addLs,   addStatus, addWhy,      addShow,
-                             addMetrics, addTrace, addReplay, addAttr, addWatch,  addSnapshot, addTable};
+constexpr AddVerb verbs[] = {addLoad,  addPut,    addDel,  addLs, addStatus, addWhy,      addShow, addMetrics,
+                             addTrace, addReplay, addAttr, addHw, addWatch,  addSnapshot, addTable};
 
 // One line: what is wrong, and where the usage is.
 std::string usageError(CLI::App const* app, CLI::Error const& e) {

@@ -7,7 +7,7 @@
 //   records[slot]                 the entry: its match, and what an agent needs to take it over
 //   hits[cpu * slots + counter]   packets that an entry decided
 //   cpus[cpu]                     the epoch, and packets that no entry decided, by reason
-//   shape[0]                      the sizes, and the verdict for those packets
+//   shape[0]                      the sizes, where it is attached, and the verdict for those packets
 //
 // Invariants: the agent alone writes, but for hits and cpus, which each CPU writes for itself. A record is
 //   not changed while a position refers to it. A bit may be set in vain, and is never missing.
@@ -16,7 +16,7 @@
 #include <linux/types.h>
 
 enum {
-  layoutVersion = 1,
+  layoutVersion = 2,
   mostPositions = 65536,
   mostTableIndexes = 17,
   entryWords = 5,
@@ -61,11 +61,20 @@ struct TcamRecord {
   __u64 words[entryWords];
 };
 
+// What a look-up adds to its CPU's epoch when it begins, and when it ends. The lower 16 bits count those that
+// run, the others those that have ended.
+enum {
+  lookUpBegins = 1,
+  lookUpEnds = 0xFFFF,
+  runningLookUps = 0xFFFF,  // mask
+};
+
 // A cache line of its own, so that CPUs do not share one.
 struct TcamCpu {
-  __u64 epoch;  // odd while a look-up runs
+  __u64 epoch;
   __u64 undecided[reasons];
-  __u64 unused[2];
+  __u64 interleaved;  // look-ups that began while another one ran on this CPU; not 0 once there was one
+  __u64 unused;
 };
 
 struct TcamShape {
@@ -73,5 +82,7 @@ struct TcamShape {
   __u32 positions;
   __u32 sums;  // words of 64 times 64 positions
   __u32 slots;
-  __u32 permits;  // the verdict for packets that no entry decides
+  __u32 permits;    // the verdict for packets that no entry decides
+  __u32 hook;       // where it is attached, by the agent's numbers from 1 on; 0: nowhere
+  __u32 interface;  // the index
 };

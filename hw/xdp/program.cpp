@@ -67,15 +67,47 @@ bpf_tc_opts ourFilter() {
   return filter;
 }
 
+constexpr char const* tcProgram = "atTc";
+
+// The id of the program of the filter that is where ours would be, when that is a table's; 0 when none is.
+// Throws when somebody else's is there.
+U32 tableAtTc(std::string const& interface) {
+  bpf_tc_hook const hook = ingressOf(::if_nametoindex(interface.c_str()));
+  bpf_tc_opts filter = ourFilter();
+  if (bpf_tc_query(&hook, &filter) != 0) return 0;
+  bpf_prog_info info = {};
+  U32 bytes = sizeof info;
+  int const fd = bpf_prog_get_fd_by_id(filter.prog_id);
+  bool const isKnown = fd >= 0 && bpf_obj_get_info_by_fd(fd, &info, &bytes) == 0;
+  if (fd >= 0) ::close(fd);
+  if (isKnown && std::strcmp(info.name, tcProgram) == 0) return filter.prog_id;
+  throw std::runtime_error(interface + ": somebody else's filter has priority 1 at tc ingress");
+}
+
 void detachTc(std::string const& interface) {
+  if (tableAtTc(interface) == 0) return;
   bpf_tc_hook const hook = ingressOf(::if_nametoindex(interface.c_str()));
   bpf_tc_opts const filter = ourFilter();
   bpf_tc_detach(&hook, &filter);
 }
 
+U32 numberOf(XdpHook hook) { return static_cast<U32>(hook) + 1; }
+
 U64 wordsFor(U64 things) { return (things + 63) / 64; }
 
 }  // namespace
+
+char const* nameOf(XdpHook hook) {
+  switch (hook) {
+    case XdpHook::Driver:
+      return "native";
+    case XdpHook::Stack:
+      return "generic";
+    case XdpHook::Tc:
+      return "tc";
+  }
+  return "";
+}
 
 XdpProgram::Mapping::~Mapping() {
   if (at) ::munmap(at, bytes);
@@ -95,9 +127,23 @@ XdpProgram::XdpProgram(XdpOptions const& options)
   if (!options_.interface.empty()) attach();
 }
 
+U64 XdpProgram::memory() const {
+  U64 sum = 0;
+  for (Mapping const& mapping : mappings_) sum += mapping.bytes;
+  return sum;
+}
+
+U32 XdpProgram::interfaceIndex() const {
+  U32 const index = ::if_nametoindex(options_.interface.c_str());
+  if (index == 0) fail(fmt::format("the interface {}", options_.interface), errno);
+  return index;
+}
+
 XdpProgram::~XdpProgram() {
-  if (options_.pins.empty() && options_.hook == XdpHook::Tc && !options_.interface.empty())
-    detachTc(options_.interface);
+  if (options_.pins.empty() && options_.hook == XdpHook::Tc && !options_.interface.empty()) try {
+      detachTc(options_.interface);
+    } catch (std::exception const&) {  // it is somebody else's by now
+    }
   if (link_ >= 0) ::close(link_);
 }
 
@@ -130,7 +176,7 @@ void XdpProgram::load() {
     throw std::runtime_error(options_.pins + ": holds a table of another shape; detach it first");
   else if (error)
     fail("the table's program cannot be loaded", error);
-  char const* const name = options_.hook == XdpHook::Tc ? "atTc" : "atXdp";
+  char const* const name = options_.hook == XdpHook::Tc ? tcProgram : "atXdp";
   fd_ = bpf_program__fd(bpf_object__find_program_by_name(object_.get(), name));
 }
 
@@ -161,31 +207,43 @@ void XdpProgram::takeShape() {
   if (isTakenOver_ && shape_->version != layoutVersion)
     throw std::runtime_error(fmt::format("{}: its table has layout {}, this program writes {}; detach it",
                                          options_.pins, shape_->version, static_cast<U32>(layoutVersion)));
+  U32 const hook = shape_->hook, interface = shape_->interface;
   *shape_ = {.version = layoutVersion,
              .positions = options_.positions,
              .sums = static_cast<U32>(wordsFor(wordsFor(options_.positions))),
              .slots = options_.positions + 1,
-             .permits = options_.permits};
+             .permits = options_.permits,
+             .hook = hook,
+             .interface = interface};
 }
 
+// What is known of the attachment is written first: killed in between, the agent has claimed too much.
 void XdpProgram::attach() {
-  U32 const interface = ::if_nametoindex(options_.interface.c_str());
-  if (interface == 0) fail(fmt::format("the interface {}", options_.interface), errno);
-  if (options_.hook == XdpHook::Tc)
-    attachTc(interface);
-  else
-    attachXdp(interface);
+  U32 const interface = interfaceIndex();
+  if (shape_->hook != 0) refuseOther(interface);
+  shape_->hook = numberOf(options_.hook);
+  shape_->interface = interface;
+  try {
+    options_.hook == XdpHook::Tc ? attachTc(interface) : attachXdp(interface);
+  } catch (...) {
+    if (!isTakenOver_) shape_->hook = 0;
+    throw;
+  }
+}
+
+// Throws when the table is attached elsewhere.
+void XdpProgram::refuseOther(U32 interface) const {
+  if (shape_->interface != interface)
+    throw std::runtime_error(options_.pins + ": its table is attached to another interface; detach it first");
+  for (XdpHook const hook : {XdpHook::Driver, XdpHook::Stack, XdpHook::Tc})
+    if (shape_->hook == numberOf(hook) && hook != options_.hook)
+      throw std::runtime_error(fmt::format("{}: its table is attached as {}, not as {}; detach it first",
+                                           options_.pins, nameOf(hook), nameOf(options_.hook)));
 }
 
 void XdpProgram::attachXdp(U32 interface) {
   if (!options_.pins.empty()) link_ = bpf_obj_get(pin("link").c_str());
   if (link_ >= 0) {
-    bpf_link_info info = {};
-    U32 bytes = sizeof info;
-    if (bpf_obj_get_info_by_fd(link_, &info, &bytes) != 0) fail(pin("link"), errno);
-    if (info.xdp.ifindex != interface)
-      throw std::runtime_error(options_.pins +
-                               ": its table is attached to another interface; detach it first");
     if (bpf_link_update(link_, fd_, nullptr) != 0) fail("the program cannot be replaced", errno);
     return;
   }
@@ -202,7 +260,7 @@ void XdpProgram::attachTc(U32 interface) {
     fail(fmt::format("nothing can be attached to {}", options_.interface), error);
   bpf_tc_opts filter = ourFilter();
   filter.prog_fd = fd_;
-  filter.flags = BPF_TC_F_REPLACE;
+  filter.flags = tableAtTc(options_.interface) != 0 ? BPF_TC_F_REPLACE : 0;
   if (int const error = bpf_tc_attach(&hook, &filter))
     fail(fmt::format("nothing can be attached to {}", options_.interface), error);
 }

@@ -7,8 +7,8 @@
 //   old one without a packet between them.
 // Threading: one thread.
 // Cost: memory for the maps, 680 bytes a position and 8 for each CPU.
-// Errors: std::runtime_error with one sentence when the kernel, a capability or the interface is missing, or
-//   when pinned maps are of another shape.
+// Errors: std::runtime_error with one sentence when the kernel, a capability or the interface is missing,
+//   when pinned maps are of another shape, or attached elsewhere, and when somebody else's filter is at tc.
 #pragma once
 
 #include <memory>
@@ -27,6 +27,9 @@ enum class XdpHook {
   Stack,   // XDP in the network stack, for each driver; slower
   Tc,      // tc ingress: the only one that can mark packets
 };
+
+// As the option of the agent names it.
+char const* nameOf(XdpHook hook);
 
 struct XdpOptions {
   std::string interface = {};  // empty: attached nowhere, for test runs
@@ -51,6 +54,9 @@ class XdpProgram {
   U32 positions() const { return shape_->positions; }
   U32 slots() const { return shape_->slots; }
   U32 cpuCount() const { return cpuCount_; }
+  XdpOptions const& options() const { return options_; }
+  // Of all maps, bytes.
+  U64 memory() const;
   // The maps were there, from an earlier run.
   bool isTakenOver() const { return isTakenOver_; }
   // For test runs.
@@ -83,6 +89,8 @@ class XdpProgram {
   template <class T>
   T* mapped(char const* name);
   void takeShape();
+  U32 interfaceIndex() const;
+  void refuseOther(U32 interface) const;
   void attach();
   void attachXdp(U32 interface);
   void attachTc(U32 interface);

@@ -18,11 +18,20 @@
 //     that only the new match wants that is the table before S, for others the old bits are there. One that
 //     reads a row after they were cleared began after S: the reference would have told it the same.
 //
-// The drain is Dekker's: the writer stores, fences and reads the epochs; a look-up makes its CPU's epoch
-// odd by an atomic that orders, and then reads. Either the writer sees it odd and waits until it changes,
-// or the look-up sees the store. When the epoch changes all its loads are done: the second increment orders
-// them, and the writer reads it with acquire. x86 orders the writer's stores and the look-up's loads among
-// themselves, and a look-up's loads depend on one another from reference to record.
+// The drain is Dekker's: the writer stores, fences and reads the epochs; a look-up adds itself to its CPU's
+// epoch by an atomic that orders, and then reads. Either the writer sees it run and waits until the epoch
+// changes, or the look-up sees the store. When the epoch changes all its loads are done: the second addition
+// orders them, and the writer reads it with acquire. No order is asked of the processor but those: a record
+// is stored before its reference by release, and a look-up's loads depend on one another from bit to
+// reference to record.
+//
+// That takes it that look-ups of a CPU come one after another. On a real-time kernel one may preempt another.
+// Then the drain is a grace period of RCU: every program runs in a read-side critical section, and membarrier
+// returns when each that had begun has ended, with all its loads. It takes milliseconds, so it is used where
+// the kernel says that it is a real-time one, and from the moment on at which a CPU's look-ups interleave.
+// That moment is not missed. Two that run at once are in the epoch. One that began behind another and has
+// ended meanwhile, so that the epoch changed for it, has said so before it ended. And a CPU that was seen
+// without look-ups is drained whatever happened there.
 //
 // Killed between any two steps, an agent leaves a table that is whole: references tell all. The next one
 // clears the bits that were set in vain and takes slots and counters that nothing refers to.
@@ -30,11 +39,16 @@
 
 #include <emmintrin.h>
 #include <fmt/format.h>
+#include <linux/membarrier.h>
 #include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <fstream>
+#include <stdexcept>
 
 #include "ostra/type_info.h"
 
@@ -98,6 +112,21 @@ bool isRule(TcamRecord const& record) {
   return Acl::decode(words).has_value() && record.tableIndexes <= mostTableIndexes;
 }
 
+int membarrier(int command) { return static_cast<int>(::syscall(SYS_membarrier, command, 0U, 0)); }
+
+// The command returns at once when one CPU is online: it takes it that nothing else runs. A look-up that was
+// preempted does.
+bool hasGracePeriods() {
+  int const commands = membarrier(MEMBARRIER_CMD_QUERY);
+  return commands > 0 && (commands & MEMBARRIER_CMD_GLOBAL) && ::sysconf(_SC_NPROCESSORS_ONLN) > 1;
+}
+
+bool isRealTime() {
+  int says = 0;
+  std::ifstream("/sys/kernel/realtime") >> says;
+  return says == 1;
+}
+
 Vantrel::EntryConfig entryOf(TcamRecord const& r) {
   Vantrel::EntryConfig entry(Vantrel::EntryKey(r.key), Vantrel::OpId(r.opId), r.handle, r.group, r.priority);
   for (U32 i = 0; i < r.tableIndexes; ++i) entry.tableIndexIs(Vantrel::TableKey(i), r.tableIndex[i]);
@@ -114,13 +143,39 @@ Ostra::TypeInfo const& XdpTcam::staticType() {
                                           .attribute("unmatched", &XdpTcam::unmatched)
                                           .attribute("fragments", &XdpTcam::fragments)
                                           .attribute("malformed", &XdpTcam::malformedPackets)
-                                          .attribute("notIpv4", &XdpTcam::otherProtocols);
+                                          .attribute("notIpv4", &XdpTcam::otherProtocols)
+                                          .attribute("gracePeriods", &XdpTcam::gracePeriods)
+                                          .attribute("arp", &XdpTcam::arpPackets)
+                                          .attribute("mode", &XdpTcam::mode)
+                                          .attribute("interface", &XdpTcam::interface)
+                                          .attribute("attached", &XdpTcam::attached)
+                                          .attribute("default", &XdpTcam::otherwise)
+                                          .attribute("positions", &XdpTcam::positions)
+                                          .attribute("memory", &XdpTcam::memory)
+                                          .operation("entriesFrom", &XdpTcam::entriesFrom)
+                                          .operation("detach", &XdpTcam::detach);
   return type;
 }
 
 XdpTcam::XdpTcam(std::string name, XdpOptions const& options)
-    : Entity(std::move(name)), program_(options), canMark_(options.hook == XdpHook::Tc) {
+    : XdpTcam(std::move(name), options, isRealTime(), hasGracePeriods()) {}
+
+XdpTcam::XdpTcam(std::string name, XdpOptions const& options, bool mayInterleave, bool hasGracePeriods)
+    : Entity(std::move(name)),
+      mayInterleave_(mayInterleave),
+      hasGracePeriods_(hasGracePeriods),
+      program_((refuseUnsafe(), options)),
+      canMark_(options.hook == XdpHook::Tc),
+      attached_(!options.interface.empty()) {
   takeOver();
+}
+
+// Before anything is loaded.
+void XdpTcam::refuseUnsafe() const {
+  if (mayInterleave_ && !hasGracePeriods_)
+    throw std::runtime_error(
+        "packets of one CPU may preempt one another on this real-time kernel, and membarrier cannot wait "
+        "for them: it needs two CPUs, and a kernel that was not started with nohz_full");
 }
 
 Outcome XdpTcam::write(EntryConfig const& entry, U32 ti, U64) {
@@ -237,13 +292,35 @@ void XdpTcam::release(U32 slot) {
 
 void XdpTcam::drain() {
   std::atomic_thread_fence(std::memory_order_seq_cst);
-  for (TcamCpu& cpu : program_.cpus()) {
-    std::atomic_ref<decltype(cpu.epoch)> const epoch(cpu.epoch);
-    auto const seen = epoch.load(std::memory_order_acquire);
-    if (seen % 2 == 0) continue;
-    for (U32 turn = 1; epoch.load(std::memory_order_acquire) == seen; ++turn)
-      turn % 1024 == 0 ? static_cast<void>(::sched_yield()) : _mm_pause();
+  if (!mayInterleave_ && std::ranges::all_of(program_.cpus(), endsInTurn)) return;
+  mayInterleave_ = true;
+  if (hasGracePeriods_)
+    awaitGracePeriod();
+  else
+    std::ranges::for_each(program_.cpus(), awaitQuiet);
+}
+
+// Waits for the look-up that runs on the CPU. False when look-ups interleave there: then it may still run.
+bool XdpTcam::endsInTurn(TcamCpu& cpu) {
+  std::atomic_ref const epoch(cpu.epoch);
+  auto const seen = epoch.load(std::memory_order_acquire);
+  auto now = seen;
+  for (U32 turn = 1; now == seen && (seen & runningLookUps) == 1; ++turn) {
+    turn % 1024 == 0 ? static_cast<void>(::sched_yield()) : _mm_pause();
+    now = epoch.load(std::memory_order_acquire);
   }
+  if ((now & runningLookUps) == 0) return true;
+  return (now & runningLookUps) == 1 && std::atomic_ref(cpu.interleaved).load(std::memory_order_acquire) == 0;
+}
+
+void XdpTcam::awaitGracePeriod() {
+  if (membarrier(MEMBARRIER_CMD_GLOBAL) != 0) throw std::runtime_error("membarrier failed");
+  scalarIs("gracePeriods", gracePeriods_, gracePeriods_ + 1, &Notifiee::onGracePeriods);
+}
+
+// Waits for a moment without a look-up on the CPU. None may come under heavy traffic; but what else is there?
+void XdpTcam::awaitQuiet(TcamCpu& cpu) {
+  while (std::atomic_ref(cpu.epoch).load(std::memory_order_acquire) & runningLookUps) ::sched_yield();
 }
 
 std::optional<std::optional<Held>> XdpTcam::readBack(U32 ti) {
@@ -313,6 +390,24 @@ void XdpTcam::mendSums(U32 sum) {
     for (U32 v = 0; v < rowValues; ++v)
       for (U32 word = sum * 64; word < std::min(words, sum * 64 + 64); ++word)
         if (program_.bits(word, field)[v] == 0) clear(program_.sums(sum, field)[v], U64{1} << word % 64);
+}
+
+void XdpTcam::detach() {
+  program_.detach();
+  scalarIs("attached", attached_, false, &Notifiee::onAttached);
+}
+
+std::string XdpTcam::entriesFrom(U32 ti) const {
+  constexpr U32 mostLines = 256;
+  std::string text;
+  for (U32 lines = 0; ti < program_.positions() && lines < mostLines; ++ti) {
+    U64 const ref = refAt(ti);
+    if (!isSound(ref)) continue;
+    TcamRecord const& r = program_.records()[ref - 1];
+    text += fmt::format("{} {} {} {}\n", ti, r.key, hits(EntryKey(r.key)), Acl::text(ruleOf(r)));
+    ++lines;
+  }
+  return text;
 }
 
 U64 XdpTcam::hits(EntryKey const& key) const {

@@ -11,8 +11,9 @@
 // Ownership: owns the program. References nothing else.
 // Threading: the agent's event loop.
 // Cost: a call sets or clears up to 3,840 bits and waits for the look-ups that run, once. No packet waits.
-// Errors: the constructor throws as XdpProgram does. An entry whose data is no rule, a mark without tc, and
-//   a position beyond the table are refused.
+// Errors: the constructor throws as XdpProgram does, and on a real-time kernel where nothing waits for
+//   look-ups that preempt one another. An entry whose data is no rule, a mark without tc, and a position
+//   beyond the table are refused.
 #pragma once
 
 #include <optional>
@@ -34,6 +35,8 @@ class XdpTcam : public Ostra::Entity, public Driver {
   class Notifiee : public Ostra::NotifieeOf<XdpTcam const> {
    public:
     virtual void onWrites() {}
+    virtual void onGracePeriods() {}
+    virtual void onAttached() {}
   };
 
   XdpTcam(std::string name, XdpOptions const& options);
@@ -45,9 +48,14 @@ class XdpTcam : public Ostra::Entity, public Driver {
   U64 hits(EntryKey const& key) const;
   // Packets that no entry decided.
   U64 undecided(Reason reason) const;
+  // Drains that waited for a grace period, because look-ups of one CPU may interleave.
+  U64 gracePeriods() const { return gracePeriods_; }
   XdpProgram& program() { return program_; }
+  // The entries from that position on, some hundreds at most, a line each: position, key, hits and rule.
+  // Empty when there is none.
+  std::string entriesFrom(U32 ti) const;
   // Nothing filters from then on, and no pin is left.
-  void detach() { program_.detach(); }
+  void detach();
 
   Outcome write(EntryConfig const& entry, U32 ti, U64 token) override;
   Outcome erase(EntryKey const& key, U32 ti, U64 token) override;
@@ -58,7 +66,9 @@ class XdpTcam : public Ostra::Entity, public Driver {
   Ostra::TypeInfo const& typeInfo() const override { return staticType(); }
 
  protected:
-  // Returns when every look-up that runs now has ended. A test overrides it to show what it is for.
+  // For tests of what the machine that they run on is not like.
+  XdpTcam(std::string name, XdpOptions const& options, bool mayInterleave, bool hasGracePeriods);
+  // Returns when every look-up that runs now has ended. Tests override it to show what it is for.
   virtual void drain();
 
  private:
@@ -66,6 +76,13 @@ class XdpTcam : public Ostra::Entity, public Driver {
   U64 fragments() const { return undecided(fragment); }
   U64 malformedPackets() const { return undecided(malformed); }
   U64 otherProtocols() const { return undecided(notIpv4); }
+  U64 arpPackets() const { return undecided(arp); }
+  std::string mode() const { return nameOf(program_.options().hook); }
+  std::string const& interface() const { return program_.options().interface; }
+  std::string otherwise() const { return program_.options().permits ? "permit" : "deny"; }
+  U32 positions() const { return program_.positions(); }
+  U64 memory() const { return program_.memory(); }
+  bool attached() const { return attached_; }
 
   // Where a key is: at one position, or at two while it is moved.
   struct Place {
@@ -86,12 +103,20 @@ class XdpTcam : public Ostra::Entity, public Driver {
   void takeOver();
   void mendRow(U32 word);
   void mendSums(U32 sum);
+  void refuseUnsafe() const;
+  static bool endsInTurn(TcamCpu& cpu);
+  void awaitGracePeriod();
+  static void awaitQuiet(TcamCpu& cpu);
 
+  bool mayInterleave_;  // look-ups of one CPU
+  bool const hasGracePeriods_;
   XdpProgram program_;
   bool const canMark_;
   std::vector<U32> freeSlots_, freeCounters_;
   std::unordered_map<EntryKey, Place> places_;
   U64 writes_ = 0;
+  U64 gracePeriods_ = 0;
+  bool attached_;  // to the interface
 };
 
 }  // namespace Hw

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <set>
 #include <thread>
@@ -53,47 +54,6 @@ class KernelTableTest : public Site {
   }
 };
 
-TEST_F(KernelTableTest, RestartWritesNothing) {
-  start(flags());
-  run(loading(5, 200, {"--size", "4096"}));
-  EXPECT_EQ(hardware("entries"), "200");
-  EXPECT_EQ(hardware("writes"), "200");
-  for (int const signal : {SIGTERM, SIGKILL}) {
-    end(signal);
-    start(flags());
-    EXPECT_EQ(hardware("entries"), "200");
-    EXPECT_EQ(hardware("writes"), "0");
-  }
-}
-
-TEST_F(KernelTableTest, DetachLeavesNothing) {
-  auto const before = pinned();
-  start(flags());
-  end(SIGTERM);
-  EXPECT_TRUE(pinned().contains("link"));
-  Process detach(
-      {program(), "--dir", tables(), "--hw", "xdp:filter,generic", "--hw-pin", pins(), "--hw-detach"},
-      dir / "detach.out", dir / "detach.err");
-  EXPECT_EQ(detach.wait(), 0) << detach.err();
-  EXPECT_EQ(pinned(), before);
-  EXPECT_NE(std::system("ip -d link show filter | grep -q prog/xdp"), 0);
-}
-
-TEST_F(KernelTableTest, WrongOptionsAreNamed) {
-  for (auto const& [option, said] : std::map<std::string, std::string>{
-           {"xdp:", "expected sim, null or xdp:INTERFACE"},
-           {"other", "expected sim, null or xdp:INTERFACE"},
-           {"xdp:filter,fast", "found \"fast\""},
-       }) {
-    Process refused({program(), "--dir", tables(), "--hw", option}, dir / "out", dir / "err");
-    EXPECT_EQ(refused.wait(), 2);
-    EXPECT_THAT(refused.err(), HasSubstr(said));
-  }
-  Process keeps({program(), "--dir", tables(), "--hw", "xdp:filter", "--keep"}, dir / "out", dir / "err");
-  EXPECT_EQ(keeps.wait(), 2);
-  EXPECT_THAT(keeps.err(), HasSubstr("needs --hw-pin"));
-}
-
 // Sends a datagram through the filter and waits for it, again and again; its rule is always in the table.
 class Stream {
  public:
@@ -121,6 +81,19 @@ class Stream {
   U64 received() const { return received_; }
 
   static constexpr U16 port = 2000;
+  // The rule that lets it through; the same as the last one of many.
+  static Acl::Rule rule() {
+    Acl::Rule mine;
+    mine.destination = {0xC0000201, ~U32{0}};
+    mine.protocol = {XdpTest::udp, 0xFF};
+    mine.destinationPort = {port, port};
+    return mine;
+  }
+  static std::vector<Acl::Rule> rules() {
+    std::vector<Acl::Rule> rules = Acl::generateRules(5, 150);
+    rules.push_back(rule());
+    return rules;
+  }
 
  private:
   void run() {
@@ -141,14 +114,105 @@ class Stream {
   std::thread thread_;
 };
 
+TEST_F(KernelTableTest, RestartWritesNothing) {
+  start(flags());
+  run(loading(5, 200, {"--size", "4096"}));
+  EXPECT_EQ(hardware("entries"), "200");
+  EXPECT_EQ(hardware("writes"), "200");
+  for (int const signal : {SIGTERM, SIGKILL}) {
+    end(signal);
+    start(flags());
+    EXPECT_EQ(hardware("entries"), "200");
+    EXPECT_EQ(hardware("writes"), "0");
+  }
+}
+
+TEST_F(KernelTableTest, DetachLeavesNothing) {
+  auto const before = pinned();
+  start(flags());
+  end(SIGTERM);
+  EXPECT_TRUE(pinned().contains("link"));
+  Process detach(
+      {program(), "--dir", tables(), "--hw", "xdp:filter,generic", "--hw-pin", pins(), "--hw-detach"},
+      dir / "detach.out", dir / "detach.err");
+  EXPECT_EQ(detach.wait(), 0) << detach.err();
+  EXPECT_EQ(pinned(), before);
+  EXPECT_NE(std::system("ip -d link show filter | grep -q prog/xdp"), 0);
+}
+
+TEST_F(KernelTableTest, ShowsTableAndHits) {
+  start({"--hw", "xdp:filter,native,default=deny", "--size", "1024"});
+  std::ofstream(dir / "rules", std::ios::binary) << Acl::textOf(Stream::rules());
+  ASSERT_EQ(run({"load", dir / "rules", "--wait", "--size", "1024"}).status, 0);
+  U64 sent = 0;
+  {
+    Stream stream;
+    while (stream.received() < 100) std::this_thread::yield();
+    stream.stop();
+    sent = stream.sent();
+  }
+  auto const shown = nlohmann::json::parse(said({"hw", "show", "--json"}));
+  EXPECT_EQ(shown.at("mode"), "native");
+  EXPECT_EQ(shown.at("interface"), "filter");
+  EXPECT_EQ(shown.at("default"), "deny");
+  EXPECT_EQ(shown.at("positions"), 1024);
+  EXPECT_EQ(shown.at("entries"), Stream::rules().size());
+  EXPECT_GT(shown.at("memory"), 1024 * 600);
+  EXPECT_THAT(said({"hw", "show"}), HasSubstr("interface       filter\nmode            native\n"));
+  std::istringstream lines(said({"hw", "hits", "--json"}));
+  U64 entries = 0, hits = 0, before = 0;
+  std::string key;
+  for (std::string line; std::getline(lines, line); ++entries) {
+    auto const entry = nlohmann::json::parse(line);
+    EXPECT_TRUE(entries == 0 || entry.at("position") > before);
+    before = entry.at("position");
+    hits += entry.at("hits").get<U64>();
+    if (entry.at("rule") != Acl::text(Stream::rule())) continue;
+    EXPECT_EQ(entry.at("hits"), sent);
+    key = entry.at("key").dump();
+  }
+  EXPECT_EQ(entries, Stream::rules().size());
+  EXPECT_EQ(hits, sent);
+  EXPECT_EQ(nlohmann::json::parse(said({"hw", "hits", key, "--json"})).at("hits"), sent);
+  EXPECT_EQ(run({"hw", "hits", "99999999"}).status, 1);
+}
+
+TEST_F(KernelTableTest, CommandDetachesTable) {
+  start(flags());
+  EXPECT_EQ(std::system("ip -d link show filter | grep -q prog/xdp"), 0);
+  EXPECT_EQ(said({"hw", "detach"}), "nothing filters any more");
+  EXPECT_NE(std::system("ip -d link show filter | grep -q prog/xdp"), 0);
+  EXPECT_FALSE(pinned().contains("link"));
+  EXPECT_THAT(said({"hw", "show"}), HasSubstr("filter, detached"));
+}
+
+TEST_F(KernelTableTest, CommandNamesOtherHardware) {
+  start();
+  for (char const* what : {"show", "hits", "detach"}) {
+    Ended const ended = run({"hw", what});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_THAT(ended.err, HasSubstr("drives no table in the kernel"));
+  }
+}
+
+TEST_F(KernelTableTest, WrongOptionsAreNamed) {
+  for (auto const& [option, said] : std::map<std::string, std::string>{
+           {"xdp:", "expected sim, null or xdp:INTERFACE"},
+           {"other", "expected sim, null or xdp:INTERFACE"},
+           {"xdp:filter,fast", "found \"fast\""},
+       }) {
+    Process refused({program(), "--dir", tables(), "--hw", option}, dir / "out", dir / "err");
+    EXPECT_EQ(refused.wait(), 2);
+    EXPECT_THAT(refused.err(), HasSubstr(said));
+  }
+  Process keeps({program(), "--dir", tables(), "--hw", "xdp:filter", "--keep"}, dir / "out", dir / "err");
+  EXPECT_EQ(keeps.wait(), 2);
+  EXPECT_THAT(keeps.err(), HasSubstr("needs --hw-pin"));
+}
+
 TEST_F(KernelTableTest, LosesNoPacketWhileRulesAreEdited) {
   start({"--hw", "xdp:filter,native,default=deny", "--size", "4096"});
-  std::vector<Acl::Rule> rules = Acl::generateRules(5, 150);
-  Acl::Rule mine;
-  mine.destination = {0xC0000201, ~U32{0}};
-  mine.protocol = {XdpTest::udp, 0xFF};
-  mine.destinationPort = {Stream::port, Stream::port};
-  rules.push_back(mine);
+  std::vector<Acl::Rule> rules = Stream::rules();
   auto const load = [&] {
     std::ofstream(dir / "rules", std::ios::binary) << Acl::textOf(rules);
     Ended const ended = run({"load", dir / "rules", "--wait", "--size", "4096"});

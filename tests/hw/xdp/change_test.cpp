@@ -20,13 +20,36 @@ constexpr U32 positions = 4096;
 constexpr U32 inOneCall = 20000;  // packets
 constexpr U32 slow = 500;         // entries that a look-up examines in vain, so that it takes long
 
-// A table that does not wait for look-ups.
-class Hasty : public Hw::XdpTcam {
+// Knows which look-ups ran when a drain began, and that they had ended when it was over.
+class Witness : public Hw::XdpTcam {
  public:
   using XdpTcam::XdpTcam;
+  Witness(std::string name, Hw::XdpOptions const& options, bool mayInterleave, bool hasGracePeriods)
+      : XdpTcam(std::move(name), options, mayInterleave, hasGracePeriods) {}
+  // From now on a look-up that never goes on is there on a CPU that sends, preempted by all others.
+  void preempt() { program().cpus()[preempted_ = 1].epoch += lookUpBegins; }
+  // Look-ups that drains met; those of them that they did not wait for.
+  U64 met = 0, missed = 0;
 
  protected:
-  void drain() override {}
+  void drain() override {
+    auto const before = epochs();
+    XdpTcam::drain();
+    auto const after = epochs();
+    for (std::size_t cpu = 0; cpu < before.size(); ++cpu) {
+      if ((before[cpu] & runningLookUps) <= (cpu == preempted_)) continue;
+      ++met;
+      missed += before[cpu] / (lookUpEnds + 1) == after[cpu] / (lookUpEnds + 1);
+    }
+  }
+
+ private:
+  std::vector<U64> epochs() {
+    std::vector<U64> all;
+    for (TcamCpu& cpu : program().cpus()) all.push_back(std::atomic_ref(cpu.epoch).load());
+    return all;
+  }
+  std::size_t preempted_ = ~std::size_t{0};
 };
 
 void pinTo(U32 cpu) {
@@ -132,6 +155,52 @@ TEST_P(ChangeTest, MovesWithoutWrongVerdict) {
   auto const tcam = make<Hw::XdpTcam>();
   EXPECT_EQ(wrong(*tcam, packets, mover(*tcam)), 0);
   EXPECT_EQ(tcam->hits(EntryKey(1)), sent_);  // the counter moves along
+}
+
+// The look-ups that interleave have the table find out.
+TEST_P(ChangeTest, MovesWhileLookUpsInterleave) {
+  if (std::thread::hardware_concurrency() < 2) GTEST_SKIP() << "one CPU: no edit meets a look-up";
+  auto const tcam = make<Witness>();
+  EXPECT_EQ(tcam->gracePeriods(), 0);
+  tcam->preempt();
+  U64 sent = 0;
+  for (int tries = 0; tries < 20 && (tries == 0 || tcam->met == 0); ++tries, sent += sent_)
+    ASSERT_EQ(wrong(*tcam, packets, mover(*tcam)), 0);
+  EXPECT_EQ(tcam->hits(EntryKey(1)), sent);
+  EXPECT_GT(tcam->gracePeriods(), 2);
+  EXPECT_EQ(tcam->missed, 0);
+  EXPECT_GT(tcam->met, 0);
+}
+
+TEST_P(ChangeTest, WaitsForGracePeriodsOnRealTimeKernel) {
+  Witness tcam("hardware", {.hook = GetParam(), .positions = 64}, true, true);
+  EXPECT_EQ(tcam.write(entryOf(1, wanted(), 5), 5, 1).kind, Done::Done);
+  EXPECT_EQ(tcam.erase(EntryKey(1), 5, 2).kind, Done::Done);
+  EXPECT_EQ(tcam.gracePeriods(), 2);
+}
+
+TEST_P(ChangeTest, RealTimeKernelWithoutGracePeriodsIsRefused) {
+  try {
+    Witness const tcam("hardware", {.hook = GetParam(), .positions = 64}, true, false);
+    ADD_FAILURE();
+  } catch (std::runtime_error const& e) {
+    EXPECT_THAT(e.what(), testing::HasSubstr("may preempt one another on this real-time kernel"));
+  }
+}
+
+TEST_P(ChangeTest, WaitsForQuietWithoutGracePeriods) {
+  Witness tcam("hardware", {.hook = GetParam(), .positions = 64}, false, false);
+  auto& cpu = tcam.program().cpus()[0];
+  cpu.epoch += U64{2} * lookUpBegins;
+  std::atomic<bool> ended = false;
+  std::thread lookUps([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ended = true;
+    std::atomic_ref(cpu.epoch) += U64{2} * lookUpEnds;
+  });
+  EXPECT_EQ(tcam.write(entryOf(1, wanted(), 5), 5, 1).kind, Done::Done);
+  EXPECT_TRUE(ended);
+  lookUps.join();
 }
 
 TEST_P(ChangeTest, LosesVerdictsWithoutDrain) {

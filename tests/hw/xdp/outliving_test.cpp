@@ -2,6 +2,8 @@
 // The table on an interface, in a network namespace of the test's own, and the table that outlives its agent,
 // in a BPF file system of the test's own.
 #include <arpa/inet.h>
+#include <bpf/libbpf.h>
+#include <linux/bpf.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <sys/mman.h>
@@ -9,6 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -74,10 +78,10 @@ class Receiver {
   ~Receiver() { ::close(fd_); }
   Receiver(Receiver const&) = delete;
   Receiver& operator=(Receiver const&) = delete;
-  // Until none comes for a while.
-  int received() const {
+  // Until so many came, or none comes for a while.
+  int received(int atMost = INT_MAX) const {
     int count = 0;
-    for (char buffer[64]; ::recv(fd_, buffer, sizeof buffer, 0) >= 0;) ++count;
+    for (char buffer[64]; count < atMost && ::recv(fd_, buffer, sizeof buffer, 0) >= 0;) ++count;
     return count;
   }
 
@@ -151,15 +155,127 @@ TEST_P(InterfaceTest, FiltersOnWhenTheAgentIsGone) {
   });
 }
 
-TEST_F(KillTest, PinnedTableStaysAtItsInterface) {
+// One of the packets' ports has an entry that permits it, the other one the default verdict: the program's
+// absence would let that through, an empty table would hold the other back.
+TEST_P(InterfaceTest, ReplacesProgramUnderPackets) {
   alone([] {
     makeCable();
     TestSupport::TempDir const dir;
     ASSERT_EQ(::mount("bpf", dir.path().c_str(), "bpf", 0, nullptr), 0) << std::strerror(errno);
-    XdpOptions options{.interface = "filter", .positions = 64, .pins = dir.path()};
+    XdpOptions const options{
+        .interface = "filter", .hook = GetParam(), .positions = 64, .permits = false, .pins = dir.path()};
+    auto tcam = std::make_unique<XdpTcam>("hardware", options);
+    tcam->write(entryOf(1, toPort(2000, Acl::ActionKind::Permit), 9), 9, 1);
+    Receiver const wanted(2000), unwanted(2001);
+    std::atomic<bool> stop = false;
+    std::atomic<int> sent = 0, received = 0;
+    std::thread sender([&] {
+      while (!stop) {
+        send(datagram(2000), 20);
+        send(datagram(2001), 20);
+        sent += 20;
+        received += wanted.received(20);
+      }
+    });
+    int generations = 0;
+    while (sent < 4000 || generations < 20) {
+      tcam = nullptr;
+      tcam = std::make_unique<XdpTcam>("hardware", options);
+      EXPECT_EQ(tcam->entries(), 1);
+      ++generations;
+    }
+    stop = true;
+    sender.join();
+    EXPECT_EQ(received, sent);
+    EXPECT_EQ(unwanted.received(), 0);
+    EXPECT_EQ(tcam->hits(EntryKey(1)), sent);
+    EXPECT_EQ(tcam->undecided(noEntryMatches), sent);
+    tcam->detach();
+  });
+}
+
+TEST_P(InterfaceTest, PinnedTableStaysAtItsHook) {
+  alone([] {
+    makeCable();
+    TestSupport::TempDir const dir;
+    ASSERT_EQ(::mount("bpf", dir.path().c_str(), "bpf", 0, nullptr), 0) << std::strerror(errno);
+    XdpOptions options{.interface = "filter", .hook = GetParam(), .positions = 64, .pins = dir.path()};
     { XdpTcam const tcam("hardware", options); }
+    std::map<XdpHook, std::string> const names = {
+        {XdpHook::Driver, "native"}, {XdpHook::Stack, "generic"}, {XdpHook::Tc, "tc"}};
+    for (auto const& [hook, name] : names) {
+      options.hook = hook;
+      if (hook == GetParam()) {
+        EXPECT_NO_THROW(XdpTcam("hardware", options));
+        continue;
+      }
+      try {
+        XdpTcam const tcam("hardware", options);
+        ADD_FAILURE() << name;
+      } catch (std::runtime_error const& e) {
+        EXPECT_EQ(e.what(), dir.path() + ": its table is attached as " + names.at(GetParam()) + ", not as " +
+                                name + "; detach it first");
+      }
+    }
+    options.hook = GetParam();
     options.interface = "sender";
     EXPECT_THROW(XdpTcam("hardware", options), std::runtime_error);
+  });
+}
+
+// A filter that accepts all, where the table's would be.
+void attachTheirs() {
+  bpf_insn accept[2] = {};
+  accept[0].code = BPF_ALU64 | BPF_MOV | BPF_K;
+  accept[1].code = BPF_JMP | BPF_EXIT;
+  bpf_tc_hook hook = {};
+  hook.sz = sizeof hook;
+  hook.ifindex = static_cast<int>(::if_nametoindex("filter"));
+  hook.attach_point = BPF_TC_INGRESS;
+  bpf_tc_opts theirs = {};
+  theirs.sz = sizeof theirs;
+  theirs.handle = theirs.priority = 1;
+  theirs.prog_fd = bpf_prog_load(BPF_PROG_TYPE_SCHED_CLS, "theirs", "GPL", accept, 2, nullptr);
+  ASSERT_GE(theirs.prog_fd, 0);
+  ASSERT_EQ(bpf_tc_hook_create(&hook), 0);
+  ASSERT_EQ(bpf_tc_attach(&hook, &theirs), 0);
+  ::close(theirs.prog_fd);
+}
+
+std::string thrownBy(std::function<void()> const& body) {
+  try {
+    body();
+    return "";
+  } catch (std::runtime_error const& e) {
+    return e.what();
+  }
+}
+
+TEST_F(KillTest, FilterOfSomebodyElseStays) {
+  alone([] {
+    makeCable();
+    attachTheirs();
+    XdpOptions const options{.interface = "filter", .hook = XdpHook::Tc, .positions = 64};
+    std::string const said = "filter: somebody else's filter has priority 1 at tc ingress";
+    EXPECT_EQ(thrownBy([&] { XdpTcam("hardware", options); }), said);
+    EXPECT_EQ(thrownBy([&] { Hw::XdpProgram::detach(options); }), said);
+    command("tc filter show dev filter ingress | grep -q theirs");
+    command("tc filter del dev filter ingress");
+    EXPECT_NO_THROW(XdpTcam("hardware", options));
+  });
+}
+
+// A hook that an attempt failed at is not the table's.
+TEST_F(KillTest, FailedAttachmentIsForgotten) {
+  alone([] {
+    makeCable();
+    attachTheirs();
+    TestSupport::TempDir const dir;
+    ASSERT_EQ(::mount("bpf", dir.path().c_str(), "bpf", 0, nullptr), 0) << std::strerror(errno);
+    XdpOptions options{.interface = "filter", .hook = XdpHook::Tc, .positions = 64, .pins = dir.path()};
+    EXPECT_THROW(XdpTcam("hardware", options), std::runtime_error);
+    options.hook = XdpHook::Driver;
+    EXPECT_NO_THROW(XdpTcam("hardware", options));
   });
 }
 
