@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <bpf/libbpf.h>
 #include <linux/bpf.h>
+#include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <sys/mman.h>
@@ -11,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <csignal>
@@ -19,6 +21,7 @@
 #include <functional>
 #include <map>
 #include <random>
+#include <set>
 #include <thread>
 
 #include "tests/apps/acl/random_rules.h"
@@ -53,16 +56,31 @@ void makeCable() {
 
 Bytes datagram(U16 port) { return withChecksum(frame({0xC0000209, 0xC0000201, 1000, port, 0, udp})); }
 
-void send(Bytes const& frame, int times) {
-  int const out = ::socket(AF_PACKET, SOCK_RAW, 0);
-  sockaddr_ll to = {};
-  to.sll_family = AF_PACKET;
-  to.sll_ifindex = static_cast<int>(::if_nametoindex("sender"));
-  for (int i = 0; i < times; ++i)
-    ASSERT_EQ(::sendto(out, frame.data(), frame.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to),
+// The near end. Closing such a socket takes the kernel milliseconds.
+class Sender {
+ public:
+  Sender() {
+    to_.sll_family = AF_PACKET;
+    to_.sll_ifindex = static_cast<int>(::if_nametoindex("sender"));
+  }
+  ~Sender() { ::close(out_); }
+  Sender(Sender const&) = delete;
+  Sender& operator=(Sender const&) = delete;
+  void send(Bytes const& frame) const {
+    auto const* const to = reinterpret_cast<sockaddr const*>(&to_);
+    ASSERT_EQ(::sendto(out_, frame.data(), frame.size(), 0, to, sizeof to_),
               static_cast<ssize_t>(frame.size()))
         << std::strerror(errno);
-  ::close(out);
+  }
+
+ private:
+  int const out_ = ::socket(AF_PACKET, SOCK_RAW, 0);
+  sockaddr_ll to_ = {};
+};
+
+void send(Bytes const& frame, int times) {
+  Sender const sender;
+  for (int i = 0; i < times; ++i) sender.send(frame);
 }
 
 class Receiver {
@@ -98,6 +116,7 @@ Acl::Rule toPort(U16 port, Acl::ActionKind action) {
 }
 
 class InterfaceTest : public TableTest {};
+class CableTest : public TableTest {};  // who taps an interface sees packets before tc does: XDP only
 class KillTest : public TableTest {};
 
 TEST_P(InterfaceTest, DeliversWhatEntriesPermit) {
@@ -152,6 +171,69 @@ TEST_P(InterfaceTest, FiltersOnWhenTheAgentIsGone) {
     next.detach();
     send(datagram(2001), 50);
     EXPECT_EQ(unwanted.received(), 50);
+  });
+}
+
+// What comes through to the interface, seen behind XDP. Frames are known by their source address.
+class Tap {
+ public:
+  Tap() {
+    sockaddr_ll at = {};
+    at.sll_family = AF_PACKET;
+    at.sll_protocol = htons(ETH_P_IP);
+    at.sll_ifindex = static_cast<int>(::if_nametoindex("filter"));
+    EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&at), sizeof at), 0) << std::strerror(errno);
+    timeval const patience{0, 100'000};
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  }
+  ~Tap() { ::close(fd_); }
+  Tap(Tap const&) = delete;
+  Tap& operator=(Tap const&) = delete;
+  static constexpr U8 sign = 0x06;  // first byte of the address; the last two are the number
+  // The numbers that came, until none comes for a while.
+  std::set<U32> came() const {
+    std::set<U32> numbers;
+    U8 got[2048];
+    while (::recv(fd_, got, sizeof got, 0) > 14)
+      if (got[6] == sign) numbers.insert(U32{got[10]} << 8 | got[11]);
+    return numbers;
+  }
+
+ private:
+  int const fd_ = ::socket(AF_PACKET, SOCK_RAW, 0);  // of no protocol until it is bound
+};
+
+TEST_P(CableTest, DecidesHeadersAsLinearOne) {
+  alone([] {
+    makeCable();
+    std::mt19937_64 random(5);
+    std::vector<Acl::Rule> rules(300);
+    for (Acl::Rule& rule : rules) {
+      rule = Acl::randomRule(random, 2);
+      rule.action = {random() % 2 ? Acl::ActionKind::Permit : Acl::ActionKind::Deny, 0};
+    }
+    XdpTcam tcam("hardware", {.interface = "filter", .hook = GetParam(), .positions = 300, .permits = false});
+    for (U32 ti = 0; ti < rules.size(); ++ti)
+      ASSERT_EQ(tcam.write(entryOf(ti + 1, rules[ti], ti), ti, 1).kind, Kind::Done);
+    Tap const tap;
+    Sender const sender;
+    U64 passed = 0, dropped = 0;
+    for (U32 batch = 0; batch < 64; ++batch) {
+      std::set<U32> wanted;
+      for (U32 number = 0; number < 128; ++number) {
+        Header const h = headerAround(rules[random() % rules.size()], random);
+        auto const first = std::ranges::find_if(rules, [&h](auto const& rule) { return matches(rule, h); });
+        bool const passes = first != rules.end() && first->action.kind == Acl::ActionKind::Permit;
+        if (passes) wanted.insert(number);
+        ++(passes ? passed : dropped);
+        Bytes bytes = frame(h);
+        bytes[6] = Tap::sign, bytes[10] = 0, bytes[11] = static_cast<U8>(number);
+        sender.send(bytes);
+      }
+      ASSERT_EQ(tap.came(), wanted) << "batch " << batch;
+    }
+    EXPECT_GT(passed, 1000);
+    EXPECT_GT(dropped, 1000);
   });
 }
 
@@ -278,6 +360,9 @@ TEST_F(KillTest, FailedAttachmentIsForgotten) {
     EXPECT_NO_THROW(XdpTcam("hardware", options));
   });
 }
+
+INSTANTIATE_TEST_SUITE_P(Modes, CableTest, testing::Values(XdpHook::Driver, XdpHook::Stack),
+                         [](auto const& p) { return p.param == XdpHook::Stack ? "Stack" : "Driver"; });
 
 INSTANTIATE_TEST_SUITE_P(Hooks, InterfaceTest, testing::Values(XdpHook::Driver, XdpHook::Stack, XdpHook::Tc),
                          [](auto const& p) {
