@@ -2,6 +2,7 @@
 // One edit of a table under traffic, done twice. Rules a, b, c and d are for one host each, and e is for all
 // others; the first match from the left decides. Rule x comes before them, so that each moves to the right.
 // After every write to the row a packet of each kind is looked up.
+#include <algorithm>
 #include <iomanip>
 #include <iostream>
 #include <sstream>
