@@ -274,7 +274,7 @@ std::string chainText(Facts const& f) {
   if (!f.breaksMixedRings)
     return text +
            ": a ring that nobody breaks: breakMixedRings is not set. vantrel attr set engine "
-           "breakMixedRings true, or write one of these entries anew";
+           "breakMixedRings true, from the next change on, or write one of these entries anew";
   return text + ": a ring; if it lasts, its claims contradict each other: write one of these entries anew";
 }
 
