@@ -36,11 +36,13 @@ namespace {
 
 constexpr char const* maps[] = {"bits", "sums", "refs", "records", "hits", "cpus", "shape"};
 
+// EACCES is what the kernel says of a program that only CAP_PERFMON lets pass.
 [[noreturn]] void fail(std::string const& what, int error) {
   error = std::abs(error);
+  bool const isForbidden = error == EPERM || error == EACCES;
   throw std::runtime_error(
       fmt::format("{}: {}{}", what, std::strerror(error),
-                  error == EPERM ? "; the capabilities CAP_BPF and CAP_NET_ADMIN are needed" : ""));
+                  isForbidden ? "; the capabilities CAP_BPF, CAP_PERFMON and CAP_NET_ADMIN are needed" : ""));
 }
 
 // libbpf would print; what failed is thrown instead.

@@ -195,6 +195,23 @@ TEST_F(KernelTableTest, CommandNamesOtherHardware) {
   }
 }
 
+TEST_F(KernelTableTest, NeedsThreeCapabilities) {
+  auto const begin = [&](std::string const& capabilities) {
+    return Process({"/usr/bin/setpriv", "--bounding-set", "-all," + capabilities, program(), "--dir",
+                    tables(), "--hw", "xdp:filter,generic"},
+                   dir / "out", dir / "err");
+  };
+  Process serves = begin("+bpf,+perfmon,+net_admin");
+  awaitReady(serves);
+  serves.signal(SIGTERM);
+  EXPECT_EQ(serves.wait(), 0) << serves.err();
+  for (char const* few : {"+perfmon,+net_admin", "+bpf,+net_admin", "+bpf,+perfmon"}) {
+    Process refused = begin(few);
+    EXPECT_EQ(refused.wait(), 1) << few;
+    EXPECT_THAT(refused.err(), HasSubstr("CAP_BPF, CAP_PERFMON and CAP_NET_ADMIN are needed")) << few;
+  }
+}
+
 TEST_F(KernelTableTest, WrongOptionsAreNamed) {
   for (auto const& [option, said] : std::map<std::string, std::string>{
            {"xdp:", "expected sim, null or xdp:INTERFACE"},
