@@ -252,10 +252,17 @@ void Agent::serve() {
       if (config_->mounted() && !frontEnd_) throw;  // the first walk failed: the table would stay unwatched
       err_.provoked("{}", e.what());
     }
-    metrics_->look();
-    sayDamage();
-    if (Ostra::now() - polledAt_ >= pollPeriod) poll();
+    lookAround();
   }
+}
+
+// What it finds wrong is no reason to end.
+void Agent::lookAround() try {
+  if (metrics_) metrics_->look();
+  sayDamage();
+  if (Ostra::now() - polledAt_ >= pollPeriod) poll();
+} catch (std::exception const& e) {
+  err_.provoked("{}", e.what());
 }
 
 void Agent::betweenKeys() {
@@ -272,16 +279,13 @@ void Agent::serveOthers() {
   bool const withdrawing = progress_->state() == "withdrawing";
   if (withdrawing) progress_->leftIs(status_->size());
   hardware_.dispatch();
-  if (metrics_) {
-    metrics_->sliced();
-    metrics_->look();
-  }
   try {
     publisher_->dispatchReadOnly();
   } catch (std::exception const& e) {
     err_.provoked("{}", e.what());
   }
-  if (Ostra::now() - polledAt_ >= pollPeriod) poll();
+  if (metrics_) metrics_->sliced();
+  lookAround();
   servedAt_ = Ostra::now();
   if (stop_.asked() && !withdrawing) throw Stop();
 }

@@ -75,6 +75,7 @@ class Agent final : private Vantrel::VantrelImpl::Yield {
   void handOverUnwanted();
   void finishHardware();
   void whenReadable(int fd, std::function<void()> dispatch);
+  void lookAround();
   void poll();
   void sayReady();
   void sayConfigProblem();

@@ -9,6 +9,7 @@
 
 #include "ostra/exception.h"
 #include "ostra/type_info.h"
+#include "pallo/exception.h"
 
 namespace Vantreld {
 namespace {
@@ -35,10 +36,20 @@ void Waiting::look(Vantrel::FastVantrelImpl const& engine, Vantrel::TableConfig 
   }
   U64 const now = static_cast<U64>(std::time(nullptr));
   for (std::size_t i = 0; i < slice; ++i) {
-    last_ = last_ ? wanted.next(*last_) : wanted.first();
+    last_ = step(wanted);
     if (!last_) return endPass();
     lookAt(engine, last_->key, now);
   }
+}
+
+// A damaged index is said at the end of a walk, when all that is intact was visited: once, not in each pass.
+std::optional<Vantrel::TableConfig::Place> Waiting::step(Vantrel::TableConfig const& wanted) try {
+  return last_ ? wanted.next(*last_) : wanted.first();
+} catch (Pallo::CorruptionDetectedException const& damage) {
+  bool const isNew = damage_ != damage.what();
+  damage_ = damage.what();
+  if (isNew) wanted.corruptionDetected(damage_);
+  return std::nullopt;
 }
 
 void Waiting::lookAt(Vantrel::FastVantrelImpl const& engine, Vantrel::EntryKey key, U64 now) {
