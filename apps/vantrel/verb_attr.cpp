@@ -165,6 +165,7 @@ constexpr Danger dangers[] = {
     {"delAck", "makes the producer believe that a delete was done"},
     {"delStatus", "makes the producer believe that an entry was never programmed"},
     {"noopAck", "makes the producer believe that a version is in hardware"},
+    {"detach", "takes the table off the interface: nothing filters any more"},
     {"failedKeyDelAll", "makes the agent forget which keys it has to try again"},
 };
 

@@ -22,6 +22,7 @@ struct Request {
   std::string dir;
   std::optional<U64> key;
   bool json = false;
+  bool yes = false;
 };
 
 // The agent's table in the kernel. The constructor throws when it has none.
@@ -115,6 +116,8 @@ void hits(Request const& request) {
 }
 
 void detach(Request const& request) {
+  if (!request.yes)
+    throw std::runtime_error("detach lets every packet pass from then on: give --yes if that is wanted");
   KernelTable table(request.dir);
   table.invoke("detach", Json::array());
   if (request.json)
@@ -141,7 +144,7 @@ void addHw(CLI::App& app) {
   hw.footer(
       "Examples:\n  vantrel hw show --dir /run/vantrel\n"
       "  vantrel hw hits 7 --dir /run/vantrel\n"
-      "  vantrel hw detach --dir /run/vantrel");
+      "  vantrel hw detach --dir /run/vantrel --yes");
   addAction(hw, request, "show", "Where it is, how large, and what packets no entry decided", &show);
   CLI::App& hitting = addAction(hw, request, "hits", "Packets that each entry decided, by position", &hits);
   hitting.add_option_function<std::string>(
@@ -150,7 +153,8 @@ void addHw(CLI::App& app) {
         request->key = numberOf("KEY", text, std::numeric_limits<U64>::max());
       },
       "That entry only");
-  addAction(hw, request, "detach", "Takes it off the interface: nothing filters any more", &detach);
+  addAction(hw, request, "detach", "Takes it off the interface: nothing filters any more", &detach)
+      .add_flag("--yes", request->yes, "It is wanted that nothing filters");
 }
 
 }  // namespace VantrelCommand

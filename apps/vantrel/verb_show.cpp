@@ -3,10 +3,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "apps/vantrel/command.h"
@@ -40,6 +43,7 @@ class Agent {
   Json attribute(char const* entity, char const* name) {
     return answer({{"verb", "read"}, {"entity", entity}, {"attribute", name}}).value("value", Json());
   }
+  // Of all lines of the answer.
   Json members(char const* entity, char const* name) {
     return answer({{"verb", "read"}, {"entity", entity}, {"attribute", name}})
         .value("members", Json::array());
@@ -47,12 +51,18 @@ class Agent {
 
  private:
   Json answer(Json const& request) try {
-    Json first;
+    Json whole;
     asker_.ask(request.dump(), [&](std::string_view line) {
-      if (first.is_null()) first = Json::parse(line);
+      Json part = Json::parse(line);
+      if (whole.is_null())
+        whole = std::move(part);
+      else if (part.contains("members"))
+        for (Json& member : part["members"]) whole["members"].push_back(std::move(member));
     });
-    return first;
+    return whole;
   } catch (Ostra::AgentGone const&) {
+    throw;
+  } catch (Ostra::AgentLate const&) {
     throw;
   } catch (std::runtime_error const&) {  // it does not have that
     return Json::object();
@@ -78,6 +88,7 @@ struct Health {
         refusedRecords(a.members("configTable", "refused")),
         overdue(a.members("waiting", "overdue")),
         retrying(a.members("frontEnd", "failedKey")) {
+    if (number(executor, "behind") != 0) isStuck_ = hasStopped(a);
     complain();
   }
 
@@ -93,10 +104,23 @@ struct Health {
   }
 
  private:
+  bool isStuck_ = false;
+
   void complainAbout(U64 n, char const* one, char const* many) {
     if (n != 0) complaints.push_back(n == 1 ? fmt::format("1 {}", one) : fmt::format("{} {}", n, many));
   }
+  // Whether the hardware, which has calls to do, does none for a second.
+  bool hasStopped(Agent& a) {
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    Json const before = std::exchange(hardware, a.values("hardware"));
+    executor = a.values("executor");
+    return number(executor, "behind") != 0 && number(hardware, "writes") == number(before, "writes");
+  }
   void complain() {
+    if (isStuck_)
+      complaints.push_back(
+          fmt::format("the hardware does not answer, {} calls behind", number(executor, "behind")));
+    if (!hardware.value("attached", true)) complaints.push_back("the table in the kernel is detached");
     if (text(agent, "state") != "serving") complaints.push_back("the agent is " + text(agent, "state"));
     for (Json const* table : {&config, &status})
       if (std::string const problem = text(*table, "problem"); !problem.empty())

@@ -60,7 +60,7 @@ class Waiting : public Ostra::Entity {
   Log& err_;
   U32 warnAfter_ = 60;
   std::optional<Vantrel::TableConfig::Place> last_;  // that the pass met; none: it begins
-  std::string damage_;  // of the table, that was said last
+  std::string damage_;                               // of the table, that was said last
   // Of the pass that is under way, and of the last complete one.
   U64 oldestMet_ = 0, oldest_ = 0;
   U64 overdueCount_ = 0;

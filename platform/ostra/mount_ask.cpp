@@ -89,7 +89,7 @@ void Asker::Connection::await(double atMost) {
   short const events = socket.sending() ? POLLIN | POLLOUT : POLLIN;
   pollfd p{socket.fd(), events, 0};
   if (::poll(&p, 1, atMost < 0 ? -1 : static_cast<int>(atMost * 1000)) == 0)
-    throw std::runtime_error(fmt::format("the agent at {} did not answer within {} seconds", path, atMost));
+    throw AgentLate(fmt::format("the agent at {} did not answer within {} seconds", path, atMost));
 }
 
 }  // namespace Ostra

@@ -6,8 +6,9 @@
 //   agent.ask(R"({"verb":"read","entity":"engine"})", [](std::string_view answer) { ... });
 //
 // Threading: one thread; waits.
-// Errors: AgentGone when the agent goes away; std::runtime_error when it cannot be reached, takes longer than
-//   `seconds` between two lines, or answers with an error line, whose text is the exception's.
+// Errors: AgentGone when the agent goes away; AgentLate when it takes longer than `seconds` between two
+//   lines; std::runtime_error when it cannot be reached, or answers with an error line, whose text is the
+//   exception's. Behind AgentLate the answer may still come: ask no more there.
 #pragma once
 
 #include <functional>
@@ -21,6 +22,11 @@
 namespace Ostra {
 
 class VANTREL_API AgentGone : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+class VANTREL_API AgentLate : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };

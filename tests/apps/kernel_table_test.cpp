@@ -180,7 +180,9 @@ TEST_F(KernelTableTest, ShowsTableAndHits) {
 TEST_F(KernelTableTest, CommandDetachesTable) {
   start(flags());
   EXPECT_EQ(std::system("ip -d link show filter | grep -q prog/xdp"), 0);
-  EXPECT_EQ(said({"hw", "detach"}), "nothing filters any more");
+  EXPECT_THAT(run({"hw", "detach"}).err, HasSubstr("give --yes"));
+  EXPECT_EQ(said({"hw", "detach", "--yes"}), "nothing filters any more");
+  EXPECT_THAT(run({"show"}).out, HasSubstr("NOT HEALTHY: the table in the kernel is detached"));
   EXPECT_NE(std::system("ip -d link show filter | grep -q prog/xdp"), 0);
   EXPECT_FALSE(pinned().contains("link"));
   EXPECT_THAT(said({"hw", "show"}), HasSubstr("filter, detached"));
@@ -189,7 +191,9 @@ TEST_F(KernelTableTest, CommandDetachesTable) {
 TEST_F(KernelTableTest, CommandNamesOtherHardware) {
   start();
   for (char const* what : {"show", "hits", "detach"}) {
-    Ended const ended = run({"hw", what});
+    std::vector<std::string> words{"hw", what};
+    if (words.back() == "detach") words.emplace_back("--yes");
+    Ended const ended = run(words);
     EXPECT_EQ(ended.status, 1);
     EXPECT_THAT(ended.err, HasSubstr("drives no table in the kernel"));
   }

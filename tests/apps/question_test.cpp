@@ -221,7 +221,7 @@ TEST_F(QuestionTest, WhyKnowsALineOfAFile) {
   std::ofstream(file) << "# mine\n" << Acl::textOf(rules);
   ASSERT_EQ(0, run({"load", file, "--wait"}).status);
   json const why = json::parse(said({"why", file + ":11", "--json"}));
-  EXPECT_EQ(Acl::text(rules[9]), why["rule"]);
+  EXPECT_EQ(Acl::text(rules[9]), why["rule"].get<std::string>());
   expectRefused({"why", file + ":1"}, file + " has no rule in line 1");
   expectRefused({"why", "nonsense"}, "\"nonsense\" names no entry: expected a key, line:N, FILE:N");
 }
@@ -314,6 +314,24 @@ TEST_F(QuestionTest, ShowExitsWithOneWhenUnhealthy) {
   EXPECT_EQ(1, show.status);
   EXPECT_THAT(show.out, StartsWith("health        NOT HEALTHY: 1 entry is refused by the hardware\n"));
   EXPECT_THAT(show.out, HasSubstr("\n  key 7 "));
+}
+
+TEST_F(QuestionTest, ShowNamesHardwareThatDoesNotAnswer) {
+  start({"--size", "64", "--sim-dies-at", "1"});
+  ASSERT_EQ(0, run({"put", "--key", "7", "--pg", "0", "--prio", "1", "--ti", "7"}).status);
+  ASSERT_TRUE(eventually([this] { return said({"attr", "get", "executor", "behind"}) != "0"; }));
+  Ended const show = run({"show"});
+  EXPECT_EQ(1, show.status);
+  EXPECT_THAT(show.out, HasSubstr("NOT HEALTHY: the hardware does not answer, "));
+  end(SIGKILL);
+}
+
+TEST_F(QuestionTest, ShowCountsEachRefusedEntry) {
+  start({"--size", "1024", "--sim-refused", "1"});
+  ASSERT_NE(-1, run(loading(1, 300)).status);
+  ASSERT_TRUE(eventually([this] {
+    return run({"show"}).out.find("refused       300 by the hardware") != std::string::npos;
+  })) << run({"show"}).out;
 }
 
 TEST_F(QuestionTest, WhatWaitsTooLongIsNamedOnce) {
