@@ -4,19 +4,26 @@
 _vantrel_words() {
   # The verbs, or the flags with two dashes, of a help text.
   if [[ $1 == verbs ]]; then
-    awk '/^Subcommands:/ { on = 1; next } on && /^  [a-z]/ { print $1 }'
+    awk '/^Subcommands:/ { on = 1; next } /^$/ { on = 0 } on && /^  [a-z]/ { print $1 }'
   else
     grep -oE '^  (-[a-zA-Z],)?--[a-z-]+' | grep -oE -- '--[a-z-]+'
   fi
 }
 _vantrel() {
-  local program=${COMP_WORDS[0]} word=${COMP_WORDS[COMP_CWORD]} verb= candidates=
+  local program=${COMP_WORDS[0]} word=${COMP_WORDS[COMP_CWORD]} candidates=
   COMPREPLY=()
-  ((COMP_CWORD > 1)) && [[ ${COMP_WORDS[1]} != -* ]] && verb=${COMP_WORDS[1]}
+  local -a path=()  # the verb, and its action if it has any
+  local at help
+  help=$("$program" --help 2>/dev/null)
+  for ((at = 1; at < COMP_CWORD && at < 3; ++at)); do
+    _vantrel_words verbs <<<"$help" | grep -qx -- "${COMP_WORDS[at]}" || break
+    path+=("${COMP_WORDS[at]}")
+    help=$("$program" "${path[@]}" --help 2>/dev/null)
+  done
   if [[ $word == -* ]]; then
-    candidates=$("$program" ${verb:+"$verb"} --help 2>/dev/null | _vantrel_words flags)
-  elif ((COMP_CWORD == 1)); then
-    candidates=$("$program" --help 2>/dev/null | _vantrel_words verbs)
+    candidates=$(_vantrel_words flags <<<"$help")
+  elif ((COMP_CWORD == ${#path[@]} + 1)); then
+    candidates=$(_vantrel_words verbs <<<"$help")
   fi
   if [[ -n $candidates ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$candidates" -- "$word")
