@@ -86,14 +86,31 @@ U32 tableAtTc(std::string const& interface) {
   throw std::runtime_error(interface + ": somebody else's filter has priority 1 at tc ingress");
 }
 
-void detachTc(std::string const& interface) {
-  if (tableAtTc(interface) == 0) return;
+// 0, or the error.
+int detachTc(std::string const& interface) {
+  if (tableAtTc(interface) == 0) return 0;
   bpf_tc_hook const hook = ingressOf(::if_nametoindex(interface.c_str()));
   bpf_tc_opts const filter = ourFilter();
-  bpf_tc_detach(&hook, &filter);
+  return bpf_tc_detach(&hook, &filter);
+}
+
+void removePin(std::string const& pin) {
+  if (::unlink(pin.c_str()) != 0 && errno != ENOENT) fail(pin, errno);
 }
 
 U32 numberOf(XdpHook hook) { return static_cast<U32>(hook) + 1; }
+
+// Whether the table that is pinned there is attached at tc.
+bool isPinnedAtTc(std::string const& pins) {
+  if (pins.empty()) return false;
+  int const fd = bpf_obj_get((pins + "/shape").c_str());
+  if (fd < 0) return false;
+  U32 const first = 0;
+  TcamShape shape = {};
+  bool const isRead = bpf_map_lookup_elem(fd, &first, &shape) == 0;
+  ::close(fd);
+  return isRead && shape.hook == numberOf(XdpHook::Tc);
+}
 
 U64 wordsFor(U64 things) { return (things + 63) / 64; }
 
@@ -174,8 +191,11 @@ void XdpProgram::size(char const* name, U64 entries) {
 }
 
 void XdpProgram::load() {
-  if (int const error = bpf_object__load(object_.get()); error == -EINVAL && !options_.pins.empty())
+  bool const isPinned = !options_.pins.empty() && ::access(pin("shape").c_str(), F_OK) == 0;
+  if (int const error = bpf_object__load(object_.get()); error == -EINVAL && isPinned)
     throw std::runtime_error(options_.pins + ": holds a table of another shape; detach it first");
+  else if (error == -EINVAL)
+    throw std::runtime_error("the kernel does not take the table's program: it must be 5.17 or later");
   else if (error)
     fail("the table's program cannot be loaded", error);
   char const* const name = options_.hook == XdpHook::Tc ? tcProgram : "atXdp";
@@ -276,15 +296,19 @@ void XdpProgram::detach() {
 }
 
 void XdpProgram::detach(XdpOptions const& options) {
-  if (options.hook == XdpHook::Tc && !options.interface.empty()) detachTc(options.interface);
+  bool const isAtTc = options.hook == XdpHook::Tc || isPinnedAtTc(options.pins);
+  if (isAtTc && !options.interface.empty())
+    if (int const error = detachTc(options.interface)) fail("the filter at " + options.interface, error);
   if (options.pins.empty()) return;
   std::string const link = options.pins + "/link";
   if (int const fd = bpf_obj_get(link.c_str()); fd >= 0) {
     bpf_link_detach(fd);  // now, not when the last reference is gone
     ::close(fd);
+  } else if (errno != ENOENT) {
+    fail(link, errno);
   }
-  ::unlink(link.c_str());
-  for (char const* name : maps) ::unlink((options.pins + '/' + name).c_str());
+  removePin(link);
+  for (char const* name : maps) removePin(options.pins + '/' + name);
 }
 
 }  // namespace Hw

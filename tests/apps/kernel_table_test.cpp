@@ -216,6 +216,24 @@ TEST_F(KernelTableTest, NeedsThreeCapabilities) {
   }
 }
 
+TEST_F(KernelTableTest, DetachFindsTheHookByItself) {
+  start({"--hw", "xdp:filter,tc", "--size", "64", "--hw-pin", pins(), "--keep"});
+  end(SIGTERM);
+  EXPECT_EQ(std::system("tc filter show dev filter ingress | grep -q atTc"), 0);
+  auto const detach = [&](std::vector<std::string> argv) {
+    argv.insert(argv.end(),
+                {program(), "--dir", tables(), "--hw", "xdp:filter", "--hw-pin", pins(), "--hw-detach"});
+    return Process(argv, dir / "out", dir / "err");
+  };
+  Process refused = detach({"/usr/bin/setpriv", "--bounding-set", "-all"});
+  EXPECT_EQ(refused.wait(), 1) << "without the right to do so: " << refused.out();
+  EXPECT_TRUE(pinned().contains("shape"));
+  Process done = detach({});
+  EXPECT_EQ(done.wait(), 0) << done.err();
+  EXPECT_FALSE(pinned().contains("shape"));
+  EXPECT_NE(std::system("tc filter show dev filter ingress | grep -q atTc"), 0);
+}
+
 TEST_F(KernelTableTest, WrongOptionsAreNamed) {
   for (auto const& [option, said] : std::map<std::string, std::string>{
            {"xdp:", "expected sim, null or xdp:INTERFACE"},
