@@ -301,7 +301,14 @@ void Planner::load(std::span<Match const> wanted) {
     levelOf[slot] = levels;
     index_.add(slot, wanted[i]);
   }
-  if (levels >= settings_.greatest) throw WindowFull("the list needs more priority numbers than there are");
+  if (levels >= settings_.greatest) {
+    for (U32 const slot : slots) {
+      ranks_.remove(slot);
+      index_.remove(slot);
+      unused_.push_back(slot);
+    }
+    throw WindowFull("the list needs more priority numbers than there are");
+  }
   for (std::size_t i = 0; i < slots.size(); ++i) {
     U64 const priority = U64{levelOf[slots[i]]} * (U64{settings_.greatest} + 1) / (U64{levels} + 1);
     U64 const place = U64{i} * row_.places().size() / wanted.size();

@@ -46,8 +46,9 @@
 // Threading: one thread.
 // Cost: of an edit without a chain, the search for overlaps and a visit to each of them. A chain looks at
 //   each level once at most, at `candidates` rules of each.
-// Errors: WindowFull, and the list is what it was, when an edit needs a free place and there is none, or more
-//   priority numbers than there are. Writes that were planned until then are to be made all the same.
+// Errors: WindowFull when an edit needs a free place and there is none, or more priority numbers than there
+//   are. The list is what it was; behind assign() it is a part of it, without what was to go or to come
+//   back. Writes that were planned until then are to be made all the same.
 #pragma once
 
 #include <optional>

@@ -164,5 +164,15 @@ TEST_F(PlannerTest, ListThatNeedsTooManyNumbersIsRefused) {
   EXPECT_EQ(planner.audit(), "");
 }
 
+TEST_F(PlannerTest, WholeListOfTooManyNumbersLeavesNothing) {
+  Planner planner({.size = 300, .greatest = 10});
+  std::vector<Match> const many(20, all());
+  EXPECT_THROW(planner.assign(many), WindowFull);
+  EXPECT_EQ(planner.list().size(), 0U);
+  EXPECT_EQ(planner.audit(), "");
+  EXPECT_EQ(planner.assign(std::span(many).first(5)).size(), 5U);
+  EXPECT_EQ(planner.audit(), "");
+}
+
 }  // namespace
 }  // namespace Planning
