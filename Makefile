@@ -83,6 +83,7 @@ install: build ## library, public headers and executables below DESTDIR/PREFIX (
 
 packages: build ## Debian packages: library, development files, programs; in build/packages
 	$(SAY) "packages: in build/packages"
+	@scripts/bootstrap packages
 	@cd build && cpack -B packages
 
 try-packages: packages ## installs them on this machine, uses each, and takes them away again
